@@ -1,0 +1,64 @@
+// Reading and writing wire bytes: the one place for byte order and bounds of message bodies.
+// Works on the caller's buffer alone; nothing here locks or logs.
+#ifndef ZEB_WIRE_H
+#define ZEB_WIRE_H
+
+#include <cstdint>
+#include <cstring>
+
+#include <zeb/zeb_msg.h>
+#include <zeb/zeb_tlv.h>
+
+static inline uint32_t zeb_wire_get_u32(const uint8_t *bytes)
+{
+    uint32_t value;
+    memcpy(&value, bytes, sizeof(value));
+    return ntohl(value);
+}
+
+static inline void zeb_wire_put_u32(uint8_t *bytes, uint32_t value)
+{
+    value = htonl(value);
+    memcpy(bytes, &value, sizeof(value));
+}
+
+// One element of a body.
+typedef struct zeb_tlv_item_s {
+    uint16_t type;
+    uint16_t len;   // bytes of the value
+    uint8_t *value; // inside the body
+} zeb_tlv_item_t;
+
+typedef enum zeb_tlv_step_e : int {
+    ZEB_TLV_END = 0,     // the body is used up
+    ZEB_TLV_ITEM = 1,    // `item` is the next element
+    ZEB_TLV_INVALID = 2, // the rest of the body is not a list of elements
+} zeb_tlv_step_t;
+
+// Takes the next element of a body and moves the cursor behind it. Beyond TLV_LIST_OK it refuses an element that is
+// shorter than its own header and one whose step would be 0: neither would ever let the walk end.
+static inline zeb_tlv_step_t zeb_tlv_next(struct tlv_list_desc *cursor, zeb_tlv_item_t *item)
+{
+    if (TLV_LIST_EMPTY(cursor))
+        return ZEB_TLV_END;
+    if (cursor->tlv_space < sizeof(struct tlv_desc) || !TLV_LIST_OK(cursor))
+        return ZEB_TLV_INVALID;
+    uint16_t tlv_len = ntohs(cursor->tlv_ptr->tlv_len);
+    if (tlv_len < sizeof(struct tlv_desc) || (uint16_t)TLV_ALIGN(tlv_len) == 0)
+        return ZEB_TLV_INVALID;
+    item->type = TLV_LIST_DATA_TYPE(cursor);
+    item->len = TLV_LIST_DATA_LENGTH(cursor);
+    item->value = (uint8_t *)TLV_LIST_DATA(cursor);
+    TLV_LIST_STEP(cursor);
+    return ZEB_TLV_ITEM;
+}
+
+// Cursor on the body of a message in host order.
+static inline struct tlv_list_desc zeb_tlv_body(zeb_msg_t *msg)
+{
+    struct tlv_list_desc cursor;
+    TLV_LIST_INIT(&cursor, msg->data, zeb_msg_data_len(msg));
+    return cursor;
+}
+
+#endif
