@@ -1,0 +1,140 @@
+/* ZEB: messages between the application processes of a multi-node device, over Linux TIPC.
+ *
+ * A process registers its application ids, says whom it talks to, calls zeb_run, and from then on addresses other
+ * applications by id and node. Results are 0 (or a count or an id) on success and a negative errno value otherwise:
+ *   -EINVAL  a bad argument              -ENOENT  not registered, or no online server
+ *   -EAGAIN  would block, or a part of the application could not be created
+ *   -EEXIST  already registered          -ENOBUFS a fixed table is full
+ *   -1       a socket or system call failed
+ *
+ * Threads. Every call may be made from any thread unless it says otherwise, and none may be made from a signal handler.
+ * After fork() the child must not use the library. Callbacks of an application registered with zeb_register run on that
+ * application's own thread, one at a time; those of one registered with zeb_register_without_thread run on the
+ * library's receive thread and must not block. No callback runs while the library holds a lock. */
+#ifndef ZEB_H
+#define ZEB_H
+
+#include <zeb/zeb_msg.h>
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Bits of the `flags` argument of the sending calls. */
+#define ZEB_SEND_NOWAIT 0x01       /* fail with -EAGAIN where the call would block */
+#define ZEB_SEND_EXCLUDE_SELF 0x04 /* sending to one's own application id: leave this node's instance out */
+
+#define ZEB_APP_NAME_LEN 32 /* a longer name is cut to 31 characters */
+
+/* Type of an event. */
+typedef enum zeb_event_type_e {
+    ZEB_APP_JOIN = 0, /* a server instance of a peer application is online */
+    ZEB_APP_QUIT = 1, /* it is gone */
+    ZEB_EVENT_TYPE_NUM = 2
+} zeb_event_type_t;
+
+typedef struct zeb_event_s {
+    uint32_t my_app; /* the local application that is told */
+    uint32_t type;   /* zeb_event_type_t */
+    union {
+        struct {
+            uint32_t node;
+            uint32_t app;
+        } app; /* the peer instance */
+    } event;
+} zeb_event_t;
+
+/* Event callback; the result is ignored. */
+typedef void *(*zeb_app_event_fun_t)(zeb_event_t event);
+
+/* Message callback. The message belongs to the function, which releases it with free(). The result is ignored. */
+typedef void *(*zeb_msg_dispatcher_fun_t)(zeb_msg_t *msg);
+
+/* One row of a dispatcher table. The first row whose `ver` equals the message's app_ver gets it; versions match
+ * exactly. A row with `ver` 0 or a null function ends the table. */
+typedef struct zeb_msg_dispatcher_s {
+    uint32_t ver;
+    zeb_msg_dispatcher_fun_t fun;
+} zeb_msg_dispatcher_t;
+
+/* Registers application `app` (1..8191 or 16384..20479) in this process and gives it a thread of its own for its
+ * callbacks. The first registration loads /etc/zeb.conf and the node id and starts the library.
+ *
+ * app_name    not null; copied, cut to 31 characters
+ * dispatcher  not null; the table is copied. A table with only the end row makes a client: it can send but is never
+ *             a destination
+ * event       called when a peer server joins or quits; may be null
+ *
+ * Returns 0; -EINVAL for a bad id or a null name; -EEXIST when `app` is registered in this process already; -ENOBUFS
+ * past 31 applications; -EAGAIN when a part of the application could not be created (nothing of it is left); -1 when
+ * the node id is not known, the library is running already or could not be started. Blocks only for the library's lock.
+ */
+int zeb_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event);
+
+/* As zeb_register, but the callbacks run on the library's receive thread: they delay everything else that this process
+ * receives, and must not block. */
+int zeb_register_without_thread(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
+                                zeb_app_event_fun_t event);
+
+/* Returns 0, or -EINVAL for a bad id. The application stays registered until the process ends. */
+int zeb_unregister(uint32_t app);
+
+/* Ends registration and lets the library receive: about one second later the applications of this process are visible
+ * to their peers. May be called again harmlessly. */
+void zeb_run(void);
+
+/* The same as zeb_run; `app` is ignored. Returns 0. */
+int zeb_app_ready(uint32_t app);
+
+/* Says that the local application `src_app` talks to `dst_app`; both sides of a pair must say so before they call
+ * zeb_run. An application talks to its own id from its registration on. Returns 0; -EINVAL for a bad id; -ENOENT when
+ * `src_app` is not registered in this process. */
+int zeb_comm_with(uint32_t src_app, uint32_t dst_app);
+
+/* Switches on and off whether a peer that this process has kept blocked for too long may ask it to end itself. Call
+ * them after the first registration, which resets the switch to off. */
+void zeb_enable_blocked_resume(void);
+void zeb_disable_blocked_resume(void);
+
+/* True when the switch is on and the configuration file allows it (zeb_blocked_resume_enabled=true). */
+bool zeb_blocked_resume_enabled(void);
+
+/* Sends `msg` to every online server instance of `dst_app`, on every node.
+ *
+ * src_app  a registered application of this process
+ * dst_app  an application id; 0 means src_app itself
+ * msg      made with zeb_msg_alloc, not null. It stays the caller's whatever the result; its header is overwritten
+ * flags    ZEB_SEND_... or 0
+ *
+ * Returns 0 when it was handed to TIPC for every instance; -EINVAL; -ENOENT when there is no online server; -1 when at
+ * least one instance could not be written to (the others were). */
+int zeb_send(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags);
+
+/* As zeb_send, to the instances on `dst_node` alone: a node id 0..65535, ZEB_NODE_LOCAL or ZEB_NODE_ALL. */
+int zeb_sendto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags);
+
+/* Loads the configuration: the debug and log masks once per process, the node id until it is known. zeb_register calls
+ * it. Returns 0, or -1 when the node id cannot be had. */
+int zeb_cfg_init(void);
+
+/* This node's id 0..65535, or -1 while the platform has not written a valid one. */
+int zeb_get_my_node_id(void);
+
+/* The priority that the configuration file gives `app`, or 0. */
+int zeb_get_app_priority(uint32_t app);
+
+/* The members of the multicast entry `app_mc` of the configuration file: all 16 places are copied into `mbrs`, the
+ * number in use is returned. 0, with `mbrs` untouched, when there is no such entry. */
+int zeb_get_app_mc_members(uint32_t app_mc, uint32_t mbrs[16]);
+
+/* True when the configuration file has zeb_blocked_resume_enabled=true. */
+bool zeb_cfg_get_blocked_resume_enabled(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

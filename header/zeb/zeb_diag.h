@@ -1,0 +1,69 @@
+/* Looking into a running process: listings, the print buffer and the debug switch. For management tools; these calls
+ * have a version node of their own (ZEB_PRIVATE) and may change with the library.
+ *
+ * The listings append to one print buffer per process, which has no lock: inside the library only the receive thread
+ * uses it, so a program calls them from a callback of an application registered without a thread, or before zeb_run. */
+#ifndef ZEB_DIAG_H
+#define ZEB_DIAG_H
+
+#include <zeb/zeb.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Levels of log lines. The mask of a level is 1 << level, of ZEB_DBG_LEVEL_ALL 15. */
+typedef enum zeb_dbg_level_e {
+    ZEB_DBG_LEVEL_VERBOSE = 0,
+    ZEB_DBG_LEVEL_INFO = 1,
+    ZEB_DBG_LEVEL_WARN = 2,
+    ZEB_DBG_LEVEL_ERROR = 3,
+    ZEB_DBG_LEVEL_ALL = 4
+} zeb_dbg_level_t;
+
+#define ZEB_DBG_STATUS_LEN 32 /* room for the text of zeb_get_dbg_status_str */
+#define ZEB_MSG_FLAGS_LEN 32  /* room for the text of zeb_get_msg_flags_str */
+
+/* Whether lines of a level go to standard output. */
+bool zeb_dbg_verbose_on(void);
+bool zeb_dbg_info_on(void);
+bool zeb_dbg_warn_on(void);
+bool zeb_dbg_error_on(void);
+
+/* Switches printing of `level` on (`set` true) or off; a level outside 0..4 is ignored. */
+void zeb_dbg_update_level(bool set, int level);
+
+/* Names of the levels that are printed, in `buf` of ZEB_DBG_STATUS_LEN bytes; "none" when `mask` is 0. The result
+ * points into `buf` or at constant text. */
+const char *zeb_get_dbg_status_str(uint32_t mask, char *buf);
+
+/* Names of the header flag bits `flags`, in `buf` of ZEB_MSG_FLAGS_LEN bytes; "none" when there is none. */
+const char *zeb_get_msg_flags_str(uint8_t flags, char *buf);
+
+/* Texts of codes; a code outside its table gives "" (a TIPC error "TIPC unknown"). Constant. */
+const char *zeb_tipc_err_string(uint32_t code);
+const char *zeb_reply_stat_string(int stat);
+const char *zeb_msg_type_string(int type);
+const char *zeb_event_type_string(int type);
+
+/* Empties the print buffer. */
+void zeb_buf_printf_reset(void);
+
+/* Appends at most 255 characters to the print buffer, which holds about 16 KiB. When a text does not fit, it is cut and
+ * the buffer's first line says so. Needs a zeb_buf_printf_reset first. */
+void zeb_buf_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/* The print buffer as a message whose payload is the text and one NUL; null before the first zeb_buf_printf_reset. */
+extern zeb_msg_t *g_print_msg;
+
+/* Append to the print buffer: the state of the library, of `app`, and of those whom `app` talks to. Nothing is printed
+ * for an application that is not registered here. */
+void zeb_cli_print_lib_info(uint32_t app);
+void zeb_cli_print_app_info(uint32_t app);
+void zeb_cli_print_app_comm(uint32_t src_app);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,63 @@
+// Debug and log masks, the logging rule, the print buffer, the dumps and the texts of codes.
+// Entered by every thread. The masks are single words read relaxed; the print buffer belongs to the receive thread.
+#ifndef ZEB_DBG_H
+#define ZEB_DBG_H
+
+#include <cstdint>
+
+#include <zeb/zeb_diag.h>
+
+#include "zeb_lock.h"
+
+constexpr int ZEB_DBG_LINE_LEN = 256;     // a log line and a piece of listing, terminator included
+constexpr int ZEB_PRINT_BUF_LEN = 16384;  // the print buffer, its list link included
+constexpr uint32_t ZEB_DBG_MASK_ALL = 15; // mask of ZEB_DBG_LEVEL_ALL
+
+extern "C" {
+extern uint32_t g_zeb_dbg_level __attribute__((visibility("default"))); // levels printed to standard output
+extern uint32_t g_zeb_log_level __attribute__((visibility("default"))); // levels recorded in the log file
+}
+
+// True when a line of `level` goes anywhere at all; tested before anything is formatted.
+static inline bool zeb_log_on(zeb_dbg_level_t level)
+{
+    uint32_t mask = zeb_load_relaxed(&g_zeb_dbg_level) | zeb_load_relaxed(&g_zeb_log_level);
+    return (mask & (1u << level)) != 0;
+}
+
+// Formats one line and hands it to the places whose mask has `level`. errno is kept.
+void zeb_log_line(zeb_dbg_level_t level, const char *file, int line, const char *format, ...)
+    __attribute__((format(printf, 4, 5), cold));
+
+// Writes a finished line to standard output, "%%" as one "%" and every other character as it stands.
+void zeb_dbg_print_line(const char *text);
+
+constexpr const char *zeb_file_name(const char *path)
+{
+    const char *name = path;
+    for (const char *p = path; *p != '\0'; p++)
+        if (*p == '/')
+            name = p + 1;
+    return name;
+}
+
+#define ZEB_LOG(level, ...)                                                                                            \
+    do {                                                                                                               \
+        if (zeb_log_on(level)) {                                                                                       \
+            constexpr const char *zeb_log_file_ = zeb_file_name(__FILE__);                                             \
+            zeb_log_line(level, zeb_log_file_, __LINE__, __VA_ARGS__);                                                 \
+        }                                                                                                              \
+    } while (0)
+
+#define ZEB_VERBOSE(...) ZEB_LOG(ZEB_DBG_LEVEL_VERBOSE, __VA_ARGS__)
+#define ZEB_INFO(...) ZEB_LOG(ZEB_DBG_LEVEL_INFO, __VA_ARGS__)
+#define ZEB_WARN(...) ZEB_LOG(ZEB_DBG_LEVEL_WARN, __VA_ARGS__)
+#define ZEB_ERROR(...) ZEB_LOG(ZEB_DBG_LEVEL_ERROR, __VA_ARGS__)
+
+// Prints the header of a message in host order to standard output, when VERBOSE lines are printed.
+void zeb_dump_msg_hdr_info(const zeb_msg_t *msg);
+
+// Prints `len` bytes in hex to standard output, when ERROR lines are printed.
+void zeb_dump_msg_raw(const void *data, int len);
+
+#endif
