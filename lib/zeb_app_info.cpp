@@ -1,0 +1,300 @@
+// Application records: socket, queue, proxy thread, dispatch by version.
+// The receive thread and the online state queue items; the application's proxy thread takes them off one at a time, or
+// the receive thread delivers them at once for an application without a proxy thread. The record's mutex guards the
+// queue and is never held while a callback runs.
+#include "zeb_app_info.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "platform/list_algo.h"
+#include "zeb_cfg.h"
+#include "zeb_dbg.h"
+#include "zeb_mng.h"
+
+constexpr int THREAD_NAME_LEN = 16; // the kernel's limit
+
+// Delivers one event record and frees it.
+static void dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    zeb_event_t event;
+    memcpy(&event, msg->data, sizeof(event));
+    ZEB_INFO("ZEB app %d dispatch app %d/%d event: %s.\n", app_info->app_id, event.event.app.app, event.event.app.node,
+             zeb_event_type_string((int)event.type));
+    (void)app_info->event_fun(event);
+    free(msg);
+}
+
+// The first queued item; waits for one.
+static zeb_msg_t *take_item(zeb_app_info_t *app_info)
+{
+    zeb_scoped_lock lock(&app_info->mutex);
+    while (list_empty(&app_info->msg_list)) {
+        struct timespec deadline = zeb_deadline_in(1);
+        (void)zeb_cond_wait_until(&app_info->msg_cond, &app_info->mutex, &deadline);
+    }
+    zeb_msg_t *msg = list_record<zeb_msg_t>(app_info->msg_list.next);
+    list_del(&msg->list);
+    return msg;
+}
+
+static void *proxy_thread_fun(void *arg)
+{
+    zeb_app_info_t *app_info = (zeb_app_info_t *)arg;
+    char name[THREAD_NAME_LEN];
+    (void)snprintf(name, sizeof(name), "zeb_app_%u", app_info->app_id);
+    (void)prctl(PR_SET_NAME, name);
+    zeb_wait_for_running();
+    ZEB_INFO("ZEB app %d proxy thread start.\n", app_info->app_id);
+    for (;;) {
+        zeb_msg_t *msg = take_item(app_info);
+        if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
+            dispatch_app_event(app_info, msg);
+        else
+            zeb_dispatch_app_msg(app_info, msg);
+    }
+    return nullptr;
+}
+
+static bool init_queue(zeb_app_info_t *app_info)
+{
+    uint32_t app = app_info->app_id;
+    int ret = zeb_mutex_init(&app_info->mutex);
+    if (ret != 0) {
+        ZEB_ERROR("ZEB init app %d info mutex failed: %s.\n", app, strerror(ret));
+        return false;
+    }
+    ret = zeb_cond_init(&app_info->msg_cond, [app](zeb_cond_step_t step, int err) {
+        if (step == ZEB_COND_STEP_ATTR)
+            ZEB_ERROR("ZEB init app %d condition attribute failed: %s.\n", app, strerror(err));
+        else if (step == ZEB_COND_STEP_CLOCK)
+            ZEB_ERROR("ZEB set app %d condition clock attribute failed: %s.\n", app, strerror(err));
+        else
+            ZEB_ERROR("ZEB init app %d msg distribute condition failed: %s.\n", app, strerror(err));
+    });
+    if (ret != 0) {
+        zeb_mutex_destroy(&app_info->mutex);
+        return false;
+    }
+    return true;
+}
+
+static bool start_proxy_thread(zeb_app_info_t *app_info)
+{
+    int ret = pthread_create(&app_info->tid, nullptr, proxy_thread_fun, app_info);
+    if (ret == 0)
+        return true;
+    ZEB_ERROR("ZEB create app %d proxy thread failed: %s.\n", app_info->app_id, strerror(ret));
+    zeb_cond_destroy(&app_info->msg_cond);
+    zeb_mutex_destroy(&app_info->mutex);
+    return false;
+}
+
+static void free_record(zeb_app_info_t *app_info)
+{
+    free(app_info->dispatcher);
+    free(app_info);
+}
+
+static zeb_app_info_t *new_record(uint32_t app, const char *app_name, int dispatcher_num,
+                                  const zeb_msg_dispatcher_t *dispatcher)
+{
+    zeb_app_info_t *app_info = (zeb_app_info_t *)zeb_malloc(sizeof(zeb_app_info_t));
+    app_info->app_id = app;
+    app_info->priority = zeb_get_app_priority(app);
+    (void)snprintf(app_info->name, sizeof(app_info->name), "%s", app_name);
+    // One row more than there are dispatchers: its version 0 ends the table.
+    app_info->dispatcher = (zeb_msg_dispatcher_t *)zeb_malloc((dispatcher_num + 1) * (int)sizeof(zeb_msg_dispatcher_t));
+    memcpy(app_info->dispatcher, dispatcher, (size_t)dispatcher_num * sizeof(zeb_msg_dispatcher_t));
+    return app_info;
+}
+
+zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
+                                 const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
+{
+    ZEB_VERBOSE("ZEB add app %d info.\n", app);
+    zeb_app_info_t *app_info = new_record(app, app_name, dispatcher_num, dispatcher);
+    app_info->with_proxy_thread = thread;
+    app_info->event_fun = event;
+    INIT_LIST_HEAD(&app_info->msg_list);
+
+    app_info->sd = zeb_create_app_socket(app, app_info->priority);
+    if (app_info->sd == -1) {
+        free_record(app_info);
+        return nullptr;
+    }
+    if (!init_queue(app_info) || (thread && !start_proxy_thread(app_info))) {
+        (void)close(app_info->sd);
+        free_record(app_info);
+        return nullptr;
+    }
+    return app_info;
+}
+
+void zeb_del_app_info(zeb_app_info_t *app_info)
+{
+    if (app_info == nullptr)
+        return;
+    ZEB_INFO("ZEB destroy app %d info.\n", app_info->app_id);
+    (void)close(app_info->sd);
+    if (app_info->with_proxy_thread) {
+        (void)pthread_cancel(app_info->tid);
+        (void)pthread_join(app_info->tid, nullptr);
+    }
+    zeb_cond_destroy(&app_info->msg_cond);
+    zeb_mutex_destroy(&app_info->mutex);
+    free_record(app_info);
+}
+
+zeb_app_info_t *zeb_get_app_info(uint32_t app)
+{
+    zeb_app_mng_t *slot = zeb_get_app_mng(app);
+    return slot == nullptr ? nullptr : slot->info;
+}
+
+int zeb_get_app_sd(uint32_t app)
+{
+    const zeb_app_info_t *app_info = zeb_get_app_info(app);
+    return app_info == nullptr ? -1 : app_info->sd;
+}
+
+static void enqueue(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        list_add_tail(&msg->list, &app_info->msg_list);
+    }
+    zeb_cond_signal(&app_info->msg_cond);
+}
+
+void zeb_enqueue_msg_dist(zeb_msg_t *msg, zeb_app_info_t *app_info)
+{
+    if (app_info->with_proxy_thread)
+        enqueue(app_info, msg);
+    else
+        zeb_dispatch_app_msg(app_info, msg);
+}
+
+int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg)
+{
+    zeb_app_info_t *app_info = zeb_get_app_info(app);
+    if (app_info == nullptr || app_info->event_fun == nullptr)
+        return -1;
+    if (app_info->with_proxy_thread)
+        enqueue(app_info, msg);
+    else
+        dispatch_app_event(app_info, msg);
+    return 0;
+}
+
+void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    uint32_t ver = msg->hdr.app_ver;
+    char flags[ZEB_MSG_FLAGS_LEN];
+    ZEB_VERBOSE("ZEB dispatch app %d msg from %d/%d, ver %d, data len %d, msg flags: %s.\n", app_info->app_id,
+                msg->hdr.src_app, msg->hdr.src_node, ver, zeb_msg_data_len(msg),
+                zeb_get_msg_flags_str(msg->hdr.flag, flags));
+
+    zeb_msg_dispatcher_fun_t fun = zeb_get_dispatch_fun(app_info, ver);
+    if (fun != nullptr) {
+        (void)fun(msg);
+        return;
+    }
+    ZEB_VERBOSE("ZEB app %d ver %d dispatcher not exist.\n", app_info->app_id, ver);
+    free(msg);
+}
+
+zeb_msg_dispatcher_fun_t zeb_get_dispatch_fun(const zeb_app_info_t *app_info, uint32_t ver)
+{
+    for (const zeb_msg_dispatcher_t *row = app_info->dispatcher; row->ver != 0; row++) {
+        if (row->ver == ver)
+            return row->fun;
+    }
+    return nullptr;
+}
+
+zeb_mismatch_info_t zeb_get_app_ver_range(const zeb_app_info_t *app_info)
+{
+    zeb_mismatch_info_t range = {0xFFFFFFFFu, 0};
+    for (const zeb_msg_dispatcher_t *row = app_info->dispatcher; row->ver != 0; row++) {
+        range.low = row->ver < range.low ? row->ver : range.low;
+        range.high = row->ver > range.high ? row->ver : range.high;
+    }
+    ZEB_VERBOSE("ZEB app %d version range [%d, %d].\n", app_info->app_id, range.low, range.high);
+    return range;
+}
+
+bool zeb_is_app_server(uint32_t app)
+{
+    const zeb_app_info_t *app_info = zeb_get_app_info(app);
+    return app_info != nullptr && app_info->dispatcher[0].ver != 0;
+}
+
+static bool is_from(const zeb_msg_t *msg, uint32_t app, uint32_t node)
+{
+    return msg->hdr.src_app == app && msg->hdr.src_node == node;
+}
+
+void zeb_discard_app_msg(uint32_t recv_app, uint32_t sent_app, uint32_t sent_node)
+{
+    ZEB_INFO("ZEB app %d discard %d/%d msg.\n", recv_app, sent_app, sent_node);
+    zeb_app_info_t *app_info = zeb_get_app_info(recv_app);
+    if (app_info == nullptr)
+        return;
+    zeb_scoped_lock lock(&app_info->mutex);
+    (void)list_remove_matching<zeb_msg_t>(&app_info->msg_list,
+                                          [&](const zeb_msg_t *msg) { return is_from(msg, sent_app, sent_node); });
+}
+
+int zeb_unprocess_app_msg_num(uint32_t recv_app, uint32_t sent_app, uint32_t sent_node)
+{
+    zeb_app_info_t *app_info = zeb_get_app_info(recv_app);
+    if (app_info == nullptr)
+        return 0;
+    int num = 0;
+    zeb_scoped_lock lock(&app_info->mutex);
+    list_each<zeb_msg_t>(&app_info->msg_list,
+                         [&](const zeb_msg_t *msg) { num += is_from(msg, sent_app, sent_node) ? 1 : 0; });
+    return num;
+}
+
+zeb_msg_t *zeb_new_event_msg(uint32_t my_app, zeb_event_type_t type, uint32_t node, uint32_t app)
+{
+    zeb_event_t event;
+    memset(&event, 0, sizeof(event));
+    event.my_app = my_app;
+    event.type = type;
+    event.event.app.node = node;
+    event.event.app.app = app;
+    static_assert(sizeof(event) == 16, "an event record's body has 16 bytes");
+
+    zeb_msg_t *msg = zeb_msg_alloc(sizeof(event), 1, 0);
+    assert(msg != NULL);
+    msg->hdr.flag = ZEB_MSG_FLAG_MNG;
+    memcpy(msg->data, &event, sizeof(event));
+    return msg;
+}
+
+void zeb_cli_print_app_info(uint32_t app)
+{
+    zeb_app_info_t *app_info = zeb_get_app_info(app);
+    if (app_info == nullptr)
+        return;
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        zeb_buf_printf("Application %d/%d [%s] information:\n", app, zeb_get_my_node_id(), app_info->name);
+        zeb_buf_printf("  Proxy thread 0x%x, socket %d, priority %d\n", (unsigned)app_info->tid, app_info->sd,
+                       app_info->priority);
+        zeb_buf_printf("  Callback functions: event %p, message dispatchers:\n  ", (void *)app_info->event_fun);
+        for (const zeb_msg_dispatcher_t *row = app_info->dispatcher; row->ver != 0; row++)
+            zeb_buf_printf("  version %d %p", row->ver, (void *)row->fun);
+        zeb_buf_printf("\n");
+    }
+    zeb_cli_print_app_comm(app);
+    zeb_scoped_lock lock(&app_info->mutex);
+    zeb_buf_printf("  Unprocessed message number %d\n\n", list_length(&app_info->msg_list));
+}

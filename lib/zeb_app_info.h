@@ -1,0 +1,56 @@
+// Application records: socket, queue, proxy thread, dispatch by version.
+// The receive thread queues; the proxy thread of each application takes off and runs the callbacks, or the receive
+// thread itself for an application without one. A queued item is delivered exactly once, by whoever takes it off.
+#ifndef ZEB_APP_INFO_H
+#define ZEB_APP_INFO_H
+
+#include <pthread.h>
+
+#include <zeb/zeb.h>
+
+#include "zeb_lock.h"
+
+typedef struct zeb_app_info_s {
+    uint32_t app_id;
+    int sd; // TIPC socket
+    int priority;
+    char name[ZEB_APP_NAME_LEN];
+    bool with_proxy_thread;
+    pthread_t tid;       // valid with with_proxy_thread
+    zeb_cond_t msg_cond; // signalled once for each queued item, after the mutex is released
+    // Guards msg_list. Nothing of ours is taken under it, and no callback runs under it.
+    zeb_mutex_t mutex;
+    zeb_app_event_fun_t event_fun;                   // may be null
+    zeb_msg_dispatcher_t *dispatcher;                // own copy, ended by ver 0
+    struct list_head msg_list ZEB_GUARDED_BY(mutex); // zeb_msg_t: messages and event records
+} zeb_app_info_t;
+
+// Makes the record of `app` with its socket and, with `thread`, its proxy thread. Null on failure, with nothing left.
+zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
+                                 const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event);
+
+// Undoes zeb_add_app_info; null is ignored. Only for a record that the receive thread has not queued anything for.
+void zeb_del_app_info(zeb_app_info_t *app_info);
+
+zeb_app_info_t *zeb_get_app_info(uint32_t app); // null when not registered here
+int zeb_get_app_sd(uint32_t app);               // -1 when not registered here
+
+// Queues a message, or delivers it at once without a proxy thread. Takes the message.
+void zeb_enqueue_msg_dist(zeb_msg_t *msg, zeb_app_info_t *app_info);
+
+// Queues an event record likewise. -1 without record or callback: the caller keeps it. Not to be called under a lock.
+int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg);
+
+void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg);
+zeb_msg_dispatcher_fun_t zeb_get_dispatch_fun(const zeb_app_info_t *app_info, uint32_t ver);
+zeb_mismatch_info_t zeb_get_app_ver_range(const zeb_app_info_t *app_info);
+bool zeb_is_app_server(uint32_t app);
+
+// Drops the queued items that came from one instance; counts them.
+void zeb_discard_app_msg(uint32_t recv_app, uint32_t sent_app, uint32_t sent_node);
+int zeb_unprocess_app_msg_num(uint32_t recv_app, uint32_t sent_app, uint32_t sent_node);
+
+// A new event record for `my_app` about the instance (app, node).
+zeb_msg_t *zeb_new_event_msg(uint32_t my_app, zeb_event_type_t type, uint32_t node, uint32_t app);
+
+#endif

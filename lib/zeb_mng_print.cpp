@@ -1,0 +1,90 @@
+// Listings of the manager's state into the print buffer, for the monitor timer and management requests. Run on the
+// receive thread, under g_lib_mutex.
+#include <zeb/zeb_diag.h>
+
+#include "platform/list_algo.h"
+#include "zeb_cfg.h"
+#include "zeb_dbg.h"
+#include "zeb_mng.h"
+#include "zeb_mng_msg.h"
+#include "zeb_mng_online.h"
+#include "zeb_mng_sync.h"
+
+// Prints a title and, for each online application, the nodes of one of its sets.
+static void print_sets(const char *title, const char *what, zeb_app_set_t zeb_ol_app_t::*set) ZEB_REQUIRES(g_lib_mutex)
+{
+    zeb_buf_printf("%s", title);
+    list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [&](zeb_ol_app_t *ol) {
+        zeb_buf_printf("    Application %d %s on nodes:", ol->app_id, what);
+        zeb_app_set_each(&(ol->*set), [](uint32_t node) { zeb_buf_printf(" %d", node); });
+        zeb_buf_printf("\n");
+    });
+}
+
+static void print_subscribers() ZEB_REQUIRES(g_lib_mutex)
+{
+    zeb_buf_printf("  Online application subscribers:\n");
+    list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [](zeb_ol_app_t *ol) {
+        zeb_buf_printf("    Application %d subscribed by applications:", ol->app_id);
+        list_each<zeb_subscr_app_t>(&ol->subscr_app_list,
+                                    [](const zeb_subscr_app_t *subscr) { zeb_buf_printf(" %d", subscr->subscr_app); });
+        zeb_buf_printf("\n");
+    });
+}
+
+// Prints the title and the entries of a list that is not empty.
+template <typename T, typename PrintEntry>
+static void print_pending(const char *title, struct list_head *head, PrintEntry print_entry)
+{
+    if (list_empty(head))
+        return;
+    zeb_buf_printf("%s", title);
+    list_each<T>(head, print_entry);
+    zeb_buf_printf("\n");
+}
+
+void zeb_cli_print_lib_info(uint32_t app)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    zeb_buf_printf("Application %d/%d process's ZEB library information:\n", app, zeb_get_my_node_id());
+    zeb_buf_printf("  ZEB library thread 0x%x, subscription socket %d\n", (unsigned)g_zeb_mng.lib_tid,
+                   g_zeb_mng.subscr_sd);
+    zeb_buf_printf("  Applications in this process:");
+    zeb_each_app_mng([](const zeb_app_mng_t *slot) { zeb_buf_printf(" %d", slot->app_id); });
+    zeb_buf_printf("\n");
+
+    print_sets("  Online application servers:\n", "server", &zeb_ol_app_t::srv_bmp);
+    print_subscribers();
+    print_sets("  Online application instances:\n", "instance", &zeb_ol_app_t::inst_bmp);
+    print_sets("  Online application instances acked:\n", "instance acked", &zeb_ol_app_t::inst_ack_bmp);
+    print_sets("  Online application instances online:\n", "instance online", &zeb_ol_app_t::ol_bmp);
+
+    print_pending<zeb_msg_t>("  Unack instance sync(src_app/seq->dst_app/dst_node):\n   ", &g_zeb_mng.inst_sync_list,
+                             [](const zeb_msg_t *msg) {
+                                 zeb_buf_printf(" %d/%d->%d/%d", msg->hdr.src_app, zeb_sync_inst_msg_seq(msg),
+                                                msg->hdr.dst_app, msg->hdr.dst_node);
+                             });
+    print_pending<zeb_resume_comm_t>("  Communication resume info(src_app/seq->dst_app/dst_node):\n   ",
+                                     &g_zeb_mng.resume_comm_list, [](const zeb_resume_comm_t *resume) {
+                                         zeb_buf_printf(" %d/%d->%d/%d", resume->src_app, resume->seq, resume->dst_app,
+                                                        resume->dst_node);
+                                     });
+    print_pending<zeb_msg_t>("  Resend instance sync ack(src_app->dst_app/dst_node/seq):\n   ",
+                             &g_zeb_mng.sync_inst_ack_list, [](const zeb_msg_t *msg) {
+                                 zeb_buf_printf(" %d->%d/%d/%d", msg->hdr.src_app, msg->hdr.dst_app, msg->hdr.dst_node,
+                                                zeb_sync_inst_msg_seq(msg));
+                             });
+}
+
+void zeb_cli_print_app_comm(uint32_t src_app)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    zeb_buf_printf("  Communication peer applications:");
+    list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [&](zeb_ol_app_t *ol) {
+        list_each<zeb_subscr_app_t>(&ol->subscr_app_list, [&](const zeb_subscr_app_t *subscr) {
+            if (subscr->subscr_app == src_app)
+                zeb_buf_printf(" %d", ol->app_id);
+        });
+    });
+    zeb_buf_printf("\n");
+}

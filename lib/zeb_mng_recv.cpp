@@ -1,0 +1,344 @@
+// The receive thread: polls the topology connection and the application sockets, reads datagrams with their ancillary
+// data, and routes each to the area that takes it.
+// Only this thread reads those descriptors and uses the two static buffers, so they need no lock. Whatever a datagram
+// holds, the thread goes on: a bad one is logged and dropped here.
+#include "zeb_mng_recv.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <linux/tipc.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "platform/list_algo.h"
+#include "zeb_dbg.h"
+#include "zeb_mng.h"
+#include "zeb_mng_msg.h"
+#include "zeb_mng_online.h"
+#include "zeb_mng_sync.h"
+#include "zeb_mng_timer.h"
+#include "zeb_wire.h"
+
+constexpr int RETDATA_MAX = 1024; // the kernel returns at most the head of a message
+
+// A datagram is read to where a zeb_msg_t keeps its header.
+static union {
+    zeb_msg_t msg;
+    uint8_t bytes[offsetof(zeb_msg_t, hdr) + ZEB_RECV_BUF_LEN];
+} s_recv_buf;
+
+static union {
+    struct cmsghdr align;
+    uint8_t bytes[ZEB_TIPC_ANC_SPACE];
+} s_anc_buf;
+
+typedef struct poll_set_s {
+    struct pollfd fds[ZEB_APP_SLOT_NUM + 1]; // the topology connection, then the application sockets in slot order
+    zeb_app_info_t *app[ZEB_APP_SLOT_NUM];
+    nfds_t app_num;
+} poll_set_t;
+
+bool zeb_verify_recv_msg_hdr(uint32_t, const zeb_msg_t *)
+{
+    return true;
+}
+
+bool zeb_verify_recv_retdata(uint32_t, const zeb_msg_t *)
+{
+    return true;
+}
+
+static bool is_rpc_reply(const zeb_msg_t *msg)
+{
+    constexpr uint8_t reply = ZEB_MSG_FLAG_REQUEST | ZEB_MSG_FLAG_ACK;
+    return (msg->hdr.flag & reply) == reply;
+}
+
+bool zeb_user_app_msg(const zeb_msg_t *msg)
+{
+    return (msg->hdr.flag & ZEB_MSG_FLAG_MNG) == 0 && !is_rpc_reply(msg);
+}
+
+int zeb_get_tipc_err_info(uint32_t app, int sd, uint32_t code, uint32_t size)
+{
+    ZEB_LOG(code >= TIPC_ERR_NO_NAME && code <= TIPC_ERR_NO_NODE ? ZEB_DBG_LEVEL_VERBOSE : ZEB_DBG_LEVEL_ERROR,
+            "ZEB app %d recv error info %s, data size %u bytes.\n", app, zeb_tipc_err_string(code), size);
+    int type = 0;
+    socklen_t len = sizeof(type);
+    if (getsockopt(sd, SOL_SOCKET, SO_TYPE, &type, &len) != 0) {
+        ZEB_ERROR("ZEB app %d get socket %d option failed: %s.\n", app, sd, strerror(errno));
+        return -1;
+    }
+    if (type != SOCK_SEQPACKET && type != SOCK_STREAM)
+        return 0;
+    return code == TIPC_CONN_SHUTDOWN ? 0 : -1;
+}
+
+void zeb_process_return_sync(zeb_msg_t *msg, uint32_t returned_len)
+{
+    if (msg->hdr.len < ZEB_MSG_HDR_LEN || msg->hdr.len > returned_len) {
+        ZEB_ERROR("ZEB app %d recv incomplete reject data.\n", msg->hdr.src_app);
+        return;
+    }
+    struct tlv_list_desc cursor = zeb_tlv_body(msg);
+    zeb_tlv_item_t item;
+    if (zeb_tlv_next(&cursor, &item) != ZEB_TLV_ITEM)
+        return;
+    if ((item.type != ZEB_MSG_SYNC_INST_ACK && item.type != ZEB_MSG_SYNC_INST_SEQ_ACK) || item.len < ZEB_SYNC_INST_LEN)
+        return;
+    uint32_t ttl = zeb_wire_get_u32(item.value + ZEB_SYNC_TTL_OFFSET);
+    if (ttl == 0)
+        return;
+    zeb_wire_put_u32(item.value + ZEB_SYNC_TTL_OFFSET, ttl - 1);
+
+    zeb_msg_t *zeb_msg = zeb_msg_alloc((int)zeb_msg_data_len(msg), 1, 0);
+    assert(zeb_msg != NULL);
+    memcpy(&zeb_msg->hdr, &msg->hdr, msg->hdr.len);
+    zeb_resend_sync_inst_ack_later(zeb_msg);
+}
+
+void zeb_process_tipc_retdata(uint32_t app, struct cmsghdr *item)
+{
+    ZEB_VERBOSE("ZEB app %d recv TIPC reject data.\n", app);
+    size_t size = item->cmsg_len - CMSG_LEN(0);
+    if (item->cmsg_len < CMSG_LEN(0) || size < ZEB_MSG_HDR_LEN) {
+        ZEB_ERROR("ZEB app %d recv incomplete reject data.\n", app);
+        return;
+    }
+    // A copy: the item ends where the next one begins, and its bytes need not be aligned for a header.
+    static union {
+        zeb_msg_t msg;
+        uint8_t bytes[offsetof(zeb_msg_t, hdr) + RETDATA_MAX];
+    } returned;
+    size = size > RETDATA_MAX ? RETDATA_MAX : size;
+    memset(&returned, 0, sizeof(returned));
+    memcpy(&returned.msg.hdr, CMSG_DATA(item), size);
+    zeb_convert_to_host(&returned.msg);
+    if (!zeb_verify_recv_retdata(app, &returned.msg))
+        return;
+    if ((returned.msg.hdr.flag & ZEB_MSG_FLAG_SYNC) != 0)
+        zeb_process_return_sync(&returned.msg, (uint32_t)size);
+    zeb_dump_msg_hdr_info(&returned.msg);
+}
+
+// Handles one ancillary item. Returns 0, or -1 when the error info says that the read failed.
+static int process_anc_item(uint32_t app, int sd, struct cmsghdr *item)
+{
+    uint32_t words[3] = {0, 0, 0};
+    size_t size = item->cmsg_len < CMSG_LEN(0) ? 0 : item->cmsg_len - CMSG_LEN(0);
+    if (item->cmsg_type == TIPC_RETDATA) {
+        zeb_process_tipc_retdata(app, item);
+        return 0;
+    }
+    memcpy(words, CMSG_DATA(item), size < sizeof(words) ? size : sizeof(words));
+    if (item->cmsg_type == TIPC_ERRINFO)
+        return zeb_get_tipc_err_info(app, sd, words[0], words[1]);
+    if (item->cmsg_type == TIPC_DESTNAME)
+        ZEB_VERBOSE("ZEB app %d recv dst name = {0x%x, 0x%x, 0x%x}\n", app, words[0], words[1], words[2]);
+    else
+        ZEB_WARN("ZEB app %d recv unrecognized ancillary data type %u\n", app, (unsigned)item->cmsg_type);
+    return 0;
+}
+
+int zeb_recvfrom_anc(uint32_t app, int sd, void *buf, size_t len, int flags, struct sockaddr *addr, socklen_t *addr_len)
+{
+    struct iovec iov = {buf, len};
+    struct msghdr hdr;
+    memset(&hdr, 0, sizeof(hdr));
+    hdr.msg_iov = &iov;
+    hdr.msg_iovlen = 1;
+    if (addr != nullptr && addr_len != nullptr) {
+        hdr.msg_name = addr;
+        hdr.msg_namelen = *addr_len;
+    }
+    bool peek = (flags & MSG_PEEK) != 0;
+    hdr.msg_control = peek ? nullptr : &s_anc_buf;
+    hdr.msg_controllen = peek ? 0 : sizeof(s_anc_buf);
+
+    ssize_t ret = recvmsg(sd, &hdr, flags);
+    if (ret >= 0 && hdr.msg_name != nullptr)
+        *addr_len = hdr.msg_namelen;
+    if (ret != 0 || peek)
+        return (int)ret;
+    for (struct cmsghdr *item = CMSG_FIRSTHDR(&hdr); item != nullptr; item = CMSG_NXTHDR(&hdr, item)) {
+        if (process_anc_item(app, sd, item) != 0)
+            ret = -1;
+    }
+    return (int)ret;
+}
+
+int zeb_recv_anc(uint32_t app, int sd, void *buf, size_t len, int flags)
+{
+    int ret = zeb_recvfrom_anc(app, sd, buf, len, flags, nullptr, nullptr);
+    if (ret >= ZEB_MSG_HDR_LEN)
+        zeb_convert_to_host(list_entry(buf, zeb_msg_t, hdr));
+    return ret;
+}
+
+void zeb_socket_recv_drop_msg(zeb_msg_t *msg)
+{
+    ZEB_VERBOSE("ZEB app %d recv msg from %d/%d had already quit.\n", msg->hdr.dst_app, msg->hdr.src_app,
+                msg->hdr.src_node);
+    free(msg);
+}
+
+// Hands a message to the area that takes it.
+static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    uint32_t src_app = msg->hdr.src_app;
+    uint32_t src_node = msg->hdr.src_node;
+    if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
+        zeb_sync_msg_process(msg);
+        return;
+    }
+    if (app_info->app_id != ZEBD_APP_ID && src_app != ZEBD_APP_ID && !zeb_app_instance(src_app, src_node)) {
+        zeb_socket_recv_drop_msg(msg);
+        return;
+    }
+    if (!zeb_app_online(src_app, src_node)) {
+        // The application learns of the sender before it sees its message.
+        zeb_del_reject_sync_inst_ack(msg->hdr.dst_app, src_app, src_node);
+        zeb_notify_app_join(msg->hdr.dst_app, src_node, src_app);
+    }
+    if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0 || is_rpc_reply(msg)) {
+        free(msg);
+        return;
+    }
+    zeb_enqueue_msg_dist(msg, app_info);
+}
+
+void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
+{
+    uint32_t app = app_info->app_id;
+    ZEB_VERBOSE("ZEB app %d recv new msg.\n", app);
+    zeb_msg_t *head = &s_recv_buf.msg;
+    memset(&head->hdr, 0, sizeof(head->hdr));
+    // Without waiting: the kernel discards an empty datagram that woke the poll, and a read would wait for the next
+    // one.
+    int len = zeb_recv_anc(app, app_info->sd, &head->hdr, ZEB_RECV_BUF_LEN, MSG_DONTWAIT);
+    if (len < 0) {
+        ZEB_ERROR("ZEB recv app %d msg failed: %s.\n", app, strerror(errno));
+        return;
+    }
+    if (len == 0)
+        return; // a returned message, handled with the ancillary data
+    constexpr int len_max = ZEB_MSG_HDR_LEN + ZEB_MSG_MAX_DATA;
+    if (len < ZEB_MSG_HDR_LEN || head->hdr.len != (uint32_t)len || len > len_max) {
+        ZEB_ERROR("ZEB app %d recv msg len %d, expectedly %d.\n", app, len, head->hdr.len);
+        zeb_dump_msg_raw(&head->hdr, len);
+        return;
+    }
+    zeb_msg_t *msg = zeb_msg_alloc(len - ZEB_MSG_HDR_LEN, 0, 0);
+    assert(msg != NULL);
+    memcpy(&msg->hdr, &head->hdr, (size_t)len);
+    if (!zeb_verify_recv_msg_hdr(app, msg)) {
+        zeb_dump_msg_hdr_info(msg);
+        free(msg);
+        return;
+    }
+    route_msg(app_info, msg);
+}
+
+int zeb_socket_recv_tipc_event()
+{
+    struct tipc_event event;
+    static_assert(sizeof(event) == 48, "a topology event has 48 bytes");
+    ssize_t ret = recv(g_zeb_mng.subscr_sd, &event, sizeof(event), 0);
+    if (ret != (ssize_t)sizeof(event)) {
+        ZEB_ERROR("ZEB recv subscription event failed:ret:%d, %d%s.\n", (int)ret, errno, strerror(errno));
+        return -1;
+    }
+    zeb_process_tipc_subscr_event(event);
+    return 0;
+}
+
+static void watch(struct pollfd *entry, int fd)
+{
+    entry->fd = fd;
+    entry->events = POLLIN;
+    entry->revents = 0;
+}
+
+static void build_poll_set(poll_set_t *set)
+{
+    memset(set, 0, sizeof(*set));
+    watch(&set->fds[0], g_zeb_mng.subscr_sd);
+    zeb_each_app_mng([&](zeb_app_mng_t *slot) {
+        set->app[set->app_num] = slot->info;
+        set->app_num++;
+        watch(&set->fds[set->app_num], slot->info->sd);
+    });
+}
+
+static void close_topology_connection()
+{
+    (void)shutdown(g_zeb_mng.subscr_sd, SHUT_RDWR);
+    (void)close(g_zeb_mng.subscr_sd);
+    g_zeb_mng.subscr_sd = -1;
+}
+
+// Timers that were pending on the lost connection are not started again; the subscriptions of applications are.
+static void reopen_topology_connection(poll_set_t *set)
+{
+    g_zeb_mng.subscr_sd = zeb_create_subscription_socket();
+    if (g_zeb_mng.subscr_sd == -1) {
+        ZEB_ERROR("ZEB create subscription socket failed(ret:%d, err:%d:%s)\n", g_zeb_mng.subscr_sd, errno,
+                  strerror(errno));
+        return;
+    }
+    zeb_subscr_tipc_events();
+    watch(&set->fds[0], g_zeb_mng.subscr_sd);
+}
+
+// One datagram per readable socket and turn, so that a busy socket does not starve the others.
+static void poll_once(poll_set_t *set)
+{
+    bool topology = g_zeb_mng.subscr_sd != -1;
+    struct pollfd *fds = topology ? set->fds : set->fds + 1;
+    int ready = poll(fds, topology ? set->app_num + 1 : set->app_num, ZEB_POLL_TIMEOUT_MS);
+    if (ready < 0) {
+        ZEB_WARN("ZEB polling error: %d:%s.\n", errno, strerror(errno));
+        return;
+    }
+    if (ready > 0) {
+        if (topology && set->fds[0].revents != 0 && zeb_socket_recv_tipc_event() != 0)
+            close_topology_connection();
+        for (nfds_t i = 0; i < set->app_num; i++) {
+            if (set->fds[i + 1].revents != 0)
+                zeb_socket_recv_app_msg(set->app[i]);
+        }
+    }
+    if (g_zeb_mng.subscr_sd == -1)
+        reopen_topology_connection(set);
+}
+
+static void bind_app_sockets()
+{
+    zeb_each_app_mng([](zeb_app_mng_t *slot) {
+        // An application that cannot take its name must not run half connected.
+        if (zeb_bind_app_socket(slot->info->app_id, slot->info->sd) != 0)
+            exit(1);
+    });
+}
+
+void *zeb_socket_msg_dist_thread_fun(void *)
+{
+    char name[16];
+    (void)snprintf(name, sizeof(name), "zeb_lib_%d", (int)getpid());
+    (void)prctl(PR_SET_NAME, name);
+    zeb_wait_for_running();
+    (void)sleep(1);
+    zeb_subscr_tipc_events();
+    bind_app_sockets();
+    ZEB_INFO("ZEB socket msg distribute thread start.\n");
+    (void)zeb_subscr_timer_event(ZEB_MONITOR_PERIOD, {ZEB_TIMER_TYPE_MONITOR, 1});
+
+    poll_set_t set;
+    build_poll_set(&set);
+    for (;;)
+        poll_once(&set);
+    return nullptr;
+}
