@@ -14,7 +14,9 @@
 #include "platform/list_algo.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
+#include "zeb_flow_ctrl.h"
 #include "zeb_mng.h"
+#include "zeb_rpc.h"
 
 constexpr int THREAD_NAME_LEN = 16; // the kernel's limit
 
@@ -113,6 +115,13 @@ static zeb_app_info_t *new_record(uint32_t app, const char *app_name, int dispat
     return app_info;
 }
 
+// No other thread knows the record yet.
+static void init_lists(zeb_app_info_t *app_info) ZEB_NO_THREAD_SAFETY_ANALYSIS
+{
+    INIT_LIST_HEAD(&app_info->msg_list);
+    zeb_mc_init(&app_info->mc);
+}
+
 zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
                                  const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
 {
@@ -120,7 +129,7 @@ zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread
     zeb_app_info_t *app_info = new_record(app, app_name, dispatcher_num, dispatcher);
     app_info->with_proxy_thread = thread;
     app_info->event_fun = event;
-    INIT_LIST_HEAD(&app_info->msg_list);
+    init_lists(app_info);
 
     app_info->sd = zeb_create_app_socket(app, app_info->priority);
     if (app_info->sd == -1) {
@@ -191,6 +200,15 @@ int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg)
     return 0;
 }
 
+static void reply_app_mismatch(const zeb_app_info_t *app_info, const zeb_msg_t *msg)
+{
+    zeb_mismatch_info_t range = zeb_get_app_ver_range(app_info);
+    int ret = zeb_rpc_reply_app_mismatch(msg, &range);
+    if (ret < 0)
+        ZEB_ERROR("ZEB app %d reply app mismatch [%d, %d] to %d/%d failed: %s.\n", app_info->app_id, range.low,
+                  range.high, msg->hdr.src_app, msg->hdr.src_node, strerror(-ret));
+}
+
 void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     uint32_t ver = msg->hdr.app_ver;
@@ -198,6 +216,8 @@ void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
     ZEB_VERBOSE("ZEB dispatch app %d msg from %d/%d, ver %d, data len %d, msg flags: %s.\n", app_info->app_id,
                 msg->hdr.src_app, msg->hdr.src_node, ver, zeb_msg_data_len(msg),
                 zeb_get_msg_flags_str(msg->hdr.flag, flags));
+    // Before the dispatcher is looked up: a message that has none counts as processed too.
+    zeb_fc_update_recv_ok(msg->hdr.src_app, msg->hdr.src_node, app_info->app_id);
 
     zeb_msg_dispatcher_fun_t fun = zeb_get_dispatch_fun(app_info, ver);
     if (fun != nullptr) {
@@ -205,6 +225,8 @@ void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
         return;
     }
     ZEB_VERBOSE("ZEB app %d ver %d dispatcher not exist.\n", app_info->app_id, ver);
+    if (zeb_is_rpc_request(msg))
+        reply_app_mismatch(app_info, msg);
     free(msg);
 }
 
@@ -245,9 +267,13 @@ void zeb_discard_app_msg(uint32_t recv_app, uint32_t sent_app, uint32_t sent_nod
     zeb_app_info_t *app_info = zeb_get_app_info(recv_app);
     if (app_info == nullptr)
         return;
-    zeb_scoped_lock lock(&app_info->mutex);
-    (void)list_remove_matching<zeb_msg_t>(&app_info->msg_list,
-                                          [&](const zeb_msg_t *msg) { return is_from(msg, sent_app, sent_node); });
+    int num = 0;
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        num = list_remove_matching<zeb_msg_t>(&app_info->msg_list,
+                                              [&](const zeb_msg_t *msg) { return is_from(msg, sent_app, sent_node); });
+    }
+    zeb_fc_update_recv_drop(sent_app, sent_node, recv_app, num);
 }
 
 int zeb_unprocess_app_msg_num(uint32_t recv_app, uint32_t sent_app, uint32_t sent_node)
@@ -297,4 +323,5 @@ void zeb_cli_print_app_info(uint32_t app)
     zeb_cli_print_app_comm(app);
     zeb_scoped_lock lock(&app_info->mutex);
     zeb_buf_printf("  Unprocessed message number %d\n\n", list_length(&app_info->msg_list));
+    zeb_cli_print_mc_info(&app_info->mc);
 }

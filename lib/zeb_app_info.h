@@ -9,6 +9,7 @@
 #include <zeb/zeb.h>
 
 #include "zeb_lock.h"
+#include "zeb_mc.h"
 
 typedef struct zeb_app_info_s {
     uint32_t app_id;
@@ -18,11 +19,12 @@ typedef struct zeb_app_info_s {
     bool with_proxy_thread;
     pthread_t tid;       // valid with with_proxy_thread
     zeb_cond_t msg_cond; // signalled once for each queued item, after the mutex is released
-    // Guards msg_list. Nothing of ours is taken under it, and no callback runs under it.
+    // Guards msg_list and mc. Nothing of ours is taken under it, and no callback runs under it.
     zeb_mutex_t mutex;
     zeb_app_event_fun_t event_fun;                   // may be null
     zeb_msg_dispatcher_t *dispatcher;                // own copy, ended by ver 0
     struct list_head msg_list ZEB_GUARDED_BY(mutex); // zeb_msg_t: messages and event records
+    zeb_mc_t mc ZEB_GUARDED_BY(mutex);               // private multicast groups
 } zeb_app_info_t;
 
 // Makes the record of `app` with its socket and, with `thread`, its proxy thread. Null on failure, with nothing left.

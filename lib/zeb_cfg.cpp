@@ -12,6 +12,7 @@
 #include <pthread.h>
 
 #include "zeb_dbg.h"
+#include "zeb_dm.h"
 #include "zeb_lock.h"
 
 static constexpr int CFG_LINE_LEN = 128;
@@ -22,6 +23,7 @@ static const char APP_MC_SECTION[] = "[APP_MCAST_TBL]";
 static const char MISC_SECTION[] = "[MISC_CONF]";
 
 static const char DBG_KEY[] = "zeb_dbg_cfg";
+static const char LOG_SIZE_KEY[] = "zeb_log_size";
 static const char LOG_KEY[] = "zeb_log_cfg";
 static const char BLOCKED_RESUME_KEY[] = "zeb_blocked_resume_enabled";
 
@@ -270,6 +272,16 @@ uint32_t zeb_get_log_cfg()
     return value;
 }
 
+uint32_t zeb_get_log_size()
+{
+    char value[ZEB_CFG_VALUE_LEN];
+    if (zeb_get_misc_cfg(LOG_SIZE_KEY, value, sizeof(value)) != 0 || value[0] == '\0')
+        return 0;
+    uint32_t size = (uint32_t)strtol(value, nullptr, 0);
+    ZEB_INFO("ZEB get log size 0x%x.\n", size);
+    return size;
+}
+
 bool zeb_cfg_get_blocked_resume_enabled(void)
 {
     char value[ZEB_CFG_VALUE_LEN] = "";
@@ -324,6 +336,9 @@ static void init_masks()
 {
     zeb_store_relaxed(&g_zeb_dbg_level, zeb_get_dbg_cfg() & ZEB_DBG_MASK_ALL);
     zeb_store_relaxed(&g_zeb_log_level, zeb_get_log_cfg() & ZEB_DBG_MASK_ALL);
+    if (zeb_load_relaxed(&g_zeb_log_level) != 0)
+        zeb_dm_init();
+    zeb_set_log_size(zeb_get_log_size());
 }
 
 int zeb_cfg_init(void)

@@ -40,5 +40,6 @@ int zeb_get_misc_cfg(const char *key, char *out, size_t len);
 // Numeric value of their key, 0 when it is absent.
 uint32_t zeb_get_dbg_cfg();
 uint32_t zeb_get_log_cfg();
+uint32_t zeb_get_log_size();
 
 #endif

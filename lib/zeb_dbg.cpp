@@ -8,6 +8,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "zeb_dm.h"
 #include "zeb_mng_msg.h"
 
 uint32_t g_zeb_dbg_level;
@@ -49,6 +50,8 @@ void zeb_log_line(zeb_dbg_level_t level, const char *file, int line, const char 
     }
     if ((zeb_load_relaxed(&g_zeb_dbg_level) & (1u << level)) != 0)
         zeb_dbg_print_line(text);
+    if ((zeb_load_relaxed(&g_zeb_log_level) & (1u << level)) != 0)
+        zeb_dm_record_log(text);
     errno = saved_errno;
 }
 
@@ -227,4 +230,9 @@ void zeb_buf_printf(const char *format, ...)
     memcpy(end, line, len);
     end[len] = '\0';
     g_print_msg->hdr.len += len;
+}
+
+int zeb_buf_printf_reply(const zeb_msg_t *request)
+{
+    return zeb_rpc_reply(request, g_print_msg, 0);
 }

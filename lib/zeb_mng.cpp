@@ -146,17 +146,24 @@ int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatc
         ZEB_WARN("ZEB lib's app registeration full.\n");
         return -ENOBUFS;
     }
+    slot->fc = zeb_add_app_fc(app);
+    slot->rpc = zeb_add_app_rpc_wait(app);
     slot->info = zeb_add_app_info(app, app_name, thread, dispatcher_num, dispatcher, event);
-    if (slot->info != nullptr && __zeb_add_comm_app(app, app) == 0) {
+    slot->mng_stat = zeb_add_mng_stat(app);
+    if (slot->fc != nullptr && slot->rpc != nullptr && slot->info != nullptr && slot->mng_stat != nullptr &&
+        __zeb_add_comm_app(app, app) == 0) {
         zeb_store_release(&slot->app_id, app);
         return 0;
     }
+    zeb_del_app_fc(slot->fc);
+    zeb_del_app_rpc_wait(slot->rpc);
     zeb_del_comm_app(app);
     zeb_app_mng_t parts = *slot;
     memset(slot, 0, sizeof(*slot));
     // The proxy thread waits for the running state under g_lib_mutex, which it needs to be cancelled.
     lock.unlock();
     zeb_del_app_info(parts.info);
+    zeb_del_mng_stat(parts.mng_stat);
     return -EAGAIN;
 }
 

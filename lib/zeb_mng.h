@@ -8,7 +8,10 @@
 #include <zeb/zeb.h>
 
 #include "zeb_app_info.h"
+#include "zeb_flow_ctrl.h"
+#include "zeb_flow_ctrl_stat.h"
 #include "zeb_lock.h"
+#include "zeb_rpc.h"
 
 constexpr int ZEB_APP_SLOT_NUM = 32; // the last slot stays free and ends every scan
 
@@ -20,6 +23,9 @@ extern zeb_mutex_t g_lib_mutex;
 typedef struct zeb_app_mng_s {
     uint32_t app_id; // 0: free. Written last, with release order, so that a scan without the lock sees a whole slot
     zeb_app_info_t *info;
+    zeb_fc_t *fc;
+    zeb_app_rpc_wait_t *rpc;
+    zeb_mng_stat_t *mng_stat;
 } zeb_app_mng_t;
 
 typedef struct zeb_mng_s {

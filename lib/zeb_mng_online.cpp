@@ -14,9 +14,12 @@
 #include "platform/list_algo.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
+#include "zeb_flow_ctrl.h"
+#include "zeb_flow_ctrl_stat.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_sync.h"
 #include "zeb_mng_timer.h"
+#include "zeb_rpc.h"
 
 zeb_ol_app_t *__zeb_get_ol_app(uint32_t app)
 {
@@ -142,6 +145,7 @@ void zeb_try_notify_app_join(uint32_t my_app, uint32_t inst_node, uint32_t inst_
         if (!zeb_app_set_test(&ol->srv_bmp, inst_node))
             return;
     }
+    zeb_fc_adjust_statistics(my_app, inst_app, inst_node);
     queue_event(my_app, zeb_new_event_msg(my_app, ZEB_APP_JOIN, inst_node, inst_app));
 }
 
@@ -328,9 +332,12 @@ static void __zeb_app_inst_quit(zeb_ol_app_t *ol, uint32_t app, uint32_t node, s
     forget_inst(ol, node);
     forget_inst_ack(ol, node);
     each_subscr_app(ol, [&](uint32_t subscr) {
+        zeb_fc_reset_unack(subscr, app, node);
+        zeb_clean_mng_msg_stat(subscr, app, node);
         zeb_discard_app_msg(subscr, app, node);
         if (!take_server(ol, node))
             return;
+        (void)zeb_terminate_rpc(subscr, app, node);
         ZEB_INFO("ZEB notify app %d of %d/%d quit.\n", subscr, app, node);
         zeb_msg_t *msg = zeb_new_event_msg(subscr, ZEB_APP_QUIT, node, app);
         list_add_tail(&msg->list, events);
@@ -359,7 +366,11 @@ static void quit_not_online(zeb_ol_app_t *ol, uint32_t node, quit_kind_t kind)
     forget_inst_ack(ol, node);
     if (kind == QUIT_FORCED)
         forget_inst(ol, node);
-    each_subscr_app(ol, [&](uint32_t) { (void)take_server(ol, node); });
+    each_subscr_app(ol, [&](uint32_t subscr) {
+        zeb_fc_reset_unack(subscr, ol->app_id, node);
+        if (take_server(ol, node))
+            (void)zeb_terminate_rpc(subscr, ol->app_id, node);
+    });
 }
 
 static void quit_instance(uint32_t app, uint32_t node, quit_kind_t kind)

@@ -15,11 +15,14 @@
 
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"
+#include "zeb_flow_ctrl.h"
+#include "zeb_flow_ctrl_stat.h"
 #include "zeb_mng.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_online.h"
 #include "zeb_mng_sync.h"
 #include "zeb_mng_timer.h"
+#include "zeb_rpc.h"
 #include "zeb_wire.h"
 
 constexpr int RETDATA_MAX = 1024; // the kernel returns at most the head of a message
@@ -51,15 +54,9 @@ bool zeb_verify_recv_retdata(uint32_t, const zeb_msg_t *)
     return true;
 }
 
-static bool is_rpc_reply(const zeb_msg_t *msg)
-{
-    constexpr uint8_t reply = ZEB_MSG_FLAG_REQUEST | ZEB_MSG_FLAG_ACK;
-    return (msg->hdr.flag & reply) == reply;
-}
-
 bool zeb_user_app_msg(const zeb_msg_t *msg)
 {
-    return (msg->hdr.flag & ZEB_MSG_FLAG_MNG) == 0 && !is_rpc_reply(msg);
+    return (msg->hdr.flag & ZEB_MSG_FLAG_MNG) == 0 && !zeb_is_rpc_reply(msg);
 }
 
 int zeb_get_tipc_err_info(uint32_t app, int sd, uint32_t code, uint32_t size)
@@ -81,6 +78,7 @@ void zeb_process_return_sync(zeb_msg_t *msg, uint32_t returned_len)
 {
     if (msg->hdr.len < ZEB_MSG_HDR_LEN || msg->hdr.len > returned_len) {
         ZEB_ERROR("ZEB app %d recv incomplete reject data.\n", msg->hdr.src_app);
+        zeb_fc_update_recv_exception(msg->hdr.src_app);
         return;
     }
     struct tlv_list_desc cursor = zeb_tlv_body(msg);
@@ -100,12 +98,29 @@ void zeb_process_return_sync(zeb_msg_t *msg, uint32_t returned_len)
     zeb_resend_sync_inst_ack_later(zeb_msg);
 }
 
+// Tells the area that sent it that a message came back.
+static void settle_returned(uint32_t app, zeb_msg_t *msg, uint32_t returned_len)
+{
+    uint32_t peer_app = msg->hdr.dst_app;
+    uint32_t peer_node = msg->hdr.dst_node;
+    if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
+        zeb_process_return_sync(msg, returned_len);
+        zeb_mng_stat_update_recv_reject(peer_app, peer_node, app);
+        return;
+    }
+    if (app == ZEBD_APP_ID)
+        (void)zeb_terminate_rpc(app, peer_app, peer_node);
+    else
+        zeb_fc_update_recv_retdata(peer_app, peer_node, app);
+}
+
 void zeb_process_tipc_retdata(uint32_t app, struct cmsghdr *item)
 {
     ZEB_VERBOSE("ZEB app %d recv TIPC reject data.\n", app);
     size_t size = item->cmsg_len - CMSG_LEN(0);
     if (item->cmsg_len < CMSG_LEN(0) || size < ZEB_MSG_HDR_LEN) {
         ZEB_ERROR("ZEB app %d recv incomplete reject data.\n", app);
+        zeb_fc_update_recv_exception(app);
         return;
     }
     // A copy: the item ends where the next one begins, and its bytes need not be aligned for a header.
@@ -117,10 +132,11 @@ void zeb_process_tipc_retdata(uint32_t app, struct cmsghdr *item)
     memset(&returned, 0, sizeof(returned));
     memcpy(&returned.msg.hdr, CMSG_DATA(item), size);
     zeb_convert_to_host(&returned.msg);
-    if (!zeb_verify_recv_retdata(app, &returned.msg))
+    if (!zeb_verify_recv_retdata(app, &returned.msg)) {
+        zeb_fc_update_recv_exception(app);
         return;
-    if ((returned.msg.hdr.flag & ZEB_MSG_FLAG_SYNC) != 0)
-        zeb_process_return_sync(&returned.msg, (uint32_t)size);
+    }
+    settle_returned(app, &returned.msg, (uint32_t)size);
     zeb_dump_msg_hdr_info(&returned.msg);
 }
 
@@ -182,6 +198,10 @@ void zeb_socket_recv_drop_msg(zeb_msg_t *msg)
 {
     ZEB_VERBOSE("ZEB app %d recv msg from %d/%d had already quit.\n", msg->hdr.dst_app, msg->hdr.src_app,
                 msg->hdr.src_node);
+    if (zeb_user_app_msg(msg))
+        zeb_fc_update_recv_drop(msg->hdr.src_app, msg->hdr.src_node, msg->hdr.dst_app, 1);
+    if (zeb_is_rpc_request(msg))
+        (void)zeb_rpc_reply_error(msg, ZEB_APP_UNAVAIL);
     free(msg);
 }
 
@@ -203,8 +223,13 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
         zeb_del_reject_sync_inst_ack(msg->hdr.dst_app, src_app, src_node);
         zeb_notify_app_join(msg->hdr.dst_app, src_node, src_app);
     }
-    if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0 || is_rpc_reply(msg)) {
-        free(msg);
+    if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0) {
+        zeb_mng_msg_process(msg);
+        return;
+    }
+    if (zeb_is_rpc_reply(msg)) {
+        if (zeb_rpc_add_reply(msg) != 0)
+            free(msg);
         return;
     }
     zeb_enqueue_msg_dist(msg, app_info);
@@ -221,6 +246,7 @@ void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
     int len = zeb_recv_anc(app, app_info->sd, &head->hdr, ZEB_RECV_BUF_LEN, MSG_DONTWAIT);
     if (len < 0) {
         ZEB_ERROR("ZEB recv app %d msg failed: %s.\n", app, strerror(errno));
+        zeb_fc_update_recv_exception(app);
         return;
     }
     if (len == 0)
@@ -228,6 +254,7 @@ void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
     constexpr int len_max = ZEB_MSG_HDR_LEN + ZEB_MSG_MAX_DATA;
     if (len < ZEB_MSG_HDR_LEN || head->hdr.len != (uint32_t)len || len > len_max) {
         ZEB_ERROR("ZEB app %d recv msg len %d, expectedly %d.\n", app, len, head->hdr.len);
+        zeb_fc_update_recv_exception(app);
         zeb_dump_msg_raw(&head->hdr, len);
         return;
     }
@@ -235,6 +262,7 @@ void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
     assert(msg != NULL);
     memcpy(&msg->hdr, &head->hdr, (size_t)len);
     if (!zeb_verify_recv_msg_hdr(app, msg)) {
+        zeb_fc_update_recv_exception(app);
         zeb_dump_msg_hdr_info(msg);
         free(msg);
         return;

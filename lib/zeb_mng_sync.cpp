@@ -27,6 +27,7 @@
 #include "platform/list_algo.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
+#include "zeb_flow_ctrl_stat.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_online.h"
 #include "zeb_mng_timer.h"
@@ -279,12 +280,14 @@ static void resend_pending() ZEB_NO_THREAD_SAFETY_ANALYSIS
         uint32_t src_app = msg->hdr.src_app;
         uint32_t dst_app = msg->hdr.dst_app;
         uint32_t dst_node = msg->hdr.dst_node;
-        if (zeb_tipc_sendto(src_app, msg, dst_app, dst_node, 0) != 0)
-            ZEB_WARN("ZEB app %d sync inst to %d/%d, seq %d FAIL.\n", src_app, dst_app, dst_node,
-                     zeb_sync_inst_msg_seq(msg));
-        else
-            ZEB_VERBOSE("ZEB app %d sync inst to %d/%d, seq %d SUCC.\n", src_app, dst_app, dst_node,
-                        zeb_sync_inst_msg_seq(msg));
+        uint32_t seq = zeb_sync_inst_msg_seq(msg);
+        if (zeb_tipc_sendto(src_app, msg, dst_app, dst_node, 0) != 0) {
+            ZEB_WARN("ZEB app %d sync inst to %d/%d, seq %d FAIL.\n", src_app, dst_app, dst_node, seq);
+            zeb_mng_stat_update_send_fail(dst_app, dst_node, src_app);
+            return;
+        }
+        ZEB_VERBOSE("ZEB app %d sync inst to %d/%d, seq %d SUCC.\n", src_app, dst_app, dst_node, seq);
+        zeb_mng_stat_update_sent(src_app, dst_app, dst_node, ZEB_MSG_SYNC_INST);
     });
 }
 
@@ -316,8 +319,16 @@ void zeb_process_resend_inst_timer_event(uint32_t seq)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
     list_each<zeb_msg_t>(&g_zeb_mng.sync_inst_ack_list, [&](zeb_msg_t *msg) {
-        if (msg->hdr.seq != seq || zeb_tipc_sendto(msg->hdr.src_app, msg, msg->hdr.dst_app, msg->hdr.dst_node, 0) != 0)
+        if (msg->hdr.seq != seq)
             return;
+        uint32_t src_app = msg->hdr.src_app;
+        uint32_t dst_app = msg->hdr.dst_app;
+        uint32_t dst_node = msg->hdr.dst_node;
+        if (zeb_tipc_sendto(src_app, msg, dst_app, dst_node, 0) != 0) {
+            zeb_mng_stat_update_send_fail(dst_app, dst_node, src_app);
+            return;
+        }
+        zeb_mng_stat_update_sent(src_app, dst_app, dst_node, TLV_DATA_TYPE(msg->data));
         list_del(&msg->list);
         free(msg);
     });

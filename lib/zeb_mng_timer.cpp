@@ -9,6 +9,7 @@
 #include <linux/tipc.h>
 
 #include "zeb_dbg.h"
+#include "zeb_dm.h"
 #include "zeb_mng.h"
 #include "zeb_mng_online.h"
 #include "zeb_mng_sync.h"
@@ -71,7 +72,14 @@ void zeb_process_monitor_timer_event(uint32_t seq)
     zeb_buf_printf("\n");
     zeb_cli_print_app_info(app);
     zeb_buf_printf("\n");
+    zeb_cli_print_fc_stat(app);
+    zeb_buf_printf("\n");
+    zeb_cli_print_mng_stat(app);
+    zeb_buf_printf("\n");
+    zeb_cli_print_rpc_stat(app);
+    zeb_buf_printf("\n");
 
     uint32_t next = 2 * (seq == 0 ? 1 : seq);
+    zeb_dm_record_stat();
     (void)zeb_subscr_timer_event(next * ZEB_MONITOR_PERIOD, {ZEB_TIMER_TYPE_MONITOR, next});
 }

@@ -1,13 +1,46 @@
-// The exported calls: registration, life cycle, sending. Entered by application threads; no lock of its own.
+// The exported calls: registration and life cycle (zeb_user_proxy.cpp), sending (zeb_user_proxy_send.cpp), RPC
+// (zeb_user_proxy_rpc.cpp). Entered by application threads; no lock of its own. Here: how a call's destinations are
+// named.
 #ifndef ZEB_USER_PROXY_H
 #define ZEB_USER_PROXY_H
 
 #include <zeb/zeb.h>
 
+#include "zeb_mc.h"
 #include "zeb_mng_online.h"
 
-constexpr int ZEB_APP_MC_MBR_NUM = 16;          // destination applications of one send
-constexpr int ZEB_NODE_MC_MBR_NUM = 64;         // destination nodes of one send
-constexpr uint32_t ZEB_NODE_NONE = 0xFFFFFFFFu; // an empty place in a node list
+// The destinations of one call: member applications, nodes, and per member the instances that are online servers. A
+// server set is taken afresh each time, so an instance that goes away in between is not written to.
+typedef struct zeb_dst_s {
+    uint32_t src_app;
+    int flags;
+    bool all_nodes;
+    zeb_app_mc_t apps;   // 0 is an empty place
+    zeb_node_mc_t nodes; // unless all_nodes; above 65535 is an empty place
+} zeb_dst_t;
+
+bool zeb_check_src_app(uint32_t src_app);
+
+// Fill the member lists from what the caller named. 0 or -EINVAL.
+int zeb_get_app_mbrs(zeb_dst_t *dst, uint32_t dst_app);
+int zeb_get_node_mbrs(zeb_dst_t *dst, uint32_t dst_node);
+
+// The online servers of a member, without this node's instance when the sender wants itself left out. False when the
+// member is to be skipped because this node is not known.
+bool zeb_get_member_servers(const zeb_dst_t *dst, uint32_t member, zeb_app_set_t *servers);
+
+// Calls visit(node) for each instance of a member that is addressed: ascending, or in the order of the node list.
+template <typename Visit>
+static inline void zeb_each_instance(const zeb_dst_t *dst, const zeb_app_set_t *servers, Visit visit)
+{
+    if (dst->all_nodes) {
+        zeb_app_set_each(servers, visit);
+        return;
+    }
+    for (uint32_t node : dst->nodes.mbr) {
+        if (zeb_app_set_test(servers, node))
+            visit(node);
+    }
+}
 
 #endif

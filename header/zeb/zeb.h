@@ -27,7 +27,8 @@ extern "C" {
 #define ZEB_SEND_NOWAIT 0x01       /* fail with -EAGAIN where the call would block */
 #define ZEB_SEND_EXCLUDE_SELF 0x04 /* sending to one's own application id: leave this node's instance out */
 
-#define ZEB_APP_NAME_LEN 32 /* a longer name is cut to 31 characters */
+#define ZEB_APP_NAME_LEN 32  /* a longer name is cut to 31 characters */
+#define ZEB_RPC_REPLY_NUM 64 /* instances that one call can reach */
 
 /* Type of an event. */
 typedef enum zeb_event_type_e {
@@ -105,16 +106,68 @@ bool zeb_blocked_resume_enabled(void);
 /* Sends `msg` to every online server instance of `dst_app`, on every node.
  *
  * src_app  a registered application of this process
- * dst_app  an application id; 0 means src_app itself
+ * dst_app  an application id or an application-private group; 0 means src_app itself
  * msg      made with zeb_msg_alloc, not null. It stays the caller's whatever the result; its header is overwritten
  * flags    ZEB_SEND_... or 0
  *
- * Returns 0 when it was handed to TIPC for every instance; -EINVAL; -ENOENT when there is no online server; -1 when at
- * least one instance could not be written to (the others were). */
+ * Blocks while an instance of a destination application has more than 1024 messages of `src_app` that it has not
+ * acknowledged as processed. Returns 0 when it was handed to TIPC for every instance; -EINVAL; -ENOENT when there is no
+ * online server; -EAGAIN where it would block, with ZEB_SEND_NOWAIT (nothing was sent to anybody); -1 when at least one
+ * instance could not be written to (the others were). */
 int zeb_send(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags);
 
-/* As zeb_send, to the instances on `dst_node` alone: a node id 0..65535, ZEB_NODE_LOCAL or ZEB_NODE_ALL. */
+/* As zeb_send, to the instances on `dst_node` alone: a node id 0..65535, ZEB_NODE_LOCAL, ZEB_NODE_ALL or a node-private
+ * group. */
 int zeb_sendto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags);
+
+/* What a call gathered. Each message's header tells who (src_app, src_node) and how it ended (rpc_stat). */
+typedef struct zeb_reply_msg_s {
+    int num; /* messages filed, in the order of their arrival */
+    zeb_msg_t *msg[ZEB_RPC_REPLY_NUM];
+} zeb_reply_msg_t;
+
+/* Sends the request `msg` to every online server instance of `dst_app` and blocks until each has answered, failed, quit
+ * or run out of time.
+ *
+ * src_app  a registered application of this process
+ * dst_app  an application id
+ * msg      the request, not null; it stays the caller's and its header is overwritten
+ * flags    ZEB_SEND_EXCLUDE_SELF or 0
+ * timeout  seconds that may pass without any answer; 0 waits without limit
+ * ret_buf  not null; cleared at entry. On return its messages are the caller's, each released with free():
+ *            ZEB_SUCCESS       with the server's body
+ *            ZEB_APP_MISMATCH  no dispatcher for the request's version; body zeb_mismatch_info_t in the server's byte
+ * order ZEB_APP_UNAVAIL   the server does not know this instance (yet) ZEB_SYSTEM_ERR    not written, answered without
+ * a body, or quit ZEB_TIMEOUT       no answer in time
+ *
+ * Returns 0 when every instance has an outcome in `ret_buf`; -EINVAL; -ENOENT without an online server; -ENOBUFS past
+ * 64 instances; another non-zero value when the call failed, with `ret_buf` empty. A dispatcher may call it, but one of
+ * an application without a thread blocks the thread that files the answers: only a time-out ends such a call. */
+int zeb_rpc(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags, uint32_t timeout, zeb_reply_msg_t *ret_buf);
+
+/* As zeb_rpc, to the instances on `dst_node` alone: a node id 0..65535, ZEB_NODE_LOCAL, ZEB_NODE_ALL or a node-private
+ * group. */
+int zeb_rpcto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags, uint32_t timeout,
+              zeb_reply_msg_t *ret_buf);
+
+/* Answers the request `src_msg`, as the dispatcher received it, with `reply_msg`; null answers ZEB_SYSTEM_ERR. Both
+ * messages stay the caller's. `flags` is reserved: pass 0. Returns 0; -EINVAL when `src_msg` is null or no request; -1
+ * when the answer could not be written. The caller takes the first answer of an instance; later ones are dropped there.
+ */
+int zeb_rpc_reply(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags);
+
+/* Application-private groups: up to 128 lists of up to 16 application ids, and as many of up to 64 node ids, of
+ * `src_app` in this process. A group id stands for its members in the destination of the sending calls. Results:
+ * -ENOENT when `src_app` is not registered here or has no such group; -ENOBUFS when there are 128 groups or no free
+ * place; -EINVAL for a member that is no application or node id. */
+int zeb_create_app_mcast(uint32_t src_app); /* the new id, 12288..16383 */
+int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app);
+void zeb_del_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t del_app);
+void zeb_destroy_app_mcast(uint32_t src_app, uint32_t mc_app);
+int zeb_create_node_mcast(uint32_t src_app); /* the new id, 0x80000..0x8FFFF */
+int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node);
+void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node);
+void zeb_destroy_node_mcast(uint32_t src_app, uint32_t mc_node);
 
 /* Loads the configuration: the debug and log masks once per process, the node id until it is known. zeb_register calls
  * it. Returns 0, or -1 when the node id cannot be had. */

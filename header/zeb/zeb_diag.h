@@ -53,6 +53,9 @@ void zeb_buf_printf_reset(void);
  * the buffer's first line says so. Needs a zeb_buf_printf_reset first. */
 void zeb_buf_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+/* Sends the print buffer as the answer to `request`. The result of zeb_rpc_reply. */
+int zeb_buf_printf_reply(const zeb_msg_t *request);
+
 /* The print buffer as a message whose payload is the text and one NUL; null before the first zeb_buf_printf_reset. */
 extern zeb_msg_t *g_print_msg;
 
@@ -61,6 +64,9 @@ extern zeb_msg_t *g_print_msg;
 void zeb_cli_print_lib_info(uint32_t app);
 void zeb_cli_print_app_info(uint32_t app);
 void zeb_cli_print_app_comm(uint32_t src_app);
+void zeb_cli_print_fc_stat(uint32_t app);  /* flow control counters */
+void zeb_cli_print_mng_stat(uint32_t app); /* synchronisation messages */
+void zeb_cli_print_rpc_stat(uint32_t app); /* calls in progress */
 
 #ifdef __cplusplus
 }

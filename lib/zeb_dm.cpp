@@ -1,0 +1,237 @@
+// The log and statistics files of this process: opened once at start-up, the log wrapped at its size, the statistics
+// rewritten with every dump, the oldest files of earlier processes removed.
+#include "zeb_dm.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/list_algo.h"
+#include "zeb_dbg.h"
+#include "zeb_lock.h"
+#include "zeb_mng.h"
+
+FILE *g_zeb_log_fp;
+
+static FILE *s_stat_fp;
+static size_t s_log_offset; // bytes since the file was opened or wrapped; relaxed
+static size_t s_log_size = ZEB_LOG_SIZE_DEFAULT;
+
+static const char DEFAULT_ROOT[] = "/velk";
+static const char ROOT_VARIABLE[] = "VELK_DIR";
+static constexpr size_t SUB_DIRS_LEN = sizeof("/dev/zeb"); // with the terminator
+
+void zeb_set_log_size(size_t size)
+{
+    if (size != 0)
+        zeb_store_relaxed(&s_log_size, size);
+}
+
+void zeb_dm_record_log(const char *line)
+{
+    if (g_zeb_log_fp == nullptr)
+        return;
+    if (zeb_load_relaxed(&s_log_offset) >= zeb_load_relaxed(&s_log_size)) {
+        // Not truncated: newer records overwrite older ones from the top.
+        if (fseek(g_zeb_log_fp, 0, SEEK_SET) != 0)
+            return;
+        zeb_store_relaxed(&s_log_offset, (size_t)0);
+    }
+    char when[32] = "";
+    time_t now = time(nullptr);
+    (void)ctime_r(&now, when);
+    size_t when_len = strcspn(when, "\n");
+    when[when_len++] = ' ';
+    size_t line_len = strlen(line);
+    (void)fwrite(when, 1, when_len, g_zeb_log_fp);
+    (void)fwrite(line, 1, line_len, g_zeb_log_fp);
+    zeb_store_relaxed(&s_log_offset, zeb_load_relaxed(&s_log_offset) + when_len + line_len);
+}
+
+static bool write_stat(const char *when)
+{
+    size_t when_len = strlen(when);
+    size_t text_len = zeb_msg_data_len(g_print_msg);
+    return fwrite(when, 1, when_len, s_stat_fp) == when_len &&
+           fwrite(g_print_msg->data, 1, text_len, s_stat_fp) == text_len && fflush(s_stat_fp) == 0 &&
+           fsync(fileno(s_stat_fp)) == 0;
+}
+
+static bool rewrite_stat(const char *when)
+{
+    if (ftruncate(fileno(s_stat_fp), 0) != 0) {
+        ZEB_ERROR("ZEB truncate stat file failed: %s.\n", strerror(errno));
+        return false;
+    }
+    if (fseek(s_stat_fp, 0, SEEK_SET) != 0) {
+        ZEB_ERROR("ZEB seek stat file failed: %s.\n", strerror(errno));
+        return false;
+    }
+    if (!write_stat(when)) {
+        ZEB_ERROR("ZEB write stat file failed: %s.\n", strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+void zeb_dm_record_stat()
+{
+    if (s_stat_fp == nullptr || g_print_msg == nullptr)
+        return;
+    char when[32] = "";
+    time_t now = time(nullptr);
+    (void)ctime_r(&now, when);
+    if (rewrite_stat(when))
+        return;
+    (void)fclose(s_stat_fp);
+    s_stat_fp = nullptr;
+}
+
+static void flush_and_close(FILE *fp)
+{
+    (void)fflush(fp);
+    (void)fsync(fileno(fp));
+    (void)fclose(fp);
+}
+
+// The streams are not forgotten: the process asks to be aborted right afterwards.
+void zeb_dm_close_files()
+{
+    if (g_zeb_log_fp == nullptr)
+        return;
+    flush_and_close(g_zeb_log_fp);
+    if (s_stat_fp != nullptr)
+        flush_and_close(s_stat_fp);
+}
+
+static bool make_dir(const char *path)
+{
+    return access(path, F_OK) == 0 || mkdir(path, 0777) == 0;
+}
+
+int zeb_make_log_dir(char *buf, size_t len)
+{
+    const char *root = getenv(ROOT_VARIABLE);
+    (void)snprintf(buf, len, "%s", root != nullptr ? root : DEFAULT_ROOT);
+    if (!make_dir(buf) || len - strlen(buf) < SUB_DIRS_LEN)
+        return -1;
+    (void)strcat(buf, "/dev");
+    if (!make_dir(buf))
+        return -1;
+    (void)strcat(buf, "/zeb");
+    return make_dir(buf) ? 0 : -1;
+}
+
+// Name of the running executable, without its directory.
+static bool get_exe_name(char (&name)[ZEB_DM_PATH_LEN])
+{
+    char link[32];
+    char path[ZEB_DM_PATH_LEN];
+    (void)snprintf(link, sizeof(link), "/proc/%ld/exe", (long)getpid());
+    ssize_t len = readlink(link, path, sizeof(path) - 1);
+    if (len < 0)
+        return false;
+    path[len] = '\0';
+    const char *slash = strrchr(path, '/');
+    if (slash == nullptr)
+        return false;
+    (void)snprintf(name, sizeof(name), "%s", slash + 1);
+    return true;
+}
+
+// Fills `file` from a directory entry; false when it is not one of ours.
+static bool read_old_file(const char *dir, const char *name, const char *prefix, zeb_dm_file_t *file)
+{
+    if (strncmp(name, prefix, strlen(prefix)) != 0)
+        return false;
+    int len = snprintf(file->path, sizeof(file->path), "%s/%s", dir, name);
+    if (len < 0 || len >= (int)sizeof(file->path))
+        return false;
+    struct stat status;
+    if (lstat(file->path, &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    file->last_change_time = (uint32_t)status.st_mtime;
+    return true;
+}
+
+static int newest_first(const void *a, const void *b)
+{
+    uint32_t time_a = ((const zeb_dm_file_t *)a)->last_change_time;
+    uint32_t time_b = ((const zeb_dm_file_t *)b)->last_change_time;
+    return time_a == time_b ? 0 : (time_a > time_b ? -1 : 1);
+}
+
+// Keeps the newest files whose name begins with `prefix` and deletes the others, among the first ones read.
+static void remove_old_files(const char *dir, const char *prefix)
+{
+    constexpr int room = ZEB_DM_KEEP * ZEB_DM_RESERVE_RATE;
+    DIR *stream = opendir(dir);
+    if (stream == nullptr)
+        return;
+    zeb_dm_file_t *files = (zeb_dm_file_t *)zeb_malloc(room * (int)sizeof(zeb_dm_file_t));
+    int num = 0;
+    const struct dirent *entry = nullptr;
+    while (num < room && (entry = readdir(stream)) != nullptr) {
+        if (read_old_file(dir, entry->d_name, prefix, &files[num]))
+            num++;
+    }
+    (void)closedir(stream);
+    if (num > ZEB_DM_KEEP)
+        qsort(files, (size_t)num, sizeof(*files), newest_first);
+    for (int i = ZEB_DM_KEEP; i < num; i++)
+        (void)unlink(files[i].path);
+    free(files);
+}
+
+typedef struct file_name_s {
+    char dir[ZEB_DM_DIR_LEN];
+    char exe[ZEB_DM_PATH_LEN];
+    char stamp[32]; // UTC
+} file_name_t;
+
+// Opens "<dir>/<kind>-<exe>-<pid>-<stamp>" after the older files of the kind were thinned out. Null on failure, with
+// the path in `path` and errno set.
+static FILE *open_file(const file_name_t *name, const char *kind, char (&path)[PATH_MAX])
+{
+    char prefix[ZEB_DM_PATH_LEN + 8];
+    (void)snprintf(prefix, sizeof(prefix), "%s-%s", kind, name->exe);
+    remove_old_files(name->dir, prefix);
+    (void)snprintf(path, sizeof(path), "%s/%s-%ld-%s", name->dir, prefix, (long)getpid(), name->stamp);
+    FILE *fp = fopen(path, "we");
+    if (fp == nullptr)
+        return nullptr;
+    (void)fchmod(fileno(fp), 0777);
+    (void)zeb_set_fd_close_on_exec(fileno(fp));
+    return fp;
+}
+
+void zeb_dm_init()
+{
+    file_name_t name;
+    if (zeb_make_log_dir(name.dir, sizeof(name.dir)) != 0)
+        return;
+    struct tm utc;
+    time_t now = time(nullptr);
+    name.stamp[0] = '\0';
+    if (gmtime_r(&now, &utc) != nullptr)
+        (void)strftime(name.stamp, sizeof(name.stamp), "%Y%m%d-%H%M%S", &utc);
+    if (!get_exe_name(name.exe))
+        return;
+
+    char path[PATH_MAX];
+    FILE *log = open_file(&name, "log", path);
+    if (log == nullptr) {
+        ZEB_ERROR("ZEB open debug log file %s failed: %s.\n", path, strerror(errno));
+    } else {
+        (void)setvbuf(log, nullptr, _IOLBF, 0);
+        g_zeb_log_fp = log;
+    }
+    s_stat_fp = open_file(&name, "stat", path);
+    if (s_stat_fp == nullptr)
+        ZEB_ERROR("ZEB open stat file %s failed: %s.\n", path, strerror(errno));
+}

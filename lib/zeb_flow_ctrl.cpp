@@ -1,0 +1,413 @@
+// Flow control per pair: the sender's window, the receiver's acknowledgements, the counters.
+// Sending threads enter zeb_fc_check and may wait there on the record's condition; the receive thread applies
+// acknowledgements, joins and quits, and wakes them; proxy threads count what they take up and acknowledge it in
+// batches. Peer records are created at first use and live as long as the application's record.
+#include "zeb_flow_ctrl.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/list_algo.h"
+#include "zeb_dbg.h"
+#include "zeb_mng.h"
+#include "zeb_mng_msg.h"
+
+zeb_fc_t *zeb_add_app_fc(uint32_t app)
+{
+    ZEB_VERBOSE("ZEB add new flow ctrl for app %d.\n", app);
+    zeb_fc_t *fc = (zeb_fc_t *)zeb_malloc(sizeof(zeb_fc_t));
+    int ret = zeb_mutex_init(&fc->mutex);
+    if (ret != 0) {
+        ZEB_ERROR("ZEB init app %d flow ctrl condition mutex failed: %s.\n", app, strerror(ret));
+        free(fc);
+        return nullptr;
+    }
+    ret = zeb_cond_init(&fc->cond, [app](zeb_cond_step_t step, int err) {
+        if (step == ZEB_COND_STEP_ATTR)
+            ZEB_ERROR("ZEB init app %d flow ctrl condition attribute failed: %s.\n", app, strerror(err));
+        else if (step == ZEB_COND_STEP_CLOCK)
+            ZEB_ERROR("ZEB init app %d flow ctrl condition clock attribute failed: %s.\n", app, strerror(err));
+        else
+            ZEB_ERROR("ZEB init app %d flow ctrl condition failed: %s.\n", app, strerror(err));
+    });
+    if (ret != 0) {
+        zeb_mutex_destroy(&fc->mutex);
+        free(fc);
+        return nullptr;
+    }
+    fc->app_id = app;
+    zeb_scoped_lock lock(&fc->mutex);
+    INIT_LIST_HEAD(&fc->send_list);
+    INIT_LIST_HEAD(&fc->recv_list);
+    return fc;
+}
+
+void zeb_del_app_fc(zeb_fc_t *fc)
+{
+    if (fc == nullptr)
+        return;
+    ZEB_VERBOSE("ZEB delete app %d flow ctrl.\n", fc->app_id);
+    {
+        zeb_scoped_lock lock(&fc->mutex);
+        (void)list_remove_matching<zeb_send_app_fc_t>(&fc->send_list, [](const zeb_send_app_fc_t *) { return true; });
+        (void)list_remove_matching<zeb_recv_app_fc_t>(&fc->recv_list, [](const zeb_recv_app_fc_t *) { return true; });
+    }
+    zeb_cond_destroy(&fc->cond);
+    zeb_mutex_destroy(&fc->mutex);
+    free(fc);
+}
+
+zeb_fc_t *zeb_get_app_fc(uint32_t app)
+{
+    zeb_app_mng_t *slot = zeb_get_app_mng(app);
+    return slot == nullptr ? nullptr : slot->fc;
+}
+
+// The record of `app`, or null with the line that says so about `shown`.
+static zeb_fc_t *get_fc(uint32_t app, uint32_t shown)
+{
+    zeb_fc_t *fc = zeb_get_app_fc(app);
+    if (fc == nullptr)
+        ZEB_ERROR("ZEB app %d get flow control failed.\n", shown);
+    return fc;
+}
+
+static bool is_unicast(uint32_t app, uint32_t node)
+{
+    return zeb_valid_app_id(app) && zeb_valid_node_id(node);
+}
+
+zeb_send_app_fc_t *__zeb_get_send_app_fc(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node)
+{
+    return list_find_or_create<zeb_send_app_fc_t>(
+        &fc->send_list,
+        [&](const zeb_send_app_fc_t *record) {
+            return record->dst_app_id == dst_app && record->dst_node_id == dst_node;
+        },
+        [&] {
+            ZEB_VERBOSE("ZEB app %d add new send flow ctrl to %d/%d.\n", fc->app_id, dst_app, dst_node);
+            zeb_send_app_fc_t *record = (zeb_send_app_fc_t *)zeb_malloc(sizeof(zeb_send_app_fc_t));
+            record->dst_app_id = dst_app;
+            record->dst_node_id = dst_node;
+            return record;
+        });
+}
+
+zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node)
+{
+    return list_find_or_create<zeb_recv_app_fc_t>(
+        &fc->recv_list,
+        [&](const zeb_recv_app_fc_t *record) {
+            return record->src_app_id == src_app && record->src_node_id == src_node;
+        },
+        [&] {
+            ZEB_VERBOSE("ZEB app %d add new recv flow ctrl from %d/%d.\n", fc->app_id, src_app, src_node);
+            zeb_recv_app_fc_t *record = (zeb_recv_app_fc_t *)zeb_malloc(sizeof(zeb_recv_app_fc_t));
+            record->src_app_id = src_app;
+            record->src_node_id = src_node;
+            return record;
+        });
+}
+
+// Per destination application, not per instance: one congested node blocks sending to that application on every node.
+bool zeb_fc_accept_msg(zeb_fc_t *fc, uint32_t dst_app)
+{
+    const zeb_send_app_fc_t *blocking = list_find<zeb_send_app_fc_t>(
+        &fc->send_list, [&](const zeb_send_app_fc_t *record) { return zeb_fc_blocks(record, dst_app); });
+    if (blocking != nullptr) {
+        ZEB_VERBOSE("ZEB app %d reject new msg to %d.\n", fc->app_id, dst_app);
+        return false;
+    }
+    ZEB_VERBOSE("ZEB app %d accept new msg to %d.\n", fc->app_id, dst_app);
+    return true;
+}
+
+// Calls visit(record) for each send record of `dst_app` that blocks.
+template <typename Visit>
+static void each_blocking(zeb_fc_t *fc, uint32_t dst_app, Visit visit) ZEB_REQUIRES(fc->mutex)
+{
+    list_each<zeb_send_app_fc_t>(&fc->send_list, [&](const zeb_send_app_fc_t *record) {
+        if (zeb_fc_blocks(record, dst_app))
+            visit(record);
+    });
+}
+
+static void zeb_fc_print_timeout_log(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex)
+{
+    each_blocking(fc, dst_app, [&](const zeb_send_app_fc_t *record) {
+        ZEB_ERROR("ZEB app %d to %d/%d was blocked for too long.\n", fc->app_id, dst_app, record->dst_node_id);
+    });
+}
+
+static void zeb_fc_reload_peer(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex)
+{
+    each_blocking(fc, dst_app, [&](const zeb_send_app_fc_t *record) {
+        ZEB_ERROR("ZEB app %d try to reload %d/%d to resume communication.\n", fc->app_id, dst_app,
+                  record->dst_node_id);
+        (void)zeb_send_fc_reload(fc->app_id, record->dst_node_id, dst_app);
+    });
+}
+
+// Waits until the destination is accepted, without an overall limit. A sender without relief logs and diagnoses after
+// 1, 2, 4, 8... periods and asks the peer to abort after the third.
+static void zeb_fc_wait_for_send(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex)
+{
+    unsigned count = 0;
+    unsigned interval = 1;
+    struct timespec deadline = zeb_deadline_in(ZEB_FC_WAIT_PERIOD);
+    while (!zeb_fc_accept_msg(fc, dst_app)) {
+        ZEB_VERBOSE("ZEB app %d to %d wait for flow ctrl condition.\n", fc->app_id, dst_app);
+        if (zeb_cond_wait_until(&fc->cond, &fc->mutex, &deadline) == 0)
+            continue;
+        count++;
+        if (count % interval == 0) {
+            interval *= 2;
+            zeb_fc_print_timeout_log(fc, dst_app);
+            zeb_fc_diagnose_destination(fc, dst_app);
+        }
+        if (count == ZEB_FC_RELOAD_ROUND)
+            zeb_fc_reload_peer(fc, dst_app);
+        deadline = zeb_deadline_in(ZEB_FC_WAIT_PERIOD);
+    }
+}
+
+int zeb_fc_check(uint32_t src_app, uint32_t dst_app, int flags)
+{
+    zeb_fc_t *fc = get_fc(src_app, src_app);
+    if (fc == nullptr)
+        return -ENOENT;
+    zeb_scoped_lock lock(&fc->mutex);
+    if (zeb_fc_accept_msg(fc, dst_app))
+        return 0;
+    if ((flags & ZEB_SEND_NOWAIT) != 0)
+        return -EAGAIN;
+    ZEB_VERBOSE("ZEB app %d to %d wait for sending.\n", src_app, dst_app);
+    zeb_fc_wait_for_send(fc, dst_app);
+    ZEB_VERBOSE("ZEB app %d to %d continue to send.\n", src_app, dst_app);
+    return 0;
+}
+
+// Sender's side.
+
+void zeb_fc_update_sent_ok(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+{
+    zeb_fc_t *fc = get_fc(src_app, src_app);
+    if (fc == nullptr)
+        return;
+    ZEB_VERBOSE("ZEB app %d update send OK to %d/%d.\n", src_app, dst_app, dst_node);
+    zeb_scoped_lock lock(&fc->mutex);
+    zeb_send_app_fc_t *record = __zeb_get_send_app_fc(fc, dst_app, dst_node);
+    fc->total_send++;
+    record->send++;
+    fc->total_send_unack++;
+    record->unack++;
+}
+
+void zeb_fc_update_sent_reject(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+{
+    zeb_fc_t *fc = get_fc(src_app, src_app);
+    if (fc == nullptr)
+        return;
+    ZEB_VERBOSE("ZEB app %d update send reject to %d/%d.\n", src_app, dst_app, dst_node);
+    zeb_scoped_lock lock(&fc->mutex);
+    if (is_unicast(dst_app, dst_node))
+        __zeb_get_send_app_fc(fc, dst_app, dst_node)->reject++;
+    else
+        fc->mcast_send_reject++;
+}
+
+void zeb_fc_update_rpc_reply_exception(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+{
+    zeb_fc_t *fc = get_fc(src_app, src_app);
+    if (fc == nullptr)
+        return;
+    ZEB_VERBOSE("ZEB app %d update RPC reply reject to %d/%d.\n", src_app, dst_app, dst_node);
+    zeb_scoped_lock lock(&fc->mutex);
+    if (is_unicast(dst_app, dst_node))
+        __zeb_get_send_app_fc(fc, dst_app, dst_node)->rpc_reply_reject++;
+    else
+        fc->rpc_reply_exception++;
+}
+
+// How much of `ack_num` can be taken off `unack` without passing the lowest number: a peer may claim any count.
+static uint32_t acknowledgeable(int32_t unack, uint32_t ack_num)
+{
+    int64_t room = (int64_t)unack - INT32_MIN;
+    return ack_num < room ? ack_num : (uint32_t)room;
+}
+
+static int32_t minus(int32_t value, uint32_t amount)
+{
+    return (int32_t)((uint32_t)value - amount);
+}
+
+void zeb_fc_update_sent_ack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node, uint32_t ack_num)
+{
+    zeb_fc_t *fc = get_fc(my_app, my_app);
+    if (fc == nullptr)
+        return;
+    ZEB_VERBOSE("ZEB app %d update send ack from %d/%d, ack num %d.\n", my_app, dst_app, dst_node, ack_num);
+    {
+        zeb_scoped_lock lock(&fc->mutex);
+        zeb_send_app_fc_t *record = __zeb_get_send_app_fc(fc, dst_app, dst_node);
+        uint32_t num = acknowledgeable(record->unack, ack_num);
+        record->unack = minus(record->unack, num);
+        fc->total_send_unack = minus(fc->total_send_unack, num);
+    }
+    ZEB_VERBOSE("ZEB notify waiting app %d to %d/%d continue to send msg.\n", my_app, dst_app, dst_node);
+    zeb_cond_broadcast(&fc->cond);
+}
+
+// Receiver's side.
+
+void zeb_fc_update_recv_ok(uint32_t src_app, uint32_t src_node, uint32_t my_app)
+{
+    zeb_fc_t *fc = get_fc(my_app, src_app);
+    if (fc == nullptr)
+        return;
+    ZEB_VERBOSE("ZEB app %d update recv OK from %d/%d.\n", my_app, src_app, src_node);
+    zeb_scoped_lock lock(&fc->mutex);
+    zeb_recv_app_fc_t *record = __zeb_get_recv_app_fc(fc, src_app, src_node);
+    fc->total_recv++;
+    fc->total_recv_unack++;
+    record->recv++;
+    record->unack++;
+    // Under the mutex, so that no two acknowledgements of one batch go out. A failed one is tried with the next
+    // message.
+    if (record->unack <= (int32_t)ZEB_FC_ACK_BATCH || zeb_send_fc_ack(my_app, src_node, src_app, ZEB_FC_ACK_BATCH) != 0)
+        return;
+    ZEB_VERBOSE("ZEB app %d sent recv num ack %d to %d/%d OK.\n", my_app, ZEB_FC_ACK_BATCH, src_app, src_node);
+    record->unack = minus(record->unack, ZEB_FC_ACK_BATCH);
+    fc->total_recv_unack = minus(fc->total_recv_unack, ZEB_FC_ACK_BATCH);
+}
+
+void zeb_fc_update_recv_drop(uint32_t src_app, uint32_t src_node, uint32_t my_app, int num)
+{
+    if (num == 0)
+        return;
+    zeb_fc_t *fc = get_fc(my_app, src_app);
+    if (fc == nullptr)
+        return;
+    ZEB_VERBOSE("ZEB app %d update recv drop num %d from %d/%d.\n", my_app, num, src_app, src_node);
+    zeb_scoped_lock lock(&fc->mutex);
+    __zeb_get_recv_app_fc(fc, src_app, src_node)->drop += (uint32_t)num;
+}
+
+void zeb_fc_update_recv_retdata(uint32_t src_app, uint32_t src_node, uint32_t my_app)
+{
+    zeb_fc_t *fc = get_fc(my_app, src_app);
+    if (fc == nullptr)
+        return;
+    ZEB_VERBOSE("ZEB app %d update recv retdata from %d/%d.\n", my_app, src_app, src_node);
+    if (src_app == ZEBD_APP_ID)
+        return;
+    zeb_scoped_lock lock(&fc->mutex);
+    __zeb_get_recv_app_fc(fc, src_app, src_node)->ret_data++;
+}
+
+void zeb_fc_update_recv_exception(uint32_t my_app)
+{
+    zeb_fc_t *fc = get_fc(my_app, my_app);
+    if (fc == nullptr)
+        return;
+    ZEB_ERROR("ZEB app %d update recv exception msg.\n", my_app);
+    zeb_store_relaxed(&fc->recv_exception, zeb_load_relaxed(&fc->recv_exception) + 1);
+}
+
+// Joins and quits.
+
+// What was sent before the peer joined never arrived. The total drops by what was sent, not by what is unacknowledged;
+// that drift is meant.
+static uint32_t reject_sent(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) ZEB_REQUIRES(fc->mutex)
+{
+    zeb_recv_app_fc_t *recv = __zeb_get_recv_app_fc(fc, dst_app, dst_node);
+    recv->drop = 0;
+    recv->ret_data = 0;
+    zeb_send_app_fc_t *send = __zeb_get_send_app_fc(fc, dst_app, dst_node);
+    uint32_t sent = send->send;
+    send->reject += sent;
+    send->send = 0;
+    if (sent != 0)
+        send->unack = 0;
+    fc->total_send -= sent;
+    fc->total_send_unack = minus(fc->total_send_unack, sent);
+    return sent;
+}
+
+void zeb_fc_adjust_statistics(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+{
+    zeb_fc_t *fc = get_fc(src_app, src_app);
+    if (fc == nullptr)
+        return;
+    uint32_t sent = 0;
+    {
+        zeb_scoped_lock lock(&fc->mutex);
+        sent = reject_sent(fc, dst_app, dst_node);
+    }
+    if (sent == 0)
+        return;
+    ZEB_WARN("ZEB app %d adjust sent reject num %d to %d/%d.\n", src_app, sent, dst_app, dst_node);
+    zeb_cond_broadcast(&fc->cond);
+}
+
+static void forget_sent(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) ZEB_REQUIRES(fc->mutex)
+{
+    zeb_send_app_fc_t *send = __zeb_get_send_app_fc(fc, dst_app, dst_node);
+    fc->total_send_unack = minus(fc->total_send_unack, (uint32_t)send->unack);
+    fc->total_send -= send->send;
+    send->unack = 0;
+    send->send = 0;
+    send->reject = 0;
+    send->rpc_reply_reject = 0;
+}
+
+static void forget_received(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node) ZEB_REQUIRES(fc->mutex)
+{
+    zeb_recv_app_fc_t *recv = __zeb_get_recv_app_fc(fc, src_app, src_node);
+    fc->total_recv_unack = minus(fc->total_recv_unack, (uint32_t)recv->unack);
+    fc->total_recv -= recv->recv;
+    recv->unack = 0;
+    recv->recv = 0;
+    recv->drop = 0;
+    recv->ret_data = 0;
+}
+
+void zeb_fc_reset_unack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node)
+{
+    ZEB_INFO("ZEB reset unack stat between app %d and %d/%d.\n", my_app, dst_app, dst_node);
+    zeb_fc_t *fc = zeb_get_app_fc(my_app);
+    if (fc == nullptr) {
+        ZEB_ERROR("ZEB get app %d flow ctrl info failed.\n", my_app);
+        return;
+    }
+    {
+        zeb_scoped_lock lock(&fc->mutex);
+        forget_sent(fc, dst_app, dst_node);
+        forget_received(fc, dst_app, dst_node);
+    }
+    (void)pthread_cond_broadcast(&fc->cond.impl);
+}
+
+void zeb_cli_print_fc_stat(uint32_t app)
+{
+    zeb_fc_t *fc = zeb_get_app_fc(app);
+    if (fc == nullptr)
+        return;
+    zeb_scoped_lock lock(&fc->mutex);
+    zeb_buf_printf("Application %d overall statistics:\n", app);
+    zeb_buf_printf("  total send %d, unack %d, mcast reject %d, RPC reply exception %d\n", fc->total_send,
+                   fc->total_send_unack, fc->mcast_send_reject, fc->rpc_reply_exception);
+    zeb_buf_printf("  total receive %d, unack %d, exception %d\n", fc->total_recv, fc->total_recv_unack,
+                   zeb_load_relaxed(&fc->recv_exception));
+    list_each<zeb_send_app_fc_t>(&fc->send_list, [](const zeb_send_app_fc_t *record) {
+        zeb_buf_printf("    Send to application %d/%d: send %d, unack %d, reject %d, RPC reply reject %d\n",
+                       record->dst_app_id, record->dst_node_id, record->send, record->unack, record->reject,
+                       record->rpc_reply_reject);
+    });
+    list_each<zeb_recv_app_fc_t>(&fc->recv_list, [](const zeb_recv_app_fc_t *record) {
+        zeb_buf_printf("    Receive from application %d/%d: receive %d, unack %d, drop %d, return %d\n",
+                       record->src_app_id, record->src_node_id, record->recv, record->unack, record->drop,
+                       record->ret_data);
+    });
+}

@@ -1,0 +1,300 @@
+// An application's private fan-out lists. Both kinds work alike; `kind` below holds what differs: the list, the range
+// of ids, the empty place and the words of the log lines.
+#include "zeb_mc.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/list_algo.h"
+#include "zeb_app_info.h"
+#include "zeb_dbg.h"
+
+constexpr int32_t APP_MC_ID_FIRST = 12288;
+constexpr int32_t APP_MC_ID_LAST = 16383;
+constexpr int32_t NODE_MC_ID_FIRST = 0x80000;
+constexpr int32_t NODE_MC_ID_LAST = 0x8FFFF;
+
+struct app_kind {
+    typedef zeb_app_mc_t group_t;
+    static constexpr const char *name = "app";
+    static constexpr int32_t first_id = APP_MC_ID_FIRST;
+    static constexpr int32_t last_id = APP_MC_ID_LAST;
+    static constexpr int places = ZEB_APP_MC_MBR_NUM;
+    static constexpr uint32_t empty = 0;
+    static bool is_empty(uint32_t mbr)
+    {
+        return mbr == 0;
+    }
+    static struct list_head *groups(zeb_mc_t *mc)
+    {
+        return &mc->app_mc_list;
+    }
+    static int32_t *count(zeb_mc_t *mc)
+    {
+        return &mc->app_mc_num;
+    }
+    static int32_t *cursor(zeb_mc_t *mc)
+    {
+        return &mc->cur_app_mc_id;
+    }
+};
+
+struct node_kind {
+    typedef zeb_node_mc_t group_t;
+    static constexpr const char *name = "node";
+    static constexpr int32_t first_id = NODE_MC_ID_FIRST;
+    static constexpr int32_t last_id = NODE_MC_ID_LAST;
+    static constexpr int places = ZEB_NODE_MC_MBR_NUM;
+    static constexpr uint32_t empty = 0xFFFFFFFFu;
+    static bool is_empty(uint32_t mbr)
+    {
+        return !zeb_valid_node_id(mbr);
+    }
+    static struct list_head *groups(zeb_mc_t *mc)
+    {
+        return &mc->node_mc_list;
+    }
+    static int32_t *count(zeb_mc_t *mc)
+    {
+        return &mc->node_mc_num;
+    }
+    static int32_t *cursor(zeb_mc_t *mc)
+    {
+        return &mc->cur_node_mc_id;
+    }
+};
+
+void zeb_mc_init(zeb_mc_t *mc)
+{
+    mc->app_mc_num = 0;
+    mc->node_mc_num = 0;
+    mc->cur_app_mc_id = APP_MC_ID_FIRST;
+    mc->cur_node_mc_id = NODE_MC_ID_FIRST;
+    INIT_LIST_HEAD(&mc->app_mc_list);
+    INIT_LIST_HEAD(&mc->node_mc_list);
+}
+
+static zeb_app_info_t *get_owner(uint32_t src_app)
+{
+    zeb_app_info_t *app_info = zeb_get_app_info(src_app);
+    if (app_info == nullptr)
+        ZEB_ERROR("ZEB app %d does not registered.\n", src_app);
+    return app_info;
+}
+
+template <typename Kind>
+static typename Kind::group_t *find_group(zeb_mc_t *mc, uint32_t mc_id)
+{
+    typedef typename Kind::group_t group_t;
+    return list_find<group_t>(Kind::groups(mc), [&](const group_t *group) { return (uint32_t)group->mc_id == mc_id; });
+}
+
+// The group, or null with the line that says so.
+template <typename Kind>
+static typename Kind::group_t *get_group(zeb_app_info_t *owner, uint32_t mc_id) ZEB_REQUIRES(owner->mutex)
+{
+    typename Kind::group_t *group = find_group<Kind>(&owner->mc, mc_id);
+    if (group == nullptr)
+        ZEB_ERROR("ZEB app %d does not create %s-private-mcast 0x%x.\n", owner->app_id, Kind::name, mc_id);
+    return group;
+}
+
+template <typename Kind>
+static void wrap_cursor(int32_t *cursor)
+{
+    if (*cursor <= Kind::last_id)
+        return;
+    ZEB_WARN("ZEB %s-private-mcast ID wrap-around to lower.\n", Kind::name);
+    *cursor = Kind::first_id;
+}
+
+// Ascending, skipping ids in use, around the end of the range. Ends: there are far fewer groups than ids.
+template <typename Kind>
+static int32_t get_new_mc_id(zeb_mc_t *mc)
+{
+    int32_t *cursor = Kind::cursor(mc);
+    wrap_cursor<Kind>(cursor);
+    while (find_group<Kind>(mc, (uint32_t)*cursor) != nullptr) {
+        (*cursor)++;
+        wrap_cursor<Kind>(cursor);
+    }
+    return (*cursor)++;
+}
+
+template <typename Kind>
+static int create_group(uint32_t src_app)
+{
+    typedef typename Kind::group_t group_t;
+    zeb_app_info_t *owner = get_owner(src_app);
+    if (owner == nullptr)
+        return -ENOENT;
+    int32_t mc_id = 0;
+    {
+        zeb_scoped_lock lock(&owner->mutex);
+        if (*Kind::count(&owner->mc) >= ZEB_MC_NUM) {
+            ZEB_ERROR("ZEB app %d %s-private-mcast creation reach to %d.\n", src_app, Kind::name, ZEB_MC_NUM);
+            return -ENOBUFS;
+        }
+        group_t *group = (group_t *)zeb_malloc(sizeof(group_t));
+        for (uint32_t &mbr : group->mbr)
+            mbr = Kind::empty;
+        mc_id = get_new_mc_id<Kind>(&owner->mc);
+        group->mc_id = mc_id;
+        list_add_tail(&group->list, Kind::groups(&owner->mc));
+        (*Kind::count(&owner->mc))++;
+    }
+    ZEB_VERBOSE("ZEB app %d create %s-private-mcast 0x%x.\n", src_app, Kind::name, (unsigned)mc_id);
+    return mc_id;
+}
+
+template <typename Kind>
+static void clear_member(typename Kind::group_t *group, uint32_t member)
+{
+    for (uint32_t &mbr : group->mbr) {
+        if (mbr == member)
+            mbr = Kind::empty;
+    }
+}
+
+// A member that is there already moves to the first empty place, so adding it never fails on a full group.
+template <typename Kind>
+static int add_member(uint32_t src_app, uint32_t mc_id, uint32_t member)
+{
+    zeb_app_info_t *owner = get_owner(src_app);
+    if (owner == nullptr)
+        return -ENOENT;
+    zeb_scoped_lock lock(&owner->mutex);
+    typename Kind::group_t *group = get_group<Kind>(owner, mc_id);
+    if (group == nullptr)
+        return -ENOENT;
+    clear_member<Kind>(group, member);
+    for (uint32_t &mbr : group->mbr) {
+        if (Kind::is_empty(mbr)) {
+            mbr = member;
+            return 0;
+        }
+    }
+    ZEB_ERROR("ZEB app %d %s-private-mcast 0x%x member reach to %d.\n", src_app, Kind::name, mc_id, Kind::places);
+    return -ENOBUFS;
+}
+
+template <typename Kind>
+static void del_member(uint32_t src_app, uint32_t mc_id, uint32_t member)
+{
+    zeb_app_info_t *owner = get_owner(src_app);
+    if (owner == nullptr)
+        return;
+    zeb_scoped_lock lock(&owner->mutex);
+    typename Kind::group_t *group = get_group<Kind>(owner, mc_id);
+    if (group != nullptr)
+        clear_member<Kind>(group, member);
+}
+
+template <typename Kind>
+static void destroy_group(uint32_t src_app, uint32_t mc_id)
+{
+    zeb_app_info_t *owner = get_owner(src_app);
+    if (owner == nullptr)
+        return;
+    zeb_scoped_lock lock(&owner->mutex);
+    typename Kind::group_t *group = get_group<Kind>(owner, mc_id);
+    if (group == nullptr)
+        return;
+    list_del(&group->list);
+    free(group);
+    (*Kind::count(&owner->mc))--;
+}
+
+template <typename Kind>
+static void get_members(uint32_t src_app, uint32_t mc_id, typename Kind::group_t *out)
+{
+    zeb_app_info_t *owner = get_owner(src_app);
+    if (owner == nullptr)
+        return;
+    zeb_scoped_lock lock(&owner->mutex);
+    const typename Kind::group_t *group = find_group<Kind>(&owner->mc, mc_id);
+    if (group != nullptr)
+        *out = *group;
+    else
+        ZEB_ERROR("ZEB app %d does not create %s-private-mcast %d.\n", src_app, Kind::name, mc_id);
+}
+
+int zeb_create_app_mcast(uint32_t src_app)
+{
+    return create_group<app_kind>(src_app);
+}
+
+int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
+{
+    if (!zeb_valid_app_id(new_app)) {
+        ZEB_ERROR("ZEB app ID %d invalid.\n", new_app);
+        return -EINVAL;
+    }
+    return add_member<app_kind>(src_app, mc_app, new_app);
+}
+
+void zeb_del_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t del_app)
+{
+    del_member<app_kind>(src_app, mc_app, del_app);
+}
+
+void zeb_destroy_app_mcast(uint32_t src_app, uint32_t mc_app)
+{
+    destroy_group<app_kind>(src_app, mc_app);
+}
+
+int zeb_create_node_mcast(uint32_t src_app)
+{
+    return create_group<node_kind>(src_app);
+}
+
+int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
+{
+    if (!zeb_valid_node_id(new_node)) {
+        ZEB_ERROR("ZEB node ID %d invalid.\n", new_node);
+        return -EINVAL;
+    }
+    return add_member<node_kind>(src_app, mc_node, new_node);
+}
+
+void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node)
+{
+    del_member<node_kind>(src_app, mc_node, del_node);
+}
+
+void zeb_destroy_node_mcast(uint32_t src_app, uint32_t mc_node)
+{
+    destroy_group<node_kind>(src_app, mc_node);
+}
+
+void zeb_get_app_mc_mbr(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out)
+{
+    memset(out, 0, sizeof(*out));
+    get_members<app_kind>(src_app, mc_app, out);
+}
+
+void zeb_get_node_mc_mbr(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out)
+{
+    memset(out, 0xFF, sizeof(*out));
+    get_members<node_kind>(src_app, mc_node, out);
+}
+
+template <typename Kind>
+static void print_group(const typename Kind::group_t *group)
+{
+    zeb_buf_printf("    ID 0x%x, members:", (unsigned)group->mc_id);
+    for (uint32_t mbr : group->mbr) {
+        if (!Kind::is_empty(mbr))
+            zeb_buf_printf(" %d", mbr);
+    }
+    zeb_buf_printf("\n");
+}
+
+void zeb_cli_print_mc_info(zeb_mc_t *mc)
+{
+    zeb_buf_printf("  Private application multicast number %d:\n", mc->app_mc_num);
+    list_each<zeb_app_mc_t>(&mc->app_mc_list, print_group<app_kind>);
+    zeb_buf_printf("  Private node multicast number %d:\n", mc->node_mc_num);
+    list_each<zeb_node_mc_t>(&mc->node_mc_list, print_group<node_kind>);
+}

@@ -1,0 +1,399 @@
+// The RPC wait table, in the order in which a call travels: opened, its instances recorded, waited for, answers filed,
+// ended; then the answers that the library itself originates.
+#include "zeb_rpc.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/list_algo.h"
+#include "zeb_cfg.h"
+#include "zeb_dbg.h"
+#include "zeb_mng.h"
+#include "zeb_mng_msg.h"
+
+zeb_app_rpc_wait_t *zeb_add_app_rpc_wait(uint32_t app)
+{
+    ZEB_VERBOSE("ZEB add new app %d RPC wait mgmt.\n", app);
+    zeb_app_rpc_wait_t *rpc = (zeb_app_rpc_wait_t *)zeb_malloc(sizeof(zeb_app_rpc_wait_t));
+    rpc->app_id = app;
+    int ret = zeb_mutex_init(&rpc->mutex);
+    if (ret != 0) {
+        ZEB_ERROR("ZEB init app %d RPC wait mutex failed: %s.\n", app, strerror(ret));
+        free(rpc);
+        return nullptr;
+    }
+    ret = zeb_cond_init(&rpc->wait_cond, [app](zeb_cond_step_t step, int err) {
+        if (step == ZEB_COND_STEP_ATTR)
+            ZEB_ERROR("ZEB init app %d RPC wait condition attribute failed: %s.\n", app, strerror(err));
+        else if (step == ZEB_COND_STEP_CLOCK)
+            ZEB_ERROR("ZEB set app %d RPC wait condition clock attribute failed: %s.\n", app, strerror(err));
+        else
+            ZEB_ERROR("ZEB init app %d RPC wait condition failed: %s.\n", app, strerror(err));
+    });
+    if (ret != 0) {
+        zeb_mutex_destroy(&rpc->mutex);
+        free(rpc);
+        return nullptr;
+    }
+    zeb_scoped_lock lock(&rpc->mutex);
+    INIT_LIST_HEAD(&rpc->wait_list);
+    return rpc;
+}
+
+void zeb_del_app_rpc_wait(zeb_app_rpc_wait_t *rpc)
+{
+    if (rpc == nullptr)
+        return;
+    ZEB_VERBOSE("ZEB delete app %d RPC wait mgmt.\n", rpc->app_id);
+    {
+        zeb_scoped_lock lock(&rpc->mutex);
+        (void)list_remove_matching<zeb_rpc_wait_t>(&rpc->wait_list, [](const zeb_rpc_wait_t *) { return true; });
+    }
+    zeb_cond_destroy(&rpc->wait_cond);
+    zeb_mutex_destroy(&rpc->mutex);
+    free(rpc);
+}
+
+zeb_app_rpc_wait_t *zeb_get_app_rpc(uint32_t app)
+{
+    zeb_app_mng_t *slot = zeb_get_app_mng(app);
+    return slot == nullptr ? nullptr : slot->rpc;
+}
+
+static zeb_rpc_wait_t *__find_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq) ZEB_REQUIRES(rpc->mutex)
+{
+    return list_find<zeb_rpc_wait_t>(&rpc->wait_list, [&](const zeb_rpc_wait_t *wait) { return wait->seq == seq; });
+}
+
+zeb_rpc_wait_t *zeb_get_rpc_wait(uint32_t app, uint32_t seq)
+{
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    if (rpc == nullptr)
+        return nullptr;
+    zeb_scoped_lock lock(&rpc->mutex);
+    return __find_wait(rpc, seq);
+}
+
+int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply_msg_t *reply)
+{
+    ZEB_VERBOSE("ZEB app %d seq %d RPC prepare wait.\n", app, seq);
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    if (rpc == nullptr)
+        return -ENOENT;
+    zeb_scoped_lock lock(&rpc->mutex);
+    if (__find_wait(rpc, seq) != nullptr)
+        return -EEXIST;
+    ZEB_VERBOSE("ZEB add new app %d seq %d RPC wait.\n", app, seq);
+    zeb_rpc_wait_t *wait = (zeb_rpc_wait_t *)zeb_malloc(sizeof(zeb_rpc_wait_t));
+    wait->seq = seq;
+    wait->timeout = timeout;
+    wait->reply = reply;
+    list_add_tail(&wait->list, &rpc->wait_list);
+    return 0;
+}
+
+// An instance as a place holds it.
+static uint32_t inst_code(uint32_t app, uint32_t node)
+{
+    return zeb_tipc_instance(app, node);
+}
+
+static uint32_t code_app(uint32_t code)
+{
+    return code >> 16;
+}
+
+static uint32_t code_node(uint32_t code)
+{
+    return code & 0xFFFF;
+}
+
+int zeb_rpc_set_wait(uint32_t app, uint32_t seq, uint32_t dst_app, uint32_t dst_node)
+{
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    assert(rpc != NULL);
+    zeb_scoped_lock lock(&rpc->mutex);
+    zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
+    assert(wait != NULL);
+    assert(zeb_valid_node_id(dst_node));
+    if (wait->inst_num == ZEB_RPC_REPLY_NUM) {
+        ZEB_ERROR("ZEB RPC wait reply num exceeds limit %d.\n", ZEB_RPC_REPLY_NUM);
+        return -ENOBUFS;
+    }
+    wait->wait_inst[wait->inst_num++] = inst_code(dst_app, dst_node);
+    return 0;
+}
+
+static void __unlink_wait(zeb_rpc_wait_t *wait)
+{
+    list_del(&wait->list);
+    free(wait);
+}
+
+void zeb_rpc_del_wait(uint32_t app, uint32_t seq)
+{
+    ZEB_VERBOSE("ZEB delete app %d seq %d RPC wait.\n", app, seq);
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    assert(rpc != NULL);
+    zeb_scoped_lock lock(&rpc->mutex);
+    zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
+    assert(wait != NULL);
+    __unlink_wait(wait);
+}
+
+int64_t zeb_rpc_wait_inst(uint32_t app, uint32_t seq, int index)
+{
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    if (rpc == nullptr)
+        return -ENOENT;
+    zeb_scoped_lock lock(&rpc->mutex);
+    const zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
+    return wait == nullptr || index >= wait->inst_num ? -ENOENT : (int64_t)wait->wait_inst[index];
+}
+
+// Clears the first place that holds the instance. False when none does.
+static bool settle(zeb_rpc_wait_t *wait, uint32_t app, uint32_t node)
+{
+    uint32_t code = inst_code(app, node);
+    for (int i = 0; i < wait->inst_num; i++) {
+        if (wait->wait_inst[i] == code) {
+            wait->wait_inst[i] = 0;
+            return true;
+        }
+    }
+    return false;
+}
+
+static bool all_replied(const zeb_rpc_wait_t *wait)
+{
+    for (int i = 0; i < wait->inst_num; i++) {
+        if (wait->wait_inst[i] != 0)
+            return false;
+    }
+    return true;
+}
+
+// The capacity of the buffer is that of the places, each of which is settled once.
+static void file(zeb_rpc_wait_t *wait, zeb_msg_t *msg)
+{
+    wait->reply->msg[wait->reply->num++] = msg;
+}
+
+// Files a message without body in an instance's stead.
+static void file_substitute(zeb_rpc_wait_t *wait, uint32_t app, uint32_t src_app, uint32_t src_node,
+                            zeb_reply_stat_t status)
+{
+    zeb_msg_t *reply_msg = zeb_msg_alloc(0, 1, 0);
+    assert(reply_msg != NULL);
+    zeb_encode_msg_hdr(reply_msg, 0, src_app, src_node, app, (uint32_t)zeb_get_my_node_id(), wait->seq, status);
+    file(wait, reply_msg);
+}
+
+static void file_timeouts(zeb_rpc_wait_t *wait, uint32_t app)
+{
+    ZEB_INFO("ZEB app %d seq %d wait for RPC reply timeout.\n", app, wait->seq);
+    for (int i = 0; i < wait->inst_num; i++) {
+        uint32_t code = wait->wait_inst[i];
+        if (code == 0)
+            continue;
+        ZEB_INFO("ZEB app %d seq %d wait for %d/%d timeout.\n", app, wait->seq, code_app(code), code_node(code));
+        wait->wait_inst[i] = 0;
+        file_substitute(wait, app, code_app(code), code_node(code), ZEB_TIMEOUT);
+    }
+}
+
+// Waits until every place is settled, or for `timeout` seconds in which no filing of this application woke it: the
+// limit runs from the last wake-up, not from the call's start. Returns the last wait's result.
+static int wait_all_replied(zeb_app_rpc_wait_t *rpc, const zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
+{
+    int ret = 0;
+    while (!all_replied(wait)) {
+        ZEB_VERBOSE("ZEB app %d seq %d wait for RPC reply in %ds.\n", rpc->app_id, wait->seq, wait->timeout);
+        struct timespec deadline = zeb_deadline_in(wait->timeout != 0 ? wait->timeout : 1);
+        ret = zeb_cond_wait_until(&rpc->wait_cond, &rpc->mutex, &deadline);
+        if (ret == ETIMEDOUT && wait->timeout != 0)
+            break;
+    }
+    return ret;
+}
+
+int zeb_rpc_wait_reply(uint32_t app, uint32_t seq)
+{
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    assert(rpc != NULL);
+    zeb_scoped_lock lock(&rpc->mutex);
+    zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
+    assert(wait != NULL);
+
+    int ret = wait_all_replied(rpc, wait);
+    if (ret == ETIMEDOUT && wait->timeout != 0) {
+        file_timeouts(wait, app);
+        ret = 0;
+    } else if (ret != 0) {
+        // A slice of the unlimited wait that ran out just as the last answer was filed counts as a failed call.
+        ZEB_ERROR("ZEB app %d seq %d wait for RPC reply failed: %s.\n", app, seq, strerror(abs(ret)));
+        zeb_reply_msg_free(wait->reply);
+    } else {
+        ZEB_VERBOSE("ZEB app %d seq %d RPC all replied.\n", app, seq);
+    }
+    __unlink_wait(wait);
+    return ret;
+}
+
+static bool settle_or_log(zeb_rpc_wait_t *wait, uint32_t app, uint32_t src_app, uint32_t src_node)
+{
+    if (settle(wait, src_app, src_node))
+        return true;
+    ZEB_ERROR("ZEB app %d seq %d clear wait for app %d/%d not exist.\n", app, wait->seq, src_app, src_node);
+    return false;
+}
+
+int zeb_rpc_add_reply(zeb_msg_t *msg)
+{
+    uint32_t src_app = msg->hdr.src_app;
+    uint32_t src_node = msg->hdr.src_node;
+    uint32_t app = msg->hdr.dst_app;
+    uint32_t seq = msg->hdr.seq;
+    ZEB_VERBOSE("ZEB add RPC reply for app %d seq %d from %d/%d status %s.\n", app, seq, src_app, src_node,
+                zeb_reply_stat_string(msg->hdr.rpc_stat));
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    if (rpc == nullptr) {
+        ZEB_ERROR("ZEB get app %d RPC wait not exist.\n", app);
+        return -ENOENT;
+    }
+    {
+        zeb_scoped_lock lock(&rpc->mutex);
+        zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
+        if (wait == nullptr) {
+            ZEB_VERBOSE("ZEB app %d seq %d to %d/%d RPC wait not exist.\n", app, seq, src_app, src_node);
+            return -ENOENT;
+        }
+        if (!settle_or_log(wait, app, src_app, src_node))
+            return -ENOENT;
+        file(wait, msg);
+    }
+    ZEB_VERBOSE("ZEB app %d seq %d to %d/%d RPC replied.\n", app, seq, src_app, src_node);
+    zeb_cond_broadcast(&rpc->wait_cond);
+    return 0;
+}
+
+int zeb_rpc_add_error_reply(uint32_t app, uint32_t seq, uint32_t src_app, uint32_t src_node, zeb_reply_stat_t status)
+{
+    ZEB_WARN("ZEB add error reply for app %d seq %d from %d/%d status %s.\n", app, seq, src_app, src_node,
+             zeb_reply_stat_string(status));
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    assert(rpc != NULL);
+    {
+        zeb_scoped_lock lock(&rpc->mutex);
+        zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
+        if (wait == nullptr) {
+            ZEB_VERBOSE("ZEB app %d seq %d RPC wait not exist.\n", app, seq);
+            return -ENOENT;
+        }
+        if (!settle_or_log(wait, app, src_app, src_node))
+            return -ENOENT;
+        file_substitute(wait, app, src_app, src_node, status);
+    }
+    zeb_cond_broadcast(&rpc->wait_cond);
+    return 0;
+}
+
+int zeb_terminate_rpc(uint32_t app, uint32_t src_app, uint32_t src_node)
+{
+    ZEB_VERBOSE("ZEB try to terminate app %d RPC to %d/%d.\n", app, src_app, src_node);
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    assert(rpc != NULL);
+    {
+        zeb_scoped_lock lock(&rpc->mutex);
+        list_each<zeb_rpc_wait_t>(&rpc->wait_list, [&](zeb_rpc_wait_t *wait) {
+            if (!settle(wait, src_app, src_node))
+                return;
+            ZEB_WARN("ZEB terminate app %d seq %d RPC to %d/%d.\n", app, wait->seq, src_app, src_node);
+            file_substitute(wait, app, src_app, src_node, ZEB_SYSTEM_ERR);
+        });
+    }
+    zeb_cond_broadcast(&rpc->wait_cond);
+    return 0;
+}
+
+void zeb_reply_msg_free(zeb_reply_msg_t *reply)
+{
+    for (zeb_msg_t *&msg : reply->msg) {
+        free(msg);
+        msg = nullptr;
+    }
+    reply->num = 0;
+}
+
+// Stamps `reply_msg` as the answer to `request`, sends it and frees it.
+static int send_answer(const zeb_msg_t *request, zeb_msg_t *reply_msg, zeb_reply_stat_t status)
+{
+    const zeb_msg_hdr_t *hdr = &request->hdr;
+    zeb_encode_msg_hdr(reply_msg, hdr->flag | ZEB_MSG_FLAG_ACK, hdr->dst_app, (uint32_t)zeb_get_my_node_id(),
+                       hdr->src_app, hdr->src_node, hdr->seq, status);
+    int ret = zeb_tipc_sendto(hdr->dst_app, reply_msg, hdr->src_app, hdr->src_node, 0);
+    free(reply_msg);
+    return ret;
+}
+
+int zeb_rpc_reply_error(const zeb_msg_t *request, zeb_reply_stat_t status)
+{
+    ZEB_VERBOSE("ZEB app %d reply to %d/%d seq %d status: %s.\n", request->hdr.dst_app, request->hdr.src_app,
+                request->hdr.src_node, request->hdr.seq, zeb_reply_stat_string(status));
+    zeb_msg_t *reply_msg = zeb_msg_alloc(0, 1, 0);
+    assert(reply_msg != NULL);
+    return send_answer(request, reply_msg, status);
+}
+
+// The body travels in this host's byte order: only bodies of ZEB_MISMATCH are converted, and peers read it alike.
+int zeb_rpc_reply_app_mismatch(const zeb_msg_t *request, const zeb_mismatch_info_t *info)
+{
+    ZEB_VERBOSE("ZEB app %d reply to %d/%d seq %d app ver range [%d, %d].\n", request->hdr.dst_app,
+                request->hdr.src_app, request->hdr.src_node, request->hdr.seq, info->low, info->high);
+    zeb_msg_t *reply_msg = zeb_msg_alloc(sizeof(*info), 1, 0);
+    assert(reply_msg != NULL);
+    memcpy(reply_msg->data, info, sizeof(*info));
+    return send_answer(request, reply_msg, ZEB_APP_MISMATCH);
+}
+
+void zeb_rpc_print_wait(uint32_t app, uint32_t seq)
+{
+    if (!zeb_dbg_verbose_on())
+        return;
+    printf("ZEB app %d seq %d wait for:", (int)app, (int)seq);
+    int64_t code = 0;
+    for (int i = 0; (code = zeb_rpc_wait_inst(app, seq, i)) >= 0; i++) {
+        if (code != 0)
+            printf(" %d/%d", (int)code_app((uint32_t)code), (int)code_node((uint32_t)code));
+    }
+    printf(".\n");
+}
+
+static void print_wait(const zeb_rpc_wait_t *wait)
+{
+    zeb_buf_printf("  sequence %d, timeout %ds\n", wait->seq, wait->timeout);
+    zeb_buf_printf("    waiting for");
+    for (int i = 0; i < wait->inst_num; i++) {
+        if (wait->wait_inst[i] != 0)
+            zeb_buf_printf(" %d/%d", code_app(wait->wait_inst[i]), code_node(wait->wait_inst[i]));
+    }
+    zeb_buf_printf("\n");
+    zeb_buf_printf("    RPC already replies:\n");
+    for (int i = 0; i < wait->reply->num; i++) {
+        const zeb_msg_hdr_t *hdr = &wait->reply->msg[i]->hdr;
+        zeb_buf_printf("      %d/%d, %s\n", hdr->src_app, hdr->src_node, zeb_reply_stat_string(hdr->rpc_stat));
+    }
+    zeb_buf_printf("\n");
+}
+
+void zeb_cli_print_rpc_stat(uint32_t app)
+{
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
+    if (rpc == nullptr)
+        return;
+    zeb_scoped_lock lock(&rpc->mutex);
+    zeb_buf_printf("Application %d RPC waits:\n", app);
+    list_each<zeb_rpc_wait_t>(&rpc->wait_list, print_wait);
+}
