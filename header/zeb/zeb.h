@@ -22,6 +22,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* Bits of the `flags` argument of the sending calls. */
 #define ZEB_SEND_NOWAIT 0x01       /* fail with -EAGAIN where the call would block */
@@ -186,6 +187,7 @@ int zeb_get_app_mc_members(uint32_t app_mc, uint32_t mbrs[16]);
 /* True when the configuration file has zeb_blocked_resume_enabled=true. */
 bool zeb_cfg_get_blocked_resume_enabled(void);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -11,6 +11,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* Levels of log lines. The mask of a level is 1 << level, of ZEB_DBG_LEVEL_ALL 15. */
 typedef enum zeb_dbg_level_e {
@@ -68,6 +69,7 @@ void zeb_cli_print_fc_stat(uint32_t app);  /* flow control counters */
 void zeb_cli_print_mng_stat(uint32_t app); /* synchronisation messages */
 void zeb_cli_print_rpc_stat(uint32_t app); /* calls in progress */
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,19 @@
+# Headers, libraries, the CMake package and the pkg-config file.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS zeb zeb_static EXPORT zebTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY header/zeb DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES header/platform/list_head.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform)
+
+set(ZEB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zeb)
+install(EXPORT zebTargets NAMESPACE zeb:: DESTINATION ${ZEB_CMAKE_DIR})
+configure_package_config_file(packaging/zebConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/zebConfig.cmake
+    INSTALL_DESTINATION ${ZEB_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zebConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zebConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/zebConfigVersion.cmake
+    DESTINATION ${ZEB_CMAKE_DIR})
+
+configure_file(packaging/zeb.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
