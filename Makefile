@@ -1,0 +1,47 @@
+# The front door. `make help` lists what there is; every word is the same for a developer, a new user and CI.
+SHELL := /bin/bash
+PRESET ?= release
+BUILD := build/$(PRESET)
+export ZEB_BUILD := $(CURDIR)/$(BUILD)
+export ZEB_TEST_RESULTS := $(CURDIR)/build/results
+JOBS ?= $(shell nproc)
+
+.PHONY: help setup build demo check lint unit asan tsan integration install clean
+
+help: ## this list
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
+
+setup: ## install the packages that building and testing need (root), or say which are missing
+	@scripts/setup
+
+build: setup ## configure and build everything (PRESET=release, debug, asan or tsan)
+	@cmake --preset $(PRESET) >build/configure-$(PRESET).log 2>&1 || { cat build/configure-$(PRESET).log; exit 1; }
+	@cmake --build $(BUILD) -j$(JOBS) -- --no-print-directory >build/build-$(PRESET).log 2>&1 || { cat build/build-$(PRESET).log; exit 1; }
+	@echo "built in $(BUILD)"
+
+demo: build ## three nodes, two servers and a client, and what they say to each other
+	@examples/demo/run
+
+check: setup ## everything that must be green: build, lint, all tests; ends with "N passed, M failed"
+	@scripts/check
+
+lint: setup ## formatting, clang-tidy, thread-safety annotations, house rules
+	@scripts/lint
+
+unit: build ## unit, wire and ABI tests
+	@scripts/ctest
+
+asan: ## unit tests under AddressSanitizer and UBSan
+	@$(MAKE) --no-print-directory unit PRESET=asan
+
+tsan: ## unit tests under ThreadSanitizer
+	@$(MAKE) --no-print-directory unit PRESET=tsan
+
+integration: build ## real processes on real kernel TIPC, in the lab
+	@tests/integration/run
+
+install: build ## install below DESTDIR and the prefix that CMake was configured with
+	@cmake --install $(BUILD)
+
+clean: ## remove all build output
+	@rm -rf build
