@@ -1,5 +1,5 @@
 # The host's side: chooses where to run, prepares the emulated machine, starts it and passes its output and status on.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2153
 
 PACKAGES='qemu-system-x86 busybox-static cpio kmod iproute2'
 MODULES='virtio_ring virtio virtio_pci_modern_dev virtio_pci_legacy_dev virtio_pci netfs fscache 9pnet 9pnet_virtio 9p
@@ -47,7 +47,8 @@ prepare_guest() {
     flock 9
     if [ ! -e "$dir/ready" ]; then
         work=$(mktemp -d "$cache/new.XXXXXX")
-        build_guest "$work" && mv -T "$work" "$dir" || { rm -rf "$work"; exit 125; }
+        (build_guest "$work") || { rm -rf "$work"; exit 125; }
+        mv -T "$work" "$dir"
     fi
     exec 9>&-
     echo "$dir"

@@ -175,7 +175,7 @@ int zeb_recvfrom_anc(uint32_t app, int sd, void *buf, size_t len, int flags, str
     hdr.msg_controllen = peek ? 0 : sizeof(s_anc_buf);
 
     ssize_t ret = recvmsg(sd, &hdr, flags);
-    if (ret >= 0 && hdr.msg_name != nullptr)
+    if (ret >= 0 && addr != nullptr && addr_len != nullptr)
         *addr_len = hdr.msg_namelen;
     if (ret != 0 || peek)
         return (int)ret;

@@ -1,0 +1,34 @@
+// Libc calls interposed in the test binary: each passes through unless a test has scripted it to fail. Counters and an
+// ordered log of the calls let a test show what was called and undone in which order.
+#ifndef TESTS_SUPPORT_FAULT_H
+#define TESTS_SUPPORT_FAULT_H
+
+#include <string>
+#include <vector>
+
+namespace fault
+{
+// The next `times` calls of `call`, after `skip` that pass, fail with `err`: calls of pthread_* return it, fopen gives
+// null, the others -1 with errno. A short write is -2.
+void fail_next(const std::string &call, int err, int times = 1, int skip = 0);
+
+constexpr int SHORT = -2;
+
+// Calls since the last reset, failed ones included.
+int count(const std::string &call);
+
+// Names of the recorded calls in order, "close(sd)" and the like without arguments.
+std::vector<std::string> log();
+
+// Forgets scripts, counters and the log.
+void reset();
+
+// Opening `path` opens `instead`; an empty `instead` gives ENOENT.
+void redirect_file(const std::string &path, const std::string &instead);
+
+// Used by the interposed calls: counts `call` and returns the error it is to fail with, or 0.
+int take(const char *call);
+const char *redirected(const char *path, bool *missing);
+} // namespace fault
+
+#endif
