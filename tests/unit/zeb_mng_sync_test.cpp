@@ -1,0 +1,505 @@
+// The instance handshake: what each message does in each state, retry, resume.
+#include "lib_test.h"
+#include "zeb_mng.h"
+#include "zeb_mng_msg.h"
+#include "zeb_mng_online.h"
+#include "zeb_mng_sync.h"
+#include "zeb_mng_timer.h"
+
+using wire::operator+;
+
+class zeb_mng_sync : public lib_test
+{
+  protected:
+    void SetUp() override
+    {
+        lib_test::SetUp();
+        start_app();
+        (void)fake_tipc::take_sent();
+        (void)fake_tipc::take_subscriptions();
+    }
+
+    // The sequence of the one SYNC_INST that was sent since the last look.
+    static uint32_t sent_seq()
+    {
+        auto sent = fake_tipc::take_sent();
+        for (const fake_tipc::sent_t &message : sent) {
+            if (wire::get16(message.bytes, 38) == 1)
+                return sync_word(message.bytes, 0);
+        }
+        return 0;
+    }
+
+    void ack(uint32_t seq, uint32_t pseq, uint32_t id = PEER_PID, uint32_t server = 1)
+    {
+        receive(wire::message(from_peer(wire::SYNC),
+                              wire::sync_ack(seq, id, server) + wire::sync_seq_ack(seq, id, server, pseq)));
+    }
+
+    // pseq of the last acknowledgement that was sent; -1 when there is none.
+    static int64_t sent_pseq()
+    {
+        int64_t pseq = -1;
+        for (const fake_tipc::sent_t &message : fake_tipc::take_sent()) {
+            if (message.bytes.size() == 88)
+                pseq = wire::get32(message.bytes, 36 + 24 + 4 + 20);
+        }
+        return pseq;
+    }
+};
+
+// Started timers by type, each with its sequence and milliseconds.
+struct started_t {
+    uint32_t type;
+    uint32_t seq;
+    uint32_t ms;
+};
+
+static std::vector<started_t> take_timers()
+{
+    std::vector<started_t> timers;
+    for (const wire::bytes_t &bytes : fake_tipc::take_subscriptions()) {
+        started_t timer;
+        memcpy(&timer.ms, bytes.data() + 12, 4);
+        memcpy(&timer.type, bytes.data() + 20, 4);
+        memcpy(&timer.seq, bytes.data() + 24, 4);
+        timers.push_back(timer);
+    }
+    return timers;
+}
+
+TEST_F(zeb_mng_sync, a_published_peer_is_synchronised_with_by_every_subscriber)
+{
+    start_app(101, {});
+    lines_t lines = logged(V | I, [&] { peer_published(); });
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(wire::header_of(sent[0].bytes).src_app, APP);
+    EXPECT_EQ(wire::header_of(sent[1].bytes).src_app, 101u);
+    EXPECT_EQ(sync_word(sent[0].bytes, 2), 1u) << "a server";
+    EXPECT_EQ(sync_word(sent[1].bytes, 2), 0u) << "no server";
+    std::string seq = std::to_string((int)sync_word(sent[0].bytes, 0));
+    EXPECT_THAT(lines, testing::IsSupersetOf({"0 ZEB app 100 sync inst to 200/9, seq " + seq + ".",
+                                              "1 ZEB ADD INST app 100 sync inst to 200/9, seq " + seq + "."}));
+}
+
+TEST_F(zeb_mng_sync, a_synchronisation_that_cannot_be_sent_is_forgotten)
+{
+    fault::fail_next("sendto", EHOSTUNREACH);
+    lines_t lines = logged(W | E, [&] { peer_published(); });
+    EXPECT_THAT(lines,
+                testing::Contains(testing::MatchesRegex("2 ZEB app 100 sync inst to 200/9, seq -?[0-9]+. SEND FAIL")));
+    EXPECT_THAT(lines, testing::Contains("3 ZEB send app 100 server notification to 200/9 failed."));
+    EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, joining_an_unknown_application_or_an_online_instance_sends_nothing)
+{
+    EXPECT_EQ(logged(I, [] { zeb_app_inst_join(300, 1, 0); }), lines_t({"1 ZEB app 300/1 ol is NULL."}));
+    peer_online();
+    EXPECT_EQ(logged(W, [] { zeb_app_inst_join(PEER, PEER_NODE, 0); }),
+              lines_t({"2 ZEB app 200/9 had already online."}));
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+}
+
+TEST_F(zeb_mng_sync, two_instances_that_publish_at_once_complete_only_with_the_right_pseq)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    peer_syncs();
+    EXPECT_EQ(sent_pseq(), 0) << "the peer's identity is not confirmed yet";
+    ack(my_seq, 0);
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE)) << "recorded, but never completes";
+    EXPECT_TRUE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
+    peer_syncs(); // sent again by its retry
+    EXPECT_EQ(sent_pseq(), my_seq) << "now it is";
+    lines_t lines = logged(V, [&] { ack(my_seq, PEER_SEQ + 1); });
+    EXPECT_THAT(lines, testing::Contains("0 ZEB app 100 recv from 200/9 ack pseq 5001 invalid, need seq 5000."));
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+    lines = logged(V | I, [&] { ack(my_seq, PEER_SEQ); });
+    EXPECT_THAT(lines, testing::IsSupersetOf(
+                           {"1 ZEB DEL INST app 100 sync inst to 200/9, seq " + std::to_string((int)my_seq) + ".",
+                            std::string("1 ZEB clear inst retry from 100 to 200/9.")}));
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, a_wrong_pseq_changes_neither_identity_nor_server_bit)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    peer_syncs();
+    ack(my_seq, PEER_SEQ + 7, PEER_PID + 1);
+    zeb_scoped_lock lock(&g_lib_mutex);
+    EXPECT_EQ(__zeb_get_inst_id(APP, PEER, PEER_NODE)->sync_ack_id, 0u);
+    EXPECT_FALSE(zeb_app_set_test(&__zeb_get_ol_app(PEER)->srv_bmp, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, an_acknowledgement_of_nothing_pending_is_only_logged)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    peer_syncs();
+    lines_t lines = logged(V, [&] { ack(my_seq + 1, PEER_SEQ); });
+    EXPECT_THAT(lines, testing::Contains("0 ZEB app 100 del inst sync to 200/9 failed. ack seq " +
+                                         std::to_string((int)(my_seq + 1)) + " pseq 5000 "));
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, an_old_peer_completes_with_the_old_acknowledgement)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    wire::header_t old = from_peer(wire::SYNC);
+    old.ver = 1;
+    receive(wire::message(old, wire::sync_inst(PEER_SEQ, PEER_PID, 1, 0)));
+    EXPECT_TRUE(take_timers().empty()) << "no retries for an old peer";
+    EXPECT_EQ(logged(W, [&] { receive(wire::message(old, wire::sync_ack(my_seq + 1, PEER_PID, 1))); }),
+              lines_t({"2 ZEB app 100 del inst sync to 200/9 seq " + std::to_string((int)(my_seq + 1)) + " failed."}));
+    // It carries the new form too, which counts only from a new peer.
+    receive(wire::message(old, wire::sync_seq_ack(my_seq, PEER_PID, 1, PEER_SEQ)));
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+    receive(wire::message(old, wire::sync_ack(my_seq, PEER_PID, 1)));
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, a_new_peer_completes_with_the_new_acknowledgement_alone)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    peer_syncs();
+    receive(wire::message(from_peer(wire::SYNC), wire::sync_ack(my_seq, PEER_PID, 1)));
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+    ack(my_seq, PEER_SEQ);
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, an_unexpected_element_warns_and_the_walk_goes_on)
+{
+    EXPECT_EQ(logged(W,
+                     [&] {
+                         receive(wire::message(from_peer(wire::SYNC),
+                                               wire::tlv(6, {}) + wire::sync_inst(PEER_SEQ, PEER_PID, 1, 0)));
+                     }),
+              lines_t({"2 ZEB app 100 recv unexpected data type 6 from 200/9."}));
+    EXPECT_TRUE(zeb_app_instance(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, a_repeated_synchronisation_with_the_instance_bit_set_changes_nothing)
+{
+    peer_online();
+    peer_syncs();
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    EXPECT_EQ(fake_tipc::take_sent().size(), 1u) << "one acknowledgement, no synchronisation";
+}
+
+TEST_F(zeb_mng_sync, a_synchronisation_with_the_same_sequence_after_a_quit_is_a_quit_request)
+{
+    peer_published();
+    peer_syncs();
+    zeb_app_inst_force_quit(PEER, PEER_NODE);
+    (void)fake_tipc::take_sent();
+    EXPECT_THAT(logged(V, [&] { peer_syncs(); }),
+                testing::Contains("0 ZEB app 100 quit comm to 200/9 by request.recv_seq:5000, seq:5000"));
+    EXPECT_EQ(sent_seq(), 0u) << "no synchronisation of ours";
+}
+
+TEST_F(zeb_mng_sync, a_new_sequence_without_instance_bit_restarts_the_pair)
+{
+    peer_published();
+    peer_syncs();
+    zeb_app_inst_force_quit(PEER, PEER_NODE);
+    (void)fake_tipc::take_sent();
+    EXPECT_THAT(logged(V, [&] { peer_syncs(PEER_SEQ + 1); }),
+                testing::Contains("0 ZEB app 100 resume comm to 200/9 by request. recv_seq:5000, seq:5001"));
+    EXPECT_NE(sent_seq(), 0u);
+    EXPECT_TRUE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, a_resume_mark_restarts_even_an_online_pair)
+{
+    peer_online();
+    (void)take_seen();
+    receive(wire::message(from_peer(wire::SYNC), wire::sync_inst(PEER_SEQ + 1, PEER_PID, 1, 1)));
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+    EXPECT_EQ(take_seen().events.size(), 1u) << "a quit event";
+    EXPECT_TRUE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
+    EXPECT_TRUE(zeb_app_instance(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, a_restarted_peer_is_held_back_until_its_identities_agree)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    peer_syncs();
+    ack(my_seq, 0, PEER_PID - 1); // identity of the process before
+    ack(my_seq, PEER_SEQ, PEER_PID);
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE)) << "the last acknowledgement agrees";
+    zeb_app_inst_force_quit(PEER, PEER_NODE);
+    (void)fake_tipc::take_sent();
+    zeb_app_inst_join(PEER, PEER_NODE, 0);
+    my_seq = sent_seq();
+    peer_syncs(PEER_SEQ);
+    lines_t lines = logged(W, [&] { ack(my_seq, PEER_SEQ, PEER_PID + 5); });
+    EXPECT_EQ(lines, lines_t({"2 ZEB app 100 to 200/9 instance id not equal."}));
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+    receive(wire::message(from_peer(wire::SYNC), wire::sync_inst(PEER_SEQ, PEER_PID + 5, 1, 0)));
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, ordinary_traffic_is_taken_as_the_acknowledgement)
+{
+    peer_published();
+    peer_syncs();
+    lines_t lines = logged(I, [&] { zeb_notify_app_join(APP, PEER_NODE, PEER); });
+    EXPECT_THAT(lines, testing::Contains(testing::StartsWith("1 ZEB DEL INST app 100 sync inst to 200/9, seq ")));
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
+}
+
+// Retry.
+
+TEST_F(zeb_mng_sync, pending_synchronisations_are_sent_again_every_2_s_until_acknowledged)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    lines_t lines = logged(I, [&] { peer_syncs(); });
+    EXPECT_THAT(lines, testing::Contains("1 ZEB retry sync inst to 200/9."));
+    auto timers = take_timers();
+    ASSERT_EQ(timers.size(), 1u);
+    EXPECT_EQ(timers[0].type, 3u);
+    EXPECT_EQ(timers[0].seq, 0u);
+    EXPECT_EQ(timers[0].ms, 2000u);
+    (void)fake_tipc::take_sent();
+    for (int i = 0; i < 5; i++) {
+        lines = logged(V, [] { zeb_process_tipc_subscr_event(fake_tipc::timer_event(3, 0)); });
+        EXPECT_THAT(lines, testing::Contains("0 ZEB app 100 sync inst to 200/9, seq " + std::to_string((int)my_seq) +
+                                             " SUCC."));
+        EXPECT_EQ(sent_seq(), my_seq) << "the same synchronisation";
+        EXPECT_EQ(take_timers().size(), 1u);
+    }
+    ack(my_seq, PEER_SEQ);
+    (void)fake_tipc::take_sent();
+    zeb_process_tipc_subscr_event(fake_tipc::timer_event(3, 0));
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+    EXPECT_TRUE(take_timers().empty()) << "and not after";
+}
+
+TEST_F(zeb_mng_sync, a_retry_that_fails_is_logged_and_tried_on)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    peer_syncs();
+    (void)fake_tipc::take_sent();
+    fault::fail_next("sendto", EHOSTUNREACH);
+    EXPECT_THAT(logged(W, [] { zeb_process_inst_retry_timer_event(0); }),
+                testing::Contains("2 ZEB app 100 sync inst to 200/9, seq " + std::to_string((int)my_seq) + " FAIL."));
+    zeb_process_inst_retry_timer_event(0);
+    EXPECT_EQ(sent_seq(), my_seq);
+}
+
+TEST_F(zeb_mng_sync, without_a_pending_synchronisation_there_is_nothing_to_retry)
+{
+    EXPECT_THAT(logged(V, [] { zeb_start_retry_inst_timer(2, APP, PEER, PEER_NODE); }),
+                testing::Contains("0 no instance msg need retry."));
+    EXPECT_EQ(take_timers().size(), 1u) << "the timer has started all the same";
+    zeb_start_retry_inst_timer(2, APP, PEER, PEER_NODE);
+    EXPECT_TRUE(take_timers().empty()) << "one at a time";
+}
+
+TEST_F(zeb_mng_sync, a_retry_timer_that_fails_to_start_stays_marked_as_open)
+{
+    fault::fail_next("send", EPIPE);
+    peer_published();
+    peer_syncs();
+    EXPECT_TRUE(zeb_timer_inst_retry_open);
+    zeb_app_inst_force_quit(PEER, PEER_NODE);
+    peer_published();
+    peer_syncs(PEER_SEQ + 1);
+    for (const started_t &timer : take_timers())
+        EXPECT_NE(timer.type, 3u);
+}
+
+// Resume.
+
+TEST_F(zeb_mng_sync, a_peer_that_synchronised_but_never_came_online_is_resumed_after_60_s)
+{
+    lines_t lines = logged(I, [&] { peer_syncs(); });
+    EXPECT_THAT(lines, testing::Contains("1 ZEB try resume comm to 200/9."));
+    started_t resume = {};
+    for (const started_t &timer : take_timers()) {
+        if (timer.type == 0)
+            resume = timer;
+    }
+    EXPECT_EQ(resume.ms, 60000u);
+    (void)fake_tipc::take_sent();
+    EXPECT_THAT(logged(E, [&] { zeb_process_tipc_subscr_event(fake_tipc::timer_event(0, resume.seq)); }),
+                testing::Contains("3 ZEB resume communication to 200/9."));
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sync_word(sent[0].bytes, 3), 1u) << "the resume mark";
+    zeb_process_tipc_subscr_event(fake_tipc::timer_event(0, resume.seq));
+    EXPECT_TRUE(fake_tipc::take_sent().empty()) << "once";
+}
+
+TEST_F(zeb_mng_sync, any_join_or_quit_drops_a_pending_resume)
+{
+    const std::function<void()> drops[] = {
+        [] { zeb_app_inst_join(PEER, PEER_NODE, 0); },
+        [] { zeb_app_inst_quit(PEER, PEER_NODE); },
+        [] { zeb_app_inst_force_quit(PEER, PEER_NODE); },
+        [] { zeb_app_inst_try_quit(PEER, PEER_NODE); },
+    };
+    for (const auto &drop : drops) {
+        zeb_app_inst_force_quit(PEER, PEER_NODE);
+        (void)take_timers();
+        zeb_try_resume_comm(PEER, PEER_NODE);
+        auto timers = take_timers();
+        ASSERT_EQ(timers.size(), 1u);
+        EXPECT_THAT(logged(V, drop), testing::Contains("0 ZEB clear resume comm to 200/9."));
+        (void)fake_tipc::take_sent();
+        EXPECT_EQ(logged(E, [&] { zeb_process_resume_timer_event(timers[0].seq); }), lines_t({}));
+        EXPECT_TRUE(fake_tipc::take_sent().empty());
+    }
+}
+
+TEST_F(zeb_mng_sync, no_resume_while_ours_is_pending_or_the_pair_is_online_or_the_timer_fails)
+{
+    peer_published();
+    (void)take_timers();
+    zeb_try_resume_comm(PEER, PEER_NODE);
+    EXPECT_TRUE(take_timers().empty());
+    peer_online();
+    (void)take_timers();
+    zeb_try_resume_comm(PEER, PEER_NODE);
+    EXPECT_TRUE(take_timers().empty());
+    fault::fail_next("send", EPIPE);
+    zeb_try_resume_comm(PEER, PEER_NODE + 1);
+    zeb_scoped_lock lock(&g_lib_mutex);
+    EXPECT_TRUE(list_empty(&g_zeb_mng.resume_comm_list));
+}
+
+TEST_F(zeb_mng_sync, a_pair_record_gives_0_until_it_exists)
+{
+    uint32_t seq = 9;
+    zeb_get_inst_send_seq(APP, PEER, 1, &seq);
+    EXPECT_EQ(seq, 0u);
+    EXPECT_EQ(zeb_get_pseq_for_inst_ack(APP, 1, PEER), 0);
+    zeb_update_inst_send_seq(APP, PEER, 1, 44);
+    zeb_get_inst_send_seq(APP, PEER, 1, &seq);
+    EXPECT_EQ(seq, 44u);
+    EXPECT_EQ(zeb_get_pseq_for_inst_ack(APP, 1, PEER), 44) << "both identities are 0, hence equal";
+    EXPECT_EQ(logged(E, [] { zeb_get_inst_recv_seq(APP, PEER, 1, nullptr); }), lines_t({"3 Invalid param."}));
+}
+
+TEST_F(zeb_mng_sync, a_quit_forgets_only_the_first_pair_record_and_retry_of_the_instance)
+{
+    zeb_update_inst_sync_id(APP, PEER, 1, 5);
+    zeb_update_inst_sync_id(101, PEER, 1, 5);
+    zeb_scoped_lock lock(&g_lib_mutex);
+    __zeb_clear_inst_id(PEER, 1);
+    EXPECT_EQ(__zeb_get_inst_id(APP, PEER, 1), nullptr);
+    EXPECT_NE(__zeb_get_inst_id(101, PEER, 1), nullptr);
+}
+
+// Every cell of the state table: the bits before, what happens, the bits after. Letters: I has synchronised, A has
+// acknowledged, O online, P ours is pending.
+struct cell_t {
+    const char *state;
+    const char *event;
+    const char *after;
+};
+
+class zeb_mng_sync_table : public zeb_mng_sync, public testing::WithParamInterface<cell_t>
+{
+  protected:
+    uint32_t my_seq_ = 0;
+
+    void enter(const std::string &state)
+    {
+        if (state == "idle")
+            return;
+        if (state == "half") { // it has synchronised, nothing of ours is pending
+            peer_syncs();
+            return;
+        }
+        peer_published();
+        my_seq_ = sent_seq();
+        if (state == "both pending" || state == "online")
+            peer_syncs();
+        if (state == "acked")
+            zeb_notify_app_join(APP, PEER_NODE, PEER);
+        if (state == "online")
+            ack(my_seq_, PEER_SEQ);
+    }
+
+    void happen(const std::string &event)
+    {
+        if (event == "publish")
+            peer_published();
+        else if (event == "withdraw")
+            peer_withdrawn();
+        else if (event == "sync same")
+            peer_syncs();
+        else if (event == "sync new")
+            peer_syncs(PEER_SEQ + 1);
+        else if (event == "sync resume")
+            receive(wire::message(from_peer(wire::SYNC), wire::sync_inst(PEER_SEQ + 2, PEER_PID, 1, 1)));
+        else if (event == "ack right")
+            ack(my_seq_, PEER_SEQ);
+        else if (event == "ack pseq 0")
+            ack(my_seq_, 0);
+        else if (event == "message")
+            receive(wire::message(from_peer(), {1}));
+        else
+            FAIL() << event;
+    }
+
+    static std::string bits()
+    {
+        std::string text;
+        zeb_scoped_lock lock(&g_lib_mutex);
+        const zeb_ol_app_t *ol = __zeb_get_ol_app(PEER);
+        text += zeb_app_set_test(&ol->inst_bmp, PEER_NODE) ? "I" : "-";
+        text += zeb_app_set_test(&ol->inst_ack_bmp, PEER_NODE) ? "A" : "-";
+        text += zeb_app_set_test(&ol->ol_bmp, PEER_NODE) ? "O" : "-";
+        text += zeb_has_sync_inst_msg(PEER, PEER_NODE) ? "P" : "-";
+        return text;
+    }
+};
+
+TEST_P(zeb_mng_sync_table, leads_where_it_should)
+{
+    const cell_t &cell = GetParam();
+    enter(cell.state);
+    happen(cell.event);
+    EXPECT_EQ(bits(), cell.after) << cell.state << " + " << cell.event;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    cell, zeb_mng_sync_table,
+    testing::Values(
+        cell_t{"idle", "publish", "---P"}, cell_t{"idle", "withdraw", "----"}, cell_t{"idle", "sync same", "I---"},
+        cell_t{"idle", "sync new", "I---"}, cell_t{"idle", "sync resume", "I--P"}, cell_t{"idle", "ack right", "----"},
+        cell_t{"idle", "ack pseq 0", "----"}, cell_t{"idle", "message", "----"},
+
+        cell_t{"waiting", "publish", "---P"}, cell_t{"waiting", "withdraw", "----"},
+        cell_t{"waiting", "sync same", "I--P"}, cell_t{"waiting", "sync new", "I--P"},
+        cell_t{"waiting", "sync resume", "I--P"}, cell_t{"waiting", "ack right", "---P"},
+        cell_t{"waiting", "ack pseq 0", "---P"}, cell_t{"waiting", "message", "---P"},
+
+        cell_t{"half", "publish", "---P"}, cell_t{"half", "withdraw", "I---"}, cell_t{"half", "sync same", "I---"},
+        cell_t{"half", "sync new", "I---"}, cell_t{"half", "sync resume", "I--P"}, cell_t{"half", "ack right", "I---"},
+        cell_t{"half", "ack pseq 0", "I---"}, cell_t{"half", "message", "IAO-"},
+
+        cell_t{"both pending", "publish", "---P"}, cell_t{"both pending", "withdraw", "I---"},
+        cell_t{"both pending", "sync same", "I--P"}, cell_t{"both pending", "sync new", "I--P"},
+        cell_t{"both pending", "sync resume", "I--P"}, cell_t{"both pending", "ack right", "IAO-"},
+        cell_t{"both pending", "ack pseq 0", "I--P"}, cell_t{"both pending", "message", "IAO-"},
+
+        cell_t{"acked", "publish", "---P"}, cell_t{"acked", "withdraw", "----"}, cell_t{"acked", "sync resume", "I--P"},
+        cell_t{"acked", "ack right", "-A--"}, cell_t{"acked", "ack pseq 0", "-A--"}, cell_t{"acked", "message", "-A--"},
+
+        cell_t{"online", "publish", "---P"}, cell_t{"online", "withdraw", "----"},
+        cell_t{"online", "sync same", "IAO-"}, cell_t{"online", "sync new", "IAO-"},
+        cell_t{"online", "sync resume", "I--P"}, cell_t{"online", "ack right", "IAO-"},
+        cell_t{"online", "ack pseq 0", "IAO-"}, cell_t{"online", "message", "IAO-"}));

@@ -1,0 +1,111 @@
+// Timers over the topology service, and the monitor's dump.
+#include "lib_test.h"
+#include "zeb_dbg.h"
+#include "zeb_mng.h"
+#include "zeb_mng_online.h"
+#include "zeb_mng_timer.h"
+
+class zeb_mng_timer : public lib_test
+{
+  protected:
+    void SetUp() override
+    {
+        lib_test::SetUp();
+        start_app();
+        (void)fake_tipc::take_subscriptions();
+    }
+
+    static std::vector<uint32_t> words(const wire::bytes_t &bytes)
+    {
+        std::vector<uint32_t> out(7);
+        EXPECT_EQ(bytes.size(), 28u);
+        memcpy(out.data(), bytes.data(), 28);
+        return out;
+    }
+};
+
+typedef std::vector<uint32_t> words_t;
+
+TEST_F(zeb_mng_timer, a_timer_is_a_subscription_that_nobody_answers)
+{
+    EXPECT_EQ(logged(V,
+                     [] {
+                         EXPECT_EQ(zeb_subscr_timer_event(60, {ZEB_TIMER_TYPE_RESUME, 77}), 0);
+                     }),
+              lines_t({"0 ZEB add timer event type 0, seq 77."}));
+    EXPECT_EQ(words(fake_tipc::take_subscriptions().at(0)), words_t({1, 0, 0, 60000, 2, 0, 77}));
+}
+
+TEST_F(zeb_mng_timer, the_time_out_is_cut_to_32_bits)
+{
+    EXPECT_EQ(zeb_subscr_timer_event(4294968, {ZEB_TIMER_TYPE_MONITOR, 1}), 0);
+    EXPECT_EQ(words(fake_tipc::take_subscriptions().at(0))[3], 704u);
+}
+
+TEST_F(zeb_mng_timer, starting_a_retry_timer_while_one_is_pending_sends_nothing)
+{
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
+    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
+}
+
+TEST_F(zeb_mng_timer, a_start_is_repeated_on_passing_errors_and_fails_on_others)
+{
+    fault::reset();
+    fault::fail_next("send", EINTR, 20);
+    fault::fail_next("send", ENOMEM, 20);
+    fault::fail_next("send", ENOBUFS, 20);
+    EXPECT_EQ(zeb_subscr_timer_event(1, {ZEB_TIMER_TYPE_INST, 1}), 0);
+    EXPECT_EQ(fault::count("send"), 61);
+    fault::fail_next("send", EPIPE);
+    EXPECT_EQ(logged(E,
+                     [] {
+                         EXPECT_EQ(zeb_subscr_timer_event(1, {ZEB_TIMER_TYPE_INST, 1}), -1);
+                     }),
+              lines_t({"3 ZEB send timer subscription msg failed: Broken pipe.", ","}));
+}
+
+TEST_F(zeb_mng_timer, an_unknown_timer_is_ignored)
+{
+    EXPECT_EQ(logged(15,
+                     [] {
+                         zeb_process_tipc_timer_event({4, 9});
+                     }),
+              lines_t({"0 ZEB perceived timer event of type 4 seq 9."}));
+}
+
+TEST_F(zeb_mng_timer, the_monitor_follows_1800_3600_7200_14400_seconds)
+{
+    uint32_t seq = 1;
+    for (uint32_t seconds : {3600u, 7200u, 14400u}) {
+        zeb_process_tipc_subscr_event(fake_tipc::timer_event(ZEB_TIMER_TYPE_MONITOR, seq));
+        words_t timer = words(fake_tipc::take_subscriptions().at(0));
+        EXPECT_EQ(timer[3], seconds * 1000);
+        EXPECT_EQ(timer[5], (uint32_t)ZEB_TIMER_TYPE_MONITOR);
+        EXPECT_EQ(timer[6], seq * 2);
+        seq = timer[6];
+    }
+}
+
+TEST_F(zeb_mng_timer, a_monitor_sequence_of_0_counts_as_1)
+{
+    zeb_process_monitor_timer_event(0);
+    EXPECT_EQ(words(fake_tipc::take_subscriptions().at(0))[6], 2u);
+    zeb_process_monitor_timer_event(0x80000000);
+    EXPECT_EQ(words(fake_tipc::take_subscriptions().at(0))[6], 0u) << "it wraps";
+}
+
+TEST_F(zeb_mng_timer, the_monitor_prints_the_time_and_dumps_the_first_application)
+{
+    lines_t lines = logged(V, [] { zeb_process_monitor_timer_event(1); });
+    EXPECT_THAT(lines[0], testing::StartsWith("0 ZEB monitor timer: "));
+    std::string text = buffer_text();
+    size_t at = 0;
+    for (const char *part : {"Application 100/7 process's ZEB library information:\n",
+                             "\n\nApplication 100/7 [test] information:\n", "\n\nApplication 100 overall statistics:\n",
+                             "\n\nApplication 100 mng msg statistics:\n", "\n\nApplication 100 RPC waits:\n"}) {
+        size_t found = text.find(part, at);
+        EXPECT_NE(found, std::string::npos) << part << text;
+        at = found;
+    }
+}
