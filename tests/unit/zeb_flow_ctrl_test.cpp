@@ -1,0 +1,295 @@
+// Flow control: windows, acknowledgements, blocked senders, counters, diagnosis.
+#include <thread>
+
+#include "lib_test.h"
+#include "zeb_dbg.h"
+#include "zeb_flow_ctrl.h"
+#include "zeb_flow_ctrl_stat.h"
+#include "zeb_mng.h"
+#include "zeb_mng_msg.h"
+
+class zeb_flow_ctrl : public lib_test
+{
+  protected:
+    void SetUp() override
+    {
+        lib_test::SetUp();
+        start_app();
+    }
+
+    static std::string text()
+    {
+        zeb_buf_printf_reset();
+        zeb_cli_print_fc_stat(APP);
+        return buffer_text();
+    }
+
+    static void sent(int num, uint32_t node = 9)
+    {
+        for (int i = 0; i < num; i++)
+            zeb_fc_update_sent_ok(APP, PEER, node);
+    }
+
+    static void received(int num, uint32_t node = 9)
+    {
+        for (int i = 0; i < num; i++)
+            zeb_fc_update_recv_ok(PEER, node, APP);
+    }
+
+    static bool accepts()
+    {
+        return zeb_fc_check(APP, PEER, ZEB_SEND_NOWAIT) == 0;
+    }
+};
+
+TEST_F(zeb_flow_ctrl, the_listing_is_this_text)
+{
+    sent(3);
+    sent(2, 10);
+    zeb_fc_update_sent_reject(APP, PEER, 9);
+    zeb_fc_update_rpc_reply_exception(APP, PEER, 9);
+    zeb_fc_update_rpc_reply_exception(APP, PEER, ZEB_FC_NODE_ANY);
+    received(4);
+    zeb_fc_update_recv_drop(PEER, 9, APP, 5);
+    zeb_fc_update_recv_retdata(PEER, 9, APP);
+    zeb_fc_update_recv_exception(APP);
+    EXPECT_EQ(text(), "Application 100 overall statistics:\n"
+                      "  total send 5, unack 5, mcast reject 0, RPC reply exception 1\n"
+                      "  total receive 4, unack 4, exception 1\n"
+                      "    Send to application 200/9: send 3, unack 3, reject 1, RPC reply reject 1\n"
+                      "    Send to application 200/10: send 2, unack 2, reject 0, RPC reply reject 0\n"
+                      "    Receive from application 200/9: receive 4, unack 4, drop 5, return 1\n");
+    zeb_buf_printf_reset();
+    zeb_cli_print_fc_stat(999);
+    EXPECT_EQ(buffer_text(), "");
+}
+
+TEST_F(zeb_flow_ctrl, a_destination_is_blocked_from_the_1025th_unacknowledged_message_on)
+{
+    sent(1024);
+    EXPECT_TRUE(accepts());
+    sent(1);
+    EXPECT_EQ(zeb_fc_check(APP, PEER, ZEB_SEND_NOWAIT), -EAGAIN);
+}
+
+TEST_F(zeb_flow_ctrl, one_congested_node_blocks_the_application_on_every_node)
+{
+    sent(1, 10);
+    sent(1025, 11);
+    EXPECT_FALSE(accepts());
+    EXPECT_EQ(zeb_fc_check(APP, PEER + 1, ZEB_SEND_NOWAIT), 0) << "another application";
+}
+
+TEST_F(zeb_flow_ctrl, the_receiver_acknowledges_512_with_the_513th_message_and_every_further_512)
+{
+    received(512);
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+    received(1);
+    auto acks = fake_tipc::take_sent();
+    ASSERT_EQ(acks.size(), 1u);
+    EXPECT_EQ(wire::hex(wire::body_of(acks[0].bytes)), "0008000000000200");
+    EXPECT_THAT(text(), testing::HasSubstr("receive 513, unack 1,"));
+    received(511);
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+    received(1);
+    EXPECT_EQ(fake_tipc::take_sent().size(), 1u);
+}
+
+TEST_F(zeb_flow_ctrl, a_failed_acknowledgement_is_tried_with_the_next_message)
+{
+    received(512);
+    fault::fail_next("sendto", EHOSTUNREACH);
+    received(1);
+    EXPECT_THAT(text(), testing::HasSubstr("receive 513, unack 513,"));
+    received(1);
+    EXPECT_EQ(fake_tipc::take_sent().size(), 1u);
+    EXPECT_THAT(text(), testing::HasSubstr("receive 514, unack 2,"));
+}
+
+TEST_F(zeb_flow_ctrl, an_acknowledgement_wakes_a_blocked_sender)
+{
+    sent(1025);
+    std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
+    zeb_fc_update_sent_ack(APP, PEER, 9, 512);
+    sender.join();
+    EXPECT_THAT(text(), testing::HasSubstr("Send to application 200/9: send 1025, unack 513,"));
+    EXPECT_THAT(text(), testing::HasSubstr("total send 1025, unack 513,"));
+}
+
+TEST_F(zeb_flow_ctrl, a_quit_wakes_a_blocked_sender_and_forgets_the_pair)
+{
+    sent(1025);
+    received(3);
+    zeb_fc_update_recv_drop(PEER, 9, APP, 2);
+    std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
+    EXPECT_EQ(logged(I, [] { zeb_fc_reset_unack(APP, PEER, 9); }),
+              lines_t({"1 ZEB reset unack stat between app 100 and 200/9."}));
+    sender.join();
+    EXPECT_EQ(text(), "Application 100 overall statistics:\n"
+                      "  total send 0, unack 0, mcast reject 0, RPC reply exception 0\n"
+                      "  total receive 0, unack 0, exception 0\n"
+                      "    Send to application 200/9: send 0, unack 0, reject 0, RPC reply reject 0\n"
+                      "    Receive from application 200/9: receive 0, unack 0, drop 0, return 0\n");
+}
+
+TEST_F(zeb_flow_ctrl, a_join_turns_what_was_sent_into_rejects)
+{
+    sent(10);
+    zeb_fc_update_sent_ack(APP, PEER, 9, 4);
+    zeb_fc_update_recv_drop(PEER, 9, APP, 2);
+    EXPECT_EQ(logged(W, [] { zeb_fc_adjust_statistics(APP, PEER, 9); }),
+              lines_t({"2 ZEB app 100 adjust sent reject num 10 to 200/9."}));
+    EXPECT_EQ(text(), "Application 100 overall statistics:\n"
+                      "  total send 0, unack -4, mcast reject 0, RPC reply exception 0\n"
+                      "  total receive 0, unack 0, exception 0\n"
+                      "    Send to application 200/9: send 0, unack 0, reject 10, RPC reply reject 0\n"
+                      "    Receive from application 200/9: receive 0, unack 0, drop 0, return 0\n")
+        << "the total drops by what was sent";
+}
+
+TEST_F(zeb_flow_ctrl, a_join_after_nothing_was_sent_changes_nothing_on_the_send_side)
+{
+    zeb_fc_update_sent_reject(APP, PEER, 9);
+    EXPECT_EQ(logged(W, [] { zeb_fc_adjust_statistics(APP, PEER, 9); }), lines_t({}));
+    EXPECT_THAT(text(),
+                testing::HasSubstr("Send to application 200/9: send 0, unack 0, reject 1, RPC reply reject 0\n"));
+}
+
+TEST_F(zeb_flow_ctrl, a_refusal_to_no_single_instance_is_never_in_a_record)
+{
+    zeb_fc_update_sent_reject(APP, PEER, ZEB_FC_NODE_ANY);
+    zeb_fc_update_sent_reject(APP, 12288, 3);
+    EXPECT_EQ(text(), "Application 100 overall statistics:\n"
+                      "  total send 0, unack 0, mcast reject 2, RPC reply exception 0\n"
+                      "  total receive 0, unack 0, exception 0\n");
+}
+
+TEST_F(zeb_flow_ctrl, a_message_returned_by_application_1_changes_no_counter)
+{
+    zeb_fc_update_recv_retdata(1, 9, APP);
+    EXPECT_THAT(text(), testing::Not(testing::HasSubstr("Receive from")));
+}
+
+TEST_F(zeb_flow_ctrl, an_acknowledgement_of_an_absurd_count_neither_blocks_nor_overflows)
+{
+    sent(5);
+    for (uint32_t num : {0x7FFFFFFFu, 0x80000001u, 0xFFFFFFFFu, 0xFFFFFFFFu})
+        zeb_fc_update_sent_ack(APP, PEER, 9, num);
+    EXPECT_TRUE(accepts());
+    EXPECT_THAT(text(), testing::HasSubstr("unack -2147483648,"));
+}
+
+TEST_F(zeb_flow_ctrl, without_a_record_there_is_one_error)
+{
+    EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_fc_check(999, PEER, 0), -ENOENT); }),
+              lines_t({"3 ZEB app 999 get flow control failed."}));
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_ok(PEER, 9, 999); }),
+              lines_t({"3 ZEB app 200 get flow control failed."}));
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(PEER, 9, 999, 1); }),
+              lines_t({"3 ZEB app 200 get flow control failed."}));
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(PEER, 9, 999, 0); }), lines_t({}));
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_retdata(PEER, 9, 999); }),
+              lines_t({"3 ZEB app 200 get flow control failed."}));
+    EXPECT_EQ(logged(E, [] { zeb_fc_reset_unack(999, PEER, 9); }),
+              lines_t({"3 ZEB get app 999 flow ctrl info failed."}));
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_sent_ack(999, PEER, 9, 1); }),
+              lines_t({"3 ZEB app 999 get flow control failed."}));
+}
+
+TEST_F(zeb_flow_ctrl, a_diagnosis_pings_only_the_node_that_blocks)
+{
+    sent(5, 8);
+    sent(1025, 9);
+    received(2, 9);
+    lines_t lines = logged(E, []() ZEB_NO_THREAD_SAFETY_ANALYSIS {
+        zeb_fc_t *fc = zeb_get_app_fc(APP);
+        zeb_scoped_lock lock(&fc->mutex);
+        zeb_fc_diagnose_destination(fc, PEER);
+    });
+    EXPECT_EQ(lines,
+              lines_t({"3 ZEB app 100 total send 1030, unack 1030, mcast reject 0, RPC reply exception 0",
+                       "3 ZEB app 100 total receive 2, unack 2, exception 0",
+                       "3 ZEB app 100 send to application 200/9: send 1025, unack 1025, reject 0, RPC reply reject 0",
+                       "3 ZEB app 100 receive from application 200/9: receive 2, unack 2, drop 0, return 0"}));
+    auto pings = fake_tipc::take_sent();
+    ASSERT_EQ(pings.size(), 1u);
+    EXPECT_EQ(wire::header_of(pings[0].bytes).dst_node, 9u);
+    EXPECT_EQ(wire::hex(wire::body_of(pings[0].bytes)), "00040006");
+}
+
+TEST_F(zeb_flow_ctrl, a_ping_is_answered_with_the_own_view_and_an_echo)
+{
+    sent(2, 9);
+    received(3, 9);
+    EXPECT_EQ(logged(E, [] { zeb_fc_ping_request(PEER, 9, APP); }),
+              lines_t({"3 ZEB app 100 recv ping request from 200/9.", "3 ZEB app 100 from 200/9 unprocess num: 0.",
+                       "3 ZEB app 100 total send 2, unack 2, mcast reject 0, RPC reply exception 0",
+                       "3 ZEB app 100 total receive 3, unack 3, exception 0",
+                       "3 ZEB app 100 send to application 200/9: send 2, unack 2, reject 0, RPC reply reject 0",
+                       "3 ZEB app 100 receive from application 200/9: receive 3, unack 3, drop 0, return 0"}));
+    auto echo = fake_tipc::take_sent();
+    ASSERT_EQ(echo.size(), 1u);
+    EXPECT_EQ(wire::hex(wire::body_of(echo[0].bytes)), "00040007");
+    EXPECT_EQ(logged(0, [] { zeb_fc_ping_request(PEER, 9, APP); }), lines_t({}));
+    EXPECT_EQ(fake_tipc::take_sent().size(), 1u) << "the echo goes out all the same";
+    EXPECT_EQ(logged(E, [] { zeb_fc_ping_echo(PEER, 9, APP); }), lines_t({"3 ZEB app 100 recv ping echo from 200/9."}));
+}
+
+// Statistics of synchronisation messages.
+
+static std::string stat_text()
+{
+    zeb_buf_printf_reset();
+    zeb_cli_print_mng_stat(APP);
+    return buffer_text();
+}
+
+TEST_F(zeb_flow_ctrl, synchronisation_messages_are_counted_by_type)
+{
+    for (int type : {1, 1, 1, 2, 9})
+        zeb_mng_stat_update_sent(APP, PEER, 9, type);
+    for (int type : {1, 2, 9, 9})
+        zeb_mng_stat_update_recv(APP, PEER, 9, type);
+    zeb_mng_stat_update_send_fail(PEER, 9, APP);
+    zeb_mng_stat_update_recv_reject(PEER, 9, APP);
+    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
+                           "  total send 5, total recv 4\n"
+                           "    Send to application 200/9: inst 3, inst ack 1, inst seq ack 1, failed 1\n"
+                           "    Receive from application 200/9: inst 1, inst ack 1, inst seq ack 2,reject 1\n");
+    EXPECT_EQ(logged(I, [] { zeb_clean_mng_msg_stat(APP, PEER, 9); }),
+              lines_t({"1 ZEB clean mng msg stat between app 100 and 200/9."}));
+    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
+                           "  total send 0, total recv 0\n"
+                           "    Send to application 200/9: inst 0, inst ack 0, inst seq ack 0, failed 0\n"
+                           "    Receive from application 200/9: inst 0, inst ack 0, inst seq ack 0,reject 0\n");
+}
+
+TEST_F(zeb_flow_ctrl, cleaning_lowers_the_total_by_what_was_counted)
+{
+    for (int type : {1, 1, 1, 2})
+        zeb_mng_stat_update_sent(APP, PEER, 9, type);
+    zeb_mng_stat_update_sent(APP, PEER, 10, 1);
+    zeb_clean_mng_msg_stat(APP, PEER, 9);
+    EXPECT_THAT(stat_text(), testing::HasSubstr("total send 1, total recv 0\n"));
+}
+
+TEST_F(zeb_flow_ctrl, another_type_is_warned_about_but_makes_the_record)
+{
+    EXPECT_EQ(logged(W, [] { zeb_mng_stat_update_sent(APP, PEER, 9, 0); }),
+              lines_t({"2 ZEB app 100 update send mng msg stat type 0 not support."}));
+    EXPECT_EQ(logged(W, [] { zeb_mng_stat_update_recv(APP, PEER, 9, 3); }),
+              lines_t({"2 ZEB app 100 update recv mng msg stat type 3 not support."}));
+    EXPECT_THAT(stat_text(), testing::HasSubstr("total send 0, total recv 0\n    Send to application 200/9: inst 0,"));
+}
+
+TEST_F(zeb_flow_ctrl, a_synchronisation_returned_by_application_1_changes_no_counter)
+{
+    zeb_mng_stat_update_recv_reject(1, 9, APP);
+    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n  total send 0, total recv 0\n");
+}
+
+TEST_F(zeb_flow_ctrl, statistics_of_an_unknown_application_are_one_error)
+{
+    EXPECT_EQ(logged(E, [] { zeb_mng_stat_update_sent(999, PEER, 9, 1); }),
+              lines_t({"3 ZEB app 999 get mng msg stat failed."}));
+}

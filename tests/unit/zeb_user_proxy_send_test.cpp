@@ -1,0 +1,213 @@
+// zeb_send and zeb_sendto.
+#include "lib_test.h"
+#include "zeb_dbg.h"
+#include "zeb_flow_ctrl.h"
+#include "zeb_mng_online.h"
+
+class zeb_user_proxy_send : public lib_test
+{
+  protected:
+    void SetUp() override
+    {
+        lib_test::SetUp();
+        start_app();
+        ASSERT_EQ(zeb_comm_with(APP, 201), 0);
+    }
+
+    ~zeb_user_proxy_send() override
+    {
+        free(msg_);
+    }
+
+    // Destinations of what was sent since the last look, as "app/node".
+    static lines_t destinations()
+    {
+        lines_t out;
+        for (const fake_tipc::sent_t &sent : fake_tipc::take_sent()) {
+            wire::header_t header = wire::header_of(sent.bytes);
+            EXPECT_EQ(sent.dst.addr.name.name.instance, header.dst_app << 16 | header.dst_node);
+            out.push_back(std::to_string(header.dst_app) + "/" + std::to_string(header.dst_node));
+        }
+        return out;
+    }
+
+    static std::string fc_text()
+    {
+        zeb_buf_printf_reset();
+        zeb_cli_print_fc_stat(APP);
+        return buffer_text();
+    }
+
+    // This node's own instance of APP comes online.
+    void self_online()
+    {
+        peer_online(NODE, true, APP, APP);
+        (void)take_seen();
+    }
+
+    zeb_msg_t *msg_ = zeb_msg_alloc(4, 3, 0);
+};
+
+TEST_F(zeb_user_proxy_send, bad_senders_and_messages_are_refused)
+{
+    for (uint32_t app : {0u, 8192u, 12288u, 20480u})
+        EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_send(app, PEER, msg_, 0), -EINVAL); }),
+                  lines_t({"3 ZEB src app ID " + std::to_string(app) + " invalid."}));
+    EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_sendto(APP, 1, PEER, nullptr, 0), -EINVAL); }),
+              lines_t({"3 ZEB app 100 send msg NULL."}));
+    EXPECT_THAT(fc_text(), testing::HasSubstr("mcast reject 0,")) << "not counted";
+}
+
+TEST_F(zeb_user_proxy_send, bad_destinations_are_refused_and_counted)
+{
+    for (uint32_t app : {8192u, 12287u, 20480u, 0xFFFFFFFFu})
+        EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_send(APP, app, msg_, 0), -EINVAL); }),
+                  lines_t({"3 ZEB app 100 to dst app ID " + std::to_string((int)app) + " invalid."}));
+    for (uint32_t node : {65536u, 0x7FFFFu, 0x90000u, 0xFFFFFFFDu})
+        EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_sendto(APP, node, PEER, msg_, 0), -EINVAL); }),
+                  lines_t({"3 ZEB app 100 to dst node ID " + std::to_string((int)node) + " invalid."}));
+    EXPECT_THAT(fc_text(), testing::HasSubstr("mcast reject 8,"));
+}
+
+TEST_F(zeb_user_proxy_send, without_a_server_the_result_is_enoent)
+{
+    EXPECT_EQ(logged(V, [&] { EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), -ENOENT); })[1],
+              "0 ZEB app 100 to 200 has no server.");
+    EXPECT_THAT(logged(V, [&] { EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), -ENOENT); }),
+                testing::Contains("0 ZEB app 100 send 200(0xc8) has no server."));
+    EXPECT_TRUE(destinations().empty());
+}
+
+TEST_F(zeb_user_proxy_send, a_message_goes_to_every_server_in_ascending_order)
+{
+    for (uint32_t node : {500u, 3u, 65535u, 64u})
+        peer_online(node);
+    peer_online(77, false); // a client
+    EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), 0);
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 4u);
+    wire::header_t header = wire::header_of(sent[0].bytes);
+    EXPECT_EQ(header.flag, 0);
+    EXPECT_EQ(header.seq, 0u);
+    EXPECT_EQ(header.stat, 0u);
+    EXPECT_EQ(header.app_ver, 3u);
+    EXPECT_EQ(header.src_app, APP);
+    EXPECT_EQ(header.src_node, NODE);
+    lines_t nodes;
+    for (const fake_tipc::sent_t &one : sent)
+        nodes.push_back(std::to_string(wire::header_of(one.bytes).dst_node));
+    EXPECT_EQ(nodes, lines_t({"3", "64", "500", "65535"}));
+    EXPECT_THAT(fc_text(), testing::HasSubstr("total send 4, unack 4,"));
+}
+
+TEST_F(zeb_user_proxy_send, destination_0_is_the_sender_itself)
+{
+    self_online();
+    peer_online(3, true, APP);
+    EXPECT_EQ(zeb_send(APP, 0, msg_, 0), 0);
+    EXPECT_EQ(destinations(), lines_t({"100/3", "100/7"}));
+    EXPECT_EQ(zeb_send(APP, 0, msg_, ZEB_SEND_EXCLUDE_SELF), 0);
+    EXPECT_EQ(destinations(), lines_t({"100/3"}));
+    EXPECT_EQ(zeb_sendto(APP, ZEB_NODE_LOCAL, APP, msg_, 0), 0);
+    EXPECT_EQ(destinations(), lines_t({"100/7"}));
+}
+
+TEST_F(zeb_user_proxy_send, excluding_oneself_when_alone_is_enoent)
+{
+    self_online();
+    EXPECT_EQ(zeb_send(APP, APP, msg_, ZEB_SEND_EXCLUDE_SELF), -ENOENT);
+    EXPECT_EQ(zeb_sendto(APP, NODE, APP, msg_, ZEB_SEND_EXCLUDE_SELF), -ENOENT);
+    EXPECT_TRUE(destinations().empty());
+}
+
+TEST_F(zeb_user_proxy_send, one_node_is_sent_to_alone)
+{
+    peer_online(3);
+    peer_online(4);
+    EXPECT_EQ(zeb_sendto(APP, 4, PEER, msg_, 0), 0);
+    EXPECT_EQ(destinations(), lines_t({"200/4"}));
+    lines_t lines = logged(V, [&] { EXPECT_EQ(zeb_sendto(APP, 5, PEER, msg_, 0), -ENOENT); });
+    EXPECT_THAT(lines, testing::Not(testing::Contains("0 ZEB app 100 to 200 has no server.")));
+    EXPECT_EQ(lines[1], "0 ZEB app 100 sendto 200/5(0xc8/0x5) has no server.");
+    EXPECT_EQ(zeb_sendto(APP, ZEB_NODE_ALL, PEER, msg_, 0), 0);
+    EXPECT_EQ(destinations(), lines_t({"200/3", "200/4"}));
+}
+
+TEST_F(zeb_user_proxy_send, all_nodes_is_zeb_send_and_logs_its_line_too)
+{
+    peer_online(3);
+    lines_t lines = logged(V, [&] { EXPECT_EQ(zeb_sendto(APP, ZEB_NODE_ALL, PEER, msg_, 0), 0); });
+    EXPECT_THAT(lines[0], testing::StartsWith("0 ZEB user app 100 sendto 200/-1(0xc8/0xffffffff), msg "));
+    EXPECT_THAT(lines[1], testing::StartsWith("0 ZEB user app 100 send 200(0xc8), msg "));
+}
+
+TEST_F(zeb_user_proxy_send, a_group_reaches_its_members_and_skips_an_absent_one)
+{
+    int group = zeb_create_app_mcast(APP);
+    EXPECT_EQ(zeb_send(APP, (uint32_t)group, msg_, 0), -ENOENT) << "empty";
+    for (uint32_t app : {201u, PEER, 300u})
+        ASSERT_EQ(zeb_add_app_mcast(APP, (uint32_t)group, app), 0);
+    EXPECT_EQ(zeb_send(APP, (uint32_t)group, msg_, 0), -ENOENT);
+    peer_online(3);
+    peer_online(4, true, 201);
+    EXPECT_THAT(logged(V, [&] { EXPECT_EQ(zeb_send(APP, (uint32_t)group, msg_, 0), 0); }),
+                testing::Contains("0 ZEB app 100 to 300 has no server."));
+    EXPECT_EQ(destinations(), lines_t({"201/4", "200/3"})) << "in the order of the places";
+    EXPECT_EQ(zeb_sendto(APP, 4, (uint32_t)group, msg_, 0), 0);
+    EXPECT_EQ(destinations(), lines_t({"201/4"}));
+}
+
+TEST_F(zeb_user_proxy_send, a_node_group_is_sent_to_in_list_order)
+{
+    for (uint32_t node : {3u, 4u, 5u})
+        peer_online(node);
+    uint32_t group = (uint32_t)zeb_create_node_mcast(APP);
+    for (uint32_t node : {5u, 3u, 9u})
+        ASSERT_EQ(zeb_add_node_mcast(APP, group, node), 0);
+    EXPECT_EQ(zeb_sendto(APP, group, PEER, msg_, 0), 0);
+    EXPECT_EQ(destinations(), lines_t({"200/5", "200/3"}));
+    EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_sendto(APP, 0x8FFFF, PEER, msg_, 0), -ENOENT); }),
+              lines_t({"3 ZEB app 100 does not create node-private-mcast 589823."}));
+}
+
+static void fill_window(uint32_t app, uint32_t node)
+{
+    for (int i = 0; i < 1025; i++)
+        zeb_fc_update_sent_ok(APP, app, node);
+}
+
+TEST_F(zeb_user_proxy_send, one_refused_member_sends_to_none)
+{
+    peer_online(3);
+    peer_online(4, true, 201);
+    uint32_t group = (uint32_t)zeb_create_app_mcast(APP);
+    ASSERT_EQ(zeb_add_app_mcast(APP, group, PEER), 0);
+    ASSERT_EQ(zeb_add_app_mcast(APP, group, 201), 0);
+    fill_window(201, 4);
+    EXPECT_EQ(logged(W, [&] { EXPECT_EQ(zeb_send(APP, group, msg_, ZEB_SEND_NOWAIT), -EAGAIN); }),
+              lines_t({"2 ZEB app 100 to 201 check msg flow ctrl failed: Resource temporarily unavailable."}));
+    EXPECT_TRUE(destinations().empty());
+    EXPECT_THAT(fc_text(), testing::HasSubstr("mcast reject 1,"));
+}
+
+TEST_F(zeb_user_proxy_send, one_failed_write_does_not_stop_the_others)
+{
+    for (uint32_t node : {3u, 4u, 5u})
+        peer_online(node);
+    fault::fail_next("sendto", EHOSTUNREACH, 1, 1);
+    EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), -1);
+    EXPECT_EQ(destinations(), lines_t({"200/3", "200/5"}));
+    EXPECT_THAT(fc_text(), testing::HasSubstr("Send to application 200/4: send 0, unack 0, reject 1,"));
+    EXPECT_THAT(fc_text(), testing::HasSubstr("Send to application 200/5: send 1, unack 1, reject 0,"));
+}
+
+TEST_F(zeb_user_proxy_send, the_message_stays_the_callers_in_host_order)
+{
+    peer_online(3);
+    memcpy(msg_->data, "abcd", 4);
+    EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), 0);
+    EXPECT_EQ(msg_->hdr.len, 40u);
+    EXPECT_EQ(msg_->hdr.dst_node, 3u) << "its last destination";
+    EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), 0);
+    EXPECT_EQ(wire::body_of(fake_tipc::take_sent().at(1).bytes), wire::bytes_t({'a', 'b', 'c', 'd'}));
+}
