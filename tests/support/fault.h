@@ -23,6 +23,10 @@ std::vector<std::string> log();
 // Forgets scripts, counters and the log.
 void reset();
 
+// Whether calls are counted and scripted at all: only while a test runs. Sanitizers call libc at the process's end,
+// where nothing may be allocated any more.
+void arm(bool on);
+
 // Opening `path` opens `instead`; an empty `instead` gives ENOENT.
 void redirect_file(const std::string &path, const std::string &instead);
 

@@ -44,6 +44,7 @@ void lib_test::SetUp()
     write_node(std::to_string(NODE) + "\n");
     no_conf();
     fault::reset();
+    fault::arm(true);
     fds_ = open_files();
 }
 
@@ -54,6 +55,7 @@ void lib_test::TearDown()
     EXPECT_LE(open_files().size(), fds_.size() + kept) << "a descriptor leaks";
     std::string command = "rm -rf " + dir_;
     EXPECT_EQ(system(command.c_str()), 0);
+    fault::arm(false);
 }
 
 void lib_test::write_conf(const std::string &text)

@@ -409,6 +409,11 @@ struct cell_t {
     const char *after;
 };
 
+static void PrintTo(const cell_t &cell, std::ostream *out)
+{
+    *out << cell.state << " + " << cell.event;
+}
+
 class zeb_mng_sync_table : public zeb_mng_sync, public testing::WithParamInterface<cell_t>
 {
   protected:

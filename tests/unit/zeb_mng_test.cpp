@@ -186,6 +186,11 @@ struct start_fault_t {
     const char *line;
 };
 
+static void PrintTo(const start_fault_t &param, std::ostream *out)
+{
+    *out << param.call << " " << param.skip;
+}
+
 class zeb_mng_start : public lib_test, public testing::WithParamInterface<start_fault_t>
 {
 };

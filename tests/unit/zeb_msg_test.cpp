@@ -213,7 +213,8 @@ static std::vector<int> walk(const wire::bytes_t &body)
     std::vector<int> types;
     uint32_t space = (uint32_t)body.size();
     void *copy = aligned_alloc(4, (body.size() + 3) / 4 * 4 + 4);
-    memcpy(copy, body.data(), body.size());
+    if (!body.empty())
+        memcpy(copy, body.data(), body.size());
     struct tlv_list_desc cursor;
     TLV_LIST_INIT(&cursor, copy, space);
     zeb_tlv_item_t item;
