@@ -170,6 +170,8 @@ start_guest() { # NUMBER CTL GUEST: a machine in the background, its output on d
     [ -z "$OUT" ] || more+=(-fsdev "local,id=out,path=$OUT,security_model=none"
         -device 'virtio-9p-pci,fsdev=out,mount_tag=out')
     if [ "$MACHINES" = 2 ]; then
+        more+=(-fsdev "local,id=shared,path=$RUN_DIR/shared,security_model=none"
+            -device 'virtio-9p-pci,fsdev=shared,mount_tag=shared')
         more+=(-netdev "socket,id=n0,mcast=230.0.0.1:$WIRE_PORT,localaddr=127.0.0.1"
             -device "virtio-net-pci,netdev=n0,mac=52:54:00:12:34:0$number")
     else
@@ -217,7 +219,7 @@ run_guest() {
         if [ "$MACHINES" = 2 ]; then
             echo "$number" >"$ctl/machine"
             printf 'LAB_MACHINE=%s\0' "$number" >>"$ctl/environment"
-            mkdir -p "$RUN_DIR/shared"
+            mkdir -p "$RUN_DIR/shared" "$ctl/shared"
             start_guest "$number" "$ctl" "$guest" 3> >(sed -u "s/^/m$number: /")
         else
             start_guest "$number" "$ctl" "$guest" 3>&1

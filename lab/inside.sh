@@ -1,62 +1,220 @@
-#!/bin/bash
-# Inside the kernel that has TIPC: makes the nodes, runs the command, leaves its
-# status in ctl/status. Started by init2 in the emulated machine, or by
-# outside.py in namespaces of its own on the host.
+# Runs where the kernel has TIPC: makes the nodes, runs the command, tidies up. Also the commands that the command itself
+# may use (exec, cut, heal …). State lies in $LAB_RUN; ctl/ in it is shared with the host side.
+# shellcheck shell=bash
 
-set -u
-here=$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")
-export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
+LAB_RUN=${LAB_RUN:-/run/lab}
+export LAB_RUN
 
-ctl=$LAB_RUN/ctl
-state=$LAB_RUN/state
-mkdir -p "$state" "$LAB_RUN/nodes"
-[[ $LAB_MODE == guest ]] || mount -t tmpfs -o mode=755 lab "$state"
-cp "$ctl/spec" "$state/spec"
-echo "SPEC_MODE=$LAB_MODE" >>"$state/spec"
-# shellcheck source=nodes.sh
-source "$here/nodes.sh"
+say() { echo "lab: $*" >&2; }
+die() { say "$*"; exit 125; }
 
-finish() {
-	echo "$1" >"$ctl/status.part" && mv "$ctl/status.part" "$ctl/status"
-	[[ $LAB_MODE == guest ]] || lab_remove_placeholders
-	exit "$1"
+setting() { cat "$LAB_RUN/ctl/$1" 2>/dev/null; }
+node_pid() { cat "$LAB_RUN/nodes/$1/pid" 2>/dev/null; }
+node_ids() { setting node_ids; }
+is_node() { [ -n "$1" ] && [ -d "$LAB_RUN/nodes/$1" ]; }
+in_node() { # NODE COMMAND… : in the node's namespaces, as the very process
+    local node=$1
+    shift
+    nsenter -t "$(node_pid "$node")" -n -m -r --wdns="$PWD" -- "$@"
+}
+need_node() { is_node "$1" || die "no node '$1' (nodes: $(node_ids))"; }
+device() { echo "v$1_$2"; } # the end of link A-B that lies in A
+
+# Files of one node: each folder that holds a per-node file is a folder of the node's own, with links to what the folder
+# holds otherwise.
+prepare_files() {
+    local node=$1 path template dir mine
+    while IFS='=' read -r path template; do
+        dir=$(dirname "$path")
+        mine=$LAB_RUN/nodes/$node$dir
+        if [ ! -d "$mine" ]; then
+            mkdir -p "$mine" "$LAB_RUN/orig$dir" "$dir" || die "cannot make $dir for $path"
+            if ! mountpoint -q "$LAB_RUN/orig$dir"; then
+                mount --bind "$dir" "$LAB_RUN/orig$dir" || die "cannot bind $dir"
+            fi
+            find "$LAB_RUN/orig$dir" -mindepth 1 -maxdepth 1 -exec ln -s -t "$mine" {} +
+        fi
+        rm -f "$mine/${path##*/}"
+        sed "s/@NODE@/$node/g" "$template" >"$mine/${path##*/}"
+    done < <(setting node_files)
 }
 
-give_up() {
-	echo "lab: $*"
-	finish 125
+mount_files() { # inside the node's mount namespace
+    local node=$1 path template dir
+    while IFS='=' read -r path template; do
+        dir=$(dirname "$path")
+        mountpoint -q "$dir" && [ "$dir" != /tmp ] && [ -e "$dir/.lab_node" ] && continue
+        : >"$LAB_RUN/nodes/$node$dir/.lab_node"
+        mount --bind "$LAB_RUN/nodes/$node$dir" "$dir" || exit 125
+    done < <(setting node_files)
 }
 
-# Folders that the machine's own /tmp and /run would hide.
-show_host_folders() {
-	local dir
-	for dir in "${SPEC_SHARE[@]}"; do
-		mkdir -p "$dir" && mount --bind "$LAB_RUN/host$dir" "$dir" ||
-			give_up "cannot show the host's $dir"
-	done
-	if [[ -n $SPEC_OUT ]]; then
-		mkdir -p "$SPEC_OUT" &&
-			mount -t 9p -o rw,cache=mmap,trans=virtio,version=9p2000.L,msize=262144,access=any \
-				out "$SPEC_OUT" || give_up "cannot mount $SPEC_OUT"
-	fi
+start_node() { # NODE: the namespaces, held by one sleeping process, and the TIPC identity
+    local node=$1 key value
+    mkdir -p "$LAB_RUN/nodes/$node"
+    prepare_files "$node"
+    # shellcheck disable=SC2016
+    unshare --net --mount --propagation private /bin/bash -c \
+        '. "$1"; mount_files "$2"; ip link set lo up; echo $$ >"$LAB_RUN/nodes/$2/pid.new"; mv "$LAB_RUN/nodes/$2/pid.new" "$LAB_RUN/nodes/$2/pid"; exec sleep infinity' \
+        lab "$(setting inside)" "$node" </dev/null >/dev/null 2>&1 &
+    local holder=$!
+    until [ -s "$LAB_RUN/nodes/$node/pid" ]; do
+        kill -0 "$holder" 2>/dev/null || die "node $node does not start"
+        sleep 0.02
+    done
+    while IFS='=' read -r key value; do
+        in_node "$node" sysctl -q -w "$key=$value" || die "sysctl $key in node $node"
+    done < <(setting sysctls)
+    in_node "$node" tipc node set identity "node$node" || die "TIPC identity of node $node"
 }
 
-[[ $LAB_MODE == host ]] || show_host_folders
-if [[ -z $SPEC_MACHINE ]]; then
-	lab_start_nodes || give_up "the nodes could not be made"
-else
-	lab_start_machine || give_up "the machine could not be made a node"
-fi
+link_nodes() { # A B
+    local a b tolerance
+    a=$1 b=$2
+    ip link add "$(device "$a" "$b")" netns "$(node_pid "$a")" type veth \
+        peer name "$(device "$b" "$a")" netns "$(node_pid "$b")" || die "link $a-$b"
+    tolerance=$(setting tolerance)
+    local ends="$a:$b $b:$a" end dev
+    for end in $ends; do
+        dev=$(device "${end%:*}" "${end#*:}")
+        in_node "${end%:*}" ip link set "$dev" up
+        in_node "${end%:*}" tipc bearer enable media eth device "$dev" || die "bearer $dev"
+        [ -z "$tolerance" ] || in_node "${end%:*}" tipc bearer set tolerance "$tolerance" media eth device "$dev"
+    done
+}
 
-ulimit -Hn 524288 2>/dev/null
-# The shell's own word on a killed child is no output of the command.
-exec 3>&2 2>/dev/null
-(
-	exec 2>&3 3>&-
-	cd -- "$SPEC_CWD" || exit 125
-	exec env -i "${SPEC_ENV[@]}" "LAB_RUN=$LAB_RUN" "${SPEC_CMD[@]}"
-) &
-wait $!
-status=$?
-exec 2>&3 3>&-
-finish $status
+link_to_others() { # NODE: to every node that is up and has a lower place in the list
+    local node=$1 other
+    for other in $(node_ids); do
+        [ "$other" = "$node" ] && return
+        link_nodes "$other" "$node"
+    done
+}
+
+links_up() { # NODE: how many of its links are up
+    in_node "$1" tipc link list 2>/dev/null | grep -c ': up'
+}
+
+wait_links() {
+    local ids node others
+    ids=$(node_ids)
+    for node in $ids; do
+        [ -n "$(node_pid "$node")" ] || continue
+        others=0
+        for other in $ids; do
+            [ "$other" != "$node" ] && [ -n "$(node_pid "$other")" ] && others=$((others + 1))
+        done
+        until [ "$(links_up "$node")" -ge "$others" ]; do sleep 0.05; done
+    done
+}
+
+each_link_end() { # A [B] : the (node, device) pairs of A's links, or of the one to B
+    local a=$1 b=$2 other
+    for other in $(node_ids); do
+        [ "$other" = "$a" ] && continue
+        [ -n "$b" ] && [ "$other" != "$b" ] && continue
+        echo "$a $(device "$a" "$other")"
+        echo "$other $(device "$other" "$a")"
+    done
+}
+
+set_links() { # up|down A [B]
+    local state=$1 node dev
+    while read -r node dev; do
+        [ -n "$(node_pid "$node")" ] && in_node "$node" ip link set "$dev" "$state" 2>/dev/null
+    done < <(each_link_end "$2" "${3:-}")
+    return 0
+}
+
+node_processes() { # NODE: the pids in its network namespace
+    local ns pid
+    ns=$(readlink "/proc/$(node_pid "$1")/ns/net") || return 0
+    for pid in /proc/[0-9]*; do
+        [ "$(readlink "$pid/ns/net" 2>/dev/null)" = "$ns" ] && echo "${pid#/proc/}"
+    done
+}
+
+node_down() { # a board that loses its power: nothing of it is heard any more
+    set_links down "$1"
+    # shellcheck disable=SC2046
+    kill -9 $(node_processes "$1") 2>/dev/null
+    rm -f "$LAB_RUN/nodes/$1/pid"
+}
+
+node_up() {
+    local other
+    start_node "$1"
+    for other in $(node_ids); do
+        [ "$other" = "$1" ] && continue
+        [ -n "$(node_pid "$other")" ] || continue
+        # The old ends may linger until the dead namespace is gone.
+        in_node "$other" ip link del "$(device "$other" "$1")" 2>/dev/null
+        link_nodes "$other" "$1"
+    done
+}
+
+show_links() {
+    local node
+    for node in $(node_ids); do
+        echo "node $node:"
+        [ -n "$(node_pid "$node")" ] && in_node "$node" tipc link list | grep -v broadcast-link
+    done
+}
+
+wire_up() { # one of two machines: the whole guest is one node
+    local node=$1 path template dir
+    prepare_files "$node"
+    echo 1 >"$LAB_RUN/nodes/$node/pid"
+    while IFS='=' read -r path template; do
+        dir=$(dirname "$path")
+        mountpoint -q "$dir" && [ -e "$dir/.lab_node" ] && continue
+        : >"$LAB_RUN/nodes/$node$dir/.lab_node"
+        mount --bind "$LAB_RUN/nodes/$node$dir" "$dir"
+    done < <(setting node_files)
+    ip link set eth0 up
+    tipc node set identity "machine$node"
+    tipc bearer enable media eth device eth0 || die "no bearer on the wire"
+    until tipc link list | grep -q ': up'; do sleep 0.05; done
+}
+
+make_cluster() {
+    local node key value
+    if [ -n "$(setting machine)" ]; then
+        while IFS='=' read -r key value; do sysctl -q -w "$key=$value"; done < <(setting sysctls)
+        wire_up "$(setting machine)"
+        return
+    fi
+    for node in $(node_ids); do start_node "$node"; done
+    for node in $(node_ids); do link_to_others "$node"; done
+    wait_links
+}
+
+remove_cluster() {
+    local node
+    [ -n "$(setting machine)" ] && return
+    for node in $(node_ids); do
+        # shellcheck disable=SC2046
+        is_node "$node" && kill -9 $(node_processes "$node") 2>/dev/null
+    done
+}
+
+run_command() { # the command with the caller's folder, environment and words
+    local words=() word
+    while IFS= read -r -d '' word; do words+=("$word"); done <"$LAB_RUN/ctl/command"
+    while IFS= read -r -d '' word; do export "${word?}"; done <"$LAB_RUN/ctl/environment"
+    LAB_NODES=$(node_ids) LAB=$(setting lab)
+    export LAB_NODES LAB PATH="${LAB%/*}:$PATH"
+    cd "$(setting directory)" || exit 125
+    "${words[@]}"
+}
+
+guest_main() {
+    export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
+    local status
+    make_cluster
+    run_command
+    status=$?
+    echo "$status" >"$LAB_RUN/ctl/status"
+}
+
+[ "${1:-}" != guest ] || [ "${BASH_SOURCE[0]}" != "$0" ] || guest_main
