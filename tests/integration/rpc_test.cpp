@@ -1,0 +1,116 @@
+// Calls on real TIPC.
+#include <algorithm>
+#include <sstream>
+
+#include "cluster.h"
+
+using cluster::process;
+
+class rpc : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        cluster::reset();
+    }
+};
+
+static void start(process &agent, const std::string &app, const std::string &peer, const std::string &versions = " 1",
+                  const std::string &thread = " thread")
+{
+    ASSERT_EQ(agent.ask("register " + app + thread + versions), "0");
+    if (peer != app) {
+        ASSERT_EQ(agent.ask("comm " + app + " " + peer), "0");
+    }
+    ASSERT_EQ(agent.ask("run"), "0");
+}
+
+// The outcomes of a call, sorted by node.
+static std::string sorted(const std::string &result)
+{
+    std::istringstream in(result);
+    std::vector<std::string> words;
+    for (std::string word; in >> word;)
+        words.push_back(word);
+    if (words.empty())
+        return result;
+    std::sort(words.begin() + 1, words.end());
+    std::string out;
+    for (const std::string &word : words)
+        out += (out.empty() ? "" : " ") + word;
+    return out;
+}
+
+TEST_F(rpc, gathers_from_three_nodes_and_meets_silence_errors_and_quits)
+{
+    process client(1, "zeb_agent");
+    process one(1, "zeb_agent");
+    process two(2, "zeb_agent");
+    process three(3, "zeb_agent");
+    start(client, "310", "311");
+    process *servers[] = {&one, &two, &three};
+    for (process *server : servers)
+        start(*server, "311", "310");
+    for (int node = 1; node <= 3; node++)
+        client.wait("join 310 311/" + std::to_string(node));
+    EXPECT_EQ(sorted(client.ask("rpc 310 311 all 10 1")), "0 1:0 2:0 3:0");
+    EXPECT_EQ(client.ask("rpc 310 311 2 10 1"), "0 2:0");
+
+    ASSERT_EQ(two.ask("answer silent"), "0");
+    EXPECT_EQ(sorted(client.ask("rpc 310 311 all 2 1")), "0 1:0 2:5 3:0");
+    ASSERT_EQ(two.ask("answer null"), "0");
+    EXPECT_EQ(sorted(client.ask("rpc 310 311 all 10 1")), "0 1:0 2:4 3:0");
+    ASSERT_EQ(two.ask("answer twice"), "0");
+    EXPECT_EQ(sorted(client.ask("rpc 310 311 all 10 1")), "0 1:0 2:0 3:0");
+    EXPECT_EQ(sorted(client.ask("rpc 310 311 all 10 1")), "0 1:0 2:0 3:0") << "the second answer is gone";
+
+    ASSERT_EQ(three.ask("answer keep"), "0");
+    EXPECT_EQ(sorted(client.ask("rpc 310 311 all 1 1")), "0 1:0 2:0 3:5");
+    ASSERT_EQ(three.ask("late"), "0");
+    ASSERT_EQ(three.ask("answer silent"), "0");
+    while (three.saw("msg 311"))
+        three.wait("msg 311");
+    client.tell("rpc 310 311 all 0 1"); // without limit
+    three.wait("msg 311 310/1 len 4 ver 1");
+    three.kill();
+    EXPECT_EQ(sorted(client.wait("done rpc").substr(9)), "0 1:0 2:0 3:4");
+}
+
+TEST_F(rpc, a_version_without_dispatcher_is_answered_with_the_range)
+{
+    process client(1, "zeb_agent");
+    process server(2, "zeb_agent");
+    start(client, "320", "321");
+    start(server, "321", "320", " 2 7 4");
+    client.wait("join 320 321/2");
+    EXPECT_EQ(client.ask("rpc 320 321 all 10 1"), "0 2:3[2-7]");
+    EXPECT_EQ(client.ask("rpc 320 321 all 10 4"), "0 2:0");
+}
+
+TEST_F(rpc, eight_threads_call_at_once)
+{
+    process client(1, "zeb_agent");
+    process server(2, "zeb_agent");
+    start(client, "330", "331");
+    start(server, "331", "330");
+    client.wait("join 330 331/2");
+    EXPECT_EQ(client.ask("rpc 330 331 all 20 1 8"), "0 2:0 | 0 2:0 | 0 2:0 | 0 2:0 | 0 2:0 | 0 2:0 | 0 2:0 | 0 2:0");
+}
+
+TEST_F(rpc, a_dispatcher_may_call_itself)
+{
+    process client(1, "zeb_agent");
+    process middle(2, "zeb_agent");
+    process last(3, "zeb_agent");
+    ASSERT_EQ(middle.ask("register 341 thread 1"), "0");
+    ASSERT_EQ(middle.ask("comm 341 340"), "0");
+    ASSERT_EQ(middle.ask("comm 341 342"), "0");
+    ASSERT_EQ(middle.ask("run"), "0");
+    start(last, "342", "341");
+    start(client, "340", "341");
+    middle.wait("join 341 342/3");
+    client.wait("join 340 341/2");
+    ASSERT_EQ(middle.ask("answer call 342"), "0");
+    EXPECT_EQ(client.ask("rpc 340 341 all 20 1"), "0 2:0");
+    middle.wait("inner 0 1");
+}

@@ -1,0 +1,307 @@
+// A scriptable application: commands on standard input, what happens on standard output, one line each. Public headers
+// alone, as an application is written.
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <zeb/zeb_diag.h>
+
+typedef struct from_s { // what came from one sender
+    uint32_t num;
+    uint32_t next; // expected number
+    uint32_t bad;  // out of order, twice or damaged
+} from_t;
+
+static std::mutex s_mutex;
+static std::map<std::string, from_t> s_from;
+static std::string s_answer = "echo";
+static std::atomic<bool> s_quiet{false};
+static std::atomic<unsigned> s_slow{0}; // microseconds per message
+static zeb_msg_t *s_kept;               // a request to be answered late
+
+static void say(const std::string &line)
+{
+    std::lock_guard<std::mutex> lock(s_mutex);
+    printf("%s\n", line.c_str());
+    fflush(stdout);
+}
+
+static std::string str(long long value)
+{
+    return std::to_string(value);
+}
+
+static void *on_event(zeb_event_t event)
+{
+    say(std::string(event.type == ZEB_APP_JOIN ? "join " : "quit ") + str(event.my_app) + " " +
+        str(event.event.app.app) + "/" + str(event.event.app.node));
+    return nullptr;
+}
+
+// A payload: its number, then bytes that follow from it.
+static void fill(zeb_msg_t *msg, uint32_t number)
+{
+    uint32_t len = zeb_msg_data_len(msg);
+    for (uint32_t i = 4; i < len; i++)
+        msg->data[i] = (uint8_t)(number + i);
+    if (len >= 4)
+        memcpy(msg->data, &number, 4);
+}
+
+static bool intact(const zeb_msg_t *msg, uint32_t number)
+{
+    for (uint32_t i = 4; i < zeb_msg_data_len(msg); i++) {
+        if (msg->data[i] != (uint8_t)(number + i))
+            return false;
+    }
+    return true;
+}
+
+static void answer(const zeb_msg_t *request, const std::string &how)
+{
+    if (how == "silent")
+        return;
+    if (how == "null") {
+        (void)zeb_rpc_reply(request, nullptr, 0);
+        return;
+    }
+    zeb_msg_t *reply = zeb_msg_alloc(4, request->hdr.app_ver, 0);
+    uint32_t node = (uint32_t)zeb_get_my_node_id();
+    memcpy(reply->data, &node, sizeof(node));
+    for (int i = how == "twice" ? 2 : 1; i > 0; i--)
+        (void)zeb_rpc_reply(request, reply, 0);
+    free(reply);
+}
+
+static void *on_msg(zeb_msg_t *msg)
+{
+    if (s_slow != 0)
+        (void)usleep(s_slow);
+    uint32_t number = 0;
+    memcpy(&number, msg->data, zeb_msg_data_len(msg) >= 4 ? 4 : 0);
+    std::string from = str(msg->hdr.src_app) + "/" + str(msg->hdr.src_node);
+    std::string how;
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        from_t &entry = s_from[str(msg->hdr.dst_app) + " " + from];
+        bool good = number == entry.next && intact(msg, number);
+        entry.bad += good ? 0 : 1;
+        entry.next = number + 1;
+        entry.num++;
+        how = s_answer;
+    }
+    if (!s_quiet)
+        say("msg " + str(msg->hdr.dst_app) + " " + from + " len " + str(zeb_msg_data_len(msg)) + " ver " +
+            str(msg->hdr.app_ver) + (intact(msg, number) ? " intact" : " damaged"));
+    if ((msg->hdr.flag & ZEB_MSG_FLAG_REQUEST) != 0) {
+        if (how == "keep") {
+            s_kept = msg;
+            return nullptr;
+        }
+        if (how.rfind("call ", 0) == 0) { // the dispatcher makes a call itself
+            zeb_msg_t *request = zeb_msg_alloc(4, 1, 0);
+            zeb_reply_msg_t replies;
+            int ret = zeb_rpc(msg->hdr.dst_app, (uint32_t)atoi(how.c_str() + 5), request, 0, 5, &replies);
+            say("inner " + str(ret) + " " + str(replies.num));
+            for (int i = 0; i < replies.num; i++)
+                free(replies.msg[i]);
+            free(request);
+            how = "echo";
+        }
+        answer(msg, how);
+    }
+    free(msg);
+    return nullptr;
+}
+
+static int do_register(std::istringstream &in)
+{
+    uint32_t app = 0;
+    std::string thread;
+    in >> app >> thread;
+    std::vector<zeb_msg_dispatcher_t> table;
+    for (uint32_t version; in >> version;)
+        table.push_back({version, on_msg});
+    table.push_back({0, nullptr});
+    return thread == "thread" ? zeb_register(app, "agent", table.data(), on_event)
+                              : zeb_register_without_thread(app, "agent", table.data(), on_event);
+}
+
+// send SRC DST NODE|all|local LEN COUNT FLAGS [FIRST]
+static int do_send(std::istringstream &in)
+{
+    uint32_t src = 0;
+    uint32_t dst = 0;
+    std::string node;
+    int len = 0;
+    uint32_t count = 0;
+    int flags = 0;
+    uint32_t first = 0;
+    in >> src >> dst >> node >> len >> count >> flags >> first;
+    zeb_msg_t *msg = zeb_msg_alloc(len, 1, 0);
+    if (msg == nullptr)
+        return -1000;
+    int failed = 0;
+    int ret = 0;
+    for (uint32_t i = 0; i < count; i++) {
+        fill(msg, first + i);
+        if (node == "all")
+            ret = zeb_send(src, dst, msg, flags);
+        else
+            ret = zeb_sendto(src, node == "local" ? ZEB_NODE_LOCAL : (uint32_t)strtoul(node.c_str(), nullptr, 0), dst,
+                             msg, flags);
+        failed += ret != 0 ? 1 : 0;
+    }
+    free(msg);
+    return failed > 1 ? -2000 - failed : ret;
+}
+
+static std::string one_call(uint32_t src, uint32_t dst, const std::string &node, uint32_t timeout, uint32_t version)
+{
+    zeb_msg_t *msg = zeb_msg_alloc(4, version, 0);
+    zeb_reply_msg_t replies;
+    int ret = node == "all" ? zeb_rpc(src, dst, msg, 0, timeout, &replies)
+                            : zeb_rpcto(src, (uint32_t)atoi(node.c_str()), dst, msg, 0, timeout, &replies);
+    std::string out = str(ret);
+    for (int i = 0; i < replies.num; i++) {
+        const zeb_msg_hdr_t &hdr = replies.msg[i]->hdr;
+        out += " " + str(hdr.src_node) + ":" + str(hdr.rpc_stat);
+        if (hdr.rpc_stat == ZEB_APP_MISMATCH) {
+            zeb_mismatch_info_t range;
+            memcpy(&range, replies.msg[i]->data, sizeof(range));
+            out += "[" + str(range.low) + "-" + str(range.high) + "]";
+        }
+        free(replies.msg[i]);
+    }
+    free(msg);
+    return out;
+}
+
+// rpc SRC DST NODE|all TIMEOUT VERSION [THREADS]
+static std::string do_rpc(std::istringstream &in)
+{
+    uint32_t src = 0;
+    uint32_t dst = 0;
+    std::string node;
+    uint32_t timeout = 0;
+    uint32_t version = 1;
+    int threads = 1;
+    in >> src >> dst >> node >> timeout >> version;
+    if (!(in >> threads))
+        threads = 1;
+    std::vector<std::thread> callers;
+    std::vector<std::string> results((size_t)threads);
+    for (std::string &result : results)
+        callers.emplace_back([&, out = &result] { *out = one_call(src, dst, node, timeout, version); });
+    for (std::thread &caller : callers)
+        caller.join();
+    std::string out;
+    for (const std::string &result : results)
+        out += (out.empty() ? "" : " | ") + result;
+    return out;
+}
+
+static void print_text()
+{
+    std::istringstream text((const char *)g_print_msg->data);
+    for (std::string line; std::getline(text, line);)
+        say("text " + line);
+}
+
+static std::string run_command(const std::string &line)
+{
+    std::istringstream in(line);
+    std::string verb;
+    in >> verb;
+    uint32_t a = 0;
+    uint32_t b = 0;
+    if (verb == "register")
+        return str(do_register(in));
+    if (verb == "comm") {
+        in >> a >> b;
+        return str(zeb_comm_with(a, b));
+    }
+    if (verb == "run") {
+        zeb_run();
+        return "0";
+    }
+    if (verb == "send")
+        return str(do_send(in));
+    if (verb == "rpc")
+        return do_rpc(in);
+    if (verb == "answer") {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        std::getline(in >> std::ws, s_answer);
+        return "0";
+    }
+    if (verb == "late") { // answers the kept request
+        answer(s_kept, "echo");
+        return "0";
+    }
+    if (verb == "quiet") {
+        s_quiet = true;
+        return "0";
+    }
+    if (verb == "slow") {
+        in >> a;
+        s_slow = a;
+        return "0";
+    }
+    if (verb == "counts") {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        std::string out;
+        for (const auto &entry : s_from)
+            out +=
+                (out.empty() ? "" : ", ") + entry.first + " " + str(entry.second.num) + " bad " + str(entry.second.bad);
+        return out;
+    }
+    if (verb == "blocked") {
+        std::string on;
+        in >> on;
+        if (on == "on")
+            zeb_enable_blocked_resume();
+        else
+            zeb_disable_blocked_resume();
+        return "0";
+    }
+    if (verb == "fc") {
+        in >> a;
+        zeb_buf_printf_reset();
+        zeb_cli_print_fc_stat(a);
+        print_text();
+        return "0";
+    }
+    if (verb == "memory") {
+        FILE *fp = fopen("/proc/self/status", "r");
+        char text[256];
+        std::string rss;
+        while (fp != nullptr && fgets(text, sizeof(text), fp) != nullptr) {
+            if (strncmp(text, "VmRSS:", 6) == 0)
+                rss = std::string(text + 6, strlen(text) - 7);
+        }
+        if (fp != nullptr)
+            (void)fclose(fp);
+        return rss;
+    }
+    return "unknown";
+}
+
+int main()
+{
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0); // the library's lines come out as they are written
+    std::string line;
+    for (char text[512]; fgets(text, sizeof(text), stdin) != nullptr;) {
+        line.assign(text, strlen(text) - 1);
+        std::string verb = line.substr(0, line.find(' '));
+        say("done " + verb + " " + run_command(line));
+    }
+    _exit(0); // at once, whatever the library's threads do
+}
