@@ -58,6 +58,7 @@ start_node() { # NODE: the namespaces, held by one sleeping process, and the TIP
         '. "$1"; mount_files "$2"; ip link set lo up; echo $$ >"$LAB_RUN/nodes/$2/pid.new"; mv "$LAB_RUN/nodes/$2/pid.new" "$LAB_RUN/nodes/$2/pid"; exec sleep infinity' \
         lab "$(setting inside)" "$node" </dev/null >/dev/null 2>&1 &
     local holder=$!
+    disown
     until [ -s "$LAB_RUN/nodes/$node/pid" ]; do
         kill -0 "$holder" 2>/dev/null || die "node $node does not start"
         sleep 0.02

@@ -1,0 +1,2 @@
+/* Layouts that are part of the ABI, as a C compiler sees them. */
+#include "layout.h"
