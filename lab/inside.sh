@@ -64,6 +64,7 @@ start_node() { # NODE: the namespaces, held by one sleeping process, and the TIP
         sleep 0.02
     done
     while IFS='=' read -r key value; do
+        in_node "$node" test -e "/proc/sys/${key//./\/}" || continue
         in_node "$node" sysctl -q -w "$key=$value" || die "sysctl $key in node $node"
     done < <(setting sysctls)
     in_node "$node" tipc node set identity "node$node" || die "TIPC identity of node $node"
@@ -180,8 +181,11 @@ wire_up() { # one of two machines: the whole guest is one node
 
 make_cluster() {
     local node key value
+    # Some settings are the kernel's, not a network namespace's.
+    while IFS='=' read -r key value; do
+        sysctl -q -w "$key=$value" || die "sysctl $key"
+    done < <(setting sysctls)
     if [ -n "$(setting machine)" ]; then
-        while IFS='=' read -r key value; do sysctl -q -w "$key=$value"; done < <(setting sysctls)
         wire_up "$(setting machine)"
         return
     fi
@@ -211,11 +215,9 @@ run_command() { # the command with the caller's folder, environment and words
 
 guest_main() {
     export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
-    local status
+    trap 'echo $? >"$LAB_RUN/ctl/status"' EXIT
     make_cluster
-    run_command
-    status=$?
-    echo "$status" >"$LAB_RUN/ctl/status"
+    (run_command)
 }
 
 [ "${1:-}" != guest ] || [ "${BASH_SOURCE[0]}" != "$0" ] || guest_main
