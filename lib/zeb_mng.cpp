@@ -77,15 +77,26 @@ static int start_receive_thread()
     return 0;
 }
 
-static void clear_manager() ZEB_REQUIRES(g_lib_mutex)
+static void init_lists() ZEB_REQUIRES(g_lib_mutex)
 {
-    memset(&g_zeb_mng, 0, sizeof(g_zeb_mng));
     INIT_LIST_HEAD(&g_zeb_mng.ol_app_list);
     INIT_LIST_HEAD(&g_zeb_mng.inst_id_list);
     INIT_LIST_HEAD(&g_zeb_mng.inst_sync_list);
     INIT_LIST_HEAD(&g_zeb_mng.resume_comm_list);
     INIT_LIST_HEAD(&g_zeb_mng.sync_inst_ack_list);
     INIT_LIST_HEAD(&g_zeb_mng.sync_inst_retry_list);
+}
+
+// An application may send or list before it registers: it finds empty lists.
+__attribute__((constructor)) static void init_lists_at_load() ZEB_NO_THREAD_SAFETY_ANALYSIS
+{
+    init_lists();
+}
+
+static void clear_manager() ZEB_REQUIRES(g_lib_mutex)
+{
+    memset(&g_zeb_mng, 0, sizeof(g_zeb_mng));
+    init_lists();
 }
 
 static int init_lib() ZEB_REQUIRES(g_lib_mutex)

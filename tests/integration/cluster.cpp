@@ -16,6 +16,8 @@ namespace cluster
 {
 const char CONF[] = "[MISC_CONF]\nzeb_dbg_cfg=0x8\n";
 
+int patience = 1;
+
 static std::vector<bool> s_down(64);
 static std::vector<bool> s_cut(64);
 
@@ -169,7 +171,7 @@ static long now_ms()
 
 std::string process::wait(const std::string &text, int seconds)
 {
-    long deadline = now_ms() + 1000L * seconds;
+    long deadline = now_ms() + 1000L * seconds * patience;
     size_t looked = 0;
     for (;;) {
         for (; looked < lines_.size(); looked++) {

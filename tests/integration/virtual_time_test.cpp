@@ -11,6 +11,21 @@ using wire::operator+;
 class virtual_time : public testing::Test
 {
   protected:
+    // Once from the host's disk: a start that has to read waits for the host, and the clock jumps meanwhile.
+    static void SetUpTestSuite()
+    {
+        cluster::patience = 60;
+        process agent(1, "zeb_agent");
+        (void)agent.ask("memory");
+        process peer(2, "raw_peer");
+        (void)peer.ask("unbind");
+    }
+
+    static void TearDownTestSuite()
+    {
+        cluster::patience = 1;
+    }
+
     void SetUp() override
     {
         cluster::reset();
@@ -24,10 +39,14 @@ static double now()
     return (double)time.tv_sec + (double)time.tv_nsec / 1e9;
 }
 
+// The kernel rounds a timer up to its wheel's granularity, which grows eightfold with each level.
 static void expect_about(double seconds, double expected)
 {
+    double slack = 0.25;
+    for (double level = 16; expected >= level; level *= 8)
+        slack *= 8;
     EXPECT_GE(seconds, expected * 0.98);
-    EXPECT_LE(seconds, expected * 1.06 + 1.5);
+    EXPECT_LE(seconds, expected + slack + expected * 0.02 + 2);
 }
 
 static void start(process &agent, const std::string &app, const std::string &peer, const std::string &extra = "")
@@ -109,31 +128,43 @@ TEST_F(virtual_time, a_synchronisation_is_sent_again_every_2_s_until_acknowledge
     EXPECT_LE(peer.count("recv "), 1) << "at most one that was on its way";
 }
 
+// The acknowledgement of `seq` lies unread in the queue of a socket that closes, and so comes back to its sender. True
+// when it then came again, to another socket of the name, with its ttl one lower. That socket may be too late for it.
+static bool acknowledged_again(uint32_t seq)
+{
+    process peer(2, "raw_peer");
+    EXPECT_EQ(peer.ask("bind 521 2"), "0");
+    (void)received(peer);
+    process other(2, "raw_peer");
+    (void)other.ask("unbind");
+    peer.stop();
+    send(other, 520, wire::message(header(521, 520), wire::sync_inst(seq, 42, 1, 0)));
+    double sent = now();
+    while (now() < sent + 0.3)
+        (void)other.saw("nothing");
+    peer.kill();
+    EXPECT_EQ(other.ask("bind 521 2"), "0");
+    double bound = now();
+    while (now() < bound + 20) {
+        if (!other.saw("recv "))
+            continue;
+        datagram_t got = received(other);
+        if (type_of(got) == 2 && word(got, 0) == seq) {
+            EXPECT_EQ(word(got, 4), 599u);
+            return true;
+        }
+    }
+    return false;
+}
+
 TEST_F(virtual_time, a_returned_acknowledgement_is_sent_again_after_1_s_with_its_ttl_one_lower)
 {
     process agent(1, "zeb_agent");
     start(agent, "520", "521");
-    process peer(2, "raw_peer");
-    ASSERT_EQ(peer.ask("bind 521 2"), "0");
-    (void)received(peer);
-    // The acknowledgement lies unread in the queue of a socket that closes, and so comes back to its sender.
-    peer.stop();
-    process other(2, "raw_peer");
-    send(other, 520, wire::message(header(521, 520), wire::sync_inst(800, 42, 1, 0)));
-    double sent = now();
-    while (now() < sent + 0.3)
-        (void)agent.saw("nothing");
-    peer.kill();
-    ASSERT_EQ(other.ask("bind 521 2"), "0");
-    for (int i = 0; i < 20; i++) {
-        datagram_t got = received(other);
-        if (type_of(got) != 2)
-            continue;
-        EXPECT_EQ(word(got, 0), 800u);
-        EXPECT_EQ(word(got, 4), 599u);
-        return;
-    }
-    FAIL() << "no acknowledgement came again";
+    uint32_t seq = 800;
+    while (seq < 820 && !acknowledged_again(seq))
+        seq++;
+    EXPECT_LT(seq, 820u) << "no acknowledgement came again";
 }
 
 TEST_F(virtual_time, a_peer_that_never_completes_is_resumed_after_60_s)

@@ -62,7 +62,8 @@ TEST_F(zeb_mng_online, a_partner_is_added_once)
 TEST_F(zeb_mng_online, an_unregistered_application_adds_nothing)
 {
     start_app();
-    EXPECT_EQ(zeb_add_comm_app(999, 300), -ENOENT);
+    EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_add_comm_app(999, 300), -ENOENT); }),
+              lines_t({"3 ZEB app 999 does not registered."}));
     zeb_scoped_lock lock(&g_lib_mutex);
     EXPECT_EQ(__zeb_get_ol_app(300), nullptr);
 }
@@ -348,4 +349,116 @@ TEST_F(zeb_mng_online, own_instance_comes_online_by_itself)
     EXPECT_TRUE(zeb_app_online(APP, NODE));
     EXPECT_EQ(servers_of(APP), nodes_t({NODE}));
     EXPECT_EQ(take_seen().events.size(), 1u);
+}
+
+// The lines among `lines` that begin with one of `starts`, in order.
+static lines_t pick(const lines_t &lines, const lines_t &starts)
+{
+    lines_t picked;
+    for (const std::string &line : lines) {
+        for (const std::string &start : starts) {
+            if (line.rfind(start, 0) == 0)
+                picked.push_back(start);
+        }
+    }
+    return picked;
+}
+
+TEST_F(zeb_mng_online, each_instance_of_a_published_range_is_quit_before_its_join)
+{
+    start_app();
+    peer_online(3);
+    peer_online(4);
+    (void)take_seen();
+    lines_t lines = logged(I, [] {
+        zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_PUBLISHED, PEER << 16 | 3, PEER << 16 | 4));
+    });
+    const lines_t steps = {"1 ZEB notify app 100 of 200/3 quit.", "1 ZEB ADD INST app 100 sync inst to 200/3, seq ",
+                           "1 ZEB notify app 100 of 200/4 quit.", "1 ZEB ADD INST app 100 sync inst to 200/4, seq "};
+    EXPECT_EQ(pick(lines, steps), steps);
+    EXPECT_EQ(take_seen().events.size(), 2u);
+    EXPECT_EQ(servers_of(PEER), nodes_t({}));
+}
+
+TEST_F(zeb_mng_online, a_withdrawn_range_is_quit_ascending)
+{
+    start_app();
+    for (uint32_t node : {5u, 3u, 4u})
+        peer_online(node);
+    (void)take_seen();
+    zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_WITHDRAWN, PEER << 16 | 3, PEER << 16 | 5));
+    std::vector<uint32_t> nodes;
+    for (const zeb_event_t &event : take_seen().events)
+        nodes.push_back(event.event.app.node);
+    EXPECT_EQ(nodes, nodes_t({3, 4, 5}));
+}
+
+TEST_F(zeb_mng_online, only_the_first_subscriber_has_its_calls_ended_when_an_unfinished_server_goes)
+{
+    start_app(APP);
+    start_app(101);
+    zeb_set_app_server(PEER, PEER_NODE);
+    lines_t lines = logged(V | I, [&] { peer_withdrawn(); });
+    EXPECT_EQ(
+        pick(lines,
+             {"1 ZEB reset unack stat between app 100 and 200/9.", "1 ZEB reset unack stat between app 101 and 200/9.",
+              "0 ZEB try to terminate app 100 RPC to 200/9.", "0 ZEB try to terminate app 101 RPC to 200/9."}),
+        lines_t({"1 ZEB reset unack stat between app 100 and 200/9.", "0 ZEB try to terminate app 100 RPC to 200/9.",
+                 "1 ZEB reset unack stat between app 101 and 200/9."}));
+}
+
+TEST_F(zeb_mng_online, events_of_applications_that_nobody_talks_to_do_nothing)
+{
+    start_app();
+    EXPECT_EQ(
+        logged(I | W | E,
+               [&] {
+                   peer_published(9, 300);
+                   peer_withdrawn(9, 300);
+               }),
+        lines_t({"2 ZEB perceived app 300/9 join.", "1 ZEB app 300/9 ol is NULL.", "2 ZEB perceived app 300/9 quit."}));
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+}
+
+TEST_F(zeb_mng_online, a_subscription_that_fails_does_not_keep_the_next_from_being_sent)
+{
+    start_app();
+    (void)fake_tipc::take_subscriptions();
+    fault::fail_next("send", EPIPE);
+    EXPECT_EQ(logged(E, [] { zeb_subscr_tipc_events(); }),
+              lines_t({"3 ZEB send subscription msg failed: Broken pipe.", ","}));
+    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
+}
+
+TEST_F(zeb_mng_online, a_short_subscription_is_a_failure_or_sent_again_by_its_error_value)
+{
+    start_app();
+    fault::fail_next("send", fault::SHORT);
+    errno = EIO;
+    EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_subscr_app_events(1, 2, 3), -1); }),
+              lines_t({"3 ZEB send subscription msg failed: Input/output error.", ","}));
+}
+
+TEST_F(zeb_mng_online, an_application_without_event_callback_sees_no_events_and_loses_nothing)
+{
+    const zeb_msg_dispatcher_t table[] = {{1, see_msg}, {0, nullptr}};
+    ASSERT_EQ(zeb_register_without_thread(APP, "quiet", table, nullptr), 0);
+    ASSERT_EQ(zeb_comm_with(APP, PEER), 0);
+    peer_online();
+    EXPECT_EQ(servers_of(PEER), nodes_t({PEER_NODE}));
+    peer_withdrawn();
+    EXPECT_EQ(servers_of(PEER), nodes_t({}));
+    EXPECT_TRUE(take_seen().events.empty());
+}
+
+TEST_F(zeb_mng_online, nodes_0_and_65535_come_and_go_like_any_other)
+{
+    start_app();
+    for (uint32_t node : {0u, 65535u})
+        peer_online(node);
+    EXPECT_EQ(servers_of(PEER), nodes_t({0, 65535}));
+    peer_withdrawn(0);
+    EXPECT_EQ(servers_of(PEER), nodes_t({65535}));
+    peer_withdrawn(65535);
+    EXPECT_EQ(servers_of(PEER), nodes_t({}));
 }

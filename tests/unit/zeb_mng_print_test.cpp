@@ -3,6 +3,7 @@
 #include "zeb_dbg.h"
 #include "zeb_mng.h"
 #include "zeb_mng_online.h"
+#include "zeb_mng_recv.h"
 #include "zeb_mng_sync.h"
 
 class zeb_mng_print : public lib_test
@@ -81,4 +82,93 @@ TEST_F(zeb_mng_print, the_application_listing_is_this_text)
     zeb_buf_printf_reset();
     zeb_cli_print_app_info(999);
     EXPECT_EQ(buffer_text(), "");
+}
+
+TEST_F(zeb_mng_print, the_listing_of_an_idle_library_has_no_lists)
+{
+    start_app();
+    start_app(101);
+    zeb_buf_printf_reset();
+    zeb_cli_print_lib_info(101);
+    EXPECT_EQ(buffer_text(), "Application 101/7 process's ZEB library information:\n"
+                             "  ZEB library thread " +
+                                 hex((unsigned)g_zeb_mng.lib_tid) + ", subscription socket " +
+                                 std::to_string(g_zeb_mng.subscr_sd) +
+                                 "\n"
+                                 "  Applications in this process: 100 101\n"
+                                 "  Online application servers:\n"
+                                 "    Application 100 server on nodes:\n"
+                                 "    Application 200 server on nodes:\n"
+                                 "    Application 101 server on nodes:\n"
+                                 "  Online application subscribers:\n"
+                                 "    Application 100 subscribed by applications: 100\n"
+                                 "    Application 200 subscribed by applications: 100 101\n"
+                                 "    Application 101 subscribed by applications: 101\n"
+                                 "  Online application instances:\n"
+                                 "    Application 100 instance on nodes:\n"
+                                 "    Application 200 instance on nodes:\n"
+                                 "    Application 101 instance on nodes:\n"
+                                 "  Online application instances acked:\n"
+                                 "    Application 100 instance acked on nodes:\n"
+                                 "    Application 200 instance acked on nodes:\n"
+                                 "    Application 101 instance acked on nodes:\n"
+                                 "  Online application instances online:\n"
+                                 "    Application 100 instance online on nodes:\n"
+                                 "    Application 200 instance online on nodes:\n"
+                                 "    Application 101 instance online on nodes:\n");
+}
+
+TEST_F(zeb_mng_print, each_list_that_is_not_empty_has_its_section)
+{
+    start_app();
+    peer_published(5);
+    peer_published(6);
+    auto sent = fake_tipc::take_sent();
+    std::string first = std::to_string((int)sync_word(sent.at(0).bytes, 0));
+    std::string second = std::to_string((int)sync_word(sent.at(1).bytes, 0));
+    // An acknowledgement that comes back.
+    wire::header_t header;
+    header.flag = wire::SYNC;
+    header.src_app = APP;
+    header.src_node = NODE;
+    header.dst_app = PEER;
+    header.dst_node = PEER_NODE;
+    fake_tipc::item_t item;
+    item.anc.push_back({TIPC_RETDATA, wire::message(header, wire::sync_ack(4711, 6, 1, 3))});
+    fake_tipc::queue_item(sd(), item);
+    zeb_socket_recv_app_msg(zeb_get_app_info(APP));
+
+    zeb_buf_printf_reset();
+    zeb_cli_print_lib_info(APP);
+    std::string text = buffer_text();
+    EXPECT_EQ(text.substr(text.find("  Unack")), "  Unack instance sync(src_app/seq->dst_app/dst_node):\n"
+                                                 "    100/" +
+                                                     first + "->200/5 100/" + second +
+                                                     "->200/6\n"
+                                                     "  Resend instance sync ack(src_app->dst_app/dst_node/seq):\n"
+                                                     "    100->200/9/4711\n");
+}
+
+TEST_F(zeb_mng_print, the_peers_of_an_application_are_those_it_talks_to)
+{
+    start_app();
+    start_app(101);
+    ASSERT_EQ(zeb_comm_with(101, 300), 0);
+    const std::pair<uint32_t, const char *> rows[] = {{APP, " 100 200"}, {101, " 200 101 300"}, {999, ""}};
+    for (const auto &row : rows) {
+        zeb_buf_printf_reset();
+        zeb_cli_print_app_comm(row.first);
+        EXPECT_EQ(buffer_text(), std::string("  Communication peer applications:") + row.second + "\n");
+    }
+}
+
+TEST_F(zeb_mng_print, before_any_registration_the_listings_are_empty)
+{
+    zeb_buf_printf_reset();
+    zeb_cli_print_app_comm(APP);
+    EXPECT_EQ(buffer_text(), "  Communication peer applications:\n");
+    zeb_buf_printf_reset();
+    zeb_cli_print_lib_info(APP);
+    EXPECT_THAT(buffer_text(), testing::HasSubstr("  Applications in this process:\n  Online application servers:\n"
+                                                  "  Online application subscribers:\n"));
 }

@@ -1,5 +1,6 @@
 // The receive road: one datagram, returned messages, bad input, the topology connection.
 #include "lib_test.h"
+#include "platform/list_algo.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_mng.h"
@@ -8,6 +9,11 @@
 #include "zeb_mng_recv.h"
 #include "zeb_mng_sync.h"
 #include "zeb_mng_timer.h"
+
+#include <dirent.h>
+#include <fstream>
+#include <sched.h>
+#include <unistd.h>
 
 using wire::operator+;
 
@@ -85,6 +91,13 @@ TEST_F(zeb_mng_recv, a_datagram_larger_than_any_message_is_discarded)
     EXPECT_EQ(lines[0], "3 ZEB app 100 recv msg len 61477, expectedly 61477.");
     receive(wire::message(from_peer(), wire::bytes_t(61440, 'x')));
     EXPECT_EQ(take_seen().bodies.at(0).size(), 61440u);
+}
+
+TEST_F(zeb_mng_recv, a_datagram_larger_than_the_buffer_is_discarded)
+{
+    lines_t lines = logged(E, [&] { receive(wire::message(from_peer(), wire::bytes_t(65965, 'x'))); });
+    EXPECT_EQ(lines[0], "3 ZEB app 100 recv msg len 66000, expectedly 66001.");
+    EXPECT_TRUE(take_seen().headers.empty());
 }
 
 TEST_F(zeb_mng_recv, a_mismatch_status_without_a_body_is_not_read_past_its_end)
@@ -201,6 +214,32 @@ TEST_F(zeb_mng_recv, a_returned_message_is_verbose_for_codes_1_to_3_and_an_error
                 testing::HasSubstr("Receive from application 200/9: receive 0, unack 0, drop 0, return 5\n"));
 }
 
+TEST_F(zeb_mng_recv, a_returned_message_leaves_the_read_at_0)
+{
+    for (uint32_t code : {1u, 4u}) {
+        uint32_t info[2] = {code, 36};
+        const uint8_t *bytes = (const uint8_t *)info;
+        fake_tipc::item_t item;
+        item.anc.push_back({TIPC_ERRINFO, wire::bytes_t(bytes, bytes + 8)});
+        item.anc.push_back({TIPC_RETDATA, wire::message(to_peer(0), {})});
+        fake_tipc::queue_item(sd(), item);
+        uint8_t buf[64];
+        EXPECT_EQ(zeb_recvfrom_anc(APP, sd(), buf, sizeof(buf), 0, nullptr, nullptr), 0) << code;
+    }
+    EXPECT_THAT(fc_text(), testing::HasSubstr("exception 0\n"));
+}
+
+TEST_F(zeb_mng_recv, a_returned_head_of_a_longer_message_is_credited)
+{
+    // The kernel returns the first 1024 bytes at most, and the header alone of an empty message.
+    wire::bytes_t message = wire::message(to_peer(0), wire::bytes_t(61440, 'x'));
+    for (size_t size : {36u, 1024u})
+        EXPECT_THAT(returned(E, 2, wire::bytes_t(message.begin(), message.begin() + (long)size)), lines_t({})) << size;
+    EXPECT_THAT(fc_text(),
+                testing::HasSubstr("Receive from application 200/9: receive 0, unack 0, drop 0, return 2\n"));
+    EXPECT_THAT(fc_text(), testing::HasSubstr("exception 0\n"));
+}
+
 TEST_F(zeb_mng_recv, a_returned_message_of_application_1_ends_its_calls_instead)
 {
     start_app(1);
@@ -232,6 +271,25 @@ TEST_F(zeb_mng_recv, a_returned_synchronisation_whose_length_lies_is_refused)
         message[7] = (uint8_t)len;
         EXPECT_THAT(returned(E, 2, message), testing::Contains("3 ZEB app 100 recv incomplete reject data.")) << len;
         EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
+    }
+}
+
+TEST_F(zeb_mng_recv, a_returned_synchronisation_cut_to_its_header_is_refused)
+{
+    wire::bytes_t message =
+        wire::message(to_peer(wire::SYNC), wire::sync_ack(5, 6, 1) + wire::sync_seq_ack(5, 6, 1, 0));
+    EXPECT_THAT(returned(E, 2, wire::bytes_t(message.begin(), message.begin() + 36)),
+                lines_t({"3 ZEB app 100 recv incomplete reject data.", "3 ZEB app 100 update recv exception msg."}));
+    EXPECT_EQ(returned(E, 2, wire::message(to_peer(wire::SYNC), {})), lines_t({})) << "an empty one is whole";
+    EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
+}
+
+TEST_F(zeb_mng_recv, a_returned_synchronisation_with_a_bad_element_is_left_alone)
+{
+    (void)fake_tipc::take_subscriptions();
+    for (int len : {0, 3, 4, 23, 25, 65532, 65533, 65535}) {
+        (void)returned(V, 2, wire::message(to_peer(wire::SYNC), wire::tlv(2, wire::bytes_t(20, 1), len)));
+        EXPECT_TRUE(fake_tipc::take_subscriptions().empty()) << len;
     }
 }
 
@@ -333,6 +391,28 @@ TEST_F(zeb_mng_recv, an_acknowledgement_that_fails_to_be_sent_again_stays_until_
     EXPECT_TRUE(list_empty(&g_zeb_mng.sync_inst_ack_list));
 }
 
+TEST_F(zeb_mng_recv, a_returned_acknowledgement_of_the_older_version_is_not_made_needless_by_traffic)
+{
+    wire::header_t header = to_peer(wire::SYNC);
+    header.ver = 1;
+    (void)returned(0, 2, wire::message(header, wire::sync_ack(5, 6, 1, 3)));
+    (void)returned(0, 2, wire::message(to_peer(wire::SYNC), wire::sync_ack(5, 6, 1, 3)));
+    zeb_scoped_lock lock(&g_lib_mutex);
+    EXPECT_EQ(list_length(&g_zeb_mng.sync_inst_ack_list), 2);
+    zeb_del_reject_sync_inst_ack(APP, PEER, PEER_NODE);
+    EXPECT_EQ(list_length(&g_zeb_mng.sync_inst_ack_list), 1);
+    EXPECT_EQ(list_entry(g_zeb_mng.sync_inst_ack_list.next, zeb_msg_t, list)->hdr.zeb_ver, 1);
+}
+
+TEST_F(zeb_mng_recv, traffic_of_an_instance_not_yet_online_drops_the_returned_acknowledgement)
+{
+    peer_syncs();
+    (void)returned(0, 2, wire::message(to_peer(wire::SYNC), wire::sync_ack(5, 6, 1, 3)));
+    receive(wire::message(from_peer(), {1}));
+    zeb_scoped_lock lock(&g_lib_mutex);
+    EXPECT_TRUE(list_empty(&g_zeb_mng.sync_inst_ack_list));
+}
+
 TEST_F(zeb_mng_recv, other_ancillary_items_are_logged)
 {
     uint32_t name[3] = {0x8ff, 0x640007, 0x640007};
@@ -407,17 +487,102 @@ TEST_F(zeb_mng_recv, the_thread_subscribes_binds_starts_the_monitor_and_reopens_
         (void)sched_yield();
 }
 
-TEST_F(zeb_mng_recv, a_poll_error_is_survived)
+TEST_F(zeb_mng_recv, a_poll_error_is_logged_and_survived)
 {
     fault::fail_next("poll", EINTR, 3);
-    zeb_run();
-    fake_tipc::queue_data(sd(), wire::message(from_peer(0, 5, 1), {1}));
-    fake_tipc::wait_read(sd());
+    lines_t lines = logged(W | I, [&] {
+        zeb_run();
+        fake_tipc::queue_data(sd(), wire::message(from_peer(0, 5, 1), {1}));
+        fake_tipc::wait_read(sd());
+    });
+    EXPECT_THAT(lines, testing::Contains("1 ZEB socket msg distribute thread start."));
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "2 ZEB polling error: 4:Interrupted system call."), 3);
     EXPECT_GE(fault::count("poll"), 4);
+}
+
+// The thread in its loop, and gone through one more turn of it.
+static void turn(int fd)
+{
+    fake_tipc::queue_data(fd, wire::message(from_peer(0, 5, 1), {1}));
+    fake_tipc::wait_read(fd);
+    while (take_seen().headers.empty())
+        (void)sched_yield();
+}
+
+TEST_F(zeb_mng_recv, a_topology_connection_that_cannot_be_reopened_says_why_each_time)
+{
+    const struct {
+        const char *call;
+        int err;
+        const char *why;
+    } rows[] = {{"socket", EMFILE, "24:Too many open files"}, {"connect", ECONNREFUSED, "111:Connection refused"}};
+    zeb_run();
+    turn(sd());
+    for (const auto &row : rows) {
+        fault::fail_next(row.call, row.err, 2);
+        lines_t lines = logged(E, [&] {
+            fake_tipc::lose_topology();
+            do {
+                turn(sd());
+            } while (fake_tipc::topology_sd() == -1);
+            turn(sd());
+        });
+        std::string failed = std::string("3 ZEB create subscription socket failed(ret:-1, err:") + row.why + ")";
+        EXPECT_THAT(lines[0], testing::StartsWith("3 ZEB recv subscription event failed:ret:0, "));
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), failed), 2);
+    }
+}
+
+TEST_F(zeb_mng_recv, timers_and_events_are_served_again_on_a_reopened_connection)
+{
+    zeb_run();
+    turn(sd());
+    fake_tipc::lose_topology();
+    do {
+        turn(sd());
+    } while (fake_tipc::topology_sd() == -1);
+    turn(sd());
+    (void)fake_tipc::take_sent();
+    fake_tipc::queue_event(fake_tipc::range_event(TIPC_PUBLISHED, PEER << 16 | PEER_NODE, PEER << 16 | PEER_NODE));
+    fake_tipc::wait_read(fake_tipc::topology_sd());
+    turn(sd());
+    EXPECT_EQ(fake_tipc::take_sent().size(), 1u) << "a synchronisation";
+}
+
+TEST_F(zeb_mng_recv, a_busy_socket_does_not_starve_another)
+{
+    start_app(101);
+    for (int i = 0; i < 3; i++)
+        fake_tipc::queue_data(sd(), wire::message(from_peer(0, 5, 1), {1}));
+    fake_tipc::queue_data(sd(101), wire::message(from_peer(0, 5, 1, 101), {1}));
+    zeb_run();
+    std::vector<uint32_t> order;
+    while (order.size() < 4) {
+        for (const zeb_msg_hdr_t &header : take_seen().headers)
+            order.push_back(header.dst_app);
+    }
+    EXPECT_EQ(order, std::vector<uint32_t>({APP, 101, APP, APP})) << "one datagram per socket and turn, in slot order";
+}
+
+TEST_F(zeb_mng_recv, the_thread_is_named_after_the_process)
+{
+    zeb_run();
+    turn(sd());
+    std::string wanted = ("zeb_lib_" + std::to_string(getpid())).substr(0, 15);
+    std::vector<std::string> names;
+    DIR *stream = opendir("/proc/self/task");
+    while (const struct dirent *entry = readdir(stream)) {
+        std::string name;
+        std::ifstream(std::string("/proc/self/task/") + entry->d_name + "/comm") >> name;
+        names.push_back(name);
+    }
+    (void)closedir(stream);
+    EXPECT_THAT(names, testing::Contains(wanted));
 }
 
 TEST_F(zeb_mng_recv, an_application_that_cannot_take_its_name_ends_the_process)
 {
+    testing::FLAGS_gtest_death_test_style = "threadsafe"; // there are threads, which a fork would leave half-way
     EXPECT_EXIT(
         {
             ASSERT_EQ(zeb_bind_app_socket(APP, sd()), 0);
@@ -441,6 +606,14 @@ TEST_F(zeb_mng_recv, a_bad_element_list_is_one_error_and_the_thread_serves_on)
         wire::tlv(1, wire::bytes_t(16, 0)),     // shorter than its record
         wire::tlv(9, wire::bytes_t(20, 0)),     // the same
         wire::sync_inst(1, 2, 1, 0) + wire::bytes_t{0, 0, 0, 1},
+        wire::sync_inst(1, 2, 1, 0) + wire::bytes_t{0}, // less than a header is left
+        wire::sync_inst(1, 2, 1, 0) + wire::bytes_t{0, 4, 0},
+        wire::tlv(1, wire::bytes_t(20, 0), 65532), // the step would be 0 from 65533 on
+        wire::tlv(1, wire::bytes_t(20, 0), 65533),
+        wire::tlv(1, wire::bytes_t(20, 0), 65534),
+        wire::tlv(1, wire::bytes_t(20, 0), 65535),
+        wire::tlv(6, wire::bytes_t(61436, 0), 65535), // in the largest body
+        wire::tlv(9, wire::bytes_t(23, 0)),           // one byte short of its record
     };
     for (const wire::bytes_t &body : bodies) {
         lines_t lines = logged(E, [&] { receive(wire::message(from_peer(wire::SYNC), body)); });
@@ -449,14 +622,85 @@ TEST_F(zeb_mng_recv, a_bad_element_list_is_one_error_and_the_thread_serves_on)
     peer_online(PEER_NODE + 1);
 }
 
+TEST_F(zeb_mng_recv, an_element_shorter_than_its_record_is_refused_only_where_it_would_be_read)
+{
+    wire::header_t old = from_peer(wire::SYNC);
+    old.ver = 1;
+    const lines_t refused = {"3 ZEB recv invalid TLV section for 100 from 200/9 ."};
+    wire::bytes_t body = wire::tlv(2, wire::bytes_t(16, 0));
+    EXPECT_EQ(logged(E, [&] { receive(wire::message(old, body)); }), refused);
+    EXPECT_EQ(logged(E, [&] { receive(wire::message(from_peer(wire::SYNC), body)); }), lines_t({})) << "skipped";
+    body = wire::tlv(9, wire::bytes_t(20, 0));
+    EXPECT_EQ(logged(E, [&] { receive(wire::message(from_peer(wire::SYNC), body)); }), refused);
+    EXPECT_EQ(logged(E, [&] { receive(wire::message(old, body)); }), lines_t({})) << "skipped";
+}
+
+TEST_F(zeb_mng_recv, a_last_element_without_its_padding_is_whole)
+{
+    wire::bytes_t body = wire::tlv(1, wire::words({PEER_SEQ, PEER_PID, 1, 0, 600}) + wire::bytes_t{7});
+    ASSERT_EQ(body.size(), 28u);
+    body.resize(25);
+    EXPECT_EQ(logged(E | W, [&] { receive(wire::message(from_peer(wire::SYNC), body)); }), lines_t({}));
+    EXPECT_TRUE(zeb_app_instance(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_recv, an_empty_list_of_elements_is_no_error)
+{
+    EXPECT_EQ(logged(E | W, [&] { receive(wire::message(from_peer(wire::SYNC), {})); }), lines_t({}));
+}
+
+TEST_F(zeb_mng_recv, as_many_elements_as_fit_are_walked_to_the_end)
+{
+    wire::bytes_t body;
+    for (int i = 0; i < 61440 / 4; i++)
+        body = std::move(body) + wire::tlv(0x0606, {});
+    lines_t lines = logged(W | E, [&] { receive(wire::message(from_peer(wire::SYNC), body)); });
+    EXPECT_EQ(lines, lines_t(15360, "2 ZEB app 100 recv unexpected data type 1542 from 200/9."));
+}
+
+TEST_F(zeb_mng_recv, acknowledgements_of_an_impossible_sender_are_refused)
+{
+    peer_published();
+    (void)fake_tipc::take_sent();
+    for (uint32_t node : {PEER_NODE + 0x10000, 0x80009u, ZEB_NODE_LOCAL, ZEB_NODE_ALL}) {
+        wire::header_t header = from_peer(wire::SYNC, node);
+        EXPECT_EQ(logged(E, [&] { receive(wire::message(header, wire::sync_seq_ack(1, PEER_PID, 1, 0))); }),
+                  lines_t({"3 ZEB recv invalid TLV section for 100 from 200/" + std::to_string((int)node) + " ."}));
+    }
+    zeb_scoped_lock lock(&g_lib_mutex);
+    EXPECT_FALSE(zeb_app_set_test(&__zeb_get_ol_app(PEER)->srv_bmp, PEER_NODE)) << "its low 16 bits are no node";
+}
+
+TEST_F(zeb_mng_recv, a_message_of_a_node_above_65535_is_not_taken_for_an_online_one)
+{
+    peer_online();
+    (void)take_seen();
+    EXPECT_THAT(logged(V, [&] { receive(wire::message(from_peer(0, PEER_NODE + 0x10000), {1})); }),
+                testing::Contains("0 ZEB app 100 recv msg from 200/65545 had already quit."));
+    EXPECT_TRUE(take_seen().headers.empty());
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_recv, a_returned_message_to_an_impossible_node_is_survived)
+{
+    for (uint8_t flag : {(uint8_t)0, wire::SYNC, wire::REQUEST, wire::MNG}) {
+        wire::header_t header = to_peer(flag);
+        header.dst_node = 0xFFFFFFFF;
+        header.dst_app = 0xFFFFFFFF;
+        EXPECT_THAT(returned(V, 2, wire::message(header, wire::sync_ack(5, 6, 1, 3))),
+                    testing::Contains("0 ZEB app 100 recv TIPC reject data."));
+    }
+    peer_online();
+}
+
 TEST_F(zeb_mng_recv, a_synchronisation_of_an_impossible_sender_leaves_nothing_behind)
 {
     struct {
         uint32_t app;
         uint32_t node;
         uint32_t my_app;
-    } rows[] = {{PEER, 65536, APP}, {PEER, 0xFFFFFFFF, APP}, {0, 9, APP},
-                {8192, 9, APP},     {20480, 9, APP},         {PEER, 9, 555}};
+    } rows[] = {{PEER, 65536, APP}, {PEER, 0xFFFFFFFF, APP}, {0, 9, APP},    {8192, 9, APP}, {12288, 9, APP},
+                {16383, 9, APP},    {20480, 9, APP},         {PEER, 9, 555}, {PEER, 9, 0},   {0xFFFFFFFF, 9, APP}};
     for (const auto &row : rows) {
         wire::header_t header = from_peer(wire::SYNC, row.node, row.app, row.my_app);
         lines_t lines = logged(E, [&] { receive(wire::message(header, wire::sync_inst(1, 2, 1, 1))); });

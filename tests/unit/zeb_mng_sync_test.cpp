@@ -1,5 +1,6 @@
 // The instance handshake: what each message does in each state, retry, resume.
 #include "lib_test.h"
+#include "platform/list_algo.h"
 #include "zeb_mng.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_online.h"
@@ -47,6 +48,18 @@ class zeb_mng_sync : public lib_test
         return pseq;
     }
 };
+
+// The entries to be retried, as "src->dst/node".
+static lines_t retries()
+{
+    lines_t out;
+    zeb_scoped_lock lock(&g_lib_mutex);
+    list_each<zeb_retry_inst_t>(&g_zeb_mng.sync_inst_retry_list, [&](const zeb_retry_inst_t *retry) {
+        out.push_back(std::to_string(retry->src_app) + "->" + std::to_string(retry->dst_app) + "/" +
+                      std::to_string(retry->dst_node));
+    });
+    return out;
+}
 
 // Started timers by type, each with its sequence and milliseconds.
 struct started_t {
@@ -401,110 +414,113 @@ TEST_F(zeb_mng_sync, a_quit_forgets_only_the_first_pair_record_and_retry_of_the_
     EXPECT_NE(__zeb_get_inst_id(101, PEER, 1), nullptr);
 }
 
-// Every cell of the state table: the bits before, what happens, the bits after. Letters: I has synchronised, A has
-// acknowledged, O online, P ours is pending.
-struct cell_t {
-    const char *state;
-    const char *event;
-    const char *after;
-};
-
-static void PrintTo(const cell_t &cell, std::ostream *out)
+TEST_F(zeb_mng_sync, a_quit_forgets_only_the_first_retry_of_the_instance)
 {
-    *out << cell.state << " + " << cell.event;
+    start_app(101);
+    peer_published();
+    uint32_t my_seq = 0;
+    for (const fake_tipc::sent_t &sent : fake_tipc::take_sent())
+        my_seq = wire::header_of(sent.bytes).src_app == 101 ? sync_word(sent.bytes, 0) : my_seq;
+    peer_syncs();
+    peer_syncs(PEER_SEQ, PEER_NODE, PEER, 101);
+    // 101 completes by the older form, which leaves its retry.
+    wire::header_t old = from_peer(wire::SYNC, PEER_NODE, PEER, 101);
+    old.ver = 1;
+    receive(wire::message(old, wire::sync_ack(my_seq, PEER_PID, 1)), 101);
+    ASSERT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    EXPECT_EQ(retries(), lines_t({"100->200/9", "101->200/9"}));
+    peer_withdrawn();
+    EXPECT_EQ(retries(), lines_t({"101->200/9"}));
 }
 
-class zeb_mng_sync_table : public zeb_mng_sync, public testing::WithParamInterface<cell_t>
+TEST_F(zeb_mng_sync, every_pending_synchronisation_is_sent_again_not_only_those_to_be_retried)
 {
-  protected:
-    uint32_t my_seq_ = 0;
-
-    void enter(const std::string &state)
-    {
-        if (state == "idle")
-            return;
-        if (state == "half") { // it has synchronised, nothing of ours is pending
-            peer_syncs();
-            return;
-        }
-        peer_published();
-        my_seq_ = sent_seq();
-        if (state == "both pending" || state == "online")
-            peer_syncs();
-        if (state == "acked")
-            zeb_notify_app_join(APP, PEER_NODE, PEER);
-        if (state == "online")
-            ack(my_seq_, PEER_SEQ);
-    }
-
-    void happen(const std::string &event)
-    {
-        if (event == "publish")
-            peer_published();
-        else if (event == "withdraw")
-            peer_withdrawn();
-        else if (event == "sync same")
-            peer_syncs();
-        else if (event == "sync new")
-            peer_syncs(PEER_SEQ + 1);
-        else if (event == "sync resume")
-            receive(wire::message(from_peer(wire::SYNC), wire::sync_inst(PEER_SEQ + 2, PEER_PID, 1, 1)));
-        else if (event == "ack right")
-            ack(my_seq_, PEER_SEQ);
-        else if (event == "ack pseq 0")
-            ack(my_seq_, 0);
-        else if (event == "message")
-            receive(wire::message(from_peer(), {1}));
-        else
-            FAIL() << event;
-    }
-
-    static std::string bits()
-    {
-        std::string text;
-        zeb_scoped_lock lock(&g_lib_mutex);
-        const zeb_ol_app_t *ol = __zeb_get_ol_app(PEER);
-        text += zeb_app_set_test(&ol->inst_bmp, PEER_NODE) ? "I" : "-";
-        text += zeb_app_set_test(&ol->inst_ack_bmp, PEER_NODE) ? "A" : "-";
-        text += zeb_app_set_test(&ol->ol_bmp, PEER_NODE) ? "O" : "-";
-        text += zeb_has_sync_inst_msg(PEER, PEER_NODE) ? "P" : "-";
-        return text;
-    }
-};
-
-TEST_P(zeb_mng_sync_table, leads_where_it_should)
-{
-    const cell_t &cell = GetParam();
-    enter(cell.state);
-    happen(cell.event);
-    EXPECT_EQ(bits(), cell.after) << cell.state << " + " << cell.event;
+    peer_published();
+    peer_published(PEER_NODE + 1);
+    peer_syncs(); // only this one is to be retried
+    EXPECT_EQ(retries(), lines_t({"100->200/9"}));
+    (void)fake_tipc::take_sent();
+    zeb_process_inst_retry_timer_event(0);
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(wire::header_of(sent[0].bytes).dst_node, PEER_NODE);
+    EXPECT_EQ(wire::header_of(sent[1].bytes).dst_node, PEER_NODE + 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    cell, zeb_mng_sync_table,
-    testing::Values(
-        cell_t{"idle", "publish", "---P"}, cell_t{"idle", "withdraw", "----"}, cell_t{"idle", "sync same", "I---"},
-        cell_t{"idle", "sync new", "I---"}, cell_t{"idle", "sync resume", "I--P"}, cell_t{"idle", "ack right", "----"},
-        cell_t{"idle", "ack pseq 0", "----"}, cell_t{"idle", "message", "----"},
+TEST_F(zeb_mng_sync, the_lines_of_a_handshake_are_these)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    lines_t lines = logged(V, [&] { peer_syncs(); });
+    EXPECT_THAT(lines,
+                testing::IsSupersetOf({"0 ZEB app 100 recv sync msg from 200/9, data len 20, type sync instance.",
+                                       "0 ZEB app 100 recv sync inst from 200/9 resume:0, seq:5000",
+                                       "0 ZEB app 100 quit comm to 200/9 by request.recv_seq:0, seq:5000",
+                                       "0 ZEB app 100 sync inst ack_anc to 200/9, seq 5000, pseq 0. ret:0."}));
+    lines = logged(V, [&] { ack(my_seq, PEER_SEQ); });
+    const lines_t expected = {"0 ZEB app 100 recv sync msg from 200/9, data len 20, type sync instance ack.",
+                              "0 ZEB app 100 recv sync msg from 200/9, data len 24, type sync instance seq ack.",
+                              "0 ZEB app 100 recv from 200/9 ack pseq 5000 seq " + std::to_string(my_seq) +
+                                  ", recv_seq 5000, is_server 1."};
+    EXPECT_THAT(lines, testing::IsSupersetOf(expected));
+}
 
-        cell_t{"waiting", "publish", "---P"}, cell_t{"waiting", "withdraw", "----"},
-        cell_t{"waiting", "sync same", "I--P"}, cell_t{"waiting", "sync new", "I--P"},
-        cell_t{"waiting", "sync resume", "I--P"}, cell_t{"waiting", "ack right", "---P"},
-        cell_t{"waiting", "ack pseq 0", "---P"}, cell_t{"waiting", "message", "---P"},
+TEST_F(zeb_mng_sync, an_acknowledgement_that_cannot_be_sent_is_only_counted)
+{
+    fault::fail_next("sendto", EHOSTUNREACH);
+    EXPECT_THAT(logged(V, [&] { peer_syncs(); }),
+                testing::Contains("0 ZEB app 100 sync inst ack_anc to 200/9, seq 5000, pseq 0. ret:-1."));
+    EXPECT_TRUE(zeb_app_instance(PEER, PEER_NODE));
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+    zeb_scoped_lock lock(&g_lib_mutex);
+    EXPECT_TRUE(list_empty(&g_zeb_mng.sync_inst_ack_list));
+    EXPECT_TRUE(list_empty(&g_zeb_mng.inst_sync_list));
+}
 
-        cell_t{"half", "publish", "---P"}, cell_t{"half", "withdraw", "I---"}, cell_t{"half", "sync same", "I---"},
-        cell_t{"half", "sync new", "I---"}, cell_t{"half", "sync resume", "I--P"}, cell_t{"half", "ack right", "I---"},
-        cell_t{"half", "ack pseq 0", "I---"}, cell_t{"half", "message", "IAO-"},
+TEST_F(zeb_mng_sync, the_older_acknowledgement_can_be_sent_alone)
+{
+    EXPECT_THAT(logged(V, [] { EXPECT_EQ(zeb_sync_app_inst_ack(APP, PEER_NODE, PEER, 77, 1), 0); }),
+                testing::Contains("0 ZEB app 100 sync inst ack to 200/9, seq 77."));
+    EXPECT_EQ(fake_tipc::take_sent().at(0).bytes.size(), 60u);
+    fault::fail_next("sendto", EHOSTUNREACH);
+    EXPECT_EQ(zeb_sync_app_inst_ack(APP, PEER_NODE, PEER, 77, 1), -1);
+}
 
-        cell_t{"both pending", "publish", "---P"}, cell_t{"both pending", "withdraw", "I---"},
-        cell_t{"both pending", "sync same", "I--P"}, cell_t{"both pending", "sync new", "I--P"},
-        cell_t{"both pending", "sync resume", "I--P"}, cell_t{"both pending", "ack right", "IAO-"},
-        cell_t{"both pending", "ack pseq 0", "I--P"}, cell_t{"both pending", "message", "IAO-"},
+TEST_F(zeb_mng_sync, pending_synchronisations_are_found_by_all_their_marks)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    EXPECT_EQ(zeb_del_inst_sync_msg(APP + 1, PEER, PEER_NODE, my_seq), -ENOENT);
+    EXPECT_EQ(zeb_del_inst_sync_msg(APP, PEER + 1, PEER_NODE, my_seq), -ENOENT);
+    EXPECT_EQ(zeb_del_inst_sync_msg(APP, PEER, PEER_NODE + 1, my_seq), -ENOENT);
+    EXPECT_EQ(zeb_del_inst_sync_msg(APP, PEER, PEER_NODE, my_seq + 1), -ENOENT);
+    EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE + 1));
+    EXPECT_EQ(zeb_del_inst_sync_msg(APP, PEER, PEER_NODE, my_seq), 0);
+    EXPECT_EQ(zeb_del_sync_inst_retry(APP, PEER, PEER_NODE), -ENOENT);
+}
 
-        cell_t{"acked", "publish", "---P"}, cell_t{"acked", "withdraw", "----"}, cell_t{"acked", "sync resume", "I--P"},
-        cell_t{"acked", "ack right", "-A--"}, cell_t{"acked", "ack pseq 0", "-A--"}, cell_t{"acked", "message", "-A--"},
+TEST_F(zeb_mng_sync, a_resume_is_taken_by_its_sequence_and_else_is_all_zero)
+{
+    zeb_try_resume_comm(PEER, 1);
+    zeb_try_resume_comm(PEER, 2);
+    uint32_t seq = take_timers().at(1).seq;
+    zeb_resume_comm_t none = zeb_del_resume_comm(seq + 1);
+    EXPECT_EQ(none.seq + none.dst_app + none.dst_node, 0u);
+    zeb_resume_comm_t taken = zeb_del_resume_comm(seq);
+    EXPECT_EQ(taken.seq, seq);
+    EXPECT_EQ(taken.src_app, 0u) << "never filled";
+    EXPECT_EQ(taken.dst_app, PEER);
+    EXPECT_EQ(taken.dst_node, 2u);
+    EXPECT_EQ(zeb_del_resume_comm(seq).seq, 0u);
+}
 
-        cell_t{"online", "publish", "---P"}, cell_t{"online", "withdraw", "----"},
-        cell_t{"online", "sync same", "IAO-"}, cell_t{"online", "sync new", "IAO-"},
-        cell_t{"online", "sync resume", "I--P"}, cell_t{"online", "ack right", "IAO-"},
-        cell_t{"online", "ack pseq 0", "IAO-"}, cell_t{"online", "message", "IAO-"}));
+TEST_F(zeb_mng_sync, subscribers_are_synchronised_even_when_one_cannot_send)
+{
+    start_app(101);
+    fault::fail_next("sendto", EHOSTUNREACH);
+    EXPECT_THAT(logged(E, [&] { peer_published(); }),
+                testing::Contains("3 ZEB send app 100 server notification to 200/9 failed."));
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(wire::header_of(sent[0].bytes).src_app, 101u);
+}

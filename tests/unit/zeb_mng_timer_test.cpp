@@ -109,3 +109,58 @@ TEST_F(zeb_mng_timer, the_monitor_prints_the_time_and_dumps_the_first_applicatio
         at = found;
     }
 }
+
+TEST_F(zeb_mng_timer, a_short_start_is_a_failure)
+{
+    fault::fail_next("send", fault::SHORT);
+    errno = EIO;
+    EXPECT_EQ(logged(E,
+                     [] {
+                         EXPECT_EQ(zeb_subscr_timer_event(1, {ZEB_TIMER_TYPE_INST, 1}), -1);
+                     }),
+              lines_t({"3 ZEB send timer subscription msg failed: Input/output error.", ","}));
+}
+
+TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_never_started_again)
+{
+    fault::fail_next("send", EPIPE);
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
+    EXPECT_TRUE(zeb_timer_inst_retry_open);
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0) << "taken for pending";
+    EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
+}
+
+TEST_F(zeb_mng_timer, timers_of_the_other_types_are_started_side_by_side)
+{
+    for (uint32_t seq : {1u, 2u}) {
+        EXPECT_EQ(zeb_subscr_timer_event(60, {ZEB_TIMER_TYPE_RESUME, seq}), 0);
+        EXPECT_EQ(zeb_subscr_timer_event(1, {ZEB_TIMER_TYPE_INST, seq}), 0);
+    }
+    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 4u);
+}
+
+TEST_F(zeb_mng_timer, a_resume_time_out_after_the_join_does_nothing)
+{
+    peer_syncs(); // arms the resume
+    words_t resume;
+    for (const wire::bytes_t &bytes : fake_tipc::take_subscriptions()) {
+        if (words(bytes)[5] == (uint32_t)ZEB_TIMER_TYPE_RESUME)
+            resume = words(bytes);
+    }
+    ASSERT_EQ(resume.size(), 7u);
+    peer_online();
+    (void)take_seen();
+    EXPECT_EQ(logged(15, [&] { zeb_process_tipc_subscr_event(fake_tipc::timer_event(0, resume[6])); }),
+              lines_t({"0 ZEB perceived timer event of type 0 seq " + std::to_string((int)resume[6]) + "."}));
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+    EXPECT_TRUE(take_seen().events.empty());
+}
+
+TEST_F(zeb_mng_timer, a_monitor_that_cannot_be_started_again_ends)
+{
+    fault::fail_next("send", EPIPE);
+    EXPECT_THAT(logged(E, [] { zeb_process_monitor_timer_event(1); }),
+                testing::Contains("3 ZEB send timer subscription msg failed: Broken pipe."));
+    EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
+}

@@ -3,6 +3,14 @@
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_mng_online.h"
+#include "zeb_mng_sync.h"
+#include "zeb_user_proxy.h"
+
+#include <fcntl.h>
+#include <fstream>
+#include <sched.h>
+#include <thread>
+#include <unistd.h>
 
 class zeb_user_proxy_send : public lib_test
 {
@@ -210,4 +218,184 @@ TEST_F(zeb_user_proxy_send, the_message_stays_the_callers_in_host_order)
     EXPECT_EQ(msg_->hdr.dst_node, 3u) << "its last destination";
     EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), 0);
     EXPECT_EQ(wire::body_of(fake_tipc::take_sent().at(1).bytes), wire::bytes_t({'a', 'b', 'c', 'd'}));
+}
+
+TEST_F(zeb_user_proxy_send, a_group_with_the_sender_in_it_can_leave_its_own_instance_out)
+{
+    self_online();
+    peer_online(3);
+    peer_online(4, true, APP);
+    uint32_t group = (uint32_t)zeb_create_app_mcast(APP);
+    ASSERT_EQ(zeb_add_app_mcast(APP, group, APP), 0);
+    ASSERT_EQ(zeb_add_app_mcast(APP, group, PEER), 0);
+    EXPECT_EQ(zeb_send(APP, group, msg_, ZEB_SEND_EXCLUDE_SELF), 0);
+    EXPECT_EQ(destinations(), lines_t({"100/4", "200/3"}));
+    EXPECT_EQ(zeb_send(APP, PEER, msg_, ZEB_SEND_EXCLUDE_SELF), 0) << "other applications are whole";
+    EXPECT_EQ(destinations(), lines_t({"200/3"}));
+}
+
+TEST_F(zeb_user_proxy_send, another_application_keeps_its_instance_on_this_node)
+{
+    peer_online(NODE);
+    EXPECT_EQ(zeb_send(APP, PEER, msg_, ZEB_SEND_EXCLUDE_SELF), 0);
+    EXPECT_EQ(destinations(), lines_t({"200/7"}));
+}
+
+TEST_F(zeb_user_proxy_send, a_node_that_is_listed_twice_is_sent_to_twice)
+{
+    zeb_dst_t dst;
+    memset(&dst, 0xFF, sizeof(dst)); // no place is taken
+    dst.all_nodes = false;
+    const uint32_t places[] = {9, 3, 9, 65536, 5};
+    memcpy(dst.nodes.mbr, places, sizeof(places));
+    static zeb_app_set_t servers;
+    for (uint32_t node : {3u, 9u, 40u})
+        EXPECT_TRUE(zeb_app_set_add(&servers, node));
+    std::vector<uint32_t> nodes;
+    zeb_each_instance(&dst, &servers, [&](uint32_t node) { nodes.push_back(node); });
+    EXPECT_EQ(nodes, std::vector<uint32_t>({9, 3, 9}));
+}
+
+TEST_F(zeb_user_proxy_send, sending_drops_a_returned_acknowledgement_towards_the_instance)
+{
+    peer_online(3);
+    peer_online(4);
+    for (uint32_t node : {3u, 4u}) {
+        zeb_msg_t *ack = zeb_msg_alloc(24, 1, 0);
+        zeb_encode_msg_hdr(ack, ZEB_MSG_FLAG_SYNC, APP, NODE, PEER, node, 0, 0);
+        zeb_resend_sync_inst_ack_later(ack);
+    }
+    EXPECT_EQ(zeb_sendto(APP, 3, PEER, msg_, 0), 0);
+    zeb_scoped_lock lock(&g_lib_mutex);
+    ASSERT_FALSE(list_empty(&g_zeb_mng.sync_inst_ack_list));
+    struct list_head *left = g_zeb_mng.sync_inst_ack_list.next;
+    EXPECT_EQ(list_entry(left, zeb_msg_t, list)->hdr.dst_node, 4u);
+    EXPECT_EQ(left->next, &g_zeb_mng.sync_inst_ack_list);
+}
+
+TEST_F(zeb_user_proxy_send, every_failed_write_is_counted_for_its_instance)
+{
+    for (uint32_t node : {3u, 4u})
+        peer_online(node);
+    fault::fail_next("sendto", EHOSTUNREACH, 2);
+    EXPECT_EQ(zeb_sendto(APP, ZEB_NODE_ALL, PEER, msg_, 0), -1);
+    EXPECT_THAT(fc_text(), testing::HasSubstr("Send to application 200/3: send 0, unack 0, reject 1,"));
+    EXPECT_THAT(fc_text(), testing::HasSubstr("Send to application 200/4: send 0, unack 0, reject 1,"));
+}
+
+TEST_F(zeb_user_proxy_send, a_full_socket_is_a_failed_write)
+{
+    peer_online(3);
+    fault::reset();
+    fault::fail_next("sendto", EAGAIN);
+    EXPECT_EQ(zeb_send(APP, PEER, msg_, ZEB_SEND_NOWAIT), -1);
+    EXPECT_EQ(fault::count("sendto"), 1);
+}
+
+TEST_F(zeb_user_proxy_send, a_refused_sendto_is_counted_for_the_node_it_named)
+{
+    EXPECT_EQ(zeb_sendto(APP, 3, PEER, msg_, 0), -ENOENT);
+    EXPECT_THAT(fc_text(), testing::HasSubstr("Send to application 200/3: send 0, unack 0, reject 1,"));
+    EXPECT_THAT(fc_text(), testing::HasSubstr("mcast reject 0,"));
+}
+
+// Standard output into a file, to be looked at while another thread prints.
+class printed_t
+{
+  public:
+    explicit printed_t(const std::string &path) : path_(path)
+    {
+        (void)fflush(stdout);
+        saved_ = dup(STDOUT_FILENO);
+        int fd = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_APPEND, 0600);
+        (void)dup2(fd, STDOUT_FILENO);
+        (void)close(fd);
+    }
+    ~printed_t()
+    {
+        (void)fflush(stdout);
+        (void)dup2(saved_, STDOUT_FILENO);
+        (void)close(saved_);
+    }
+    printed_t(const printed_t &) = delete;
+    printed_t &operator=(const printed_t &) = delete;
+
+    std::string text() const
+    {
+        (void)fflush(stdout);
+        std::ifstream in(path_);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+  private:
+    std::string path_;
+    int saved_ = -1;
+};
+
+// A sender that passes the pre-check and waits for credit finds its only server gone when it goes on.
+class zeb_user_proxy_send_gone : public zeb_user_proxy_send
+{
+  protected:
+    std::string send_while_it_goes(const std::function<int()> &call)
+    {
+        peer_online(3);
+        fill_window(PEER, 3);
+        printed_t printed(dir() + "/out");
+        zeb_store_relaxed(&g_zeb_dbg_level, V);
+        int ret = 0;
+        std::thread sender([&] { ret = call(); });
+        while (printed.text().find("ZEB app 100 to 200 wait for flow ctrl condition.") == std::string::npos)
+            (void)sched_yield();
+        peer_withdrawn(3);
+        sender.join();
+        zeb_store_relaxed(&g_zeb_dbg_level, 0u);
+        EXPECT_EQ(ret, -ENOENT);
+        EXPECT_TRUE(destinations().empty());
+        return printed.text();
+    }
+};
+
+TEST_F(zeb_user_proxy_send_gone, zeb_send_says_so)
+{
+    std::string text = send_while_it_goes([&] { return zeb_send(APP, PEER, msg_, 0); });
+    EXPECT_THAT(text, testing::HasSubstr("0: ZEB app 100 send 200(0xc8) has no server while sending.\n"));
+    EXPECT_THAT(fc_text(), testing::HasSubstr("mcast reject 1,"));
+}
+
+TEST_F(zeb_user_proxy_send_gone, zeb_sendto_says_so)
+{
+    std::string text = send_while_it_goes([&] { return zeb_sendto(APP, 3, PEER, msg_, 0); });
+    EXPECT_THAT(text, testing::HasSubstr("0: ZEB app 100 sendto 200/3(0xc8/0x3) has no server while sending.\n"));
+}
+
+// Before anything is registered.
+class zeb_user_proxy_unregistered : public lib_test
+{
+  protected:
+    zeb_msg_t *msg_ = zeb_msg_alloc(4, 3, 0);
+    ~zeb_user_proxy_unregistered() override
+    {
+        free(msg_);
+    }
+};
+
+TEST_F(zeb_user_proxy_unregistered, sending_finds_no_server)
+{
+    EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), -ENOENT);
+    EXPECT_EQ(zeb_sendto(APP, 3, PEER, msg_, 0), -ENOENT);
+}
+
+TEST_F(zeb_user_proxy_unregistered, this_node_is_no_destination_while_it_is_not_known)
+{
+    no_node();
+    EXPECT_THAT(logged(E, [&] { EXPECT_EQ(zeb_sendto(APP, ZEB_NODE_LOCAL, PEER, msg_, 0), -EINVAL); }),
+                testing::Contains("3 ZEB app 100 to dst node ID -1 invalid."));
+}
+
+TEST_F(zeb_user_proxy_unregistered, the_senders_own_application_is_skipped_while_this_node_is_not_known)
+{
+    no_node();
+    lines_t lines = logged(V, [&] { EXPECT_EQ(zeb_send(APP, APP, msg_, ZEB_SEND_EXCLUDE_SELF), -ENOENT); });
+    EXPECT_THAT(lines, testing::Contains("0 ZEB app 100 send 100(0x64) has no server."));
+    EXPECT_THAT(lines, testing::Not(testing::Contains("0 ZEB app 100 to 100 has no server.")));
 }

@@ -1,0 +1,434 @@
+// The handshake's state table, every cell of it, the illegal ones too: for each state and event the bits, the lists,
+// what is sent, which timers start and what the application sees.
+#include "lib_test.h"
+#include "platform/list_algo.h"
+#include "zeb_mng.h"
+#include "zeb_mng_online.h"
+#include "zeb_mng_sync.h"
+
+using wire::operator+;
+
+struct cell_t {
+    const char *state;
+    const char *event;
+    const char *bits;   // I has synchronised, A has acknowledged, O online, S server
+    const char *lists;  // entries pending, to be retried, to be resumed
+    const char *sent;   // "ack+pseq" carries the sequence of our last synchronisation, "ack" carries 0
+    const char *timers; // started
+    const char *seen;   // by the application
+};
+
+static void PrintTo(const cell_t &cell, std::ostream *out)
+{
+    *out << cell.state << " + " << cell.event;
+}
+
+class zeb_mng_sync_table : public lib_test, public testing::WithParamInterface<cell_t>
+{
+  protected:
+    void SetUp() override
+    {
+        lib_test::SetUp();
+        start_app();
+        (void)fake_tipc::take_subscriptions();
+    }
+
+    void sync(uint32_t seq, uint32_t resume = 0, uint8_t ver = 2)
+    {
+        wire::header_t header = from_peer(wire::SYNC);
+        header.ver = ver;
+        receive(wire::message(header, wire::sync_inst(seq, PEER_PID, 1, resume)));
+    }
+
+    void ack(uint32_t seq, uint32_t pseq, uint32_t id = PEER_PID, uint32_t server = 1)
+    {
+        receive(wire::message(from_peer(wire::SYNC),
+                              wire::sync_ack(seq, id, server) + wire::sync_seq_ack(seq, id, server, pseq)));
+    }
+
+    void ack_old()
+    {
+        wire::header_t header = from_peer(wire::SYNC);
+        header.ver = 1;
+        receive(wire::message(header, wire::sync_ack(my_seq_, PEER_PID, 1)));
+    }
+
+    static void resume_timer()
+    {
+        uint32_t seq = 0x7FFFFFFF; // of an occasion that has gone
+        {
+            zeb_scoped_lock lock(&g_lib_mutex);
+            if (!list_empty(&g_zeb_mng.resume_comm_list))
+                seq = list_entry(g_zeb_mng.resume_comm_list.next, zeb_resume_comm_t, list)->seq;
+        }
+        zeb_process_tipc_subscr_event(fake_tipc::timer_event(0, seq));
+    }
+
+    void happen(const std::string &event);
+    void enter(const std::string &state);
+
+    // What was sent since the last look.
+    std::string sent()
+    {
+        lines_t words;
+        for (const fake_tipc::sent_t &one : fake_tipc::take_sent()) {
+            uint32_t pseq = one.bytes.size() == 88 ? wire::get32(one.bytes, 84) : 0;
+            if (wire::get16(one.bytes, 38) == 1) {
+                my_seq_ = sync_word(one.bytes, 0);
+                words.emplace_back(sync_word(one.bytes, 3) != 0 ? "resume" : "sync");
+            } else if (pseq == 0) {
+                words.emplace_back("ack");
+            } else {
+                words.emplace_back(pseq == my_seq_ ? "ack+pseq" : "ack+" + std::to_string(pseq));
+            }
+        }
+        return join(words);
+    }
+
+    static std::string timers()
+    {
+        const char *names[] = {"resume", "resend", "monitor", "retry"};
+        lines_t words;
+        for (const wire::bytes_t &bytes : fake_tipc::take_subscriptions())
+            words.emplace_back(names[bytes.at(20) % 4]);
+        return join(words);
+    }
+
+    static std::string seen()
+    {
+        seen_t seen = take_seen();
+        lines_t words;
+        for (const zeb_event_t &event : seen.events)
+            words.emplace_back(event.type == ZEB_APP_JOIN ? "join" : "quit");
+        words.insert(words.end(), seen.bodies.size(), "message");
+        return join(words);
+    }
+
+    static std::string bits()
+    {
+        zeb_scoped_lock lock(&g_lib_mutex);
+        const zeb_ol_app_t *ol = __zeb_get_ol_app(PEER);
+        std::string text;
+        text += zeb_app_set_test(&ol->inst_bmp, PEER_NODE) ? "I" : "-";
+        text += zeb_app_set_test(&ol->inst_ack_bmp, PEER_NODE) ? "A" : "-";
+        text += zeb_app_set_test(&ol->ol_bmp, PEER_NODE) ? "O" : "-";
+        text += zeb_app_set_test(&ol->srv_bmp, PEER_NODE) ? "S" : "-";
+        return text;
+    }
+
+    static std::string lists()
+    {
+        zeb_scoped_lock lock(&g_lib_mutex);
+        return std::to_string(list_length(&g_zeb_mng.inst_sync_list)) +
+               std::to_string(list_length(&g_zeb_mng.sync_inst_retry_list)) +
+               std::to_string(list_length(&g_zeb_mng.resume_comm_list));
+    }
+
+  private:
+    static std::string join(const lines_t &words)
+    {
+        std::string text;
+        for (const std::string &word : words)
+            text += (text.empty() ? "" : " ") + word;
+        return text;
+    }
+
+    uint32_t my_seq_ = 0; // of our last synchronisation
+};
+
+void zeb_mng_sync_table::happen(const std::string &event)
+{
+    const std::map<std::string, std::function<void()>> events = {
+        {"publish", [&] { peer_published(); }},
+        {"withdraw", [&] { peer_withdrawn(); }},
+        {"sync same", [&] { sync(PEER_SEQ); }},
+        {"sync new", [&] { sync(PEER_SEQ + 1); }},
+        {"sync resume", [&] { sync(PEER_SEQ + 2, 1); }},
+        {"sync old", [&] { sync(PEER_SEQ, 0, 1); }},
+        {"ack right", [&] { ack(my_seq_, PEER_SEQ); }},
+        {"ack pseq 0", [&] { ack(my_seq_, 0); }},
+        {"ack pseq wrong", [&] { ack(my_seq_, PEER_SEQ + 9); }},
+        {"ack seq wrong", [&] { ack(my_seq_ + 9, PEER_SEQ); }},
+        {"ack other id", [&] { ack(my_seq_, PEER_SEQ, PEER_PID + 1); }},
+        {"ack client", [&] { ack(my_seq_, PEER_SEQ, PEER_PID, 0); }},
+        {"ack old", [&] { ack_old(); }},
+        {"message", [&] { receive(wire::message(from_peer(), {1})); }},
+        {"retry timer", [] { zeb_process_tipc_subscr_event(fake_tipc::timer_event(3, 0)); }},
+        {"resume timer", [] { resume_timer(); }},
+    };
+    events.at(event)();
+}
+
+// Each state by the events that lead there from idle.
+void zeb_mng_sync_table::enter(const std::string &state)
+{
+    const std::map<std::string, lines_t> roads = {
+        {"idle", {}},
+        {"waiting", {"publish"}},
+        {"half", {"sync same"}},
+        {"half pending", {"publish", "sync same"}},
+        {"half withdrawn", {"publish", "sync same", "withdraw"}},
+        {"waiting again", {"publish", "sync same", "publish"}},
+        {"acked", {"publish", "sync same", "publish", "ack right"}},
+        {"acked old", {"publish", "ack old"}},
+        {"differing", {"publish", "sync same", "ack other id"}},
+        {"resumed", {"sync same", "resume timer"}},
+        {"online", {"publish", "sync same", "ack right"}},
+        {"online by message", {"sync same", "message"}},
+        {"online client", {"publish", "sync same", "ack client"}},
+    };
+    for (const std::string &event : roads.at(state)) {
+        happen(event);
+        (void)sent(); // notes our sequence
+    }
+    (void)timers();
+    (void)seen();
+}
+
+TEST_P(zeb_mng_sync_table, cell)
+{
+    const cell_t &cell = GetParam();
+    enter(cell.state);
+    happen(cell.event);
+    EXPECT_EQ(bits(), cell.bits);
+    EXPECT_EQ(lists(), cell.lists);
+    EXPECT_EQ(sent(), cell.sent);
+    EXPECT_EQ(timers(), cell.timers);
+    EXPECT_EQ(seen(), cell.seen);
+}
+
+static std::string cell_name(const testing::TestParamInfo<cell_t> &info)
+{
+    std::string name = std::string(info.param.state) + " and " + info.param.event;
+    for (char &letter : name)
+        letter = letter == ' ' ? '_' : letter;
+    return name;
+}
+
+// clang-format off
+static const cell_t cells[] = {
+    // idle
+    {"idle", "publish", "----", "100", "sync", "", ""},
+    {"idle", "withdraw", "----", "000", "", "", ""},
+    {"idle", "sync same", "I---", "001", "ack", "retry resume", ""},
+    {"idle", "sync new", "I---", "001", "ack", "retry resume", ""},
+    {"idle", "sync resume", "I---", "100", "sync ack", "retry", ""},
+    {"idle", "sync old", "I---", "001", "ack", "resume", ""},
+    {"idle", "ack right", "----", "000", "", "", ""},
+    {"idle", "ack pseq 0", "---S", "000", "", "", ""},
+    {"idle", "ack pseq wrong", "----", "000", "", "", ""},
+    {"idle", "ack seq wrong", "----", "000", "", "", ""},
+    {"idle", "ack other id", "----", "000", "", "", ""},
+    {"idle", "ack client", "----", "000", "", "", ""},
+    {"idle", "ack old", "----", "000", "", "", ""},
+    {"idle", "message", "----", "000", "", "", ""},
+    {"idle", "retry timer", "----", "000", "", "", ""},
+    {"idle", "resume timer", "----", "000", "", "", ""},
+    // waiting
+    {"waiting", "publish", "----", "100", "sync", "", ""},
+    {"waiting", "withdraw", "----", "000", "", "", ""},
+    {"waiting", "sync same", "I---", "110", "ack", "retry", ""},
+    {"waiting", "sync new", "I---", "110", "ack", "retry", ""},
+    {"waiting", "sync resume", "I---", "110", "sync ack", "retry", ""},
+    {"waiting", "sync old", "I---", "100", "ack", "", ""},
+    {"waiting", "ack right", "----", "100", "", "", ""},
+    {"waiting", "ack pseq 0", "---S", "100", "", "", ""},
+    {"waiting", "ack pseq wrong", "----", "100", "", "", ""},
+    {"waiting", "ack seq wrong", "----", "100", "", "", ""},
+    {"waiting", "ack other id", "----", "100", "", "", ""},
+    {"waiting", "ack client", "----", "100", "", "", ""},
+    {"waiting", "ack old", "-A-S", "000", "", "", ""},
+    {"waiting", "message", "----", "100", "", "", ""},
+    {"waiting", "retry timer", "----", "100", "sync", "", ""},
+    {"waiting", "resume timer", "----", "100", "", "", ""},
+    // half
+    {"half", "publish", "----", "100", "sync", "", ""},
+    {"half", "withdraw", "I---", "000", "", "", ""},
+    {"half", "sync same", "I---", "002", "ack", "resume", ""},
+    {"half", "sync new", "I---", "002", "ack", "resume", ""},
+    {"half", "sync resume", "I---", "100", "sync ack", "", ""},
+    {"half", "sync old", "I---", "002", "ack", "resume", ""},
+    {"half", "ack right", "I--S", "001", "", "", ""},
+    {"half", "ack pseq 0", "I--S", "001", "", "", ""},
+    {"half", "ack pseq wrong", "I---", "001", "", "", ""},
+    {"half", "ack seq wrong", "I--S", "001", "", "", ""},
+    {"half", "ack other id", "I--S", "001", "", "", ""},
+    {"half", "ack client", "I---", "001", "", "", ""},
+    {"half", "ack old", "I---", "001", "", "", ""},
+    {"half", "message", "IAO-", "001", "", "", "message"},
+    {"half", "retry timer", "I---", "001", "", "", ""},
+    {"half", "resume timer", "----", "100", "resume", "", ""},
+    // half pending
+    {"half pending", "publish", "----", "110", "sync", "", ""},
+    {"half pending", "withdraw", "I---", "010", "", "", ""},
+    {"half pending", "sync same", "I---", "110", "ack", "", ""},
+    {"half pending", "sync new", "I---", "110", "ack", "", ""},
+    {"half pending", "sync resume", "I---", "110", "sync ack", "", ""},
+    {"half pending", "sync old", "I---", "110", "ack", "", ""},
+    {"half pending", "ack right", "IAOS", "000", "", "", "join"},
+    {"half pending", "ack pseq 0", "I--S", "110", "", "", ""},
+    {"half pending", "ack pseq wrong", "I---", "110", "", "", ""},
+    {"half pending", "ack seq wrong", "I--S", "110", "", "", ""},
+    {"half pending", "ack other id", "-A-S", "000", "", "", ""},
+    {"half pending", "ack client", "IAO-", "000", "", "", ""},
+    {"half pending", "ack old", "IAOS", "010", "", "", "join"},
+    {"half pending", "message", "IAO-", "010", "", "", "message"},
+    {"half pending", "retry timer", "I---", "110", "sync", "retry", ""},
+    {"half pending", "resume timer", "I---", "110", "", "", ""},
+    // half withdrawn
+    {"half withdrawn", "publish", "----", "110", "sync", "", ""},
+    {"half withdrawn", "withdraw", "I---", "010", "", "", ""},
+    {"half withdrawn", "sync same", "I---", "011", "ack", "resume", ""},
+    {"half withdrawn", "sync new", "I---", "011", "ack", "resume", ""},
+    {"half withdrawn", "sync resume", "I---", "110", "sync ack", "", ""},
+    {"half withdrawn", "sync old", "I---", "011", "ack", "resume", ""},
+    {"half withdrawn", "ack right", "I--S", "010", "", "", ""},
+    {"half withdrawn", "ack pseq 0", "I--S", "010", "", "", ""},
+    {"half withdrawn", "ack pseq wrong", "I---", "010", "", "", ""},
+    {"half withdrawn", "ack seq wrong", "I--S", "010", "", "", ""},
+    {"half withdrawn", "ack other id", "I--S", "010", "", "", ""},
+    {"half withdrawn", "ack client", "I---", "010", "", "", ""},
+    {"half withdrawn", "ack old", "I---", "010", "", "", ""},
+    {"half withdrawn", "message", "IAO-", "010", "", "", "message"},
+    {"half withdrawn", "retry timer", "I---", "010", "", "retry", ""},
+    {"half withdrawn", "resume timer", "I---", "010", "", "", ""},
+    // waiting again
+    {"waiting again", "publish", "----", "110", "sync", "", ""},
+    {"waiting again", "withdraw", "----", "010", "", "", ""},
+    {"waiting again", "sync same", "I---", "110", "ack", "", ""},
+    {"waiting again", "sync new", "I---", "110", "sync ack", "", ""},
+    {"waiting again", "sync resume", "I---", "110", "sync ack", "", ""},
+    {"waiting again", "sync old", "I---", "110", "ack", "", ""},
+    {"waiting again", "ack right", "-A-S", "000", "", "", ""},
+    {"waiting again", "ack pseq 0", "---S", "110", "", "", ""},
+    {"waiting again", "ack pseq wrong", "----", "110", "", "", ""},
+    {"waiting again", "ack seq wrong", "---S", "110", "", "", ""},
+    {"waiting again", "ack other id", "-A-S", "000", "", "", ""},
+    {"waiting again", "ack client", "-A--", "000", "", "", ""},
+    {"waiting again", "ack old", "-A-S", "010", "", "", ""},
+    {"waiting again", "message", "----", "110", "", "", ""},
+    {"waiting again", "retry timer", "----", "110", "sync", "retry", ""},
+    {"waiting again", "resume timer", "----", "110", "", "", ""},
+    // acked
+    {"acked", "publish", "----", "100", "sync", "", ""},
+    {"acked", "withdraw", "----", "000", "", "", ""},
+    {"acked", "sync same", "IAOS", "000", "ack+pseq", "", "join"},
+    {"acked", "sync new", "I---", "100", "sync ack+pseq", "", ""},
+    {"acked", "sync resume", "I---", "100", "sync ack+pseq", "", ""},
+    {"acked", "sync old", "IAOS", "000", "ack+pseq", "", "join"},
+    {"acked", "ack right", "-A-S", "000", "", "", ""},
+    {"acked", "ack pseq 0", "-A-S", "000", "", "", ""},
+    {"acked", "ack pseq wrong", "-A-S", "000", "", "", ""},
+    {"acked", "ack seq wrong", "-A-S", "000", "", "", ""},
+    {"acked", "ack other id", "-A-S", "000", "", "", ""},
+    {"acked", "ack client", "-A-S", "000", "", "", ""},
+    {"acked", "ack old", "-A-S", "000", "", "", ""},
+    {"acked", "message", "-A-S", "000", "", "", ""},
+    {"acked", "retry timer", "-A-S", "000", "", "", ""},
+    {"acked", "resume timer", "-A-S", "000", "", "", ""},
+    // acked old
+    {"acked old", "publish", "----", "100", "sync", "", ""},
+    {"acked old", "withdraw", "----", "000", "", "", ""},
+    {"acked old", "sync same", "IAOS", "000", "ack+pseq", "retry", "join"},
+    {"acked old", "sync new", "IAOS", "000", "ack+pseq", "retry", "join"},
+    {"acked old", "sync resume", "I---", "100", "sync ack+pseq", "retry", ""},
+    {"acked old", "sync old", "IAOS", "000", "ack+pseq", "", "join"},
+    {"acked old", "ack right", "-A-S", "000", "", "", ""},
+    {"acked old", "ack pseq 0", "-A-S", "000", "", "", ""},
+    {"acked old", "ack pseq wrong", "-A-S", "000", "", "", ""},
+    {"acked old", "ack seq wrong", "-A-S", "000", "", "", ""},
+    {"acked old", "ack other id", "-A-S", "000", "", "", ""},
+    {"acked old", "ack client", "-A-S", "000", "", "", ""},
+    {"acked old", "ack old", "-A-S", "000", "", "", ""},
+    {"acked old", "message", "-A-S", "000", "", "", ""},
+    {"acked old", "retry timer", "-A-S", "000", "", "", ""},
+    {"acked old", "resume timer", "-A-S", "000", "", "", ""},
+    // differing
+    {"differing", "publish", "----", "100", "sync", "", ""},
+    {"differing", "withdraw", "----", "000", "", "", ""},
+    {"differing", "sync same", "-A-S", "001", "ack", "resume", ""},
+    {"differing", "sync new", "I---", "100", "sync ack", "", ""},
+    {"differing", "sync resume", "I---", "100", "sync ack", "", ""},
+    {"differing", "sync old", "-A-S", "001", "ack", "resume", ""},
+    {"differing", "ack right", "-A-S", "000", "", "", ""},
+    {"differing", "ack pseq 0", "-A-S", "000", "", "", ""},
+    {"differing", "ack pseq wrong", "-A-S", "000", "", "", ""},
+    {"differing", "ack seq wrong", "-A-S", "000", "", "", ""},
+    {"differing", "ack other id", "-A-S", "000", "", "", ""},
+    {"differing", "ack client", "-A-S", "000", "", "", ""},
+    {"differing", "ack old", "-A-S", "000", "", "", ""},
+    {"differing", "message", "-A-S", "000", "", "", ""},
+    {"differing", "retry timer", "-A-S", "000", "", "", ""},
+    {"differing", "resume timer", "-A-S", "000", "", "", ""},
+    // resumed
+    {"resumed", "publish", "----", "100", "sync", "", ""},
+    {"resumed", "withdraw", "----", "000", "", "", ""},
+    {"resumed", "sync same", "I---", "110", "ack", "", ""},
+    {"resumed", "sync new", "I---", "110", "sync ack", "", ""},
+    {"resumed", "sync resume", "I---", "110", "sync ack", "", ""},
+    {"resumed", "sync old", "I---", "100", "ack", "", ""},
+    {"resumed", "ack right", "-A-S", "000", "", "", ""},
+    {"resumed", "ack pseq 0", "---S", "100", "", "", ""},
+    {"resumed", "ack pseq wrong", "----", "100", "", "", ""},
+    {"resumed", "ack seq wrong", "---S", "100", "", "", ""},
+    {"resumed", "ack other id", "-A-S", "000", "", "", ""},
+    {"resumed", "ack client", "-A--", "000", "", "", ""},
+    {"resumed", "ack old", "-A-S", "000", "", "", ""},
+    {"resumed", "message", "----", "100", "", "", ""},
+    {"resumed", "retry timer", "----", "100", "resume", "", ""},
+    {"resumed", "resume timer", "----", "100", "", "", ""},
+    // online
+    {"online", "publish", "----", "100", "sync", "", "quit"},
+    {"online", "withdraw", "----", "000", "", "", "quit"},
+    {"online", "sync same", "IAOS", "000", "ack+pseq", "", ""},
+    {"online", "sync new", "IAOS", "000", "ack+pseq", "", ""},
+    {"online", "sync resume", "I---", "100", "sync ack+pseq", "", "quit"},
+    {"online", "sync old", "IAOS", "000", "ack+pseq", "", ""},
+    {"online", "ack right", "IAOS", "000", "", "", ""},
+    {"online", "ack pseq 0", "IAOS", "000", "", "", ""},
+    {"online", "ack pseq wrong", "IAOS", "000", "", "", ""},
+    {"online", "ack seq wrong", "IAOS", "000", "", "", ""},
+    {"online", "ack other id", "IAOS", "000", "", "", ""},
+    {"online", "ack client", "IAOS", "000", "", "", ""},
+    {"online", "ack old", "IAOS", "000", "", "", ""},
+    {"online", "message", "IAOS", "000", "", "", "message"},
+    {"online", "retry timer", "IAOS", "000", "", "", ""},
+    {"online", "resume timer", "IAOS", "000", "", "", ""},
+    // online by message
+    {"online by message", "publish", "----", "100", "sync", "", ""},
+    {"online by message", "withdraw", "----", "000", "", "", ""},
+    {"online by message", "sync same", "IAO-", "001", "ack", "", ""},
+    {"online by message", "sync new", "IAO-", "001", "ack", "", ""},
+    {"online by message", "sync resume", "I---", "100", "sync ack+pseq", "", ""},
+    {"online by message", "sync old", "IAO-", "001", "ack", "", ""},
+    {"online by message", "ack right", "IAOS", "001", "", "", ""},
+    {"online by message", "ack pseq 0", "IAOS", "001", "", "", ""},
+    {"online by message", "ack pseq wrong", "IAO-", "001", "", "", ""},
+    {"online by message", "ack seq wrong", "IAOS", "001", "", "", ""},
+    {"online by message", "ack other id", "IAOS", "001", "", "", ""},
+    {"online by message", "ack client", "IAO-", "001", "", "", ""},
+    {"online by message", "ack old", "IAO-", "001", "", "", ""},
+    {"online by message", "message", "IAO-", "001", "", "", "message"},
+    {"online by message", "retry timer", "IAO-", "001", "", "", ""},
+    {"online by message", "resume timer", "----", "100", "resume", "", ""},
+    // online client
+    {"online client", "publish", "----", "100", "sync", "", ""},
+    {"online client", "withdraw", "----", "000", "", "", ""},
+    {"online client", "sync same", "IAO-", "000", "ack+pseq", "", ""},
+    {"online client", "sync new", "IAO-", "000", "ack+pseq", "", ""},
+    {"online client", "sync resume", "I---", "100", "sync ack+pseq", "", ""},
+    {"online client", "sync old", "IAO-", "000", "ack+pseq", "", ""},
+    {"online client", "ack right", "IAOS", "000", "", "", ""},
+    {"online client", "ack pseq 0", "IAOS", "000", "", "", ""},
+    {"online client", "ack pseq wrong", "IAO-", "000", "", "", ""},
+    {"online client", "ack seq wrong", "IAOS", "000", "", "", ""},
+    {"online client", "ack other id", "IAOS", "000", "", "", ""},
+    {"online client", "ack client", "IAO-", "000", "", "", ""},
+    {"online client", "ack old", "IAO-", "000", "", "", ""},
+    {"online client", "message", "IAO-", "000", "", "", "message"},
+    {"online client", "retry timer", "IAO-", "000", "", "", ""},
+    {"online client", "resume timer", "IAO-", "000", "", "", ""},
+};
+// clang-format on
+
+INSTANTIATE_TEST_SUITE_P(handshake, zeb_mng_sync_table, testing::ValuesIn(cells), cell_name);
