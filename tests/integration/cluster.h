@@ -24,7 +24,8 @@ void reset(); // every node up, linked and with its first files
 
 extern const char CONF[];
 
-// Every limit of a wait is multiplied by this. In virtual time the clock also jumps while the machine waits for its host.
+// Every limit of a wait is multiplied by this. In virtual time the clock also jumps while the machine waits for its
+// host.
 extern int patience;
 
 // A process on a node, spoken to in lines.
