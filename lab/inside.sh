@@ -94,7 +94,7 @@ link_to_others() { # NODE: to every node that is up and has a lower place in the
 }
 
 links_up() { # NODE: how many of its links are up
-    in_node "$1" tipc link list 2>/dev/null | grep -c ': up'
+    in_node "$1" tipc link list 2>/dev/null | grep -v '^broadcast-link' | grep -c ': up'
 }
 
 wait_links() {
@@ -176,7 +176,7 @@ wire_up() { # one of two machines: the whole guest is one node
     ip link set eth0 up
     tipc node set identity "machine$node"
     tipc bearer enable media eth device eth0 || die "no bearer on the wire"
-    until tipc link list | grep -q ': up'; do sleep 0.05; done
+    until tipc link list | grep -v '^broadcast-link' | grep -q ': up'; do sleep 0.05; done
 }
 
 make_cluster() {
