@@ -90,7 +90,10 @@ static std::string program_path(const std::string &program)
     return dir.substr(0, dir.rfind('/') + 1) + program;
 }
 
-process::process(int node, const std::string &program) : node_(node)
+// Gives the process a node-address file of its own before it becomes the program.
+static const char AS_BOARD[] = "mount -t tmpfs none /tmp/addr && echo $1 >/tmp/addr/.zeb_node_addr && exec \"$2\"";
+
+process::process(int node, const std::string &program, int board) : node_(node)
 {
     int to[2];
     int from[2];
@@ -98,11 +101,16 @@ process::process(int node, const std::string &program) : node_(node)
     EXPECT_EQ(pipe2(from, O_CLOEXEC), 0);
     std::string path = program_path(program);
     std::string name = std::to_string(node);
+    std::string board_name = std::to_string(board);
     pid_ = fork();
     if (pid_ == 0) {
         (void)dup2(to[0], 0);
         (void)dup2(from[1], 1);
-        execl(getenv("LAB"), "lab", "exec", name.c_str(), "--", path.c_str(), (char *)nullptr);
+        if (board == 0)
+            execl(getenv("LAB"), "lab", "exec", name.c_str(), "--", path.c_str(), (char *)nullptr);
+        else
+            execl(getenv("LAB"), "lab", "exec", name.c_str(), "--", "unshare", "--mount", "sh", "-c", AS_BOARD, "sh",
+                  board_name.c_str(), path.c_str(), (char *)nullptr);
         _exit(127);
     }
     (void)close(to[0]);

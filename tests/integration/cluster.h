@@ -32,7 +32,8 @@ extern int patience;
 class process
 {
   public:
-    process(int node, const std::string &program);
+    // `board`: the node id that the process itself goes by, when it is not its node's.
+    process(int node, const std::string &program, int board = 0);
     ~process();
     process(const process &) = delete;
     process &operator=(const process &) = delete;

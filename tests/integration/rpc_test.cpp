@@ -1,5 +1,6 @@
 // Calls on real TIPC.
 #include <algorithm>
+#include <memory>
 #include <sstream>
 
 #include "cluster.h"
@@ -113,4 +114,30 @@ TEST_F(rpc, a_dispatcher_may_call_itself)
     ASSERT_EQ(middle.ask("answer call 342"), "0");
     EXPECT_EQ(client.ask("rpc 340 341 all 20 1"), "0 2:0");
     middle.wait("inner 0 1");
+}
+
+TEST_F(rpc, sixty_four_instances_are_gathered_and_with_a_sixty_fifth_the_call_is_refused)
+{
+    process client(1, "zeb_agent");
+    ASSERT_EQ(client.ask("register 350 thread 1"), "0");
+    ASSERT_EQ(client.ask("comm 350 351"), "0");
+    ASSERT_EQ(client.ask("run"), "0");
+    std::vector<std::unique_ptr<process>> servers;
+    auto serve = [&servers](int board) {
+        servers.push_back(std::make_unique<process>(1 + board % 3, "zeb_agent", board));
+        for (const char *command : {"register 351 thread 1", "comm 351 350", "run"})
+            servers.back()->tell(command);
+    };
+    std::string outcomes = "0";
+    for (int board = 101; board <= 164; board++) {
+        serve(board);
+        outcomes += " " + std::to_string(board) + ":0";
+    }
+    for (int board = 101; board <= 164; board++)
+        client.wait("join 350 351/" + std::to_string(board), 120);
+    EXPECT_EQ(sorted(client.ask("rpc 350 351 all 30 1")), outcomes);
+    serve(165);
+    client.wait("join 350 351/165");
+    EXPECT_EQ(client.ask("rpc 350 351 all 30 1"), "-105");
+    EXPECT_EQ(client.ask("rpc 350 351 165 30 1"), "0 165:0") << "it is served alone";
 }

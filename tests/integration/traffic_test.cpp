@@ -1,6 +1,7 @@
 // One-way messages, groups and flow control on real TIPC.
 #include "cluster.h"
 
+#include <algorithm>
 #include <memory>
 
 using cluster::process;
@@ -92,7 +93,8 @@ TEST_F(traffic, a_thousand_messages_keep_their_order)
 struct load_t {
     int received;
     int returned;
-    int bad; // out of order, twice or damaged
+    int bad;  // out of order, twice or damaged
+    int peak; // the highest unacknowledged count of a pair
 };
 
 static void run_load(const std::string &base, int num, load_t *load)
@@ -116,12 +118,15 @@ static void run_load(const std::string &base, int num, load_t *load)
         receiver.wait("join " + target + " " + app + "/");
     }
     for (int i = 0; i < 4; i++)
-        senders[(size_t)i]->tell("send " + std::to_string(first + 1 + i) + " " + target + " all 64 " +
-                                 std::to_string(num) + " 0");
-    for (auto &sender : senders)
-        EXPECT_EQ(sender->wait("done send", 600), "done send 0");
+        senders[(size_t)i]->tell("flood " + std::to_string(first + 1 + i) + " " + target + " 1 " +
+                                 std::to_string(num));
+    for (auto &sender : senders) {
+        std::string result = sender->wait("done flood", 600);
+        EXPECT_EQ(result.substr(0, result.find(',')), "done flood 0 failed");
+        load->peak = std::max(load->peak, atoi(result.c_str() + result.rfind(' ')));
+    }
     for (int tries = 0; tries < 300 && load->received + load->returned < 4 * num; tries++) {
-        *load = {0, 0, 0};
+        *load = {0, 0, 0, load->peak};
         std::string counts = receiver.ask("counts");
         for (int i = 0; i < 4; i++) {
             std::string app = std::to_string(first + 1 + i);
@@ -141,7 +146,7 @@ static void run_load(const std::string &base, int num, load_t *load)
 TEST_F(traffic, with_the_default_queue_every_message_arrives_or_is_counted_as_returned)
 {
     // Within the window: what was returned is never acknowledged, and more of it would block its sender for good.
-    load_t load = {0, 0, 0};
+    load_t load = {};
     run_load("250", 1000, &load);
     EXPECT_EQ(load.received + load.returned, 4 * 1000) << load.received << " + " << load.returned;
 }
@@ -153,11 +158,13 @@ class sized_traffic : public traffic
 
 TEST_F(sized_traffic, a_hundred_thousand_messages_of_each_of_four_senders_arrive_once_and_in_order)
 {
-    load_t load = {0, 0, 0};
+    load_t load = {};
     run_load("270", 100000, &load);
     EXPECT_EQ(load.received, 4 * 100000);
     EXPECT_EQ(load.returned, 0);
     EXPECT_EQ(load.bad, 0);
+    EXPECT_GT(load.peak, 0);
+    EXPECT_LE(load.peak, 1024 + 1) << "the window and the one message that each thread may send past it";
 }
 
 TEST_F(traffic, blocked_senders_wake_when_their_receiver_is_killed)
@@ -171,8 +178,30 @@ TEST_F(traffic, blocked_senders_wake_when_their_receiver_is_killed)
     receiver.stop();
     EXPECT_EQ(sender.ask("send 261 260 all 64 1025 0"), "0");
     EXPECT_EQ(sender.ask("send 261 260 all 64 1 1"), "-11") << "without waiting";
-    sender.tell("send 261 260 all 64 1 0");
+    sender.tell("flood 261 260 8 1");
     receiver.kill();
     sender.wait("quit 261 260/2");
-    EXPECT_NE(sender.wait("done send", 30), "done send 0");
+    EXPECT_EQ(sender.wait("done flood", 30).substr(0, 20), "done flood 8 failed,") << "all of them wake";
+}
+
+TEST_F(traffic, eight_threads_pass_the_window_by_one_message_each_at_most)
+{
+    process receiver(2, "zeb_agent");
+    start(receiver, "265", "266");
+    process sender(1, "zeb_agent");
+    start(sender, "266", "265");
+    sender.wait("join 266 265/2");
+    receiver.wait("join 265 266/1");
+    ASSERT_EQ(receiver.ask("quiet"), "0");
+    receiver.stop();
+    sender.tell("flood 266 265 8 1000");
+    int waiting = 0;
+    for (int tries = 0; tries < 1000 && waiting <= 1024; tries++)
+        waiting = atoi(sender.ask("unack 266").c_str());
+    EXPECT_GT(waiting, 1024);
+    EXPECT_LE(waiting, 1024 + 8);
+    receiver.resume();
+    std::string result = sender.wait("done flood", 120);
+    EXPECT_EQ(result.substr(0, 20), "done flood 0 failed,");
+    EXPECT_LE(atoi(result.c_str() + result.rfind(' ')), 1024 + 8);
 }

@@ -1,5 +1,6 @@
 // A scriptable application: commands on standard input, what happens on standard output, one line each. Public headers
 // alone, as an application is written.
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -135,6 +136,51 @@ static int do_register(std::istringstream &in)
                               : zeb_register_without_thread(app, "agent", table.data(), on_event);
 }
 
+// The highest unacknowledged count that the flow control listing shows of an application's pairs.
+static int unacknowledged(uint32_t app)
+{
+    static std::mutex print_mutex; // the print buffer is one for the process
+    std::lock_guard<std::mutex> lock(print_mutex);
+    zeb_buf_printf_reset();
+    zeb_cli_print_fc_stat(app);
+    int highest = 0;
+    const char *line = strstr((const char *)g_print_msg->data, "    Send to application");
+    for (; line != nullptr; line = strstr(line + 1, "    Send to application")) {
+        const char *count = strstr(line, "unack ");
+        highest = std::max(highest, count == nullptr ? 0 : atoi(count + 6));
+    }
+    return highest;
+}
+
+// flood SRC DST THREADS COUNT: each thread sends `count` messages and watches the unacknowledged count. Says how many
+// sends failed and the highest count seen.
+static std::string do_flood(std::istringstream &in)
+{
+    uint32_t src = 0;
+    uint32_t dst = 0;
+    int threads = 0;
+    uint32_t count = 0;
+    in >> src >> dst >> threads >> count;
+    std::atomic<uint32_t> failed{0};
+    std::vector<int> peaks((size_t)threads);
+    std::vector<std::thread> senders;
+    for (int &peak : peaks) {
+        senders.emplace_back([&, peak = &peak] {
+            zeb_msg_t *msg = zeb_msg_alloc(64, 1, 0);
+            for (uint32_t i = 0; i < count; i++) {
+                fill(msg, i);
+                failed += zeb_send(src, dst, msg, 0) != 0 ? 1 : 0;
+                if (i % 32 == 0)
+                    *peak = std::max(*peak, unacknowledged(src));
+            }
+            free(msg);
+        });
+    }
+    for (std::thread &sender : senders)
+        sender.join();
+    return str(failed) + " failed, peak " + str(*std::max_element(peaks.begin(), peaks.end()));
+}
+
 // send SRC DST NODE|all|local LEN COUNT FLAGS [FIRST]
 static int do_send(std::istringstream &in)
 {
@@ -235,6 +281,12 @@ static std::string run_command(const std::string &line)
     }
     if (verb == "send")
         return str(do_send(in));
+    if (verb == "flood")
+        return do_flood(in);
+    if (verb == "unack") {
+        in >> a;
+        return str(unacknowledged(a));
+    }
     if (verb == "rpc")
         return do_rpc(in);
     if (verb == "answer") {
@@ -301,7 +353,10 @@ int main()
     for (char text[512]; fgets(text, sizeof(text), stdin) != nullptr;) {
         line.assign(text, strlen(text) - 1);
         std::string verb = line.substr(0, line.find(' '));
-        say("done " + verb + " " + run_command(line));
+        if (verb == "flood") // in the background: the commands go on
+            std::thread([line] { say("done flood " + run_command(line)); }).detach();
+        else
+            say("done " + verb + " " + run_command(line));
     }
     _exit(0); // at once, whatever the library's threads do
 }
