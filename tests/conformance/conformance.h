@@ -3,6 +3,7 @@
 #define TESTS_CONFORMANCE_CONFORMANCE_H
 
 #include <map>
+#include <set>
 #include <string>
 
 #include "cluster.h"
