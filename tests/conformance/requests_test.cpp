@@ -33,8 +33,6 @@ class requests : public tipc
     }
 };
 
-static const char FOREVER[] = " 0xffffffff ";
-
 TEST_F(requests, a_read_without_an_event_gives_eagain)
 {
     EXPECT_EQ(on(1).ask("event t"), "EAGAIN");
@@ -68,6 +66,16 @@ TEST_F(requests, a_time_out_ends_the_subscription_with_an_event)
     expect_quiet();
 }
 
+TEST_F(requests, one_for_ever_outlives_one_with_a_time_out)
+{
+    request("5 5 0xffffffff 2 forever"); // TIPC_WAIT_FOREVER
+    request("5 5 50 2 short");
+    expect_event("timeout", "short");
+    on(1).open_receiver("r", name(5));
+    expect_event("published", "forever");
+    expect_quiet();
+}
+
 TEST_F(requests, what_exists_is_told_before_the_time_out)
 {
     on(1).open_receiver("r", name(5));
@@ -80,8 +88,9 @@ TEST_F(requests, a_connection_carries_many_subscriptions)
 {
     for (int i = 0; i < 100; i++) {
         std::string instance = std::to_string(i);
-        request(instance + " " + instance + FOREVER + "2 h" + instance);
+        request(instance + " " + instance + " 0xffffffff 2 h" + instance);
     }
+    expect_quiet();
     on(1).ok("open r rdm");
     for (unsigned i : {99U, 0U, 50U})
         on(1).ok("bind r " + name(i) + " 2");

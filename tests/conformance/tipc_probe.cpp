@@ -1,7 +1,8 @@
 // Sockets on a string: a program that makes the system calls which its standard input names, one line each, and answers
 // each with one line, `done VERB RESULT`. A failed call's result is the name of its errno. It judges nothing.
-//   S is a socket's name. ADDR is name:TYPE:INSTANCE[:DOMAIN], range:TYPE:LOWER:UPPER, id:REF:NODE,
-//   raw:FAMILY:ADDRTYPE:A:B:C, or none. A message is known by its number: its first four bytes, and the rest follows.
+//   S is a socket's name. ADDR is an address as probe_text.h writes it, or none.
+#include "probe_text.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -22,101 +23,13 @@
 #include <unistd.h>
 #include <vector>
 
-using words = std::vector<std::string>;
-using bytes = std::vector<unsigned char>;
-
 static std::map<std::string, int> s_sockets;
 static pid_t s_child = -1;
-
-static std::string str(long long value)
-{
-    return std::to_string(value);
-}
-
-static std::string result(ssize_t ret)
-{
-    return ret < 0 ? strerrorname_np(errno) : str(ret);
-}
 
 static int sd_of(const words &w)
 {
     auto it = s_sockets.find(w.size() > 1 ? w[1] : "");
     return it == s_sockets.end() ? -1 : it->second;
-}
-
-// The value of `key=value` among the words.
-static long option(const words &w, const std::string &key, long otherwise)
-{
-    for (const std::string &word : w) {
-        if (word.compare(0, key.size() + 1, key + "=") == 0)
-            return strtol(word.c_str() + key.size() + 1, nullptr, 0);
-    }
-    return otherwise;
-}
-
-static bool has(const words &w, const std::string &word)
-{
-    return std::find(w.begin(), w.end(), word) != w.end();
-}
-
-static uint32_t number(const std::string &word)
-{
-    return (uint32_t)strtoll(word.c_str(), nullptr, 0);
-}
-
-static words split(const std::string &text, char by)
-{
-    words parts;
-    std::istringstream in(text);
-    for (std::string part; std::getline(in, part, by);)
-        parts.push_back(part);
-    return parts;
-}
-
-static struct sockaddr_tipc address(const std::string &text)
-{
-    words p = split(text, ':');
-    p.resize(6, "0");
-    struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    size_t at = 1;
-    if (p[0] == "raw") {
-        addr.family = (unsigned short)number(p[1]);
-        addr.addrtype = (unsigned char)number(p[2]);
-        at = 3;
-    } else {
-        addr.addrtype = p[0] == "name" ? TIPC_ADDR_NAME : p[0] == "range" ? TIPC_ADDR_NAMESEQ : TIPC_ADDR_ID;
-    }
-    // The three kinds of address are up to three numbers in the same place.
-    addr.addr.nameseq.type = number(p[at]);
-    addr.addr.nameseq.lower = number(p[at + 1]);
-    addr.addr.nameseq.upper = number(p[at + 2]);
-    return addr;
-}
-
-static std::string id_text(const struct tipc_portid &id)
-{
-    return "id:" + str(id.ref) + ":" + str(id.node);
-}
-
-static bytes message(uint32_t num, size_t len)
-{
-    bytes data(len);
-    for (size_t i = 0; i < len; i++)
-        data[i] = (unsigned char)(num + i * 7 + (i >> 8));
-    memcpy(data.data(), &num, std::min(len, sizeof(num)));
-    return data;
-}
-
-// What a message, or its beginning, is: its number and whether every byte is right.
-static std::string described(const unsigned char *data, size_t len, const std::string &prefix)
-{
-    uint32_t num = 0;
-    memcpy(&num, data, std::min(len, sizeof(num)));
-    bytes right = message(num, len);
-    bool intact = len == 0 || memcmp(data, right.data(), len) == 0;
-    return " " + prefix + "num=" + str(num) + " " + prefix + "data=" + (intact ? "intact" : "damaged");
 }
 
 static std::string open_socket(const words &w)

@@ -8,6 +8,12 @@ class topology : public tipc
     {
         ASSERT_EQ(on(node).ask(subscribe(lower, upper, filter, handle)), "28");
     }
+    // Of names that do not exist yet. Returns when the service has the request.
+    void watch_for(int node, unsigned lower, unsigned upper, const std::string &filter)
+    {
+        watch(node, lower, upper, filter);
+        expect_quiet(node);
+    }
     void expect_event(int node, const std::string &kind, const std::string &found, const std::string &handle = "watch")
     {
         answer got = on(node).get("event t wait=10000");
@@ -39,8 +45,7 @@ TEST_F(topology, a_new_name_is_told_on_every_node)
 {
     for (int node : {1, 2, 3}) {
         on(node).open_watch("t");
-        watch(node, 1, 9, SERVICE);
-        expect_quiet(node);
+        watch_for(node, 1, 9, SERVICE);
     }
     on(1).open_receiver("r", name(5));
     for (int node : {1, 2, 3})
@@ -71,7 +76,7 @@ TEST_F(topology, a_name_is_withdrawn_when_its_socket_closes)
 {
     for (int node : {1, 2}) {
         on(node).open_watch("t");
-        watch(node, 5, 5, SERVICE);
+        watch_for(node, 5, 5, SERVICE);
     }
     on(1).open_receiver("r", name(5));
     std::string id = on(1).ask("name r");
@@ -90,7 +95,7 @@ TEST_F(topology, a_name_is_withdrawn_when_its_process_is_killed)
 {
     for (int node : {1, 2}) {
         on(node).open_watch("t");
-        watch(node, 5, 5, SERVICE);
+        watch_for(node, 5, 5, SERVICE);
     }
     probe victim(1);
     victim.open_receiver("r", name(5));
@@ -105,7 +110,7 @@ TEST_F(topology, events_come_in_the_order_of_what_happened)
 {
     for (int node : {1, 2}) {
         on(node).open_watch("t");
-        watch(node, 5, 5, SERVICE);
+        watch_for(node, 5, 5, SERVICE);
     }
     for (int round = 0; round < 5; round++) {
         on(1).open_receiver("r", name(5));
@@ -125,7 +130,7 @@ TEST_F(topology, the_service_filter_tells_of_the_first_and_the_last_socket_only)
 {
     for (int node : {1, 2}) {
         on(node).open_watch("t");
-        watch(node, 1, 9, SERVICE);
+        watch_for(node, 1, 9, SERVICE);
     }
     on(1).open_receiver("first", name(5));
     on(1).open_receiver("second", name(5));
@@ -143,7 +148,7 @@ TEST_F(topology, the_service_filter_tells_of_the_first_and_the_last_socket_only)
 TEST_F(topology, the_service_filter_looks_at_all_nodes_together)
 {
     on(3).open_watch("t");
-    watch(3, 1, 9, SERVICE);
+    watch_for(3, 1, 9, SERVICE);
     on(1).open_receiver("r", name(5));
     expect_event(3, "published", "5:5");
     on(2).open_receiver("r", name(5));
@@ -162,7 +167,7 @@ TEST_F(topology, the_ports_filter_tells_of_each_socket)
 {
     for (int node : {1, 2}) {
         on(node).open_watch("t");
-        watch(node, 1, 9, PORTS);
+        watch_for(node, 1, 9, PORTS);
     }
     on(1).open_receiver("first", name(5));
     on(1).open_receiver("second", name(5));
@@ -202,7 +207,7 @@ TEST_F(topology, sockets_that_exist_already_are_told_one_by_one_to_the_ports_fil
 TEST_F(topology, each_name_in_the_asked_range_has_its_own_event)
 {
     on(1).open_watch("t");
-    watch(1, 10, 20, SERVICE);
+    watch_for(1, 10, 20, SERVICE);
     on(1).open_receiver("r", name(9));
     for (unsigned instance : {10U, 15U, 20U, 21U})
         on(1).ok("bind r " + name(instance) + " 2");
@@ -215,7 +220,7 @@ TEST_F(topology, ranges_that_overlap_in_part_are_told_whole)
 {
     for (int node : {1, 2}) {
         on(node).open_watch("t");
-        watch(node, 10, 20, SERVICE);
+        watch_for(node, 10, 20, SERVICE);
     }
     on(1).open_receiver("r", range(1, 9));
     on(1).ok("bind r " + range(30, 40) + " 2");
@@ -232,7 +237,7 @@ TEST_F(topology, node_scope_names_are_told_on_their_own_node_only)
 {
     for (int node : {1, 2}) {
         on(node).open_watch("t");
-        watch(node, 1, 9, SERVICE);
+        watch_for(node, 1, 9, SERVICE);
     }
     on(1).open_receiver("r", name(5), "3");
     on(1).ok("bind r " + name(6) + " 2");
@@ -247,7 +252,7 @@ TEST_F(topology, node_scope_names_are_told_on_their_own_node_only)
 TEST_F(topology, other_types_are_not_told)
 {
     on(1).open_watch("t");
-    watch(1, 0, 0xffffffff, PORTS);
+    watch_for(1, 0, 0xffffffff, PORTS);
     on(1).open_receiver("r", "name:19999:5");
     expect_quiet(1);
 }
@@ -257,7 +262,7 @@ TEST_F(topology, a_subscriber_that_goes_does_not_disturb_others)
     probe other(1);
     on(1).open_watch("t");
     other.open_watch("t");
-    watch(1, 5, 5, SERVICE);
+    watch_for(1, 5, 5, SERVICE);
     EXPECT_EQ(other.ask(subscribe(5, 5, SERVICE)), "28");
     other.kill();
     on(1).open_receiver("r", name(5));
