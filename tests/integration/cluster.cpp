@@ -100,13 +100,14 @@ process::process(int node, const std::string &program, int board) : node_(node)
     EXPECT_EQ(pipe2(to, O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(from, O_CLOEXEC), 0);
     std::string path = program_path(program);
-    std::string name = std::to_string(node);
+    bool simulated = getenv("TIPCSIM_CLUSTER") != nullptr; // there a board is a node like any other
+    std::string name = std::to_string(simulated && board != 0 ? board : node);
     std::string board_name = std::to_string(board);
     pid_ = fork();
     if (pid_ == 0) {
         (void)dup2(to[0], 0);
         (void)dup2(from[1], 1);
-        if (board == 0)
+        if (board == 0 || simulated)
             execl(getenv("LAB"), "lab", "exec", name.c_str(), "--", path.c_str(), (char *)nullptr);
         else
             execl(getenv("LAB"), "lab", "exec", name.c_str(), "--", "unshare", "--mount", "sh", "-c", AS_BOARD, "sh",

@@ -1,5 +1,5 @@
-// How tests start processes on nodes and hurt the cluster. The tests know nothing of what lies below; here it is the
-// lab.
+// How tests start processes on nodes and hurt the cluster. The tests know nothing of what lies below: the lab or the
+// simulator, whichever $LAB is.
 #ifndef TESTS_INTEGRATION_CLUSTER_H
 #define TESTS_INTEGRATION_CLUSTER_H
 

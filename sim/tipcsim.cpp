@@ -1,0 +1,618 @@
+// The launcher: processes of simulated nodes, whole clusters for the length of a command, and what befalls them.
+#include "sim_protocol.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <linux/tipc.h>
+#include <sstream>
+#include <string>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "broker.h"
+
+static const char USAGE[] =
+    R"(tipcsim run --node N [options] -- COMMAND [ARG...]      COMMAND as a process of node N
+  --cluster NAME      which cluster (default "default", or the one that this runs in)
+  --file PATH=TEMPLATE  the node's own file PATH; @NODE@ in TEMPLATE is its id (repeatable)
+tipcsim cluster [options] -- COMMAND [ARG...]           a cluster of its own for the length of COMMAND
+  --nodes N           nodes 1 to N are named in LAB_NODES and get their files (default 1)
+  --rmem BYTES        receive queue of a socket at importance 0 (default 2097152)
+  --tolerance MS      from a cut to the loss of the link (default 1500)
+  --timeout S         ends everything after that long, status 124
+  --file PATH=TEMPLATE
+
+While processes run; NODE and PID are those of the cluster that TIPCSIM_CLUSTER or --cluster names:
+tipcsim exec NODE -- COMMAND [ARG...]                   like run
+tipcsim cut A [B]     tipcsim heal A [B]                the links of A, or the one to B
+tipcsim node-down N   tipcsim node-up N                 a board loses its power, and comes back
+tipcsim kill N        tipcsim stall N      tipcsim resume N
+tipcsim drop-topology [N]                               its topology connections close
+tipcsim delay A B MS                                    what passes between them takes so long; 0 ends it
+tipcsim fail --node N | --pid P  --sends COUNT  --errno E | --short BYTES | --return CODE
+tipcsim broker-stop   tipcsim broker-start              none until it is started again
+tipcsim links | names | wait-links
+tipcsim broker --cluster DIR                            the broker itself; started when it is needed
+)";
+
+typedef std::vector<std::string> words_t;
+
+typedef struct options_s {
+    std::string cluster;
+    std::string node;
+    long nodes = 1;
+    long rmem = SIM_DEFAULT_RMEM;
+    long tolerance = SIM_DEFAULT_TOLERANCE;
+    long timeout = 0;
+    long sends = 1;
+    std::string pid;
+    std::string err;
+    std::string bytes;
+    std::string code;
+    words_t files;
+    words_t words; // what is no option
+    char **command = nullptr;
+} options_t;
+
+static sim_cluster_t s_cluster;
+
+[[noreturn]] static void die(const std::string &text)
+{
+    fprintf(stderr, "tipcsim: %s\n", text.c_str());
+    exit(125);
+}
+
+static long number(const std::string &text, const char *what, long lowest, long highest)
+{
+    char *end = nullptr;
+    errno = 0;
+    long value = strtol(text.c_str(), &end, 0);
+    if (text.empty() || *end != '\0' || errno != 0 || value < lowest || value > highest)
+        die(std::string(what) + " is '" + text + "'; it takes " + std::to_string(lowest) + " to " + std::to_string(highest));
+    return value;
+}
+
+static std::string self()
+{
+    char path[4096] = "";
+    ssize_t len = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    return std::string(path, len > 0 ? (size_t)len : 0);
+}
+
+static std::string preload_library()
+{
+    std::string dir = self();
+    dir.resize(dir.rfind('/'));
+    for (const char *place : {"/libtipcsim.so", "/../lib/tipcsim/libtipcsim.so", "/../lib/libtipcsim.so"}) {
+        if (access((dir + place).c_str(), R_OK) == 0)
+            return dir + place;
+    }
+    die("libtipcsim.so is not beside " + self());
+}
+
+static void make_folders(const std::string &path)
+{
+    for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1))
+        (void)mkdir(path.substr(0, at).c_str(), 0700);
+}
+
+static std::string in_cluster(const std::string &name)
+{
+    return std::string(s_cluster.dir) + "/" + name;
+}
+
+static void open_cluster(const options_t &options, bool create)
+{
+    const char *inherited = getenv("TIPCSIM_CLUSTER");
+    std::string name = !options.cluster.empty() ? options.cluster : inherited != nullptr ? inherited : "default";
+    char dir[SIM_DIR_LEN];
+    const char *why = "";
+    if (!sim_cluster_dir(name.c_str(), dir, sizeof(dir)))
+        die("the folder of cluster " + name + " has a path of more than " + std::to_string(SIM_DIR_LEN - 1) + " bytes");
+    int ret = sim_cluster_open(&s_cluster, dir, create, &why);
+    if (ret == -ENOENT && !create)
+        die("no cluster at " + std::string(dir));
+    if (ret != 0)
+        die("cluster " + std::string(dir) + ": " + why + ": " + strerror(-ret));
+}
+
+static int ask(uint32_t op, uint32_t a, uint32_t b, uint32_t value, bool keep = false)
+{
+    int fd = sim_broker_connect(&s_cluster, self().c_str());
+    if (fd < 0)
+        die("no broker in " + std::string(s_cluster.dir) + ": " + strerror(-fd));
+    sim_request_t request = {SIM_MAGIC, op, 0, a, b, value};
+    int ret = sim_broker_ask(fd, &request, nullptr, 0);
+    if (ret != 0)
+        die(std::string("the broker refuses: ") + strerror(-ret));
+    if (keep)
+        return fd;
+    (void)close(fd);
+    return -1;
+}
+
+// PATH=TEMPLATE of every file that each node has of its own: the cluster's and the caller's.
+static words_t node_files(const options_t &options)
+{
+    words_t files = options.files;
+    std::ifstream in(in_cluster("files"));
+    for (std::string line; std::getline(in, line);)
+        files.push_back(line);
+    auto has = [&files](const std::string &path) {
+        return std::any_of(files.begin(), files.end(), [&](const std::string &f) { return f.rfind(path + "=", 0) == 0; });
+    };
+    for (const char *path : {"/etc/zeb.conf", "/tmp/addr/.zeb_node_addr"}) {
+        if (!has(path))
+            files.push_back(std::string(path) + "=");
+    }
+    return files;
+}
+
+static std::string filled(const std::string &path, const std::string &from, const std::string &node)
+{
+    if (from.empty() && path != "/etc/zeb.conf")
+        return node + "\n";
+    std::ifstream in(from.empty() ? path : from);
+    if (!in && !from.empty())
+        die("cannot read " + from);
+    std::stringstream all;
+    all << in.rdbuf();
+    std::string text = all.str();
+    for (size_t at = 0; (at = text.find("@NODE@", at)) != std::string::npos; at += node.size())
+        text.replace(at, 6, node);
+    return text;
+}
+
+// Once for each node: what its processes change or remove stays so.
+static void make_node_files(const options_t &options, const std::string &node)
+{
+    std::string root = in_cluster("nodes/" + node);
+    make_folders(in_cluster("nodes/"));
+    if (mkdir(root.c_str(), 0700) != 0) {
+        if (errno != EEXIST)
+            die("cannot make " + root + ": " + strerror(errno));
+        return;
+    }
+    for (const std::string &file : node_files(options)) {
+        std::string path = file.substr(0, file.find('='));
+        std::string from = file.substr(file.find('=') + 1);
+        if (from.empty() && path == "/etc/zeb.conf" && access(path.c_str(), R_OK) != 0)
+            continue;
+        make_folders(root + path);
+        std::ofstream out(root + path);
+        out << filled(path, from, node);
+        out.close();
+        if (!out)
+            die("cannot write " + root + path + ": " + strerror(errno));
+    }
+}
+
+// The process's mark in the cluster, held by an inherited descriptor: while it, or a child, lives.
+static void mark_process(const std::string &node)
+{
+    int lock = sim_cluster_lock(s_cluster.dir);
+    std::string path = in_cluster("p." + std::to_string(getpid()));
+    int fd = lock < 0 ? lock : open(path.c_str(), O_RDWR | O_CREAT, 0600);
+    int high = fd < 0 ? fd : fcntl(fd, F_DUPFD, 512);
+    if (high < 0 || flock(high, LOCK_EX | LOCK_NB) != 0 || write(high, node.c_str(), node.size()) < 0)
+        die("cannot write " + path + ": " + strerror(errno));
+    (void)close(fd);
+    (void)close(lock);
+}
+
+static void add_option(const char *name, const std::string &value)
+{
+    const char *old = getenv(name);
+    (void)setenv(name, old == nullptr || *old == '\0' ? value.c_str() : (value + ":" + old).c_str(), 1);
+}
+
+[[noreturn]] static void become(char **command)
+{
+    (void)execvp(command[0], command);
+    fprintf(stderr, "tipcsim: cannot run %s: %s\n", command[0], strerror(errno));
+    _exit(errno == ENOENT ? 127 : 126);
+}
+
+static int run(const options_t &options)
+{
+    if (options.node.empty())
+        die("run needs --node N");
+    if (options.command == nullptr)
+        die("no command (tipcsim help)");
+    std::string node = std::to_string(number(options.node, "--node", 1, 65535));
+    open_cluster(options, true);
+    mark_process(node);
+    make_node_files(options, node);
+    if (sim_node_index(s_cluster.state, (uint32_t)atol(node.c_str())) == SIM_ANY_NODE)
+        die("a cluster has at most " + std::to_string(SIM_MAX_NODES) + " nodes");
+    if (s_cluster.state->held == 0) { // it also tidies up, whether the command ever opens a socket or not
+        int fd = sim_broker_connect(&s_cluster, self().c_str());
+        if (fd < 0)
+            die("no broker in " + std::string(s_cluster.dir) + ": " + strerror(-fd));
+        (void)close(fd);
+    }
+    std::string list;
+    for (const std::string &file : node_files(options))
+        list += (list.empty() ? "" : ":") + file.substr(0, file.find('='));
+    (void)setenv("TIPCSIM_FILES", list.c_str(), 1);
+    (void)setenv("TIPCSIM_CLUSTER", s_cluster.dir, 1);
+    (void)setenv("TIPCSIM_NODE", node.c_str(), 1);
+    (void)setenv("TIPCSIM_TOOL", self().c_str(), 1);
+    add_option("LD_PRELOAD", preload_library());
+    add_option("ASAN_OPTIONS", "verify_asan_link_order=0"); // the sanitizer need not come before us
+    become(options.command);
+}
+
+static int exec_in(options_t options)
+{
+    if (options.words.empty())
+        die("exec needs a node");
+    options.node = options.words[0];
+    return run(options);
+}
+
+typedef struct process_s {
+    pid_t pid;
+    uint32_t node;
+} process_t;
+
+static std::vector<process_t> processes()
+{
+    std::vector<process_t> found;
+    DIR *dir = opendir(s_cluster.dir);
+    for (struct dirent *entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
+        uint32_t node = 0;
+        if (strncmp(entry->d_name, "p.", 2) != 0)
+            continue;
+        std::ifstream(in_cluster(entry->d_name)) >> node;
+        int fd = open(in_cluster(entry->d_name).c_str(), O_RDWR | O_CLOEXEC);
+        if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0) // else it is nobody's any more
+            found.push_back({(pid_t)atol(entry->d_name + 2), node});
+        if (fd >= 0)
+            (void)close(fd);
+    }
+    if (dir != nullptr)
+        (void)closedir(dir);
+    return found;
+}
+
+static void signal_node(uint32_t node, int signal)
+{
+    for (const process_t &process : processes()) {
+        if (process.node == node || node == SIM_ANY_NODE)
+            (void)kill(process.pid, signal);
+    }
+}
+
+static bool holds_a_lock(pid_t pid)
+{
+    if (__atomic_load_n(&s_cluster.state->mutex.holder, __ATOMIC_RELAXED) == pid)
+        return true;
+    DIR *dir = opendir(s_cluster.dir);
+    bool holds = false;
+    for (struct dirent *entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
+        sim_queue_t queue;
+        if (strncmp(entry->d_name, "s.", 2) != 0 ||
+            sim_queue_open(&queue, s_cluster.dir, (uint32_t)atol(entry->d_name + 2)) != 0)
+            continue;
+        holds = holds || __atomic_load_n(&queue.socket->mutex.holder, __ATOMIC_RELAXED) == pid;
+        sim_queue_unmap(&queue);
+    }
+    if (dir != nullptr)
+        (void)closedir(dir);
+    return holds;
+}
+
+static bool stopped(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(in, text);
+    size_t at = text.rfind(')');
+    return at == std::string::npos || (text.size() > at + 2 && text[at + 2] == 'T');
+}
+
+// Stops the node's processes, none of them inside a lock that others need.
+static void stall(uint32_t node)
+{
+    for (const process_t &process : processes()) {
+        if (process.node != node)
+            continue;
+        do {
+            (void)kill(process.pid, SIGCONT);
+            (void)kill(process.pid, SIGSTOP);
+            while (!stopped(process.pid))
+                (void)sched_yield();
+        } while (holds_a_lock(process.pid) && kill(process.pid, 0) == 0);
+    }
+}
+
+static int fail_sends(const options_t &options)
+{
+    sim_fault_t fault = {};
+    fault.left = (int32_t)options.sends;
+    fault.pid = options.pid.empty() ? 0 : (int32_t)number(options.pid, "--pid", 1, 1L << 22);
+    if (fault.pid == 0)
+        fault.node = sim_node_index(s_cluster.state, (uint32_t)number(options.node, "--node", 1, 65535));
+    if (!options.err.empty()) {
+        fault.kind = SIM_FAULT_ERRNO;
+        fault.value = 0;
+        for (int e = 1; e < 134 && fault.value == 0; e++) {
+            const char *name = strerrorname_np(e);
+            fault.value = name != nullptr && options.err == name ? (uint32_t)e : 0;
+        }
+        if (fault.value == 0)
+            fault.value = (uint32_t)number(options.err, "--errno", 1, 133);
+    } else if (!options.bytes.empty()) {
+        fault.kind = SIM_FAULT_SHORT;
+        fault.value = (uint32_t)number(options.bytes, "--short", 0, SIM_MAX_DATA);
+    } else {
+        fault.kind = SIM_FAULT_RETURN;
+        fault.value = (uint32_t)number(options.code, "--return", 1, 15);
+    }
+    sim_state_t *state = s_cluster.state;
+    sim_guard_s guard(&state->mutex);
+    uint32_t at = 0;
+    while (at < state->fault_num && state->faults[at].left > 0)
+        at++;
+    if (at == SIM_MAX_FAULTS)
+        die("too many faults at once");
+    state->faults[at] = fault;
+    if (at == state->fault_num)
+        __atomic_store_n(&state->fault_num, at + 1, __ATOMIC_RELAXED);
+    return 0;
+}
+
+static int broker_stop()
+{
+    pid_t pid = 0;
+    std::ifstream(in_cluster("broker.pid")) >> pid;
+    s_cluster.state->held = 1;
+    if (pid <= 0 || kill(pid, SIGKILL) != 0)
+        die("no broker to stop");
+    while (kill(pid, 0) == 0)
+        (void)usleep(1000);
+    return 0;
+}
+
+static int broker_start()
+{
+    s_cluster.state->held = 0;
+    int fd = sim_broker_connect(&s_cluster, self().c_str());
+    if (fd < 0)
+        die("the broker does not start: " + std::string(strerror(-fd)));
+    (void)close(fd);
+    return 0;
+}
+
+static int show_names()
+{
+    const sim_state_t *state = s_cluster.state;
+    for (uint32_t i = 0; i < state->name_num; i++) {
+        const sim_name_t &name = state->names[i];
+        printf("%u %u-%u %s node %u socket %u\n", name.type, name.lower, name.upper,
+               name.scope == TIPC_NODE_SCOPE ? "node" : "cluster", state->nodes[name.node], name.port);
+    }
+    return 0;
+}
+
+static int show_links()
+{
+    const sim_state_t *state = s_cluster.state;
+    for (uint32_t a = 0; a < state->node_num; a++) {
+        for (uint32_t b = a + 1; b < state->node_num; b++)
+            printf("%u-%u: %s\n", state->nodes[a], state->nodes[b],
+                   sim_linked(state->down, a, b) ? (sim_linked(state->cut, a, b) ? "up" : "cut") : "down");
+    }
+    return 0;
+}
+
+static pid_t s_command;
+static volatile sig_atomic_t s_late;
+
+static void on_alarm(int /*signal*/)
+{
+    s_late = 1;
+    (void)kill(s_command, SIGKILL);
+}
+
+static void pass_on(int signal)
+{
+    (void)kill(s_command, signal);
+}
+
+static int command_status(int status)
+{
+    if (s_late != 0) {
+        fprintf(stderr, "tipcsim: time limit\n");
+        return 124;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+static void wait_for_removal()
+{
+    for (int tries = 0; tries < 5000 && access(s_cluster.dir, F_OK) == 0; tries++)
+        (void)usleep(1000);
+    if (access(s_cluster.dir, F_OK) == 0)
+        fprintf(stderr, "tipcsim: %s is still in use\n", s_cluster.dir);
+}
+
+static int cluster(options_t options)
+{
+    if (options.command == nullptr)
+        die("no command (tipcsim help)");
+    options.cluster = std::to_string(getpid()) + "-" + std::to_string(time(nullptr));
+    open_cluster(options, true);
+    s_cluster.state->rmem = (uint32_t)options.rmem;
+    s_cluster.state->tolerance = (uint32_t)options.tolerance;
+    std::ofstream list(in_cluster("files"));
+    for (const std::string &file : options.files)
+        list << file << "\n";
+    list.close();
+    if (!list)
+        die("cannot write " + in_cluster("files"));
+    int keep = ask(SIM_KEEP, 0, 0, 0, true);
+    std::string nodes;
+    for (long node = 1; node <= options.nodes; node++) {
+        nodes += (nodes.empty() ? "" : " ") + std::to_string(node);
+        make_node_files(options, std::to_string(node));
+        (void)sim_node_index(s_cluster.state, (uint32_t)node);
+    }
+    (void)setenv("TIPCSIM_CLUSTER", s_cluster.dir, 1);
+    (void)setenv("LAB", self().c_str(), 1);
+    (void)setenv("LAB_RUN", s_cluster.dir, 1);
+    (void)setenv("LAB_NODES", nodes.c_str(), 1);
+    s_command = fork();
+    if (s_command == 0) {
+        (void)close(keep);
+        become(options.command);
+    }
+    (void)signal(SIGALRM, on_alarm);
+    (void)signal(SIGTERM, pass_on);
+    (void)signal(SIGINT, pass_on);
+    (void)alarm((unsigned)options.timeout);
+    int status = 0;
+    while (waitpid(s_command, &status, 0) < 0 && errno == EINTR)
+        continue;
+    signal_node(SIM_ANY_NODE, SIGKILL);
+    s_cluster.state->held = 0;
+    (void)ask(SIM_KEEP, 0, 0, 0); // there must be one to tidy up
+    (void)close(keep);
+    wait_for_removal();
+    return command_status(status);
+}
+
+static options_t parse(int argc, char **argv)
+{
+    options_t options;
+    for (int i = 2; i < argc; i++) {
+        std::string word = argv[i];
+        if (word == "--") {
+            options.command = argv[i + 1] != nullptr ? argv + i + 1 : nullptr;
+            return options;
+        }
+        if (word.rfind("--", 0) != 0) {
+            options.words.push_back(word);
+            continue;
+        }
+        if (++i == argc)
+            die(word + " needs a value");
+        std::string value = argv[i];
+        if (word == "--cluster")
+            options.cluster = value;
+        else if (word == "--node")
+            options.node = value;
+        else if (word == "--nodes")
+            options.nodes = number(value, "--nodes", 1, SIM_MAX_NODES);
+        else if (word == "--rmem")
+            options.rmem = number(value, "--rmem", 4096, 1L << 28);
+        else if (word == "--tolerance")
+            options.tolerance = number(value, "--tolerance", 0, 30000);
+        else if (word == "--timeout")
+            options.timeout = number(value, "--timeout", 1, 1000000);
+        else if (word == "--sends")
+            options.sends = number(value, "--sends", 1, 1000000);
+        else if (word == "--pid")
+            options.pid = value;
+        else if (word == "--errno")
+            options.err = value;
+        else if (word == "--short")
+            options.bytes = value;
+        else if (word == "--return")
+            options.code = value;
+        else if (word == "--file") {
+            char *whole = realpath(value.substr(value.find('=') + 1).c_str(), nullptr);
+            if (value[0] != '/' || value.find('=') == std::string::npos || whole == nullptr)
+                die("--file takes PATH=TEMPLATE, PATH absolute and TEMPLATE readable, not '" + value + "'");
+            options.files.push_back(value.substr(0, value.find('=') + 1) + whole);
+            free(whole);
+        } else
+            die("unknown option '" + word + "' (tipcsim help)");
+    }
+    return options;
+}
+
+static uint32_t node_word(const options_t &options, size_t index)
+{
+    if (options.words.size() <= index)
+        die("a node is missing (tipcsim help)");
+    return (uint32_t)number(options.words[index], "a node", 1, 65535);
+}
+
+static uint32_t other_node(const options_t &options)
+{
+    return options.words.size() > 1 ? node_word(options, 1) : SIM_ANY_NODE;
+}
+
+static int command(const std::string &verb, const options_t &options)
+{
+    open_cluster(options, false);
+    if (verb == "cut" || verb == "heal") {
+        (void)ask(verb == "cut" ? SIM_CUT : SIM_HEAL, node_word(options, 0), other_node(options), 0);
+    } else if (verb == "node-down") {
+        (void)ask(SIM_CUT, node_word(options, 0), SIM_ANY_NODE, 1);
+        signal_node(node_word(options, 0), SIGKILL);
+    } else if (verb == "node-up") {
+        (void)ask(SIM_HEAL, node_word(options, 0), SIM_ANY_NODE, 0);
+    } else if (verb == "kill") {
+        signal_node(node_word(options, 0), SIGKILL);
+    } else if (verb == "stall") {
+        stall(node_word(options, 0));
+    } else if (verb == "resume") {
+        signal_node(node_word(options, 0), SIGCONT);
+    } else if (verb == "drop-topology") {
+        (void)ask(SIM_DROP, options.words.empty() ? SIM_ANY_NODE : node_word(options, 0), 0, 0);
+    } else if (verb == "delay") {
+        if (options.words.size() != 3)
+            die("delay takes A B MS");
+        (void)ask(SIM_DELAY, node_word(options, 0), node_word(options, 1),
+                  (uint32_t)number(options.words[2], "the delay", 0, 3600000));
+    } else if (verb == "fail") {
+        return fail_sends(options);
+    } else if (verb == "broker-stop") {
+        return broker_stop();
+    } else if (verb == "broker-start") {
+        return broker_start();
+    } else if (verb == "names") {
+        return show_names();
+    } else if (verb == "links") {
+        return show_links();
+    } else if (verb != "wait-links") { // a healed link is up at once
+        fputs(USAGE, stderr);
+        return 2;
+    }
+    return 0;
+}
+
+int main(int argc, char **argv)
+{
+    std::string verb = argc > 1 ? argv[1] : "help";
+    if (verb == "help" || verb == "--help" || verb == "-h") {
+        fputs(USAGE, stdout);
+        return 0;
+    }
+    options_t options = parse(argc, argv);
+    if (verb == "run")
+        return run(options);
+    if (verb == "exec")
+        return exec_in(options);
+    if (verb == "cluster")
+        return cluster(options);
+    if (verb == "broker")
+        return broker_main(options.cluster.c_str());
+    return command(verb, options);
+}
