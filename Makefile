@@ -6,7 +6,7 @@ export ZEB_BUILD := $(CURDIR)/$(BUILD)
 export ZEB_TEST_RESULTS := $(CURDIR)/build/results
 JOBS ?= $(shell nproc)
 
-.PHONY: help setup build demo check lint unit asan tsan integration install clean
+.PHONY: help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
 
 help: ## this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -21,6 +21,9 @@ build: setup ## configure and build everything (PRESET=release, debug, asan or t
 
 demo: build ## three nodes, two servers and a client, and what they say to each other
 	@examples/demo/run
+
+demo-lab: build ## the same on a real kernel, in the lab
+	@examples/demo/run lab
 
 check: setup ## everything that must be green: build, lint, all tests; ends with "N passed, M failed"
 	@scripts/check
@@ -38,7 +41,14 @@ tsan: ## unit tests under ThreadSanitizer
 	@$(MAKE) --no-print-directory unit PRESET=tsan
 
 integration: build ## real processes on real kernel TIPC, in the lab
-	@tests/integration/run
+	@tests/integration/run lab
+
+integration-sim: build ## the same on the simulator (PRESET=release, asan or tsan)
+	@tests/integration/run sim
+
+conformance: build ## how TIPC behaves, on plain sockets: the simulator and the kernel give the same answers
+	@tests/conformance/run sim
+	@tests/conformance/run lab
 
 install: build ## install below DESTDIR and the prefix that CMake was configured with
 	@cmake --install $(BUILD)

@@ -23,7 +23,7 @@
 
 broker_t g_broker;
 
-constexpr int64_t LOOK_MS = 200; // how often what cannot be waited for is looked at
+constexpr int64_t LOOK_MS = 200;          // how often what cannot be waited for is looked at
 constexpr int64_t FIRST_CLIENT_MS = 5000; // who started it comes at once
 constexpr int EVENTS = 64;
 
@@ -84,7 +84,8 @@ static void bury(uint32_t port)
     sim_queue_remove(g_broker.cluster.dir, port);
 }
 
-template <typename which_t> static void bury_abandoned(which_t which)
+template <typename which_t>
+static void bury_abandoned(which_t which)
 {
     for (auto it = g_broker.members.begin(); it != g_broker.members.end();) {
         uint32_t port = it->first;
@@ -100,7 +101,8 @@ template <typename which_t> static void bury_abandoned(which_t which)
 
 static void owner_ended(int fd)
 {
-    auto it = std::find_if(g_broker.owners.begin(), g_broker.owners.end(), [fd](const auto &o) { return o.second == fd; });
+    auto it =
+        std::find_if(g_broker.owners.begin(), g_broker.owners.end(), [fd](const auto &o) { return o.second == fd; });
     if (it == g_broker.owners.end())
         return;
     int32_t pid = it->first;
@@ -354,7 +356,8 @@ static void welcome()
     watch(fd);
 }
 
-template <typename take_t> static void each_file(const char *prefix, take_t take)
+template <typename take_t>
+static void each_file(const char *prefix, take_t take)
 {
     std::vector<std::string> names;
     DIR *dir = opendir(g_broker.cluster.dir);
@@ -522,6 +525,7 @@ static void go_to_background()
 
 int broker_main(const char *dir)
 {
+    (void)syscall(SYS_close_range, 3, UINT_MAX, 0); // what the one that started it left open, its mark among them
     const char *why = "";
     int ret = sim_cluster_open(&g_broker.cluster, dir, true, &why);
     if (ret != 0) {

@@ -1,5 +1,5 @@
-// The broker of a cluster: keeps the name table, serves the topology service, notices ends. One thread, no locks of its own
-// but those of what is shared.
+// The broker of a cluster: keeps the name table, serves the topology service, notices ends. One thread, no locks of its
+// own but those of what is shared.
 #ifndef SIM_BROKER_H
 #define SIM_BROKER_H
 
@@ -46,13 +46,13 @@ typedef struct broker_s {
     int epoll;
     int listener;
     int bell;
-    std::map<int, conn_t> conns;       // by descriptor
+    std::map<int, conn_t> conns;          // by descriptor
     std::map<uint32_t, member_t> members; // by port
     std::map<int32_t, int> owners;        // process id to pidfd
     std::multimap<int64_t, delayed_t> delayed;
     std::multimap<int64_t, std::pair<uint32_t, uint32_t>> breaking; // links that were cut and are not missed yet
-    int64_t awaited;   // ms: until then the first client is waited for
-    int64_t next_look; // ms: at sockets whose maker has ended
+    int64_t awaited;                                                // ms: until then the first client is waited for
+    int64_t next_look;                                              // ms: at sockets whose maker has ended
 } broker_t;
 
 extern broker_t g_broker;

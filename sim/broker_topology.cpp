@@ -1,5 +1,5 @@
-// The topology service: subscriptions of every connection against the name table. A node sees its own names and those of
-// cluster scope on nodes that it is linked with.
+// The topology service: subscriptions of every connection against the name table. A node sees its own names and those
+// of cluster scope on nodes that it is linked with.
 #include "broker.h"
 
 #include <algorithm>
@@ -113,7 +113,8 @@ void topology_remove(uint32_t port, uint32_t id)
     {
         sim_guard_s guard(&state->mutex);
         sim_name_t *end = state->names + state->name_num;
-        sim_name_t *at = std::find_if(state->names, end, [&](const sim_name_t &n) { return n.port == port && n.id == id; });
+        sim_name_t *at =
+            std::find_if(state->names, end, [&](const sim_name_t &n) { return n.port == port && n.id == id; });
         if (at == end)
             return;
         name = *at;
@@ -136,7 +137,8 @@ static void tell_of_links(conn_t *conn, const sim_matrix_t before)
             bool is = visible(name, conn->node, state->down);
             if (was == is || !overlaps(subscription.request, name))
                 continue;
-            bool others = std::any_of(told.begin(), told.end(), [&](const sim_name_t *t) { return same_range(*t, name); });
+            bool others =
+                std::any_of(told.begin(), told.end(), [&](const sim_name_t *t) { return same_range(*t, name); });
             for (uint32_t j = 0; j < state->name_num && !others; j++)
                 others = same_range(state->names[j], name) && visible(state->names[j], conn->node, before) &&
                          visible(state->names[j], conn->node, state->down);

@@ -1,5 +1,5 @@
-// The C library's calls, as the application finds them: what concerns a TIPC socket goes to the simulator, the rest on to
-// the next one in line. And files of which each node has its own.
+// The C library's calls, as the application finds them: what concerns a TIPC socket goes to the simulator, the rest on
+// to the next one in line. And files of which each node has its own.
 #include "preload.h"
 #include "sim_sys.h"
 
@@ -18,13 +18,15 @@
 #define NEXT(name)                                                                                                     \
     static decltype(&::name) s_next_##name;                                                                            \
     if (s_next_##name == nullptr)                                                                                      \
-        s_next_##name = (decltype(&::name))dlsym(RTLD_NEXT, #name)
+    s_next_##name = (decltype(&::name))dlsym(RTLD_NEXT, #name)
 #define CALL(name) s_next_##name
 
 namespace
 {
 struct held_s { // an entry of the table for the length of a call
-    explicit held_s(int fd) : entry(preload_get(fd)) {}
+    explicit held_s(int fd) : entry(preload_get(fd))
+    {
+    }
     ~held_s()
     {
         if (entry != nullptr)
@@ -36,7 +38,8 @@ struct held_s { // an entry of the table for the length of a call
 };
 
 struct one_message_s { // the arguments of the simpler calls as those of the general one
-    one_message_s(const void *data, size_t size, const void *addr, socklen_t len) : part{const_cast<void *>(data), size}, msg{}
+    one_message_s(const void *data, size_t size, const void *addr, socklen_t len)
+        : part{const_cast<void *>(data), size}, msg{}
     {
         msg.msg_iov = &part;
         msg.msg_iovlen = 1;

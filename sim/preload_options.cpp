@@ -1,4 +1,5 @@
-// Socket options of simulated TIPC sockets. What is the descriptor's own business (time-outs and the like) goes on to it.
+// Socket options of simulated TIPC sockets. What is the descriptor's own business (time-outs and the like) goes on to
+// it.
 #include "preload.h"
 
 #include <cerrno>

@@ -64,7 +64,8 @@ __attribute__((constructor)) static void prepare_forks()
 
 bool preload_hidden(int fd)
 {
-    return fd >= 0 && (fd == __atomic_load_n(&s_broker, __ATOMIC_RELAXED) || fd == __atomic_load_n(&s_bell, __ATOMIC_RELAXED));
+    return fd >= 0 &&
+           (fd == __atomic_load_n(&s_broker, __ATOMIC_RELAXED) || fd == __atomic_load_n(&s_bell, __ATOMIC_RELAXED));
 }
 
 int preload_hide(int fd)
@@ -111,7 +112,8 @@ static bool matches(const sim_state_t *state, const sim_name_t *name, uint32_t t
     return name->scope != TIPC_NODE_SCOPE && sim_linked(state->down, me, name->node);
 }
 
-// Under s_names_mutex. The sockets on a name, newest first; of ranges that overlap the one with the lowest bound counts.
+// Under s_names_mutex. The sockets on a name, newest first; of ranges that overlap the one with the lowest bound
+// counts.
 static void look_up(known_name_t *known, uint32_t type, uint32_t instance, uint32_t node)
 {
     sim_state_t *state = preload_cluster()->state;
@@ -219,7 +221,8 @@ uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, c
     sim_cluster_t *cluster = preload_cluster();
     if (!sim_linked(cluster->state->cut, preload_node(), target->node))
         return TIPC_OK; // on the wire, and lost there
-    if (__atomic_load_n(&cluster->state->delay_num, __ATOMIC_RELAXED) != 0 && delivered_later(target, record, data, num))
+    if (__atomic_load_n(&cluster->state->delay_num, __ATOMIC_RELAXED) != 0 &&
+        delivered_later(target, record, data, num))
         return TIPC_OK;
     sim_queue_t *peer = get_peer(target->port);
     if (peer == nullptr)
@@ -229,7 +232,8 @@ uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, c
     return err;
 }
 
-void preload_give_back(const sim_record_t *record, const uint8_t *data, uint32_t err, uint32_t by_port, uint32_t by_node)
+void preload_give_back(const sim_record_t *record, const uint8_t *data, uint32_t err, uint32_t by_port,
+                       uint32_t by_node)
 {
     sim_cluster_t *cluster = preload_cluster();
     if (record->err != TIPC_OK || !sim_linked(cluster->state->cut, preload_node(), record->src_index))

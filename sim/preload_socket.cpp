@@ -1,5 +1,5 @@
-// TIPC sockets as the kernel makes them behave, on queues in shared memory. Each call is entered by whatever thread of the
-// application makes it.
+// TIPC sockets as the kernel makes them behave, on queues in shared memory. Each call is entered by whatever thread of
+// the application makes it.
 #include "preload.h"
 #include "sim_protocol.h"
 #include "sim_sys.h"
@@ -220,8 +220,9 @@ int preload_socket(int type)
     if (entry == nullptr)
         return fail(ENOMEM);
     entry->kind = kind == SOCK_RDM ? PRELOAD_RDM : PRELOAD_TOPOLOGY;
-    int fd = kind == SOCK_RDM ? open_rdm(cluster, entry, flags & SOCK_NONBLOCK)
-                              : (int)syscall(SYS_socket, AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (flags & SOCK_NONBLOCK), 0);
+    int fd = kind == SOCK_RDM
+                 ? open_rdm(cluster, entry, flags & SOCK_NONBLOCK)
+                 : (int)syscall(SYS_socket, AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (flags & SOCK_NONBLOCK), 0);
     if (fd < 0) {
         int err = kind == SOCK_RDM ? -fd : errno;
         preload_complain("cannot make a socket in %s: %s", cluster->dir, strerror(err));
@@ -317,7 +318,8 @@ int preload_connect(int fd, preload_socket_t *entry, const struct sockaddr *gene
         addr->addr.name.name.type != TIPC_TOP_SRV &&
         !preload_lookup(addr->addr.name.name.type, addr->addr.name.name.instance, SIM_ANY_NODE, &found))
         return fail(EHOSTUNREACH);
-    if (entry->kind != PRELOAD_TOPOLOGY || addr->addrtype != TIPC_SERVICE_ADDR || addr->addr.name.name.type != TIPC_TOP_SRV)
+    if (entry->kind != PRELOAD_TOPOLOGY || addr->addrtype != TIPC_SERVICE_ADDR ||
+        addr->addr.name.name.type != TIPC_TOP_SRV)
         return preload_refuse("connect to anything but the topology service");
     if (entry->connected)
         return fail(EISCONN);
@@ -346,7 +348,8 @@ static bool whole(const struct msghdr *msg, size_t *len)
     return *len <= SIM_MAX_DATA;
 }
 
-static void refuse_message(const sim_record_t *record, const struct msghdr *msg, uint32_t err, const preload_target_t *by)
+static void refuse_message(const sim_record_t *record, const struct msghdr *msg, uint32_t err,
+                           const preload_target_t *by)
 {
     uint8_t start[SIM_MAX_RETURNED];
     size_t at = 0;

@@ -1,5 +1,5 @@
-// The shared folder and state of a cluster. Entered by processes under the preload library, the broker and the launcher;
-// no C++ runtime is needed.
+// The shared folder and state of a cluster. Entered by processes under the preload library, the broker and the
+// launcher; no C++ runtime is needed.
 #include "sim_cluster.h"
 #include "sim_sys.h"
 

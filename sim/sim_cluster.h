@@ -1,6 +1,6 @@
 // What the processes of one simulated cluster share: a folder, and in it a file that all map. The name table in it is
-// written by the broker alone and read by every sender, so that datagrams go on when there is no broker. Locks in shared
-// memory are robust: a process killed inside one leaves it to the next.
+// written by the broker alone and read by every sender, so that datagrams go on when there is no broker. Locks in
+// shared memory are robust: a process killed inside one leaves it to the next.
 #ifndef SIM_CLUSTER_H
 #define SIM_CLUSTER_H
 
@@ -14,7 +14,7 @@ constexpr uint32_t SIM_MAX_NODES = 1024;
 constexpr uint32_t SIM_MAX_NAMES = 16384;
 constexpr uint32_t SIM_MAX_FAULTS = 64;
 constexpr uint32_t SIM_MAX_DELAYS = 64;
-constexpr uint32_t SIM_DEFAULT_RMEM = 2097152; // bytes, the kernel's
+constexpr uint32_t SIM_DEFAULT_RMEM = 2097152;   // bytes, the kernel's
 constexpr uint32_t SIM_DEFAULT_TOLERANCE = 1500; // ms, the kernel's
 constexpr uint32_t SIM_ANY_NODE = UINT32_MAX;
 constexpr size_t SIM_PATH_LEN = 256;
@@ -30,7 +30,9 @@ bool sim_mutex_lock(sim_mutex_t *mutex); // true when its last holder died in it
 void sim_mutex_unlock(sim_mutex_t *mutex);
 
 struct sim_guard_s { // scoped lock
-    explicit sim_guard_s(sim_mutex_t *lock) : mutex(lock), orphaned(sim_mutex_lock(lock)) {}
+    explicit sim_guard_s(sim_mutex_t *lock) : mutex(lock), orphaned(sim_mutex_lock(lock))
+    {
+    }
     ~sim_guard_s()
     {
         sim_mutex_unlock(mutex);
@@ -62,7 +64,7 @@ typedef struct sim_fault_s { // what befalls the next sends of a process or of a
 } sim_fault_t;
 
 typedef struct sim_delay_s { // both ways
-    uint32_t a; // node indices; SIM_ANY_NODE for all
+    uint32_t a;              // node indices; SIM_ANY_NODE for all
     uint32_t b;
     uint32_t ms;
 } sim_delay_t;
@@ -96,7 +98,8 @@ typedef struct sim_cluster_s {
     sim_state_t *state;
 } sim_cluster_t;
 
-// Opens the cluster in `dir`, made when it is not there yet (`create`). 0 or a negative errno; `why` says which step failed.
+// Opens the cluster in `dir`, made when it is not there yet (`create`). 0 or a negative errno; `why` says which step
+// failed.
 int sim_cluster_open(sim_cluster_t *cluster, const char *dir, bool create, const char **why);
 void sim_cluster_close(sim_cluster_t *cluster);
 // The lock that makes joining a cluster and its removal exclude each other. A descriptor, or a negative errno.
@@ -108,7 +111,7 @@ bool sim_cluster_dir(const char *name, char *dir, size_t size);
 
 uint32_t sim_node_index(sim_state_t *state, uint32_t node); // found or made; SIM_ANY_NODE when there are too many
 bool sim_linked(const sim_matrix_t broken, uint32_t a, uint32_t b);
-void sim_break(sim_matrix_t broken, uint32_t a, uint32_t b, bool on); // `b` may be SIM_ANY_NODE
+void sim_break(sim_matrix_t broken, uint32_t a, uint32_t b, bool on);    // `b` may be SIM_ANY_NODE
 uint32_t sim_delay_of(const sim_state_t *state, uint32_t a, uint32_t b); // ms
 
 // The node's own copy of a path: DIR/nodes/NODE/PATH.

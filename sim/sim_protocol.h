@@ -1,5 +1,6 @@
 // What processes, the launcher and the broker say to each other, over Unix SOCK_SEQPACKET at "broker" in the cluster's
-// folder: one request, one reply. After SIM_TOPOLOGY the connection is one to the topology service and carries its records.
+// folder: one request, one reply. After SIM_TOPOLOGY the connection is one to the topology service and carries its
+// records.
 #ifndef SIM_PROTOCOL_H
 #define SIM_PROTOCOL_H
 

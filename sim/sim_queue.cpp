@@ -1,6 +1,6 @@
-// The queue in a simulated socket's file. Entered by its owner, by every sender and by the broker, each through a mapping of
-// its own; a process killed at any step leaves a queue that the next one finds whole: `tail` and `head` move last, and
-// the counts are made anew from them.
+// The queue in a simulated socket's file. Entered by its owner, by every sender and by the broker, each through a
+// mapping of its own; a process killed at any step leaves a queue that the next one finds whole: `tail` and `head` move
+// last, and the counts are made anew from them.
 #include "sim_queue.h"
 #include "sim_sys.h"
 
@@ -307,7 +307,8 @@ static void copy_out(const uint8_t *from, size_t len, const struct iovec *data, 
     }
 }
 
-int sim_queue_get(sim_queue_t *queue, int doorbell, bool peek, sim_record_t *record, const struct iovec *data, size_t num)
+int sim_queue_get(sim_queue_t *queue, int doorbell, bool peek, sim_record_t *record, const struct iovec *data,
+                  size_t num)
 {
     sim_socket_t *socket = queue->socket;
     queue_guard_s guard(queue);

@@ -81,7 +81,8 @@ static long number(const std::string &text, const char *what, long lowest, long 
     errno = 0;
     long value = strtol(text.c_str(), &end, 0);
     if (text.empty() || *end != '\0' || errno != 0 || value < lowest || value > highest)
-        die(std::string(what) + " is '" + text + "'; it takes " + std::to_string(lowest) + " to " + std::to_string(highest));
+        die(std::string(what) + " is '" + text + "'; it takes " + std::to_string(lowest) + " to " +
+            std::to_string(highest));
     return value;
 }
 
@@ -152,7 +153,8 @@ static words_t node_files(const options_t &options)
     for (std::string line; std::getline(in, line);)
         files.push_back(line);
     auto has = [&files](const std::string &path) {
-        return std::any_of(files.begin(), files.end(), [&](const std::string &f) { return f.rfind(path + "=", 0) == 0; });
+        return std::any_of(files.begin(), files.end(),
+                           [&](const std::string &f) { return f.rfind(path + "=", 0) == 0; });
     };
     for (const char *path : {"/etc/zeb.conf", "/tmp/addr/.zeb_node_addr"}) {
         if (!has(path))

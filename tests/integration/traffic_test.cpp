@@ -118,8 +118,7 @@ static void run_load(const std::string &base, int num, load_t *load)
         receiver.wait("join " + target + " " + app + "/");
     }
     for (int i = 0; i < 4; i++)
-        senders[(size_t)i]->tell("flood " + std::to_string(first + 1 + i) + " " + target + " 1 " +
-                                 std::to_string(num));
+        senders[(size_t)i]->tell("flood " + std::to_string(first + 1 + i) + " " + target + " 1 " + std::to_string(num));
     for (auto &sender : senders) {
         std::string result = sender->wait("done flood", 600);
         EXPECT_EQ(result.substr(0, result.find(',')), "done flood 0 failed");

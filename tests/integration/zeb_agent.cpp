@@ -21,12 +21,13 @@ typedef struct from_s { // what came from one sender
     uint32_t bad;  // out of order, twice or damaged
 } from_t;
 
+static std::mutex s_print_mutex; // guards the print buffer, which is one for the process
 static std::mutex s_mutex;
 static std::map<std::string, from_t> s_from;
 static std::string s_answer = "echo";
 static std::atomic<bool> s_quiet{false};
 static std::atomic<unsigned> s_slow{0}; // microseconds per message
-static zeb_msg_t *s_kept;               // a request to be answered late
+static std::atomic<zeb_msg_t *> s_kept; // a request to be answered late
 
 static void say(const std::string &line)
 {
@@ -139,8 +140,7 @@ static int do_register(std::istringstream &in)
 // The highest unacknowledged count that the flow control listing shows of an application's pairs.
 static int unacknowledged(uint32_t app)
 {
-    static std::mutex print_mutex; // the print buffer is one for the process
-    std::lock_guard<std::mutex> lock(print_mutex);
+    std::lock_guard<std::mutex> lock(s_print_mutex);
     zeb_buf_printf_reset();
     zeb_cli_print_fc_stat(app);
     int highest = 0;
@@ -326,6 +326,7 @@ static std::string run_command(const std::string &line)
     }
     if (verb == "fc") {
         in >> a;
+        std::lock_guard<std::mutex> lock(s_print_mutex);
         zeb_buf_printf_reset();
         zeb_cli_print_fc_stat(a);
         print_text();

@@ -1,0 +1,128 @@
+// What only the simulator can do to processes: its broker stopped, topology connections dropped, sends that fail, are
+// short or come back, slow links, stalled nodes.
+#include "cluster.h"
+
+using cluster::process;
+
+class simulator : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        cluster::reset();
+    }
+
+    static void order(const std::string &words)
+    {
+        std::string command = std::string(getenv("LAB")) + " " + words;
+        ASSERT_EQ(system(command.c_str()), 0) << command;
+    }
+
+    static void start(process &agent, const std::string &app, const std::string &peer)
+    {
+        ASSERT_EQ(agent.ask("register " + app + " thread 1"), "0");
+        ASSERT_EQ(agent.ask("comm " + app + " " + peer), "0");
+        ASSERT_EQ(agent.ask("run"), "0");
+    }
+};
+
+TEST_F(simulator, messages_go_on_without_a_broker_and_joins_with_the_next_one)
+{
+    process one(1, "zeb_agent");
+    process two(2, "zeb_agent");
+    start(one, "600", "601");
+    start(two, "601", "600");
+    one.wait("join 600 601/2");
+    two.wait("join 601 600/1");
+    order("broker-stop");
+    EXPECT_EQ(one.ask("send 600 601 all 100 10 0"), "0");
+    for (int i = 0; i < 10; i++)
+        two.wait("msg 601 600/1 len 100 ver 1 intact");
+    EXPECT_EQ(one.ask("rpc 600 601 all 10 1"), "0 2:0");
+    order("broker-start");
+    process three(3, "zeb_agent");
+    start(three, "601", "600");
+    one.wait("join 600 601/3");
+    EXPECT_EQ(one.ask("rpc 600 601 3 10 1"), "0 3:0");
+}
+
+TEST_F(simulator, a_dropped_topology_connection_is_opened_again_and_all_is_subscribed_to_anew)
+{
+    process one(1, "zeb_agent");
+    process two(2, "zeb_agent");
+    start(one, "610", "611");
+    start(two, "611", "610");
+    one.wait("join 610 611/2");
+    two.wait("join 611 610/1");
+    order("drop-topology 1");
+    one.wait("ZEB recv subscription event failed");
+    one.wait("quit 610 611/2"); // published once more on the new connection, so it is synchronised with anew
+    EXPECT_FALSE(two.saw("quit 611")) << "the other side's connection stayed";
+}
+
+TEST_F(simulator, a_send_that_fails_or_is_short_is_an_error_of_that_call_alone)
+{
+    process one(1, "zeb_agent");
+    process two(2, "zeb_agent");
+    start(one, "620", "621");
+    start(two, "621", "620");
+    one.wait("join 620 621/2");
+    two.wait("join 621 620/1");
+    order("fail --node 1 --sends 1 --errno EPIPE");
+    EXPECT_NE(one.ask("send 620 621 all 10 1 0"), "0");
+    order("fail --node 1 --sends 1 --short 5");
+    EXPECT_NE(one.ask("send 620 621 all 11 1 0"), "0");
+    EXPECT_EQ(one.ask("send 620 621 all 12 1 0"), "0");
+    two.wait("msg 621 620/1 len 12");
+    EXPECT_FALSE(two.saw("len 10") || two.saw("len 11"));
+}
+
+TEST_F(simulator, a_message_that_comes_back_shows_in_the_return_count)
+{
+    process one(1, "zeb_agent");
+    process two(2, "zeb_agent");
+    start(one, "630", "631");
+    start(two, "631", "630");
+    one.wait("join 630 631/2");
+    two.wait("join 631 630/1");
+    order("fail --node 1 --sends 3 --return 4");
+    EXPECT_EQ(one.ask("send 630 631 all 10 3 0"), "0");
+    std::string line;
+    for (int tries = 0; tries < 100 && line.find("return 3") == std::string::npos; tries++) {
+        ASSERT_EQ(one.ask("fc 630"), "0");
+        line = one.wait("text     Receive from application 631/2:");
+    }
+    EXPECT_THAT(line, testing::HasSubstr("return 3"));
+    EXPECT_FALSE(two.saw("len 10"));
+}
+
+TEST_F(simulator, a_slow_link_keeps_the_order)
+{
+    process one(1, "zeb_agent");
+    process two(2, "zeb_agent");
+    start(one, "640", "641");
+    start(two, "641", "640");
+    one.wait("join 640 641/2");
+    two.wait("join 641 640/1");
+    ASSERT_EQ(two.ask("quiet"), "0");
+    order("delay 1 2 50");
+    EXPECT_EQ(one.ask("send 640 641 all 64 200 0 0"), "0");
+    order("delay 1 2 0");
+    EXPECT_EQ(one.ask("send 640 641 all 64 200 0 200"), "0");
+    EXPECT_EQ(one.ask("rpc 640 641 all 20 1"), "0 2:0") << "behind them all";
+    EXPECT_EQ(two.ask("counts"), "641 640/1 401 bad 1") << "only the call breaks the numbers";
+}
+
+TEST_F(simulator, a_stalled_node_answers_when_it_goes_on)
+{
+    process one(1, "zeb_agent");
+    process two(2, "zeb_agent");
+    start(one, "650", "651");
+    start(two, "651", "650");
+    one.wait("join 650 651/2");
+    two.wait("join 651 650/1");
+    order("stall 2");
+    EXPECT_EQ(one.ask("rpc 650 651 all 1 1"), "0 2:5");
+    order("resume 2");
+    EXPECT_EQ(one.ask("rpc 650 651 all 10 1"), "0 2:0");
+}
