@@ -83,6 +83,7 @@ static void init_lists() ZEB_REQUIRES(g_lib_mutex)
     INIT_LIST_HEAD(&g_zeb_mng.inst_id_list);
     INIT_LIST_HEAD(&g_zeb_mng.inst_sync_list);
     INIT_LIST_HEAD(&g_zeb_mng.resume_comm_list);
+    INIT_LIST_HEAD(&g_zeb_mng.rejoin_list);
     INIT_LIST_HEAD(&g_zeb_mng.sync_inst_ack_list);
     INIT_LIST_HEAD(&g_zeb_mng.sync_inst_retry_list);
 }

@@ -30,14 +30,16 @@ typedef struct zeb_app_mng_s {
 
 typedef struct zeb_mng_s {
     bool running ZEB_GUARDED_BY(g_lib_mutex);
-    bool blocked_resume; // relaxed
-    int subscr_sd;       // topology connection, -1 when closed; the receive thread's once that has started
+    bool blocked_resume;  // relaxed
+    bool subscr_reopened; // the topology connection was lost at least once; the receive thread's
+    int subscr_sd;        // topology connection, -1 when closed; the receive thread's once that has started
     pthread_t lib_tid;
     zeb_cond_t running_cond;
     struct list_head ol_app_list ZEB_GUARDED_BY(g_lib_mutex);          // zeb_ol_app_t
     struct list_head inst_id_list ZEB_GUARDED_BY(g_lib_mutex);         // zeb_inst_id_t
     struct list_head inst_sync_list ZEB_GUARDED_BY(g_lib_mutex);       // zeb_msg_t: our unacknowledged SYNC_INSTs
     struct list_head resume_comm_list ZEB_GUARDED_BY(g_lib_mutex);     // zeb_resume_comm_t
+    struct list_head rejoin_list ZEB_GUARDED_BY(g_lib_mutex);          // zeb_rejoin_t
     struct list_head sync_inst_ack_list ZEB_GUARDED_BY(g_lib_mutex);   // zeb_msg_t: returned acknowledgements
     struct list_head sync_inst_retry_list ZEB_GUARDED_BY(g_lib_mutex); // zeb_retry_inst_t
     zeb_app_mng_t app[ZEB_APP_SLOT_NUM];

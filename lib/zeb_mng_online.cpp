@@ -17,6 +17,7 @@
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
 #include "zeb_mng_msg.h"
+#include "zeb_mng_rejoin.h"
 #include "zeb_mng_sync.h"
 #include "zeb_mng_timer.h"
 #include "zeb_rpc.h"
@@ -281,8 +282,11 @@ static void instances_published(uint32_t lower, uint32_t upper)
     ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] join.\n", lower, upper);
     each_instance(lower, upper, [](uint32_t app, uint32_t node) {
         ZEB_WARN("ZEB perceived app %d/%d join.\n", app, node);
+        bool known = g_zeb_mng.subscr_reopened && zeb_app_instance(app, node);
         zeb_app_inst_force_quit(app, node);
         zeb_app_inst_join(app, node, 0);
+        if (known)
+            zeb_rejoin_later(app, node);
     });
 }
 
@@ -291,6 +295,7 @@ static void instances_withdrawn(uint32_t lower, uint32_t upper)
     ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] quit.\n", lower, upper);
     each_instance(lower, upper, [](uint32_t app, uint32_t node) {
         ZEB_WARN("ZEB perceived app %d/%d quit.\n", app, node);
+        zeb_forget_rejoin(app, node);
         zeb_app_inst_quit(app, node);
     });
 }

@@ -308,7 +308,8 @@ static void close_topology_connection()
     g_zeb_mng.subscr_sd = -1;
 }
 
-// Timers that were pending on the lost connection are not started again; the subscriptions of applications are.
+// Timers that were pending on the lost connection are not started again; the subscriptions of applications are, and so
+// every instance is reported once more.
 static void reopen_topology_connection(poll_set_t *set)
 {
     g_zeb_mng.subscr_sd = zeb_create_subscription_socket();
@@ -317,6 +318,8 @@ static void reopen_topology_connection(poll_set_t *set)
                   strerror(errno));
         return;
     }
+    zeb_timer_forget_lost();
+    g_zeb_mng.subscr_reopened = true;
     zeb_subscr_tipc_events();
     watch(&set->fds[0], g_zeb_mng.subscr_sd);
 }

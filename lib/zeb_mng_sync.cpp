@@ -17,6 +17,9 @@
 //   any      SYNC_INST from R, resume 1, or a new seq while     force quit R; send SYNC_INST                  waiting
 //            [inst] is clear and a seq is known
 //   half     60 s passed                                        force quit R; send SYNC_INST with resume 1    waiting
+//   any      R, [inst], is reported once more by a reopened     as idle; then every 5 s until [online]:       waiting
+//            topology connection                                force quit R; send SYNC_INST with resume 1;
+//                                                               once [online] a last SYNC_INST, resume 0
 //   online   R is withdrawn                                     clear the bits; quit event when R was server  idle
 #include "zeb_mng_sync.h"
 
@@ -30,6 +33,7 @@
 #include "zeb_flow_ctrl_stat.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_online.h"
+#include "zeb_mng_rejoin.h"
 #include "zeb_mng_timer.h"
 #include "zeb_wire.h"
 
@@ -233,7 +237,8 @@ void zeb_start_retry_inst_timer(uint8_t peer_version, uint32_t src_app, uint32_t
 {
     if (peer_version == 1)
         return;
-    if (!has_retry() && start_retry_timer() != 0)
+    // With entries on the list its timer is pending already, unless that was lost with its connection.
+    if (start_retry_timer() != 0)
         return;
     zeb_scoped_lock lock(&g_lib_mutex);
     const zeb_msg_t *pending = list_find<zeb_msg_t>(&g_zeb_mng.inst_sync_list, [&](const zeb_msg_t *msg) {
@@ -384,6 +389,8 @@ void zeb_try_resume_comm(uint32_t dst_app, uint32_t dst_node)
 
 void zeb_process_resume_timer_event(uint32_t seq)
 {
+    if (zeb_process_rejoin_timer_event(seq))
+        return;
     zeb_resume_comm_t resume = zeb_del_resume_comm(seq);
     if (resume.seq == 0)
         return; // a join or a quit has dropped it meanwhile

@@ -18,6 +18,8 @@ constexpr uint32_t TIMER_NAME_TYPE = 1; // the topology service's own type, of w
 
 bool zeb_timer_inst_retry_open;
 
+static bool s_retry_start_failed; // on an open connection: the retry timer counts as pending for good
+
 int zeb_subscr_timer_event(__u64 timeout, zeb_timer_t timer)
 {
     if (timer.type == ZEB_TIMER_TYPE_INST_RETRY) {
@@ -35,7 +37,14 @@ int zeb_subscr_timer_event(__u64 timeout, zeb_timer_t timer)
     if (zeb_send_subscription(&request) == 0)
         return 0;
     ZEB_ERROR("ZEB send timer subscription msg failed: %s.\n,", strerror(errno));
+    if (timer.type == ZEB_TIMER_TYPE_INST_RETRY && g_zeb_mng.subscr_sd != -1)
+        s_retry_start_failed = true;
     return -1;
+}
+
+void zeb_timer_forget_lost()
+{
+    zeb_timer_inst_retry_open = s_retry_start_failed;
 }
 
 void zeb_process_tipc_timer_event(zeb_timer_t timer)

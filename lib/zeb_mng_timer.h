@@ -29,6 +29,10 @@ extern bool zeb_timer_inst_retry_open;
 
 // Starts a timer of `timeout` seconds. 0 (also when a retry timer is pending already), or -1.
 int zeb_subscr_timer_event(__u64 timeout, zeb_timer_t timer);
+
+// Timers that were pending on a lost topology connection never expire: the next start of a retry timer is a start
+// again.
+void zeb_timer_forget_lost();
 void zeb_process_tipc_timer_event(zeb_timer_t timer);
 void zeb_process_monitor_timer_event(uint32_t seq);
 

@@ -46,7 +46,7 @@ TEST_F(simulator, messages_go_on_without_a_broker_and_joins_with_the_next_one)
     EXPECT_EQ(one.ask("rpc 600 601 3 10 1"), "0 3:0");
 }
 
-TEST_F(simulator, a_dropped_topology_connection_is_opened_again_and_all_is_subscribed_to_anew)
+TEST_F(simulator, a_dropped_topology_connection_is_opened_again_and_the_pair_joins_anew)
 {
     process one(1, "zeb_agent");
     process two(2, "zeb_agent");
@@ -57,6 +57,11 @@ TEST_F(simulator, a_dropped_topology_connection_is_opened_again_and_all_is_subsc
     order("drop-topology 1");
     one.wait("quit 610 611/2"); // published once more on the new connection, so it is synchronised with anew
     EXPECT_FALSE(two.saw("quit 611")) << "the other side's connection stayed";
+    one.wait("join 610 611/2"); // it did not know of it, and is asked to begin anew
+    two.wait("quit 611 610/1");
+    two.wait("join 611 610/1");
+    EXPECT_EQ(one.ask("send 610 611 all 10 1 0"), "0");
+    two.wait("msg 611 610/1 len 10");
 }
 
 TEST_F(simulator, a_send_that_fails_or_is_short_is_an_error_of_that_call_alone)

@@ -391,6 +391,86 @@ TEST_F(zeb_mng_sync, no_resume_while_ours_is_pending_or_the_pair_is_online_or_th
     EXPECT_TRUE(list_empty(&g_zeb_mng.resume_comm_list));
 }
 
+// The time-out of the one resume timer that was started since the last look, in milliseconds, and its sequence.
+static std::pair<uint32_t, uint32_t> resume_timer()
+{
+    std::pair<uint32_t, uint32_t> timer = {0, 0};
+    for (const wire::bytes_t &bytes : fake_tipc::take_subscriptions()) {
+        uint32_t words[7];
+        memcpy(words, bytes.data(), sizeof(words));
+        if (words[5] == (uint32_t)ZEB_TIMER_TYPE_RESUME)
+            timer = {words[3], words[6]};
+    }
+    return timer;
+}
+
+TEST_F(zeb_mng_sync, an_instance_reported_once_more_by_a_reopened_connection_is_resumed_until_it_is_online)
+{
+    peer_online();
+    g_zeb_mng.subscr_reopened = true;
+    peer_published();
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sync_word(sent[0].bytes, 3), 0u) << "a synchronisation like any other";
+
+    for (int i = 0; i < 3; i++) {
+        auto timer = resume_timer();
+        ASSERT_EQ(timer.first, 5000u);
+        zeb_process_resume_timer_event(timer.second);
+        sent = fake_tipc::take_sent();
+        ASSERT_EQ(sent.size(), 1u);
+        EXPECT_EQ(sync_word(sent[0].bytes, 3), 1u) << "asks the peer to begin anew";
+    }
+    auto last = resume_timer();
+    peer_syncs(PEER_SEQ + 1);
+    ack(sync_word(sent[0].bytes, 0), PEER_SEQ + 1);
+    ASSERT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    (void)fake_tipc::take_sent();
+    zeb_process_resume_timer_event(last.second);
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    EXPECT_EQ(resume_timer().first, 0u);
+    sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 1u) << "for a peer that has forgotten our acknowledgement";
+    EXPECT_EQ(sync_word(sent[0].bytes, 3), 0u);
+}
+
+TEST_F(zeb_mng_sync, an_instance_that_was_not_known_before_is_not_resumed_by_its_report)
+{
+    g_zeb_mng.subscr_reopened = true;
+    peer_published();
+    EXPECT_EQ(resume_timer().first, 0u);
+}
+
+TEST_F(zeb_mng_sync, a_withdrawal_ends_the_resuming_of_a_reported_instance)
+{
+    peer_online();
+    g_zeb_mng.subscr_reopened = true;
+    peer_published();
+    auto timer = resume_timer();
+    peer_withdrawn();
+    (void)fake_tipc::take_sent();
+    zeb_process_resume_timer_event(timer.second);
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+    EXPECT_EQ(resume_timer().first, 0u);
+}
+
+TEST_F(zeb_mng_sync, retrying_goes_on_with_the_next_synchronisation_when_its_timer_was_lost)
+{
+    peer_published();
+    peer_syncs();
+    ASSERT_EQ(retries().size(), 1u);
+    (void)fake_tipc::take_subscriptions();
+    zeb_timer_forget_lost();
+    peer_syncs();
+    auto started = fake_tipc::take_subscriptions();
+    ASSERT_EQ(started.size(), 1u);
+    uint32_t words[7];
+    memcpy(words, started[0].data(), sizeof(words));
+    EXPECT_EQ(words[3], 2000u);
+    EXPECT_EQ(words[5], (uint32_t)ZEB_TIMER_TYPE_INST_RETRY);
+}
+
 TEST_F(zeb_mng_sync, a_pair_record_gives_0_until_it_exists)
 {
     uint32_t seq = 9;

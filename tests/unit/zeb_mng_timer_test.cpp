@@ -130,6 +130,35 @@ TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_never_started_again)
     EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
 }
 
+TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_not_started_on_a_new_connection_either)
+{
+    fault::fail_next("send", EPIPE);
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
+    zeb_timer_forget_lost();
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
+    EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
+}
+
+TEST_F(zeb_mng_timer, a_retry_timer_lost_with_its_connection_can_be_started_again)
+{
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
+    (void)fake_tipc::take_subscriptions();
+    zeb_timer_forget_lost();
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
+    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
+}
+
+TEST_F(zeb_mng_timer, a_retry_timer_that_found_no_connection_can_be_started_on_the_next_one)
+{
+    int sd = g_zeb_mng.subscr_sd;
+    g_zeb_mng.subscr_sd = -1;
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
+    g_zeb_mng.subscr_sd = sd;
+    zeb_timer_forget_lost();
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
+    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
+}
+
 TEST_F(zeb_mng_timer, timers_of_the_other_types_are_started_side_by_side)
 {
     for (uint32_t seq : {1u, 2u}) {

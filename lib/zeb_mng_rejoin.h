@@ -1,0 +1,27 @@
+// Instances that a reopened topology connection reports once more. A peer whose own connection held still takes us for
+// known and would not synchronise by itself, so it is asked to until the pair is online again.
+// Everything runs on the receive thread; g_lib_mutex guards the list.
+#ifndef ZEB_MNG_REJOIN_H
+#define ZEB_MNG_REJOIN_H
+
+#include <cstdint>
+
+#include "zeb_lock.h"
+#include "zeb_mng.h"
+
+constexpr unsigned ZEB_REJOIN_TIMEOUT = 5; // seconds
+
+typedef struct zeb_rejoin_s {
+    struct list_head list; // in g_zeb_mng.rejoin_list
+    uint32_t seq;          // of its timer, one of the resume type
+    uint32_t app;
+    uint32_t node;
+} zeb_rejoin_t;
+
+void zeb_rejoin_later(uint32_t app, uint32_t node);
+void zeb_forget_rejoin(uint32_t app, uint32_t node); // the instance is withdrawn
+
+// True when `seq` names an occasion of ours, which is handled then.
+bool zeb_process_rejoin_timer_event(uint32_t seq);
+
+#endif
