@@ -328,8 +328,10 @@ static uint32_t reject_sent(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) Z
     uint32_t sent = send->send;
     send->reject += sent;
     send->send = 0;
-    if (sent != 0)
+    if (sent != 0) {
+        fc->unack_drift += sent - (uint32_t)send->unack;
         send->unack = 0;
+    }
     fc->total_send -= sent;
     fc->total_send_unack = minus(fc->total_send_unack, sent);
     return sent;

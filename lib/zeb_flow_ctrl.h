@@ -45,6 +45,7 @@ typedef struct zeb_fc_s {
     zeb_cond_t cond; // blocked senders
     uint32_t total_send ZEB_GUARDED_BY(mutex);
     int32_t total_send_unack ZEB_GUARDED_BY(mutex);
+    uint32_t unack_drift ZEB_GUARDED_BY(mutex); // how far joins took total_send_unack below the sum of the records
     uint32_t mcast_send_reject ZEB_GUARDED_BY(mutex);   // failed sends to no single instance
     uint32_t rpc_reply_exception ZEB_GUARDED_BY(mutex); // failed replies to no single instance
     uint32_t total_recv ZEB_GUARDED_BY(mutex);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 #include "platform/list_algo.h"
 #include "zeb_cfg.h"
@@ -90,6 +91,9 @@ int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply
     wait->seq = seq;
     wait->timeout = timeout;
     wait->reply = reply;
+#ifdef ZEB_INVARIANTS
+    wait->caller = gettid();
+#endif
     list_add_tail(&wait->list, &rpc->wait_list);
     return 0;
 }

@@ -6,6 +6,7 @@
 #define ZEB_RPC_H
 
 #include <cstdint>
+#include <sys/types.h>
 
 #include <zeb/zeb.h>
 
@@ -23,6 +24,7 @@ typedef struct zeb_rpc_wait_s {
     struct list_head list;
     uint32_t seq;
     uint32_t timeout;                      // seconds, 0: no limit
+    pid_t caller;                          // the waiting thread; 0 in builds that check no invariants
     int inst_num;                          // places in use
     uint32_t wait_inst[ZEB_RPC_REPLY_NUM]; // application << 16 | node; 0 once settled
     zeb_reply_msg_t *reply;                // the caller's

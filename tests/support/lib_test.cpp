@@ -8,6 +8,7 @@
 
 #include "zeb_dbg.h"
 #include "zeb_mng.h"
+#include "zeb_mng_check.h"
 #include "zeb_mng_online.h"
 #include "zeb_mng_recv.h"
 
@@ -50,6 +51,10 @@ void lib_test::SetUp()
 
 void lib_test::TearDown()
 {
+#ifdef ZEB_INVARIANTS
+    char broken[4096];
+    EXPECT_EQ(zeb_check_invariants(broken, sizeof(broken)), 0) << broken;
+#endif
     // What the library itself keeps open stays to the end of the process.
     size_t kept = fake_tipc::sockets().size();
     EXPECT_LE(open_files().size(), fds_.size() + kept) << "a descriptor leaks";

@@ -486,6 +486,7 @@ TEST_F(zeb_mng_sync, a_pair_record_gives_0_until_it_exists)
 
 TEST_F(zeb_mng_sync, a_quit_forgets_only_the_first_pair_record_and_retry_of_the_instance)
 {
+    start_app(101);
     zeb_update_inst_sync_id(APP, PEER, 1, 5);
     zeb_update_inst_sync_id(101, PEER, 1, 5);
     zeb_scoped_lock lock(&g_lib_mutex);
