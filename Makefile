@@ -5,8 +5,9 @@ BUILD := build/$(PRESET)
 export ZEB_BUILD := $(CURDIR)/$(BUILD)
 export ZEB_TEST_RESULTS := $(CURDIR)/build/results
 JOBS ?= $(shell nproc)
+SECONDS ?= 60
 
-.PHONY: help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
+.PHONY: fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
 
 help: ## this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -49,6 +50,10 @@ integration-sim: build ## the same on the simulator (PRESET=release, asan or tsa
 conformance: build ## how TIPC behaves, on plain sockets: the simulator and the kernel give the same answers
 	@tests/conformance/run sim
 	@tests/conformance/run lab
+
+fuzz: setup ## fuzz each target for SECONDS=n (60), two at a time; findings go to build/fuzz/findings
+	@$(MAKE) --no-print-directory build PRESET=fuzz
+	@scripts/fuzz run $(SECONDS)
 
 install: build ## install below DESTDIR and the prefix that CMake was configured with
 	@cmake --install $(BUILD)

@@ -307,16 +307,14 @@ int zeb_get_app_mc_members(uint32_t app_mc, uint32_t mbrs[ZEB_CFG_MC_MBR_NUM])
     return cfg.mbr_num;
 }
 
-int zeb_get_my_node_id(void)
+int zeb_read_my_node_id()
 {
-    int node = zeb_load_relaxed(&s_my_node_id);
-    if (node != NODE_ID_UNKNOWN)
-        return node;
     cfg_file_t file(ZEB_NODE_ADDR_FILE);
     if (file.fp == nullptr) {
         ZEB_WARN("ZEB open node address config file %s failed: %s.\n", ZEB_NODE_ADDR_FILE, strerror(errno));
         return NODE_ID_UNKNOWN;
     }
+    int node = NODE_ID_UNKNOWN;
     // NOLINTNEXTLINE(cert-err34-c): the range is checked below
     if (fscanf(file.fp, "%d", &node) != 1) {
         ZEB_ERROR("ZEB get node address config failed.\n");
@@ -326,8 +324,18 @@ int zeb_get_my_node_id(void)
         ZEB_ERROR("ZEB get node address %d invalid.\n", node);
         return NODE_ID_UNKNOWN;
     }
-    zeb_store_relaxed(&s_my_node_id, node);
     ZEB_VERBOSE("ZEB get self node config ID %d.\n", node);
+    return node;
+}
+
+int zeb_get_my_node_id(void)
+{
+    int node = zeb_load_relaxed(&s_my_node_id);
+    if (node != NODE_ID_UNKNOWN)
+        return node;
+    node = zeb_read_my_node_id();
+    if (node != NODE_ID_UNKNOWN)
+        zeb_store_relaxed(&s_my_node_id, node);
     return node;
 }
 

@@ -37,6 +37,9 @@ int zeb_get_app_cfg(uint32_t app, zeb_app_cfg_t *out);
 int zeb_get_app_mc_cfg(uint32_t app_mc, zeb_app_mc_cfg_t *out);
 int zeb_get_misc_cfg(const char *key, char *out, size_t len);
 
+// The node id that the node-address file holds now, or -1.
+int zeb_read_my_node_id();
+
 // Numeric value of their key, 0 when it is absent.
 uint32_t zeb_get_dbg_cfg();
 uint32_t zeb_get_log_cfg();

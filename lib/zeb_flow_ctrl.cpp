@@ -110,6 +110,13 @@ zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, uint32_t src_app, uint32_
         });
 }
 
+static bool has_recv_app_fc(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node) ZEB_REQUIRES(fc->mutex)
+{
+    return list_find<zeb_recv_app_fc_t>(&fc->recv_list, [&](const zeb_recv_app_fc_t *record) {
+               return record->src_app_id == src_app && record->src_node_id == src_node;
+           }) != nullptr;
+}
+
 // Per destination application, not per instance: one congested node blocks sending to that application on every node.
 bool zeb_fc_accept_msg(zeb_fc_t *fc, uint32_t dst_app)
 {
@@ -291,6 +298,10 @@ void zeb_fc_update_recv_drop(uint32_t src_app, uint32_t src_node, uint32_t my_ap
         return;
     ZEB_VERBOSE("ZEB app %d update recv drop num %d from %d/%d.\n", my_app, num, src_app, src_node);
     zeb_scoped_lock lock(&fc->mutex);
+    if (!has_recv_app_fc(fc, src_app, src_node) && list_length(&fc->recv_list) >= ZEB_FC_UNKNOWN_NUM_MAX) {
+        ZEB_ERROR("ZEB app %d has no room for %d/%d.\n", my_app, src_app, src_node);
+        return;
+    }
     __zeb_get_recv_app_fc(fc, src_app, src_node)->drop += (uint32_t)num;
 }
 

@@ -14,6 +14,7 @@ constexpr int32_t ZEB_FC_SEND_WINDOW = 1024;      // a destination is blocked fr
 constexpr uint32_t ZEB_FC_ACK_BATCH = 512;        // acknowledged at once when more than this many are due
 constexpr unsigned ZEB_FC_WAIT_PERIOD = 300;      // seconds of one timed wait of a blocked sender
 constexpr unsigned ZEB_FC_RELOAD_ROUND = 3;       // the time-out at which the blocking peer is asked to abort
+constexpr int ZEB_FC_UNKNOWN_NUM_MAX = 65536;     // an application with so many senders counts no unknown ones
 constexpr uint32_t ZEB_FC_NODE_ANY = 0xFFFFFFFFu; // no single node was chosen
 
 // What one destination instance was sent.

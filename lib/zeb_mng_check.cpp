@@ -55,10 +55,10 @@ static bool list_is_whole(report_t *report, const struct list_head *head, const 
 
 static void check_set(report_t *report, const zeb_app_set_t *set, const char *name, uint32_t app)
 {
-    for (uint32_t word = 0; word < ZEB_SET_WORDS; word++) {
-        bool used = (set->used[word / 64] >> (word % 64) & 1) != 0;
-        if (used)
+    for (uint32_t i = 0; i < ZEB_SET_SUMMARY_WORDS; i++) {
+        zeb_each_bit(set->used[i], i * 64, [&](uint32_t word) {
             expect(report, set->bmp[word] != 0, "%s of %u: word %u counts as used and is empty\n", name, app, word);
+        });
     }
 }
 
@@ -198,7 +198,8 @@ static void check_manager(report_t *report)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
     if (list_is_whole(report, &g_zeb_mng.ol_app_list, "ol_app_list", 0))
-        list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [&](zeb_ol_app_t *ol) { check_online_app(report, ol); });
+        list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list,
+                                [&](zeb_ol_app_t *ol) ZEB_NO_THREAD_SAFETY_ANALYSIS { check_online_app(report, ol); });
     check_pairs(report);
 }
 

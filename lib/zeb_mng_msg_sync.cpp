@@ -142,6 +142,11 @@ static bool is_pair(const zeb_msg_hdr_t *hdr)
 void zeb_sync_msg_process(zeb_msg_t *msg)
 {
     const zeb_msg_hdr_t *hdr = &msg->hdr;
+    if (is_pair(hdr) && !zeb_has_room_for_pair(hdr->dst_app, hdr->src_app, hdr->src_node)) {
+        ZEB_ERROR("ZEB app %d has no room for %d/%d.\n", hdr->dst_app, hdr->src_app, hdr->src_node);
+        free(msg);
+        return;
+    }
     struct tlv_list_desc cursor = zeb_tlv_body(msg);
     zeb_tlv_item_t item;
     zeb_tlv_step_t step = is_pair(hdr) ? zeb_tlv_next(&cursor, &item) : ZEB_TLV_INVALID;

@@ -300,9 +300,23 @@ static void instances_withdrawn(uint32_t lower, uint32_t upper)
     });
 }
 
+// An event names the whole published range, also where it goes beyond what was subscribed to. Anybody may publish all
+// there is: the instances of other applications are passed over, not walked.
+static void clip_to_subscription(struct tipc_event *event)
+{
+    const struct tipc_service_range *asked = &event->s.seq;
+    if (asked->type != ZEB_TIPC_NAME_TYPE)
+        return;
+    if (event->found_lower < asked->lower)
+        event->found_lower = asked->lower;
+    if (event->found_upper > asked->upper)
+        event->found_upper = asked->upper;
+}
+
 void zeb_process_tipc_subscr_event(struct tipc_event event)
 {
     zeb_timer_t timer;
+    clip_to_subscription(&event);
     switch (event.event) {
     case TIPC_PUBLISHED:
         instances_published(event.found_lower, event.found_upper);

@@ -159,6 +159,17 @@ static int process_anc_item(uint32_t app, int sd, struct cmsghdr *item)
     return 0;
 }
 
+// An item says itself how long it is; no more is believed than what was read.
+static void cut_item(uint32_t app, const struct msghdr *hdr, struct cmsghdr *item)
+{
+    size_t left = hdr->msg_controllen - (size_t)((uint8_t *)item - (uint8_t *)hdr->msg_control);
+    if (item->cmsg_len <= left)
+        return;
+    ZEB_WARN("ZEB app %d recv ancillary data of %u bytes, %u are there.\n", app, (unsigned)item->cmsg_len,
+             (unsigned)left);
+    item->cmsg_len = left;
+}
+
 int zeb_recvfrom_anc(uint32_t app, int sd, void *buf, size_t len, int flags, struct sockaddr *addr, socklen_t *addr_len)
 {
     struct iovec iov = {buf, len};
@@ -180,6 +191,7 @@ int zeb_recvfrom_anc(uint32_t app, int sd, void *buf, size_t len, int flags, str
     if (ret != 0 || peek)
         return (int)ret;
     for (struct cmsghdr *item = CMSG_FIRSTHDR(&hdr); item != nullptr; item = CMSG_NXTHDR(&hdr, item)) {
+        cut_item(app, &hdr, item);
         if (process_anc_item(app, sd, item) != 0)
             ret = -1;
     }
@@ -205,6 +217,15 @@ void zeb_socket_recv_drop_msg(zeb_msg_t *msg)
     free(msg);
 }
 
+// No instance has such an address: records of it would never be removed.
+static void refuse_sender(zeb_msg_t *msg, uint32_t app)
+{
+    ZEB_ERROR("ZEB app %d recv msg from invalid %d/%d.\n", app, msg->hdr.src_app, msg->hdr.src_node);
+    zeb_fc_update_recv_exception(app);
+    zeb_dump_msg_hdr_info(msg);
+    free(msg);
+}
+
 // Hands a message to the area that takes it.
 static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
@@ -212,6 +233,10 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
     uint32_t src_node = msg->hdr.src_node;
     if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
         zeb_sync_msg_process(msg);
+        return;
+    }
+    if (!zeb_valid_app_id(src_app) || !zeb_valid_node_id(src_node)) {
+        refuse_sender(msg, app_info->app_id);
         return;
     }
     if (app_info->app_id != ZEBD_APP_ID && src_app != ZEBD_APP_ID && !zeb_app_instance(src_app, src_node)) {

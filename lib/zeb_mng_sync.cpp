@@ -44,6 +44,13 @@ zeb_inst_id_t *__zeb_get_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t ds
     });
 }
 
+bool zeb_has_room_for_pair(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return __zeb_get_inst_id(src_app, dst_app, dst_node) != nullptr ||
+           list_length(&g_zeb_mng.inst_id_list) < ZEB_PAIR_NUM_MAX;
+}
+
 static void update_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t zeb_inst_id_t::*field,
                            uint32_t value)
 {
@@ -306,8 +313,19 @@ void zeb_process_inst_retry_timer_event(uint32_t)
 
 // Returned acknowledgements.
 
+static bool has_room_for_ack()
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return list_length(&g_zeb_mng.sync_inst_ack_list) < ZEB_ACK_RESEND_NUM_MAX;
+}
+
 void zeb_resend_sync_inst_ack_later(zeb_msg_t *msg)
 {
+    if (!has_room_for_ack()) {
+        ZEB_ERROR("ZEB drop sync inst ack to %d/%d, too many come back.\n", msg->hdr.dst_app, msg->hdr.dst_node);
+        free(msg);
+        return;
+    }
     msg->hdr.seq = zeb_get_seq();
     if (zeb_subscr_timer_event(ZEB_RESEND_ACK_TIMEOUT, {ZEB_TIMER_TYPE_INST, msg->hdr.seq}) != 0) {
         free(msg);
@@ -370,10 +388,28 @@ zeb_resume_comm_t zeb_del_resume_comm(uint32_t seq)
     return last;
 }
 
+// The first of an instance's entries to expire ends the others: a peer that repeats itself gains nothing by more, and
+// each is a subscription of the kernel's.
+static bool has_room_for_resume(uint32_t dst_app, uint32_t dst_node)
+{
+    int all = 0;
+    int same = 0;
+    zeb_scoped_lock lock(&g_lib_mutex);
+    list_each<zeb_resume_comm_t>(&g_zeb_mng.resume_comm_list, [&](const zeb_resume_comm_t *resume) {
+        all++;
+        same += is_towards(resume, dst_app, dst_node) ? 1 : 0;
+    });
+    return same < ZEB_RESUME_PER_INSTANCE_MAX && all < ZEB_RESUME_NUM_MAX;
+}
+
 void zeb_try_resume_comm(uint32_t dst_app, uint32_t dst_node)
 {
     if (zeb_app_online(dst_app, dst_node) || zeb_has_sync_inst_msg(dst_app, dst_node))
         return;
+    if (!has_room_for_resume(dst_app, dst_node)) {
+        ZEB_WARN("ZEB resume comm to %d/%d is pending already.\n", dst_app, dst_node);
+        return;
+    }
     zeb_resume_comm_t *resume = (zeb_resume_comm_t *)zeb_malloc(sizeof(zeb_resume_comm_t));
     resume->seq = zeb_get_seq();
     resume->dst_app = dst_app;

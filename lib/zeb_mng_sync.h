@@ -40,6 +40,14 @@ constexpr unsigned ZEB_RESUME_TIMEOUT = 60;    // seconds
 constexpr unsigned ZEB_RESEND_ACK_TIMEOUT = 1; // seconds
 constexpr unsigned ZEB_INST_RETRY_TIMEOUT = 2; // seconds
 
+constexpr int ZEB_PAIR_NUM_MAX = 65536;   // pair records of a process
+constexpr int ZEB_RESUME_NUM_MAX = 16384; // pending resumes
+constexpr int ZEB_RESUME_PER_INSTANCE_MAX = 16;
+constexpr int ZEB_ACK_RESEND_NUM_MAX = 16384; // returned acknowledgements to be sent again
+
+// False when the pair is not known and no more can be.
+bool zeb_has_room_for_pair(uint32_t src_app, uint32_t dst_app, uint32_t dst_node);
+
 // Pair records. A setter creates the record; a getter gives 0 without one.
 void zeb_update_inst_sync_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t value);
 void zeb_update_inst_sync_ack_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t value);

@@ -23,6 +23,7 @@ struct sent_t { // one sendto
 struct anc_t { // one ancillary item
     int type;
     bytes_t bytes;
+    size_t len = 0; // 0: the honest one
 };
 
 struct item_t { // what one read gives

@@ -423,7 +423,7 @@ ssize_t recvmsg(int sd, struct msghdr *msg, int flags)
         if (used + space > msg->msg_controllen)
             break;
         struct cmsghdr *head = reinterpret_cast<struct cmsghdr *>(static_cast<uint8_t *>(msg->msg_control) + used);
-        head->cmsg_len = CMSG_LEN(anc.bytes.size());
+        head->cmsg_len = anc.len != 0 ? anc.len : CMSG_LEN(anc.bytes.size());
         head->cmsg_level = SOL_TIPC;
         head->cmsg_type = anc.type;
         if (!anc.bytes.empty())

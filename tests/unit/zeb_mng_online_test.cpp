@@ -156,6 +156,19 @@ TEST_F(zeb_mng_online, setters_without_a_record_or_a_node_are_refused)
     EXPECT_FALSE(zeb_app_online(300, 1) || zeb_app_instance(300, 1));
 }
 
+TEST_F(zeb_mng_online, a_range_beyond_what_was_subscribed_to_is_not_walked)
+{
+    struct tipc_event event = fake_tipc::range_event(TIPC_PUBLISHED, 0, 0xFFFFFFFF);
+    event.s.seq.type = 2303;
+    event.s.seq.lower = PEER << 16 | 8;
+    event.s.seq.upper = PEER << 16 | 10;
+    lines_t lines = logged(W, [&] { zeb_process_tipc_subscr_event(event); });
+    EXPECT_EQ(lines, lines_t({"2 ZEB perceived app 200/8 join.", "2 ZEB perceived app 200/9 join.",
+                              "2 ZEB perceived app 200/10 join."}));
+    event.event = TIPC_WITHDRAWN;
+    EXPECT_EQ(logged(W, [&] { zeb_process_tipc_subscr_event(event); }).size(), 3u);
+}
+
 TEST_F(zeb_mng_online, a_published_range_is_handled_instance_by_instance)
 {
     start_app();

@@ -448,6 +448,18 @@ TEST_F(zeb_mng_recv, a_peek_leaves_the_ancillary_items)
         lines_t({}));
 }
 
+TEST_F(zeb_mng_recv, an_ancillary_item_longer_than_what_was_read_is_cut)
+{
+    for (int type : {TIPC_ERRINFO, TIPC_RETDATA, TIPC_DESTNAME}) {
+        fake_tipc::item_t item;
+        item.anc.push_back({type, wire::bytes_t(12, 0), 4000});
+        fake_tipc::queue_item(sd(), item);
+        lines_t lines = logged(W, [] { zeb_socket_recv_app_msg(zeb_get_app_info(APP)); });
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines[0], "2 ZEB app 100 recv ancillary data of 4000 bytes, 32 are there.");
+    }
+}
+
 TEST_F(zeb_mng_recv, a_topology_event_of_another_size_is_an_error)
 {
     fake_tipc::queue_data(fake_tipc::topology_sd(), wire::bytes_t(47, 0));
@@ -672,14 +684,28 @@ TEST_F(zeb_mng_recv, acknowledgements_of_an_impossible_sender_are_refused)
     EXPECT_FALSE(zeb_app_set_test(&__zeb_get_ol_app(PEER)->srv_bmp, PEER_NODE)) << "its low 16 bits are no node";
 }
 
-TEST_F(zeb_mng_recv, a_message_of_a_node_above_65535_is_not_taken_for_an_online_one)
+TEST_F(zeb_mng_recv, a_message_of_an_impossible_sender_is_refused_and_leaves_no_record)
 {
     peer_online();
     (void)take_seen();
-    EXPECT_THAT(logged(V, [&] { receive(wire::message(from_peer(0, PEER_NODE + 0x10000), {1})); }),
-                testing::Contains("0 ZEB app 100 recv msg from 200/65545 had already quit."));
+    const struct {
+        uint32_t app;
+        uint32_t node;
+    } senders[] = {{PEER, PEER_NODE + 0x10000}, {PEER, 0xFFFFFFFF}, {1, 0x10000 + 5}, {0, 9}, {8192, 9}, {20480, 9}};
+    std::string before = fc_text();
+    for (const auto &sender : senders) {
+        for (uint8_t flag : {(uint8_t)0, wire::REQUEST, wire::MNG, (uint8_t)(wire::REQUEST | wire::ACK)}) {
+            lines_t lines = logged(E, [&] { receive(wire::message(from_peer(flag, sender.node, sender.app), {1})); });
+            EXPECT_EQ(lines[0], "3 ZEB app 100 recv msg from invalid " + std::to_string((int)sender.app) + "/" +
+                                    std::to_string((int)sender.node) + ".");
+        }
+    }
     EXPECT_TRUE(take_seen().headers.empty());
+    EXPECT_TRUE(fake_tipc::take_sent().empty()) << "nothing to answer to";
     EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    std::string after = fc_text();
+    EXPECT_EQ(after.substr(after.find("    Send")), before.substr(before.find("    Send")));
+    EXPECT_THAT(after, testing::HasSubstr("exception 24\n"));
 }
 
 TEST_F(zeb_mng_recv, a_returned_message_to_an_impossible_node_is_survived)
@@ -712,13 +738,4 @@ TEST_F(zeb_mng_recv, a_synchronisation_of_an_impossible_sender_leaves_nothing_be
     zeb_scoped_lock lock(&g_lib_mutex);
     EXPECT_TRUE(list_empty(&g_zeb_mng.inst_id_list));
     EXPECT_TRUE(list_empty(&g_zeb_mng.resume_comm_list));
-}
-
-TEST_F(zeb_mng_recv, a_node_above_65535_from_application_1_touches_no_bit)
-{
-    ASSERT_EQ(zeb_comm_with(APP, 1), 0);
-    lines_t lines = logged(E, [&] { receive(wire::message(from_peer(0, 0x10000 + 5, 1), {1})); });
-    EXPECT_EQ(lines, lines_t({"3 ZEB get app 1 online status for inst ack setting failed."}));
-    EXPECT_FALSE(zeb_app_online(1, 5));
-    EXPECT_EQ(take_seen().headers.size(), 1u);
 }

@@ -471,6 +471,50 @@ TEST_F(zeb_mng_sync, retrying_goes_on_with_the_next_synchronisation_when_its_tim
     EXPECT_EQ(words[5], (uint32_t)ZEB_TIMER_TYPE_INST_RETRY);
 }
 
+TEST_F(zeb_mng_sync, a_peer_that_repeats_its_synchronisation_makes_no_more_than_16_resumes)
+{
+    for (int i = 0; i < 15; i++)
+        peer_syncs(PEER_SEQ + (uint32_t)i);
+    EXPECT_EQ(list_length(&g_zeb_mng.resume_comm_list), 15);
+    peer_syncs();
+    EXPECT_THAT(logged(W, [&] { peer_syncs(); }), testing::Contains("2 ZEB resume comm to 200/9 is pending already."));
+    EXPECT_EQ(list_length(&g_zeb_mng.resume_comm_list), 16);
+    peer_syncs(PEER_SEQ, PEER_NODE + 1);
+    EXPECT_EQ(list_length(&g_zeb_mng.resume_comm_list), 17) << "another peer is not held back";
+}
+
+TEST_F(zeb_mng_sync, pairs_resumes_and_returned_acknowledgements_have_a_limit)
+{
+    std::vector<zeb_inst_id_t> pairs(ZEB_PAIR_NUM_MAX);
+    std::vector<zeb_resume_comm_t> resumes(ZEB_RESUME_NUM_MAX);
+    std::vector<zeb_msg_t> acks(ZEB_ACK_RESEND_NUM_MAX);
+    peer_online();
+    for (zeb_inst_id_t &pair : pairs)
+        list_add_tail(&pair.list, &g_zeb_mng.inst_id_list);
+    EXPECT_EQ(logged(E, [&] { peer_syncs(1, PEER_NODE + 1); }), lines_t({"3 ZEB app 100 has no room for 200/10."}));
+    EXPECT_FALSE(zeb_app_instance(PEER, PEER_NODE + 1));
+    EXPECT_TRUE(logged(E, [&] { peer_syncs(PEER_SEQ); }).empty()) << "who is known is served on";
+    for (zeb_inst_id_t &pair : pairs)
+        list_del(&pair.list);
+
+    for (zeb_resume_comm_t &resume : resumes)
+        list_add_tail(&resume.list, &g_zeb_mng.resume_comm_list);
+    EXPECT_THAT(logged(W, [&] { peer_syncs(1, PEER_NODE + 2); }),
+                testing::Contains("2 ZEB resume comm to 200/11 is pending already."));
+    for (zeb_resume_comm_t &resume : resumes)
+        list_del(&resume.list);
+
+    for (zeb_msg_t &ack : acks)
+        list_add_tail(&ack.list, &g_zeb_mng.sync_inst_ack_list);
+    zeb_msg_t *returned = zeb_msg_alloc(56, 1, 0);
+    returned->hdr.dst_app = PEER;
+    returned->hdr.dst_node = 3;
+    EXPECT_EQ(logged(E, [&] { zeb_resend_sync_inst_ack_later(returned); }),
+              lines_t({"3 ZEB drop sync inst ack to 200/3, too many come back."}));
+    for (zeb_msg_t &ack : acks)
+        list_del(&ack.list);
+}
+
 TEST_F(zeb_mng_sync, a_pair_record_gives_0_until_it_exists)
 {
     uint32_t seq = 9;

@@ -1,0 +1,393 @@
+#include "fuzz_world.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "platform/list_algo.h"
+#include "zeb_cfg.h"
+#include "zeb_dbg.h"
+#include "zeb_flow_ctrl.h"
+#include "zeb_flow_ctrl_stat.h"
+#include "zeb_mng.h"
+#include "zeb_mng_check.h"
+#include "zeb_mng_online.h"
+#include "zeb_mng_recv.h"
+#include "zeb_mng_rejoin.h"
+#include "zeb_mng_sync.h"
+#include "zeb_mng_timer.h"
+
+namespace world
+{
+std::function<bool()> g_while_waiting;
+
+static constexpr size_t SENT_MAX = 64; // datagrams that are kept
+static constexpr int FIRST_SD = 1000;  // descriptors of ours, above any real one
+static int s_next_sd = FIRST_SD;
+static std::map<int, uint32_t> s_app_of_sd;
+static std::vector<sent_t> s_sent;
+static std::vector<timer_t_> s_timers;
+static bytes_t s_next_data;
+static bytes_t s_next_control;
+static bool s_topology_lost;
+static pthread_t s_thread; // that of the targets
+static int s_fail_num;
+static int s_fail_err;
+static std::map<std::string, bytes_t> s_files;
+static void *(*s_proxy_fun)(void *);
+static void *s_proxy_arg;
+
+struct idle_t { // thrown where the proxy thread would wait
+};
+static bool s_in_proxy;
+
+std::vector<sent_t> &sent()
+{
+    return s_sent;
+}
+
+std::vector<timer_t_> &timers()
+{
+    return s_timers;
+}
+
+static void *take_event(zeb_event_t)
+{
+    return nullptr;
+}
+
+// Answers every second request, as its sequence number says.
+static void *take_msg(zeb_msg_t *msg)
+{
+    if ((msg->hdr.flag & ZEB_MSG_FLAG_REQUEST) != 0 && (msg->hdr.seq & 1) == 0) {
+        zeb_msg_t *reply = zeb_msg_alloc(4, 1, 0);
+        (void)zeb_rpc_reply(msg, reply, 0);
+        free(reply);
+    }
+    free(msg);
+    return nullptr;
+}
+
+static void fail(const char *what)
+{
+    fprintf(stderr, "%s\n", what);
+    abort();
+}
+
+static void add_app(uint32_t app, bool thread)
+{
+    static const zeb_msg_dispatcher_t serving[] = {{1, take_msg}, {3, take_msg}, {0, nullptr}};
+    static const zeb_msg_dispatcher_t none[] = {{0, nullptr}};
+    int ret = thread ? zeb_register(app, "fuzz", none, take_event)
+                     : zeb_register_without_thread(app, "fuzz", serving, take_event);
+    if (ret != 0)
+        fail("an application cannot be registered");
+    for (const auto &entry : s_app_of_sd) {
+        if (entry.second == 0 && entry.first == zeb_get_app_sd(app))
+            s_app_of_sd[entry.first] = app;
+    }
+}
+
+void start()
+{
+    static bool s_started = false;
+    if (s_started)
+        return;
+    s_started = true;
+    s_thread = pthread_self();
+    static const char node[] = "7\n";
+    serve_file(ZEB_NODE_ADDR_FILE, (const uint8_t *)node, sizeof(node) - 1);
+    add_app(SERVER, false);
+    add_app(CLIENT, true);
+    add_app(DAEMON, false);
+    for (uint32_t app : {SERVER, CLIENT}) {
+        for (uint32_t peer : {SERVER, CLIENT, PEER, PEER2, DAEMON})
+            (void)zeb_comm_with(app, peer);
+    }
+    zeb_run();
+    if (freopen("/dev/null", "w", stdout) == nullptr)
+        fail("standard output cannot be thrown away");
+}
+
+template <typename T>
+static void free_all(struct list_head *head)
+{
+    (void)list_remove_matching<T>(head, [](const T *) { return true; });
+}
+
+static void reset_app(zeb_app_mng_t *slot)
+{
+    free_all<zeb_msg_t>(&slot->info->msg_list);
+    free_all<zeb_app_mc_t>(&slot->info->mc.app_mc_list);
+    free_all<zeb_node_mc_t>(&slot->info->mc.node_mc_list);
+    zeb_mc_init(&slot->info->mc);
+    zeb_fc_t *fc = slot->fc;
+    free_all<zeb_send_app_fc_t>(&fc->send_list);
+    free_all<zeb_recv_app_fc_t>(&fc->recv_list);
+    fc->total_send = fc->total_recv = fc->unack_drift = 0;
+    fc->total_send_unack = fc->total_recv_unack = 0;
+    fc->mcast_send_reject = fc->rpc_reply_exception = fc->recv_exception = 0;
+    zeb_mng_stat_t *stat = slot->mng_stat;
+    free_all<zeb_send_mng_stat_t>(&stat->send_list);
+    free_all<zeb_recv_mng_stat_t>(&stat->recv_list);
+    stat->total_send = stat->total_recv = 0;
+    if (!list_empty(&slot->rpc->wait_list))
+        fail("a call is left without its caller");
+}
+
+void reset()
+{
+    start();
+    free_all<zeb_inst_id_t>(&g_zeb_mng.inst_id_list);
+    free_all<zeb_msg_t>(&g_zeb_mng.inst_sync_list);
+    free_all<zeb_resume_comm_t>(&g_zeb_mng.resume_comm_list);
+    free_all<zeb_rejoin_t>(&g_zeb_mng.rejoin_list);
+    free_all<zeb_msg_t>(&g_zeb_mng.sync_inst_ack_list);
+    free_all<zeb_retry_inst_t>(&g_zeb_mng.sync_inst_retry_list);
+    list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [](zeb_ol_app_t *ol) {
+        for (zeb_app_set_t *set : {&ol->srv_bmp, &ol->inst_bmp, &ol->inst_ack_bmp, &ol->ol_bmp})
+            memset(set->used, 0, sizeof(set->used));
+    });
+    zeb_each_app_mng(reset_app);
+    g_zeb_mng.subscr_reopened = false;
+    zeb_timer_inst_retry_open = false;
+    s_sent.clear();
+    s_timers.clear();
+    s_fail_num = 0;
+    s_topology_lost = false;
+    g_while_waiting = nullptr;
+    zeb_store_relaxed(&g_zeb_dbg_level, 0u);
+}
+
+void check()
+{
+    static char text[65536];
+    if (zeb_check_invariants(text, sizeof(text)) != 0)
+        fail(text);
+}
+
+void receive(uint32_t app, const uint8_t *data, size_t size)
+{
+    s_next_data.assign(data, data + size);
+    s_next_control.clear();
+    zeb_socket_recv_app_msg(zeb_get_app_info(app));
+}
+
+void receive_anc(uint32_t app, const uint8_t *control, size_t size)
+{
+    s_next_data.clear();
+    s_next_control.assign(control, control + size);
+    zeb_socket_recv_app_msg(zeb_get_app_info(app));
+}
+
+void event(const struct tipc_event &event)
+{
+    const uint8_t *bytes = (const uint8_t *)&event;
+    s_next_data.assign(bytes, bytes + sizeof(event));
+    if (zeb_socket_recv_tipc_event() != 0)
+        fail("a whole event is refused");
+}
+
+void run_proxy()
+{
+    s_in_proxy = true;
+    try {
+        (void)s_proxy_fun(s_proxy_arg);
+    } catch (const idle_t &) {
+    }
+    s_in_proxy = false;
+}
+
+void serve_file(const char *path, const uint8_t *data, size_t size)
+{
+    if (data == nullptr)
+        s_files.erase(path);
+    else
+        s_files[path].assign(data, data + size);
+}
+
+void fail_sends(int num, int err)
+{
+    s_fail_num = num;
+    s_fail_err = err;
+}
+
+// One turn of the receive thread finds the connection gone, the next has a new one.
+void lose_topology()
+{
+    s_timers.clear();
+    s_topology_lost = true;
+    try {
+        (void)zeb_socket_msg_dist_thread_fun(nullptr);
+    } catch (const idle_t &) {
+    }
+    s_topology_lost = false;
+}
+} // namespace world
+
+using namespace world;
+
+// In place of the system's, for the objects of the library (the linker's --wrap).
+extern "C" {
+int __real_close(int fd);
+unsigned __real_sleep(unsigned seconds);
+ssize_t __real_recv(int sd, void *data, size_t len, int flags);
+FILE *__real_fopen(const char *path, const char *mode);
+int __real_pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const struct timespec *deadline);
+
+int __wrap_socket(int, int, int)
+{
+    s_app_of_sd[s_next_sd] = 0;
+    return s_next_sd++;
+}
+
+int __wrap_connect(int, const struct sockaddr *, socklen_t)
+{
+    return 0;
+}
+
+int __wrap_bind(int, const struct sockaddr *, socklen_t)
+{
+    return 0;
+}
+
+int __wrap_setsockopt(int, int, int, const void *, socklen_t)
+{
+    return 0;
+}
+
+int __wrap_getsockopt(int, int, int, void *value, socklen_t *)
+{
+    *(int *)value = SOCK_RDM;
+    return 0;
+}
+
+int __wrap_shutdown(int, int)
+{
+    return 0;
+}
+
+int __wrap_close(int fd)
+{
+    return fd >= FIRST_SD ? 0 : __real_close(fd);
+}
+
+int __wrap_fcntl(int, int, ...)
+{
+    return 0;
+}
+
+// Timers alone; the subscriptions to applications are of no interest.
+ssize_t __wrap_send(int, const void *data, size_t len, int)
+{
+    struct tipc_subscr request;
+    if (len != sizeof(request))
+        fail("a subscription of another size");
+    memcpy(&request, data, sizeof(request));
+    timer_t_ timer;
+    memcpy(&timer, request.usr_handle, sizeof(timer));
+    if (request.seq.type == 1)
+        s_timers.push_back(timer);
+    return (ssize_t)len;
+}
+
+ssize_t __wrap_sendto(int sd, const void *data, size_t len, int, const struct sockaddr *, socklen_t)
+{
+    if (s_fail_num > 0) {
+        s_fail_num--;
+        errno = s_fail_err;
+        return -1;
+    }
+    if (s_sent.size() >= SENT_MAX)
+        return (ssize_t)len;
+    const uint8_t *bytes = (const uint8_t *)data;
+    s_sent.push_back({s_app_of_sd[sd], bytes_t(bytes, bytes + len)});
+    return (ssize_t)len;
+}
+
+ssize_t __wrap_recv(int, void *data, size_t len, int)
+{
+    if (s_topology_lost)
+        return 0;
+    size_t num = s_next_data.size() < len ? s_next_data.size() : len;
+    memcpy(data, s_next_data.data(), num);
+    return (ssize_t)num;
+}
+
+ssize_t __wrap_recvmsg(int, struct msghdr *msg, int)
+{
+    size_t num = s_next_data.size() < msg->msg_iov[0].iov_len ? s_next_data.size() : msg->msg_iov[0].iov_len;
+    if (num != 0)
+        memcpy(msg->msg_iov[0].iov_base, s_next_data.data(), num);
+    size_t control = s_next_control.size() < msg->msg_controllen ? s_next_control.size() : msg->msg_controllen;
+    if (control != 0)
+        memcpy(msg->msg_control, s_next_control.data(), control);
+    msg->msg_controllen = control;
+    return (ssize_t)num;
+}
+
+int __wrap_poll(struct pollfd *fds, nfds_t num, int)
+{
+    for (nfds_t i = 0; i < num; i++)
+        fds[i].revents = 0;
+    if (!s_topology_lost || s_app_of_sd.count(fds[0].fd) == 0)
+        throw idle_t();
+    static bool s_told = false;
+    s_told = !s_told;
+    if (!s_told)
+        throw idle_t();
+    fds[0].revents = POLLIN;
+    return 1;
+}
+
+FILE *__wrap_fopen(const char *path, const char *mode)
+{
+    if (strcmp(path, ZEB_CFG_FILE) != 0 && strcmp(path, ZEB_NODE_ADDR_FILE) != 0)
+        return __real_fopen(path, mode); // the fuzzer's own
+    auto found = s_files.find(path);
+    if (found == s_files.end()) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    // An empty one cannot be made.
+    return found->second.empty() ? __real_fopen("/dev/null", "r")
+                                 : fmemopen(found->second.data(), found->second.size(), "r");
+}
+
+int __wrap_pthread_create(pthread_t *tid, const pthread_attr_t *, void *(*fun)(void *), void *arg)
+{
+    *tid = pthread_self();
+    s_proxy_fun = fun; // the last one is CLIENT's: the library starts its own thread before
+    s_proxy_arg = arg;
+    return 0;
+}
+
+int __wrap_pthread_detach(pthread_t)
+{
+    return 0;
+}
+
+int __wrap_pthread_cond_timedwait(pthread_cond_t *, pthread_mutex_t *mutex, const struct timespec *)
+{
+    if (s_in_proxy)
+        throw idle_t();
+    if (!g_while_waiting)
+        return ETIMEDOUT;
+    (void)pthread_mutex_unlock(mutex);
+    bool more = g_while_waiting();
+    (void)pthread_mutex_lock(mutex);
+    return more ? 0 : ETIMEDOUT;
+}
+
+unsigned __wrap_sleep(unsigned seconds)
+{
+    return pthread_equal(pthread_self(), s_thread) != 0 ? 0 : __real_sleep(seconds); // the fuzzer's own threads sleep
+}
+}
