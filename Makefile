@@ -6,8 +6,11 @@ export ZEB_BUILD := $(CURDIR)/$(BUILD)
 export ZEB_TEST_RESULTS := $(CURDIR)/build/results
 JOBS ?= $(shell nproc)
 SECONDS ?= 60
+MINUTES ?= 10
+SEED ?= 1
+ON ?= sim
 
-.PHONY: fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
+.PHONY: chaos fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
 
 help: ## this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -54,6 +57,9 @@ conformance: build ## how TIPC behaves, on plain sockets: the simulator and the 
 fuzz: setup ## fuzz each target for SECONDS=n (60), two at a time; findings go to build/fuzz/findings
 	@$(MAKE) --no-print-directory build PRESET=fuzz
 	@scripts/fuzz run $(SECONDS)
+
+chaos: build ## processes and faults for MINUTES=n (10) with SEED=s (1), ON=sim or lab
+	@tests/chaos/run $(ON) $$(($(MINUTES) * 60)) $(SEED)
 
 install: build ## install below DESTDIR and the prefix that CMake was configured with
 	@cmake --install $(BUILD)

@@ -158,11 +158,9 @@ static int socket_gone(uint32_t port)
     return 0;
 }
 
-static void deliver(const delayed_t &message)
+static void put(const delayed_t &message)
 {
     sim_state_t *state = g_broker.cluster.state;
-    if (!sim_linked(state->cut, message.record.src_index, message.by_node))
-        return;
     sim_record_t record = message.record;
     struct iovec part = {const_cast<uint8_t *>(message.data.data()), message.data.size()};
     uint32_t err = TIPC_ERR_NO_PORT;
@@ -176,6 +174,38 @@ static void deliver(const delayed_t &message)
     sim_queue_return(&queue, g_broker.cluster.dir, g_broker.bell, &record, message.data.data(), err, message.port,
                      state->nodes[message.by_node]);
     sim_queue_unmap(&queue);
+}
+
+// A link that is cut keeps what it was given until it is missed.
+static void deliver(const delayed_t &message)
+{
+    const sim_state_t *state = g_broker.cluster.state;
+    if (sim_linked(state->cut, message.record.src_index, message.by_node))
+        put(message);
+    else if (sim_linked(state->down, message.record.src_index, message.by_node))
+        g_broker.held.push_back(message);
+}
+
+// Of the messages held for links between `a` and `b`: `put_them` or forget them.
+static void end_hold(uint32_t a, uint32_t b, bool put_them)
+{
+    std::vector<delayed_t> kept;
+    for (delayed_t &message : g_broker.held) {
+        uint32_t from = message.record.src_index;
+        uint32_t to = message.by_node;
+        bool same = (from == a && (b == SIM_ANY_NODE || to == b)) || (to == a && (b == SIM_ANY_NODE || from == b));
+        if (!same)
+            kept.push_back(std::move(message));
+        else if (put_them)
+            put(message);
+    }
+    g_broker.held.swap(kept);
+}
+
+static void lose_links(uint32_t a, uint32_t b)
+{
+    end_hold(a, b, false);
+    topology_links(a, b, true);
 }
 
 static int take_delayed(const sim_request_t &request, const uint8_t *bytes, size_t len)
@@ -226,7 +256,7 @@ static void cut(uint32_t a, uint32_t b, bool at_once)
         sim_break(state->cut, a, b, true);
     }
     if (at_once || state->tolerance == 0)
-        topology_links(a, b, true);
+        lose_links(a, b);
     else
         g_broker.breaking.emplace(broker_now() + state->tolerance, std::make_pair(a, b));
 }
@@ -239,6 +269,7 @@ static void heal(uint32_t a, uint32_t b)
         bool same = (from == a && (b == SIM_ANY_NODE || to == b)) || (to == a && (b == SIM_ANY_NODE || from == b));
         it = same ? g_broker.breaking.erase(it) : std::next(it);
     }
+    end_hold(a, b, true); // first what was sent first
     {
         sim_guard_s guard(&state->mutex);
         sim_break(state->cut, a, b, false);
@@ -433,7 +464,7 @@ static void pass_time(int64_t now)
     while (!g_broker.breaking.empty() && g_broker.breaking.begin()->first <= now) {
         auto [a, b] = g_broker.breaking.begin()->second;
         g_broker.breaking.erase(g_broker.breaking.begin());
-        topology_links(a, b, true);
+        lose_links(a, b);
     }
     topology_time(now);
     if (now >= g_broker.next_look) {

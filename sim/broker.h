@@ -50,6 +50,7 @@ typedef struct broker_s {
     std::map<uint32_t, member_t> members; // by port
     std::map<int32_t, int> owners;        // process id to pidfd
     std::multimap<int64_t, delayed_t> delayed;
+    std::vector<delayed_t> held; // sent over links that were cut and are not missed yet, in order
     std::multimap<int64_t, std::pair<uint32_t, uint32_t>> breaking; // links that were cut and are not missed yet
     int64_t awaited;                                                // ms: until then the first client is waited for
     int64_t next_look;                                              // ms: at sockets whose maker has ended

@@ -203,7 +203,7 @@ static int the_bell()
     return s_bell;
 }
 
-// Handed to the broker, which keeps it for as long as the link is slow. False when there is none to hand it to.
+// Handed to the broker, which keeps it for as long as the link is slow or cut. False when there is none to hand it to.
 static bool delivered_later(const preload_target_t *target, sim_record_t *record, const struct iovec *data, size_t num)
 {
     static thread_local uint8_t s_bytes[SIM_MAX_DATA];
@@ -219,8 +219,11 @@ static bool delivered_later(const preload_target_t *target, sim_record_t *record
 uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, const struct iovec *data, size_t num)
 {
     sim_cluster_t *cluster = preload_cluster();
-    if (!sim_linked(cluster->state->cut, preload_node(), target->node))
-        return TIPC_OK; // on the wire, and lost there
+    if (!sim_linked(cluster->state->cut, preload_node(), target->node)) {
+        if (sim_linked(cluster->state->down, preload_node(), target->node))
+            (void)delivered_later(target, record, data, num);
+        return TIPC_OK; // on the wire; lost with the link, or delivered when that is healed in time
+    }
     if (__atomic_load_n(&cluster->state->delay_num, __ATOMIC_RELAXED) != 0 &&
         delivered_later(target, record, data, num))
         return TIPC_OK;

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
+#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -90,6 +91,25 @@ static std::string program_path(const std::string &program)
     return dir.substr(0, dir.rfind('/') + 1) + program;
 }
 
+static std::vector<std::string> split(const std::string &text)
+{
+    std::istringstream stream(text);
+    std::vector<std::string> words;
+    for (std::string word; stream >> word;)
+        words.push_back(word);
+    return words;
+}
+
+static void run_lab(std::vector<std::string> command, const std::vector<std::string> &words)
+{
+    command.insert(command.end(), words.begin(), words.end());
+    std::vector<char *> args;
+    for (std::string &word : command)
+        args.push_back(&word[0]);
+    args.push_back(nullptr);
+    (void)execv(getenv("LAB"), args.data());
+}
+
 // Gives the process a node-address file of its own before it becomes the program.
 static const char AS_BOARD[] = "mount -t tmpfs none /tmp/addr && echo $1 >/tmp/addr/.zeb_node_addr && exec \"$2\"";
 
@@ -99,7 +119,8 @@ process::process(int node, const std::string &program, int board) : node_(node)
     int from[2];
     EXPECT_EQ(pipe2(to, O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(from, O_CLOEXEC), 0);
-    std::string path = program_path(program);
+    std::vector<std::string> words = split(program);
+    words[0] = program_path(words[0]);
     bool simulated = getenv("TIPCSIM_CLUSTER") != nullptr; // there a board is a node like any other
     std::string name = std::to_string(simulated && board != 0 ? board : node);
     std::string board_name = std::to_string(board);
@@ -108,10 +129,9 @@ process::process(int node, const std::string &program, int board) : node_(node)
         (void)dup2(to[0], 0);
         (void)dup2(from[1], 1);
         if (board == 0 || simulated)
-            execl(getenv("LAB"), "lab", "exec", name.c_str(), "--", path.c_str(), (char *)nullptr);
+            run_lab({"lab", "exec", name, "--"}, words);
         else
-            execl(getenv("LAB"), "lab", "exec", name.c_str(), "--", "unshare", "--mount", "sh", "-c", AS_BOARD, "sh",
-                  board_name.c_str(), path.c_str(), (char *)nullptr);
+            run_lab({"lab", "exec", name, "--", "unshare", "--mount", "sh", "-c", AS_BOARD, "sh", board_name}, words);
         _exit(127);
     }
     (void)close(to[0]);

@@ -32,7 +32,8 @@ extern int patience;
 class process
 {
   public:
-    // `board`: the node id that the process itself goes by, when it is not its node's.
+    // `program` with its arguments lies beside the test. `board`: the node id that the process itself goes by, when it
+    // is not its node's.
     process(int node, const std::string &program, int board = 0);
     ~process();
     process(const process &) = delete;

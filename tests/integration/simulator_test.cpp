@@ -64,6 +64,24 @@ TEST_F(simulator, a_dropped_topology_connection_is_opened_again_and_the_pair_joi
     two.wait("msg 611 610/1 len 10");
 }
 
+TEST_F(simulator, a_cut_that_is_healed_before_the_link_is_missed_loses_and_reorders_nothing)
+{
+    process one(1, "zeb_agent");
+    process two(2, "zeb_agent");
+    start(one, "615", "616");
+    start(two, "616", "615");
+    one.wait("join 615 616/2");
+    two.wait("join 616 615/1");
+    order("cut 1 2");
+    for (int len = 21; len <= 25; len++)
+        EXPECT_EQ(one.ask("send 615 616 all " + std::to_string(len) + " 1 0"), "0");
+    order("heal 1 2");
+    EXPECT_EQ(one.ask("send 615 616 all 26 1 0"), "0");
+    for (int len = 21; len <= 26; len++)
+        two.wait("msg 616 615/1 len " + std::to_string(len));
+    EXPECT_FALSE(one.saw("quit 615") || two.saw("quit 616"));
+}
+
 TEST_F(simulator, a_send_that_fails_or_is_short_is_an_error_of_that_call_alone)
 {
     process one(1, "zeb_agent");
