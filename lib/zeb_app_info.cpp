@@ -307,6 +307,8 @@ zeb_msg_t *zeb_new_event_msg(uint32_t my_app, zeb_event_type_t type, uint32_t no
 
 void zeb_cli_print_app_info(uint32_t app)
 {
+    if (zeb_in_child("zeb_cli_print_app_info"))
+        return;
     zeb_app_info_t *app_info = zeb_get_app_info(app);
     if (app_info == nullptr)
         return;

@@ -404,6 +404,8 @@ void zeb_fc_reset_unack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node)
 
 void zeb_cli_print_fc_stat(uint32_t app)
 {
+    if (zeb_in_child("zeb_cli_print_fc_stat"))
+        return;
     zeb_fc_t *fc = zeb_get_app_fc(app);
     if (fc == nullptr)
         return;

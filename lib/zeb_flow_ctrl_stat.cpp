@@ -175,6 +175,8 @@ void zeb_clean_mng_msg_stat(uint32_t my_app, uint32_t app, uint32_t node)
 
 void zeb_cli_print_mng_stat(uint32_t app)
 {
+    if (zeb_in_child("zeb_cli_print_mng_stat"))
+        return;
     zeb_app_mng_t *slot = zeb_get_app_mng(app);
     if (slot == nullptr)
         return;

@@ -9,6 +9,7 @@
 #include "platform/list_algo.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
+#include "zeb_mng.h"
 
 constexpr int32_t APP_MC_ID_FIRST = 12288;
 constexpr int32_t APP_MC_ID_LAST = 16383;
@@ -222,11 +223,15 @@ static void get_members(uint32_t src_app, uint32_t mc_id, typename Kind::group_t
 
 int zeb_create_app_mcast(uint32_t src_app)
 {
+    if (zeb_in_child("zeb_create_app_mcast"))
+        return -EPERM;
     return create_group<app_kind>(src_app);
 }
 
 int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
 {
+    if (zeb_in_child("zeb_add_app_mcast"))
+        return -EPERM;
     if (!zeb_valid_app_id(new_app)) {
         ZEB_ERROR("ZEB app ID %d invalid.\n", new_app);
         return -EINVAL;
@@ -236,21 +241,29 @@ int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
 
 void zeb_del_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t del_app)
 {
+    if (zeb_in_child("zeb_del_app_mcast"))
+        return;
     del_member<app_kind>(src_app, mc_app, del_app);
 }
 
 void zeb_destroy_app_mcast(uint32_t src_app, uint32_t mc_app)
 {
+    if (zeb_in_child("zeb_destroy_app_mcast"))
+        return;
     destroy_group<app_kind>(src_app, mc_app);
 }
 
 int zeb_create_node_mcast(uint32_t src_app)
 {
+    if (zeb_in_child("zeb_create_node_mcast"))
+        return -EPERM;
     return create_group<node_kind>(src_app);
 }
 
 int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
 {
+    if (zeb_in_child("zeb_add_node_mcast"))
+        return -EPERM;
     if (!zeb_valid_node_id(new_node)) {
         ZEB_ERROR("ZEB node ID %d invalid.\n", new_node);
         return -EINVAL;
@@ -260,11 +273,15 @@ int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
 
 void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node)
 {
+    if (zeb_in_child("zeb_del_node_mcast"))
+        return;
     del_member<node_kind>(src_app, mc_node, del_node);
 }
 
 void zeb_destroy_node_mcast(uint32_t src_app, uint32_t mc_node)
 {
+    if (zeb_in_child("zeb_destroy_node_mcast"))
+        return;
     destroy_group<node_kind>(src_app, mc_node);
 }
 

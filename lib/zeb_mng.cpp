@@ -21,6 +21,7 @@
 
 zeb_mutex_t g_lib_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
 zeb_mng_t g_zeb_mng;
+bool g_zeb_in_child;
 
 static bool g_lib_inited ZEB_GUARDED_BY(g_lib_mutex);
 
@@ -56,6 +57,17 @@ static void *receive_thread_fun(void *arg)
     while (sem_wait(&s_start_gate) != 0)
         continue;
     return zeb_socket_msg_dist_thread_fun(arg);
+}
+
+static void enter_child() ZEB_NO_THREAD_SAFETY_ANALYSIS
+{
+    g_zeb_in_child = g_lib_inited;
+}
+
+bool zeb_refuse_child(const char *call)
+{
+    ZEB_ERROR("ZEB %s called in a child of the process that runs the library.\n", call);
+    return true;
 }
 
 static int start_receive_thread()
@@ -107,6 +119,11 @@ static int init_lib() ZEB_REQUIRES(g_lib_mutex)
     ZEB_INFO("ZEB init lib on first app registeration.\n");
     zeb_init_seq();
     clear_manager();
+    int err = pthread_atfork(nullptr, nullptr, enter_child);
+    if (err != 0) {
+        ZEB_ERROR("ZEB add fork callback failed: %s.\n", strerror(err));
+        return -1;
+    }
     if (!init_running_cond())
         return -1;
     g_zeb_mng.subscr_sd = zeb_create_subscription_socket();

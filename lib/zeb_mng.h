@@ -47,6 +47,17 @@ typedef struct zeb_mng_s {
 
 extern zeb_mng_t g_zeb_mng;
 
+// True in a child that a process with a started library forked. It has one thread, locks that others may have held at
+// the fork, and the parent's sockets: every exported call that needs any of these is refused.
+extern bool g_zeb_in_child;
+
+bool zeb_refuse_child(const char *call); // with the line that says so
+
+static inline bool zeb_in_child(const char *call)
+{
+    return __builtin_expect(static_cast<long>(g_zeb_in_child), 0) != 0 && zeb_refuse_child(call);
+}
+
 // Claims a slot for `app`, starting the library first if need be. The results of zeb_register.
 int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
                     const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event);

@@ -200,6 +200,7 @@ void zeb_recv_inst_sync(uint32_t my_app, uint32_t inst_node, uint32_t inst_app, 
     settle_peer_state(my_app, inst_node, inst_app, body);
     zeb_set_app_inst(inst_app, inst_node);
     zeb_update_inst_recv_seq(my_app, inst_app, inst_node, body->seq);
+    zeb_update_inst_sync_server(my_app, inst_app, inst_node, body->is_server);
     (void)zeb_sync_app_inst_ack_include_seq(my_app, inst_node, inst_app, body->seq, zeb_is_app_server(my_app) ? 1 : 0);
     zeb_try_notify_app_join(my_app, inst_node, inst_app);
     zeb_try_resume_comm(inst_app, inst_node);

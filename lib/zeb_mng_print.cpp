@@ -45,6 +45,8 @@ static void print_pending(const char *title, struct list_head *head, PrintEntry 
 
 void zeb_cli_print_lib_info(uint32_t app)
 {
+    if (zeb_in_child("zeb_cli_print_lib_info"))
+        return;
     zeb_scoped_lock lock(&g_lib_mutex);
     zeb_buf_printf("Application %d/%d process's ZEB library information:\n", app, zeb_get_my_node_id());
     zeb_buf_printf("  ZEB library thread 0x%x, subscription socket %d\n", (unsigned)g_zeb_mng.lib_tid,
@@ -78,6 +80,8 @@ void zeb_cli_print_lib_info(uint32_t app)
 
 void zeb_cli_print_app_comm(uint32_t src_app)
 {
+    if (zeb_in_child("zeb_cli_print_app_comm"))
+        return;
     zeb_scoped_lock lock(&g_lib_mutex);
     zeb_buf_printf("  Communication peer applications:");
     list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [&](zeb_ol_app_t *ol) {

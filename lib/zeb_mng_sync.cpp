@@ -86,6 +86,11 @@ void zeb_update_inst_recv_seq(uint32_t src_app, uint32_t dst_app, uint32_t dst_n
     update_inst_id(src_app, dst_app, dst_node, &zeb_inst_id_t::recv_seq, value);
 }
 
+void zeb_update_inst_sync_server(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t value)
+{
+    update_inst_id(src_app, dst_app, dst_node, &zeb_inst_id_t::sync_server, value);
+}
+
 static void get_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t zeb_inst_id_t::*field,
                         uint32_t *value)
 {
@@ -216,6 +221,9 @@ void zeb_notify_app_join(uint32_t my_app, uint32_t inst_node, uint32_t inst_app)
         zeb_inst_id_t *id = __zeb_get_inst_id(my_app, inst_app, inst_node);
         if (id != nullptr)
             id->sync_ack_id = id->sync_id;
+        // No acknowledgement will come any more to say so.
+        if (id != nullptr && id->sync_server != 0 && __zeb_get_ol_app(inst_app) != nullptr)
+            zeb_set_app_server(inst_app, inst_node);
     }
     zeb_try_notify_app_join(my_app, inst_node, inst_app);
 }

@@ -19,6 +19,7 @@ typedef struct zeb_inst_id_s {
     uint32_t sync_ack_id; // process id in the peer's last accepted acknowledgement
     uint32_t send_seq;    // of our last SYNC_INST that was sent
     uint32_t recv_seq;    // of the peer's last SYNC_INST
+    uint32_t sync_server; // 1 when the peer called itself a server there
 } zeb_inst_id_t;
 
 typedef struct zeb_resume_comm_s {
@@ -53,6 +54,7 @@ void zeb_update_inst_sync_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_no
 void zeb_update_inst_sync_ack_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t value);
 void zeb_update_inst_send_seq(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t value);
 void zeb_update_inst_recv_seq(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t value);
+void zeb_update_inst_sync_server(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t value);
 void zeb_get_inst_send_seq(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t *seq);
 void zeb_get_inst_recv_seq(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t *seq);
 int zeb_get_pseq_for_inst_ack(uint32_t src_app, uint32_t dst_node, uint32_t dst_app); // node before application

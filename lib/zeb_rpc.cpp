@@ -394,6 +394,8 @@ static void print_wait(const zeb_rpc_wait_t *wait)
 
 void zeb_cli_print_rpc_stat(uint32_t app)
 {
+    if (zeb_in_child("zeb_cli_print_rpc_stat"))
+        return;
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     if (rpc == nullptr)
         return;

@@ -54,17 +54,23 @@ static int zeb_app_register(uint32_t app, const char *app_name, const zeb_msg_di
 
 int zeb_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
 {
+    if (zeb_in_child("zeb_register"))
+        return -EPERM;
     return zeb_app_register(app, app_name, dispatcher, event, true);
 }
 
 int zeb_register_without_thread(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
                                 zeb_app_event_fun_t event)
 {
+    if (zeb_in_child("zeb_register_without_thread"))
+        return -EPERM;
     return zeb_app_register(app, app_name, dispatcher, event, false);
 }
 
 int zeb_unregister(uint32_t app)
 {
+    if (zeb_in_child("zeb_unregister"))
+        return -EPERM;
     if (!zeb_valid_app_id(app)) {
         ZEB_ERROR("ZEB app unregistered with invalid ID %d.\n", app);
         return -EINVAL;
@@ -76,17 +82,23 @@ int zeb_unregister(uint32_t app)
 
 void zeb_run(void)
 {
+    if (zeb_in_child("zeb_run"))
+        return;
     zeb_notify_running();
 }
 
 int zeb_app_ready(uint32_t)
 {
+    if (zeb_in_child("zeb_app_ready"))
+        return -EPERM;
     zeb_run();
     return 0;
 }
 
 int zeb_comm_with(uint32_t src_app, uint32_t dst_app)
 {
+    if (zeb_in_child("zeb_comm_with"))
+        return -EPERM;
     if (!zeb_valid_app_id(src_app) || !zeb_valid_app_id(dst_app))
         return -EINVAL;
     return zeb_add_comm_app(src_app, dst_app);

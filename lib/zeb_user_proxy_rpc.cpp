@@ -9,6 +9,7 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_mng.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_sync.h"
 #include "zeb_rpc.h"
@@ -145,6 +146,8 @@ static int send_and_wait(uint32_t src_app, uint32_t seq, zeb_msg_t *msg, zeb_rep
 
 int zeb_rpc(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags, uint32_t timeout, zeb_reply_msg_t *ret_buf)
 {
+    if (zeb_in_child("zeb_rpc"))
+        return -EPERM;
     ZEB_VERBOSE("ZEB user app %d rpc %d(0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app, dst_app,
                 dst_app, (void *)msg, flags, timeout, (void *)ret_buf);
     int ret = zeb_check_rpc_arg(src_app, msg, ret_buf);
@@ -166,6 +169,8 @@ int zeb_rpc(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags, uint3
 int zeb_rpcto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags, uint32_t timeout,
               zeb_reply_msg_t *ret_buf)
 {
+    if (zeb_in_child("zeb_rpcto"))
+        return -EPERM;
     ZEB_VERBOSE("ZEB user app %d rpcto %d/%d(0x%x/0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app,
                 dst_app, dst_node, dst_app, dst_node, (void *)msg, flags, timeout, (void *)ret_buf);
     int ret = zeb_check_rpc_arg(src_app, msg, ret_buf);
@@ -188,6 +193,8 @@ int zeb_rpcto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *
 
 int zeb_rpc_reply(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags)
 {
+    if (zeb_in_child("zeb_rpc_reply"))
+        return -EPERM;
     ZEB_VERBOSE("ZEB user rpc reply, src_msg %p, reply_msg %p, flags 0x%x.\n", (const void *)src_msg, (void *)reply_msg,
                 flags);
     if (src_msg == nullptr) {

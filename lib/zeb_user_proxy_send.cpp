@@ -8,6 +8,7 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_mng.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_sync.h"
 
@@ -157,6 +158,8 @@ static int prepare_send(zeb_dst_t *dst, uint32_t dst_app)
 
 int zeb_send(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags)
 {
+    if (zeb_in_child("zeb_send"))
+        return -EPERM;
     ZEB_VERBOSE("ZEB user app %d send %d(0x%x), msg %p, flags 0x%x.\n", src_app, dst_app, dst_app, (void *)msg, flags);
     int ret = zeb_check_send_arg(src_app, msg);
     if (ret != 0)
@@ -194,6 +197,8 @@ static int prepare_sendto(zeb_dst_t *dst, uint32_t dst_node, uint32_t dst_app)
 
 int zeb_sendto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags)
 {
+    if (zeb_in_child("zeb_sendto"))
+        return -EPERM;
     ZEB_VERBOSE("ZEB user app %d sendto %d/%d(0x%x/0x%x), msg %p, flags 0x%x.\n", src_app, dst_app, dst_node, dst_app,
                 dst_node, (void *)msg, flags);
     int ret = zeb_check_send_arg(src_app, msg);

@@ -6,11 +6,20 @@
  *   -EAGAIN  would block, or a part of the application could not be created
  *   -EEXIST  already registered          -ENOBUFS a fixed table is full
  *   -1       a socket or system call failed
+ *   -EPERM   called in a child process, see below
  *
  * Threads. Every call may be made from any thread unless it says otherwise, and none may be made from a signal handler.
- * After fork() the child must not use the library. Callbacks of an application registered with zeb_register run on that
- * application's own thread, one at a time; those of one registered with zeb_register_without_thread run on the
- * library's receive thread and must not block. No callback runs while the library holds a lock. */
+ *
+ * Processes. The library belongs to the process that registered first. In a child that this forks later, every call
+ * that needs the library's sockets or locks does nothing and fails with -EPERM: registering, running, sending, calling,
+ * answering, groups, listings. Building and freeing messages, elements (zeb_tlv.h) and the configuration queries go on
+ * working. Every descriptor of the library is closed by exec, after which the child may start a library of its own, as
+ * may a child that was forked before the first registration. Signals do no harm: no call fails or returns early because
+ * of one.
+ *
+ * Callbacks of an application registered with zeb_register run on that application's own thread, one at a time; those
+ * of one registered with zeb_register_without_thread run on the library's receive thread and must not block. No
+ * callback runs while the library holds a lock. */
 #ifndef ZEB_H
 #define ZEB_H
 

@@ -344,9 +344,11 @@ void chaos_test::quiet()
     until([this] { return all_idle(); }, "calls have not ended");
     until([this] { return all_online(); }, "living pairs are not online");
     if (HasFailure()) {
-        for (member_t &member : members_)
+        for (member_t &member : members_) {
             printf("    %u on node %d: not online: %s\n", member.ledger->process, member.node,
                    member.program->ask("probe").c_str());
+            (void)member.program->ask("state");
+        }
     }
     tell_all("count");
 }

@@ -265,6 +265,17 @@ static void read_returned()
     }
 }
 
+static void print_state()
+{
+    zeb_buf_printf_reset();
+    zeb_cli_print_lib_info(s_apps[0]);
+    for (uint32_t app : s_apps) {
+        zeb_cli_print_fc_stat(app);
+        zeb_cli_print_mng_stat(app);
+    }
+    say((const char *)g_print_msg->data);
+}
+
 // Which instances cannot be written to, as " app>peer/node".
 static std::string unreachable()
 {
@@ -307,9 +318,8 @@ static std::string obey(const std::string &command)
         static char text[65536] = "";
         if (zeb_check_invariants != nullptr && zeb_check_invariants(text, sizeof(text)) != 0)
             return std::string(" ") + text;
-    } else if (command == "statistics") {
-        for (uint32_t app : s_apps)
-            printf("%s", statistics(app).c_str());
+    } else if (command == "state") {
+        print_state();
     }
     return "";
 }

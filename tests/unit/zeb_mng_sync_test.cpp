@@ -269,6 +269,30 @@ TEST_F(zeb_mng_sync, ordinary_traffic_is_taken_as_the_acknowledgement)
     EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
 }
 
+TEST_F(zeb_mng_sync, a_server_that_comes_online_by_its_traffic_is_a_server_with_a_join_event)
+{
+    peer_published();
+    peer_syncs();
+    receive(wire::message(from_peer(), {1}));
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    seen_t seen = take_seen();
+    ASSERT_EQ(seen.events.size(), 1u);
+    EXPECT_EQ(seen.events[0].type, (uint32_t)ZEB_APP_JOIN);
+    ASSERT_EQ(seen.headers.size(), 1u);
+    zeb_msg_t *msg = zeb_msg_alloc(1, 1, 0);
+    EXPECT_EQ(zeb_sendto(APP, PEER_NODE, PEER, msg, 0), 0) << "it can be written to";
+    free(msg);
+}
+
+TEST_F(zeb_mng_sync, a_client_that_comes_online_by_its_traffic_is_none)
+{
+    peer_published();
+    receive(wire::message(from_peer(wire::SYNC), wire::sync_inst(PEER_SEQ, PEER_PID, 0, 0)));
+    receive(wire::message(from_peer(), {1}));
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    EXPECT_TRUE(take_seen().events.empty());
+}
+
 // Retry.
 
 TEST_F(zeb_mng_sync, pending_synchronisations_are_sent_again_every_2_s_until_acknowledged)
