@@ -195,6 +195,17 @@ int zeb_fc_check(uint32_t src_app, uint32_t dst_app, int flags)
     return 0;
 }
 
+// Totals wrap: several peers' absurd acknowledgements may take them past either end.
+static int32_t minus(int32_t value, uint32_t amount)
+{
+    return (int32_t)((uint32_t)value - amount);
+}
+
+static int32_t plus_1(int32_t value)
+{
+    return (int32_t)((uint32_t)value + 1);
+}
+
 // Sender's side.
 
 void zeb_fc_update_sent_ok(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
@@ -207,8 +218,8 @@ void zeb_fc_update_sent_ok(uint32_t src_app, uint32_t dst_app, uint32_t dst_node
     zeb_send_app_fc_t *record = __zeb_get_send_app_fc(fc, dst_app, dst_node);
     fc->total_send++;
     record->send++;
-    fc->total_send_unack++;
-    record->unack++;
+    fc->total_send_unack = plus_1(fc->total_send_unack);
+    record->unack = plus_1(record->unack);
 }
 
 void zeb_fc_update_sent_reject(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
@@ -244,11 +255,6 @@ static uint32_t acknowledgeable(int32_t unack, uint32_t ack_num)
     return ack_num < room ? ack_num : (uint32_t)room;
 }
 
-static int32_t minus(int32_t value, uint32_t amount)
-{
-    return (int32_t)((uint32_t)value - amount);
-}
-
 void zeb_fc_update_sent_ack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node, uint32_t ack_num)
 {
     zeb_fc_t *fc = get_fc(my_app, my_app);
@@ -277,9 +283,9 @@ void zeb_fc_update_recv_ok(uint32_t src_app, uint32_t src_node, uint32_t my_app)
     zeb_scoped_lock lock(&fc->mutex);
     zeb_recv_app_fc_t *record = __zeb_get_recv_app_fc(fc, src_app, src_node);
     fc->total_recv++;
-    fc->total_recv_unack++;
+    fc->total_recv_unack = plus_1(fc->total_recv_unack);
     record->recv++;
-    record->unack++;
+    record->unack = plus_1(record->unack);
     // Under the mutex, so that no two acknowledgements of one batch go out. A failed one is tried with the next
     // message.
     if (record->unack <= (int32_t)ZEB_FC_ACK_BATCH || zeb_send_fc_ack(my_app, src_node, src_app, ZEB_FC_ACK_BATCH) != 0)

@@ -302,6 +302,19 @@ TEST_F(zeb_flow_ctrl, unknown_senders_are_counted_up_to_a_limit)
         list_del(&record.list);
 }
 
+TEST_F(zeb_flow_ctrl, absurd_acknowledgements_of_several_peers_wrap_the_total)
+{
+    for (uint32_t node : {1u, 2u}) // each takes its own record to the lowest number
+        zeb_fc_update_sent_ack(APP, PEER, node, 0xFFFFFFFF);
+    zeb_fc_update_sent_ack(APP, PEER, 3, 1);
+    int32_t total = zeb_get_app_fc(APP)->total_send_unack;
+    EXPECT_EQ(total, -1);
+    zeb_get_app_fc(APP)->total_send_unack = INT32_MAX;
+    zeb_fc_update_sent_ok(APP, PEER, 4);
+    EXPECT_EQ(zeb_get_app_fc(APP)->total_send_unack, INT32_MIN);
+    zeb_get_app_fc(APP)->total_send_unack = total + 1;
+}
+
 TEST_F(zeb_flow_ctrl, statistics_of_an_unknown_application_are_one_error)
 {
     EXPECT_EQ(logged(E, [] { zeb_mng_stat_update_sent(999, PEER, 9, 1); }),
