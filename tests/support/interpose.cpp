@@ -274,6 +274,8 @@ int socket(int domain, int type, int protocol)
     if (err != 0)
         return fail(err);
     int sd = eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK);
+    if (sd < 0)
+        return -1;
     state_t &s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.sockets[sd] = {type, false, {}, {}};
