@@ -140,6 +140,9 @@ int zeb_faults::run_with(int place)
 
 TEST_P(zeb_faults, one_failure_at_any_place_is_survived)
 {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer does not follow the threads of a forked child";
+#endif
     write_conf("[MISC_CONF]\nzeb_log_cfg=15\n");
     ASSERT_EQ(setenv("VELK_DIR", dir().c_str(), 1), 0);
     int place = 0;
