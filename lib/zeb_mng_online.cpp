@@ -284,8 +284,8 @@ static void instances_published(uint32_t lower, uint32_t upper)
         ZEB_WARN("ZEB perceived app %d/%d join.\n", app, node);
         bool known = g_zeb_mng.subscr_reopened && zeb_app_instance(app, node);
         zeb_app_inst_force_quit(app, node);
-        zeb_app_inst_join(app, node, 0);
-        if (known)
+        bool sent = zeb_synchronise(app, node, 0);
+        if (known || !sent)
             zeb_rejoin_later(app, node);
     });
 }

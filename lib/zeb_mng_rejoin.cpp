@@ -1,5 +1,5 @@
-// Instances that a reopened topology connection reports once more: every 5 s a synchronisation with the resume mark,
-// until the pair is online or the instance is withdrawn. Quits and joins in between leave the occasion alone: the
+// Instances whose report is not enough: every 5 s a synchronisation with the resume mark, until the instance is online
+// or withdrawn. Quits and joins in between leave the occasion alone: the
 // request itself makes them.
 #include "zeb_mng_rejoin.h"
 
@@ -40,7 +40,8 @@ void zeb_rejoin_later(uint32_t app, uint32_t node)
 }
 
 // A peer that was online with us forgets our identity when it begins anew, and then us, with our acknowledgement. A
-// further synchronisation makes such a peer begin once more; one that is online takes it for a repetition.
+// further synchronisation makes such a peer begin once more; one that is online takes it for a repetition. And it goes
+// to those that the first one did not reach.
 static void synchronise_again(uint32_t app, uint32_t node)
 {
     zeb_scoped_lock lock(&g_lib_mutex);

@@ -1,6 +1,8 @@
-// Instances that a reopened topology connection reports once more. A peer whose own connection held still takes us for
-// known and would not synchronise by itself, so it is asked to until the pair is online again.
-// Everything runs on the receive thread; g_lib_mutex guards the list.
+// Instances whose report is not enough to bring the pair online. One that a reopened topology connection reports once
+// more: a peer whose own connection held still takes us for known and would not synchronise by itself. And one to which
+// a synchronisation could not be sent: the peer would wait for it, and we not miss it once another application of ours
+// is online with the instance. Both are asked again until the pair is online. Everything runs on the receive thread;
+// g_lib_mutex guards the list.
 #ifndef ZEB_MNG_REJOIN_H
 #define ZEB_MNG_REJOIN_H
 

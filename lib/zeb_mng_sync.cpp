@@ -191,22 +191,31 @@ bool zeb_has_sync_inst_msg(uint32_t dst_app, uint32_t dst_node)
 
 void zeb_app_inst_join(uint32_t app, uint32_t node, int resume)
 {
+    (void)zeb_synchronise(app, node, resume);
+}
+
+bool zeb_synchronise(uint32_t app, uint32_t node, int resume)
+{
+    bool sent = true;
     zeb_scoped_lock lock(&g_lib_mutex);
     __zeb_clear_resume_comm(app, node);
     zeb_ol_app_t *ol = __zeb_get_ol_app(app);
     if (ol == nullptr) {
         ZEB_INFO("ZEB app %d/%d ol is NULL.\n", app, node);
-        return;
+        return true;
     }
     if (zeb_app_set_test(&ol->ol_bmp, node)) {
         ZEB_WARN("ZEB app %d/%d had already online.\n", app, node);
-        return;
+        return true;
     }
     list_each<zeb_subscr_app_t>(&ol->subscr_app_list, [&](const zeb_subscr_app_t *subscr) {
-        if (zeb_sync_app_inst(subscr->subscr_app, node, app, zeb_is_app_server(subscr->subscr_app) ? 1 : 0, resume) !=
+        if (zeb_sync_app_inst(subscr->subscr_app, node, app, zeb_is_app_server(subscr->subscr_app) ? 1 : 0, resume) ==
             0)
-            ZEB_ERROR("ZEB send app %d server notification to %d/%d failed.\n", subscr->subscr_app, app, node);
+            return;
+        ZEB_ERROR("ZEB send app %d server notification to %d/%d failed.\n", subscr->subscr_app, app, node);
+        sent = false;
     });
+    return sent;
 }
 
 void zeb_notify_app_join(uint32_t my_app, uint32_t inst_node, uint32_t inst_app)

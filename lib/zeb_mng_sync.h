@@ -81,6 +81,9 @@ void zeb_del_reject_sync_inst_ack(uint32_t src_app, uint32_t dst_app, uint32_t d
 // Synchronises every local subscriber of `app` with its instance on `node`.
 void zeb_app_inst_join(uint32_t app, uint32_t node, int resume);
 
+// The same; false when one of them could not be sent.
+bool zeb_synchronise(uint32_t app, uint32_t node, int resume);
+
 // Ordinary traffic of a synchronised instance taken as its acknowledgement.
 void zeb_notify_app_join(uint32_t my_app, uint32_t inst_node, uint32_t inst_app);
 

@@ -459,6 +459,39 @@ TEST_F(zeb_mng_sync, an_instance_reported_once_more_by_a_reopened_connection_is_
     EXPECT_EQ(sync_word(sent[0].bytes, 3), 0u);
 }
 
+TEST_F(zeb_mng_sync, an_instance_that_a_synchronisation_could_not_be_sent_to_is_tried_again)
+{
+    fault::fail_next("sendto", EHOSTUNREACH);
+    peer_published();
+    EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
+    auto timer = resume_timer();
+    ASSERT_EQ(timer.first, 5000u);
+    zeb_process_resume_timer_event(timer.second);
+    EXPECT_NE(sent_seq(), 0u);
+    EXPECT_TRUE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync,
+       a_synchronisation_that_did_not_reach_one_of_two_applications_is_sent_again_although_the_other_is_online)
+{
+    start_app(101);
+    (void)fake_tipc::take_sent();
+    fault::fail_next("sendto", EHOSTUNREACH, 1, 1); // that of the second
+    peer_published();
+    auto timer = resume_timer();
+    uint32_t seq = sent_seq();
+    peer_syncs();
+    ack(seq, PEER_SEQ);
+    ASSERT_TRUE(zeb_app_online(PEER, PEER_NODE)) << "by the first";
+    (void)fake_tipc::take_sent();
+    zeb_process_resume_timer_event(timer.second);
+    std::vector<uint32_t> from;
+    for (const fake_tipc::sent_t &sent : fake_tipc::take_sent())
+        from.push_back(wire::header_of(sent.bytes).src_app);
+    EXPECT_EQ(from, std::vector<uint32_t>({APP, 101}));
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+}
+
 TEST_F(zeb_mng_sync, an_instance_that_was_not_known_before_is_not_resumed_by_its_report)
 {
     g_zeb_mng.subscr_reopened = true;
