@@ -282,7 +282,8 @@ static void instances_published(uint32_t lower, uint32_t upper)
     ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] join.\n", lower, upper);
     each_instance(lower, upper, [](uint32_t app, uint32_t node) {
         ZEB_WARN("ZEB perceived app %d/%d join.\n", app, node);
-        bool known = g_zeb_mng.subscr_reopened && zeb_app_instance(app, node);
+        // A timer of the last report may have been lost with a further connection.
+        bool known = zeb_has_rejoin(app, node) || (g_zeb_mng.subscr_reopened && zeb_app_instance(app, node));
         zeb_app_inst_force_quit(app, node);
         bool sent = zeb_synchronise(app, node, 0);
         if (known || !sent)

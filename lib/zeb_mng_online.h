@@ -88,7 +88,7 @@ typedef struct zeb_subscr_app_s {
 typedef struct zeb_ol_app_s {
     struct list_head list; // in g_zeb_mng.ol_app_list
     uint32_t app_id;
-    zeb_app_set_t srv_bmp;            // said in its acknowledgement that it is a server
+    zeb_app_set_t srv_bmp;            // said that it is a server
     zeb_app_set_t inst_bmp;           // has synchronised with us
     zeb_app_set_t inst_ack_bmp;       // has acknowledged our synchronisation
     zeb_app_set_t ol_bmp;             // both, and the identities agree

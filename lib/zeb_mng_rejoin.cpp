@@ -20,6 +20,14 @@ static void remove_rejoin(uint32_t app, uint32_t node)
         &g_zeb_mng.rejoin_list, [&](const zeb_rejoin_t *rejoin) { return rejoin->app == app && rejoin->node == node; });
 }
 
+bool zeb_has_rejoin(uint32_t app, uint32_t node)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return list_find<zeb_rejoin_t>(&g_zeb_mng.rejoin_list, [&](const zeb_rejoin_t *rejoin) {
+               return rejoin->app == app && rejoin->node == node;
+           }) != nullptr;
+}
+
 void zeb_forget_rejoin(uint32_t app, uint32_t node)
 {
     remove_rejoin(app, node);

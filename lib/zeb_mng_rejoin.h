@@ -21,6 +21,7 @@ typedef struct zeb_rejoin_s {
 } zeb_rejoin_t;
 
 void zeb_rejoin_later(uint32_t app, uint32_t node);
+bool zeb_has_rejoin(uint32_t app, uint32_t node);
 void zeb_forget_rejoin(uint32_t app, uint32_t node); // the instance is withdrawn
 
 // True when `seq` names an occasion of ours, which is handled then.

@@ -492,6 +492,17 @@ TEST_F(zeb_mng_sync,
     EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
 }
 
+TEST_F(zeb_mng_sync, an_instance_reported_by_a_second_new_connection_before_it_is_online_is_resumed_as_well)
+{
+    peer_online();
+    g_zeb_mng.subscr_reopened = true;
+    peer_published();
+    ASSERT_EQ(resume_timer().first, 5000u);
+    peer_published(); // that timer was lost with its connection
+    EXPECT_EQ(resume_timer().first, 5000u);
+    EXPECT_EQ(list_length(&g_zeb_mng.rejoin_list), 1);
+}
+
 TEST_F(zeb_mng_sync, an_instance_that_was_not_known_before_is_not_resumed_by_its_report)
 {
     g_zeb_mng.subscr_reopened = true;
