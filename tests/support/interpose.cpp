@@ -537,6 +537,15 @@ int pthread_cond_init(pthread_cond_t *cond, const pthread_condattr_t *attr)
     return next_cond<int (*)(pthread_cond_t *, const pthread_condattr_t *)>("pthread_cond_init")(cond, attr);
 }
 
+int pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const struct timespec *deadline)
+{
+    int err = fault::take("pthread_cond_timedwait");
+    if (err != 0)
+        return err;
+    return next_cond<int (*)(pthread_cond_t *, pthread_mutex_t *, const struct timespec *)>("pthread_cond_timedwait")(
+        cond, mutex, deadline);
+}
+
 int pthread_cond_destroy(pthread_cond_t *cond)
 {
     (void)fault::take("pthread_cond_destroy");

@@ -2,6 +2,8 @@
 #include <thread>
 
 #include "lib_test.h"
+#include <sched.h>
+#include "zeb_rpc.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
@@ -313,6 +315,50 @@ TEST_F(zeb_flow_ctrl, absurd_acknowledgements_of_several_peers_wrap_the_total)
     zeb_fc_update_sent_ok(APP, PEER, 4);
     EXPECT_EQ(zeb_get_app_fc(APP)->total_send_unack, INT32_MIN);
     zeb_get_app_fc(APP)->total_send_unack = total + 1;
+}
+
+TEST_F(zeb_flow_ctrl, a_sender_without_relief_says_so_after_1_2_and_4_periods_and_asks_for_a_reload_after_3)
+{
+    for (int i = 0; i <= ZEB_FC_SEND_WINDOW; i++)
+        zeb_fc_update_sent_ok(APP, PEER, PEER_NODE);
+    (void)fake_tipc::take_sent();
+    lines_t lines;
+    std::thread blocked([&] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
+    lines = logged(E, [&] {
+        fault::fail_next("pthread_cond_timedwait", ETIMEDOUT, 4);
+        zeb_cond_broadcast(&zeb_get_app_fc(APP)->cond);
+        while (fake_tipc::take_sent().empty()) // the reload goes out, whatever pings do
+            (void)sched_yield();
+        while (fault::count("pthread_cond_timedwait") < 5) {
+            zeb_cond_broadcast(&zeb_get_app_fc(APP)->cond);
+            (void)sched_yield();
+        }
+    });
+    zeb_fc_update_sent_ack(APP, PEER, PEER_NODE, 1);
+    blocked.join();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "3 ZEB app 100 to 200/9 was blocked for too long."), 3);
+    EXPECT_THAT(lines, testing::Contains("3 ZEB app 100 try to reload 200/9 to resume communication."));
+}
+
+TEST_F(zeb_flow_ctrl, a_record_with_peers_is_removed_whole)
+{
+    zeb_fc_t *fc = zeb_add_app_fc(300);
+    zeb_mng_stat_t *stat = zeb_add_mng_stat(300);
+    zeb_app_rpc_wait_t *rpc = zeb_add_app_rpc_wait(300);
+    {
+        zeb_scoped_lock lock(&fc->mutex);
+        (void)__zeb_get_send_app_fc(fc, PEER, 1);
+        (void)__zeb_get_recv_app_fc(fc, PEER, 1);
+    }
+    auto *send = (zeb_send_mng_stat_t *)zeb_malloc(sizeof(zeb_send_mng_stat_t));
+    auto *recv = (zeb_recv_mng_stat_t *)zeb_malloc(sizeof(zeb_recv_mng_stat_t));
+    auto *wait = (zeb_rpc_wait_t *)zeb_malloc(sizeof(zeb_rpc_wait_t));
+    list_add_tail(&send->list, &stat->send_list);
+    list_add_tail(&recv->list, &stat->recv_list);
+    list_add_tail(&wait->list, &rpc->wait_list);
+    zeb_del_app_fc(fc); // a leak would be found under AddressSanitizer
+    zeb_del_mng_stat(stat);
+    zeb_del_app_rpc_wait(rpc);
 }
 
 TEST_F(zeb_flow_ctrl, statistics_of_an_unknown_application_are_one_error)
