@@ -321,12 +321,15 @@ TEST_F(zeb_flow_ctrl, a_sender_without_relief_says_so_after_1_2_and_4_periods_an
 {
     for (int i = 0; i <= ZEB_FC_SEND_WINDOW; i++)
         zeb_fc_update_sent_ok(APP, PEER, PEER_NODE);
-    (void)fake_tipc::take_sent();
+    zeb_run();
+    while (fault::count("poll") == 0) // the library's thread waits on no condition any more
+        (void)sched_yield();
+    int before = fault::count("pthread_cond_timedwait");
     fault::fail_next("pthread_cond_timedwait", ETIMEDOUT, 4);
     std::thread blocked;
     lines_t lines = logged(E, [&] {
         blocked = std::thread([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
-        while (fault::count("pthread_cond_timedwait") < 5) // four that time out, and one that waits
+        while (fault::count("pthread_cond_timedwait") < before + 5) // four that time out, and one that waits
             (void)sched_yield();
     });
     zeb_fc_update_sent_ack(APP, PEER, PEER_NODE, 1);
