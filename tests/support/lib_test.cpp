@@ -13,7 +13,7 @@
 #include "zeb_mng_recv.h"
 
 static std::mutex s_seen_mutex;
-static seen_t s_seen;
+static seen_t &s_seen = *new seen_t; // never destroyed: library threads outlive main
 
 static std::vector<std::string> open_files()
 {
