@@ -283,10 +283,11 @@ TEST_F(zeb_rpc_calls, the_limit_runs_from_the_last_wake_up)
 TEST_F(zeb_rpc_calls, time_out_0_waits_however_long)
 {
     peer_online(3);
-    std::thread caller([&] { (void)zeb_rpc(APP, PEER, msg_, 0, 0, &reply_); });
+    fault::end_waits(cond(), ETIMEDOUT, 100000); // more than a day of its slices
+    std::thread caller([&] { EXPECT_EQ(zeb_rpc(APP, PEER, msg_, 0, 0, &reply_), 0); });
     uint32_t seq = wait_requests(1);
-    struct timespec pause = {2, 500000000}; // more than two of its slices
-    (void)nanosleep(&pause, nullptr);
+    while (fault::waits(cond()) <= 100000)
+        (void)sched_yield();
     EXPECT_EQ(reply_.num, 0);
     answer(3, seq);
     caller.join();
