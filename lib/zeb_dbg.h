@@ -54,10 +54,4 @@ constexpr const char *zeb_file_name(const char *path)
 #define ZEB_WARN(...) ZEB_LOG(ZEB_DBG_LEVEL_WARN, __VA_ARGS__)
 #define ZEB_ERROR(...) ZEB_LOG(ZEB_DBG_LEVEL_ERROR, __VA_ARGS__)
 
-// Prints the header of a message in host order to standard output, when VERBOSE lines are printed.
-void zeb_dump_msg_hdr_info(const zeb_msg_t *msg);
-
-// Prints `len` bytes in hex to standard output, when ERROR lines are printed.
-void zeb_dump_msg_raw(const void *data, int len);
-
 #endif

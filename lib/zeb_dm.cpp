@@ -19,6 +19,7 @@
 FILE *g_zeb_log_fp;
 
 static FILE *s_stat_fp;
+static bool s_closed;       // relaxed; by zeb_dm_close_files, for good
 static size_t s_log_offset; // bytes since the file was opened or wrapped; relaxed
 static size_t s_log_size = ZEB_LOG_SIZE_DEFAULT;
 
@@ -34,7 +35,7 @@ void zeb_set_log_size(size_t size)
 
 void zeb_dm_record_log(const char *line)
 {
-    if (g_zeb_log_fp == nullptr)
+    if (g_zeb_log_fp == nullptr || zeb_load_relaxed(&s_closed))
         return;
     if (zeb_load_relaxed(&s_log_offset) >= zeb_load_relaxed(&s_log_size)) {
         // Not truncated: newer records overwrite older ones from the top.
@@ -81,7 +82,7 @@ static bool rewrite_stat(const char *when)
 
 void zeb_dm_record_stat()
 {
-    if (s_stat_fp == nullptr || g_print_msg == nullptr)
+    if (s_stat_fp == nullptr || g_print_msg == nullptr || zeb_load_relaxed(&s_closed))
         return;
     char when[32] = "";
     time_t now = time(nullptr);
@@ -99,11 +100,13 @@ static void flush_and_close(FILE *fp)
     (void)fclose(fp);
 }
 
-// The streams are not forgotten: the process asks to be aborted right afterwards.
+// The streams are not forgotten: the process asks to be aborted right afterwards. Until that happens its threads go on
+// logging, and a second peer may ask for the abort too: neither may touch the closed streams.
 void zeb_dm_close_files()
 {
-    if (g_zeb_log_fp == nullptr)
+    if (g_zeb_log_fp == nullptr || zeb_load_relaxed(&s_closed))
         return;
+    zeb_store_relaxed(&s_closed, true);
     flush_and_close(g_zeb_log_fp);
     if (s_stat_fp != nullptr)
         flush_and_close(s_stat_fp);

@@ -39,6 +39,7 @@ void zeb_mc_init(zeb_mc_t *mc);
 void zeb_get_app_mc_mbr(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out);
 void zeb_get_node_mc_mbr(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out);
 
-void zeb_cli_print_mc_info(zeb_mc_t *mc); // the caller holds the application record's mutex
+// Appends the groups to the print buffer; the caller holds the application record's mutex.
+extern "C" void zeb_cli_print_mc_info(zeb_mc_t *mc) __attribute__((visibility("default")));
 
 #endif

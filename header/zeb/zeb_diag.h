@@ -60,8 +60,13 @@ int zeb_buf_printf_reply(const zeb_msg_t *request);
 /* The print buffer as a message whose payload is the text and one NUL; null before the first zeb_buf_printf_reset. */
 extern zeb_msg_t *g_print_msg;
 
+/* Print to standard output: the header of a message in host order, when VERBOSE lines are printed; `len` bytes at
+ * `data` in hex, when ERROR lines are. A byte of 0x80 or more has eight digits. */
+void zeb_dump_msg_hdr_info(const zeb_msg_t *msg);
+void zeb_dump_msg_raw(const void *data, int len);
+
 /* Append to the print buffer: the state of the library, of `app`, and of those whom `app` talks to. Nothing is printed
- * for an application that is not registered here. */
+ * for an application that is not registered here. Each takes the lock of what it lists while it prints. */
 void zeb_cli_print_lib_info(uint32_t app);
 void zeb_cli_print_app_info(uint32_t app);
 void zeb_cli_print_app_comm(uint32_t src_app);

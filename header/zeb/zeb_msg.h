@@ -39,7 +39,7 @@ typedef enum zeb_reply_stat_e {
     ZEB_MISMATCH = 1,     /* library version mismatch */
     ZEB_APP_UNAVAIL = 2,  /* the application does not know the caller's instance */
     ZEB_APP_MISMATCH = 3, /* no dispatcher for the request's version; body zeb_mismatch_info_t in the sender's order */
-    ZEB_SYSTEM_ERR = 4,   /* the request could not be written, or the instance quit */
+    ZEB_SYSTEM_ERR = 4,   /* the request could not be written or was answered without a body, or the instance quit */
     ZEB_TIMEOUT = 5,      /* no answer in time */
     ZEB_REPLY_STAT_NUM = 6
 } zeb_reply_stat_t;

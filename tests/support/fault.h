@@ -3,6 +3,8 @@
 #ifndef TESTS_SUPPORT_FAULT_H
 #define TESTS_SUPPORT_FAULT_H
 
+#include <functional>
+#include <pthread.h>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,20 @@ namespace fault
 void fail_next(const std::string &call, int err, int times = 1, int skip = 0);
 
 constexpr int SHORT = -2;
+
+// Runs `fun` inside the call of `call` that comes after `skip` others, before it takes effect or fails with `err`.
+void run_next(const std::string &call, const std::function<void()> &fun, int skip = 0, int err = 0);
+
+// Timed waits that began on a condition, each with its mutex held, and its broadcasts.
+int waits(const pthread_cond_t *cond);
+int broadcasts(const pthread_cond_t *cond);
+
+// The next `times` timed waits on a condition return `result`: at once without waiting, or, when `late`, after each has
+// ended by itself.
+void end_waits(const pthread_cond_t *cond, int result, int times = 1, bool late = false);
+
+// The next broadcast of a condition fails.
+void fail_broadcast(const pthread_cond_t *cond, int err);
 
 // Calls since the last reset, failed ones included.
 int count(const std::string &call);

@@ -8,12 +8,14 @@
 #include <deque>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <functional>
 #include <mutex>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 #include "fake_tipc.h"
 #include "fault.h"
@@ -24,6 +26,17 @@ struct script_t {
     int err;
     int times;
     int skip;
+    std::function<void()> run;
+};
+
+// What tests know of one condition.
+struct cond_t {
+    int waits = 0;
+    int broadcasts = 0;
+    int result = 0; // of the next `times` waits
+    int times = 0;
+    bool late = false;
+    int broadcast_err = 0; // of the next broadcast
 };
 
 struct state_t {
@@ -38,6 +51,18 @@ struct state_t {
     std::vector<fake_tipc::sent_t> sent;
     std::vector<fake_tipc::bytes_t> subscriptions;
 };
+
+// Under a mutex of its own: the state's mutex is held where its condition is used.
+struct conds_t {
+    std::mutex mutex;
+    std::map<const pthread_cond_t *, cond_t> conds;
+};
+
+conds_t &conds()
+{
+    static conds_t *s = new conds_t; // never destroyed either
+    return *s;
+}
 
 state_t &state()
 {
@@ -101,7 +126,41 @@ void fail_next(const std::string &call, int err, int times, int skip)
 {
     state_t &s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    s.scripts[call].push_back({err, times, skip});
+    s.scripts[call].push_back({err, times, skip, nullptr});
+}
+
+void run_next(const std::string &call, const std::function<void()> &fun, int skip, int err)
+{
+    state_t &s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.scripts[call].push_back({err, 1, skip, fun});
+}
+
+int waits(const pthread_cond_t *cond)
+{
+    std::lock_guard<std::mutex> lock(conds().mutex);
+    return conds().conds[cond].waits;
+}
+
+int broadcasts(const pthread_cond_t *cond)
+{
+    std::lock_guard<std::mutex> lock(conds().mutex);
+    return conds().conds[cond].broadcasts;
+}
+
+void end_waits(const pthread_cond_t *cond, int result, int times, bool late)
+{
+    std::lock_guard<std::mutex> lock(conds().mutex);
+    cond_t &known = conds().conds[cond];
+    known.result = result;
+    known.times = times;
+    known.late = late;
+}
+
+void fail_broadcast(const pthread_cond_t *cond, int err)
+{
+    std::lock_guard<std::mutex> lock(conds().mutex);
+    conds().conds[cond].broadcast_err = err;
 }
 
 int count(const std::string &call)
@@ -125,6 +184,8 @@ void reset()
     s.scripts.clear();
     s.counts.clear();
     s.log.clear();
+    std::lock_guard<std::mutex> conds_lock(conds().mutex);
+    conds().conds.clear();
 }
 
 void redirect_file(const std::string &path, const std::string &instead)
@@ -148,7 +209,7 @@ int take(const char *call)
     if (!s_armed)
         return 0;
     state_t &s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    std::unique_lock<std::mutex> lock(s.mutex);
     s.counts[call]++;
     s.log.emplace_back(call);
     std::deque<script_t> &scripts = s.scripts[call];
@@ -160,8 +221,12 @@ int take(const char *call)
         return 0;
     }
     int err = script.err;
+    std::function<void()> run = script.run;
     if (--script.times == 0)
         scripts.pop_front();
+    lock.unlock();
+    if (run)
+        run();
     return err;
 }
 
@@ -537,19 +602,68 @@ int pthread_cond_init(pthread_cond_t *cond, const pthread_condattr_t *attr)
     return next_cond<int (*)(pthread_cond_t *, const pthread_condattr_t *)>("pthread_cond_init")(cond, attr);
 }
 
-int pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const struct timespec *deadline)
-{
-    int err = fault::take("pthread_cond_timedwait");
-    if (err != 0)
-        return err;
-    return next_cond<int (*)(pthread_cond_t *, pthread_mutex_t *, const struct timespec *)>("pthread_cond_timedwait")(
-        cond, mutex, deadline);
-}
-
 int pthread_cond_destroy(pthread_cond_t *cond)
 {
     (void)fault::take("pthread_cond_destroy");
     return next_cond<int (*)(pthread_cond_t *)>("pthread_cond_destroy")(cond);
+}
+
+int pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const struct timespec *deadline)
+{
+    static auto s_wait =
+        next_cond<int (*)(pthread_cond_t *, pthread_mutex_t *, const struct timespec *)>("pthread_cond_timedwait");
+    if (!fault::s_armed)
+        return s_wait(cond, mutex, deadline);
+    auto scripted = [cond](bool late) {
+        cond_t &known = conds().conds[cond];
+        return known.times > 0 && known.late == late && known.times-- > 0;
+    };
+    {
+        std::lock_guard<std::mutex> lock(conds().mutex);
+        conds().conds[cond].waits++;
+        if (scripted(false))
+            return conds().conds[cond].result;
+    }
+    int ret = s_wait(cond, mutex, deadline);
+    std::lock_guard<std::mutex> lock(conds().mutex);
+    return scripted(true) ? conds().conds[cond].result : ret;
+}
+
+int pthread_cond_broadcast(pthread_cond_t *cond)
+{
+    static auto s_broadcast = next_cond<int (*)(pthread_cond_t *)>("pthread_cond_broadcast");
+    if (fault::s_armed) {
+        std::lock_guard<std::mutex> lock(conds().mutex);
+        cond_t &known = conds().conds[cond];
+        known.broadcasts++;
+        if (known.broadcast_err != 0)
+            return std::exchange(known.broadcast_err, 0);
+    }
+    return s_broadcast(cond);
+}
+
+ssize_t readlink(const char *path, char *buf, size_t len)
+{
+    int err = fault::take("readlink");
+    if (err != 0)
+        return fail(err);
+    return next<ssize_t (*)(const char *, char *, size_t)>("readlink")(path, buf, len);
+}
+
+int fseek(FILE *fp, long offset, int whence)
+{
+    int err = fault::take("fseek");
+    if (err != 0)
+        return fail(err);
+    return next<int (*)(FILE *, long, int)>("fseek")(fp, offset, whence);
+}
+
+int fsync(int fd)
+{
+    int err = fault::take("fsync");
+    if (err != 0)
+        return fail(err);
+    return next<int (*)(int)>("fsync")(fd);
 }
 
 // The library registers one callback; the test framework registers none through here that may fail.

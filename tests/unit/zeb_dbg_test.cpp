@@ -177,6 +177,8 @@ TEST_F(zeb_dbg, the_raw_dump_takes_bytes_as_signed)
     EXPECT_EQ(logged(E, [&] { zeb_dump_msg_raw(bytes, 18); }),
               lines_t({"=== ZEB message raw data len 18 ===", " 01 ffffff9c 00 00 00 00 00 00 00 00 00 00 00 00 00 00",
                        " 00 00"}));
+    EXPECT_EQ(logged(E, [&] { zeb_dump_msg_raw(bytes + 2, 16); }),
+              lines_t({"=== ZEB message raw data len 16 ===", " 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00", ""}));
     EXPECT_TRUE(logged(V, [&] { zeb_dump_msg_raw(bytes, 18); }).empty());
 }
 
@@ -205,6 +207,25 @@ TEST_F(zeb_dbg, two_hundred_pieces_of_100_characters_stop_at_16368_with_the_over
     EXPECT_EQ(g_print_msg->hdr.len, 16368u);
     EXPECT_EQ(g_print_msg->data[16368 - 36 - 1], 0);
     EXPECT_EQ(g_print_msg->data[16368 - 36 - 2], 'x');
+}
+
+TEST_F(zeb_dbg, the_piece_that_overflows_is_cut_to_the_room)
+{
+    std::string piece(254, 'x');
+    zeb_buf_printf_reset();
+    while (g_print_msg->hdr.len + 254 <= 16368)
+        zeb_buf_printf("%s", piece.c_str());
+    uint32_t room = 16368 - g_print_msg->hdr.len;
+    ASSERT_GT(room, 1u);
+    piece.assign(room, 'y');
+    zeb_buf_printf("%s", piece.c_str());
+    EXPECT_EQ(g_print_msg->hdr.len, 16368u);
+    EXPECT_EQ(buffer_text().size(), 16331u) << "a piece that just fits is no overflow";
+    zeb_buf_printf("%s", "");
+    EXPECT_EQ(buffer_text()[0], 'x');
+    zeb_buf_printf("z");
+    EXPECT_EQ(buffer_text(), "*** PRINT BUFFER STRING OVERFLOW ***\n");
+    EXPECT_EQ(g_print_msg->data[16330], 'y') << "the end stays";
 }
 
 TEST_F(zeb_dbg, a_piece_is_cut_at_255_characters)

@@ -51,6 +51,32 @@ class zeb_dm : public lib_test
         return text.str();
     }
 
+    // The descriptor that this process has open on `path`, or -1.
+    static int descriptor_of(const std::string &path)
+    {
+        for (int fd = 3; fd < 64; fd++) {
+            char target[256] = "";
+            if (readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target) - 1) > 0 &&
+                path == target)
+                return fd;
+        }
+        return -1;
+    }
+
+    // Records a dump while `call` fails; opens the files at the first use.
+    lines_t record_with(const std::string &call)
+    {
+        if (g_zeb_log_fp == nullptr)
+            open_files();
+        zeb_buf_printf_reset();
+        zeb_buf_printf("text\n");
+        return logged(E, [&] {
+            if (!call.empty())
+                fault::fail_next(call, EIO);
+            zeb_dm_record_stat();
+        });
+    }
+
     void open_files()
     {
         write_conf("[MISC_CONF]\nzeb_log_cfg=0xf\n");
@@ -82,7 +108,19 @@ TEST_F(zeb_dm, both_files_are_made_with_their_names_mode_and_close_on_exec)
     EXPECT_EQ(status.st_mode & 0777, 0777u);
     ASSERT_EQ(stat((log_dir() + "/" + stats[0]).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0777u);
-    EXPECT_EQ(fcntl(fileno(g_zeb_log_fp), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    for (const std::string &path : {log_dir() + "/" + logs[0], log_dir() + "/" + stats[0]}) {
+        int fd = descriptor_of(path);
+        ASSERT_GE(fd, 0);
+        EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    }
+}
+
+TEST_F(zeb_dm, without_the_executables_path_there_is_no_file_and_nothing_said)
+{
+    fault::fail_next("readlink", EACCES);
+    EXPECT_EQ(logged(15, [] { zeb_dm_init(); }), lines_t({}));
+    EXPECT_EQ(g_zeb_log_fp, nullptr);
+    EXPECT_TRUE(files("").empty());
 }
 
 TEST_F(zeb_dm, a_record_is_the_local_time_and_the_line)
@@ -201,19 +239,94 @@ TEST_F(zeb_dm, a_full_disk_ends_the_statistics_with_one_error)
     open_files();
     std::string path = log_dir() + "/" + files("stat-")[0];
     // The descriptor of the statistics file now leads to a device that is always full.
-    for (int fd = 3; fd < 64; fd++) {
-        char target[256] = "";
-        if (readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target) - 1) > 0 &&
-            path == target) {
-            int full = open("/dev/full", O_WRONLY);
-            (void)dup2(full, fd);
-            (void)close(full);
-        }
-    }
+    int full = open("/dev/full", O_WRONLY);
+    ASSERT_GE(dup2(full, descriptor_of(path)), 0);
+    (void)close(full);
     zeb_buf_printf_reset();
     zeb_buf_printf("text\n");
     lines_t lines = logged(E, [] { zeb_dm_record_stat(); });
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0], "3 ZEB truncate stat file failed: Invalid argument.");
     EXPECT_EQ(logged(E, [] { zeb_dm_record_stat(); }), lines_t({})) << "no further statistics";
+}
+
+TEST_F(zeb_dm, a_failed_seek_ends_the_statistics)
+{
+    EXPECT_EQ(record_with("fseek"), lines_t({"3 ZEB seek stat file failed: Input/output error."}));
+    EXPECT_EQ(record_with(""), lines_t({}));
+    EXPECT_EQ(content(log_dir() + "/" + files("stat-")[0]), "") << "no further statistics";
+}
+
+TEST_F(zeb_dm, statistics_that_cannot_be_forced_to_disk_end)
+{
+    EXPECT_EQ(record_with("fsync"), lines_t({"3 ZEB write stat file failed: Input/output error."}));
+    EXPECT_EQ(descriptor_of(log_dir() + "/" + files("stat-")[0]), -1) << "the file is closed";
+    int syncs = fault::count("fsync");
+    EXPECT_EQ(record_with(""), lines_t({}));
+    EXPECT_EQ(fault::count("fsync"), syncs);
+}
+
+TEST_F(zeb_dm, a_record_whose_wrap_fails_is_dropped)
+{
+    open_files();
+    zeb_set_log_size(1);
+    std::string path = log_dir() + "/" + files("log-")[0];
+    zeb_dm_record_log("<f, 1> 3: ZEB first.\n");
+    std::string before = content(path);
+    fault::fail_next("fseek", EIO);
+    zeb_dm_record_log("<f, 1> 3: ZEB lost.\n");
+    EXPECT_EQ(content(path), before);
+    zeb_dm_record_log("<f, 1> 3: ZEB again.\n");
+    EXPECT_NE(content(path).find("ZEB again."), std::string::npos);
+}
+
+TEST_F(zeb_dm, a_percent_sign_in_an_argument_is_recorded_as_it_stands)
+{
+    open_files();
+    ZEB_ERROR("ZEB name [%s]\n", "50%% %s");
+    EXPECT_THAT(content(log_dir() + "/" + files("log-")[0]), testing::EndsWith("> 3: ZEB name [50%% %s]\n"));
+}
+
+TEST_F(zeb_dm, of_many_old_files_only_the_first_25_read_are_thinned_out)
+{
+    ASSERT_EQ(system(("mkdir -p " + log_dir()).c_str()), 0);
+    for (int i = 1; i <= 30; i++)
+        std::ofstream(log_dir() + "/log-zeb_unit_test-1-" + std::to_string(i)) << i;
+    open_files();
+    EXPECT_EQ(files("log-zeb_unit_test-1-").size(), 10u);
+}
+
+TEST_F(zeb_dm, an_old_file_whose_path_is_too_long_is_left_alone)
+{
+    ASSERT_EQ(system(("mkdir -p " + log_dir()).c_str()), 0);
+    std::string old = log_dir() + "/log-zeb_unit_test-";
+    old.append(128 - old.size(), 'x'); // one more than fits with its terminator
+    std::ofstream(old) << "old";
+    struct utimbuf times = {1, 1};
+    ASSERT_EQ(utime(old.c_str(), &times), 0);
+    old.pop_back();
+    std::ofstream(old) << "old";
+    ASSERT_EQ(utime(old.c_str(), &times), 0);
+    for (int i = 1; i <= 5; i++)
+        std::ofstream(log_dir() + "/log-zeb_unit_test-1-" + std::to_string(i)) << i;
+    open_files();
+    EXPECT_EQ(files("log-zeb_unit_test-1-").size(), 5u);
+    EXPECT_NE(access(old.c_str(), F_OK), 0) << "the one that just fits is deleted";
+    EXPECT_EQ(access((old + "x").c_str(), F_OK), 0);
+}
+
+TEST_F(zeb_dm, closed_files_are_neither_written_nor_closed_again)
+{
+    open_files();
+    ZEB_ERROR("ZEB last.\n");
+    zeb_buf_printf_reset();
+    zeb_buf_printf("text\n");
+    int syncs = fault::count("fsync");
+    zeb_dm_close_files();
+    EXPECT_EQ(fault::count("fsync"), syncs + 2) << "forced to disk";
+    ZEB_ERROR("ZEB after.\n");
+    zeb_dm_record_stat();
+    zeb_dm_close_files(); // a second peer may ask for the abort
+    EXPECT_THAT(content(log_dir() + "/" + files("log-")[0]), testing::EndsWith("ZEB last.\n"));
+    EXPECT_EQ(content(log_dir() + "/" + files("stat-")[0]), "");
 }

@@ -3,6 +3,7 @@
 
 #include "lib_test.h"
 #include <sched.h>
+#include "zeb_app_info.h"
 #include "zeb_rpc.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
@@ -36,6 +37,21 @@ class zeb_flow_ctrl : public lib_test
     {
         for (int i = 0; i < num; i++)
             zeb_fc_update_recv_ok(PEER, node, APP);
+    }
+
+    static pthread_cond_t *cond()
+    {
+        return &zeb_get_app_fc(APP)->cond.impl;
+    }
+
+    // A sender that is held back, waiting when this returns.
+    static std::thread blocked_sender()
+    {
+        int before = fault::waits(cond());
+        std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
+        while (fault::waits(cond()) == before)
+            (void)sched_yield();
+        return sender;
     }
 
     static bool accepts()
@@ -111,7 +127,7 @@ TEST_F(zeb_flow_ctrl, a_failed_acknowledgement_is_tried_with_the_next_message)
 TEST_F(zeb_flow_ctrl, an_acknowledgement_wakes_a_blocked_sender)
 {
     sent(1025);
-    std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
+    std::thread sender = blocked_sender();
     zeb_fc_update_sent_ack(APP, PEER, 9, 512);
     sender.join();
     EXPECT_THAT(text(), testing::HasSubstr("Send to application 200/9: send 1025, unack 513,"));
@@ -123,7 +139,7 @@ TEST_F(zeb_flow_ctrl, a_quit_wakes_a_blocked_sender_and_forgets_the_pair)
     sent(1025);
     received(3);
     zeb_fc_update_recv_drop(PEER, 9, APP, 2);
-    std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
+    std::thread sender = blocked_sender();
     EXPECT_EQ(logged(I, [] { zeb_fc_reset_unack(APP, PEER, 9); }),
               lines_t({"1 ZEB reset unack stat between app 100 and 200/9."}));
     sender.join();
@@ -132,6 +148,160 @@ TEST_F(zeb_flow_ctrl, a_quit_wakes_a_blocked_sender_and_forgets_the_pair)
                       "  total receive 0, unack 0, exception 0\n"
                       "    Send to application 200/9: send 0, unack 0, reject 0, RPC reply reject 0\n"
                       "    Receive from application 200/9: receive 0, unack 0, drop 0, return 0\n");
+}
+
+TEST_F(zeb_flow_ctrl, a_join_wakes_a_blocked_sender)
+{
+    sent(1025);
+    std::thread sender = blocked_sender();
+    zeb_fc_adjust_statistics(APP, PEER, 9);
+    sender.join();
+    EXPECT_THAT(text(), testing::HasSubstr("Send to application 200/9: send 0, unack 0, reject 1025,"));
+}
+
+// The tail of a line that is about a block of PEER on node 9.
+static bool tells_of_block(const std::string &line)
+{
+    return line.find("blocked for too long") != std::string::npos || line.find("reload") != std::string::npos ||
+           line.find(" send to application") != std::string::npos;
+}
+
+TEST_F(zeb_flow_ctrl, a_blocked_sender_logs_and_pings_after_1_2_4_and_8_periods_and_asks_for_a_reload_after_3)
+{
+    sent(1025, 9);
+    sent(5, 10);
+    sent(1026, 11);
+    (void)fake_tipc::take_sent();
+    lines_t lines = logged(E, [] {
+        fault::end_waits(cond(), ETIMEDOUT, 9);
+        int begun = fault::waits(cond());
+        std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
+        while (fault::waits(cond()) < begun + 10)
+            (void)sched_yield();
+        zeb_fc_update_sent_ack(APP, PEER, 9, 512);
+        zeb_fc_update_sent_ack(APP, PEER, 11, 512);
+        sender.join();
+    });
+    lines.erase(std::remove_if(lines.begin(), lines.end(), [](const std::string &l) { return !tells_of_block(l); }),
+                lines.end());
+    const lines_t period = {
+        "3 ZEB app 100 to 200/9 was blocked for too long.", "3 ZEB app 100 to 200/11 was blocked for too long.",
+        "3 ZEB app 100 send to application 200/9: send 1025, unack 1025, reject 0, RPC reply reject 0",
+        "3 ZEB app 100 send to application 200/11: send 1026, unack 1026, reject 0, RPC reply reject 0"};
+    lines_t expected;
+    for (int count : {1, 2, 3, 4, 8}) {
+        if (count != 3) {
+            expected.insert(expected.end(), period.begin(), period.end());
+            continue;
+        }
+        expected.emplace_back("3 ZEB app 100 try to reload 200/9 to resume communication.");
+        expected.emplace_back("3 ZEB app 100 try to reload 200/11 to resume communication.");
+    }
+    EXPECT_EQ(lines, expected);
+    lines_t messages;
+    for (const fake_tipc::sent_t &message : fake_tipc::take_sent())
+        messages.push_back(std::to_string(wire::header_of(message.bytes).dst_node) + " " +
+                           wire::hex(wire::body_of(message.bytes)));
+    const std::string ping = "00040006";
+    const std::string reload = "00040008";
+    EXPECT_EQ(messages, lines_t({"9 " + ping, "11 " + ping, "9 " + ping, "11 " + ping, "9 " + reload, "11 " + reload,
+                                 "9 " + ping, "11 " + ping, "9 " + ping, "11 " + ping}));
+}
+
+TEST_F(zeb_flow_ctrl, waking_early_counts_as_no_period)
+{
+    sent(2000);
+    EXPECT_EQ(logged(E,
+                     [] {
+                         std::thread sender = blocked_sender();
+                         for (int i = 0; i < 5; i++) {
+                             int begun = fault::waits(cond());
+                             zeb_fc_update_sent_ack(APP, PEER, 9, 1); // not enough
+                             while (fault::waits(cond()) == begun)
+                                 (void)sched_yield();
+                         }
+                         zeb_fc_update_sent_ack(APP, PEER, 9, 1000);
+                         sender.join();
+                     }),
+              lines_t({}));
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+}
+
+TEST_F(zeb_flow_ctrl, a_wait_or_broadcast_that_fails_ends_the_process_except_on_quit)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    sent(1025);
+    EXPECT_DEATH(
+        {
+            fault::end_waits(cond(), EINVAL);
+            (void)zeb_fc_check(APP, PEER, 0);
+        },
+        "ret == 0");
+    EXPECT_DEATH(
+        {
+            fault::fail_broadcast(cond(), EINVAL);
+            zeb_fc_update_sent_ack(APP, PEER, 9, 1);
+        },
+        "ret == 0");
+    EXPECT_DEATH(
+        {
+            fault::fail_broadcast(cond(), EINVAL);
+            zeb_fc_adjust_statistics(APP, PEER, 9);
+        },
+        "ret == 0");
+    fault::fail_broadcast(cond(), EINVAL);
+    zeb_fc_reset_unack(APP, PEER, 9);
+    EXPECT_TRUE(accepts());
+}
+
+TEST_F(zeb_flow_ctrl, the_lines_of_a_sender_are_these)
+{
+    lines_t lines = logged(15, [] {
+        EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0);
+        zeb_fc_update_sent_ok(APP, PEER, 9);
+        zeb_fc_update_sent_ok(APP, PEER, 9);
+        zeb_fc_update_sent_reject(APP, PEER, 9);
+        zeb_fc_update_rpc_reply_exception(APP, PEER, 9);
+        zeb_fc_update_sent_ack(APP, PEER, 9, 2);
+    });
+    EXPECT_EQ(lines,
+              lines_t({"0 ZEB app 100 accept new msg to 200.", "0 ZEB app 100 update send OK to 200/9.",
+                       "0 ZEB app 100 add new send flow ctrl to 200/9.", "0 ZEB app 100 update send OK to 200/9.",
+                       "0 ZEB app 100 update send reject to 200/9.", "0 ZEB app 100 update RPC reply reject to 200/9.",
+                       "0 ZEB app 100 update send ack from 200/9, ack num 2.",
+                       "0 ZEB notify waiting app 100 to 200/9 continue to send msg."}));
+    sent(1025);
+    EXPECT_EQ(logged(V, [] { EXPECT_FALSE(accepts()); }), lines_t({"0 ZEB app 100 reject new msg to 200."}));
+    zeb_fc_update_recv_retdata(PEER, 9, APP); // makes the record
+    lines = logged(V, [] {
+        std::thread sender = blocked_sender();
+        zeb_fc_reset_unack(APP, PEER, 9);
+        sender.join();
+    });
+    EXPECT_EQ(lines,
+              lines_t({"0 ZEB app 100 reject new msg to 200.", "0 ZEB app 100 to 200 wait for sending.",
+                       "0 ZEB app 100 reject new msg to 200.", "0 ZEB app 100 to 200 wait for flow ctrl condition.",
+                       "0 ZEB app 100 accept new msg to 200.", "0 ZEB app 100 to 200 continue to send."}));
+}
+
+TEST_F(zeb_flow_ctrl, the_lines_of_a_receiver_are_these)
+{
+    lines_t lines = logged(15, [] {
+        zeb_fc_update_recv_ok(PEER, 9, APP);
+        zeb_fc_update_recv_drop(PEER, 9, APP, 3);
+        zeb_fc_update_recv_retdata(PEER, 9, APP);
+        zeb_fc_update_recv_exception(APP);
+    });
+    EXPECT_EQ(lines,
+              lines_t({"0 ZEB app 100 update recv OK from 200/9.", "0 ZEB app 100 add new recv flow ctrl from 200/9.",
+                       "0 ZEB app 100 update recv drop num 3 from 200/9.",
+                       "0 ZEB app 100 update recv retdata from 200/9.", "3 ZEB app 100 update recv exception msg."}));
+    received(511);
+    lines = logged(V, [] { received(1); });
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0], "0 ZEB app 100 update recv OK from 200/9.");
+    EXPECT_EQ(lines[1], "0 ZEB app 100 send msg ack num 512 to 200/9.");
+    EXPECT_EQ(lines[3], "0 ZEB app 100 sent recv num ack 512 to 200/9 OK.");
 }
 
 TEST_F(zeb_flow_ctrl, a_join_turns_what_was_sent_into_rejects)
@@ -155,6 +325,10 @@ TEST_F(zeb_flow_ctrl, a_join_after_nothing_was_sent_changes_nothing_on_the_send_
     EXPECT_EQ(logged(W, [] { zeb_fc_adjust_statistics(APP, PEER, 9); }), lines_t({}));
     EXPECT_THAT(text(),
                 testing::HasSubstr("Send to application 200/9: send 0, unack 0, reject 1, RPC reply reject 0\n"));
+    EXPECT_EQ(fault::broadcasts(cond()), 0) << "and wakes nobody";
+    sent(1);
+    zeb_fc_adjust_statistics(APP, PEER, 9);
+    EXPECT_EQ(fault::broadcasts(cond()), 1);
 }
 
 TEST_F(zeb_flow_ctrl, a_refusal_to_no_single_instance_is_never_in_a_record)
@@ -192,6 +366,15 @@ TEST_F(zeb_flow_ctrl, without_a_record_there_is_one_error)
     EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(PEER, 9, 999, 0); }), lines_t({}));
     EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_retdata(PEER, 9, 999); }),
               lines_t({"3 ZEB app 200 get flow control failed."}));
+    const std::function<void()> others[] = {
+        [] { zeb_fc_update_sent_ok(999, PEER, 9); },
+        [] { zeb_fc_update_sent_reject(999, PEER, 9); },
+        [] { zeb_fc_update_rpc_reply_exception(999, PEER, 9); },
+        [] { zeb_fc_adjust_statistics(999, PEER, 9); },
+        [] { zeb_fc_update_recv_exception(999); },
+    };
+    for (const auto &call : others)
+        EXPECT_EQ(logged(15, call), lines_t({"3 ZEB app 999 get flow control failed."}));
     EXPECT_EQ(logged(E, [] { zeb_fc_reset_unack(999, PEER, 9); }),
               lines_t({"3 ZEB get app 999 flow ctrl info failed."}));
     EXPECT_EQ(logged(E, [] { zeb_fc_update_sent_ack(999, PEER, 9, 1); }),
@@ -235,6 +418,30 @@ TEST_F(zeb_flow_ctrl, a_ping_is_answered_with_the_own_view_and_an_echo)
     EXPECT_EQ(logged(0, [] { zeb_fc_ping_request(PEER, 9, APP); }), lines_t({}));
     EXPECT_EQ(fake_tipc::take_sent().size(), 1u) << "the echo goes out all the same";
     EXPECT_EQ(logged(E, [] { zeb_fc_ping_echo(PEER, 9, APP); }), lines_t({"3 ZEB app 100 recv ping echo from 200/9."}));
+}
+
+TEST_F(zeb_flow_ctrl, a_ping_tells_how_many_messages_of_the_sender_are_still_queued)
+{
+    const zeb_msg_dispatcher_t table[] = {{1, see_msg}, {0, nullptr}};
+    ASSERT_EQ(zeb_register(300, "queued", table, see_event), 0); // its thread waits for the library to run
+    ASSERT_EQ(zeb_comm_with(300, PEER), 0);
+    peer_online(9, true, PEER, 300);
+    peer_online(10, true, PEER, 300);
+    for (uint32_t node : {9u, 10u, 9u})
+        receive(wire::message(from_peer(0, node, PEER, 300), {1}), 300);
+    lines_t lines = logged(E, [] { zeb_fc_ping_request(PEER, 9, 300); });
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[1], "3 ZEB app 300 from 200/9 unprocess num: 2.");
+}
+
+TEST_F(zeb_flow_ctrl, with_errors_neither_printed_nor_recorded_a_ping_does_not_count_the_queue)
+{
+    zeb_app_info_t *info = zeb_get_app_info(APP);
+    zeb_mutex_lock(&info->mutex); // counting would wait for it
+    EXPECT_EQ(logged(V | I | W, [] { zeb_fc_ping_request(PEER, 9, APP); }),
+              lines_t({"0 ZEB app 100 ping echo to 200/9.", "0 ZEB app 100 sent to 200/9, msg len 40."}));
+    zeb_mutex_unlock(&info->mutex);
+    EXPECT_EQ(fake_tipc::take_sent().size(), 1u);
 }
 
 // Statistics of synchronisation messages.
@@ -281,7 +488,10 @@ TEST_F(zeb_flow_ctrl, another_type_is_warned_about_but_makes_the_record)
               lines_t({"2 ZEB app 100 update send mng msg stat type 0 not support."}));
     EXPECT_EQ(logged(W, [] { zeb_mng_stat_update_recv(APP, PEER, 9, 3); }),
               lines_t({"2 ZEB app 100 update recv mng msg stat type 3 not support."}));
-    EXPECT_THAT(stat_text(), testing::HasSubstr("total send 0, total recv 0\n    Send to application 200/9: inst 0,"));
+    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
+                           "  total send 0, total recv 0\n"
+                           "    Send to application 200/9: inst 0, inst ack 0, inst seq ack 0, failed 0\n"
+                           "    Receive from application 200/9: inst 0, inst ack 0, inst seq ack 0,reject 0\n");
 }
 
 TEST_F(zeb_flow_ctrl, a_synchronisation_returned_by_application_1_changes_no_counter)
@@ -317,27 +527,6 @@ TEST_F(zeb_flow_ctrl, absurd_acknowledgements_of_several_peers_wrap_the_total)
     zeb_get_app_fc(APP)->total_send_unack = total + 1;
 }
 
-TEST_F(zeb_flow_ctrl, a_sender_without_relief_says_so_after_1_2_and_4_periods_and_asks_for_a_reload_after_3)
-{
-    for (int i = 0; i <= ZEB_FC_SEND_WINDOW; i++)
-        zeb_fc_update_sent_ok(APP, PEER, PEER_NODE);
-    zeb_run();
-    while (fault::count("poll") == 0) // the library's thread waits on no condition any more
-        (void)sched_yield();
-    int before = fault::count("pthread_cond_timedwait");
-    fault::fail_next("pthread_cond_timedwait", ETIMEDOUT, 4);
-    std::thread blocked;
-    lines_t lines = logged(E, [&] {
-        blocked = std::thread([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
-        while (fault::count("pthread_cond_timedwait") < before + 5) // four that time out, and one that waits
-            (void)sched_yield();
-    });
-    zeb_fc_update_sent_ack(APP, PEER, PEER_NODE, 1);
-    blocked.join();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "3 ZEB app 100 to 200/9 was blocked for too long."), 3);
-    EXPECT_THAT(lines, testing::Contains("3 ZEB app 100 try to reload 200/9 to resume communication."));
-}
-
 TEST_F(zeb_flow_ctrl, a_record_with_peers_is_removed_whole)
 {
     zeb_fc_t *fc = zeb_add_app_fc(300);
@@ -361,6 +550,35 @@ TEST_F(zeb_flow_ctrl, a_record_with_peers_is_removed_whole)
 
 TEST_F(zeb_flow_ctrl, statistics_of_an_unknown_application_are_one_error)
 {
-    EXPECT_EQ(logged(E, [] { zeb_mng_stat_update_sent(999, PEER, 9, 1); }),
-              lines_t({"3 ZEB app 999 get mng msg stat failed."}));
+    const std::function<void()> calls[] = {
+        [] { zeb_mng_stat_update_sent(999, PEER, 9, 1); },   [] { zeb_mng_stat_update_recv(999, PEER, 9, 1); },
+        [] { zeb_mng_stat_update_send_fail(PEER, 9, 999); }, [] { zeb_mng_stat_update_recv_reject(PEER, 9, 999); },
+        [] { zeb_clean_mng_msg_stat(999, PEER, 9); },
+    };
+    for (const auto &call : calls)
+        EXPECT_EQ(logged(E, call), lines_t({"3 ZEB app 999 get mng msg stat failed."}));
+    zeb_buf_printf_reset();
+    zeb_cli_print_mng_stat(999);
+    EXPECT_EQ(buffer_text(), "");
+}
+
+TEST_F(zeb_flow_ctrl, the_lines_of_the_statistics_are_these)
+{
+    EXPECT_EQ(logged(15,
+                     [] {
+                         zeb_mng_stat_update_sent(APP, PEER, 9, 2);
+                         zeb_mng_stat_update_recv(APP, PEER, 9, 9);
+                         zeb_mng_stat_update_send_fail(PEER, 9, APP);
+                         zeb_mng_stat_update_recv_reject(PEER, 9, APP);
+                         zeb_clean_mng_msg_stat(APP, PEER, 10);
+                     }),
+              lines_t({"0 ZEB app 100 update send mng msg stat to 200/9, type 2.",
+                       "0 ZEB app 100 add new send mng msg stat to 200/9.",
+                       "0 ZEB app 100 update recv mng msg stat to 200/9, type 9.",
+                       "0 ZEB app 100 add new recv mng msg stat from 200/9.",
+                       "0 ZEB app 100 update send fail mng msg to 200/9.",
+                       "0 ZEB app 100 update recv reject mng msg from 200/9.",
+                       "1 ZEB clean mng msg stat between app 100 and 200/10.",
+                       "0 ZEB app 100 add new recv mng msg stat from 200/10.",
+                       "0 ZEB app 100 add new send mng msg stat to 200/10."}));
 }

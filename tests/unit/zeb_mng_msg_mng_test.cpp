@@ -4,6 +4,7 @@
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_mng_msg.h"
+#include "zeb_rpc.h"
 
 using wire::operator+;
 
@@ -222,12 +223,55 @@ TEST_F(zeb_mng_msg_mng, the_daemon_sees_whole_messages_in_its_dispatcher)
     auto sent = fake_tipc::take_sent();
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(wire::header_of(sent[0].bytes).stat, 3u);
+    zeb_mismatch_info_t range;
+    ASSERT_EQ(wire::body_of(sent[0].bytes).size(), sizeof(range));
+    memcpy(&range, wire::body_of(sent[0].bytes).data(), sizeof(range));
+    EXPECT_EQ(range.low, 4u);
+    EXPECT_EQ(range.high, 6u);
     header.flag = wire::MNG;
     (void)logged(E, [&] { receive(wire::message(header, {}), 1); });
     EXPECT_TRUE(fake_tipc::take_sent().empty()) << "only requests are answered";
     header.flag = wire::MNG | wire::REQUEST | wire::ACK;
     EXPECT_THAT(logged(V, [&] { receive(wire::message(header, {}), 1); }),
                 testing::Contains("0 ZEB app 1 seq 0 to 200/9 RPC wait not exist."));
+}
+
+TEST_F(zeb_mng_msg_mng, an_answer_to_the_daemon_is_filed_in_its_call)
+{
+    start_app(1, {4});
+    zeb_reply_msg_t reply = {};
+    ASSERT_EQ(zeb_rpc_prepare_wait(1, 77, 1, &reply), 0);
+    ASSERT_EQ(zeb_rpc_set_wait(1, 77, PEER, 9), 0);
+    wire::header_t header = from_peer(wire::MNG | wire::REQUEST | wire::ACK, 9, PEER, 1);
+    header.seq = 77;
+    receive(wire::message(header, {1, 2, 3}), 1);
+    EXPECT_EQ(zeb_rpc_wait_reply(1, 77), 0);
+    ASSERT_EQ(reply.num, 1);
+    EXPECT_EQ(zeb_msg_data_len(reply.msg[0]), 3u);
+    EXPECT_TRUE(take_seen().bodies.empty()) << "not dispatched";
+    zeb_reply_msg_free(&reply);
+}
+
+TEST_F(zeb_mng_msg_mng, the_handlers_lines_are_these)
+{
+    EXPECT_EQ(manage(15, wire::tlv(7, {}) + wire::tlv(9, {1, 2})),
+              lines_t({"0 ZEB app 100 recv new msg.",
+                       "0 ZEB app 100 recv mgmt msg from 200/9, data len 0, type application ping echo.",
+                       "3 ZEB app 100 recv ping echo from 200/9.",
+                       "0 ZEB app 100 recv mgmt msg from 200/9, data len 2, type sync instance seq ack.",
+                       "2 ZEB app 100 recv unexpected data type 9 from 200/9."}));
+}
+
+TEST_F(zeb_mng_msg_mng, an_answer_that_cannot_be_written_is_one_error)
+{
+    for (uint16_t type : {4, 5}) {
+        fault::fail_next("sendto", EHOSTUNREACH);
+        lines_t lines = manage(E, wire::tlv(type, {}), wire::MNG | wire::REQUEST);
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_EQ(lines[0], "3 ZEB sendto failed: No route to host.");
+        EXPECT_EQ(lines[1], std::string("3 ZEB app 100 reply app ") + (type == 4 ? "info" : "statistics") +
+                                " failed: Operation not permitted.");
+    }
 }
 
 TEST_F(zeb_mng_msg_mng, a_message_to_the_daemon_in_a_process_that_is_none_is_refused)

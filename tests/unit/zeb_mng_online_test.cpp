@@ -259,7 +259,11 @@ TEST_F(zeb_mng_online, the_quit_callback_runs_without_our_lock)
         (void)pthread_create(
             &tid, nullptr,
             [](void *) -> void * {
-                s_free = pthread_mutex_trylock(&g_lib_mutex.impl) == 0;
+                // The library's own thread may hold it for a moment.
+                struct timespec deadline;
+                (void)clock_gettime(CLOCK_REALTIME, &deadline);
+                deadline.tv_sec += 5;
+                s_free = pthread_mutex_timedlock(&g_lib_mutex.impl, &deadline) == 0;
                 if (s_free)
                     (void)pthread_mutex_unlock(&g_lib_mutex.impl);
                 return nullptr;
