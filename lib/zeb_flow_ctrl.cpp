@@ -80,49 +80,50 @@ static bool is_unicast(uint32_t app, uint32_t node)
 
 zeb_send_app_fc_t *__zeb_get_send_app_fc(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node)
 {
-    return list_find_or_create<zeb_send_app_fc_t>(
-        &fc->send_list,
-        [&](const zeb_send_app_fc_t *record) {
-            return record->dst_app_id == dst_app && record->dst_node_id == dst_node;
-        },
-        [&] {
-            ZEB_VERBOSE("ZEB app %d add new send flow ctrl to %d/%d.\n", fc->app_id, dst_app, dst_node);
-            zeb_send_app_fc_t *record = (zeb_send_app_fc_t *)zeb_malloc(sizeof(zeb_send_app_fc_t));
-            record->dst_app_id = dst_app;
-            record->dst_node_id = dst_node;
-            return record;
-        });
+    uint64_t key = list_index_key(dst_app, dst_node);
+    zeb_send_app_fc_t *record = list_index_find<zeb_send_app_fc_t>(&fc->send_index, key);
+    if (record != nullptr)
+        return record;
+    ZEB_VERBOSE("ZEB app %d add new send flow ctrl to %d/%d.\n", fc->app_id, dst_app, dst_node);
+    record = (zeb_send_app_fc_t *)zeb_malloc(sizeof(zeb_send_app_fc_t));
+    record->dst_app_id = dst_app;
+    record->dst_node_id = dst_node;
+    list_add_tail(&record->list, &fc->send_list);
+    list_index_add(&fc->send_index, record, key);
+    return record;
 }
 
 zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node)
 {
-    return list_find_or_create<zeb_recv_app_fc_t>(
-        &fc->recv_list,
-        [&](const zeb_recv_app_fc_t *record) {
-            return record->src_app_id == src_app && record->src_node_id == src_node;
-        },
-        [&] {
-            ZEB_VERBOSE("ZEB app %d add new recv flow ctrl from %d/%d.\n", fc->app_id, src_app, src_node);
-            zeb_recv_app_fc_t *record = (zeb_recv_app_fc_t *)zeb_malloc(sizeof(zeb_recv_app_fc_t));
-            record->src_app_id = src_app;
-            record->src_node_id = src_node;
-            return record;
-        });
+    uint64_t key = list_index_key(src_app, src_node);
+    zeb_recv_app_fc_t *record = list_index_find<zeb_recv_app_fc_t>(&fc->recv_index, key);
+    if (record != nullptr)
+        return record;
+    ZEB_VERBOSE("ZEB app %d add new recv flow ctrl from %d/%d.\n", fc->app_id, src_app, src_node);
+    record = (zeb_recv_app_fc_t *)zeb_malloc(sizeof(zeb_recv_app_fc_t));
+    record->src_app_id = src_app;
+    record->src_node_id = src_node;
+    list_add_tail(&record->list, &fc->recv_list);
+    list_index_add(&fc->recv_index, record, key);
+    return record;
 }
 
-static bool has_recv_app_fc(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node) ZEB_REQUIRES(fc->mutex)
+// The one place that changes a send record's `unack`.
+static void set_unack(zeb_fc_t *fc, zeb_send_app_fc_t *record, int32_t unack) ZEB_REQUIRES(fc->mutex)
 {
-    return list_find<zeb_recv_app_fc_t>(&fc->recv_list, [&](const zeb_recv_app_fc_t *record) {
-               return record->src_app_id == src_app && record->src_node_id == src_node;
-           }) != nullptr;
+    fc->blocked_num += (int)zeb_fc_past_window(unack) - (int)zeb_fc_past_window(record->unack);
+    record->unack = unack;
 }
 
 // Per destination application, not per instance: one congested node blocks sending to that application on every node.
+// The list is walked only while some destination blocks.
 bool zeb_fc_accept_msg(zeb_fc_t *fc, uint32_t dst_app)
 {
-    const zeb_send_app_fc_t *blocking = list_find<zeb_send_app_fc_t>(
-        &fc->send_list, [&](const zeb_send_app_fc_t *record) { return zeb_fc_blocks(record, dst_app); });
-    if (blocking != nullptr) {
+    bool blocked =
+        fc->blocked_num != 0 && list_find<zeb_send_app_fc_t>(&fc->send_list, [&](const zeb_send_app_fc_t *record) {
+                                    return zeb_fc_blocks(record, dst_app);
+                                }) != nullptr;
+    if (blocked) {
         ZEB_VERBOSE("ZEB app %d reject new msg to %d.\n", fc->app_id, dst_app);
         return false;
     }
@@ -219,7 +220,7 @@ void zeb_fc_update_sent_ok(uint32_t src_app, uint32_t dst_app, uint32_t dst_node
     fc->total_send++;
     record->send++;
     fc->total_send_unack = plus_1(fc->total_send_unack);
-    record->unack = plus_1(record->unack);
+    set_unack(fc, record, plus_1(record->unack));
 }
 
 void zeb_fc_update_sent_reject(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
@@ -265,7 +266,7 @@ void zeb_fc_update_sent_ack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node
         zeb_scoped_lock lock(&fc->mutex);
         zeb_send_app_fc_t *record = __zeb_get_send_app_fc(fc, dst_app, dst_node);
         uint32_t num = acknowledgeable(record->unack, ack_num);
-        record->unack = minus(record->unack, num);
+        set_unack(fc, record, minus(record->unack, num));
         fc->total_send_unack = minus(fc->total_send_unack, num);
     }
     ZEB_VERBOSE("ZEB notify waiting app %d to %d/%d continue to send msg.\n", my_app, dst_app, dst_node);
@@ -304,7 +305,8 @@ void zeb_fc_update_recv_drop(uint32_t src_app, uint32_t src_node, uint32_t my_ap
         return;
     ZEB_VERBOSE("ZEB app %d update recv drop num %d from %d/%d.\n", my_app, num, src_app, src_node);
     zeb_scoped_lock lock(&fc->mutex);
-    if (!has_recv_app_fc(fc, src_app, src_node) && list_length(&fc->recv_list) >= ZEB_FC_UNKNOWN_NUM_MAX) {
+    if (fc->recv_index.num >= ZEB_FC_UNKNOWN_NUM_MAX &&
+        list_index_find<zeb_recv_app_fc_t>(&fc->recv_index, list_index_key(src_app, src_node)) == nullptr) {
         ZEB_ERROR("ZEB app %d has no room for %d/%d.\n", my_app, src_app, src_node);
         return;
     }
@@ -347,7 +349,7 @@ static uint32_t reject_sent(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) Z
     send->send = 0;
     if (sent != 0) {
         fc->unack_drift += sent - (uint32_t)send->unack;
-        send->unack = 0;
+        set_unack(fc, send, 0);
     }
     fc->total_send -= sent;
     fc->total_send_unack = minus(fc->total_send_unack, sent);
@@ -375,7 +377,7 @@ static void forget_sent(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) ZEB_R
     zeb_send_app_fc_t *send = __zeb_get_send_app_fc(fc, dst_app, dst_node);
     fc->total_send_unack = minus(fc->total_send_unack, (uint32_t)send->unack);
     fc->total_send -= send->send;
-    send->unack = 0;
+    set_unack(fc, send, 0);
     send->send = 0;
     send->reject = 0;
     send->rpc_reply_reject = 0;

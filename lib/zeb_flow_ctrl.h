@@ -8,6 +8,7 @@
 
 #include <zeb/zeb.h>
 
+#include "platform/list_index.h"
 #include "zeb_lock.h"
 
 constexpr int32_t ZEB_FC_SEND_WINDOW = 1024;      // a destination is blocked from the 1025th unacknowledged message on
@@ -19,7 +20,8 @@ constexpr uint32_t ZEB_FC_NODE_ANY = 0xFFFFFFFFu; // no single node was chosen
 
 // What one destination instance was sent.
 typedef struct zeb_send_app_fc_s {
-    struct list_head list; // in send_list
+    struct list_head list;        // in send_list
+    list_index_link_t index_link; // in send_index
     uint32_t dst_app_id;
     uint32_t dst_node_id;
     uint32_t send;             // sent
@@ -30,7 +32,8 @@ typedef struct zeb_send_app_fc_s {
 
 // What came from one source instance.
 typedef struct zeb_recv_app_fc_s {
-    struct list_head list; // in recv_list
+    struct list_head list;        // in recv_list
+    list_index_link_t index_link; // in recv_index
     uint32_t src_app_id;
     uint32_t src_node_id;
     uint32_t recv;     // handed to dispatch
@@ -54,6 +57,9 @@ typedef struct zeb_fc_s {
     uint32_t recv_exception;                          // relaxed; bad incoming messages
     struct list_head send_list ZEB_GUARDED_BY(mutex); // zeb_send_app_fc_t, in order of first use
     struct list_head recv_list ZEB_GUARDED_BY(mutex); // zeb_recv_app_fc_t, in order of first use
+    list_index_t send_index ZEB_GUARDED_BY(mutex);    // of send_list, by destination instance
+    list_index_t recv_index ZEB_GUARDED_BY(mutex);    // of recv_list, by source instance
+    int blocked_num ZEB_GUARDED_BY(mutex);            // send records past their window
 } zeb_fc_t;
 
 zeb_fc_t *zeb_add_app_fc(uint32_t app); // null on failure
@@ -79,10 +85,15 @@ zeb_send_app_fc_t *__zeb_get_send_app_fc(zeb_fc_t *fc, uint32_t dst_app, uint32_
 zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node) ZEB_REQUIRES(fc->mutex);
 bool zeb_fc_accept_msg(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex);
 
+static inline bool zeb_fc_past_window(int32_t unack)
+{
+    return unack > ZEB_FC_SEND_WINDOW;
+}
+
 // True for a send record of `dst_app` that blocks its senders.
 static inline bool zeb_fc_blocks(const zeb_send_app_fc_t *record, uint32_t dst_app)
 {
-    return record->dst_app_id == dst_app && record->unack > ZEB_FC_SEND_WINDOW;
+    return record->dst_app_id == dst_app && zeb_fc_past_window(record->unack);
 }
 
 // Diagnosis (zeb_flow_ctrl_diag.cpp).

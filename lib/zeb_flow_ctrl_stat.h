@@ -7,10 +7,12 @@
 
 #include <zeb/zeb.h>
 
+#include "platform/list_index.h"
 #include "zeb_lock.h"
 
 typedef struct zeb_send_mng_stat_s {
-    struct list_head list; // in send_list
+    struct list_head list;        // in send_list
+    list_index_link_t index_link; // in send_index
     uint32_t dst_app_id;
     uint32_t dst_node_id;
     uint32_t send_inst;
@@ -20,7 +22,8 @@ typedef struct zeb_send_mng_stat_s {
 } zeb_send_mng_stat_t;
 
 typedef struct zeb_recv_mng_stat_s {
-    struct list_head list; // in recv_list
+    struct list_head list;        // in recv_list
+    list_index_link_t index_link; // in recv_index
     uint32_t src_app_id;
     uint32_t src_node_id;
     uint32_t recv_inst;
@@ -36,6 +39,8 @@ typedef struct zeb_mng_stat_s {
     uint32_t total_recv ZEB_GUARDED_BY(mutex);
     struct list_head send_list ZEB_GUARDED_BY(mutex); // zeb_send_mng_stat_t, in order of first use
     struct list_head recv_list ZEB_GUARDED_BY(mutex); // zeb_recv_mng_stat_t, in order of first use
+    list_index_t send_index ZEB_GUARDED_BY(mutex);    // of send_list, by destination instance
+    list_index_t recv_index ZEB_GUARDED_BY(mutex);    // of recv_list, by source instance
 } zeb_mng_stat_t;
 
 zeb_mng_stat_t *zeb_add_mng_stat(uint32_t app); // null on failure

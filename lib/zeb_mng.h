@@ -7,6 +7,7 @@
 
 #include <zeb/zeb.h>
 
+#include "platform/list_index.h"
 #include "zeb_app_info.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
@@ -42,6 +43,9 @@ typedef struct zeb_mng_s {
     struct list_head rejoin_list ZEB_GUARDED_BY(g_lib_mutex);          // zeb_rejoin_t
     struct list_head sync_inst_ack_list ZEB_GUARDED_BY(g_lib_mutex);   // zeb_msg_t: returned acknowledgements
     struct list_head sync_inst_retry_list ZEB_GUARDED_BY(g_lib_mutex); // zeb_retry_inst_t
+    list_index_t ol_app_index ZEB_GUARDED_BY(g_lib_mutex);             // of ol_app_list, by application
+    list_index_t inst_id_index ZEB_GUARDED_BY(g_lib_mutex);            // of inst_id_list, by pair
+    int sync_inst_ack_num; // of sync_inst_ack_list; written under g_lib_mutex, read relaxed without it
     zeb_app_mng_t app[ZEB_APP_SLOT_NUM];
 } zeb_mng_t;
 

@@ -53,13 +53,20 @@ static bool list_is_whole(report_t *report, const struct list_head *head, const 
     return true;
 }
 
+static void check_count(report_t *report, const struct list_head *head, int num, const char *name, uint32_t app)
+{
+    expect(report, list_length(head) == num, "%s of %u has %d records and counts %d\n", name, app, list_length(head),
+           num);
+}
+
 static void check_set(report_t *report, const zeb_app_set_t *set, const char *name, uint32_t app)
 {
-    for (uint32_t i = 0; i < ZEB_SET_SUMMARY_WORDS; i++) {
-        zeb_each_bit(set->used[i], i * 64, [&](uint32_t word) {
+    zeb_each_bit(set->blocks, 0, [&](uint32_t block) {
+        expect(report, set->used[block] != 0, "%s of %u: block %u counts as used and is empty\n", name, app, block);
+        zeb_each_bit(set->used[block], block * 64, [&](uint32_t word) {
             expect(report, set->bmp[word] != 0, "%s of %u: word %u counts as used and is empty\n", name, app, word);
         });
-    }
+    });
 }
 
 static void check_online_app(report_t *report, zeb_ol_app_t *ol) ZEB_REQUIRES(g_lib_mutex)
@@ -108,6 +115,9 @@ static void check_pairs(report_t *report) ZEB_REQUIRES(g_lib_mutex)
     (void)list_is_whole(report, &g_zeb_mng.rejoin_list, "rejoin_list", 0);
     check_messages(report, &g_zeb_mng.inst_sync_list, "inst_sync_list");
     check_messages(report, &g_zeb_mng.sync_inst_ack_list, "sync_inst_ack_list");
+    check_count(report, &g_zeb_mng.sync_inst_ack_list, g_zeb_mng.sync_inst_ack_num, "sync_inst_ack_list", 0);
+    check_count(report, &g_zeb_mng.inst_id_list, g_zeb_mng.inst_id_index.num, "inst_id_list", 0);
+    check_count(report, &g_zeb_mng.ol_app_list, g_zeb_mng.ol_app_index.num, "ol_app_list", 0);
 }
 
 static void check_flow_ctrl(report_t *report, zeb_fc_t *fc)
@@ -117,11 +127,15 @@ static void check_flow_ctrl(report_t *report, zeb_fc_t *fc)
     if (!list_is_whole(report, &fc->send_list, "send_list", app) ||
         !list_is_whole(report, &fc->recv_list, "recv_list", app))
         return;
+    check_count(report, &fc->send_list, fc->send_index.num, "send_list", app);
+    check_count(report, &fc->recv_list, fc->recv_index.num, "recv_list", app);
     uint32_t sent = 0;
     uint32_t sent_unack = 0;
+    int blocked = 0;
     list_each<zeb_send_app_fc_t>(&fc->send_list, [&](const zeb_send_app_fc_t *record) {
         sent += record->send;
         sent_unack += (uint32_t)record->unack;
+        blocked += zeb_fc_past_window(record->unack) ? 1 : 0;
     });
     uint32_t received = 0;
     uint32_t received_unack = 0;
@@ -133,6 +147,8 @@ static void check_flow_ctrl(report_t *report, zeb_fc_t *fc)
     expect(report, (uint32_t)fc->total_send_unack + fc->unack_drift == sent_unack,
            "%u: unacknowledged %d in total with a drift of %u, %u by peer\n", app, fc->total_send_unack,
            fc->unack_drift, sent_unack);
+    expect(report, fc->blocked_num == blocked, "%u: counts %d blocked destinations, %d are\n", app, fc->blocked_num,
+           blocked);
     expect(report, fc->total_recv == received, "%u: received %u in total, %u by peer\n", app, fc->total_recv, received);
     expect(report, (uint32_t)fc->total_recv_unack == received_unack,
            "%u: received and unacknowledged %d in total, %u by peer\n", app, fc->total_recv_unack, received_unack);
@@ -145,6 +161,8 @@ static void check_mng_stat(report_t *report, zeb_mng_stat_t *stat)
     if (!list_is_whole(report, &stat->send_list, "mng send_list", app) ||
         !list_is_whole(report, &stat->recv_list, "mng recv_list", app))
         return;
+    check_count(report, &stat->send_list, stat->send_index.num, "mng send_list", app);
+    check_count(report, &stat->recv_list, stat->recv_index.num, "mng recv_list", app);
     uint32_t sent = 0;
     list_each<zeb_send_mng_stat_t>(&stat->send_list, [&](const zeb_send_mng_stat_t *record) {
         sent += record->send_inst + record->send_inst_ack + record->send_inst_seq_ack;

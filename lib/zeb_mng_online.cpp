@@ -24,45 +24,76 @@
 
 zeb_ol_app_t *__zeb_get_ol_app(uint32_t app)
 {
-    return list_find<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [&](const zeb_ol_app_t *ol) { return ol->app_id == app; });
+    return list_index_find<zeb_ol_app_t>(&g_zeb_mng.ol_app_index, app);
 }
 
 void zeb_get_app_server(uint32_t app, zeb_app_set_t *ol_srv)
 {
-    memset(ol_srv->used, 0, sizeof(ol_srv->used));
+    ol_srv->blocks = 0;
     zeb_scoped_lock lock(&g_lib_mutex);
     const zeb_ol_app_t *ol = __zeb_get_ol_app(app);
     if (ol == nullptr)
         return;
-    for (uint32_t i = 0; i < ZEB_SET_SUMMARY_WORDS; i++) {
-        zeb_each_bit(ol->srv_bmp.used[i] & ol->ol_bmp.used[i], i * 64, [&](uint32_t word) {
+    zeb_each_bit(ol->srv_bmp.blocks & ol->ol_bmp.blocks, 0, [&](uint32_t block) {
+        uint64_t used = 0;
+        zeb_each_bit(ol->srv_bmp.used[block] & ol->ol_bmp.used[block], block * 64, [&](uint32_t word) {
             ol_srv->bmp[word] = ol->srv_bmp.bmp[word] & ol->ol_bmp.bmp[word];
-            if (ol_srv->bmp[word] != 0)
-                ol_srv->used[i] |= 1ull << (word % 64);
+            used |= (uint64_t)(ol_srv->bmp[word] != 0) << (word % 64);
         });
+        ol_srv->used[block] = used;
+        ol_srv->blocks |= (uint32_t)(used != 0) << block;
+    });
+}
+
+static bool has_server(const zeb_ol_app_t *ol)
+{
+    bool found = false;
+    zeb_each_bit(ol->srv_bmp.blocks & ol->ol_bmp.blocks, 0, [&](uint32_t block) {
+        uint64_t used = found ? 0 : ol->srv_bmp.used[block] & ol->ol_bmp.used[block];
+        for (; used != 0 && !found; used &= used - 1) {
+            uint32_t word = block * 64 + (uint32_t)__builtin_ctzll(used);
+            found = (ol->srv_bmp.bmp[word] & ol->ol_bmp.bmp[word]) != 0;
+        }
+    });
+    return found;
+}
+
+bool zeb_get_app_server_on(uint32_t app, const uint32_t *nodes, int num, zeb_app_set_t *ol_srv)
+{
+    ol_srv->blocks = 0;
+    zeb_scoped_lock lock(&g_lib_mutex);
+    const zeb_ol_app_t *ol = __zeb_get_ol_app(app);
+    if (ol == nullptr)
+        return false;
+    for (int i = 0; i < num; i++) {
+        if (zeb_app_set_test(&ol->srv_bmp, nodes[i]) && zeb_app_set_test(&ol->ol_bmp, nodes[i]))
+            (void)zeb_app_set_add(ol_srv, nodes[i]);
     }
+    return ol_srv->blocks != 0 || has_server(ol);
 }
 
 bool zeb_has_app_server(const zeb_app_set_t *ol_srv)
 {
-    uint64_t any = 0;
-    for (uint64_t used : ol_srv->used)
-        any |= used;
-    return any != 0;
+    return ol_srv->blocks != 0;
+}
+
+zeb_inst_state_t zeb_get_inst_state(uint32_t app, uint32_t node)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    const zeb_ol_app_t *ol = __zeb_get_ol_app(app);
+    if (ol == nullptr)
+        return {false, false};
+    return {zeb_app_set_test(&ol->inst_bmp, node), zeb_app_set_test(&ol->ol_bmp, node)};
 }
 
 bool zeb_app_online(uint32_t app, uint32_t node)
 {
-    zeb_scoped_lock lock(&g_lib_mutex);
-    const zeb_ol_app_t *ol = __zeb_get_ol_app(app);
-    return ol != nullptr && zeb_app_set_test(&ol->ol_bmp, node);
+    return zeb_get_inst_state(app, node).online;
 }
 
 bool zeb_app_instance(uint32_t app, uint32_t node)
 {
-    zeb_scoped_lock lock(&g_lib_mutex);
-    const zeb_ol_app_t *ol = __zeb_get_ol_app(app);
-    return ol != nullptr && zeb_app_set_test(&ol->inst_bmp, node);
+    return zeb_get_inst_state(app, node).instance;
 }
 
 void zeb_set_app_server(uint32_t app, uint32_t node)
@@ -180,9 +211,12 @@ static zeb_subscr_app_t *new_subscr_app(uint32_t app)
 int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
 {
     ZEB_INFO("ZEB app %d add comm with %d.\n", src_app, dst_app);
-    zeb_ol_app_t *ol = list_find_or_create<zeb_ol_app_t>(
-        &g_zeb_mng.ol_app_list, [&](const zeb_ol_app_t *record) { return record->app_id == dst_app; },
-        [&] { return new_ol_app(dst_app); });
+    zeb_ol_app_t *ol = __zeb_get_ol_app(dst_app);
+    if (ol == nullptr) {
+        ol = new_ol_app(dst_app);
+        list_add_tail(&ol->list, &g_zeb_mng.ol_app_list);
+        list_index_add(&g_zeb_mng.ol_app_index, ol, dst_app);
+    }
     (void)list_find_or_create<zeb_subscr_app_t>(
         &ol->subscr_app_list, [&](const zeb_subscr_app_t *subscr) { return subscr->subscr_app == src_app; },
         [&] { return new_subscr_app(src_app); });
@@ -212,6 +246,7 @@ void zeb_del_comm_app(uint32_t src_app)
             return;
         (void)zeb_unsubscr_app_events(zeb_tipc_instance(ol->app_id, 0), zeb_tipc_instance(ol->app_id, 0xFFFF));
         list_del(&ol->list);
+        list_index_del(&g_zeb_mng.ol_app_index, ol);
         free(ol);
     });
 }

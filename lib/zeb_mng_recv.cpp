@@ -239,11 +239,12 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
         refuse_sender(msg, app_info->app_id);
         return;
     }
-    if (app_info->app_id != ZEBD_APP_ID && src_app != ZEBD_APP_ID && !zeb_app_instance(src_app, src_node)) {
+    zeb_inst_state_t sender = zeb_get_inst_state(src_app, src_node);
+    if (app_info->app_id != ZEBD_APP_ID && src_app != ZEBD_APP_ID && !sender.instance) {
         zeb_socket_recv_drop_msg(msg);
         return;
     }
-    if (!zeb_app_online(src_app, src_node)) {
+    if (!sender.online) {
         // The application learns of the sender before it sees its message.
         zeb_del_reject_sync_inst_ack(msg->hdr.dst_app, src_app, src_node);
         zeb_notify_app_join(msg->hdr.dst_app, src_node, src_app);
@@ -258,6 +259,15 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
         return;
     }
     zeb_enqueue_msg_dist(msg, app_info);
+}
+
+// A message of its own of the `len` bytes in the receive buffer. Nothing is zeroed that is written over at once.
+static zeb_msg_t *copy_received(int len)
+{
+    zeb_msg_t *msg = (zeb_msg_t *)zeb_malloc_dirty(len + (int)offsetof(zeb_msg_t, hdr));
+    memset(&msg->list, 0, sizeof(msg->list));
+    memcpy(&msg->hdr, &s_recv_buf.msg.hdr, (size_t)len);
+    return msg;
 }
 
 void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
@@ -283,9 +293,7 @@ void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
         zeb_dump_msg_raw(&head->hdr, len);
         return;
     }
-    zeb_msg_t *msg = zeb_msg_alloc(len - ZEB_MSG_HDR_LEN, 0, 0);
-    assert(msg != NULL);
-    memcpy(&msg->hdr, &head->hdr, (size_t)len);
+    zeb_msg_t *msg = copy_received(len);
     if (!zeb_verify_recv_msg_hdr(app, msg)) {
         zeb_fc_update_recv_exception(app);
         zeb_dump_msg_hdr_info(msg);

@@ -37,18 +37,21 @@
 #include "zeb_mng_timer.h"
 #include "zeb_wire.h"
 
+// Unique: application ids have 15 bits.
+static uint64_t pair_key(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+{
+    return (uint64_t)src_app << 48 ^ (uint64_t)dst_app << 32 ^ dst_node;
+}
+
 zeb_inst_id_t *__zeb_get_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
 {
-    return list_find<zeb_inst_id_t>(&g_zeb_mng.inst_id_list, [&](const zeb_inst_id_t *id) {
-        return id->src_app == src_app && id->dst_app == dst_app && id->dst_node == dst_node;
-    });
+    return list_index_find<zeb_inst_id_t>(&g_zeb_mng.inst_id_index, pair_key(src_app, dst_app, dst_node));
 }
 
 bool zeb_has_room_for_pair(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    return __zeb_get_inst_id(src_app, dst_app, dst_node) != nullptr ||
-           list_length(&g_zeb_mng.inst_id_list) < ZEB_PAIR_NUM_MAX;
+    return __zeb_get_inst_id(src_app, dst_app, dst_node) != nullptr || g_zeb_mng.inst_id_index.num < ZEB_PAIR_NUM_MAX;
 }
 
 static void update_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t zeb_inst_id_t::*field,
@@ -62,6 +65,7 @@ static void update_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node
         id->dst_app = dst_app;
         id->dst_node = dst_node;
         list_add_tail(&id->list, &g_zeb_mng.inst_id_list);
+        list_index_add(&g_zeb_mng.inst_id_index, id, pair_key(src_app, dst_app, dst_node));
     }
     id->*field = value;
 }
@@ -146,8 +150,12 @@ static bool is_msg_of_pair(const zeb_msg_t *msg, uint32_t src_app, uint32_t dst_
 // Only the first record, whichever local application it belongs to.
 void __zeb_clear_inst_id(uint32_t dst_app, uint32_t dst_node)
 {
-    free(list_take_first<zeb_inst_id_t>(&g_zeb_mng.inst_id_list,
-                                        [&](const zeb_inst_id_t *id) { return is_towards(id, dst_app, dst_node); }));
+    zeb_inst_id_t *id = list_take_first<zeb_inst_id_t>(
+        &g_zeb_mng.inst_id_list, [&](const zeb_inst_id_t *record) { return is_towards(record, dst_app, dst_node); });
+    if (id == nullptr)
+        return;
+    list_index_del(&g_zeb_mng.inst_id_index, id);
+    free(id);
 }
 
 void __zeb_add_inst_sync_msg(zeb_msg_t *msg)
@@ -330,15 +338,14 @@ void zeb_process_inst_retry_timer_event(uint32_t)
 
 // Returned acknowledgements.
 
-static bool has_room_for_ack()
+static void count_acks(int change) ZEB_REQUIRES(g_lib_mutex)
 {
-    zeb_scoped_lock lock(&g_lib_mutex);
-    return list_length(&g_zeb_mng.sync_inst_ack_list) < ZEB_ACK_RESEND_NUM_MAX;
+    zeb_store_relaxed(&g_zeb_mng.sync_inst_ack_num, g_zeb_mng.sync_inst_ack_num + change);
 }
 
 void zeb_resend_sync_inst_ack_later(zeb_msg_t *msg)
 {
-    if (!has_room_for_ack()) {
+    if (zeb_load_relaxed(&g_zeb_mng.sync_inst_ack_num) >= ZEB_ACK_RESEND_NUM_MAX) {
         ZEB_ERROR("ZEB drop sync inst ack to %d/%d, too many come back.\n", msg->hdr.dst_app, msg->hdr.dst_node);
         free(msg);
         return;
@@ -352,13 +359,14 @@ void zeb_resend_sync_inst_ack_later(zeb_msg_t *msg)
     ZEB_VERBOSE("ZEB add sync inst ack resend to %d/%d, seq %d.\n", msg->hdr.dst_app, msg->hdr.dst_node,
                 zeb_sync_inst_msg_seq(msg));
     list_add_tail(&msg->list, &g_zeb_mng.sync_inst_ack_list);
+    count_acks(1);
 }
 
 // One that cannot be sent stays on the list until traffic to or from the peer makes it needless.
 void zeb_process_resend_inst_timer_event(uint32_t seq)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    list_each<zeb_msg_t>(&g_zeb_mng.sync_inst_ack_list, [&](zeb_msg_t *msg) {
+    list_each<zeb_msg_t>(&g_zeb_mng.sync_inst_ack_list, [&](zeb_msg_t *msg) ZEB_NO_THREAD_SAFETY_ANALYSIS {
         if (msg->hdr.seq != seq)
             return;
         uint32_t src_app = msg->hdr.src_app;
@@ -370,16 +378,20 @@ void zeb_process_resend_inst_timer_event(uint32_t seq)
         }
         zeb_mng_stat_update_sent(src_app, dst_app, dst_node, TLV_DATA_TYPE(msg->data));
         list_del(&msg->list);
+        count_acks(-1);
         free(msg);
     });
 }
 
+// Every send asks: without the lock when there is none at all, as there nearly always is.
 void zeb_del_reject_sync_inst_ack(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
 {
+    if (zeb_load_relaxed(&g_zeb_mng.sync_inst_ack_num) == 0)
+        return;
     zeb_scoped_lock lock(&g_lib_mutex);
-    (void)list_remove_matching<zeb_msg_t>(&g_zeb_mng.sync_inst_ack_list, [&](const zeb_msg_t *msg) {
+    count_acks(-list_remove_matching<zeb_msg_t>(&g_zeb_mng.sync_inst_ack_list, [&](const zeb_msg_t *msg) {
         return msg->hdr.zeb_ver == 2 && is_msg_of_pair(msg, src_app, dst_app, dst_node);
-    });
+    }));
 }
 
 // Resume.

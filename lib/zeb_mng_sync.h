@@ -6,12 +6,14 @@
 
 #include <cstdint>
 
+#include "platform/list_index.h"
 #include "zeb_lock.h"
 #include "zeb_mng.h"
 
 // What is known of one pair (local application, remote instance).
 typedef struct zeb_inst_id_s {
-    struct list_head list; // in g_zeb_mng.inst_id_list
+    struct list_head list;        // in g_zeb_mng.inst_id_list
+    list_index_link_t index_link; // in g_zeb_mng.inst_id_index
     uint32_t src_app;
     uint32_t dst_app;
     uint32_t dst_node;

@@ -15,6 +15,8 @@ typedef struct zeb_dst_s {
     uint32_t src_app;
     int flags;
     bool all_nodes;
+    int app_num;         // places of `apps` to look at: one, or all of a group
+    int node_num;        // likewise of `nodes`
     zeb_app_mc_t apps;   // 0 is an empty place
     zeb_node_mc_t nodes; // unless all_nodes; above 65535 is an empty place
 } zeb_dst_t;
@@ -25,9 +27,16 @@ bool zeb_check_src_app(uint32_t src_app);
 int zeb_get_app_mbrs(zeb_dst_t *dst, uint32_t dst_app);
 int zeb_get_node_mbrs(zeb_dst_t *dst, uint32_t dst_node);
 
-// The online servers of a member, without this node's instance when the sender wants itself left out. False when the
-// member is to be skipped because this node is not known.
-bool zeb_get_member_servers(const zeb_dst_t *dst, uint32_t member, zeb_app_set_t *servers);
+// What a member has to offer a call.
+typedef enum zeb_member_e : int {
+    ZEB_MEMBER_SKIPPED,   // the sender wants itself left out, and this node is not known
+    ZEB_MEMBER_NO_SERVER, // none online anywhere
+    ZEB_MEMBER_SERVERS,   // at least one; of a call to chosen nodes perhaps none there
+} zeb_member_t;
+
+// The online servers of a member (of a call to chosen nodes: those there), without this node's instance when the sender
+// wants itself left out.
+zeb_member_t zeb_get_member_servers(const zeb_dst_t *dst, uint32_t member, zeb_app_set_t *servers);
 
 // Calls visit(node) for each instance of a member that is addressed: ascending, or in the order of the node list.
 template <typename Visit>
@@ -37,9 +46,9 @@ static inline void zeb_each_instance(const zeb_dst_t *dst, const zeb_app_set_t *
         zeb_app_set_each(servers, visit);
         return;
     }
-    for (uint32_t node : dst->nodes.mbr) {
-        if (zeb_app_set_test(servers, node))
-            visit(node);
+    for (int i = 0; i < dst->node_num; i++) {
+        if (zeb_app_set_test(servers, dst->nodes.mbr[i]))
+            visit(dst->nodes.mbr[i]);
     }
 }
 

@@ -32,12 +32,11 @@ static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, zeb_reply_m
 static int set_member_waits(const zeb_dst_t *dst, uint32_t seq, uint32_t member, uint32_t as_app)
 {
     zeb_app_set_t servers;
-    if (!zeb_get_member_servers(dst, member, &servers))
-        return 0;
-    if (!zeb_has_app_server(&servers)) {
+    zeb_member_t found = zeb_get_member_servers(dst, member, &servers);
+    if (found == ZEB_MEMBER_NO_SERVER)
         ZEB_VERBOSE("ZEB app %d to %d has no server.\n", dst->src_app, member);
+    if (found != ZEB_MEMBER_SERVERS)
         return 0;
-    }
     int num = 0;
     zeb_each_instance(dst, &servers, [&](uint32_t node) {
         if (num < 0)
@@ -53,7 +52,8 @@ static int set_member_waits(const zeb_dst_t *dst, uint32_t seq, uint32_t member,
 static int set_waits(const zeb_dst_t *dst, uint32_t seq, uint32_t dst_app)
 {
     int found = 0;
-    for (uint32_t member : dst->apps.mbr) {
+    for (int i = 0; i < dst->app_num; i++) {
+        uint32_t member = dst->apps.mbr[i];
         if (member == 0)
             continue;
         int num = set_member_waits(dst, seq, member, dst->all_nodes ? dst_app : member);

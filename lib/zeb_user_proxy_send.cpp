@@ -36,11 +36,12 @@ int zeb_get_app_mbrs(zeb_dst_t *dst, uint32_t dst_app)
     uint32_t app = dst_app == 0 ? dst->src_app : dst_app;
     if (zeb_valid_app_mc_id(app)) {
         zeb_get_app_mc_mbr(dst->src_app, app, &dst->apps);
+        dst->app_num = ZEB_APP_MC_MBR_NUM;
         return 0;
     }
-    memset(&dst->apps, 0, sizeof(dst->apps));
     if (zeb_valid_app_id(app)) {
         dst->apps.mbr[0] = app;
+        dst->app_num = 1;
         return 0;
     }
     ZEB_ERROR("ZEB app %d to dst app ID %d invalid.\n", dst->src_app, dst_app);
@@ -52,33 +53,42 @@ int zeb_get_node_mbrs(zeb_dst_t *dst, uint32_t dst_node)
     uint32_t node = dst_node == ZEB_NODE_LOCAL ? (uint32_t)zeb_get_my_node_id() : dst_node;
     if (zeb_valid_node_mc_id(node)) {
         zeb_get_node_mc_mbr(dst->src_app, node, &dst->nodes);
+        dst->node_num = ZEB_NODE_MC_MBR_NUM;
         return 0;
     }
-    memset(&dst->nodes, 0xFF, sizeof(dst->nodes));
     if (zeb_valid_node_id(node)) {
         dst->nodes.mbr[0] = node;
+        dst->node_num = 1;
         return 0;
     }
     ZEB_ERROR("ZEB app %d to dst node ID %d invalid.\n", dst->src_app, node);
     return -EINVAL;
 }
 
-bool zeb_get_member_servers(const zeb_dst_t *dst, uint32_t member, zeb_app_set_t *servers)
+static zeb_member_t member_with(bool has_server)
 {
+    return has_server ? ZEB_MEMBER_SERVERS : ZEB_MEMBER_NO_SERVER;
+}
+
+zeb_member_t zeb_get_member_servers(const zeb_dst_t *dst, uint32_t member, zeb_app_set_t *servers)
+{
+    bool without_self = member == dst->src_app && (dst->flags & ZEB_SEND_EXCLUDE_SELF) != 0;
+    if (!dst->all_nodes && !without_self)
+        return member_with(zeb_get_app_server_on(member, dst->nodes.mbr, dst->node_num, servers));
     zeb_get_app_server(member, servers);
-    if (member != dst->src_app || (dst->flags & ZEB_SEND_EXCLUDE_SELF) == 0)
-        return true;
+    if (!without_self)
+        return member_with(zeb_has_app_server(servers));
     int my_node = zeb_get_my_node_id();
     if (my_node < 0)
-        return false;
+        return ZEB_MEMBER_SKIPPED;
     zeb_app_set_del(servers, (uint32_t)my_node);
-    return true;
+    return member_with(zeb_has_app_server(servers));
 }
 
 static bool zeb_has_app_node_server(const zeb_dst_t *dst, const zeb_app_set_t *servers)
 {
-    for (uint32_t node : dst->nodes.mbr) {
-        if (zeb_app_set_test(servers, node))
+    for (int i = 0; i < dst->node_num; i++) {
+        if (zeb_app_set_test(servers, dst->nodes.mbr[i]))
             return true;
     }
     return false;
@@ -88,13 +98,10 @@ static bool zeb_has_app_node_server(const zeb_dst_t *dst, const zeb_app_set_t *s
 static bool member_has_server(const zeb_dst_t *dst, uint32_t member)
 {
     zeb_app_set_t servers;
-    if (!zeb_get_member_servers(dst, member, &servers))
-        return false;
-    if (!zeb_has_app_server(&servers)) {
+    zeb_member_t found = zeb_get_member_servers(dst, member, &servers);
+    if (found == ZEB_MEMBER_NO_SERVER)
         ZEB_VERBOSE("ZEB app %d to %d has no server.\n", dst->src_app, member);
-        return false;
-    }
-    return dst->all_nodes || zeb_has_app_node_server(dst, &servers);
+    return found == ZEB_MEMBER_SERVERS && (dst->all_nodes || zeb_has_app_node_server(dst, &servers));
 }
 
 // Asks flow control for every member that has a server; a refusal for one sends to none. -ENOENT when no member has
@@ -102,7 +109,8 @@ static bool member_has_server(const zeb_dst_t *dst, uint32_t member)
 static int check_members(const zeb_dst_t *dst)
 {
     int ret = -ENOENT;
-    for (uint32_t member : dst->apps.mbr) {
+    for (int i = 0; i < dst->app_num; i++) {
+        uint32_t member = dst->apps.mbr[i];
         if (member == 0 || !member_has_server(dst, member))
             continue;
         ret = zeb_fc_check(dst->src_app, member, dst->flags);
@@ -132,9 +140,10 @@ static int send_instance(const zeb_dst_t *dst, zeb_msg_t *msg, uint32_t dst_app,
 static int send_all(const zeb_dst_t *dst, zeb_msg_t *msg, int *ret)
 {
     int tried = 0;
-    for (uint32_t member : dst->apps.mbr) {
+    for (int i = 0; i < dst->app_num; i++) {
+        uint32_t member = dst->apps.mbr[i];
         zeb_app_set_t servers;
-        if (member == 0 || !zeb_get_member_servers(dst, member, &servers))
+        if (member == 0 || zeb_get_member_servers(dst, member, &servers) != ZEB_MEMBER_SERVERS)
             continue;
         zeb_each_instance(dst, &servers, [&](uint32_t node) {
             tried++;

@@ -115,15 +115,22 @@ static inline int zeb_valid_node_mc_id(uint32_t node)
 /* Declared here because strict C99 hides it in <unistd.h>. */
 extern int usleep(unsigned int usec);
 
-/* A zero-filled block of `size` bytes, released with free(). Never fails: while memory is short it tries again every
- * 10 microseconds. */
-static inline void *zeb_malloc(int size)
+/* A block of `size` bytes that holds anything, for a caller that writes all of it; otherwise as zeb_malloc(). */
+static inline void *zeb_malloc_dirty(int size)
 {
     void *block = malloc((size_t)size);
     while (block == NULL) {
         (void)usleep(10);
         block = malloc((size_t)size);
     }
+    return block;
+}
+
+/* A zero-filled block of `size` bytes, released with free(). Never fails: while memory is short it tries again every
+ * 10 microseconds. */
+static inline void *zeb_malloc(int size)
+{
+    void *block = zeb_malloc_dirty(size);
     memset(block, 0, (size_t)size);
     return block;
 }

@@ -131,12 +131,17 @@ static void reset_app(zeb_app_mng_t *slot)
     zeb_fc_t *fc = slot->fc;
     free_all<zeb_send_app_fc_t>(&fc->send_list);
     free_all<zeb_recv_app_fc_t>(&fc->recv_list);
+    fc->send_index = {};
+    fc->recv_index = {};
+    fc->blocked_num = 0;
     fc->total_send = fc->total_recv = fc->unack_drift = 0;
     fc->total_send_unack = fc->total_recv_unack = 0;
     fc->mcast_send_reject = fc->rpc_reply_exception = fc->recv_exception = 0;
     zeb_mng_stat_t *stat = slot->mng_stat;
     free_all<zeb_send_mng_stat_t>(&stat->send_list);
     free_all<zeb_recv_mng_stat_t>(&stat->recv_list);
+    stat->send_index = {};
+    stat->recv_index = {};
     stat->total_send = stat->total_recv = 0;
     if (!list_empty(&slot->rpc->wait_list))
         fail("a call is left without its caller");
@@ -146,14 +151,16 @@ void reset()
 {
     start();
     free_all<zeb_inst_id_t>(&g_zeb_mng.inst_id_list);
+    g_zeb_mng.inst_id_index = {};
     free_all<zeb_msg_t>(&g_zeb_mng.inst_sync_list);
     free_all<zeb_resume_comm_t>(&g_zeb_mng.resume_comm_list);
     free_all<zeb_rejoin_t>(&g_zeb_mng.rejoin_list);
     free_all<zeb_msg_t>(&g_zeb_mng.sync_inst_ack_list);
+    g_zeb_mng.sync_inst_ack_num = 0;
     free_all<zeb_retry_inst_t>(&g_zeb_mng.sync_inst_retry_list);
     list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [](zeb_ol_app_t *ol) {
         for (zeb_app_set_t *set : {&ol->srv_bmp, &ol->inst_bmp, &ol->inst_ack_bmp, &ol->ol_bmp})
-            memset(set->used, 0, sizeof(set->used));
+            set->blocks = 0;
     });
     zeb_each_app_mng(reset_app);
     g_zeb_mng.subscr_reopened = false;

@@ -553,17 +553,14 @@ TEST_F(zeb_mng_sync, a_peer_that_repeats_its_synchronisation_makes_no_more_than_
 
 TEST_F(zeb_mng_sync, pairs_resumes_and_returned_acknowledgements_have_a_limit)
 {
-    std::vector<zeb_inst_id_t> pairs(ZEB_PAIR_NUM_MAX);
     std::vector<zeb_resume_comm_t> resumes(ZEB_RESUME_NUM_MAX);
-    std::vector<zeb_msg_t> acks(ZEB_ACK_RESEND_NUM_MAX);
     peer_online();
-    for (zeb_inst_id_t &pair : pairs)
-        list_add_tail(&pair.list, &g_zeb_mng.inst_id_list);
+    int pair_num = g_zeb_mng.inst_id_index.num;
+    g_zeb_mng.inst_id_index.num = ZEB_PAIR_NUM_MAX;
     EXPECT_EQ(logged(E, [&] { peer_syncs(1, PEER_NODE + 1); }), lines_t({"3 ZEB app 100 has no room for 200/10."}));
     EXPECT_FALSE(zeb_app_instance(PEER, PEER_NODE + 1));
     EXPECT_TRUE(logged(E, [&] { peer_syncs(PEER_SEQ); }).empty()) << "who is known is served on";
-    for (zeb_inst_id_t &pair : pairs)
-        list_del(&pair.list);
+    g_zeb_mng.inst_id_index.num = pair_num;
 
     for (zeb_resume_comm_t &resume : resumes)
         list_add_tail(&resume.list, &g_zeb_mng.resume_comm_list);
@@ -572,15 +569,14 @@ TEST_F(zeb_mng_sync, pairs_resumes_and_returned_acknowledgements_have_a_limit)
     for (zeb_resume_comm_t &resume : resumes)
         list_del(&resume.list);
 
-    for (zeb_msg_t &ack : acks)
-        list_add_tail(&ack.list, &g_zeb_mng.sync_inst_ack_list);
+    int ack_num = g_zeb_mng.sync_inst_ack_num;
+    g_zeb_mng.sync_inst_ack_num = ZEB_ACK_RESEND_NUM_MAX;
     zeb_msg_t *returned = zeb_msg_alloc(56, 1, 0);
     returned->hdr.dst_app = PEER;
     returned->hdr.dst_node = 3;
     EXPECT_EQ(logged(E, [&] { zeb_resend_sync_inst_ack_later(returned); }),
               lines_t({"3 ZEB drop sync inst ack to 200/3, too many come back."}));
-    for (zeb_msg_t &ack : acks)
-        list_del(&ack.list);
+    g_zeb_mng.sync_inst_ack_num = ack_num;
 }
 
 TEST_F(zeb_mng_sync, a_pair_record_gives_0_until_it_exists)

@@ -246,6 +246,7 @@ TEST_F(zeb_user_proxy_send, a_node_that_is_listed_twice_is_sent_to_twice)
     zeb_dst_t dst;
     memset(&dst, 0xFF, sizeof(dst)); // no place is taken
     dst.all_nodes = false;
+    dst.node_num = ZEB_NODE_MC_MBR_NUM;
     const uint32_t places[] = {9, 3, 9, 65536, 5};
     memcpy(dst.nodes.mbr, places, sizeof(places));
     static zeb_app_set_t servers;

@@ -1,0 +1,75 @@
+// An index beside an intrusive list, for C++: finds a record by its key without walking the list.
+// The list stays the owner and keeps its order; the index refers to the same records by a link of its own. Among
+// records of one key the one added first is found, as on the list. A zeroed index is empty. Nothing here locks or
+// allocates: the number of chains is fixed, so a thousand records cost a few steps each and a hundred thousand some
+// hundreds. The caller holds whatever lock guards the list.
+#ifndef PLATFORM_LIST_INDEX_H
+#define PLATFORM_LIST_INDEX_H
+
+#include <cstdint>
+
+#include "platform/list_head.h"
+
+constexpr unsigned LIST_INDEX_BITS = 8;
+constexpr unsigned LIST_INDEX_CHAIN_NUM = 1u << LIST_INDEX_BITS;
+
+// Embedded in a record under the name `index_link`.
+typedef struct list_index_link_s {
+    struct list_index_link_s *next;
+    uint64_t key;
+} list_index_link_t;
+
+typedef struct list_index_s {
+    list_index_link_t *chain[LIST_INDEX_CHAIN_NUM];
+    int num; // records
+} list_index_t;
+
+// A key of two numbers.
+static inline uint64_t list_index_key(uint32_t high, uint32_t low)
+{
+    return (uint64_t)high << 32 | low;
+}
+
+// The upper bits of the product depend on every bit of the key: neighbouring node ids spread over all chains.
+static inline unsigned list_index_chain(uint64_t key)
+{
+    return (unsigned)(key * 0x9E3779B97F4A7C15ull >> (64 - LIST_INDEX_BITS));
+}
+
+// The first record of that key, or null.
+template <typename T>
+static inline T *list_index_find(const list_index_t *index, uint64_t key)
+{
+    list_index_link_t *link = index->chain[list_index_chain(key)];
+    while (link != nullptr && link->key != key)
+        link = link->next;
+    return link == nullptr ? nullptr : list_entry(link, T, index_link);
+}
+
+// Puts a record behind those of its chain.
+template <typename T>
+static inline void list_index_add(list_index_t *index, T *record, uint64_t key)
+{
+    list_index_link_t **end = &index->chain[list_index_chain(key)];
+    while (*end != nullptr)
+        end = &(*end)->next;
+    record->index_link.key = key;
+    record->index_link.next = nullptr;
+    *end = &record->index_link;
+    index->num++;
+}
+
+// Takes a record out; one that is not in the index changes nothing.
+template <typename T>
+static inline void list_index_del(list_index_t *index, T *record)
+{
+    list_index_link_t **at = &index->chain[list_index_chain(record->index_link.key)];
+    while (*at != nullptr && *at != &record->index_link)
+        at = &(*at)->next;
+    if (*at == nullptr)
+        return;
+    *at = record->index_link.next;
+    index->num--;
+}
+
+#endif
