@@ -1,0 +1,381 @@
+// The limits. "raw": TIPC sockets alone, with the same window and acknowledgements, one thread at each end. "threads":
+// the same over the library's threads and system calls and nothing else: a receive thread that polls before it reads
+// each datagram and copies it, and hands it over a queue to the thread that takes it.
+#include "bench.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <linux/tipc.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+constexpr uint32_t NAME_TYPE = 24000;
+constexpr uint32_t CLIENT_INSTANCE = 100000;
+constexpr size_t HEADER_LEN = 36; // as many bytes as the library's header has
+
+static bench_conf_t s_conf;
+static uint32_t s_first; // server's instance; each transport here has its own
+static int s_sd[BENCH_SERVER_NUM];
+static int s_unacked[BENCH_SERVER_NUM];
+static char s_out[HEADER_LEN + BENCH_SIZE_MAX];
+
+static struct sockaddr_tipc name(uint32_t instance)
+{
+    struct sockaddr_tipc addr;
+    memset(&addr, 0, sizeof(addr));
+    addr.family = AF_TIPC;
+    addr.addrtype = TIPC_ADDR_NAME;
+    addr.scope = TIPC_CLUSTER_SCOPE;
+    addr.addr.name.name.type = NAME_TYPE;
+    addr.addr.name.name.instance = instance;
+    return addr;
+}
+
+static int named_socket(uint32_t instance)
+{
+    int sd = socket(AF_TIPC, SOCK_RDM, 0);
+    struct sockaddr_tipc addr = name(instance);
+    if (sd < 0 || bind(sd, (struct sockaddr *)&addr, sizeof(addr)) != 0)
+        bench_fail("raw socket");
+    return sd;
+}
+
+static uint32_t client_instance(int index)
+{
+    return CLIENT_INSTANCE + s_first + (uint32_t)index;
+}
+
+// Where an answer or an acknowledgement goes back to and comes from: the first words of each message.
+typedef struct raw_hdr_s {
+    uint32_t from; // instance
+    uint32_t server;
+} raw_hdr_t;
+
+static bool try_send(int sd, uint32_t to, raw_hdr_t hdr, const void *data, size_t head, size_t len)
+{
+    struct sockaddr_tipc addr = name(to);
+    memcpy(s_out, &hdr, sizeof(hdr));
+    memcpy(s_out + HEADER_LEN, data, head);
+    return sendto(sd, s_out, HEADER_LEN + len, MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr)) >= 0;
+}
+
+static void answer_to(int sd, const raw_hdr_t *hdr, const void *data, size_t len)
+{
+    if (!try_send(sd, hdr->from, *hdr, data, len, len))
+        bench_fail("raw answer");
+}
+
+static void take(int server, int sd, const char *in, size_t len)
+{
+    static uint32_t s_due[BENCH_SERVER_NUM][BENCH_SENDER_NUM];
+    raw_hdr_t hdr;
+    memcpy(&hdr, in, sizeof(hdr));
+    bench_count_t answer;
+    if (bench_received(server, in + HEADER_LEN, len - HEADER_LEN, &answer)) {
+        answer_to(sd, &hdr, &answer, sizeof(answer));
+        return;
+    }
+    uint32_t *due = &s_due[server][hdr.from - client_instance(0)];
+    if (++*due <= BENCH_ACK_BATCH)
+        return;
+    *due -= BENCH_ACK_BATCH;
+    uint32_t ack = BENCH_ACK;
+    answer_to(sd, &hdr, &ack, sizeof(ack));
+}
+
+static void *serve_loop(void *)
+{
+    static char in[66000];
+    struct pollfd fds[BENCH_SERVER_NUM];
+    for (int i = 0; i < s_conf.server_num; i++)
+        fds[i] = {s_sd[i], POLLIN, 0};
+    for (;;) {
+        if (s_conf.server_num > 1)
+            (void)poll(fds, (nfds_t)s_conf.server_num, -1);
+        for (int i = 0; i < s_conf.server_num; i++) {
+            if (s_conf.server_num > 1 && fds[i].revents == 0)
+                continue;
+            ssize_t len = recv(s_sd[i], in, sizeof(in), 0);
+            if (len >= (ssize_t)(HEADER_LEN + sizeof(bench_msg_t)))
+                take(i, s_sd[i], in, (size_t)len);
+        }
+    }
+    return nullptr;
+}
+
+// Servers of one process are 16 apart, so that one client numbers those of four processes without gaps.
+static uint32_t server_instance(int process, int i)
+{
+    return s_first + (uint32_t)(process * 16 + i);
+}
+
+static void serve(const bench_conf_t *conf)
+{
+    s_conf = *conf;
+    for (int i = 0; i < conf->server_num; i++)
+        s_sd[i] = named_socket(server_instance(conf->index, i));
+    pthread_t tid;
+    if (pthread_create(&tid, nullptr, serve_loop, nullptr) != 0)
+        bench_fail("thread");
+}
+
+static uint32_t instance_of(int server)
+{
+    int per_process = s_conf.server_num > 4 ? s_conf.server_num / 4 : 1;
+    return server_instance(server / per_process, server % per_process);
+}
+
+// Reads one answer or acknowledgement. True for an answer.
+static bool read_back(bench_count_t *answer)
+{
+    char in[HEADER_LEN + sizeof(*answer)];
+    ssize_t len = recv(s_sd[0], in, sizeof(in), 0);
+    if (len < (ssize_t)(HEADER_LEN + sizeof(uint32_t)))
+        bench_fail("raw message came back");
+    raw_hdr_t hdr;
+    memcpy(&hdr, in, sizeof(hdr));
+    uint32_t kind = 0;
+    memcpy(&kind, in + HEADER_LEN, sizeof(kind));
+    if (kind == BENCH_ACK) {
+        s_unacked[hdr.server] -= BENCH_ACK_BATCH;
+        return false;
+    }
+    memcpy(answer, in + HEADER_LEN, sizeof(*answer));
+    return true;
+}
+
+static void send_one(int server, const void *data, size_t len)
+{
+    raw_hdr_t hdr = {client_instance(s_conf.index), (uint32_t)server};
+    while (!try_send(s_sd[0], instance_of(server), hdr, data, sizeof(bench_msg_t), len))
+        bench_fail("raw send");
+}
+
+static void open(const bench_conf_t *conf)
+{
+    s_conf = *conf;
+    s_sd[0] = named_socket(client_instance(conf->index));
+    bench_msg_t hello = {BENCH_TRIP, (uint32_t)conf->index, 0};
+    for (int i = 0; i < conf->server_num; i++) {
+        raw_hdr_t hdr = {client_instance(conf->index), (uint32_t)i};
+        while (!try_send(s_sd[0], instance_of(i), hdr, &hello, sizeof(hello), sizeof(hello)))
+            (void)usleep(10000); // the name is not known here yet
+        bench_count_t answer;
+        (void)read_back(&answer);
+    }
+}
+
+static void send(const void *data, size_t len)
+{
+    bench_count_t answer;
+    for (int i = 0; i < s_conf.server_num; i++) {
+        while (s_unacked[i] > BENCH_WINDOW)
+            (void)read_back(&answer);
+        send_one(i, data, len);
+        s_unacked[i]++;
+    }
+}
+
+static int call(const void *data, size_t len, bench_count_t *answers)
+{
+    for (int i = 0; i < s_conf.server_num; i++)
+        send_one(i, data, len);
+    for (int got = 0; got < s_conf.server_num;)
+        got += read_back(&answers[got]) ? 1 : 0;
+    return s_conf.server_num;
+}
+
+const bench_transport_t g_bench_raw = {"raw", serve, open, send, call};
+
+// With a receive thread.
+
+typedef struct item_s {
+    int server;
+    size_t len;
+    char data[1]; // len bytes
+} item_t;
+
+static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t s_cond = PTHREAD_COND_INITIALIZER;
+static std::deque<item_t *> s_queue; // of a server; answers and acknowledgements of a client are filed at once
+static bench_count_t *s_answers;
+static int s_answered;
+static int s_socket_num; // that the receive thread reads
+
+static item_t *read_item(int server)
+{
+    static char in[66000];
+    static char control[1096];
+    struct iovec iov = {in, sizeof(in)};
+    struct msghdr hdr;
+    memset(&hdr, 0, sizeof(hdr));
+    hdr.msg_iov = &iov;
+    hdr.msg_iovlen = 1;
+    hdr.msg_control = control;
+    hdr.msg_controllen = sizeof(control);
+    ssize_t len = recvmsg(s_sd[server], &hdr, MSG_DONTWAIT);
+    if (len < (ssize_t)(HEADER_LEN + sizeof(uint32_t)))
+        return nullptr;
+    item_t *item = (item_t *)malloc(sizeof(item_t) + (size_t)len);
+    item->server = server;
+    item->len = (size_t)len;
+    memcpy(item->data, in, (size_t)len);
+    return item;
+}
+
+static void enqueue(item_t *item)
+{
+    (void)pthread_mutex_lock(&s_mutex);
+    s_queue.push_back(item);
+    (void)pthread_mutex_unlock(&s_mutex);
+    (void)pthread_cond_signal(&s_cond);
+}
+
+static void file(item_t *item)
+{
+    raw_hdr_t hdr;
+    memcpy(&hdr, item->data, sizeof(hdr));
+    uint32_t kind = 0;
+    memcpy(&kind, item->data + HEADER_LEN, sizeof(kind));
+    (void)pthread_mutex_lock(&s_mutex);
+    if (kind == BENCH_ACK)
+        s_unacked[hdr.server] -= BENCH_ACK_BATCH;
+    else
+        memcpy(&s_answers[s_answered++], item->data + HEADER_LEN, sizeof(*s_answers));
+    (void)pthread_mutex_unlock(&s_mutex);
+    (void)pthread_cond_broadcast(&s_cond);
+    free(item);
+}
+
+static void *receive_loop(void *arg)
+{
+    auto *take_item = (void (*)(item_t *))arg;
+    struct pollfd fds[BENCH_SERVER_NUM + 1];
+    int num = s_socket_num;
+    fds[num] = {eventfd(0, 0), POLLIN, 0}; // stands for the topology connection
+    for (int i = 0; i < num; i++)
+        fds[i] = {s_sd[i], POLLIN, 0};
+    for (;;) {
+        (void)poll(fds, (nfds_t)num + 1, 2000);
+        for (int i = 0; i < num; i++) {
+            item_t *item = fds[i].revents != 0 ? read_item(i) : nullptr;
+            if (item != nullptr)
+                take_item(item);
+        }
+    }
+    return nullptr;
+}
+
+// Under the mutex.
+static void wait_a_second()
+{
+    struct timespec deadline;
+    (void)clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec++;
+    (void)pthread_cond_timedwait(&s_cond, &s_mutex, &deadline);
+}
+
+static void *dispatch_loop(void *)
+{
+    for (;;) {
+        (void)pthread_mutex_lock(&s_mutex);
+        while (s_queue.empty())
+            wait_a_second();
+        item_t *item = s_queue.front();
+        s_queue.pop_front();
+        (void)pthread_mutex_unlock(&s_mutex);
+        take(item->server, s_sd[item->server], item->data, item->len);
+        free(item);
+    }
+    return nullptr;
+}
+
+static void dispatch_at_once(item_t *item)
+{
+    take(item->server, s_sd[item->server], item->data, item->len);
+    free(item);
+}
+
+static void start_thread(void *(*fun)(void *), void (*take_item)(item_t *))
+{
+    pthread_t tid;
+    if (pthread_create(&tid, nullptr, fun, (void *)take_item) != 0)
+        bench_fail("thread");
+}
+
+static void bind_servers(const bench_conf_t *conf, int first)
+{
+    s_conf = *conf;
+    s_first = (uint32_t)first;
+    s_socket_num = conf->server_num;
+    for (int i = 0; i < conf->server_num; i++)
+        s_sd[i] = named_socket(server_instance(conf->index, i));
+}
+
+static void serve_threads(const bench_conf_t *conf)
+{
+    bind_servers(conf, 1000);
+    start_thread(dispatch_loop, nullptr);
+    start_thread(receive_loop, enqueue);
+}
+
+static void serve_nothread(const bench_conf_t *conf)
+{
+    bind_servers(conf, 2000);
+    start_thread(receive_loop, dispatch_at_once);
+}
+
+static void open_at(const bench_conf_t *conf, int first)
+{
+    s_first = (uint32_t)first;
+    open(conf);
+    s_socket_num = 1;
+    start_thread(receive_loop, file);
+}
+
+static void open_threads(const bench_conf_t *conf)
+{
+    open_at(conf, 1000);
+}
+
+static void open_nothread(const bench_conf_t *conf)
+{
+    open_at(conf, 2000);
+}
+
+static void send_threads(const void *data, size_t len)
+{
+    for (int i = 0; i < s_conf.server_num; i++) {
+        (void)pthread_mutex_lock(&s_mutex);
+        while (s_unacked[i] > BENCH_WINDOW)
+            wait_a_second();
+        s_unacked[i]++;
+        (void)pthread_mutex_unlock(&s_mutex);
+        send_one(i, data, len);
+    }
+}
+
+static int call_threads(const void *data, size_t len, bench_count_t *answers)
+{
+    (void)pthread_mutex_lock(&s_mutex);
+    s_answers = answers;
+    s_answered = 0;
+    (void)pthread_mutex_unlock(&s_mutex);
+    for (int i = 0; i < s_conf.server_num; i++)
+        send_one(i, data, len);
+    (void)pthread_mutex_lock(&s_mutex);
+    while (s_answered < s_conf.server_num)
+        wait_a_second();
+    (void)pthread_mutex_unlock(&s_mutex);
+    return s_conf.server_num;
+}
+
+const bench_transport_t g_bench_threads = {"threads", serve_threads, open_threads, send_threads, call_threads};
+const bench_transport_t g_bench_threads_nothread = {"threads-nothread", serve_nothread, open_nothread, send_threads,
+                                                    call_threads};

@@ -1,0 +1,143 @@
+#!/usr/bin/env python3
+"""Measures every transport on every kind of work, in turns, inside the lab or a simulated cluster, and writes what it saw.
+
+Usage: measure.py BENCH RESULT.json ROUNDS TRANSPORT…; `lab` (or the simulator) is named by the environment.
+Each round runs every transport once, raw twice: the second raw run shows how much two equal runs differ.
+"""
+import json
+import os
+import re
+import signal
+import subprocess
+import sys
+import time
+
+BENCH, RESULT, ROUNDS = sys.argv[1], sys.argv[2], int(sys.argv[3])
+TRANSPORTS = sys.argv[4:]
+BEGIN = time.monotonic()
+ONE_SERVER_ONLY = {"nng"}  # and one client, on one node
+CPUS = [int(word) for word in os.environ.get("BENCH_CPUS", "1 2").split()]
+SLOW = float(os.environ.get("BENCH_SLOW", "1"))  # how much slower than a desk machine; scales the counts
+
+
+def count(number):
+    return max(200, int(number / SLOW))
+
+
+def stage(name, orders, where="nodes", servers=1, clients=1, work=0, transports=None):
+    return {"name": name, "orders": orders, "where": where, "servers": servers, "clients": clients, "work": work,
+            "transports": transports}
+
+
+SIZES = {64: 60000, 1024: 60000, 16384: 12000, 61440: 4000}
+ONEWAY = [("oneway", size, number, 0) for size, number in SIZES.items()]
+TRIPS = [("trip", 64, 6000, 0), ("trip", 1024, 6000, 0), ("rate", 64, 2000, 1000)]
+STAGES = [
+    stage("1 to 1, one node", ONEWAY + TRIPS, where="local"),
+    stage("1 to 1, two nodes", ONEWAY + TRIPS),
+    stage("1 to 1, two nodes, a little work", [("oneway", 1024, 30000, 0)], work=1),
+    stage("4 to 1", [("oneway", 64, 20000, 0)], clients=4),
+    stage("1 to 3", [("oneway", 64, 20000, 0), ("trip", 64, 3000, 0)], servers=3, transports=("zeb", "raw", "zmq")),
+    stage("1 to 64", [("oneway", 64, 1500, 0)], servers=64, transports=("zeb", "raw")),
+]
+
+
+class Process:
+    """A server or a client on a node, on a CPU."""
+
+    def __init__(self, node, cpu, words):
+        command = [os.environ["LAB"], "exec", str(node), "--", "taskset", "-c", str(cpu), BENCH] + [str(w) for w in words]
+        self.child = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                      text=True, start_new_session=True)
+        self.words = words
+
+    def line(self):
+        while True:
+            text = self.child.stdout.readline()
+            if text == "":
+                raise SystemExit(f"{self.words} ended")
+            if text.startswith(("ready", "count=")):
+                return text
+
+    def order(self, words):
+        self.child.stdin.write(" ".join(str(w) for w in words) + "\n")
+        self.child.stdin.flush()
+
+    def end(self):
+        os.killpg(self.child.pid, signal.SIGKILL)
+        self.child.wait()
+
+
+def start(name, plan, cpus):
+    """The processes of one transport; the clients."""
+    servers = plan["servers"]
+    processes = servers if servers <= 4 else 4
+    first = 1 if plan["where"] == "local" or servers == 4 or processes == 4 else 2
+    started = [Process(first + i, cpus - 1, [name, "serve", i, servers // processes, plan["work"]]) for i in range(processes)]
+    for process in started:
+        process.line()
+    clients = [Process(1, 0, [name, "client", i, servers]) for i in range(plan["clients"])]
+    for process in clients:
+        process.line()
+    return started + clients, clients
+
+
+def ask(clients, words):
+    """One run; the figures of all clients together."""
+    for client in clients:
+        client.order(words)
+    answers = [{k: float(v) for k, v in re.findall(r"(\w+)=(\S+)", c.line())} for c in clients]
+    total = dict(answers[0])
+    span = max(a["end"] for a in answers) - min(a["begin"] for a in answers)
+    total["per_second"] = sum(a["count"] for a in answers) / span * 1e6
+    total["lost"] = sum(a["lost"] for a in answers)
+    total["disordered"] = sum(a["disordered"] for a in answers)
+    return total
+
+
+def usable(name, plan):
+    if name not in TRANSPORTS or (plan["transports"] and name not in plan["transports"]):
+        return False
+    return name not in ONE_SERVER_ONLY or (plan["servers"] == 1 and plan["clients"] == 1 and plan["where"] == "local")
+
+
+def run_stage(plan, cpus, results):
+    names = [n for n in TRANSPORTS if usable(n, plan)]
+    everyone, clients = [], {}
+    try:
+        for name in names:
+            started, clients[name] = start(name, plan, cpus)
+            everyone += started
+        for verb, size, number, rate in plan["orders"]:
+            words = [verb, size, count(number)] + ([rate] if rate else [])
+            runs = {name: [] for name in names + ["raw again"]}
+            for turn in range(ROUNDS):
+                shift = turn % len(names)
+                for name in names[shift:] + names[:shift]:
+                    runs[name].append(ask(clients[name], words))
+                    if name == "raw":
+                        runs["raw again"].append(ask(clients[name], words))
+            results.append({"stage": plan["name"], "cpus": cpus, "verb": verb, "size": size, "rate": rate, "runs": runs})
+            print(f"{time.monotonic() - BEGIN:6.1f} s", plan["name"], cpus, "CPU", verb, size, {n: round(sorted(key(verb, r) for r in v)[len(v) // 2], 1)
+                                                         for n, v in runs.items()}, flush=True)
+    finally:
+        for process in everyone:
+            process.end()
+
+
+def key(verb, run):
+    return run["per_second"] if verb == "oneway" else run["p50"]
+
+
+def main():
+    results = []
+    only = os.environ.get("BENCH_ONLY", "")
+    for cpus in CPUS:
+        for plan in STAGES:
+            if only in plan["name"]:
+                run_stage(plan, cpus, results)
+    with open(RESULT, "w", encoding="utf-8") as out:
+        json.dump(results, out)
+
+
+main()
