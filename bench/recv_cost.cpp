@@ -1,6 +1,6 @@
 // How many instructions the receive thread and the proxy thread spend on one one-way message, for callgrind: the
 // difference between two runs of different length. TIPC is interposed, so only the library's own work is counted.
-// Usage: recv_cost [PEERS [MESSAGES]]
+// Usage: recv_cost [MESSAGES [PEERS [APPS]]]
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -86,13 +86,17 @@ static void *count(zeb_msg_t *msg)
 
 int main(int argc, char **argv)
 {
-    s_peers = argc > 1 ? (uint32_t)atoi(argv[1]) : s_peers;
-    s_messages = argc > 2 ? atoi(argv[2]) : s_messages;
+    s_messages = argc > 1 ? atoi(argv[1]) : s_messages;
+    s_peers = argc > 2 ? (uint32_t)atoi(argv[2]) : s_peers;
+    uint32_t apps = argc > 3 ? (uint32_t)atoi(argv[3]) : 0;
     const zeb_msg_dispatcher_t table[] = {{1, count}, {0, nullptr}};
-    if (zeb_register(APP, "bench", table, nullptr) != 0 || zeb_comm_with(APP, PEER) != 0) {
+    if (zeb_register(APP, "bench", table, nullptr) != 0) {
         (void)fprintf(stderr, "needs a node id in /tmp/addr/.zeb_node_addr\n");
         return 1;
     }
+    for (uint32_t i = 0; i < apps; i++)
+        (void)zeb_comm_with(APP, 1000 + i);
+    (void)zeb_comm_with(APP, PEER);
     for (uint32_t node = 1; node <= s_peers; node++) {
         zeb_update_inst_sync_id(APP, PEER, node, node);
         zeb_update_inst_sync_ack_id(APP, PEER, node, node);

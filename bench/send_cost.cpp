@@ -1,15 +1,22 @@
-// How many instructions one send costs, for callgrind: `valgrind --tool=callgrind --toggle-collect=zeb_sendto
-// send_cost`. TIPC is a socket pair's worth of nothing: sendto is interposed, so only the library's own work is
-// counted. Usage: send_cost [PEERS [SENDS]]
+// How many instructions one send, one send to a group, or one call costs, for callgrind: the difference between two
+// runs of different length. TIPC is a socket pair's worth of nothing: sendto is interposed, so only the library's own
+// work is counted; a call is answered within its sendto, so it never waits. Usage: send_cost [VERB [NUMBER [PEERS [APPS
+// [GROUPS [CALLS]]]]]] with VERB send, group or call, PEERS instances online, APPS further applications, GROUPS groups,
+// and CALLS calls in progress.
+#include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <zeb/zeb.h>
 
+#include "zeb_flow_ctrl.h"
 #include "zeb_mng_online.h"
 #include "zeb_mng_sync.h"
+#include "zeb_rpc.h"
 
 extern "C" {
 int socket(int, int, int)
@@ -24,11 +31,7 @@ int setsockopt(int, int, int, const void *, socklen_t)
 {
     return 0;
 }
-ssize_t sendto(int, const void *, size_t len, int, const struct sockaddr *, socklen_t)
-{
-    return (ssize_t)len;
-}
-int zeb_get_my_node_id(void);
+ssize_t sendto(int, const void *hdr, size_t len, int, const struct sockaddr *, socklen_t);
 }
 
 constexpr uint32_t APP = 100;
@@ -40,28 +43,85 @@ static void *drop(zeb_msg_t *msg)
     return nullptr;
 }
 
+// Files the answer that the request would have brought.
+static void answer(const zeb_msg_hdr_t *request)
+{
+    zeb_msg_t *reply = zeb_msg_alloc(0, 1, 0);
+    zeb_encode_msg_hdr(reply, request->flag | ZEB_MSG_FLAG_ACK, ntohl(request->dst_app), ntohl(request->dst_node),
+                       ntohl(request->src_app), ntohl(request->src_node), ntohl(request->seq), 0);
+    (void)zeb_rpc_add_reply(reply);
+}
+
+ssize_t sendto(int, const void *bytes, size_t len, int, const struct sockaddr *, socklen_t)
+{
+    zeb_msg_hdr_t hdr;
+    memcpy(&hdr, bytes, sizeof(hdr));
+    if ((hdr.flag & ZEB_MSG_FLAG_REQUEST) != 0)
+        answer(&hdr);
+    return (ssize_t)len;
+}
+
+static void add_peer(uint32_t node)
+{
+    zeb_update_inst_sync_id(APP, PEER, node, node);
+    zeb_update_inst_sync_ack_id(APP, PEER, node, node);
+    zeb_set_app_inst(PEER, node);
+    zeb_set_app_inst_ack(PEER, node);
+    zeb_set_app_server(PEER, node);
+    zeb_try_notify_app_join(APP, node, PEER);
+}
+
+static uint32_t add_groups(uint32_t num)
+{
+    uint32_t group = 0;
+    for (uint32_t i = 0; i < num; i++)
+        group = (uint32_t)zeb_create_app_mcast(APP);
+    (void)zeb_add_app_mcast(APP, group, PEER);
+    return group;
+}
+
+static bool call(uint32_t node, zeb_msg_t *msg)
+{
+    zeb_reply_msg_t replies;
+    if (zeb_rpcto(APP, node, PEER, msg, 0, 60, &replies) != 0 || replies.num != 1)
+        return false;
+    free(replies.msg[0]);
+    return true;
+}
+
 int main(int argc, char **argv)
 {
-    uint32_t peers = argc > 1 ? (uint32_t)atoi(argv[1]) : 64;
-    int sends = argc > 2 ? atoi(argv[2]) : 1000;
+    std::string verb = argc > 1 ? argv[1] : "send";
+    auto number = [&](int at, uint32_t usual) { return argc > at ? (uint32_t)atoi(argv[at]) : usual; };
+    uint32_t sends = number(2, 1000);
+    uint32_t peers = number(3, 64);
+    uint32_t apps = number(4, 0);
     const zeb_msg_dispatcher_t table[] = {{1, drop}, {0, nullptr}};
-    if (zeb_register_without_thread(APP, "bench", table, nullptr) != 0 || zeb_comm_with(APP, PEER) != 0) {
+    if (zeb_register_without_thread(APP, "bench", table, nullptr) != 0) {
         (void)fprintf(stderr, "needs a node id in /tmp/addr/.zeb_node_addr\n");
         return 1;
     }
-    for (uint32_t node = 1; node <= peers; node++) {
-        zeb_update_inst_sync_id(APP, PEER, node, node);
-        zeb_update_inst_sync_ack_id(APP, PEER, node, node);
-        zeb_set_app_inst(PEER, node);
-        zeb_set_app_inst_ack(PEER, node);
-        zeb_set_app_server(PEER, node);
-        zeb_try_notify_app_join(APP, node, PEER);
-    }
+    for (uint32_t i = 0; i < apps; i++)
+        (void)zeb_comm_with(APP, 1000 + i);
+    (void)zeb_comm_with(APP, PEER);
+    for (uint32_t node = 1; node <= peers; node++)
+        add_peer(node);
+    uint32_t group = add_groups(number(5, 1));
+    static zeb_reply_msg_t s_open;
+    for (uint32_t i = 0; i < number(6, 0); i++)
+        (void)zeb_rpc_prepare_wait(APP, 0x80000000u + i, 60, &s_open);
     zeb_msg_t *msg = zeb_msg_alloc(64, 1, 0);
-    int sent = 0;
-    for (int i = 0; i < sends; i++)
-        sent += zeb_sendto(APP, 1 + (uint32_t)i % peers, PEER, msg, 0) == 0 ? 1 : 0;
-    printf("%d of %d sent, %u peers online\n", sent, sends, peers);
+    uint32_t done = 0;
+    for (uint32_t i = 0; i < sends; i++) {
+        uint32_t node = 1 + i % peers;
+        if (verb == "call")
+            done += call(node, msg) ? 1 : 0;
+        else
+            done += zeb_sendto(APP, node, verb == "group" ? group : PEER, msg, 0) == 0 ? 1 : 0;
+        if (i % 512 == 511)
+            zeb_fc_update_sent_ack(APP, PEER, node, 512);
+    }
+    printf("%u of %u done, %u peers online\n", done, sends, peers);
     free(msg);
-    return 0;
+    return done == sends ? 0 : 1;
 }

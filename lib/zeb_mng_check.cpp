@@ -195,6 +195,7 @@ static void check_calls(report_t *report, zeb_app_rpc_wait_t *rpc)
     zeb_scoped_lock lock(&rpc->mutex);
     if (!list_is_whole(report, &rpc->wait_list, "wait_list", rpc->app_id))
         return;
+    check_count(report, &rpc->wait_list, rpc->wait_index.num, "wait_list", rpc->app_id);
     list_each<zeb_rpc_wait_t>(&rpc->wait_list,
                               [&](const zeb_rpc_wait_t *wait) { check_call(report, rpc->app_id, wait); });
 }

@@ -65,7 +65,7 @@ zeb_app_rpc_wait_t *zeb_get_app_rpc(uint32_t app)
 
 static zeb_rpc_wait_t *__find_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq) ZEB_REQUIRES(rpc->mutex)
 {
-    return list_find<zeb_rpc_wait_t>(&rpc->wait_list, [&](const zeb_rpc_wait_t *wait) { return wait->seq == seq; });
+    return list_index_find<zeb_rpc_wait_t>(&rpc->wait_index, seq);
 }
 
 zeb_rpc_wait_t *zeb_get_rpc_wait(uint32_t app, uint32_t seq)
@@ -95,6 +95,7 @@ int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply
     wait->caller = gettid();
 #endif
     list_add_tail(&wait->list, &rpc->wait_list);
+    list_index_add(&rpc->wait_index, wait, seq);
     return 0;
 }
 
@@ -130,9 +131,10 @@ int zeb_rpc_set_wait(uint32_t app, uint32_t seq, uint32_t dst_app, uint32_t dst_
     return 0;
 }
 
-static void __unlink_wait(zeb_rpc_wait_t *wait)
+static void __unlink_wait(zeb_app_rpc_wait_t *rpc, zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
 {
     list_del(&wait->list);
+    list_index_del(&rpc->wait_index, wait);
     free(wait);
 }
 
@@ -144,7 +146,7 @@ void zeb_rpc_del_wait(uint32_t app, uint32_t seq)
     zeb_scoped_lock lock(&rpc->mutex);
     zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
     assert(wait != NULL);
-    __unlink_wait(wait);
+    __unlink_wait(rpc, wait);
 }
 
 int64_t zeb_rpc_wait_inst(uint32_t app, uint32_t seq, int index)
@@ -242,7 +244,7 @@ int zeb_rpc_wait_reply(uint32_t app, uint32_t seq)
     } else {
         ZEB_VERBOSE("ZEB app %d seq %d RPC all replied.\n", app, seq);
     }
-    __unlink_wait(wait);
+    __unlink_wait(rpc, wait);
     return ret;
 }
 

@@ -10,6 +10,7 @@
 
 #include <zeb/zeb.h>
 
+#include "platform/list_index.h"
 #include "zeb_lock.h"
 
 typedef struct zeb_app_rpc_wait_s {
@@ -18,10 +19,12 @@ typedef struct zeb_app_rpc_wait_s {
     // Guards the list, every record on it and the reply buffers they point at. Nothing of ours is taken under it.
     zeb_mutex_t mutex;
     struct list_head wait_list ZEB_GUARDED_BY(mutex); // zeb_rpc_wait_t
+    list_index_t wait_index ZEB_GUARDED_BY(mutex);    // of wait_list, by sequence number
 } zeb_app_rpc_wait_t;
 
 typedef struct zeb_rpc_wait_s {
-    struct list_head list;
+    struct list_head list;        // in wait_list
+    list_index_link_t index_link; // in wait_index
     uint32_t seq;
     uint32_t timeout;                      // seconds, 0: no limit
     pid_t caller;                          // the waiting thread; 0 in builds that check no invariants

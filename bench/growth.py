@@ -1,0 +1,51 @@
+#!/usr/bin/env python3
+"""How the library's own work grows with what it knows: user-space instructions of one send, call, receive and handshake, counted
+by callgrind as the difference of two runs. Usage: growth.py BENCH-FOLDER RESULT.json (in a process of a node of its own)."""
+import json
+import re
+import subprocess
+import sys
+import tempfile
+
+FOLDER, RESULT = sys.argv[1], sys.argv[2]
+SIZES = (1, 10, 64, 100, 1000)
+
+
+def instructions(program, words):
+    with tempfile.NamedTemporaryFile() as out:
+        done = subprocess.run(["valgrind", "--tool=callgrind", f"--callgrind-out-file={out.name}", f"{FOLDER}/{program}"] +
+                              [str(w) for w in words], stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+    found = re.search(r"Collected : (\d+)", done.stderr)
+    if done.returncode != 0 or not found:
+        raise SystemExit(f"{program} {words}: {done.stdout} {done.stderr[-500:]}")
+    return int(found.group(1))
+
+
+def each(program, words, base=1000, more=2000):
+    """Instructions of one step: `words` has None in the place of the number of steps."""
+    few, many = ([n if w is None else w for w in words] for n in (base, base + more))
+    return (instructions(program, many) - instructions(program, few)) / more
+
+
+CURVES = {
+    "zeb_sendto, peers": [(n, "send_cost", ["send", None, n]) for n in SIZES],
+    "zeb_sendto, applications": [(n, "send_cost", ["send", None, 10, n]) for n in SIZES],
+    "zeb_sendto to a group, groups": [(n, "send_cost", ["group", None, 10, 0, n]) for n in (1, 10, 64, 128)],
+    "zeb_rpcto, peers": [(n, "send_cost", ["call", None, n]) for n in SIZES],
+    "zeb_rpcto, calls in progress": [(n, "send_cost", ["call", None, 10, 0, 1, n]) for n in (0, 1, 10, 100, 1000)],
+    "receive and dispatch, peers": [(n, "recv_cost", [None, n]) for n in SIZES],
+    "receive and dispatch, applications": [(n, "recv_cost", [None, 10, n]) for n in SIZES],
+    "handshake, peers": [(n, "handshake_cost", [n, None]) for n in SIZES],
+}
+
+
+def main():
+    result = {}
+    for name, points in CURVES.items():
+        result[name] = [(n, round(each(program, words))) for n, program, words in points]
+        print(name, result[name], flush=True)
+    with open(RESULT, "w", encoding="utf-8") as out:
+        json.dump(result, out)
+
+
+main()
