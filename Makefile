@@ -8,9 +8,10 @@ JOBS ?= $(shell nproc)
 SECONDS ?= 60
 MINUTES ?= 10
 SEED ?= 1
+ROUNDS ?= 7
 ON ?= sim
 
-.PHONY: chaos fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
+.PHONY: bench chaos fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
 
 help: ## this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -58,8 +59,13 @@ fuzz: setup ## fuzz each target for SECONDS=n (60), two at a time; findings go t
 	@$(MAKE) --no-print-directory build PRESET=fuzz
 	@scripts/fuzz run $(SECONDS)
 
-chaos: build ## processes and faults for MINUTES=n (10) with SEED=s (1), ON=sim or lab
+chaos: build ## processes and faults for MINUTES=n (10) with SEED=s (1), ON=sim, lab or wire
 	@tests/chaos/run $(ON) $$(($(MINUTES) * 60)) $(SEED)
+
+bench: ## measure against raw TIPC, libzmq and nng (ROUNDS=7), in the lab and on the simulator; tables and a plot in bench/results
+	@scripts/setup bench
+	@$(MAKE) --no-print-directory build PRESET=release
+	@bench/run all $(ROUNDS)
 
 install: build ## install below DESTDIR and the prefix that CMake was configured with
 	@cmake --install $(BUILD)

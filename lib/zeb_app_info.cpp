@@ -47,15 +47,21 @@ static zeb_msg_t *try_take_item(zeb_app_info_t *app_info)
     return list_empty(&app_info->msg_list) ? nullptr : first_item(app_info);
 }
 
-// The first queued item; waits for one. After a small message it lets others run once before it sleeps: on a busy CPU
-// the receive thread may then queue a batch, where each message would cost two switches if every one had to wake this
-// thread. A large one is better taken up at once, while it is in the cache.
-static zeb_msg_t *take_item(zeb_app_info_t *app_info, uint32_t last_len)
+// Small one-way messages come in streams. After one the thread lets others run once before it sleeps: on a busy CPU the
+// receive thread may then queue a batch, where each message would cost two switches if every one had to wake this
+// thread. A large one is better taken up at once, while it is in the cache, and a request has its caller waiting.
+static bool comes_in_streams(const zeb_msg_t *msg)
+{
+    return msg->hdr.flag == 0 && msg->hdr.len <= BATCHED_LEN_MAX;
+}
+
+// The first queued item; waits for one.
+static zeb_msg_t *take_item(zeb_app_info_t *app_info, bool give_way)
 {
     zeb_msg_t *msg = try_take_item(app_info);
     if (msg != nullptr)
         return msg;
-    if (last_len <= BATCHED_LEN_MAX)
+    if (give_way)
         (void)sched_yield();
     zeb_scoped_lock lock(&app_info->mutex);
     while (list_empty(&app_info->msg_list)) {
@@ -73,10 +79,10 @@ static void *proxy_thread_fun(void *arg)
     (void)prctl(PR_SET_NAME, name);
     zeb_wait_for_running();
     ZEB_INFO("ZEB app %d proxy thread start.\n", app_info->app_id);
-    uint32_t last_len = 0;
+    bool give_way = false;
     for (;;) {
-        zeb_msg_t *msg = take_item(app_info, last_len);
-        last_len = msg->hdr.len;
+        zeb_msg_t *msg = take_item(app_info, give_way);
+        give_way = comes_in_streams(msg);
         if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
             dispatch_app_event(app_info, msg);
         else

@@ -1,6 +1,6 @@
 // The receive thread: polls the topology connection and the application sockets, reads datagrams with their ancillary
 // data, and routes each to the area that takes it.
-// Only this thread reads those descriptors and uses the two static buffers, so they need no lock. Whatever a datagram
+// Only this thread reads those descriptors and uses the receive buffers, so they need no lock. Whatever a datagram
 // holds, the thread goes on: a bad one is logged and dropped here.
 #include "zeb_mng_recv.h"
 
@@ -25,13 +25,12 @@
 #include "zeb_rpc.h"
 #include "zeb_wire.h"
 
+constexpr int COPIED_LEN_MAX = 8192;
 constexpr int RETDATA_MAX = 1024; // the kernel returns at most the head of a message
 
-// A datagram is read to where a zeb_msg_t keeps its header.
-static union {
-    zeb_msg_t msg;
-    uint8_t bytes[offsetof(zeb_msg_t, hdr) + ZEB_RECV_BUF_LEN];
-} s_recv_buf;
+// The receive buffer: room for the longest datagram, which is read to where a zeb_msg_t keeps its header. A large
+// message is handed on in it, and the next read takes a new one.
+static zeb_msg_t *s_recv_buf;
 
 static union {
     struct cmsghdr align;
@@ -261,12 +260,29 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
     zeb_enqueue_msg_dist(msg, app_info);
 }
 
-// A message of its own of the `len` bytes in the receive buffer. Nothing is zeroed that is written over at once.
-static zeb_msg_t *copy_received(int len)
+static zeb_msg_t *recv_buf()
 {
-    zeb_msg_t *msg = (zeb_msg_t *)zeb_malloc_dirty(len + (int)offsetof(zeb_msg_t, hdr));
+    if (s_recv_buf == nullptr)
+        s_recv_buf = (zeb_msg_t *)zeb_malloc_dirty(ZEB_RECV_BUF_LEN + (int)offsetof(zeb_msg_t, hdr));
+    memset(&s_recv_buf->hdr, 0, sizeof(s_recv_buf->hdr));
+    return s_recv_buf;
+}
+
+// A message of its own size of the `len` bytes in the receive buffer. Copying a large one would cost more than a new
+// buffer; nothing is zeroed that is written over at once.
+static zeb_msg_t *take_received(int len)
+{
+    int size = len + (int)offsetof(zeb_msg_t, hdr);
+    zeb_msg_t *msg = s_recv_buf;
+    if (len > COPIED_LEN_MAX) {
+        s_recv_buf = nullptr;
+        void *cut = realloc(msg, (size_t)size);
+        msg = cut == nullptr ? msg : (zeb_msg_t *)cut;
+    } else {
+        msg = (zeb_msg_t *)zeb_malloc_dirty(size);
+        memcpy(&msg->hdr, &s_recv_buf->hdr, (size_t)len);
+    }
     memset(&msg->list, 0, sizeof(msg->list));
-    memcpy(&msg->hdr, &s_recv_buf.msg.hdr, (size_t)len);
     return msg;
 }
 
@@ -274,8 +290,7 @@ void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
 {
     uint32_t app = app_info->app_id;
     ZEB_VERBOSE("ZEB app %d recv new msg.\n", app);
-    zeb_msg_t *head = &s_recv_buf.msg;
-    memset(&head->hdr, 0, sizeof(head->hdr));
+    zeb_msg_t *head = recv_buf();
     // Without waiting: the kernel discards an empty datagram that woke the poll, and a read would wait for the next
     // one.
     int len = zeb_recv_anc(app, app_info->sd, &head->hdr, ZEB_RECV_BUF_LEN, MSG_DONTWAIT);
@@ -293,7 +308,7 @@ void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
         zeb_dump_msg_raw(&head->hdr, len);
         return;
     }
-    zeb_msg_t *msg = copy_received(len);
+    zeb_msg_t *msg = take_received(len);
     if (!zeb_verify_recv_msg_hdr(app, msg)) {
         zeb_fc_update_recv_exception(app);
         zeb_dump_msg_hdr_info(msg);

@@ -1,0 +1,138 @@
+#!/usr/bin/env python3
+"""Turns what bench/run saw into bench/results: tables in Markdown and a plot. Usage: report.py FOLDER-OF-JSON"""
+import json
+import os
+import statistics
+import subprocess
+import sys
+
+SEEN, OUT = sys.argv[1], "bench/results"
+PLOTTED = ("zeb", "zeb-nothread", "threads", "threads-nothread", "zmq", "nng")
+
+
+def load(name):
+    path = f"{SEEN}/{name}.json"
+    if not os.path.exists(path):
+        return None
+    with open(path, encoding="utf-8") as seen:
+        return json.load(seen)
+
+
+def value(verb, run):
+    return run["per_second"] if verb == "oneway" else run["p50"]
+
+
+def ratios(result, name):
+    """Per round, against the first raw run of that round."""
+    pairs = zip(result["runs"][name], result["runs"]["raw"])
+    return [value(result["verb"], mine) / value(result["verb"], raw) for mine, raw in pairs]
+
+
+def median(result, name, figure):
+    return statistics.median(run[figure] for run in result["runs"][name])
+
+
+def shown(numbers):
+    return f"{statistics.median(numbers):.2f} ({min(numbers):.2f}–{max(numbers):.2f})"
+
+
+def work(result):
+    what = {"oneway": "one-way", "trip": "round trip", "rate": f"round trip, {result['rate']}/s"}[result["verb"]]
+    return f"{what} {result['size']:,} B"
+
+
+def speed_tables(results):
+    lines = []
+    for stage, cpus in dict.fromkeys((r["stage"], r["cpus"]) for r in results):
+        rows = [r for r in results if (r["stage"], r["cpus"]) == (stage, cpus)]
+        names = [n for n in rows[0]["runs"] if n not in ("raw", "raw again")]
+        lines += [f"\n### {stage}, {cpus} CPU{'s' if cpus > 1 else ''}\n",
+                  "| work | raw | raw again / raw | " + " | ".join(f"{n} / raw" for n in names) + " |",
+                  "|---|---|---|" + "---|" * len(names)]
+        for row in rows:
+            unit = "/s" if row["verb"] == "oneway" else " µs"
+            raw = statistics.median(value(row["verb"], run) for run in row["runs"]["raw"])
+            lines.append(f"| {work(row)} | {raw:,.0f}{unit} | {shown(ratios(row, 'raw again'))} | " +
+                         " | ".join(shown(ratios(row, n)) for n in names) + " |")
+    return lines
+
+
+def detail_tables(results):
+    lines = ["\n## What one message or call costs (medians)\n",
+             "| work | where | CPUs | transport | p50 µs | p99 | p99.9 | highest | client CPU µs | server CPU µs | switches | "
+             "client kB | server kB |", "|---|---|---|---|" + "---|" * 9]
+    for row in results:
+        for name in row["runs"]:
+            cells = [f"{median(row, name, f):.1f}" if f in row["runs"][name][0] else ""
+                     for f in ("p50", "p99", "p999", "max", "client_cpu", "server_cpu", "switches")]
+            cells += [f"{median(row, name, f):.0f}" for f in ("client_rss", "server_rss")]
+            lines.append(f"| {work(row)} | {row['stage']} | {row['cpus']} | {name} | " + " | ".join(cells) + " |")
+    return lines
+
+
+def losses(results):
+    runs = [run for row in results for kind in row["runs"].values() for run in kind]
+    return (f"\n{len(runs)} runs, {sum(r['count'] for r in runs):,.0f} messages and calls; lost "
+            f"{sum(max(0, r['lost']) for r in runs):.0f}, doubled {sum(max(0, -r['lost']) for r in runs):.0f}, "
+            f"out of order {sum(r['disordered'] for r in runs):.0f}.\n")
+
+
+def growth_tables(growth, start):
+    lines = ["\n## Growth\n", "User-space instructions of one step, at so many peers, applications, groups or calls.\n"]
+    for name, points in (growth or {}).items():
+        lines.append(f"- {name}: " + ", ".join(f"{n:,}: {cost:,}" for n, cost in points))
+    if start:
+        lines += ["\nInstances of one application that start at once (simulator):\n",
+                  "| instances | all pairs online after | half of the instances | messages | highest resident memory |",
+                  "|---|---|---|---|---|"]
+        lines += [f"| {s['instances']} | {s['seconds']:.1f} s | {s['median']:.1f} s | {s['sent']:,.0f} | {s['rss_kb']:,.0f} kB |"
+                  for s in start]
+    return lines
+
+
+def plot(results, name):
+    rows = [r for r in results if r["cpus"] == 2 and r["stage"].startswith("1 to 1, two nodes") and r["verb"] == "oneway"
+            and "work" not in r["stage"]]
+    rows += [r for r in results if r["cpus"] == 2 and r["stage"] == "1 to 1, two nodes" and r["verb"] == "trip"]
+    names = [n for n in PLOTTED if n in rows[0]["runs"]]
+    data = "\n".join(f'"{work(r)}" ' + " ".join(f"{statistics.median(ratios(r, n)):.3f}" for n in names) for r in rows)
+    columns = ", ".join(f"$data using {i + 2}:xtic(1) title '{n}'" for i, n in enumerate(names))
+    script = f"""$data << EOD
+{data}
+EOD
+set terminal svg size 1000,420 background 'white' font 'sans,11'
+set output '{OUT}/{name}.svg'
+set title 'against raw TIPC = 1, two nodes, two CPUs ({name}); one-way: higher is better, round trip: lower is better' noenhanced
+set style data histogram
+set style histogram cluster gap 1
+set style fill solid 0.8 border -1
+set yrange [0:*]
+set grid ytics
+set arrow from graph 0, first 1 to graph 1, first 1 nohead lw 2
+set key outside right noenhanced
+plot {columns}
+"""
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+
+
+def main():
+    os.makedirs(OUT, exist_ok=True)
+    for name, title in (("lab", "In the lab: Linux 6.1 in an emulated machine"), ("sim", "On the simulator, natively")):
+        results = load(name)
+        if not results:
+            continue
+        rounds = len(results[0]["runs"]["raw"])
+        lines = [f"# {title}\n", f"Medians of {rounds} rounds in which the transports took turns; in brackets the lowest and "
+                 "the highest ratio of a round. Made by `make bench`; docs/performance.md explains it.",
+                 losses(results)] + speed_tables(results) + detail_tables(results)
+        with open(f"{OUT}/{name}.md", "w", encoding="utf-8") as out:
+            out.write("\n".join(lines) + "\n")
+        plot(results, name)
+    growth, start = load("growth"), load("start")
+    if growth or start:
+        with open(f"{OUT}/growth.md", "w", encoding="utf-8") as out:
+            out.write("\n".join(["# How the cost grows"] + growth_tables(growth, start)) + "\n")
+    print(f"{OUT}: {', '.join(sorted(os.listdir(OUT)))}")
+
+
+main()

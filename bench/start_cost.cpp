@@ -1,0 +1,68 @@
+// One of many instances that start at once: prints when all its pairs are online, how many synchronisation messages it
+// sent and what memory it holds. Usage: start_cost INSTANCES; starts with the first line on standard input and ends
+// with the second.
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <unistd.h>
+
+#include <zeb/zeb.h>
+
+#include "zeb_mng.h"
+
+constexpr uint32_t APP = 100;
+
+static std::atomic<int> s_online{0};
+
+static void *drop(zeb_msg_t *msg)
+{
+    free(msg);
+    return nullptr;
+}
+
+static void *on_event(zeb_event_t event)
+{
+    s_online += event.type == ZEB_APP_JOIN ? 1 : -1;
+    return nullptr;
+}
+
+static uint32_t messages_sent()
+{
+    zeb_mng_stat_t *stat = zeb_get_app_mng(APP)->mng_stat;
+    zeb_scoped_lock lock(&stat->mutex);
+    return stat->total_send;
+}
+
+static long resident_kb()
+{
+    long pages = 0;
+    FILE *fp = fopen("/proc/self/statm", "re");
+    if (fp == nullptr || fscanf(fp, "%*d %ld", &pages) != 1)
+        return -1;
+    (void)fclose(fp);
+    return pages * sysconf(_SC_PAGESIZE) / 1024;
+}
+
+int main(int argc, char **argv)
+{
+    int instances = argc > 1 ? atoi(argv[1]) : 2;
+    const zeb_msg_dispatcher_t table[] = {{1, drop}, {0, nullptr}};
+    if (zeb_register(APP, "start", table, on_event) != 0 || zeb_comm_with(APP, APP) != 0)
+        return 1;
+    char line[16];
+    printf("registered\n");
+    (void)fflush(stdout);
+    if (fgets(line, sizeof(line), stdin) == nullptr)
+        return 1;
+    zeb_run();
+    while (s_online < instances)
+        (void)usleep(1000);
+    struct timespec now;
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    printf("online %.3f sent %u rss %ld\n", (double)now.tv_sec + (double)now.tv_nsec / 1e9, messages_sent(),
+           resident_kb());
+    (void)fflush(stdout);
+    (void)fgets(line, sizeof(line), stdin); // until all have what they need of this one
+    _exit(0);
+}
