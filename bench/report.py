@@ -78,12 +78,12 @@ def losses(results):
 
 
 def growth_tables(growth, start):
-    lines = ["\n## Growth\n", "User-space instructions of one step, at so many peers, applications, groups or calls.\n"]
+    lines = ["\nUser-space instructions of one step, at so many peers, applications, groups or calls.\n"]
     for name, points in (growth or {}).items():
         lines.append(f"- {name}: " + ", ".join(f"{n:,}: {cost:,}" for n, cost in points))
     if start:
         lines += ["\nInstances of one application that start at once (simulator):\n",
-                  "| instances | all pairs online after | half of the instances | messages | highest resident memory |",
+                  "| instances | all pairs online after | half of the instances | messages | highest anonymous memory of one |",
                   "|---|---|---|---|---|"]
         lines += [f"| {s['instances']} | {s['seconds']:.1f} s | {s['median']:.1f} s | {s['sent']:,.0f} | {s['rss_kb']:,.0f} kB |"
                   for s in start]
