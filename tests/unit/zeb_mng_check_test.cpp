@@ -50,9 +50,9 @@ TEST_F(zeb_mng_check, an_online_instance_that_is_not_known_or_has_not_acknowledg
 {
     zeb_scoped_lock lock(&g_lib_mutex);
     zeb_ol_app_t *ol = __zeb_get_ol_app(PEER);
-    uint64_t none = 0;
-    EXPECT_EQ(broken_with(&ol->inst_bmp.used[0], none), "200/9 is online and not known\n");
-    EXPECT_EQ(broken_with(&ol->inst_ack_bmp.used[0], none), "200/9 is online and has not acknowledged\n");
+    uint32_t none = 0;
+    EXPECT_EQ(broken_with(&ol->inst_bmp.blocks, none), "200/9 is online and not known\n");
+    EXPECT_EQ(broken_with(&ol->inst_ack_bmp.blocks, none), "200/9 is online and has not acknowledged\n");
     EXPECT_THAT(broken_with(&ol->srv_bmp.used[0], (uint64_t)33), testing::HasSubstr("srv_bmp of 200: word 5 counts"));
     EXPECT_THAT(broken_with(&ol->srv_bmp.blocks, 3u), testing::HasSubstr("srv_bmp of 200: block 1 counts"));
 }
