@@ -80,32 +80,26 @@ static bool is_unicast(uint32_t app, uint32_t node)
 
 zeb_send_app_fc_t *__zeb_get_send_app_fc(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node)
 {
-    uint64_t key = list_index_key(dst_app, dst_node);
-    zeb_send_app_fc_t *record = list_index_find<zeb_send_app_fc_t>(&fc->send_index, key);
-    if (record != nullptr)
-        return record;
-    ZEB_VERBOSE("ZEB app %d add new send flow ctrl to %d/%d.\n", fc->app_id, dst_app, dst_node);
-    record = (zeb_send_app_fc_t *)zeb_malloc(sizeof(zeb_send_app_fc_t));
-    record->dst_app_id = dst_app;
-    record->dst_node_id = dst_node;
-    list_add_tail(&record->list, &fc->send_list);
-    list_index_add(&fc->send_index, record, key);
-    return record;
+    return list_index_find_or_create<zeb_send_app_fc_t>(
+        &fc->send_list, &fc->send_index, list_index_key(dst_app, dst_node), [&] {
+            ZEB_VERBOSE("ZEB app %d add new send flow ctrl to %d/%d.\n", fc->app_id, dst_app, dst_node);
+            zeb_send_app_fc_t *record = (zeb_send_app_fc_t *)zeb_malloc(sizeof(zeb_send_app_fc_t));
+            record->dst_app_id = dst_app;
+            record->dst_node_id = dst_node;
+            return record;
+        });
 }
 
 zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node)
 {
-    uint64_t key = list_index_key(src_app, src_node);
-    zeb_recv_app_fc_t *record = list_index_find<zeb_recv_app_fc_t>(&fc->recv_index, key);
-    if (record != nullptr)
-        return record;
-    ZEB_VERBOSE("ZEB app %d add new recv flow ctrl from %d/%d.\n", fc->app_id, src_app, src_node);
-    record = (zeb_recv_app_fc_t *)zeb_malloc(sizeof(zeb_recv_app_fc_t));
-    record->src_app_id = src_app;
-    record->src_node_id = src_node;
-    list_add_tail(&record->list, &fc->recv_list);
-    list_index_add(&fc->recv_index, record, key);
-    return record;
+    return list_index_find_or_create<zeb_recv_app_fc_t>(
+        &fc->recv_list, &fc->recv_index, list_index_key(src_app, src_node), [&] {
+            ZEB_VERBOSE("ZEB app %d add new recv flow ctrl from %d/%d.\n", fc->app_id, src_app, src_node);
+            zeb_recv_app_fc_t *record = (zeb_recv_app_fc_t *)zeb_malloc(sizeof(zeb_recv_app_fc_t));
+            record->src_app_id = src_app;
+            record->src_node_id = src_node;
+            return record;
+        });
 }
 
 // The one place that changes a send record's `unack`.

@@ -54,32 +54,26 @@ static zeb_mng_stat_t *get_stat(uint32_t app)
 
 static zeb_send_mng_stat_t *__get_send_stat(zeb_mng_stat_t *stat, uint32_t app, uint32_t node) ZEB_REQUIRES(stat->mutex)
 {
-    uint64_t key = list_index_key(app, node);
-    zeb_send_mng_stat_t *record = list_index_find<zeb_send_mng_stat_t>(&stat->send_index, key);
-    if (record != nullptr)
-        return record;
-    ZEB_VERBOSE("ZEB app %d add new send mng msg stat to %d/%d.\n", stat->app_id, app, node);
-    record = (zeb_send_mng_stat_t *)zeb_malloc(sizeof(zeb_send_mng_stat_t));
-    record->dst_app_id = app;
-    record->dst_node_id = node;
-    list_add_tail(&record->list, &stat->send_list);
-    list_index_add(&stat->send_index, record, key);
-    return record;
+    return list_index_find_or_create<zeb_send_mng_stat_t>(
+        &stat->send_list, &stat->send_index, list_index_key(app, node), [&] {
+            ZEB_VERBOSE("ZEB app %d add new send mng msg stat to %d/%d.\n", stat->app_id, app, node);
+            zeb_send_mng_stat_t *record = (zeb_send_mng_stat_t *)zeb_malloc(sizeof(zeb_send_mng_stat_t));
+            record->dst_app_id = app;
+            record->dst_node_id = node;
+            return record;
+        });
 }
 
 static zeb_recv_mng_stat_t *__get_recv_stat(zeb_mng_stat_t *stat, uint32_t app, uint32_t node) ZEB_REQUIRES(stat->mutex)
 {
-    uint64_t key = list_index_key(app, node);
-    zeb_recv_mng_stat_t *record = list_index_find<zeb_recv_mng_stat_t>(&stat->recv_index, key);
-    if (record != nullptr)
-        return record;
-    ZEB_VERBOSE("ZEB app %d add new recv mng msg stat from %d/%d.\n", stat->app_id, app, node);
-    record = (zeb_recv_mng_stat_t *)zeb_malloc(sizeof(zeb_recv_mng_stat_t));
-    record->src_app_id = app;
-    record->src_node_id = node;
-    list_add_tail(&record->list, &stat->recv_list);
-    list_index_add(&stat->recv_index, record, key);
-    return record;
+    return list_index_find_or_create<zeb_recv_mng_stat_t>(
+        &stat->recv_list, &stat->recv_index, list_index_key(app, node), [&] {
+            ZEB_VERBOSE("ZEB app %d add new recv mng msg stat from %d/%d.\n", stat->app_id, app, node);
+            zeb_recv_mng_stat_t *record = (zeb_recv_mng_stat_t *)zeb_malloc(sizeof(zeb_recv_mng_stat_t));
+            record->src_app_id = app;
+            record->src_node_id = node;
+            return record;
+        });
 }
 
 void zeb_mng_stat_update_sent(uint32_t my_app, uint32_t dst_app, uint32_t dst_node, int type)

@@ -211,12 +211,8 @@ static zeb_subscr_app_t *new_subscr_app(uint32_t app)
 int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
 {
     ZEB_INFO("ZEB app %d add comm with %d.\n", src_app, dst_app);
-    zeb_ol_app_t *ol = __zeb_get_ol_app(dst_app);
-    if (ol == nullptr) {
-        ol = new_ol_app(dst_app);
-        list_add_tail(&ol->list, &g_zeb_mng.ol_app_list);
-        list_index_add(&g_zeb_mng.ol_app_index, ol, dst_app);
-    }
+    zeb_ol_app_t *ol = list_index_find_or_create<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, &g_zeb_mng.ol_app_index, dst_app,
+                                                               [&] { return new_ol_app(dst_app); });
     (void)list_find_or_create<zeb_subscr_app_t>(
         &ol->subscr_app_list, [&](const zeb_subscr_app_t *subscr) { return subscr->subscr_app == src_app; },
         [&] { return new_subscr_app(src_app); });

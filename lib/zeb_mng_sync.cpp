@@ -58,15 +58,14 @@ static void update_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node
                            uint32_t value)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    zeb_inst_id_t *id = __zeb_get_inst_id(src_app, dst_app, dst_node);
-    if (id == nullptr) {
-        id = (zeb_inst_id_t *)zeb_malloc(sizeof(zeb_inst_id_t));
-        id->src_app = src_app;
-        id->dst_app = dst_app;
-        id->dst_node = dst_node;
-        list_add_tail(&id->list, &g_zeb_mng.inst_id_list);
-        list_index_add(&g_zeb_mng.inst_id_index, id, pair_key(src_app, dst_app, dst_node));
-    }
+    zeb_inst_id_t *id = list_index_find_or_create<zeb_inst_id_t>(
+        &g_zeb_mng.inst_id_list, &g_zeb_mng.inst_id_index, pair_key(src_app, dst_app, dst_node), [&] {
+            zeb_inst_id_t *record = (zeb_inst_id_t *)zeb_malloc(sizeof(zeb_inst_id_t));
+            record->src_app = src_app;
+            record->dst_app = dst_app;
+            record->dst_node = dst_node;
+            return record;
+        });
     id->*field = value;
 }
 

@@ -59,6 +59,20 @@ static inline void list_index_add(list_index_t *index, T *record, uint64_t key)
     index->num++;
 }
 
+// The first record of that key; when there is none, the one that `create` returns, put last on the list and in the
+// index.
+template <typename T, typename Create>
+static inline T *list_index_find_or_create(struct list_head *head, list_index_t *index, uint64_t key, Create create)
+{
+    T *record = list_index_find<T>(index, key);
+    if (record != nullptr)
+        return record;
+    record = create();
+    list_add_tail(&record->list, head);
+    list_index_add(index, record, key);
+    return record;
+}
+
 // Takes a record out; one that is not in the index changes nothing.
 template <typename T>
 static inline void list_index_del(list_index_t *index, T *record)
