@@ -97,8 +97,9 @@ links_up() { # NODE: how many of its links are up
     in_node "$1" tipc link list 2>/dev/null | grep -v '^broadcast-link' | grep -c ': up'
 }
 
+# On a loaded machine a link has been seen that did not come up again by itself: after 20 s it is taken down and up.
 wait_links() {
-    local ids node others
+    local ids node others since
     ids=$(node_ids)
     for node in $ids; do
         [ -n "$(node_pid "$node")" ] || continue
@@ -106,7 +107,14 @@ wait_links() {
         for other in $ids; do
             [ "$other" != "$node" ] && [ -n "$(node_pid "$other")" ] && others=$((others + 1))
         done
-        until [ "$(links_up "$node")" -ge "$others" ]; do sleep 0.05; done
+        since=$SECONDS
+        until [ "$(links_up "$node")" -ge "$others" ]; do
+            sleep 0.05
+            [ $((SECONDS - since)) -ge 20 ] || continue
+            set_links down "$node"
+            set_links up "$node"
+            since=$SECONDS
+        done
     done
 }
 
