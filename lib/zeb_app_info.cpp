@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sched.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -19,8 +18,8 @@
 #include "zeb_mng.h"
 #include "zeb_rpc.h"
 
-constexpr int THREAD_NAME_LEN = 16; // the kernel's limit
-constexpr uint32_t BATCHED_LEN_MAX = 4096;
+constexpr int THREAD_NAME_LEN = 16;          // the kernel's limit
+constexpr uint32_t STREAMED_LEN_MAX = 32768; // a batch of larger ones does not stay in the cache
 
 // Delivers one event record and frees it.
 static void dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
@@ -40,29 +39,9 @@ static zeb_msg_t *first_item(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mu
     return msg;
 }
 
-// The first queued item, or null.
-static zeb_msg_t *try_take_item(zeb_app_info_t *app_info)
-{
-    zeb_scoped_lock lock(&app_info->mutex);
-    return list_empty(&app_info->msg_list) ? nullptr : first_item(app_info);
-}
-
-// Small one-way messages come in streams. After one the thread lets others run once before it sleeps: on a busy CPU the
-// receive thread may then queue a batch, where each message would cost two switches if every one had to wake this
-// thread. A large one is better taken up at once, while it is in the cache, and a request has its caller waiting.
-static bool comes_in_streams(const zeb_msg_t *msg)
-{
-    return msg->hdr.flag == 0 && msg->hdr.len <= BATCHED_LEN_MAX;
-}
-
 // The first queued item; waits for one.
-static zeb_msg_t *take_item(zeb_app_info_t *app_info, bool give_way)
+static zeb_msg_t *take_item(zeb_app_info_t *app_info)
 {
-    zeb_msg_t *msg = try_take_item(app_info);
-    if (msg != nullptr)
-        return msg;
-    if (give_way)
-        (void)sched_yield();
     zeb_scoped_lock lock(&app_info->mutex);
     while (list_empty(&app_info->msg_list)) {
         struct timespec deadline = zeb_deadline_in(1);
@@ -79,10 +58,8 @@ static void *proxy_thread_fun(void *arg)
     (void)prctl(PR_SET_NAME, name);
     zeb_wait_for_running();
     ZEB_INFO("ZEB app %d proxy thread start.\n", app_info->app_id);
-    bool give_way = false;
     for (;;) {
-        zeb_msg_t *msg = take_item(app_info, give_way);
-        give_way = comes_in_streams(msg);
+        zeb_msg_t *msg = take_item(app_info);
         if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
             dispatch_app_event(app_info, msg);
         else
@@ -200,12 +177,34 @@ int zeb_get_app_sd(uint32_t app)
     return app_info == nullptr ? -1 : app_info->sd;
 }
 
+static void append(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    zeb_scoped_lock lock(&app_info->mutex);
+    list_add_tail(&msg->list, &app_info->msg_list);
+}
+
 static void enqueue(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
-    {
-        zeb_scoped_lock lock(&app_info->mutex);
-        list_add_tail(&msg->list, &app_info->msg_list);
-    }
+    append(app_info, msg);
+    zeb_cond_signal(&app_info->msg_cond);
+}
+
+bool zeb_comes_in_streams(const zeb_msg_t *msg)
+{
+    return msg->hdr.flag == 0 && msg->hdr.len <= STREAMED_LEN_MAX;
+}
+
+void zeb_queue_msg(zeb_msg_t *msg, zeb_app_info_t *app_info)
+{
+    append(app_info, msg);
+    app_info->signal_due = true;
+}
+
+void zeb_signal_queued(zeb_app_info_t *app_info)
+{
+    if (!app_info->signal_due)
+        return;
+    app_info->signal_due = false;
     zeb_cond_signal(&app_info->msg_cond);
 }
 

@@ -18,7 +18,8 @@ typedef struct zeb_app_info_s {
     char name[ZEB_APP_NAME_LEN];
     bool with_proxy_thread;
     pthread_t tid;       // valid with with_proxy_thread
-    zeb_cond_t msg_cond; // signalled once for each queued item, after the mutex is released
+    zeb_cond_t msg_cond; // signalled for queued items, after the mutex is released
+    bool signal_due;     // items were queued without a signal; of the receive thread alone
     // Guards msg_list and mc. Nothing of ours is taken under it, and no callback runs under it.
     zeb_mutex_t mutex;
     zeb_app_event_fun_t event_fun;                   // may be null
@@ -40,7 +41,16 @@ int zeb_get_app_sd(uint32_t app);               // -1 when not registered here
 // Queues a message, or delivers it at once without a proxy thread. Takes the message.
 void zeb_enqueue_msg_dist(zeb_msg_t *msg, zeb_app_info_t *app_info);
 
-// Queues an event record likewise. -1 without record or callback: the caller keeps it. Not to be called under a lock.
+// One-way messages that are not large come in streams: one woken thread may take many.
+bool zeb_comes_in_streams(const zeb_msg_t *msg);
+
+// For the receive thread, while it may have more to read: queues a message for the proxy thread without waking it, and
+// wakes it. Before anything that may take its time the second must follow the first.
+void zeb_queue_msg(zeb_msg_t *msg, zeb_app_info_t *app_info);
+void zeb_signal_queued(zeb_app_info_t *app_info);
+
+// Queues an event record as zeb_enqueue_msg_dist does a message. -1 without record or callback: the caller keeps it.
+// Not to be called under a lock.
 int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg);
 
 void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg);

@@ -26,7 +26,8 @@
 #include "zeb_wire.h"
 
 constexpr int COPIED_LEN_MAX = 8192;
-constexpr int RETDATA_MAX = 1024; // the kernel returns at most the head of a message
+constexpr int UNSIGNALLED_MAX = 64; // messages queued before a sleeping proxy thread is woken
+constexpr int RETDATA_MAX = 1024;   // the kernel returns at most the head of a message
 
 // The receive buffer: room for the longest datagram, which is read to where a zeb_msg_t keeps its header. A large
 // message is handed on in it, and the next read takes a new one.
@@ -42,6 +43,14 @@ typedef struct poll_set_s {
     zeb_app_info_t *app[ZEB_APP_SLOT_NUM];
     nfds_t app_num;
 } poll_set_t;
+
+// Waking a proxy thread for each message of a stream costs more than the message where both share a CPU. So while the
+// receive thread has more to read, streams are queued unsignalled; it signals before it sleeps and before anything that
+// may take its time.
+static struct {
+    bool more;       // within the receive loop, which comes back to signal
+    int unsignalled; // messages
+} s_stream;
 
 bool zeb_verify_recv_msg_hdr(uint32_t, const zeb_msg_t *)
 {
@@ -225,11 +234,37 @@ static void refuse_sender(zeb_msg_t *msg, uint32_t app)
     free(msg);
 }
 
+static void signal_queued()
+{
+    if (s_stream.unsignalled == 0)
+        return;
+    s_stream.unsignalled = 0;
+    zeb_each_app_mng([](zeb_app_mng_t *slot) { zeb_signal_queued(slot->info); });
+}
+
+static bool is_streamed(const zeb_app_info_t *app_info, const zeb_msg_t *msg)
+{
+    return s_stream.more && app_info->with_proxy_thread && zeb_comes_in_streams(msg);
+}
+
+static void deliver(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    if (!is_streamed(app_info, msg)) {
+        zeb_enqueue_msg_dist(msg, app_info);
+        return;
+    }
+    zeb_queue_msg(msg, app_info);
+    if (++s_stream.unsignalled >= UNSIGNALLED_MAX)
+        signal_queued();
+}
+
 // Hands a message to the area that takes it.
 static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     uint32_t src_app = msg->hdr.src_app;
     uint32_t src_node = msg->hdr.src_node;
+    if (!is_streamed(app_info, msg))
+        signal_queued();
     if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
         zeb_sync_msg_process(msg);
         return;
@@ -257,7 +292,7 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
             free(msg);
         return;
     }
-    zeb_enqueue_msg_dist(msg, app_info);
+    deliver(app_info, msg);
 }
 
 static zeb_msg_t *recv_buf()
@@ -377,11 +412,14 @@ static void poll_once(poll_set_t *set)
 {
     bool topology = g_zeb_mng.subscr_sd != -1;
     struct pollfd *fds = topology ? set->fds : set->fds + 1;
-    int ready = poll(fds, topology ? set->app_num + 1 : set->app_num, ZEB_POLL_TIMEOUT_MS);
-    if (ready < 0) {
+    bool owing = s_stream.unsignalled > 0;
+    int ready = poll(fds, topology ? set->app_num + 1 : set->app_num, owing ? 0 : ZEB_POLL_TIMEOUT_MS);
+    if (ready < 0)
         ZEB_WARN("ZEB polling error: %d:%s.\n", errno, strerror(errno));
+    if (ready <= 0 || (topology && set->fds[0].revents != 0))
+        signal_queued();
+    if (ready < 0)
         return;
-    }
     if (ready > 0) {
         if (topology && set->fds[0].revents != 0 && zeb_socket_recv_tipc_event() != 0)
             close_topology_connection();
@@ -417,6 +455,7 @@ void *zeb_socket_msg_dist_thread_fun(void *)
 
     poll_set_t set;
     build_poll_set(&set);
+    s_stream.more = true;
     for (;;)
         poll_once(&set);
     return nullptr;

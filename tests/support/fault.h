@@ -19,8 +19,9 @@ constexpr int SHORT = -2;
 // Runs `fun` inside the call of `call` that comes after `skip` others, before it takes effect or fails with `err`.
 void run_next(const std::string &call, const std::function<void()> &fun, int skip = 0, int err = 0);
 
-// Timed waits that began on a condition, each with its mutex held, and its broadcasts.
+// Timed waits that began on a condition, each with its mutex held, its signals and its broadcasts.
 int waits(const pthread_cond_t *cond);
+int signals(const pthread_cond_t *cond);
 int broadcasts(const pthread_cond_t *cond);
 
 // The next `times` timed waits on a condition return `result`: at once without waiting, or, when `late`, after each has

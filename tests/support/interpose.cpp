@@ -32,6 +32,7 @@ struct script_t {
 // What tests know of one condition.
 struct cond_t {
     int waits = 0;
+    int signals = 0;
     int broadcasts = 0;
     int result = 0; // of the next `times` waits
     int times = 0;
@@ -140,6 +141,12 @@ int waits(const pthread_cond_t *cond)
 {
     std::lock_guard<std::mutex> lock(conds().mutex);
     return conds().conds[cond].waits;
+}
+
+int signals(const pthread_cond_t *cond)
+{
+    std::lock_guard<std::mutex> lock(conds().mutex);
+    return conds().conds[cond].signals;
 }
 
 int broadcasts(const pthread_cond_t *cond)
@@ -627,6 +634,16 @@ int pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const s
     int ret = s_wait(cond, mutex, deadline);
     std::lock_guard<std::mutex> lock(conds().mutex);
     return scripted(true) ? conds().conds[cond].result : ret;
+}
+
+int pthread_cond_signal(pthread_cond_t *cond)
+{
+    static auto s_signal = next_cond<int (*)(pthread_cond_t *)>("pthread_cond_signal");
+    if (fault::s_armed) {
+        std::lock_guard<std::mutex> lock(conds().mutex);
+        conds().conds[cond].signals++;
+    }
+    return s_signal(cond);
 }
 
 int pthread_cond_broadcast(pthread_cond_t *cond)
