@@ -1,10 +1,10 @@
 // One of many instances that start at once: prints when all its pairs are online, how many synchronisation messages it
 // sent and what memory it holds. Usage: start_cost INSTANCES; starts with the first line on standard input and ends
 // with the second.
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <zeb/zeb.h>
@@ -13,7 +13,9 @@
 
 constexpr uint32_t APP = 100;
 
-static std::atomic<int> s_online{0};
+static int s_instances;
+static int s_online; // of the proxy thread
+static sem_t s_all_online;
 
 static void *drop(zeb_msg_t *msg)
 {
@@ -24,6 +26,8 @@ static void *drop(zeb_msg_t *msg)
 static void *on_event(zeb_event_t event)
 {
     s_online += event.type == ZEB_APP_JOIN ? 1 : -1;
+    if (s_online == s_instances)
+        (void)sem_post(&s_all_online);
     return nullptr;
 }
 
@@ -49,7 +53,8 @@ static long anonymous_kb()
 
 int main(int argc, char **argv)
 {
-    int instances = argc > 1 ? atoi(argv[1]) : 2;
+    s_instances = argc > 1 ? atoi(argv[1]) : 2;
+    (void)sem_init(&s_all_online, 0, 0);
     const zeb_msg_dispatcher_t table[] = {{1, drop}, {0, nullptr}};
     if (zeb_register(APP, "start", table, on_event) != 0 || zeb_comm_with(APP, APP) != 0)
         return 1;
@@ -59,8 +64,9 @@ int main(int argc, char **argv)
     if (fgets(line, sizeof(line), stdin) == nullptr)
         return 1;
     zeb_run();
-    while (s_online < instances)
-        (void)usleep(1000);
+    // Not by looking every now and then: hundreds of looking processes leave no time for the work.
+    while (sem_wait(&s_all_online) != 0) {
+    }
     struct timespec now;
     (void)clock_gettime(CLOCK_MONOTONIC, &now);
     printf("online %.3f sent %u rss %ld\n", (double)now.tv_sec + (double)now.tv_nsec / 1e9, messages_sent(),
