@@ -44,7 +44,9 @@ typedef struct zeb_mng_s {
     struct list_head sync_inst_ack_list ZEB_GUARDED_BY(g_lib_mutex);   // zeb_msg_t: returned acknowledgements
     struct list_head sync_inst_retry_list ZEB_GUARDED_BY(g_lib_mutex); // zeb_retry_inst_t
     list_index_t ol_app_index ZEB_GUARDED_BY(g_lib_mutex);             // of ol_app_list, by application
-    list_index_t inst_id_index ZEB_GUARDED_BY(g_lib_mutex);            // of inst_id_list, by pair
+    list_index_t inst_id_index ZEB_GUARDED_BY(g_lib_mutex);            // of inst_id_list, by instance
+    list_index_t inst_sync_index ZEB_GUARDED_BY(g_lib_mutex);       // zeb_pending_sync_t: of inst_sync_list, likewise
+    list_index_t sync_inst_retry_index ZEB_GUARDED_BY(g_lib_mutex); // of sync_inst_retry_list, likewise
     int sync_inst_ack_num; // of sync_inst_ack_list; written under g_lib_mutex, read relaxed without it
     zeb_app_mng_t app[ZEB_APP_SLOT_NUM];
 } zeb_mng_t;

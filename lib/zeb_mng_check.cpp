@@ -117,6 +117,9 @@ static void check_pairs(report_t *report) ZEB_REQUIRES(g_lib_mutex)
     check_messages(report, &g_zeb_mng.sync_inst_ack_list, "sync_inst_ack_list");
     check_count(report, &g_zeb_mng.sync_inst_ack_list, g_zeb_mng.sync_inst_ack_num, "sync_inst_ack_list", 0);
     check_count(report, &g_zeb_mng.inst_id_list, g_zeb_mng.inst_id_index.num, "inst_id_list", 0);
+    check_count(report, &g_zeb_mng.inst_sync_list, g_zeb_mng.inst_sync_index.num, "inst_sync_list", 0);
+    check_count(report, &g_zeb_mng.sync_inst_retry_list, g_zeb_mng.sync_inst_retry_index.num, "sync_inst_retry_list",
+                0);
     check_count(report, &g_zeb_mng.ol_app_list, g_zeb_mng.ol_app_index.num, "ol_app_list", 0);
 }
 

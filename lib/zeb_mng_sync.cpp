@@ -37,15 +37,26 @@
 #include "zeb_mng_timer.h"
 #include "zeb_wire.h"
 
-// Unique: application ids have 15 bits.
-static uint64_t pair_key(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
-{
-    return (uint64_t)src_app << 48 ^ (uint64_t)dst_app << 32 ^ dst_node;
-}
-
+// The indexes are by remote instance: a process has few local applications, and a quit concerns all of them.
 zeb_inst_id_t *__zeb_get_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
 {
-    return list_index_find<zeb_inst_id_t>(&g_zeb_mng.inst_id_index, pair_key(src_app, dst_app, dst_node));
+    return list_index_find_if<zeb_inst_id_t>(&g_zeb_mng.inst_id_index, list_index_key(dst_app, dst_node),
+                                             [&](const zeb_inst_id_t *id) { return id->src_app == src_app; });
+}
+
+static zeb_inst_id_t *__get_or_add_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+    ZEB_REQUIRES(g_lib_mutex)
+{
+    zeb_inst_id_t *id = __zeb_get_inst_id(src_app, dst_app, dst_node);
+    if (id != nullptr)
+        return id;
+    id = (zeb_inst_id_t *)zeb_malloc(sizeof(zeb_inst_id_t));
+    id->src_app = src_app;
+    id->dst_app = dst_app;
+    id->dst_node = dst_node;
+    list_add_tail(&id->list, &g_zeb_mng.inst_id_list);
+    list_index_add(&g_zeb_mng.inst_id_index, id, list_index_key(dst_app, dst_node));
+    return id;
 }
 
 bool zeb_has_room_for_pair(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
@@ -58,15 +69,7 @@ static void update_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node
                            uint32_t value)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    zeb_inst_id_t *id = list_index_find_or_create<zeb_inst_id_t>(
-        &g_zeb_mng.inst_id_list, &g_zeb_mng.inst_id_index, pair_key(src_app, dst_app, dst_node), [&] {
-            zeb_inst_id_t *record = (zeb_inst_id_t *)zeb_malloc(sizeof(zeb_inst_id_t));
-            record->src_app = src_app;
-            record->dst_app = dst_app;
-            record->dst_node = dst_node;
-            return record;
-        });
-    id->*field = value;
+    __get_or_add_inst_id(src_app, dst_app, dst_node)->*field = value;
 }
 
 void zeb_update_inst_sync_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t value)
@@ -136,64 +139,75 @@ static bool is_towards(const T *record, uint32_t dst_app, uint32_t dst_node)
     return record->dst_app == dst_app && record->dst_node == dst_node;
 }
 
-static bool is_msg_towards(const zeb_msg_t *msg, uint32_t dst_app, uint32_t dst_node)
-{
-    return is_towards(&msg->hdr, dst_app, dst_node);
-}
-
 static bool is_msg_of_pair(const zeb_msg_t *msg, uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
 {
-    return msg->hdr.src_app == src_app && is_msg_towards(msg, dst_app, dst_node);
+    return msg->hdr.src_app == src_app && is_towards(&msg->hdr, dst_app, dst_node);
 }
 
 // Only the first record, whichever local application it belongs to.
 void __zeb_clear_inst_id(uint32_t dst_app, uint32_t dst_node)
 {
-    zeb_inst_id_t *id = list_take_first<zeb_inst_id_t>(
-        &g_zeb_mng.inst_id_list, [&](const zeb_inst_id_t *record) { return is_towards(record, dst_app, dst_node); });
+    zeb_inst_id_t *id = list_index_find<zeb_inst_id_t>(&g_zeb_mng.inst_id_index, list_index_key(dst_app, dst_node));
     if (id == nullptr)
         return;
+    list_del(&id->list);
     list_index_del(&g_zeb_mng.inst_id_index, id);
     free(id);
 }
 
 void __zeb_add_inst_sync_msg(zeb_msg_t *msg)
 {
+    zeb_pending_sync_t *pending = (zeb_pending_sync_t *)zeb_malloc(sizeof(zeb_pending_sync_t));
+    pending->msg = msg;
     list_add_tail(&msg->list, &g_zeb_mng.inst_sync_list);
+    list_index_add(&g_zeb_mng.inst_sync_index, pending, list_index_key(msg->hdr.dst_app, msg->hdr.dst_node));
 }
 
-static void log_del_inst_sync(const zeb_msg_t *msg)
+// The first pending synchronisation with an instance for which match(message), or null.
+template <typename Match>
+static zeb_pending_sync_t *__find_pending(uint32_t dst_app, uint32_t dst_node, Match match) ZEB_REQUIRES(g_lib_mutex)
 {
+    return list_index_find_if<zeb_pending_sync_t>(
+        &g_zeb_mng.inst_sync_index, list_index_key(dst_app, dst_node),
+        [&](const zeb_pending_sync_t *pending) { return match(pending->msg); });
+}
+
+// Drops the first one. False without one.
+template <typename Match>
+static bool __drop_pending(uint32_t dst_app, uint32_t dst_node, Match match) ZEB_REQUIRES(g_lib_mutex)
+{
+    zeb_pending_sync_t *pending = __find_pending(dst_app, dst_node, match);
+    if (pending == nullptr)
+        return false;
+    zeb_msg_t *msg = pending->msg;
     ZEB_INFO("ZEB DEL INST app %d sync inst to %d/%d, seq %d.\n", msg->hdr.src_app, msg->hdr.dst_app, msg->hdr.dst_node,
              zeb_sync_inst_msg_seq(msg));
+    list_index_del(&g_zeb_mng.inst_sync_index, pending);
+    list_del(&msg->list);
+    free(msg);
+    free(pending);
+    return true;
 }
 
 int zeb_del_inst_sync_msg(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t seq)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    zeb_msg_t *msg = list_take_first<zeb_msg_t>(&g_zeb_mng.inst_sync_list, [&](const zeb_msg_t *pending) {
-        return is_msg_of_pair(pending, src_app, dst_app, dst_node) && zeb_sync_inst_msg_seq(pending) == seq;
+    bool dropped = __drop_pending(dst_app, dst_node, [&](const zeb_msg_t *msg) {
+        return msg->hdr.src_app == src_app && zeb_sync_inst_msg_seq(msg) == seq;
     });
-    if (msg == nullptr)
-        return -ENOENT;
-    log_del_inst_sync(msg);
-    free(msg);
-    return 0;
+    return dropped ? 0 : -ENOENT;
 }
 
 void __zeb_clear_sync_inst_msg(uint32_t dst_app, uint32_t dst_node)
 {
-    (void)list_remove_matching<zeb_msg_t>(
-        &g_zeb_mng.inst_sync_list, [&](const zeb_msg_t *msg) { return is_msg_towards(msg, dst_app, dst_node); },
-        log_del_inst_sync);
+    while (__drop_pending(dst_app, dst_node, [](const zeb_msg_t *) { return true; })) {
+    }
 }
 
 bool zeb_has_sync_inst_msg(uint32_t dst_app, uint32_t dst_node)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    return list_find<zeb_msg_t>(&g_zeb_mng.inst_sync_list, [&](const zeb_msg_t *msg) {
-               return is_msg_towards(msg, dst_app, dst_node);
-           }) != nullptr;
+    return __find_pending(dst_app, dst_node, [](const zeb_msg_t *) { return true; }) != nullptr;
 }
 
 void zeb_app_inst_join(uint32_t app, uint32_t node, int resume)
@@ -229,9 +243,8 @@ void zeb_notify_app_join(uint32_t my_app, uint32_t inst_node, uint32_t inst_app)
 {
     {
         zeb_scoped_lock lock(&g_lib_mutex);
-        (void)list_remove_matching<zeb_msg_t>(
-            &g_zeb_mng.inst_sync_list,
-            [&](const zeb_msg_t *msg) { return is_msg_of_pair(msg, my_app, inst_app, inst_node); }, log_del_inst_sync);
+        while (__drop_pending(inst_app, inst_node, [&](const zeb_msg_t *msg) { return msg->hdr.src_app == my_app; })) {
+        }
         if (__zeb_get_ol_app(inst_app) != nullptr)
             zeb_set_app_inst_ack(inst_app, inst_node);
         zeb_inst_id_t *id = __zeb_get_inst_id(my_app, inst_app, inst_node);
@@ -248,9 +261,16 @@ void zeb_notify_app_join(uint32_t my_app, uint32_t inst_node, uint32_t inst_app)
 
 static zeb_retry_inst_t *find_retry(uint32_t src_app, uint32_t dst_app, uint32_t dst_node) ZEB_REQUIRES(g_lib_mutex)
 {
-    return list_find<zeb_retry_inst_t>(&g_zeb_mng.sync_inst_retry_list, [&](const zeb_retry_inst_t *retry) {
-        return retry->src_app == src_app && is_towards(retry, dst_app, dst_node);
-    });
+    return list_index_find_if<zeb_retry_inst_t>(
+        &g_zeb_mng.sync_inst_retry_index, list_index_key(dst_app, dst_node),
+        [&](const zeb_retry_inst_t *retry) { return retry->src_app == src_app; });
+}
+
+static void __drop_retry(zeb_retry_inst_t *retry) ZEB_REQUIRES(g_lib_mutex)
+{
+    list_index_del(&g_zeb_mng.sync_inst_retry_index, retry);
+    list_del(&retry->list);
+    free(retry);
 }
 
 static bool has_retry()
@@ -272,10 +292,8 @@ void zeb_start_retry_inst_timer(uint8_t peer_version, uint32_t src_app, uint32_t
     if (start_retry_timer() != 0)
         return;
     zeb_scoped_lock lock(&g_lib_mutex);
-    const zeb_msg_t *pending = list_find<zeb_msg_t>(&g_zeb_mng.inst_sync_list, [&](const zeb_msg_t *msg) {
-        return is_msg_of_pair(msg, src_app, dst_app, dst_node);
-    });
-    if (pending == nullptr) {
+    auto from_src = [&](const zeb_msg_t *msg) { return msg->hdr.src_app == src_app; };
+    if (__find_pending(dst_app, dst_node, from_src) == nullptr) {
         ZEB_VERBOSE("no instance msg need retry.\n");
         return;
     }
@@ -286,6 +304,7 @@ void zeb_start_retry_inst_timer(uint8_t peer_version, uint32_t src_app, uint32_t
     retry->dst_app = dst_app;
     retry->dst_node = dst_node;
     list_add_tail(&retry->list, &g_zeb_mng.sync_inst_retry_list);
+    list_index_add(&g_zeb_mng.sync_inst_retry_index, retry, list_index_key(dst_app, dst_node));
     ZEB_INFO("ZEB retry sync inst to %d/%d.\n", dst_app, dst_node);
 }
 
@@ -296,17 +315,17 @@ int zeb_del_sync_inst_retry(uint32_t src_app, uint32_t dst_app, uint32_t dst_nod
     if (retry == nullptr)
         return -ENOENT;
     ZEB_INFO("ZEB clear inst retry from %d to %d/%d.\n", src_app, dst_app, dst_node);
-    list_del(&retry->list);
-    free(retry);
+    __drop_retry(retry);
     return 0;
 }
 
 // Only the first entry, whichever local application it belongs to.
 void __zeb_clear_sync_inst_retry(uint32_t dst_app, uint32_t dst_node)
 {
-    free(list_take_first<zeb_retry_inst_t>(&g_zeb_mng.sync_inst_retry_list, [&](const zeb_retry_inst_t *retry) {
-        return is_towards(retry, dst_app, dst_node);
-    }));
+    zeb_retry_inst_t *retry =
+        list_index_find<zeb_retry_inst_t>(&g_zeb_mng.sync_inst_retry_index, list_index_key(dst_app, dst_node));
+    if (retry != nullptr)
+        __drop_retry(retry);
 }
 
 // Without the lock, since a send may block: only this thread adds to and removes from the list of pending messages.

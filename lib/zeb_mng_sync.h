@@ -24,6 +24,12 @@ typedef struct zeb_inst_id_s {
     uint32_t sync_server; // 1 when the peer called itself a server there
 } zeb_inst_id_t;
 
+// A pending synchronisation in g_zeb_mng.inst_sync_index; the message has no room for a link of its own.
+typedef struct zeb_pending_sync_s {
+    list_index_link_t index_link;
+    zeb_msg_t *msg; // in g_zeb_mng.inst_sync_list
+} zeb_pending_sync_t;
+
 typedef struct zeb_resume_comm_s {
     struct list_head list; // in g_zeb_mng.resume_comm_list
     uint32_t seq;          // of the resume timer
@@ -33,7 +39,8 @@ typedef struct zeb_resume_comm_s {
 } zeb_resume_comm_t;
 
 typedef struct zeb_retry_inst_s {
-    struct list_head list; // in g_zeb_mng.sync_inst_retry_list
+    struct list_head list;        // in g_zeb_mng.sync_inst_retry_list
+    list_index_link_t index_link; // in g_zeb_mng.sync_inst_retry_index
     uint32_t src_app;
     uint32_t dst_app;
     uint32_t dst_node;

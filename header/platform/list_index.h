@@ -36,14 +36,23 @@ static inline unsigned list_index_chain(uint64_t key)
     return (unsigned)(key * 0x9E3779B97F4A7C15ull >> (64 - LIST_INDEX_BITS));
 }
 
+// The first record of that key for which match(record), or null.
+template <typename T, typename Match>
+static inline T *list_index_find_if(const list_index_t *index, uint64_t key, Match match)
+{
+    for (list_index_link_t *link = index->chain[list_index_chain(key)]; link != nullptr; link = link->next) {
+        T *record = list_entry(link, T, index_link);
+        if (link->key == key && match(record))
+            return record;
+    }
+    return nullptr;
+}
+
 // The first record of that key, or null.
 template <typename T>
 static inline T *list_index_find(const list_index_t *index, uint64_t key)
 {
-    list_index_link_t *link = index->chain[list_index_chain(key)];
-    while (link != nullptr && link->key != key)
-        link = link->next;
-    return link == nullptr ? nullptr : list_entry(link, T, index_link);
+    return list_index_find_if<T>(index, key, [](const T *) { return true; });
 }
 
 // Puts a record behind those of its chain.

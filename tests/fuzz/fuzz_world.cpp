@@ -147,17 +147,28 @@ static void reset_app(zeb_app_mng_t *slot)
         fail("a call is left without its caller");
 }
 
+// Through the library: its index of them has records of its own.
+static void drop_pending()
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    while (!list_empty(&g_zeb_mng.inst_sync_list)) {
+        const zeb_msg_t *msg = list_record<zeb_msg_t>(g_zeb_mng.inst_sync_list.next);
+        __zeb_clear_sync_inst_msg(msg->hdr.dst_app, msg->hdr.dst_node);
+    }
+}
+
 void reset()
 {
     start();
     free_all<zeb_inst_id_t>(&g_zeb_mng.inst_id_list);
     g_zeb_mng.inst_id_index = {};
-    free_all<zeb_msg_t>(&g_zeb_mng.inst_sync_list);
+    drop_pending();
     free_all<zeb_resume_comm_t>(&g_zeb_mng.resume_comm_list);
     free_all<zeb_rejoin_t>(&g_zeb_mng.rejoin_list);
     free_all<zeb_msg_t>(&g_zeb_mng.sync_inst_ack_list);
     g_zeb_mng.sync_inst_ack_num = 0;
     free_all<zeb_retry_inst_t>(&g_zeb_mng.sync_inst_retry_list);
+    g_zeb_mng.sync_inst_retry_index = {};
     list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [](zeb_ol_app_t *ol) {
         for (zeb_app_set_t *set : {&ol->srv_bmp, &ol->inst_bmp, &ol->inst_ack_bmp, &ol->ol_bmp})
             set->blocks = 0;

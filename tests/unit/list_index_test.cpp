@@ -41,6 +41,19 @@ TEST(list_index, of_one_key_the_first_is_found_and_then_the_next)
     EXPECT_EQ(index.num, 0);
 }
 
+TEST(list_index, of_one_key_the_first_that_matches_is_found)
+{
+    static list_index_t index;
+    record_t records[] = {{{}, 1}, {{}, 2}, {{}, 2}, {{}, 3}};
+    for (record_t &record : records)
+        list_index_add(&index, &record, 9);
+    auto is = [](int value) { return [value](const record_t *record) { return record->value == value; }; };
+    EXPECT_EQ(list_index_find_if<record_t>(&index, 9, is(2)), &records[1]);
+    EXPECT_EQ(list_index_find_if<record_t>(&index, 9, is(3)), &records[3]);
+    EXPECT_EQ(list_index_find_if<record_t>(&index, 9, is(4)), nullptr);
+    EXPECT_EQ(list_index_find_if<record_t>(&index, 8, is(2)), nullptr);
+}
+
 TEST(list_index, taking_out_what_is_not_in_changes_nothing)
 {
     static list_index_t index;

@@ -64,6 +64,15 @@ TEST_F(zeb_mng_check, a_torn_list_is_found)
     EXPECT_EQ(broken_with(&first->prev, first), "list inst_id_list of 0 is torn\n");
 }
 
+TEST_F(zeb_mng_check, an_index_that_disagrees_with_its_list_is_found)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    EXPECT_EQ(broken_with(&g_zeb_mng.inst_sync_index.num, 1), "inst_sync_list of 0 has 0 records and counts 1\n");
+    EXPECT_EQ(broken_with(&g_zeb_mng.sync_inst_retry_index.num, 1),
+              "sync_inst_retry_list of 0 has 0 records and counts 1\n");
+    EXPECT_EQ(broken_with(&g_zeb_mng.inst_id_index.num, 0), "inst_id_list of 0 has 1 records and counts 0\n");
+}
+
 TEST_F(zeb_mng_check, totals_that_disagree_with_their_records_are_found)
 {
     zeb_fc_t *fc = zeb_get_app_fc(APP);
