@@ -20,7 +20,7 @@
 #include <vector>
 
 static const bench_transport_t *const s_transports[] = {
-    &g_bench_zeb, &g_bench_zeb_nothread, &g_bench_raw, &g_bench_threads, &g_bench_threads_nothread,
+    &g_bench_zeb, &g_bench_zeb_nothread, &g_bench_zeb_crowd, &g_bench_raw, &g_bench_threads, &g_bench_threads_nothread,
 #ifdef BENCH_WITH_ZMQ
     &g_bench_zmq,
 #endif

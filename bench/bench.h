@@ -9,6 +9,7 @@
 
 constexpr int BENCH_SENDER_NUM = 4;  // clients of one server
 constexpr int BENCH_SERVER_NUM = 64; // servers of one client
+constexpr int BENCH_CROWD_NUM = 1000;
 constexpr size_t BENCH_SIZE_MAX = 61440;
 constexpr int BENCH_WINDOW = 1024; // unacknowledged messages towards one server
 constexpr int BENCH_ACK_BATCH = 512;
@@ -54,6 +55,7 @@ typedef struct bench_transport_s {
 
 extern const bench_transport_t g_bench_zeb;
 extern const bench_transport_t g_bench_zeb_nothread; // the server's dispatchers run on the receive thread
+extern const bench_transport_t g_bench_zeb_crowd;    // both ends know BENCH_CROWD_NUM further peers
 extern const bench_transport_t g_bench_raw;
 extern const bench_transport_t g_bench_threads; // raw over threads like the library's
 extern const bench_transport_t g_bench_threads_nothread;

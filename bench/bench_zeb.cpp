@@ -8,11 +8,14 @@
 
 #include <zeb/zeb.h>
 
+constexpr uint32_t CROWD_APP = 1000;
+
 static uint32_t s_server = 300; // and up: one application for each server of a process
 static uint32_t s_client = 200; // and up
 static bool s_thread = true;
 static bench_conf_t s_conf;
 static std::atomic<int> s_joined{0};
+static int s_crowd; // further peers that both ends know
 static uint32_t s_dst;
 static uint32_t s_dst_nodes = ZEB_NODE_ALL;
 
@@ -50,6 +53,19 @@ static void add_app(uint32_t app, bool thread)
         bench_fail("zeb_register");
 }
 
+// For the first application of the process: that one is told of them.
+static void know_crowd(uint32_t app)
+{
+    if (s_crowd > 0)
+        (void)zeb_comm_with(app, CROWD_APP);
+}
+
+static void wait_joined(int num)
+{
+    while (s_joined < num)
+        (void)usleep(10000);
+}
+
 static void serve(const bench_conf_t *conf)
 {
     s_conf = *conf;
@@ -59,15 +75,24 @@ static void serve(const bench_conf_t *conf)
         for (uint32_t client = 0; client < BENCH_SENDER_NUM; client++)
             (void)zeb_comm_with(app, s_client + client);
     }
+    know_crowd(s_server);
     zeb_run();
+    wait_joined(s_crowd);
 }
 
-// Beside the other kind in one cluster.
+// Beside the other kinds in one cluster.
 static void without_thread()
 {
     s_thread = false;
     s_server += 100;
     s_client += 50;
+}
+
+static void with_crowd()
+{
+    s_crowd = BENCH_CROWD_NUM;
+    s_server += 200;
+    s_client += 70;
 }
 
 static void serve_without_thread(const bench_conf_t *conf)
@@ -95,9 +120,9 @@ static void open(const bench_conf_t *conf)
         if (apps > 1)
             (void)zeb_add_app_mcast(client_app(), s_dst, s_server + (uint32_t)i);
     }
+    know_crowd(client_app());
     zeb_run();
-    while (s_joined < conf->server_num)
-        (void)usleep(10000);
+    wait_joined(conf->server_num + s_crowd);
 }
 
 // One buffer: the library leaves it to its sender.
@@ -107,6 +132,18 @@ static zeb_msg_t *message(const void *data, size_t len)
     s_msg->hdr.len = ZEB_MSG_HDR_LEN + (uint32_t)len;
     memcpy(s_msg->data, data, sizeof(bench_msg_t)); // the rest is the same for all
     return s_msg;
+}
+
+static void serve_with_crowd(const bench_conf_t *conf)
+{
+    with_crowd();
+    serve(conf);
+}
+
+static void open_with_crowd(const bench_conf_t *conf)
+{
+    with_crowd();
+    open(conf);
 }
 
 static void open_without_thread(const bench_conf_t *conf)
@@ -137,3 +174,4 @@ static int call(const void *data, size_t len, bench_count_t *answers)
 
 const bench_transport_t g_bench_zeb = {"zeb", serve, open, send, call};
 const bench_transport_t g_bench_zeb_nothread = {"zeb-nothread", serve_without_thread, open_without_thread, send, call};
+const bench_transport_t g_bench_zeb_crowd = {"zeb-crowd", serve_with_crowd, open_with_crowd, send, call};

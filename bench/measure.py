@@ -2,7 +2,8 @@
 """Measures every transport on every kind of work, in turns, inside the lab or a simulated cluster, and writes what it saw.
 
 Usage: measure.py BENCH RESULT.json ROUNDS TRANSPORT…; `lab` (or the simulator) is named by the environment.
-Each round runs every transport once, raw twice: the second raw run shows how much two equal runs differ.
+Each round runs every transport once, raw twice: the second raw run shows how much two equal runs differ. On two machines each
+runs this: the servers are on the second, and the first measures.
 """
 import json
 import os
@@ -15,6 +16,7 @@ import time
 BENCH, RESULT, ROUNDS = sys.argv[1], sys.argv[2], int(sys.argv[3])
 TRANSPORTS = sys.argv[4:]
 BEGIN = time.monotonic()
+MACHINE = int(os.environ.get("LAB_MACHINE", "0"))  # of two; 0: all nodes are here
 ONE_SERVER_ONLY = {"nng"}  # and one client, on one node
 CPUS = [int(word) for word in os.environ.get("BENCH_CPUS", "1 2").split()]
 SLOW = float(os.environ.get("BENCH_SLOW", "1"))  # how much slower than a desk machine; scales the counts
@@ -24,9 +26,9 @@ def count(number):
     return max(200, int(number / SLOW))
 
 
-def stage(name, orders, where="nodes", servers=1, clients=1, work=0, transports=None):
+def stage(name, orders, where="nodes", servers=1, clients=1, work=0, transports=None, crowd=False):
     return {"name": name, "orders": orders, "where": where, "servers": servers, "clients": clients, "work": work,
-            "transports": transports}
+            "transports": transports, "crowd": crowd}
 
 
 SIZES = {64: 60000, 1024: 60000, 16384: 12000, 61440: 4000}
@@ -39,14 +41,17 @@ STAGES = [
     stage("4 to 1", [("oneway", 64, 20000, 0)], clients=4),
     stage("1 to 3", [("oneway", 64, 20000, 0), ("trip", 64, 3000, 0)], servers=3, transports=("zeb", "raw", "zmq")),
     stage("1 to 64", [("oneway", 64, 1500, 0)], servers=64, transports=("zeb", "raw")),
+    stage("1 to 1, two nodes, 1,000 known peers", ONEWAY[:2] + TRIPS[:1], transports=("zeb", "zeb-crowd", "raw"), crowd=True),
 ]
+WIRE_STAGE = stage("1 to 1, two machines", ONEWAY + TRIPS)
 
 
 class Process:
-    """A server or a client on a node, on a CPU."""
+    """A program on a node, on a CPU."""
 
-    def __init__(self, node, cpu, words):
-        command = [os.environ["LAB"], "exec", str(node), "--", "taskset", "-c", str(cpu), BENCH] + [str(w) for w in words]
+    def __init__(self, node, cpu, words, program=BENCH):
+        place = [] if MACHINE else [os.environ["LAB"], "exec", str(node), "--"]
+        command = place + ["taskset", "-c", str(cpu), program] + [str(w) for w in words]
         self.child = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
                                       text=True, start_new_session=True)
         self.words = words
@@ -68,18 +73,43 @@ class Process:
         self.child.wait()
 
 
-def start(name, plan, cpus):
-    """The processes of one transport; the clients."""
+def serve(name, plan, cpus):
     servers = plan["servers"]
     processes = servers if servers <= 4 else 4
     first = 1 if plan["where"] == "local" or servers == 4 or processes == 4 else 2
-    started = [Process(first + i, cpus - 1, [name, "serve", i, servers // processes, plan["work"]]) for i in range(processes)]
+    return [Process(first + i, cpus - 1, [name, "serve", i, servers // processes, plan["work"]]) for i in range(processes)]
+
+
+def start(name, plan, cpus):
+    """The processes of one transport; the clients."""
+    started = [] if MACHINE else serve(name, plan, cpus)
     for process in started:
         process.line()
-    clients = [Process(1, 0, [name, "client", i, servers]) for i in range(plan["clients"])]
+    clients = [Process(1, 0, [name, "client", i, plan["servers"]]) for i in range(plan["clients"])]
     for process in clients:
         process.line()
     return started + clients, clients
+
+
+def start_crowd():
+    crowd = Process(3, 0, [1000, 2001, 1000], os.path.join(os.path.dirname(BENCH), "crowd"))
+    crowd.line()
+    return crowd
+
+
+def barrier(name):
+    subprocess.run([os.environ["LAB"], "barrier", name], check=True)
+
+
+def serve_machine():
+    """The second machine's part."""
+    started = [process for name in TRANSPORTS if usable(name, WIRE_STAGE) for process in serve(name, WIRE_STAGE, 1)]
+    for process in started:
+        process.line()
+    barrier("served")
+    barrier("measured")
+    for process in started:
+        process.end()
 
 
 def ask(clients, words):
@@ -98,12 +128,14 @@ def ask(clients, words):
 def usable(name, plan):
     if name not in TRANSPORTS or (plan["transports"] and name not in plan["transports"]):
         return False
+    if name == "zeb-crowd" and not plan["crowd"]:
+        return False
     return name not in ONE_SERVER_ONLY or (plan["servers"] == 1 and plan["clients"] == 1 and plan["where"] == "local")
 
 
 def run_stage(plan, cpus, results):
     names = [n for n in TRANSPORTS if usable(n, plan)]
-    everyone, clients = [], {}
+    everyone, clients = [start_crowd()] if plan["crowd"] else [], {}
     try:
         for name in names:
             started, clients[name] = start(name, plan, cpus)
@@ -129,15 +161,33 @@ def key(verb, run):
     return run["per_second"] if verb == "oneway" else run["p50"]
 
 
-def main():
+def write(results):
+    with open(RESULT, "w", encoding="utf-8") as out:
+        json.dump(results, out)
+
+
+def measure_machines():
+    if MACHINE == 2:
+        serve_machine()
+        return
+    results = []
+    barrier("served")
+    run_stage(WIRE_STAGE, 2, results)
+    write(results)
+    barrier("measured")
+
+
+def measure_nodes():
     results = []
     only = os.environ.get("BENCH_ONLY", "")
     for cpus in CPUS:
         for plan in STAGES:
             if only in plan["name"]:
                 run_stage(plan, cpus, results)
-    with open(RESULT, "w", encoding="utf-8") as out:
-        json.dump(results, out)
+    write(results)
 
 
-main()
+if MACHINE:
+    measure_machines()
+else:
+    measure_nodes()
