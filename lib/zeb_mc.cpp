@@ -31,6 +31,10 @@ struct app_kind {
     {
         return &mc->app_mc_list;
     }
+    static list_index_t *index(zeb_mc_t *mc)
+    {
+        return &mc->app_mc_index;
+    }
     static int32_t *count(zeb_mc_t *mc)
     {
         return &mc->app_mc_num;
@@ -56,6 +60,10 @@ struct node_kind {
     {
         return &mc->node_mc_list;
     }
+    static list_index_t *index(zeb_mc_t *mc)
+    {
+        return &mc->node_mc_index;
+    }
     static int32_t *count(zeb_mc_t *mc)
     {
         return &mc->node_mc_num;
@@ -74,6 +82,8 @@ void zeb_mc_init(zeb_mc_t *mc)
     mc->cur_node_mc_id = NODE_MC_ID_FIRST;
     INIT_LIST_HEAD(&mc->app_mc_list);
     INIT_LIST_HEAD(&mc->node_mc_list);
+    memset(&mc->app_mc_index, 0, sizeof(mc->app_mc_index));
+    memset(&mc->node_mc_index, 0, sizeof(mc->node_mc_index));
 }
 
 static zeb_app_info_t *get_owner(uint32_t src_app)
@@ -87,8 +97,7 @@ static zeb_app_info_t *get_owner(uint32_t src_app)
 template <typename Kind>
 static typename Kind::group_t *find_group(zeb_mc_t *mc, uint32_t mc_id)
 {
-    typedef typename Kind::group_t group_t;
-    return list_find<group_t>(Kind::groups(mc), [&](const group_t *group) { return (uint32_t)group->mc_id == mc_id; });
+    return list_index_find<typename Kind::group_t>(Kind::index(mc), mc_id);
 }
 
 // The group, or null with the line that says so.
@@ -143,6 +152,7 @@ static int create_group(uint32_t src_app)
         mc_id = get_new_mc_id<Kind>(&owner->mc);
         group->mc_id = mc_id;
         list_add_tail(&group->list, Kind::groups(&owner->mc));
+        list_index_add(Kind::index(&owner->mc), group, (uint32_t)mc_id);
         (*Kind::count(&owner->mc))++;
     }
     ZEB_VERBOSE("ZEB app %d create %s-private-mcast 0x%x.\n", src_app, Kind::name, (unsigned)mc_id);
@@ -203,6 +213,7 @@ static void destroy_group(uint32_t src_app, uint32_t mc_id)
     if (group == nullptr)
         return;
     list_del(&group->list);
+    list_index_del(Kind::index(&owner->mc), group);
     free(group);
     (*Kind::count(&owner->mc))--;
 }

@@ -8,6 +8,8 @@
 
 #include <zeb/zeb.h>
 
+#include "platform/list_index.h"
+
 constexpr int ZEB_MC_NUM = 128;         // groups of each kind
 constexpr int ZEB_APP_MC_MBR_NUM = 16;  // places of an application group
 constexpr int ZEB_NODE_MC_MBR_NUM = 64; // places of a node group
@@ -19,16 +21,20 @@ typedef struct zeb_mc_s {
     int32_t cur_node_mc_id;        // next candidate id
     struct list_head app_mc_list;  // zeb_app_mc_t, in creation order
     struct list_head node_mc_list; // zeb_node_mc_t, in creation order
+    list_index_t app_mc_index;     // of app_mc_list, by id
+    list_index_t node_mc_index;    // of node_mc_list, by id
 } zeb_mc_t;
 
 typedef struct zeb_app_mc_s {
     struct list_head list;
+    list_index_link_t index_link;
     int32_t mc_id;
     uint32_t mbr[ZEB_APP_MC_MBR_NUM]; // 0 is an empty place
 } zeb_app_mc_t;
 
 typedef struct zeb_node_mc_s {
     struct list_head list;
+    list_index_link_t index_link;
     int32_t mc_id;
     uint32_t mbr[ZEB_NODE_MC_MBR_NUM]; // above 65535 is an empty place; node 0 is a member like any other
 } zeb_node_mc_t;

@@ -211,9 +211,11 @@ static void check_app(report_t *report, zeb_app_info_t *info)
     if (list_is_whole(report, &info->mc.app_mc_list, "app_mc_list", app))
         expect(report, info->mc.app_mc_num == list_length(&info->mc.app_mc_list), "%u: counts %d application groups\n",
                app, info->mc.app_mc_num);
+    check_count(report, &info->mc.app_mc_list, info->mc.app_mc_index.num, "app_mc_list", app);
     if (list_is_whole(report, &info->mc.node_mc_list, "node_mc_list", app))
         expect(report, info->mc.node_mc_num == list_length(&info->mc.node_mc_list), "%u: counts %d node groups\n", app,
                info->mc.node_mc_num);
+    check_count(report, &info->mc.node_mc_list, info->mc.node_mc_index.num, "node_mc_list", app);
 }
 
 static void check_manager(report_t *report)

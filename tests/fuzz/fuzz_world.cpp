@@ -127,6 +127,8 @@ static void reset_app(zeb_app_mng_t *slot)
     free_all<zeb_msg_t>(&slot->info->msg_list);
     free_all<zeb_app_mc_t>(&slot->info->mc.app_mc_list);
     free_all<zeb_node_mc_t>(&slot->info->mc.node_mc_list);
+    slot->info->mc.app_mc_index = {};
+    slot->info->mc.node_mc_index = {};
     zeb_mc_init(&slot->info->mc);
     zeb_fc_t *fc = slot->fc;
     free_all<zeb_send_app_fc_t>(&fc->send_list);

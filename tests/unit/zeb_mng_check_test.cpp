@@ -71,6 +71,9 @@ TEST_F(zeb_mng_check, an_index_that_disagrees_with_its_list_is_found)
     EXPECT_EQ(broken_with(&g_zeb_mng.sync_inst_retry_index.num, 1),
               "sync_inst_retry_list of 0 has 0 records and counts 1\n");
     EXPECT_EQ(broken_with(&g_zeb_mng.inst_id_index.num, 0), "inst_id_list of 0 has 1 records and counts 0\n");
+    zeb_mc_t *mc = &zeb_get_app_info(APP)->mc;
+    EXPECT_EQ(broken_with(&mc->app_mc_index.num, 1), "app_mc_list of 100 has 0 records and counts 1\n");
+    EXPECT_EQ(broken_with(&mc->node_mc_index.num, 1), "node_mc_list of 100 has 0 records and counts 1\n");
 }
 
 TEST_F(zeb_mng_check, totals_that_disagree_with_their_records_are_found)
