@@ -31,6 +31,7 @@ CURVES = {
     "zeb_sendto, peers": [(n, "send_cost", ["send", None, n]) for n in SIZES],
     "zeb_sendto, applications": [(n, "send_cost", ["send", None, 10, n]) for n in SIZES],
     "zeb_sendto to a group, groups": [(n, "send_cost", ["group", None, 10, 0, n]) for n in (1, 10, 64, 128)],
+    "zeb_send to all, for each of so many peers": [(n, "send_cost", ["all", None, n]) for n in SIZES],
     "zeb_rpcto, peers": [(n, "send_cost", ["call", None, n]) for n in SIZES],
     "zeb_rpcto, calls in progress": [(n, "send_cost", ["call", None, 10, 0, 1, n]) for n in (0, 1, 10, 100, 1000)],
     "receive and dispatch, peers": [(n, "recv_cost", [None, n]) for n in SIZES],
@@ -42,7 +43,7 @@ CURVES = {
 def main():
     result = {}
     for name, points in CURVES.items():
-        result[name] = [(n, round(each(program, words))) for n, program, words in points]
+        result[name] = [(n, round(each(program, words) / (n if "for each" in name else 1))) for n, program, words in points]
         print(name, result[name], flush=True)
     with open(RESULT, "w", encoding="utf-8") as out:
         json.dump(result, out)

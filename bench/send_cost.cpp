@@ -1,8 +1,8 @@
 // How many instructions one send, one send to a group, or one call costs, for callgrind: the difference between two
 // runs of different length. TIPC is a socket pair's worth of nothing: sendto is interposed, so only the library's own
 // work is counted; a call is answered within its sendto, so it never waits. Usage: send_cost [VERB [NUMBER [PEERS [APPS
-// [GROUPS [CALLS]]]]]] with VERB send, group or call, PEERS instances online, APPS further applications, GROUPS groups,
-// and CALLS calls in progress.
+// [GROUPS [CALLS]]]]]] with VERB send, group, call or all (instances at once), PEERS instances online, APPS further
+// applications, GROUPS groups, and CALLS calls in progress.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
@@ -89,6 +89,12 @@ static bool call(uint32_t node, zeb_msg_t *msg)
     return true;
 }
 
+static void acknowledge(uint32_t first, uint32_t last)
+{
+    for (uint32_t node = first; node <= last; node++)
+        zeb_fc_update_sent_ack(APP, PEER, node, 512);
+}
+
 int main(int argc, char **argv)
 {
     std::string verb = argc > 1 ? argv[1] : "send";
@@ -111,15 +117,20 @@ int main(int argc, char **argv)
     for (uint32_t i = 0; i < number(6, 0); i++)
         (void)zeb_rpc_prepare_wait(APP, 0x80000000u + i, 60, &s_open);
     zeb_msg_t *msg = zeb_msg_alloc(64, 1, 0);
+    bool calls = verb == "call";
+    bool to_all = verb == "all";
+    uint32_t dst = verb == "group" ? group : PEER;
     uint32_t done = 0;
     for (uint32_t i = 0; i < sends; i++) {
         uint32_t node = 1 + i % peers;
-        if (verb == "call")
+        if (calls)
             done += call(node, msg) ? 1 : 0;
+        else if (to_all)
+            done += zeb_send(APP, dst, msg, 0) == 0 ? 1 : 0;
         else
-            done += zeb_sendto(APP, node, verb == "group" ? group : PEER, msg, 0) == 0 ? 1 : 0;
+            done += zeb_sendto(APP, node, dst, msg, 0) == 0 ? 1 : 0;
         if (i % 512 == 511)
-            zeb_fc_update_sent_ack(APP, PEER, node, 512);
+            acknowledge(to_all ? 1 : node, to_all ? peers : node);
     }
     printf("%u of %u done, %u peers online\n", done, sends, peers);
     free(msg);
