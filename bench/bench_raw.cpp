@@ -19,7 +19,7 @@
 constexpr uint32_t NAME_TYPE = 24000;
 constexpr uint32_t CLIENT_INSTANCE = 100000;
 constexpr int UNSIGNALLED_MAX = 64; // as the library
-constexpr size_t STREAMED_LEN_MAX = 32768;
+constexpr size_t STREAMED_LEN_MAX = 4096;
 constexpr size_t HEADER_LEN = 36; // as many bytes as the library's header has
 
 static bench_conf_t s_conf;

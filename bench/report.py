@@ -7,6 +7,9 @@ import subprocess
 import sys
 
 SEEN, OUT = sys.argv[1], "bench/results"
+PARTS = (("lab", "In the lab: Linux 6.1 in an emulated machine", "1 to 1, two nodes"),
+         ("wire", "In the lab: two emulated machines on one wire", "1 to 1, two machines"),
+         ("sim", "On the simulator, natively", "1 to 1, two nodes"))
 PLOTTED = ("zeb", "zeb-nothread", "threads", "threads-nothread", "zmq", "nng")
 
 
@@ -22,10 +25,10 @@ def value(verb, run):
     return run["per_second"] if verb == "oneway" else run["p50"]
 
 
-def ratios(result, name):
-    """Per round, against the first raw run of that round."""
-    pairs = zip(result["runs"][name], result["runs"]["raw"])
-    return [value(result["verb"], mine) / value(result["verb"], raw) for mine, raw in pairs]
+def ratios(result, name, base="raw"):
+    """Per round, against the first run of `base` in that round."""
+    pairs = zip(result["runs"][name], result["runs"][base])
+    return [value(result["verb"], mine) / value(result["verb"], other) for mine, other in pairs]
 
 
 def median(result, name, figure):
@@ -55,6 +58,14 @@ def speed_tables(results):
             lines.append(f"| {work(row)} | {raw:,.0f}{unit} | {shown(ratios(row, 'raw again'))} | " +
                          " | ".join(shown(ratios(row, n)) for n in names) + " |")
     return lines
+
+
+def crowd_table(results):
+    rows = [r for r in results if "zeb-crowd" in r["runs"]]
+    if not rows:
+        return []
+    lines = ["\n## 1,000 further known peers at both ends, against none\n", "| work | CPUs | zeb-crowd / zeb |", "|---|---|---|"]
+    return lines + [f"| {work(r)} | {r['cpus']} | {shown(ratios(r, 'zeb-crowd', 'zeb'))} |" for r in rows]
 
 
 def detail_tables(results):
@@ -90,10 +101,8 @@ def growth_tables(growth, start):
     return lines
 
 
-def plot(results, name):
-    rows = [r for r in results if r["cpus"] == 2 and r["stage"].startswith("1 to 1, two nodes") and r["verb"] == "oneway"
-            and "work" not in r["stage"]]
-    rows += [r for r in results if r["cpus"] == 2 and r["stage"] == "1 to 1, two nodes" and r["verb"] == "trip"]
+def plot(results, name, stage):
+    rows = [r for r in results if r["cpus"] == 2 and r["stage"] == stage and r["verb"] in ("oneway", "trip")]
     names = [n for n in PLOTTED if n in rows[0]["runs"]]
     data = "\n".join(f'"{work(r)}" ' + " ".join(f"{statistics.median(ratios(r, n)):.3f}" for n in names) for r in rows)
     columns = ", ".join(f"$data using {i + 2}:xtic(1) title '{n}'" for i, n in enumerate(names))
@@ -102,7 +111,7 @@ def plot(results, name):
 EOD
 set terminal svg size 1000,420 background 'white' font 'sans,11'
 set output '{OUT}/{name}.svg'
-set title 'against raw TIPC = 1, two nodes, two CPUs ({name}); one-way: higher is better, round trip: lower is better' noenhanced
+set title 'against raw TIPC = 1, {stage[8:]}, two CPUs ({name}); one-way: higher is better, round trip: lower is better' noenhanced
 set style data histogram
 set style histogram cluster gap 1
 set style fill solid 0.8 border -1
@@ -117,17 +126,17 @@ plot {columns}
 
 def main():
     os.makedirs(OUT, exist_ok=True)
-    for name, title in (("lab", "In the lab: Linux 6.1 in an emulated machine"), ("sim", "On the simulator, natively")):
+    for name, title, plotted in PARTS:
         results = load(name)
         if not results:
             continue
         rounds = len(results[0]["runs"]["raw"])
         lines = [f"# {title}\n", f"Medians of {rounds} rounds in which the transports took turns; in brackets the lowest and "
                  "the highest ratio of a round. Made by `make bench`; docs/performance.md explains it.",
-                 losses(results)] + speed_tables(results) + detail_tables(results)
+                 losses(results)] + speed_tables(results) + crowd_table(results) + detail_tables(results)
         with open(f"{OUT}/{name}.md", "w", encoding="utf-8") as out:
             out.write("\n".join(lines) + "\n")
-        plot(results, name)
+        plot(results, name, plotted)
     growth, start = load("growth"), load("start")
     if growth or start:
         with open(f"{OUT}/growth.md", "w", encoding="utf-8") as out:

@@ -18,8 +18,8 @@
 #include "zeb_mng.h"
 #include "zeb_rpc.h"
 
-constexpr int THREAD_NAME_LEN = 16;          // the kernel's limit
-constexpr uint32_t STREAMED_LEN_MAX = 32768; // a batch of larger ones does not stay in the cache
+constexpr int THREAD_NAME_LEN = 16;         // the kernel's limit
+constexpr uint32_t STREAMED_LEN_MAX = 4096; // larger ones are better taken up while they are in the cache
 
 // Delivers one event record and frees it.
 static void dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)

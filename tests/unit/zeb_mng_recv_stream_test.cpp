@@ -86,9 +86,9 @@ TEST_F(zeb_mng_recv_stream, a_large_message_wakes_the_thread_at_once)
 {
     peer_online(PEER_NODE, true, PEER, STREAM);
     int before = signals();
-    arrive(message(0, STREAM, 32768 - ZEB_MSG_HDR_LEN));
-    arrive(message(0, STREAM, 32769 - ZEB_MSG_HDR_LEN), 2);
-    EXPECT_EQ(delivered(3), std::vector<uint32_t>({32768, 32769, 32769}));
+    arrive(message(0, STREAM, 4096 - ZEB_MSG_HDR_LEN));
+    arrive(message(0, STREAM, 4097 - ZEB_MSG_HDR_LEN), 2);
+    EXPECT_EQ(delivered(3), std::vector<uint32_t>({4096, 4097, 4097}));
     EXPECT_EQ(signals() - before, 3);
 }
 
