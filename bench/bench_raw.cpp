@@ -128,10 +128,11 @@ static void serve(const bench_conf_t *conf)
         bench_fail("thread");
 }
 
+// In the library's order: one server of each process after the other.
 static uint32_t instance_of(int server)
 {
-    int per_process = s_conf.server_num > 4 ? s_conf.server_num / 4 : 1;
-    return server_instance(server / per_process, server % per_process);
+    int processes = s_conf.server_num > 4 ? 4 : s_conf.server_num;
+    return server_instance(server % processes, server / processes);
 }
 
 // Reads one answer or acknowledgement. True for an answer.

@@ -3,6 +3,7 @@
 #include "zeb_app_info.h"
 #include "zeb_mng.h"
 
+#include <atomic>
 #include <sched.h>
 
 constexpr uint32_t STREAM = 300; // an application with a proxy thread
@@ -92,7 +93,7 @@ TEST_F(zeb_mng_recv_stream, a_large_message_wakes_the_thread_at_once)
     EXPECT_EQ(signals() - before, 3);
 }
 
-static int s_signals_before_inline;
+static std::atomic<int> s_signals_before_inline;
 static void *see_inline(zeb_msg_t *msg)
 {
     s_signals_before_inline = signals();
@@ -112,7 +113,7 @@ TEST_F(zeb_mng_recv_stream, the_thread_is_woken_before_another_application_runs_
     EXPECT_EQ(s_signals_before_inline - before, 1);
 }
 
-static int s_signals_before_event;
+static std::atomic<int> s_signals_before_event;
 static void *see_quit(zeb_event_t event)
 {
     if (event.type == ZEB_APP_QUIT)
