@@ -40,7 +40,7 @@ STAGES = [
     stage("1 to 1, two nodes, a little work", [("oneway", 1024, 30000, 0)], work=1),
     stage("4 to 1", [("oneway", 64, 20000, 0)], clients=4),
     stage("1 to 3", [("oneway", 64, 20000, 0), ("trip", 64, 3000, 0)], servers=3, transports=("zeb", "raw", "zmq")),
-    stage("1 to 64", [("oneway", 64, 1500, 0)], servers=64, transports=("zeb", "raw", "threads")),
+    stage("1 to 64", [("oneway", 64, 4500, 0)], servers=64, transports=("zeb", "raw", "threads")),
     stage("1 to 1, two nodes, 1,000 known peers", ONEWAY[:2] + TRIPS[:1], transports=("zeb", "zeb-crowd", "raw"), crowd=True),
 ]
 WIRE_STAGE = stage("1 to 1, two machines", ONEWAY + TRIPS)
