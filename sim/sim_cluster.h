@@ -20,14 +20,14 @@ constexpr uint32_t SIM_ANY_NODE = UINT32_MAX;
 constexpr size_t SIM_PATH_LEN = 256;
 constexpr size_t SIM_DIR_LEN = 80; // so that a socket's path below it fits into its address
 
-typedef struct sim_mutex_s { // `holder` tells whose stop would hold up everybody
+typedef struct sim_mutex_s { // robust, between processes
     pthread_mutex_t mutex;
-    int32_t holder; // process id, 0 when free
 } sim_mutex_t;
 
 void sim_mutex_init(sim_mutex_t *mutex);
 bool sim_mutex_lock(sim_mutex_t *mutex); // true when its last holder died in it
 void sim_mutex_unlock(sim_mutex_t *mutex);
+pid_t sim_mutex_holder(const sim_mutex_t *mutex); // the thread whose stop would hold up everybody, 0: none
 
 struct sim_guard_s { // scoped lock
     explicit sim_guard_s(sim_mutex_t *lock) : mutex(lock), orphaned(sim_mutex_lock(lock))

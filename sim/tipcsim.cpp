@@ -39,7 +39,7 @@ While processes run; NODE and PID are those of the cluster that TIPCSIM_CLUSTER 
 tipcsim exec NODE -- COMMAND [ARG...]                   like run
 tipcsim cut A [B]     tipcsim heal A [B]                the links of A, or the one to B
 tipcsim node-down N   tipcsim node-up N                 a board loses its power, and comes back
-tipcsim kill N        tipcsim stall N      tipcsim resume N
+tipcsim kill N        tipcsim stall N      tipcsim resume N   a node's processes, or with --pid P one of them
 tipcsim drop-topology [N]                               its topology connections close
 tipcsim delay A B MS                                    what passes between them takes so long; 0 ends it
 tipcsim fail --node N | --pid P  --sends COUNT  --errno E | --short BYTES | --return CODE
@@ -266,6 +266,18 @@ static int exec_in(options_t options)
     return run(options);
 }
 
+static uint32_t node_word(const options_t &options, size_t index)
+{
+    if (options.words.size() <= index)
+        die("a node is missing (tipcsim help)");
+    return (uint32_t)number(options.words[index], "a node", 1, 65535);
+}
+
+static uint32_t other_node(const options_t &options)
+{
+    return options.words.size() > 1 ? node_word(options, 1) : SIM_ANY_NODE;
+}
+
 typedef struct process_s {
     pid_t pid;
     uint32_t node;
@@ -299,9 +311,32 @@ static void signal_node(uint32_t node, int signal)
     }
 }
 
+// The processes of the node that is named first, or that of --pid.
+template <typename Visit>
+static void each_chosen(const options_t &options, Visit visit)
+{
+    bool found = options.pid.empty();
+    pid_t pid = found ? 0 : (pid_t)number(options.pid, "--pid", 1, 1L << 22);
+    uint32_t node = found ? node_word(options, 0) : 0;
+    for (const process_t &process : processes()) {
+        if (pid != 0 ? process.pid != pid : process.node != node)
+            continue;
+        visit(process.pid);
+        found = true;
+    }
+    if (!found)
+        die("no process " + options.pid + " in this cluster");
+}
+
+static bool is_thread_of(pid_t pid, pid_t thread)
+{
+    std::string task = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(thread);
+    return thread != 0 && access(task.c_str(), F_OK) == 0;
+}
+
 static bool holds_a_lock(pid_t pid)
 {
-    if (__atomic_load_n(&s_cluster.state->mutex.holder, __ATOMIC_RELAXED) == pid)
+    if (is_thread_of(pid, sim_mutex_holder(&s_cluster.state->mutex)))
         return true;
     DIR *dir = opendir(s_cluster.dir);
     bool holds = false;
@@ -310,7 +345,7 @@ static bool holds_a_lock(pid_t pid)
         if (strncmp(entry->d_name, "s.", 2) != 0 ||
             sim_queue_open(&queue, s_cluster.dir, (uint32_t)atol(entry->d_name + 2)) != 0)
             continue;
-        holds = holds || __atomic_load_n(&queue.socket->mutex.holder, __ATOMIC_RELAXED) == pid;
+        holds = holds || is_thread_of(pid, sim_mutex_holder(&queue.socket->mutex));
         sim_queue_unmap(&queue);
     }
     if (dir != nullptr)
@@ -318,28 +353,33 @@ static bool holds_a_lock(pid_t pid)
     return holds;
 }
 
+// Each of its threads: the first may stop while another is still on its way there. A process that is gone counts too.
 static bool stopped(pid_t pid)
 {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    std::getline(in, text);
-    size_t at = text.rfind(')');
-    return at == std::string::npos || (text.size() > at + 2 && text[at + 2] == 'T');
+    std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    DIR *dir = opendir(tasks.c_str());
+    bool all = true;
+    for (struct dirent *entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
+        std::string text;
+        std::ifstream in(tasks + "/" + entry->d_name + "/stat");
+        std::getline(in, text);
+        size_t at = text.rfind(") ");
+        all = all && (at == std::string::npos || strchr("TtZX", text[at + 2]) != nullptr);
+    }
+    if (dir != nullptr)
+        (void)closedir(dir);
+    return all;
 }
 
-// Stops the node's processes, none of them inside a lock that others need.
-static void stall(uint32_t node)
+// Stops a process, not inside a lock that others need.
+static void stall(pid_t pid)
 {
-    for (const process_t &process : processes()) {
-        if (process.node != node)
-            continue;
-        do {
-            (void)kill(process.pid, SIGCONT);
-            (void)kill(process.pid, SIGSTOP);
-            while (!stopped(process.pid))
-                (void)sched_yield();
-        } while (holds_a_lock(process.pid) && kill(process.pid, 0) == 0);
-    }
+    do {
+        (void)kill(pid, SIGCONT);
+        (void)kill(pid, SIGSTOP);
+        while (!stopped(pid))
+            (void)sched_yield();
+    } while (holds_a_lock(pid) && kill(pid, 0) == 0);
 }
 
 static int fail_sends(const options_t &options)
@@ -548,18 +588,6 @@ static options_t parse(int argc, char **argv)
     return options;
 }
 
-static uint32_t node_word(const options_t &options, size_t index)
-{
-    if (options.words.size() <= index)
-        die("a node is missing (tipcsim help)");
-    return (uint32_t)number(options.words[index], "a node", 1, 65535);
-}
-
-static uint32_t other_node(const options_t &options)
-{
-    return options.words.size() > 1 ? node_word(options, 1) : SIM_ANY_NODE;
-}
-
 static int command(const std::string &verb, const options_t &options)
 {
     open_cluster(options, false);
@@ -571,11 +599,11 @@ static int command(const std::string &verb, const options_t &options)
     } else if (verb == "node-up") {
         (void)ask(SIM_HEAL, node_word(options, 0), SIM_ANY_NODE, 0);
     } else if (verb == "kill") {
-        signal_node(node_word(options, 0), SIGKILL);
+        each_chosen(options, [](pid_t pid) { (void)kill(pid, SIGKILL); });
     } else if (verb == "stall") {
-        stall(node_word(options, 0));
+        each_chosen(options, stall);
     } else if (verb == "resume") {
-        signal_node(node_word(options, 0), SIGCONT);
+        each_chosen(options, [](pid_t pid) { (void)kill(pid, SIGCONT); });
     } else if (verb == "drop-topology") {
         (void)ask(SIM_DROP, options.words.empty() ? SIM_ANY_NODE : node_word(options, 0), 0, 0);
     } else if (verb == "delay") {

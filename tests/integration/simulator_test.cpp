@@ -148,3 +148,25 @@ TEST_F(simulator, a_stalled_node_answers_when_it_goes_on)
     order("resume 2");
     EXPECT_EQ(one.ask("rpc 650 651 all 10 1"), "0 2:0");
 }
+
+TEST_F(simulator, a_process_stopped_while_it_receives_holds_nobody_up)
+{
+    process flooding(1, "zeb_agent");
+    process receiver(2, "zeb_agent");
+    process other(3, "zeb_agent");
+    start(receiver, "661", "660");
+    start(flooding, "660", "661");
+    start(other, "660", "661");
+    flooding.wait("join 660 661/2");
+    other.wait("join 660 661/2");
+    receiver.wait("join 661 660/1");
+    ASSERT_EQ(receiver.ask("quiet"), "0");
+    flooding.tell("flood 660 661 1 100000");
+    for (int i = 0; i < 100; i++) {
+        receiver.stop();
+        EXPECT_EQ(other.ask("send 660 661 all 64 1 0"), "0");
+        receiver.resume();
+        EXPECT_EQ(receiver.ask("quiet"), "0") << "and receives meanwhile";
+    }
+    EXPECT_EQ(flooding.wait("done flood", 120).substr(0, 20), "done flood 0 failed,");
+}
