@@ -16,6 +16,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "tipc_name.h"
+
 constexpr uint32_t NAME_TYPE = 24000;
 constexpr uint32_t CLIENT_INSTANCE = 100000;
 constexpr int UNSIGNALLED_MAX = 64; // as the library
@@ -28,22 +30,10 @@ static int s_sd[BENCH_SERVER_NUM];
 static int s_unacked[BENCH_SERVER_NUM];
 static char s_out[HEADER_LEN + BENCH_SIZE_MAX];
 
-static struct sockaddr_tipc name(uint32_t instance)
-{
-    struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    addr.addrtype = TIPC_ADDR_NAME;
-    addr.scope = TIPC_CLUSTER_SCOPE;
-    addr.addr.name.name.type = NAME_TYPE;
-    addr.addr.name.name.instance = instance;
-    return addr;
-}
-
 static int named_socket(uint32_t instance)
 {
     int sd = socket(AF_TIPC, SOCK_RDM, 0);
-    struct sockaddr_tipc addr = name(instance);
+    struct sockaddr_tipc addr = tipc_name(NAME_TYPE, instance);
     if (sd < 0 || bind(sd, (struct sockaddr *)&addr, sizeof(addr)) != 0)
         bench_fail("raw socket");
     return sd;
@@ -62,7 +52,7 @@ typedef struct raw_hdr_s {
 
 static bool try_send(int sd, uint32_t to, raw_hdr_t hdr, const void *data, size_t head, size_t len)
 {
-    struct sockaddr_tipc addr = name(to);
+    struct sockaddr_tipc addr = tipc_name(NAME_TYPE, to);
     memcpy(s_out, &hdr, sizeof(hdr));
     memcpy(s_out + HEADER_LEN, data, head);
     return sendto(sd, s_out, HEADER_LEN + len, MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr)) >= 0;

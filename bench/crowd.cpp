@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "tipc_name.h"
 #include "wire.h"
 
 constexpr uint32_t NAME_TYPE = 2303;
@@ -15,14 +16,7 @@ constexpr uint32_t SEQ = 1; // of every peer's own synchronisation
 
 static struct sockaddr_tipc name_of(uint32_t app, uint32_t node)
 {
-    struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    addr.addrtype = TIPC_ADDR_NAME;
-    addr.scope = TIPC_CLUSTER_SCOPE;
-    addr.addr.name.name.type = NAME_TYPE;
-    addr.addr.name.name.instance = app << 16 | node;
-    return addr;
+    return tipc_name(NAME_TYPE, app << 16 | node);
 }
 
 // A failed send is left to the other side's repetition.

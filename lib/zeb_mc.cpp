@@ -151,8 +151,7 @@ static int create_group(uint32_t src_app)
             mbr = Kind::empty;
         mc_id = get_new_mc_id<Kind>(&owner->mc);
         group->mc_id = mc_id;
-        list_add_tail(&group->list, Kind::groups(&owner->mc));
-        list_index_add(Kind::index(&owner->mc), group, (uint32_t)mc_id);
+        list_index_append(Kind::groups(&owner->mc), Kind::index(&owner->mc), group, (uint32_t)mc_id);
         (*Kind::count(&owner->mc))++;
     }
     ZEB_VERBOSE("ZEB app %d create %s-private-mcast 0x%x.\n", src_app, Kind::name, (unsigned)mc_id);
@@ -212,8 +211,7 @@ static void destroy_group(uint32_t src_app, uint32_t mc_id)
     typename Kind::group_t *group = get_group<Kind>(owner, mc_id);
     if (group == nullptr)
         return;
-    list_del(&group->list);
-    list_index_del(Kind::index(&owner->mc), group);
+    list_index_remove(Kind::index(&owner->mc), group);
     free(group);
     (*Kind::count(&owner->mc))--;
 }

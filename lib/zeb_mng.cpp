@@ -243,18 +243,6 @@ int zeb_set_fd_close_on_exec(int fd)
     return 0;
 }
 
-static struct sockaddr_tipc tipc_name(uint32_t type, uint32_t instance, signed char scope)
-{
-    struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    addr.addrtype = TIPC_ADDR_NAME;
-    addr.scope = scope;
-    addr.addr.name.name.type = type;
-    addr.addr.name.name.instance = instance;
-    return addr;
-}
-
 int zeb_create_subscription_socket()
 {
     int sd = socket(AF_TIPC, SOCK_SEQPACKET, 0);
@@ -266,7 +254,7 @@ int zeb_create_subscription_socket()
         (void)close(sd);
         return -1;
     }
-    struct sockaddr_tipc addr = tipc_name(TIPC_TOP_SRV, TIPC_TOP_SRV, 0);
+    struct sockaddr_tipc addr = zeb_tipc_name(TIPC_TOP_SRV, TIPC_TOP_SRV, 0);
     if (connect(sd, (struct sockaddr *)&addr, sizeof(addr)) != 0) {
         ZEB_ERROR("ZEB connect to TIPC topology server failed: %s.\n", strerror(errno));
         (void)close(sd);
@@ -313,7 +301,7 @@ int zeb_create_app_socket(uint32_t app, int priority)
 int zeb_bind_app_socket(uint32_t app, int sd)
 {
     uint32_t instance = zeb_tipc_instance(app, (uint32_t)zeb_get_my_node_id());
-    struct sockaddr_tipc addr = tipc_name(ZEB_TIPC_NAME_TYPE, instance, TIPC_CLUSTER_SCOPE);
+    struct sockaddr_tipc addr = zeb_tipc_name(ZEB_TIPC_NAME_TYPE, instance, TIPC_CLUSTER_SCOPE);
     while (bind(sd, (struct sockaddr *)&addr, sizeof(addr)) != 0) {
         int err = errno;
         ZEB_ERROR("ZEB app %d bind socket %d failed: %s.\n", app, sd, strerror(err));

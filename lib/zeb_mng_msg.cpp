@@ -34,18 +34,6 @@ uint32_t zeb_get_seq()
     return zeb_load_relaxed(&s_seq);
 }
 
-static struct sockaddr_tipc instance_addr(uint32_t app, uint32_t node)
-{
-    struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    addr.addrtype = TIPC_ADDR_NAME;
-    addr.scope = TIPC_CLUSTER_SCOPE;
-    addr.addr.name.name.type = ZEB_TIPC_NAME_TYPE;
-    addr.addr.name.name.instance = zeb_tipc_instance(app, node);
-    return addr;
-}
-
 static bool write_again(int err)
 {
     return err == EINTR || err == ENOMEM || err == ENOBUFS;
@@ -58,7 +46,8 @@ int zeb_tipc_sendto(uint32_t src_app, zeb_msg_t *msg, uint32_t dst_app, uint32_t
         ZEB_ERROR("ZEB app %d socket descriptor invalid.\n", src_app);
         return -EINVAL;
     }
-    struct sockaddr_tipc addr = instance_addr(dst_app, dst_node);
+    struct sockaddr_tipc addr =
+        zeb_tipc_name(ZEB_TIPC_NAME_TYPE, zeb_tipc_instance(dst_app, dst_node), TIPC_CLUSTER_SCOPE);
     int send_flags = MSG_NOSIGNAL | ((flags & ZEB_SEND_NOWAIT) != 0 ? MSG_DONTWAIT : 0);
     uint32_t len = msg->hdr.len;
     zeb_convert_to_network(msg);

@@ -241,8 +241,7 @@ void zeb_del_comm_app(uint32_t src_app)
         if (!list_empty(&ol->subscr_app_list))
             return;
         (void)zeb_unsubscr_app_events(zeb_tipc_instance(ol->app_id, 0), zeb_tipc_instance(ol->app_id, 0xFFFF));
-        list_del(&ol->list);
-        list_index_del(&g_zeb_mng.ol_app_index, ol);
+        list_index_remove(&g_zeb_mng.ol_app_index, ol);
         free(ol);
     });
 }

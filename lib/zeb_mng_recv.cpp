@@ -247,12 +247,8 @@ static bool is_streamed(const zeb_app_info_t *app_info, const zeb_msg_t *msg)
     return s_stream.more && app_info->with_proxy_thread && zeb_comes_in_streams(msg);
 }
 
-static void deliver(zeb_app_info_t *app_info, zeb_msg_t *msg)
+static void queue_streamed(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
-    if (!is_streamed(app_info, msg)) {
-        zeb_enqueue_msg_dist(msg, app_info);
-        return;
-    }
     zeb_queue_msg(msg, app_info);
     if (++s_stream.unsignalled >= UNSIGNALLED_MAX)
         signal_queued();
@@ -263,7 +259,8 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     uint32_t src_app = msg->hdr.src_app;
     uint32_t src_node = msg->hdr.src_node;
-    if (!is_streamed(app_info, msg))
+    bool streamed = is_streamed(app_info, msg);
+    if (!streamed)
         signal_queued();
     if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
         zeb_sync_msg_process(msg);
@@ -292,7 +289,10 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
             free(msg);
         return;
     }
-    deliver(app_info, msg);
+    if (streamed)
+        queue_streamed(app_info, msg);
+    else
+        zeb_enqueue_msg_dist(msg, app_info);
 }
 
 static zeb_msg_t *recv_buf()
@@ -416,13 +416,14 @@ static void poll_once(poll_set_t *set)
     int ready = poll(fds, topology ? set->app_num + 1 : set->app_num, owing ? 0 : ZEB_POLL_TIMEOUT_MS);
     if (ready < 0)
         ZEB_WARN("ZEB polling error: %d:%s.\n", errno, strerror(errno));
-    if (ready <= 0 || (topology && set->fds[0].revents != 0))
+    bool event = ready > 0 && topology && set->fds[0].revents != 0;
+    if (ready <= 0 || event)
         signal_queued();
     if (ready < 0)
         return;
+    if (event && zeb_socket_recv_tipc_event() != 0)
+        close_topology_connection();
     if (ready > 0) {
-        if (topology && set->fds[0].revents != 0 && zeb_socket_recv_tipc_event() != 0)
-            close_topology_connection();
         for (nfds_t i = 0; i < set->app_num; i++) {
             if (set->fds[i + 1].revents != 0)
                 zeb_socket_recv_app_msg(set->app[i]);

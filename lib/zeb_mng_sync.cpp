@@ -54,8 +54,7 @@ static zeb_inst_id_t *__get_or_add_inst_id(uint32_t src_app, uint32_t dst_app, u
     id->src_app = src_app;
     id->dst_app = dst_app;
     id->dst_node = dst_node;
-    list_add_tail(&id->list, &g_zeb_mng.inst_id_list);
-    list_index_add(&g_zeb_mng.inst_id_index, id, list_index_key(dst_app, dst_node));
+    list_index_append(&g_zeb_mng.inst_id_list, &g_zeb_mng.inst_id_index, id, list_index_key(dst_app, dst_node));
     return id;
 }
 
@@ -150,8 +149,7 @@ void __zeb_clear_inst_id(uint32_t dst_app, uint32_t dst_node)
     zeb_inst_id_t *id = list_index_find<zeb_inst_id_t>(&g_zeb_mng.inst_id_index, list_index_key(dst_app, dst_node));
     if (id == nullptr)
         return;
-    list_del(&id->list);
-    list_index_del(&g_zeb_mng.inst_id_index, id);
+    list_index_remove(&g_zeb_mng.inst_id_index, id);
     free(id);
 }
 
@@ -172,13 +170,8 @@ static zeb_pending_sync_t *__find_pending(uint32_t dst_app, uint32_t dst_node, M
         [&](const zeb_pending_sync_t *pending) { return match(pending->msg); });
 }
 
-// Drops the first one. False without one.
-template <typename Match>
-static bool __drop_pending(uint32_t dst_app, uint32_t dst_node, Match match) ZEB_REQUIRES(g_lib_mutex)
+static void __drop_pending(zeb_pending_sync_t *pending) ZEB_REQUIRES(g_lib_mutex)
 {
-    zeb_pending_sync_t *pending = __find_pending(dst_app, dst_node, match);
-    if (pending == nullptr)
-        return false;
     zeb_msg_t *msg = pending->msg;
     ZEB_INFO("ZEB DEL INST app %d sync inst to %d/%d, seq %d.\n", msg->hdr.src_app, msg->hdr.dst_app, msg->hdr.dst_node,
              zeb_sync_inst_msg_seq(msg));
@@ -186,28 +179,42 @@ static bool __drop_pending(uint32_t dst_app, uint32_t dst_node, Match match) ZEB
     list_del(&msg->list);
     free(msg);
     free(pending);
+}
+
+static bool any_message(const zeb_msg_t *)
+{
     return true;
+}
+
+template <typename Match>
+static void __drop_all_pending(uint32_t dst_app, uint32_t dst_node, Match match) ZEB_REQUIRES(g_lib_mutex)
+{
+    zeb_pending_sync_t *pending = nullptr;
+    while ((pending = __find_pending(dst_app, dst_node, match)) != nullptr)
+        __drop_pending(pending);
 }
 
 int zeb_del_inst_sync_msg(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t seq)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    bool dropped = __drop_pending(dst_app, dst_node, [&](const zeb_msg_t *msg) {
+    zeb_pending_sync_t *pending = __find_pending(dst_app, dst_node, [&](const zeb_msg_t *msg) {
         return msg->hdr.src_app == src_app && zeb_sync_inst_msg_seq(msg) == seq;
     });
-    return dropped ? 0 : -ENOENT;
+    if (pending == nullptr)
+        return -ENOENT;
+    __drop_pending(pending);
+    return 0;
 }
 
 void __zeb_clear_sync_inst_msg(uint32_t dst_app, uint32_t dst_node)
 {
-    while (__drop_pending(dst_app, dst_node, [](const zeb_msg_t *) { return true; })) {
-    }
+    __drop_all_pending(dst_app, dst_node, any_message);
 }
 
 bool zeb_has_sync_inst_msg(uint32_t dst_app, uint32_t dst_node)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    return __find_pending(dst_app, dst_node, [](const zeb_msg_t *) { return true; }) != nullptr;
+    return __find_pending(dst_app, dst_node, any_message) != nullptr;
 }
 
 void zeb_app_inst_join(uint32_t app, uint32_t node, int resume)
@@ -243,8 +250,7 @@ void zeb_notify_app_join(uint32_t my_app, uint32_t inst_node, uint32_t inst_app)
 {
     {
         zeb_scoped_lock lock(&g_lib_mutex);
-        while (__drop_pending(inst_app, inst_node, [&](const zeb_msg_t *msg) { return msg->hdr.src_app == my_app; })) {
-        }
+        __drop_all_pending(inst_app, inst_node, [&](const zeb_msg_t *msg) { return msg->hdr.src_app == my_app; });
         if (__zeb_get_ol_app(inst_app) != nullptr)
             zeb_set_app_inst_ack(inst_app, inst_node);
         zeb_inst_id_t *id = __zeb_get_inst_id(my_app, inst_app, inst_node);
@@ -268,8 +274,7 @@ static zeb_retry_inst_t *find_retry(uint32_t src_app, uint32_t dst_app, uint32_t
 
 static void __drop_retry(zeb_retry_inst_t *retry) ZEB_REQUIRES(g_lib_mutex)
 {
-    list_index_del(&g_zeb_mng.sync_inst_retry_index, retry);
-    list_del(&retry->list);
+    list_index_remove(&g_zeb_mng.sync_inst_retry_index, retry);
     free(retry);
 }
 
@@ -303,8 +308,8 @@ void zeb_start_retry_inst_timer(uint8_t peer_version, uint32_t src_app, uint32_t
     retry->src_app = src_app;
     retry->dst_app = dst_app;
     retry->dst_node = dst_node;
-    list_add_tail(&retry->list, &g_zeb_mng.sync_inst_retry_list);
-    list_index_add(&g_zeb_mng.sync_inst_retry_index, retry, list_index_key(dst_app, dst_node));
+    list_index_append(&g_zeb_mng.sync_inst_retry_list, &g_zeb_mng.sync_inst_retry_index, retry,
+                      list_index_key(dst_app, dst_node));
     ZEB_INFO("ZEB retry sync inst to %d/%d.\n", dst_app, dst_node);
 }
 

@@ -94,8 +94,7 @@ int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply
 #ifdef ZEB_INVARIANTS
     wait->caller = gettid();
 #endif
-    list_add_tail(&wait->list, &rpc->wait_list);
-    list_index_add(&rpc->wait_index, wait, seq);
+    list_index_append(&rpc->wait_list, &rpc->wait_index, wait, seq);
     return 0;
 }
 
@@ -133,8 +132,7 @@ int zeb_rpc_set_wait(uint32_t app, uint32_t seq, uint32_t dst_app, uint32_t dst_
 
 static void __unlink_wait(zeb_app_rpc_wait_t *rpc, zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
 {
-    list_del(&wait->list);
-    list_index_del(&rpc->wait_index, wait);
+    list_index_remove(&rpc->wait_index, wait);
     free(wait);
 }
 

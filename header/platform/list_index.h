@@ -68,8 +68,15 @@ static inline void list_index_add(list_index_t *index, T *record, uint64_t key)
     index->num++;
 }
 
-// The first record of that key; when there is none, the one that `create` returns, put last on the list and in the
-// index.
+// Puts a record last on its list and in the index.
+template <typename T>
+static inline void list_index_append(struct list_head *head, list_index_t *index, T *record, uint64_t key)
+{
+    list_add_tail(&record->list, head);
+    list_index_add(index, record, key);
+}
+
+// The first record of that key; when there is none, the one that `create` returns, appended.
 template <typename T, typename Create>
 static inline T *list_index_find_or_create(struct list_head *head, list_index_t *index, uint64_t key, Create create)
 {
@@ -77,8 +84,7 @@ static inline T *list_index_find_or_create(struct list_head *head, list_index_t 
     if (record != nullptr)
         return record;
     record = create();
-    list_add_tail(&record->list, head);
-    list_index_add(index, record, key);
+    list_index_append(head, index, record, key);
     return record;
 }
 
@@ -93,6 +99,14 @@ static inline void list_index_del(list_index_t *index, T *record)
         return;
     *at = record->index_link.next;
     index->num--;
+}
+
+// Takes a record off its list and out of the index; the caller frees it.
+template <typename T>
+static inline void list_index_remove(list_index_t *index, T *record)
+{
+    list_del(&record->list);
+    list_index_del(index, record);
 }
 
 #endif

@@ -12,6 +12,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "tipc_name.h"
+
 static long now_ms()
 {
     struct timespec now;
@@ -21,14 +23,7 @@ static long now_ms()
 
 static struct sockaddr_tipc name_of(unsigned app, unsigned node)
 {
-    struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    addr.addrtype = TIPC_ADDR_NAME;
-    addr.scope = TIPC_CLUSTER_SCOPE;
-    addr.addr.name.name.type = 2303;
-    addr.addr.name.name.instance = app << 16 | node;
-    return addr;
+    return tipc_name(2303, app << 16 | node);
 }
 
 static int new_socket()
