@@ -4,6 +4,7 @@
 //   oneway SIZE COUNT        COUNT messages to every server, to the last one processed
 //   trip SIZE COUNT          COUNT calls, one after the other
 //   rate SIZE COUNT RATE     COUNT calls, RATE a second by the clock: a late one counts from when it was due
+//   burst SIZE COUNT         COUNT messages to every server, not more than the window has left, while they are stopped
 #include "bench.h"
 
 #include <algorithm>
@@ -132,6 +133,7 @@ static bench_count_t counted()
 {
     bench_count_t answers[BENCH_SERVER_NUM];
     bench_count_t sum;
+    int sharing = s_conf.server_num > 4 ? s_conf.server_num / 4 : 1; // servers of one process
     do {
         sum = {};
         if (s_transport->call(payload(BENCH_TRIP, 1), sizeof(bench_msg_t), answers) != s_conf.server_num)
@@ -139,8 +141,8 @@ static bench_count_t counted()
         for (int i = 0; i < s_conf.server_num; i++) {
             sum.received += answers[i].received;
             sum.disordered += answers[i].disordered;
-            sum.cpu_us += answers[i].cpu_us;
-            sum.switches += answers[i].switches;
+            sum.cpu_us += answers[i].cpu_us / (uint64_t)sharing; // each tells its whole process's
+            sum.switches += answers[i].switches / (uint64_t)sharing;
             sum.rss_kb = std::max(sum.rss_kb, answers[i].rss_kb);
         }
     } while (sum.received < s_seq * (uint64_t)s_conf.server_num);
@@ -183,6 +185,30 @@ static void oneway(size_t size, int count)
         s_transport->send(payload(BENCH_DATA, ++s_seq), size);
     end_run(&run, count);
     printf("\n");
+}
+
+// The next line tells that the servers stand still, or go on.
+static void say_and_wait(const char *what)
+{
+    char line[128];
+    printf("%s\n", what);
+    (void)fflush(stdout);
+    if (fgets(line, sizeof(line), stdin) == nullptr)
+        bench_fail("order");
+}
+
+// What sending costs by itself: nobody has to be woken, and nobody answers.
+static void burst(size_t size, int count)
+{
+    run_t run = begin_run();
+    say_and_wait("begun");
+    run.mine = usage();
+    for (int i = 0; i < count; i++)
+        s_transport->send(payload(BENCH_DATA, ++s_seq), size);
+    bench_count_t sent = usage();
+    say_and_wait("sent");
+    end_run(&run, count);
+    printf(" send_cpu=%.3f\n", (double)(sent.cpu_us - run.mine.cpu_us) / count);
 }
 
 static void print_latency(std::vector<double> *times)
@@ -244,6 +270,8 @@ static bool obey(const char *line)
     std::string what = verb;
     if (what == "oneway")
         oneway(size, count);
+    else if (what == "burst" && count <= BENCH_WINDOW - BENCH_ACK_BATCH)
+        burst(size, count);
     else if (what == "trip")
         trips(size, count);
     else if (what == "rate" && words == 4 && per_second > 0)

@@ -22,7 +22,7 @@ def load(name):
 
 
 def value(verb, run):
-    return run["per_second"] if verb == "oneway" else run["p50"]
+    return run[{"oneway": "per_second", "burst": "send_cpu"}.get(verb, "p50")]
 
 
 def ratios(result, name, base="raw"):
@@ -40,7 +40,8 @@ def shown(numbers):
 
 
 def work(result):
-    what = {"oneway": "one-way", "trip": "round trip", "rate": f"round trip, {result['rate']}/s"}[result["verb"]]
+    what = {"oneway": "one-way", "trip": "round trip", "rate": f"round trip, {result['rate']}/s",
+            "burst": "sender's CPU time, receivers stopped,"}[result["verb"]]
     return f"{what} {result['size']:,} B"
 
 
