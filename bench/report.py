@@ -104,6 +104,8 @@ def growth_tables(growth, start):
 
 def plot(results, name, stage):
     rows = [r for r in results if r["cpus"] == 2 and r["stage"] == stage and r["verb"] in ("oneway", "trip")]
+    if not rows:
+        return
     names = [n for n in PLOTTED if n in rows[0]["runs"]]
     data = "\n".join(f'"{work(r)}" ' + " ".join(f"{statistics.median(ratios(r, n)):.3f}" for n in names) for r in rows)
     columns = ", ".join(f"$data using {i + 2}:xtic(1) title '{n}'" for i, n in enumerate(names))

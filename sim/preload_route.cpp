@@ -132,11 +132,17 @@ static void look_up(known_name_t *known, uint32_t type, uint32_t instance, uint3
     }
 }
 
+// The upper bits of the product depend on every bit: instances often differ in their upper half alone.
+static uint32_t name_place(uint32_t type, uint32_t instance)
+{
+    return (type * 31 + instance) * 2654435761U / (UINT32_MAX / NAME_PLACES + 1);
+}
+
 bool preload_lookup(uint32_t type, uint32_t instance, uint32_t node, preload_target_t *target)
 {
     uint32_t generation = __atomic_load_n(&preload_cluster()->state->generation, __ATOMIC_ACQUIRE);
     (void)pthread_mutex_lock(&s_names_mutex);
-    known_name_t *known = &s_names[(type * 31 + instance * 2654435761U) >> 7 & (NAME_PLACES - 1)];
+    known_name_t *known = &s_names[name_place(type, instance)];
     if (known->num == 0 || known->generation != generation || known->type != type || known->instance != instance ||
         known->node != node)
         look_up(known, type, instance, node);
