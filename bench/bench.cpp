@@ -133,7 +133,7 @@ static bench_count_t counted()
 {
     bench_count_t answers[BENCH_SERVER_NUM];
     bench_count_t sum;
-    int sharing = s_conf.server_num > 4 ? s_conf.server_num / 4 : 1; // servers of one process
+    int sharing = bench_servers_per_process(&s_conf);
     do {
         sum = {};
         if (s_transport->call(payload(BENCH_TRIP, 1), sizeof(bench_msg_t), answers) != s_conf.server_num)
@@ -178,11 +178,16 @@ static void end_run(const run_t *run, int count)
            (unsigned long long)mine.rss_kb, (unsigned long long)servers.rss_kb);
 }
 
+static void send_all(size_t size, int count)
+{
+    for (int i = 0; i < count; i++)
+        s_transport->send(payload(BENCH_DATA, ++s_seq), size);
+}
+
 static void oneway(size_t size, int count)
 {
     run_t run = begin_run();
-    for (int i = 0; i < count; i++)
-        s_transport->send(payload(BENCH_DATA, ++s_seq), size);
+    send_all(size, count);
     end_run(&run, count);
     printf("\n");
 }
@@ -203,8 +208,7 @@ static void burst(size_t size, int count)
     run_t run = begin_run();
     say_and_wait("begun");
     run.mine = usage();
-    for (int i = 0; i < count; i++)
-        s_transport->send(payload(BENCH_DATA, ++s_seq), size);
+    send_all(size, count);
     bench_count_t sent = usage();
     say_and_wait("sent");
     end_run(&run, count);

@@ -9,6 +9,7 @@
 
 constexpr int BENCH_SENDER_NUM = 4;  // clients of one server
 constexpr int BENCH_SERVER_NUM = 64; // servers of one client
+constexpr int BENCH_PROCESS_NUM = 4; // of the servers of one client, at most
 constexpr int BENCH_CROWD_NUM = 1000;
 constexpr size_t BENCH_SIZE_MAX = 61440;
 constexpr int BENCH_WINDOW = 1024; // unacknowledged messages towards one server
@@ -61,6 +62,12 @@ extern const bench_transport_t g_bench_threads; // raw over threads like the lib
 extern const bench_transport_t g_bench_threads_nothread;
 extern const bench_transport_t g_bench_zmq;
 extern const bench_transport_t g_bench_nng;
+
+// How many of a client's servers share a process.
+static inline int bench_servers_per_process(const bench_conf_t *conf)
+{
+    return conf->server_num > BENCH_PROCESS_NUM ? conf->server_num / BENCH_PROCESS_NUM : 1;
+}
 
 // A server got a payload. True when it is a trip: `answer` is then filled.
 bool bench_received(int server, const void *data, size_t len, bench_count_t *answer);

@@ -16,7 +16,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "tipc_name.h"
+#include "platform/tipc_name.h"
 
 constexpr uint32_t NAME_TYPE = 24000;
 constexpr uint32_t CLIENT_INSTANCE = 100000;
@@ -33,7 +33,7 @@ static char s_out[HEADER_LEN + BENCH_SIZE_MAX];
 static int named_socket(uint32_t instance)
 {
     int sd = socket(AF_TIPC, SOCK_RDM, 0);
-    struct sockaddr_tipc addr = tipc_name(NAME_TYPE, instance);
+    struct sockaddr_tipc addr = tipc_name(NAME_TYPE, instance, TIPC_CLUSTER_SCOPE);
     if (sd < 0 || bind(sd, (struct sockaddr *)&addr, sizeof(addr)) != 0)
         bench_fail("raw socket");
     return sd;
@@ -52,7 +52,7 @@ typedef struct raw_hdr_s {
 
 static bool try_send(int sd, uint32_t to, raw_hdr_t hdr, const void *data, size_t head, size_t len)
 {
-    struct sockaddr_tipc addr = tipc_name(NAME_TYPE, to);
+    struct sockaddr_tipc addr = tipc_name(NAME_TYPE, to, TIPC_CLUSTER_SCOPE);
     memcpy(s_out, &hdr, sizeof(hdr));
     memcpy(s_out + HEADER_LEN, data, head);
     return sendto(sd, s_out, HEADER_LEN + len, MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr)) >= 0;
@@ -121,7 +121,7 @@ static void serve(const bench_conf_t *conf)
 // In the library's order: one server of each process after the other.
 static uint32_t instance_of(int server)
 {
-    int processes = s_conf.server_num > 4 ? 4 : s_conf.server_num;
+    int processes = s_conf.server_num / bench_servers_per_process(&s_conf);
     return server_instance(server % processes, server / processes);
 }
 

@@ -108,7 +108,7 @@ static void open(const bench_conf_t *conf)
     s_conf = *conf;
     s_dst = s_server;
     add_app(client_app(), true);
-    int apps = conf->server_num > 4 ? conf->server_num / 4 : 1;
+    int apps = bench_servers_per_process(conf);
     if (apps > 1) {
         s_dst = (uint32_t)zeb_create_app_mcast(client_app());
         s_dst_nodes = (uint32_t)zeb_create_node_mcast(client_app());

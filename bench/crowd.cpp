@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "tipc_name.h"
+#include "platform/tipc_name.h"
 #include "wire.h"
 
 constexpr uint32_t NAME_TYPE = 2303;
@@ -16,7 +16,7 @@ constexpr uint32_t SEQ = 1; // of every peer's own synchronisation
 
 static struct sockaddr_tipc name_of(uint32_t app, uint32_t node)
 {
-    return tipc_name(NAME_TYPE, app << 16 | node);
+    return tipc_name(NAME_TYPE, app << 16 | node, TIPC_CLUSTER_SCOPE);
 }
 
 // A failed send is left to the other side's repetition.

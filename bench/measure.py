@@ -13,6 +13,8 @@ import subprocess
 import sys
 import time
 
+from figure import value
+
 BENCH, RESULT, ROUNDS = sys.argv[1], sys.argv[2], int(sys.argv[3])
 TRANSPORTS = sys.argv[4:]
 BEGIN = time.monotonic()
@@ -167,15 +169,11 @@ def run_stage(plan, cpus, results):
                     if name == "raw":
                         runs["raw again"].append(ask(servers[name], clients[name], words))
             results.append({"stage": plan["name"], "cpus": cpus, "verb": verb, "size": size, "rate": rate, "runs": runs})
-            print(f"{time.monotonic() - BEGIN:6.1f} s", plan["name"], cpus, "CPU", verb, size, {n: round(sorted(key(verb, r) for r in v)[len(v) // 2], 1)
+            print(f"{time.monotonic() - BEGIN:6.1f} s", plan["name"], cpus, "CPU", verb, size, {n: round(sorted(value(verb, r) for r in v)[len(v) // 2], 1)
                                                          for n, v in runs.items()}, flush=True)
     finally:
         for process in everyone:
             process.end()
-
-
-def key(verb, run):
-    return run[{"oneway": "per_second", "burst": "send_cpu"}.get(verb, "p50")]
 
 
 def write(results):

@@ -6,6 +6,8 @@ import statistics
 import subprocess
 import sys
 
+from figure import value
+
 SEEN, OUT = sys.argv[1], "bench/results"
 PARTS = (("lab", "In the lab: Linux 6.1 in an emulated machine", "1 to 1, two nodes"),
          ("wire", "In the lab: two emulated machines on one wire", "1 to 1, two machines"),
@@ -19,10 +21,6 @@ def load(name):
         return None
     with open(path, encoding="utf-8") as seen:
         return json.load(seen)
-
-
-def value(verb, run):
-    return run[{"oneway": "per_second", "burst": "send_cpu"}.get(verb, "p50")]
 
 
 def ratios(result, name, base="raw"):

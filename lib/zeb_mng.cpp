@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "platform/tipc_name.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_mng_msg.h"
@@ -254,7 +255,7 @@ int zeb_create_subscription_socket()
         (void)close(sd);
         return -1;
     }
-    struct sockaddr_tipc addr = zeb_tipc_name(TIPC_TOP_SRV, TIPC_TOP_SRV, 0);
+    struct sockaddr_tipc addr = tipc_name(TIPC_TOP_SRV, TIPC_TOP_SRV, 0);
     if (connect(sd, (struct sockaddr *)&addr, sizeof(addr)) != 0) {
         ZEB_ERROR("ZEB connect to TIPC topology server failed: %s.\n", strerror(errno));
         (void)close(sd);
@@ -301,7 +302,7 @@ int zeb_create_app_socket(uint32_t app, int priority)
 int zeb_bind_app_socket(uint32_t app, int sd)
 {
     uint32_t instance = zeb_tipc_instance(app, (uint32_t)zeb_get_my_node_id());
-    struct sockaddr_tipc addr = zeb_tipc_name(ZEB_TIPC_NAME_TYPE, instance, TIPC_CLUSTER_SCOPE);
+    struct sockaddr_tipc addr = tipc_name(ZEB_TIPC_NAME_TYPE, instance, TIPC_CLUSTER_SCOPE);
     while (bind(sd, (struct sockaddr *)&addr, sizeof(addr)) != 0) {
         int err = errno;
         ZEB_ERROR("ZEB app %d bind socket %d failed: %s.\n", app, sd, strerror(err));

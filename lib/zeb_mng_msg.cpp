@@ -9,6 +9,7 @@
 #include <linux/tipc.h>
 #include <sys/socket.h>
 
+#include "platform/tipc_name.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
 
@@ -46,8 +47,7 @@ int zeb_tipc_sendto(uint32_t src_app, zeb_msg_t *msg, uint32_t dst_app, uint32_t
         ZEB_ERROR("ZEB app %d socket descriptor invalid.\n", src_app);
         return -EINVAL;
     }
-    struct sockaddr_tipc addr =
-        zeb_tipc_name(ZEB_TIPC_NAME_TYPE, zeb_tipc_instance(dst_app, dst_node), TIPC_CLUSTER_SCOPE);
+    struct sockaddr_tipc addr = tipc_name(ZEB_TIPC_NAME_TYPE, zeb_tipc_instance(dst_app, dst_node), TIPC_CLUSTER_SCOPE);
     int send_flags = MSG_NOSIGNAL | ((flags & ZEB_SEND_NOWAIT) != 0 ? MSG_DONTWAIT : 0);
     uint32_t len = msg->hdr.len;
     zeb_convert_to_network(msg);

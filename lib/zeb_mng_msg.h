@@ -6,9 +6,6 @@
 #define ZEB_MNG_MSG_H
 
 #include <cstdint>
-#include <cstring>
-#include <linux/tipc.h>
-#include <sys/socket.h>
 
 #include <zeb/zeb.h>
 
@@ -53,18 +50,6 @@ constexpr uint32_t ZEB_SYNC_TTL_OFFSET = 16; // of `ttl` in the value, all three
 static inline uint32_t zeb_tipc_instance(uint32_t app, uint32_t node)
 {
     return (app << 16) | (node & 0xFFFF);
-}
-
-static inline struct sockaddr_tipc zeb_tipc_name(uint32_t type, uint32_t instance, signed char scope)
-{
-    struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    addr.addrtype = TIPC_ADDR_NAME;
-    addr.scope = scope;
-    addr.addr.name.name.type = type;
-    addr.addr.name.name.instance = instance;
-    return addr;
 }
 
 void zeb_init_seq();

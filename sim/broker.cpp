@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <string>
@@ -20,6 +19,8 @@
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include "sim_files.h"
 
 broker_t g_broker;
 
@@ -387,21 +388,6 @@ static void welcome()
     watch(fd);
 }
 
-template <typename take_t>
-static void each_file(const char *prefix, take_t take)
-{
-    std::vector<std::string> names;
-    DIR *dir = opendir(g_broker.cluster.dir);
-    for (struct dirent *entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
-        if (strncmp(entry->d_name, prefix, strlen(prefix)) == 0)
-            names.emplace_back(entry->d_name);
-    }
-    if (dir != nullptr)
-        (void)closedir(dir);
-    for (const std::string &name : names)
-        take(name);
-}
-
 static void adopt(const std::string &name)
 {
     uint32_t port = (uint32_t)strtoul(name.c_str() + 2, nullptr, 10);
@@ -415,7 +401,7 @@ static void adopt(const std::string &name)
 static bool processes_live()
 {
     bool any = false;
-    each_file("p.", [&any](const std::string &name) {
+    sim_each_file(g_broker.cluster.dir, "p.", [&any](const std::string &name) {
         std::string path = std::string(g_broker.cluster.dir) + "/" + name;
         int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
         if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0)
@@ -442,7 +428,7 @@ static bool ended()
     if (lock < 0)
         return lock == -ENOENT;
     bool used = processes_live();
-    each_file("s.", [&used](const std::string &name) {
+    sim_each_file(g_broker.cluster.dir, "s.", [&used](const std::string &name) {
         adopt(name);
         used = used || !g_broker.members.empty();
     });
@@ -588,7 +574,7 @@ int broker_main(const char *dir)
         g_broker.cluster.state->name_num = 0; // made anew from the sockets that are there
         g_broker.cluster.state->generation++;
     }
-    each_file("s.", adopt);
+    sim_each_file(g_broker.cluster.dir, "s.", adopt);
     g_broker.awaited = broker_now() + FIRST_CLIENT_MS;
     loop();
     return 0;

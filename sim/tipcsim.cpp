@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <linux/tipc.h>
@@ -23,6 +22,7 @@
 #include <vector>
 
 #include "broker.h"
+#include "sim_files.h"
 
 static const char USAGE[] =
     R"(tipcsim run --node N [options] -- COMMAND [ARG...]      COMMAND as a process of node N
@@ -286,20 +286,15 @@ typedef struct process_s {
 static std::vector<process_t> processes()
 {
     std::vector<process_t> found;
-    DIR *dir = opendir(s_cluster.dir);
-    for (struct dirent *entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
+    sim_each_file(s_cluster.dir, "p.", [&found](const std::string &name) {
         uint32_t node = 0;
-        if (strncmp(entry->d_name, "p.", 2) != 0)
-            continue;
-        std::ifstream(in_cluster(entry->d_name)) >> node;
-        int fd = open(in_cluster(entry->d_name).c_str(), O_RDWR | O_CLOEXEC);
+        std::ifstream(in_cluster(name)) >> node;
+        int fd = open(in_cluster(name).c_str(), O_RDWR | O_CLOEXEC);
         if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0) // else it is nobody's any more
-            found.push_back({(pid_t)atol(entry->d_name + 2), node});
+            found.push_back({(pid_t)atol(name.c_str() + 2), node});
         if (fd >= 0)
             (void)close(fd);
-    }
-    if (dir != nullptr)
-        (void)closedir(dir);
+    });
     return found;
 }
 
@@ -311,20 +306,26 @@ static void signal_node(uint32_t node, int signal)
     }
 }
 
+// 0 when none is named.
+static pid_t pid_option(const options_t &options)
+{
+    return options.pid.empty() ? 0 : (pid_t)number(options.pid, "--pid", 1, 1L << 22);
+}
+
 // The processes of the node that is named first, or that of --pid.
 template <typename Visit>
 static void each_chosen(const options_t &options, Visit visit)
 {
-    bool found = options.pid.empty();
-    pid_t pid = found ? 0 : (pid_t)number(options.pid, "--pid", 1, 1L << 22);
-    uint32_t node = found ? node_word(options, 0) : 0;
+    pid_t pid = pid_option(options);
+    uint32_t node = pid == 0 ? node_word(options, 0) : 0;
+    bool found = false;
     for (const process_t &process : processes()) {
         if (pid != 0 ? process.pid != pid : process.node != node)
             continue;
         visit(process.pid);
         found = true;
     }
-    if (!found)
+    if (pid != 0 && !found)
         die("no process " + options.pid + " in this cluster");
 }
 
@@ -336,38 +337,29 @@ static bool is_thread_of(pid_t pid, pid_t thread)
 
 static bool holds_a_lock(pid_t pid)
 {
-    if (is_thread_of(pid, sim_mutex_holder(&s_cluster.state->mutex)))
-        return true;
-    DIR *dir = opendir(s_cluster.dir);
-    bool holds = false;
-    for (struct dirent *entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
+    bool holds = is_thread_of(pid, sim_mutex_holder(&s_cluster.state->mutex));
+    sim_each_file(s_cluster.dir, "s.", [&holds, pid](const std::string &name) {
         sim_queue_t queue;
-        if (strncmp(entry->d_name, "s.", 2) != 0 ||
-            sim_queue_open(&queue, s_cluster.dir, (uint32_t)atol(entry->d_name + 2)) != 0)
-            continue;
-        holds = holds || is_thread_of(pid, sim_mutex_holder(&queue.socket->mutex));
+        if (holds || sim_queue_open(&queue, s_cluster.dir, (uint32_t)atol(name.c_str() + 2)) != 0)
+            return;
+        holds = is_thread_of(pid, sim_mutex_holder(&queue.socket->mutex));
         sim_queue_unmap(&queue);
-    }
-    if (dir != nullptr)
-        (void)closedir(dir);
+    });
     return holds;
 }
 
 // Each of its threads: the first may stop while another is still on its way there. A process that is gone counts too.
 static bool stopped(pid_t pid)
 {
-    std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    DIR *dir = opendir(tasks.c_str());
+    std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
     bool all = true;
-    for (struct dirent *entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
+    sim_each_file(tasks.c_str(), "", [&](const std::string &thread) {
         std::string text;
-        std::ifstream in(tasks + "/" + entry->d_name + "/stat");
+        std::ifstream in(tasks + thread + "/stat");
         std::getline(in, text);
         size_t at = text.rfind(") ");
         all = all && (at == std::string::npos || strchr("TtZX", text[at + 2]) != nullptr);
-    }
-    if (dir != nullptr)
-        (void)closedir(dir);
+    });
     return all;
 }
 
@@ -386,7 +378,7 @@ static int fail_sends(const options_t &options)
 {
     sim_fault_t fault = {};
     fault.left = (int32_t)options.sends;
-    fault.pid = options.pid.empty() ? 0 : (int32_t)number(options.pid, "--pid", 1, 1L << 22);
+    fault.pid = pid_option(options);
     if (fault.pid == 0)
         fault.node = sim_node_index(s_cluster.state, (uint32_t)number(options.node, "--node", 1, 65535));
     if (!options.err.empty()) {

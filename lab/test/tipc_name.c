@@ -8,21 +8,11 @@
 #include <time.h>
 #include <unistd.h>
 
-static struct sockaddr_tipc name_of(unsigned type, unsigned instance)
-{
-    struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    addr.addrtype = TIPC_ADDR_NAME;
-    addr.scope = TIPC_CLUSTER_SCOPE;
-    addr.addr.name.name.type = type;
-    addr.addr.name.name.instance = instance;
-    return addr;
-}
+#include "platform/tipc_name.h"
 
 static int wait_timeout(unsigned seconds)
 {
-    struct sockaddr_tipc addr = name_of(TIPC_TOP_SRV, TIPC_TOP_SRV);
+    struct sockaddr_tipc addr = tipc_name(TIPC_TOP_SRV, TIPC_TOP_SRV, TIPC_CLUSTER_SCOPE);
     struct tipc_subscr request;
     struct tipc_event event;
     struct timespec begin, end;
@@ -43,7 +33,7 @@ static int wait_timeout(unsigned seconds)
 int main(int argc, char **argv)
 {
     unsigned number = argc > 2 ? (unsigned)strtoul(argv[2], NULL, 10) : 0;
-    struct sockaddr_tipc addr = name_of(4711, number);
+    struct sockaddr_tipc addr = tipc_name(4711, number, TIPC_CLUSTER_SCOPE);
     char text[32] = "hello";
     int sd = socket(AF_TIPC, SOCK_RDM, 0);
     if (argc < 3 || sd < 0)

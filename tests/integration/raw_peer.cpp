@@ -12,7 +12,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tipc_name.h"
+#include "platform/tipc_name.h"
 
 static long now_ms()
 {
@@ -23,7 +23,7 @@ static long now_ms()
 
 static struct sockaddr_tipc name_of(unsigned app, unsigned node)
 {
-    return tipc_name(2303, app << 16 | node);
+    return tipc_name(2303, app << 16 | node, TIPC_CLUSTER_SCOPE);
 }
 
 static int new_socket()

@@ -1,0 +1,5 @@
+"""Which of a run's figures is compared, by the kind of work."""
+
+
+def value(verb, run):
+    return run[{"oneway": "per_second", "burst": "send_cpu"}.get(verb, "p50")]
