@@ -9,6 +9,21 @@
 #include <zeb/zeb_msg.h>
 #include <zeb/zeb_tlv.h>
 
+// Type of a TLV element.
+typedef enum zeb_msg_type_e : int {
+    ZEB_MSG_PROC_NUM_ACK = 0,
+    ZEB_MSG_SYNC_INST = 1,
+    ZEB_MSG_SYNC_INST_ACK = 2,
+    ZEB_MSG_DBG_CMD = 3,
+    ZEB_MSG_APP_INFO = 4,
+    ZEB_MSG_APP_STAT = 5,
+    ZEB_MSG_PING = 6,
+    ZEB_MSG_PING_ECHO = 7,
+    ZEB_MSG_RELOAD = 8,
+    ZEB_MSG_SYNC_INST_SEQ_ACK = 9,
+    ZEB_MSG_TYPE_NUM = 10,
+} zeb_msg_type_t;
+
 static inline uint32_t zeb_wire_get_u32(const uint8_t *bytes)
 {
     uint32_t value;

@@ -7,6 +7,7 @@
 #define PLATFORM_LIST_INDEX_H
 
 #include <cstdint>
+#include <cstdlib>
 
 #include "platform/list_head.h"
 
@@ -107,6 +108,79 @@ static inline void list_index_remove(list_index_t *index, T *record)
 {
     list_del(&record->list);
     list_index_del(index, record);
+}
+
+// A list with its index: records are found by a key and keep their order. T has the links `list` and `index_link`.
+template <typename T>
+struct indexed_list {
+    struct list_head list;
+    list_index_t index;
+};
+
+template <typename T>
+static inline void indexed_list_init(indexed_list<T> *records)
+{
+    INIT_LIST_HEAD(&records->list);
+    records->index = {};
+}
+
+template <typename T>
+static inline int indexed_list_num(const indexed_list<T> *records)
+{
+    return records->index.num;
+}
+
+// The first record of that key for which match(record), or null.
+template <typename T, typename Match>
+static inline T *indexed_list_find_if(const indexed_list<T> *records, uint64_t key, Match match)
+{
+    return list_index_find_if<T>(&records->index, key, match);
+}
+
+// The first record of that key, or null.
+template <typename T>
+static inline T *indexed_list_find(const indexed_list<T> *records, uint64_t key)
+{
+    return list_index_find<T>(&records->index, key);
+}
+
+template <typename T>
+static inline void indexed_list_append(indexed_list<T> *records, T *record, uint64_t key)
+{
+    list_index_append(&records->list, &records->index, record, key);
+}
+
+// The first record of that key; when there is none, the one that `create` returns, appended.
+template <typename T, typename Create>
+static inline T *indexed_list_find_or_create(indexed_list<T> *records, uint64_t key, Create create)
+{
+    return list_index_find_or_create<T>(&records->list, &records->index, key, create);
+}
+
+// Takes a record off; the caller frees it.
+template <typename T>
+static inline void indexed_list_remove(indexed_list<T> *records, T *record)
+{
+    list_index_remove(&records->index, record);
+}
+
+// Calls visit(record) for each record in order. The visited record may be removed and freed by `visit`.
+template <typename T, typename Visit>
+static inline void indexed_list_each(const indexed_list<T> *records, Visit visit)
+{
+    struct list_head *next = nullptr;
+    for (struct list_head *link = records->list.next; link != &records->list; link = next) {
+        next = link->next;
+        visit(list_entry(link, T, list));
+    }
+}
+
+// Removes and frees every record.
+template <typename T>
+static inline void indexed_list_clear(indexed_list<T> *records)
+{
+    indexed_list_each(records, [](T *record) { free(record); });
+    indexed_list_init(records);
 }
 
 #endif

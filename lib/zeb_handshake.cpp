@@ -1,0 +1,365 @@
+// The handshake, in the order in which it travels: an instance is reported, we synchronise, the peer's synchronisation
+// arrives, it is acknowledged, our acknowledgement arrives; then what is sent again, and what begins anew.
+#include "zeb_handshake.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "zeb_handshake_record.h"
+
+static zeb_msg_sync_inst_t my_sync_inst(const zeb_handshake_t *hs, uint32_t my_app, uint32_t seq, uint32_t resume)
+{
+    zeb_msg_sync_inst_t body;
+    body.seq = seq;
+    body.id = hs->effects->get_id(hs->ctx);
+    body.is_server = hs->effects->is_server(hs->ctx, my_app) ? 1 : 0;
+    body.resume = resume;
+    body.ttl = ZEB_SYNC_TTL;
+    return body;
+}
+
+// Sends a SYNC_INST and keeps it as pending. 0, or the error, after which nothing is pending.
+static int sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume)
+{
+    uint32_t seq = hs->effects->get_seq(hs->ctx);
+    HS_VERBOSE(hs, "ZEB app %d sync inst to %d/%d, seq %d.\n", src_app, dst.app, dst.node, seq);
+    zeb_msg_sync_inst_t body = my_sync_inst(hs, src_app, seq, resume);
+    int ret = hs->effects->send_sync(hs->ctx, src_app, dst, &body);
+    if (ret != 0) {
+        HS_WARN(hs, "ZEB app %d sync inst to %d/%d, seq %d. SEND FAIL\n", src_app, dst.app, dst.node, seq);
+        hs->effects->count(hs->ctx, ZEB_HS_SEND_FAILED, src_app, dst, ZEB_MSG_SYNC_INST);
+        return ret;
+    }
+    zeb_get_or_add_inst_id(hs, src_app, dst)->send_seq = seq;
+    hs->effects->count(hs->ctx, ZEB_HS_SENT, src_app, dst, ZEB_MSG_SYNC_INST);
+    zeb_add_inst_sync(hs, src_app, dst, &body);
+    HS_INFO(hs, "ZEB ADD INST app %d sync inst to %d/%d, seq %d.\n", src_app, dst.app, dst.node, seq);
+    return 0;
+}
+
+// Synchronises every local subscriber with the instance. False when one of them could not be sent.
+static bool app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
+{
+    zeb_clear_resume_comm(hs, inst);
+    zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
+    if (ol == nullptr) {
+        HS_INFO(hs, "ZEB app %d/%d ol is NULL.\n", inst.app, inst.node);
+        return true;
+    }
+    if (zeb_app_set_test(&ol->ol_bmp, inst.node)) {
+        HS_WARN(hs, "ZEB app %d/%d had already online.\n", inst.app, inst.node);
+        return true;
+    }
+    bool sent = true;
+    zeb_each_subscr_app(ol, [&](uint32_t subscr) {
+        if (sync_app_inst(hs, subscr, inst, resume) == 0)
+            return;
+        HS_ERROR(hs, "ZEB send app %d server notification to %d/%d failed.\n", subscr, inst.app, inst.node);
+        sent = false;
+    });
+    return sent;
+}
+
+static void begin_anew(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
+{
+    zeb_app_inst_force_quit(hs, inst);
+    (void)app_inst_join(hs, inst, resume);
+}
+
+// The topology service.
+
+static void rejoin_later(zeb_handshake_t *hs, zeb_inst_t inst)
+{
+    zeb_del_rejoin(hs, inst);
+    uint32_t seq = hs->effects->get_seq(hs->ctx);
+    if (zeb_hs_start_timer(hs, ZEB_REJOIN_TIMEOUT, {ZEB_TIMER_TYPE_RESUME, seq}) == 0)
+        zeb_add_rejoin(hs, seq, inst);
+}
+
+void zeb_hs_published(zeb_handshake_t *hs, zeb_inst_t inst)
+{
+    // A timer of the last report may have been lost with a further connection.
+    bool known = zeb_has_rejoin(hs, inst) || (hs->topology_reopened && zeb_hs_get_inst_state(hs, inst).instance);
+    zeb_app_inst_force_quit(hs, inst);
+    bool sent = app_inst_join(hs, inst, 0);
+    if (known || !sent)
+        rejoin_later(hs, inst);
+}
+
+void zeb_hs_withdrawn(zeb_handshake_t *hs, zeb_inst_t inst)
+{
+    zeb_del_rejoin(hs, inst);
+    zeb_app_inst_quit(hs, inst);
+}
+
+void zeb_hs_topology_reopened(zeb_handshake_t *hs)
+{
+    hs->timer_inst_retry_open = hs->retry_start_failed;
+    hs->topology_reopened = true;
+}
+
+// A SYNC_INST arrives.
+
+// With entries on the list the timer is pending already, unless it was lost with its connection.
+static void start_retry_inst_timer(zeb_handshake_t *hs, uint8_t peer_version, uint32_t src_app, zeb_inst_t dst)
+{
+    if (peer_version == 1)
+        return;
+    if (zeb_hs_start_timer(hs, ZEB_INST_RETRY_TIMEOUT, {ZEB_TIMER_TYPE_INST_RETRY, 0}) != 0)
+        return;
+    if (zeb_has_sync_inst_of(hs, src_app, dst))
+        zeb_add_sync_inst_retry(hs, src_app, dst);
+    else
+        HS_VERBOSE(hs, "no instance msg need retry.\n");
+}
+
+// What a SYNC_INST means for what we knew of the peer.
+static void update_peer_state(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body)
+{
+    if (body->resume != 0) {
+        begin_anew(hs, peer, 0);
+        return;
+    }
+    if (zeb_hs_get_inst_state(hs, peer).instance)
+        return;
+    uint32_t recv_seq = zeb_get_inst_recv_seq(hs, my_app, peer);
+    if (recv_seq == 0 || recv_seq == body->seq) {
+        HS_VERBOSE(hs, "ZEB app %d quit comm to %d/%d by request.recv_seq:%d, seq:%d\n", my_app, peer.app, peer.node,
+                   recv_seq, body->seq);
+        zeb_app_inst_try_quit(hs, peer);
+        return;
+    }
+    HS_VERBOSE(hs, "ZEB app %d resume comm to %d/%d by request. recv_seq:%d, seq:%d\n", my_app, peer.app, peer.node,
+               recv_seq, body->seq);
+    begin_anew(hs, peer, 0);
+}
+
+// A peer that has synchronised and never comes online is synchronised with anew after the time-out.
+static void try_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst)
+{
+    if (zeb_hs_get_inst_state(hs, dst).online || zeb_has_sync_inst(hs, dst))
+        return;
+    if (!zeb_has_room_for_resume(hs, dst)) {
+        HS_WARN(hs, "ZEB resume comm to %d/%d is pending already.\n", dst.app, dst.node);
+        return;
+    }
+    uint32_t seq = hs->effects->get_seq(hs->ctx);
+    if (zeb_hs_start_timer(hs, ZEB_RESUME_TIMEOUT, {ZEB_TIMER_TYPE_RESUME, seq}) == 0)
+        zeb_add_resume_comm(hs, seq, dst);
+}
+
+static void send_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint32_t seq)
+{
+    zeb_msg_sync_inst_ack_t ack;
+    ack.sync = my_sync_inst(hs, my_app, seq, 0);
+    ack.pseq = zeb_get_pseq_for_inst_ack(hs, my_app, peer);
+    hs->effects->send_ack(hs->ctx, my_app, peer, &ack);
+}
+
+static void recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body)
+{
+    zeb_get_or_add_inst_id(hs, my_app, peer)->sync_id = body->id;
+    HS_VERBOSE(hs, "ZEB app %d recv sync inst from %d/%d resume:%d, seq:%d\n", my_app, peer.app, peer.node,
+               body->resume, body->seq);
+    update_peer_state(hs, my_app, peer, body);
+    zeb_set_app_inst(hs, peer);
+    // The record may be another than above: a quit frees it.
+    zeb_inst_id_t *id = zeb_get_or_add_inst_id(hs, my_app, peer);
+    id->recv_seq = body->seq;
+    id->sync_server = body->is_server;
+    send_ack(hs, my_app, peer, body->seq);
+    zeb_try_notify_app_join(hs, my_app, peer);
+    try_resume_comm(hs, peer);
+}
+
+void zeb_hs_recv_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint8_t ver,
+                      const zeb_msg_sync_inst_t *body)
+{
+    start_retry_inst_timer(hs, ver, my_app, peer);
+    hs->effects->count(hs->ctx, ZEB_HS_RECEIVED, my_app, peer, ZEB_MSG_SYNC_INST);
+    recv_inst_sync(hs, my_app, peer, body);
+}
+
+// An acknowledgement arrives.
+
+void zeb_hs_recv_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body)
+{
+    hs->effects->count(hs->ctx, ZEB_HS_RECEIVED, my_app, peer, ZEB_MSG_SYNC_INST_ACK);
+    zeb_get_or_add_inst_id(hs, my_app, peer)->sync_ack_id = body->id;
+    if (zeb_del_inst_sync(hs, my_app, peer, body->seq) != 0) {
+        HS_WARN(hs, "ZEB app %d del inst sync to %d/%d seq %d failed.\n", my_app, peer.app, peer.node, body->seq);
+        return;
+    }
+    zeb_set_app_inst_ack(hs, peer);
+    if (body->is_server != 0)
+        zeb_set_app_server(hs, peer);
+    zeb_try_notify_app_join(hs, my_app, peer);
+}
+
+// One without a pseq tells who the peer is and whether it is a server; only one with the right pseq completes.
+void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_ack_t *body)
+{
+    hs->effects->count(hs->ctx, ZEB_HS_RECEIVED, my_app, peer, ZEB_MSG_SYNC_INST_SEQ_ACK);
+    uint32_t recv_seq = zeb_get_inst_recv_seq(hs, my_app, peer);
+    uint32_t pseq = body->pseq;
+    uint32_t seq = body->sync.seq;
+    HS_VERBOSE(hs, "ZEB app %u recv from %u/%u ack pseq %u seq %u, recv_seq %u, is_server %u.\n", my_app, peer.app,
+               peer.node, pseq, seq, recv_seq, body->sync.is_server);
+
+    if (pseq == 0 || pseq == recv_seq) {
+        zeb_get_or_add_inst_id(hs, my_app, peer)->sync_ack_id = body->sync.id;
+        if (body->sync.is_server != 0)
+            zeb_set_app_server(hs, peer);
+    }
+    if (pseq == 0 || pseq != recv_seq) {
+        HS_VERBOSE(hs, "ZEB app %d recv from %d/%d ack pseq %d invalid, need seq %d.\n", my_app, peer.app, peer.node,
+                   pseq, recv_seq);
+        return;
+    }
+    if (zeb_del_inst_sync(hs, my_app, peer, seq) != 0) {
+        HS_VERBOSE(hs, "ZEB app %d del inst sync to %d/%d failed. ack seq %d pseq %d \n", my_app, peer.app, peer.node,
+                   seq, pseq);
+        return;
+    }
+    zeb_del_sync_inst_retry(hs, my_app, peer);
+    zeb_set_app_inst_ack(hs, peer);
+    zeb_try_notify_app_join(hs, my_app, peer);
+}
+
+// An ordinary message arrives first.
+void zeb_hs_recv_traffic(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer)
+{
+    zeb_hs_del_reject_acks(hs, my_app, peer);
+    zeb_del_inst_syncs_of(hs, my_app, peer);
+    bool known_app = zeb_hs_get_ol_app(hs, peer.app) != nullptr;
+    if (known_app)
+        zeb_set_app_inst_ack(hs, peer);
+    zeb_inst_id_t *id = zeb_get_inst_id(hs, my_app, peer);
+    if (id != nullptr) {
+        id->sync_ack_id = id->sync_id;
+        // No acknowledgement will come any more to say so.
+        if (id->sync_server != 0 && known_app)
+            zeb_set_app_server(hs, peer);
+    }
+    zeb_try_notify_app_join(hs, my_app, peer);
+}
+
+// Returned acknowledgements.
+
+void zeb_hs_ack_returned(zeb_handshake_t *hs, zeb_returned_ack_t *ack)
+{
+    if (hs->sync_inst_ack_num.load(std::memory_order_relaxed) >= ZEB_ACK_RESEND_NUM_MAX) {
+        HS_ERROR(hs, "ZEB drop sync inst ack to %d/%d, too many come back.\n", ack->dst.app, ack->dst.node);
+        zeb_free_returned_ack(ack);
+        return;
+    }
+    ack->timer_seq = hs->effects->get_seq(hs->ctx);
+    if (zeb_hs_start_timer(hs, ZEB_RESEND_ACK_TIMEOUT, {ZEB_TIMER_TYPE_INST, ack->timer_seq}) != 0) {
+        zeb_free_returned_ack(ack);
+        return;
+    }
+    HS_VERBOSE(hs, "ZEB add sync inst ack resend to %d/%d, seq %d.\n", ack->dst.app, ack->dst.node, ack->sync_seq);
+    list_add_tail(&ack->list, &hs->sync_inst_ack_list);
+    hs->sync_inst_ack_num.fetch_add(1, std::memory_order_relaxed);
+}
+
+void zeb_hs_del_reject_acks(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst)
+{
+    list_each<zeb_returned_ack_t>(&hs->sync_inst_ack_list, [&](zeb_returned_ack_t *ack) {
+        if (ack->ver == 2 && ack->src_app == src_app && zeb_same_inst(ack->dst, dst))
+            zeb_drop_returned_ack(hs, ack);
+    });
+}
+
+// One that cannot be sent stays on the list until traffic to or from the peer makes it needless.
+static void resend_timer(zeb_handshake_t *hs, uint32_t seq)
+{
+    list_each<zeb_returned_ack_t>(&hs->sync_inst_ack_list, [&](zeb_returned_ack_t *ack) {
+        if (ack->timer_seq != seq)
+            return;
+        if (hs->effects->resend_ack(hs->ctx, ack) != 0) {
+            hs->effects->count(hs->ctx, ZEB_HS_SEND_FAILED, ack->src_app, ack->dst, ack->type);
+            return;
+        }
+        hs->effects->count(hs->ctx, ZEB_HS_SENT, ack->src_app, ack->dst, ack->type);
+        zeb_drop_returned_ack(hs, ack);
+    });
+}
+
+// Time-outs.
+
+// Every pending synchronisation is sent again, not only those of the peers in the retry list.
+static void retry_timer(zeb_handshake_t *hs)
+{
+    hs->timer_inst_retry_open = false;
+    indexed_list_each(&hs->inst_sync, [&](const zeb_pending_sync_t *pending) {
+        hs->effects->resend_sync(hs->ctx, pending->src_app, pending->dst, &pending->body);
+    });
+    if (indexed_list_num(&hs->inst_retry) != 0)
+        (void)zeb_hs_start_timer(hs, ZEB_INST_RETRY_TIMEOUT, {ZEB_TIMER_TYPE_INST_RETRY, 0});
+}
+
+// A peer that was online with us forgets our identity when it begins anew, and then us, with our acknowledgement. A
+// further synchronisation makes such a peer begin once more; one that is online takes it for a repetition. And it goes
+// to those that the first one did not reach.
+static void synchronise_again(zeb_handshake_t *hs, zeb_inst_t inst)
+{
+    zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
+    if (ol != nullptr)
+        zeb_each_subscr_app(ol, [&](uint32_t subscr) { (void)sync_app_inst(hs, subscr, inst, 0); });
+}
+
+static void rejoin_timer(zeb_handshake_t *hs, zeb_inst_t inst)
+{
+    if (zeb_hs_get_inst_state(hs, inst).online) {
+        synchronise_again(hs, inst);
+        return;
+    }
+    HS_WARN(hs, "ZEB rejoin app %d/%d.\n", inst.app, inst.node);
+    begin_anew(hs, inst, 1);
+    rejoin_later(hs, inst);
+}
+
+static void resume_timer(zeb_handshake_t *hs, uint32_t seq)
+{
+    zeb_inst_t inst;
+    if (zeb_take_rejoin(hs, seq, &inst)) {
+        rejoin_timer(hs, inst);
+        return;
+    }
+    zeb_resume_comm_t resume = zeb_del_resume_comm(hs, seq);
+    if (resume.seq == 0)
+        return; // a join or a quit has dropped it meanwhile
+    HS_ERROR(hs, "ZEB resume communication to %d/%d.\n", resume.dst.app, resume.dst.node);
+    begin_anew(hs, resume.dst, 1);
+}
+
+int zeb_hs_start_timer(zeb_handshake_t *hs, unsigned seconds, zeb_timer_t timer)
+{
+    bool retry = timer.type == ZEB_TIMER_TYPE_INST_RETRY;
+    if (retry && hs->timer_inst_retry_open)
+        return 0;
+    if (retry)
+        hs->timer_inst_retry_open = true; // stays set when the start fails: no retry timer is started again
+    int ret = hs->effects->start_timer(hs->ctx, seconds, timer);
+    if (ret != 0 && ret != -ENOTCONN && retry)
+        hs->retry_start_failed = true;
+    return ret == 0 ? 0 : -1;
+}
+
+void zeb_hs_timer(zeb_handshake_t *hs, zeb_timer_t timer)
+{
+    switch (timer.type) {
+    case ZEB_TIMER_TYPE_RESUME:
+        resume_timer(hs, timer.seq);
+        return;
+    case ZEB_TIMER_TYPE_INST:
+        resend_timer(hs, timer.seq);
+        return;
+    case ZEB_TIMER_TYPE_INST_RETRY:
+        retry_timer(hs);
+        return;
+    default:
+        return;
+    }
+}

@@ -1,0 +1,235 @@
+// The instance handshake's core: what is known of each pair (local application, remote instance), which instances are
+// online, and what is to be done about it. Events come in as calls, one at a time; the core acts through a table of
+// effects alone. It has no socket, thread, clock, lock or global, so several live in one process. The caller serialises
+// the calls on one record (zeb_handshake_shell.h is the library's).
+//
+// Each bit of an instance has one setter and one clearer, and only they touch it.
+#ifndef ZEB_HANDSHAKE_H
+#define ZEB_HANDSHAKE_H
+
+#include <atomic>
+#include <cstdint>
+
+#include <zeb/zeb_diag.h>
+
+#include "platform/list_index.h"
+#include "zeb_app_set.h"
+#include "zeb_inst.h"
+#include "zeb_mng_msg_sync.h"
+
+// What is known of one pair.
+typedef struct zeb_inst_id_s {
+    struct list_head list;
+    list_index_link_t index_link;
+    uint32_t src_app;
+    zeb_inst_t dst;
+    uint32_t sync_id;     // process id in the peer's last SYNC_INST
+    uint32_t sync_ack_id; // process id in the peer's last accepted acknowledgement
+    uint32_t send_seq;    // of our last SYNC_INST that was sent
+    uint32_t recv_seq;    // of the peer's last SYNC_INST
+    uint32_t sync_server; // 1 when the peer called itself a server there
+} zeb_inst_id_t;
+
+// A SYNC_INST of ours that is not acknowledged yet.
+typedef struct zeb_pending_sync_s {
+    struct list_head list;
+    list_index_link_t index_link;
+    uint32_t src_app;
+    zeb_inst_t dst;
+    zeb_msg_sync_inst_t body; // as it was sent, for sending it again
+} zeb_pending_sync_t;
+
+// A peer to which pending synchronisations are to be sent again.
+typedef struct zeb_retry_inst_s {
+    struct list_head list;
+    list_index_link_t index_link;
+    uint32_t src_app;
+    zeb_inst_t dst;
+} zeb_retry_inst_t;
+
+// A peer that synchronised and waits for the resume time-out.
+typedef struct zeb_resume_comm_s {
+    struct list_head list;
+    uint32_t seq;     // of the resume timer
+    uint32_t src_app; // always 0
+    zeb_inst_t dst;
+} zeb_resume_comm_t;
+
+// An instance whose report is not enough to bring the pair online: it is asked again.
+typedef struct zeb_rejoin_s {
+    struct list_head list;
+    uint32_t seq; // of its timer, one of the resume type
+    zeb_inst_t inst;
+} zeb_rejoin_t;
+
+// An acknowledgement of ours that came back and waits for being sent again.
+typedef struct zeb_returned_ack_s {
+    struct list_head list;
+    uint32_t timer_seq; // also the sequence number of the message's header
+    uint32_t src_app;
+    zeb_inst_t dst;
+    uint8_t ver;       // of the message
+    int type;          // of its first element
+    uint32_t sync_seq; // of the synchronisation that it acknowledges
+    zeb_msg_t *msg;    // freed with the record; not looked into
+} zeb_returned_ack_t;
+
+// One local application that talks to a remote one.
+typedef struct zeb_subscr_app_s {
+    struct list_head list; // in subscr_app_list
+    uint32_t subscr_app;
+} zeb_subscr_app_t;
+
+// The state of one remote application, shared by all local applications that talk to it.
+typedef struct zeb_ol_app_s {
+    struct list_head list;
+    list_index_link_t index_link; // by app_id
+    uint32_t app_id;
+    zeb_app_set_t srv_bmp;            // said that it is a server
+    zeb_app_set_t inst_bmp;           // has synchronised with us
+    zeb_app_set_t inst_ack_bmp;       // has acknowledged our synchronisation
+    zeb_app_set_t ol_bmp;             // both, and the identities agree
+    struct list_head subscr_app_list; // zeb_subscr_app_t
+} zeb_ol_app_t;
+
+typedef enum zeb_timer_type_e : uint32_t {
+    ZEB_TIMER_TYPE_RESUME = 0,
+    ZEB_TIMER_TYPE_INST = 1, // a returned acknowledgement is to be sent again
+    ZEB_TIMER_TYPE_MONITOR = 2,
+    ZEB_TIMER_TYPE_INST_RETRY = 3, // unacknowledged synchronisations are to be sent again
+    ZEB_TIMER_TYPE_NUM = 4,
+} zeb_timer_type_t;
+
+// The user handle of a timer, host order.
+typedef struct zeb_timer_s {
+    uint32_t type; // zeb_timer_type_t
+    uint32_t seq;  // names the record that it is for
+} zeb_timer_t;
+
+static_assert(sizeof(zeb_timer_t) == 8, "a topology subscription's user handle has 8 bytes");
+
+// Which counter of synchronisation messages.
+typedef enum zeb_hs_count_e : int {
+    ZEB_HS_SENT,
+    ZEB_HS_SEND_FAILED,
+    ZEB_HS_RECEIVED,
+} zeb_hs_count_t;
+
+// What the core has done for it. Each is called at once, in the order in which things happen; `ctx` is the record's.
+// Those marked "later" may be carried out when the event is over, in order: nothing that follows depends on them. None
+// may call the core.
+typedef struct zeb_hs_effects_s {
+    uint32_t (*get_seq)(void *ctx);                // a fresh sequence number, never 0
+    uint32_t (*get_id)(void *ctx);                 // this process's id
+    bool (*is_server)(void *ctx, uint32_t my_app); // whether it has dispatchers
+
+    // Starts a timer; its expiry comes in as zeb_hs_timer. 0; -ENOTCONN without a topology connection; -1 when it could
+    // not be started.
+    int (*start_timer)(void *ctx, unsigned seconds, zeb_timer_t timer);
+
+    // Sends a SYNC_INST. 0, or the error.
+    int (*send_sync)(void *ctx, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body);
+
+    // Sends a pending SYNC_INST again, and counts it. Later.
+    void (*resend_sync)(void *ctx, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body);
+
+    // Sends an acknowledgement, and counts it. Later.
+    void (*send_ack)(void *ctx, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_ack_t *body);
+
+    // Sends a returned acknowledgement again. 0, or the error.
+    int (*resend_ack)(void *ctx, const zeb_returned_ack_t *ack);
+
+    // Counts a synchronisation message; `type` is that of the element.
+    void (*count)(void *ctx, zeb_hs_count_t what, uint32_t my_app, zeb_inst_t peer, int type);
+
+    // The peer's instance is gone or begins anew: what was sent to it and received from it is forgotten; when it was
+    // online, its queued messages and the statistics as well.
+    void (*forget_peer)(void *ctx, uint32_t my_app, zeb_inst_t peer, bool was_online);
+    void (*end_calls)(void *ctx, uint32_t my_app, zeb_inst_t peer);   // those that wait for the peer
+    void (*notify_join)(void *ctx, uint32_t my_app, zeb_inst_t peer); // a server is online. Later
+    void (*notify_quit)(void *ctx, uint32_t my_app, zeb_inst_t peer); // a server that was online is not. Later
+
+    void (*unsubscribe)(void *ctx, uint32_t app); // nobody here talks to the application any more
+
+    // Log lines: `log_on` is asked before anything is formatted.
+    bool (*log_on)(void *ctx, zeb_dbg_level_t level);
+    void (*log)(void *ctx, zeb_dbg_level_t level, const char *file, int line, const char *format, ...)
+        __attribute__((format(printf, 5, 6)));
+} zeb_hs_effects_t;
+
+typedef struct zeb_handshake_s {
+    const zeb_hs_effects_t *effects;
+    void *ctx;                                  // of the effects
+    bool timer_inst_retry_open;                 // a retry timer is pending: at most one is
+    bool retry_start_failed;                    // on an open connection: the flag above stays set for good
+    bool topology_reopened;                     // the topology connection was lost at least once
+    indexed_list<zeb_ol_app_t> ol_app;          // by application
+    indexed_list<zeb_inst_id_t> inst_id;        // by instance, as are the others
+    indexed_list<zeb_pending_sync_t> inst_sync; // our unacknowledged SYNC_INSTs, in the order in which they were sent
+    indexed_list<zeb_retry_inst_t> inst_retry;
+    struct list_head resume_comm_list;   // zeb_resume_comm_t
+    struct list_head rejoin_list;        // zeb_rejoin_t
+    struct list_head sync_inst_ack_list; // zeb_returned_ack_t
+    std::atomic<int> sync_inst_ack_num;  // of sync_inst_ack_list; may be read without the caller's lock
+} zeb_handshake_t;
+
+constexpr unsigned ZEB_RESUME_TIMEOUT = 60;    // seconds
+constexpr unsigned ZEB_REJOIN_TIMEOUT = 5;     // seconds
+constexpr unsigned ZEB_RESEND_ACK_TIMEOUT = 1; // seconds
+constexpr unsigned ZEB_INST_RETRY_TIMEOUT = 2; // seconds
+
+// What a peer can make grow.
+constexpr int ZEB_PAIR_NUM_MAX = 65536;   // pair records of a process
+constexpr int ZEB_RESUME_NUM_MAX = 16384; // pending resumes
+constexpr int ZEB_RESUME_PER_INSTANCE_MAX = 16;
+constexpr int ZEB_ACK_RESEND_NUM_MAX = 16384; // returned acknowledgements to be sent again
+
+void zeb_hs_init(zeb_handshake_t *hs, const zeb_hs_effects_t *effects, void *ctx);
+void zeb_hs_clear(zeb_handshake_t *hs); // frees all records
+
+// Who talks to whom.
+void zeb_hs_add_comm_app(zeb_handshake_t *hs, uint32_t src_app, uint32_t dst_app);
+void zeb_hs_del_comm_app(zeb_handshake_t *hs, uint32_t src_app); // removes it as a subscriber everywhere
+zeb_ol_app_t *zeb_hs_get_ol_app(const zeb_handshake_t *hs, uint32_t app);
+zeb_subscr_app_t *zeb_hs_get_subscr_app(const zeb_handshake_t *hs, uint32_t subscr_app, uint32_t ntf_app);
+
+// Who is online: the nodes with a server of `app`; of `num` nodes those that have one, and whether any node has.
+void zeb_hs_get_app_server(const zeb_handshake_t *hs, uint32_t app, zeb_app_set_t *ol_srv);
+bool zeb_hs_get_app_server_on(const zeb_handshake_t *hs, uint32_t app, const uint32_t *nodes, int num,
+                              zeb_app_set_t *ol_srv);
+
+typedef struct zeb_inst_state_s {
+    bool instance; // has synchronised with us
+    bool online;
+} zeb_inst_state_t;
+
+zeb_inst_state_t zeb_hs_get_inst_state(const zeb_handshake_t *hs, zeb_inst_t inst);
+
+// Events of the topology service.
+void zeb_hs_published(zeb_handshake_t *hs, zeb_inst_t inst);
+void zeb_hs_withdrawn(zeb_handshake_t *hs, zeb_inst_t inst);
+void zeb_hs_topology_reopened(zeb_handshake_t *hs); // timers that were pending on the lost connection never expire
+
+// False when the pair is not known and no more can be: messages of the peer are refused.
+bool zeb_hs_has_room_for_pair(const zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer);
+
+// Synchronisation messages. `ver` is the header's version byte.
+void zeb_hs_recv_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint8_t ver,
+                      const zeb_msg_sync_inst_t *body);
+void zeb_hs_recv_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body);
+void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_ack_t *body);
+
+// An ordinary message of a peer that is not online, before it is handed on: taken as the acknowledgement.
+void zeb_hs_recv_traffic(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer);
+
+// An acknowledgement came back. Takes `ack`, whose timer_seq is not set yet.
+void zeb_hs_ack_returned(zeb_handshake_t *hs, zeb_returned_ack_t *ack);
+
+// Traffic to or from the peer makes returned acknowledgements needless.
+void zeb_hs_del_reject_acks(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+
+// Timers. Starting a retry timer while one is pending starts nothing and gives 0.
+int zeb_hs_start_timer(zeb_handshake_t *hs, unsigned seconds, zeb_timer_t timer);
+void zeb_hs_timer(zeb_handshake_t *hs, zeb_timer_t timer); // of the types resume, inst and retry
+
+#endif

@@ -1,0 +1,74 @@
+// What the handshake's core remembers: pairs, pending synchronisations, retries, resumes, rejoins, returned
+// acknowledgements, and the sets of who is online. For the core's own files.
+#ifndef ZEB_HANDSHAKE_RECORD_H
+#define ZEB_HANDSHAKE_RECORD_H
+
+#include "platform/list_algo.h"
+#include "zeb_handshake.h"
+
+#define HS_LOG(hs, level, ...)                                                                                         \
+    do {                                                                                                               \
+        if ((hs)->effects->log_on((hs)->ctx, level))                                                                   \
+            (hs)->effects->log((hs)->ctx, level, __FILE_NAME__, __LINE__, __VA_ARGS__);                                \
+    } while (0)
+
+#define HS_VERBOSE(hs, ...) HS_LOG(hs, ZEB_DBG_LEVEL_VERBOSE, __VA_ARGS__)
+#define HS_INFO(hs, ...) HS_LOG(hs, ZEB_DBG_LEVEL_INFO, __VA_ARGS__)
+#define HS_WARN(hs, ...) HS_LOG(hs, ZEB_DBG_LEVEL_WARN, __VA_ARGS__)
+#define HS_ERROR(hs, ...) HS_LOG(hs, ZEB_DBG_LEVEL_ERROR, __VA_ARGS__)
+
+// Pairs. The second makes the record when there is none.
+zeb_inst_id_t *zeb_get_inst_id(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+zeb_inst_id_t *zeb_get_or_add_inst_id(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+bool zeb_inst_id_equal(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+uint32_t zeb_get_inst_recv_seq(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+uint32_t zeb_get_pseq_for_inst_ack(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+void zeb_clear_inst_id(zeb_handshake_t *hs, zeb_inst_t dst); // the first one, whichever application's
+
+// Pending synchronisations.
+void zeb_add_inst_sync(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body);
+int zeb_del_inst_sync(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t seq); // -ENOENT: there is none
+void zeb_del_inst_syncs_of(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+void zeb_clear_sync_inst(zeb_handshake_t *hs, zeb_inst_t dst); // of all applications
+bool zeb_has_sync_inst(const zeb_handshake_t *hs, zeb_inst_t dst);
+bool zeb_has_sync_inst_of(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+
+// Retries.
+void zeb_add_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+void zeb_del_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+void zeb_clear_sync_inst_retry(zeb_handshake_t *hs, zeb_inst_t dst); // the first one, whichever application's
+
+// Resumes. zeb_del_resume_comm gives the instance of the timer, or {0, 0} when it has been dropped.
+void zeb_add_resume_comm(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t dst);
+bool zeb_has_room_for_resume(const zeb_handshake_t *hs, zeb_inst_t dst);
+void zeb_clear_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst);
+zeb_resume_comm_t zeb_del_resume_comm(zeb_handshake_t *hs, uint32_t seq);
+
+// Rejoins.
+void zeb_add_rejoin(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t inst);
+bool zeb_has_rejoin(const zeb_handshake_t *hs, zeb_inst_t inst);
+void zeb_del_rejoin(zeb_handshake_t *hs, zeb_inst_t inst);
+bool zeb_take_rejoin(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t *inst); // false: the timer is another's
+
+// Returned acknowledgements. Both free the record and its message.
+void zeb_drop_returned_ack(zeb_handshake_t *hs, zeb_returned_ack_t *ack);
+void zeb_free_returned_ack(zeb_returned_ack_t *ack); // one that is not on the list
+
+// Who is online.
+void zeb_set_app_server(zeb_handshake_t *hs, zeb_inst_t inst);
+void zeb_set_app_inst(zeb_handshake_t *hs, zeb_inst_t inst);
+void zeb_set_app_inst_ack(zeb_handshake_t *hs, zeb_inst_t inst);
+void zeb_try_notify_app_join(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t inst);
+void zeb_app_inst_quit(zeb_handshake_t *hs, zeb_inst_t inst);       // withdrawn
+void zeb_app_inst_force_quit(zeb_handshake_t *hs, zeb_inst_t inst); // before a synchronisation
+void zeb_app_inst_try_quit(zeb_handshake_t *hs, zeb_inst_t inst);   // only when it is online
+
+// Calls visit(app) for each local application that talks to `ol`, in order.
+template <typename Visit>
+static inline void zeb_each_subscr_app(zeb_ol_app_t *ol, Visit visit)
+{
+    list_each<zeb_subscr_app_t>(&ol->subscr_app_list,
+                                [&](const zeb_subscr_app_t *subscr) { visit(subscr->subscr_app); });
+}
+
+#endif
