@@ -10,9 +10,8 @@
 
 #include <zeb/zeb.h>
 
+#include "handshake.h"
 #include "zeb_mng_msg.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
 
 constexpr uint32_t APP = 100;
 constexpr uint32_t PEER = 200;
@@ -45,10 +44,10 @@ static void topology(uint32_t node, uint32_t what)
     struct tipc_event event;
     memset(&event, 0, sizeof(event));
     event.event = what;
-    event.found_lower = event.found_upper = zeb_tipc_instance(PEER, node);
+    event.found_lower = event.found_upper = zeb_tipc_instance({PEER, node});
     event.s.seq.type = ZEB_TIPC_NAME_TYPE;
-    event.s.seq.lower = zeb_tipc_instance(PEER, 0);
-    event.s.seq.upper = zeb_tipc_instance(PEER, 0xFFFF);
+    event.s.seq.lower = zeb_tipc_instance({PEER, 0});
+    event.s.seq.upper = zeb_tipc_instance({PEER, 0xFFFF});
     zeb_process_tipc_subscr_event(event);
 }
 
@@ -57,13 +56,13 @@ static bool handshake(uint32_t node)
 {
     topology(node, TIPC_PUBLISHED);
     zeb_msg_sync_inst_t sync = {1000 + node, node, 1, 0, ZEB_SYNC_TTL};
-    zeb_recv_inst_sync(APP, node, PEER, &sync);
+    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_recv_inst_sync(hs, APP, {PEER, node}, &sync); });
     zeb_msg_sync_inst_ack_t ack;
     memset(&ack, 0, sizeof(ack));
     ack.sync = sync;
     ack.pseq = 1000 + node;
-    zeb_get_inst_send_seq(APP, PEER, node, &ack.sync.seq);
-    zeb_recv_inst_sync_ack_include_seq(APP, node, PEER, &ack);
+    ack.sync.seq = pair_of(APP, PEER, node)->send_seq;
+    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_recv_seq_ack(hs, APP, {PEER, node}, &ack); });
     return zeb_app_online(PEER, node);
 }
 

@@ -12,9 +12,8 @@
 
 #include <zeb/zeb.h>
 
+#include "handshake.h"
 #include "zeb_cfg.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
 
 constexpr uint32_t APP = 100;
 constexpr uint32_t PEER = 200;
@@ -98,11 +97,12 @@ int main(int argc, char **argv)
         (void)zeb_comm_with(APP, 1000 + i);
     (void)zeb_comm_with(APP, PEER);
     for (uint32_t node = 1; node <= s_peers; node++) {
-        zeb_update_inst_sync_id(APP, PEER, node, node);
-        zeb_update_inst_sync_ack_id(APP, PEER, node, node);
+        zeb_inst_id_t *id = pair_of(APP, PEER, node);
+        id->sync_id = node;
+        id->sync_ack_id = node;
         zeb_set_app_inst(PEER, node);
         zeb_set_app_inst_ack(PEER, node);
-        zeb_try_notify_app_join(APP, node, PEER);
+        zeb_try_notify_app_join(APP, PEER, node);
     }
     zeb_msg_t *msg = &s_wire.msg;
     msg->hdr.len = ZEB_MSG_HDR_LEN + 64;

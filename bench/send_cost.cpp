@@ -13,9 +13,8 @@
 
 #include <zeb/zeb.h>
 
+#include "handshake.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
 #include "zeb_rpc.h"
 
 extern "C" {
@@ -63,12 +62,13 @@ ssize_t sendto(int, const void *bytes, size_t len, int, const struct sockaddr *,
 
 static void add_peer(uint32_t node)
 {
-    zeb_update_inst_sync_id(APP, PEER, node, node);
-    zeb_update_inst_sync_ack_id(APP, PEER, node, node);
+    zeb_inst_id_t *id = pair_of(APP, PEER, node);
+    id->sync_id = node;
+    id->sync_ack_id = node;
     zeb_set_app_inst(PEER, node);
     zeb_set_app_inst_ack(PEER, node);
     zeb_set_app_server(PEER, node);
-    zeb_try_notify_app_join(APP, node, PEER);
+    zeb_try_notify_app_join(APP, PEER, node);
 }
 
 static uint32_t add_groups(uint32_t num)

@@ -9,7 +9,8 @@
 
 #include <zeb/zeb.h>
 
-#include "zeb_mng.h"
+#include "zeb_flow_ctrl_stat.h"
+#include "zeb_slot.h"
 
 constexpr uint32_t APP = 100;
 

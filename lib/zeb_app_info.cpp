@@ -15,7 +15,8 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
+#include "zeb_tipc.h"
 #include "zeb_rpc.h"
 
 constexpr int THREAD_NAME_LEN = 16;         // the kernel's limit

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "zeb_dm.h"
-#include "zeb_mng_msg.h"
+#include "zeb_wire.h"
 
 uint32_t g_zeb_dbg_level;
 uint32_t g_zeb_log_level;
@@ -37,22 +37,26 @@ void zeb_dbg_print_line(const char *text)
     (void)fwrite(out, 1, len, stdout);
 }
 
-void zeb_log_line(zeb_dbg_level_t level, const char *file, int line, const char *format, ...)
+void zeb_vlog_line(zeb_dbg_level_t level, const char *file, int line, const char *format, va_list args)
 {
     int saved_errno = errno;
     char text[ZEB_DBG_LINE_LEN];
     int prefix = snprintf(text, sizeof(text), "<%s, %d> %d: ", file, line, (int)level);
-    if (prefix >= 0 && prefix < ZEB_DBG_LINE_LEN) {
-        va_list args;
-        va_start(args, format);
+    if (prefix >= 0 && prefix < ZEB_DBG_LINE_LEN)
         (void)vsnprintf(text + prefix, sizeof(text) - (size_t)prefix, format, args);
-        va_end(args);
-    }
     if ((zeb_load_relaxed(&g_zeb_dbg_level) & (1u << level)) != 0)
         zeb_dbg_print_line(text);
     if ((zeb_load_relaxed(&g_zeb_log_level) & (1u << level)) != 0)
         zeb_dm_record_log(text);
     errno = saved_errno;
+}
+
+void zeb_log_line(zeb_dbg_level_t level, const char *file, int line, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    zeb_vlog_line(level, file, line, format, args);
+    va_end(args);
 }
 
 static bool dbg_on(zeb_dbg_level_t level)

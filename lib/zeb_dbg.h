@@ -3,6 +3,7 @@
 #ifndef ZEB_DBG_H
 #define ZEB_DBG_H
 
+#include <cstdarg>
 #include <cstdint>
 
 #include <zeb/zeb_diag.h>
@@ -28,6 +29,8 @@ static inline bool zeb_log_on(zeb_dbg_level_t level)
 // Formats one line and hands it to the places whose mask has `level`. errno is kept.
 void zeb_log_line(zeb_dbg_level_t level, const char *file, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5), cold));
+void zeb_vlog_line(zeb_dbg_level_t level, const char *file, int line, const char *format, va_list args)
+    __attribute__((format(printf, 4, 0), cold));
 
 // Writes a finished line to standard output, "%%" as one "%" and every other character as it stands.
 void zeb_dbg_print_line(const char *text);

@@ -13,8 +13,8 @@
 
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"
+#include "zeb_fd.h"
 #include "zeb_lock.h"
-#include "zeb_mng.h"
 
 FILE *g_zeb_log_fp;
 

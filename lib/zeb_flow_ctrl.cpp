@@ -10,7 +10,7 @@
 
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
 
 zeb_fc_t *zeb_add_app_fc(uint32_t app)

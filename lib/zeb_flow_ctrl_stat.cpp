@@ -7,8 +7,8 @@
 
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"
-#include "zeb_mng.h"
-#include "zeb_mng_msg.h"
+#include "zeb_slot.h"
+#include "zeb_wire.h"
 
 zeb_mng_stat_t *zeb_add_mng_stat(uint32_t app)
 {

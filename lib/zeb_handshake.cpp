@@ -19,7 +19,7 @@ static zeb_msg_sync_inst_t my_sync_inst(const zeb_handshake_t *hs, uint32_t my_a
 }
 
 // Sends a SYNC_INST and keeps it as pending. 0, or the error, after which nothing is pending.
-static int sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume)
+int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume)
 {
     uint32_t seq = hs->effects->get_seq(hs->ctx);
     HS_VERBOSE(hs, "ZEB app %d sync inst to %d/%d, seq %d.\n", src_app, dst.app, dst.node, seq);
@@ -38,7 +38,7 @@ static int sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, 
 }
 
 // Synchronises every local subscriber with the instance. False when one of them could not be sent.
-static bool app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
+bool zeb_app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
 {
     zeb_clear_resume_comm(hs, inst);
     zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
@@ -52,7 +52,7 @@ static bool app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
     }
     bool sent = true;
     zeb_each_subscr_app(ol, [&](uint32_t subscr) {
-        if (sync_app_inst(hs, subscr, inst, resume) == 0)
+        if (zeb_sync_app_inst(hs, subscr, inst, resume) == 0)
             return;
         HS_ERROR(hs, "ZEB send app %d server notification to %d/%d failed.\n", subscr, inst.app, inst.node);
         sent = false;
@@ -63,7 +63,7 @@ static bool app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
 static void begin_anew(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
 {
     zeb_app_inst_force_quit(hs, inst);
-    (void)app_inst_join(hs, inst, resume);
+    (void)zeb_app_inst_join(hs, inst, resume);
 }
 
 // The topology service.
@@ -81,7 +81,7 @@ void zeb_hs_published(zeb_handshake_t *hs, zeb_inst_t inst)
     // A timer of the last report may have been lost with a further connection.
     bool known = zeb_has_rejoin(hs, inst) || (hs->topology_reopened && zeb_hs_get_inst_state(hs, inst).instance);
     zeb_app_inst_force_quit(hs, inst);
-    bool sent = app_inst_join(hs, inst, 0);
+    bool sent = zeb_app_inst_join(hs, inst, 0);
     if (known || !sent)
         rejoin_later(hs, inst);
 }
@@ -101,7 +101,7 @@ void zeb_hs_topology_reopened(zeb_handshake_t *hs)
 // A SYNC_INST arrives.
 
 // With entries on the list the timer is pending already, unless it was lost with its connection.
-static void start_retry_inst_timer(zeb_handshake_t *hs, uint8_t peer_version, uint32_t src_app, zeb_inst_t dst)
+void zeb_start_retry_inst_timer(zeb_handshake_t *hs, uint8_t peer_version, uint32_t src_app, zeb_inst_t dst)
 {
     if (peer_version == 1)
         return;
@@ -135,7 +135,7 @@ static void update_peer_state(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t p
 }
 
 // A peer that has synchronised and never comes online is synchronised with anew after the time-out.
-static void try_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst)
+void zeb_try_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst)
 {
     if (zeb_hs_get_inst_state(hs, dst).online || zeb_has_sync_inst(hs, dst))
         return;
@@ -156,7 +156,7 @@ static void send_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint
     hs->effects->send_ack(hs->ctx, my_app, peer, &ack);
 }
 
-static void recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body)
+void zeb_recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body)
 {
     zeb_get_or_add_inst_id(hs, my_app, peer)->sync_id = body->id;
     HS_VERBOSE(hs, "ZEB app %d recv sync inst from %d/%d resume:%d, seq:%d\n", my_app, peer.app, peer.node,
@@ -169,15 +169,15 @@ static void recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer
     id->sync_server = body->is_server;
     send_ack(hs, my_app, peer, body->seq);
     zeb_try_notify_app_join(hs, my_app, peer);
-    try_resume_comm(hs, peer);
+    zeb_try_resume_comm(hs, peer);
 }
 
 void zeb_hs_recv_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint8_t ver,
                       const zeb_msg_sync_inst_t *body)
 {
-    start_retry_inst_timer(hs, ver, my_app, peer);
+    zeb_start_retry_inst_timer(hs, ver, my_app, peer);
     hs->effects->count(hs->ctx, ZEB_HS_RECEIVED, my_app, peer, ZEB_MSG_SYNC_INST);
-    recv_inst_sync(hs, my_app, peer, body);
+    zeb_recv_inst_sync(hs, my_app, peer, body);
 }
 
 // An acknowledgement arrives.
@@ -272,7 +272,7 @@ void zeb_hs_del_reject_acks(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t ds
 }
 
 // One that cannot be sent stays on the list until traffic to or from the peer makes it needless.
-static void resend_timer(zeb_handshake_t *hs, uint32_t seq)
+void zeb_process_resend_inst_timer_event(zeb_handshake_t *hs, uint32_t seq)
 {
     list_each<zeb_returned_ack_t>(&hs->sync_inst_ack_list, [&](zeb_returned_ack_t *ack) {
         if (ack->timer_seq != seq)
@@ -289,7 +289,7 @@ static void resend_timer(zeb_handshake_t *hs, uint32_t seq)
 // Time-outs.
 
 // Every pending synchronisation is sent again, not only those of the peers in the retry list.
-static void retry_timer(zeb_handshake_t *hs)
+void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t)
 {
     hs->timer_inst_retry_open = false;
     indexed_list_each(&hs->inst_sync, [&](const zeb_pending_sync_t *pending) {
@@ -306,7 +306,7 @@ static void synchronise_again(zeb_handshake_t *hs, zeb_inst_t inst)
 {
     zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
     if (ol != nullptr)
-        zeb_each_subscr_app(ol, [&](uint32_t subscr) { (void)sync_app_inst(hs, subscr, inst, 0); });
+        zeb_each_subscr_app(ol, [&](uint32_t subscr) { (void)zeb_sync_app_inst(hs, subscr, inst, 0); });
 }
 
 static void rejoin_timer(zeb_handshake_t *hs, zeb_inst_t inst)
@@ -320,7 +320,7 @@ static void rejoin_timer(zeb_handshake_t *hs, zeb_inst_t inst)
     rejoin_later(hs, inst);
 }
 
-static void resume_timer(zeb_handshake_t *hs, uint32_t seq)
+void zeb_process_resume_timer_event(zeb_handshake_t *hs, uint32_t seq)
 {
     zeb_inst_t inst;
     if (zeb_take_rejoin(hs, seq, &inst)) {
@@ -351,13 +351,13 @@ void zeb_hs_timer(zeb_handshake_t *hs, zeb_timer_t timer)
 {
     switch (timer.type) {
     case ZEB_TIMER_TYPE_RESUME:
-        resume_timer(hs, timer.seq);
+        zeb_process_resume_timer_event(hs, timer.seq);
         return;
     case ZEB_TIMER_TYPE_INST:
-        resend_timer(hs, timer.seq);
+        zeb_process_resend_inst_timer_event(hs, timer.seq);
         return;
     case ZEB_TIMER_TYPE_INST_RETRY:
-        retry_timer(hs);
+        zeb_process_inst_retry_timer_event(hs, timer.seq);
         return;
     default:
         return;

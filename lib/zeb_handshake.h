@@ -16,6 +16,7 @@
 #include "zeb_app_set.h"
 #include "zeb_inst.h"
 #include "zeb_mng_msg_sync.h"
+#include "zeb_timer.h"
 
 // What is known of one pair.
 typedef struct zeb_inst_id_s {
@@ -91,22 +92,6 @@ typedef struct zeb_ol_app_s {
     zeb_app_set_t ol_bmp;             // both, and the identities agree
     struct list_head subscr_app_list; // zeb_subscr_app_t
 } zeb_ol_app_t;
-
-typedef enum zeb_timer_type_e : uint32_t {
-    ZEB_TIMER_TYPE_RESUME = 0,
-    ZEB_TIMER_TYPE_INST = 1, // a returned acknowledgement is to be sent again
-    ZEB_TIMER_TYPE_MONITOR = 2,
-    ZEB_TIMER_TYPE_INST_RETRY = 3, // unacknowledged synchronisations are to be sent again
-    ZEB_TIMER_TYPE_NUM = 4,
-} zeb_timer_type_t;
-
-// The user handle of a timer, host order.
-typedef struct zeb_timer_s {
-    uint32_t type; // zeb_timer_type_t
-    uint32_t seq;  // names the record that it is for
-} zeb_timer_t;
-
-static_assert(sizeof(zeb_timer_t) == 8, "a topology subscription's user handle has 8 bytes");
 
 // Which counter of synchronisation messages.
 typedef enum zeb_hs_count_e : int {

@@ -63,6 +63,16 @@ void zeb_app_inst_quit(zeb_handshake_t *hs, zeb_inst_t inst);       // withdrawn
 void zeb_app_inst_force_quit(zeb_handshake_t *hs, zeb_inst_t inst); // before a synchronisation
 void zeb_app_inst_try_quit(zeb_handshake_t *hs, zeb_inst_t inst);   // only when it is online
 
+// The steps of the handshake.
+int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume);
+bool zeb_app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume);
+void zeb_recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body);
+void zeb_start_retry_inst_timer(zeb_handshake_t *hs, uint8_t peer_version, uint32_t src_app, zeb_inst_t dst);
+void zeb_try_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst);
+void zeb_process_resume_timer_event(zeb_handshake_t *hs, uint32_t seq);
+void zeb_process_resend_inst_timer_event(zeb_handshake_t *hs, uint32_t seq);
+void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t seq);
+
 // Calls visit(app) for each local application that talks to `ol`, in order.
 template <typename Visit>
 static inline void zeb_each_subscr_app(zeb_ol_app_t *ol, Visit visit)

@@ -9,7 +9,7 @@
 #include "platform/list_algo.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 
 constexpr int32_t APP_MC_ID_FIRST = 12288;
 constexpr int32_t APP_MC_ID_LAST = 16383;

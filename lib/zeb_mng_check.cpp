@@ -13,11 +13,9 @@
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
-#include "zeb_mng.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_rejoin.h"
-#include "zeb_mng_sync.h"
+#include "zeb_handshake_shell.h"
 #include "zeb_rpc.h"
+#include "zeb_slot.h"
 
 typedef struct report_s {
     char *text;
@@ -90,37 +88,42 @@ static void check_online_app(report_t *report, zeb_ol_app_t *ol) ZEB_REQUIRES(g_
     });
 }
 
-// Every list of messages of ours towards a peer.
-static void check_messages(report_t *report, struct list_head *head, const char *name) ZEB_REQUIRES(g_lib_mutex)
+template <typename T>
+static bool indexed_list_is_whole(report_t *report, const indexed_list<T> *records, const char *name)
 {
-    if (!list_is_whole(report, head, name, 0))
+    bool whole = list_is_whole(report, &records->list, name, 0);
+    if (whole)
+        check_count(report, &records->list, indexed_list_num(records), name, 0);
+    return whole;
+}
+
+static void check_returned_acks(report_t *report) ZEB_REQUIRES(g_lib_mutex)
+{
+    struct list_head *head = &g_zeb_handshake.sync_inst_ack_list;
+    if (!list_is_whole(report, head, "sync_inst_ack_list", 0))
         return;
-    list_each<zeb_msg_t>(head, [&](const zeb_msg_t *msg) {
-        expect(report, msg->hdr.len >= ZEB_MSG_HDR_LEN, "%s holds a message of %u bytes\n", name, msg->hdr.len);
-        expect(report, (msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0, "%s holds a message with flags 0x%x\n", name,
-               msg->hdr.flag);
+    list_each<zeb_returned_ack_t>(head, [&](const zeb_returned_ack_t *ack) {
+        const zeb_msg_hdr_t *hdr = &ack->msg->hdr;
+        expect(report, hdr->len >= ZEB_MSG_HDR_LEN, "sync_inst_ack_list holds a message of %u bytes\n", hdr->len);
+        expect(report, (hdr->flag & ZEB_MSG_FLAG_SYNC) != 0, "sync_inst_ack_list holds a message with flags 0x%x\n",
+               hdr->flag);
     });
+    check_count(report, head, g_zeb_handshake.sync_inst_ack_num, "sync_inst_ack_list", 0);
 }
 
 static void check_pairs(report_t *report) ZEB_REQUIRES(g_lib_mutex)
 {
-    if (list_is_whole(report, &g_zeb_mng.inst_id_list, "inst_id_list", 0)) {
-        list_each<zeb_inst_id_t>(&g_zeb_mng.inst_id_list, [&](const zeb_inst_id_t *id) {
+    if (indexed_list_is_whole(report, &g_zeb_handshake.inst_id, "inst_id_list")) {
+        indexed_list_each(&g_zeb_handshake.inst_id, [&](const zeb_inst_id_t *id) {
             expect(report, zeb_get_app_mng(id->src_app) != nullptr, "a pair of the unregistered %u\n", id->src_app);
-            expect(report, zeb_valid_node_id(id->dst_node), "a pair with node %u\n", id->dst_node);
+            expect(report, zeb_valid_node_id(id->dst.node), "a pair with node %u\n", id->dst.node);
         });
     }
-    (void)list_is_whole(report, &g_zeb_mng.sync_inst_retry_list, "sync_inst_retry_list", 0);
-    (void)list_is_whole(report, &g_zeb_mng.resume_comm_list, "resume_comm_list", 0);
-    (void)list_is_whole(report, &g_zeb_mng.rejoin_list, "rejoin_list", 0);
-    check_messages(report, &g_zeb_mng.inst_sync_list, "inst_sync_list");
-    check_messages(report, &g_zeb_mng.sync_inst_ack_list, "sync_inst_ack_list");
-    check_count(report, &g_zeb_mng.sync_inst_ack_list, g_zeb_mng.sync_inst_ack_num, "sync_inst_ack_list", 0);
-    check_count(report, &g_zeb_mng.inst_id_list, g_zeb_mng.inst_id_index.num, "inst_id_list", 0);
-    check_count(report, &g_zeb_mng.inst_sync_list, g_zeb_mng.inst_sync_index.num, "inst_sync_list", 0);
-    check_count(report, &g_zeb_mng.sync_inst_retry_list, g_zeb_mng.sync_inst_retry_index.num, "sync_inst_retry_list",
-                0);
-    check_count(report, &g_zeb_mng.ol_app_list, g_zeb_mng.ol_app_index.num, "ol_app_list", 0);
+    (void)indexed_list_is_whole(report, &g_zeb_handshake.inst_sync, "inst_sync_list");
+    (void)indexed_list_is_whole(report, &g_zeb_handshake.inst_retry, "sync_inst_retry_list");
+    (void)list_is_whole(report, &g_zeb_handshake.resume_comm_list, "resume_comm_list", 0);
+    (void)list_is_whole(report, &g_zeb_handshake.rejoin_list, "rejoin_list", 0);
+    check_returned_acks(report);
 }
 
 static void check_flow_ctrl(report_t *report, zeb_fc_t *fc)
@@ -218,12 +221,12 @@ static void check_app(report_t *report, zeb_app_info_t *info)
     check_count(report, &info->mc.node_mc_list, info->mc.node_mc_index.num, "node_mc_list", app);
 }
 
-static void check_manager(report_t *report)
+static void check_handshake(report_t *report)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    if (list_is_whole(report, &g_zeb_mng.ol_app_list, "ol_app_list", 0))
-        list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list,
-                                [&](zeb_ol_app_t *ol) ZEB_NO_THREAD_SAFETY_ANALYSIS { check_online_app(report, ol); });
+    if (indexed_list_is_whole(report, &g_zeb_handshake.ol_app, "ol_app_list"))
+        indexed_list_each(&g_zeb_handshake.ol_app,
+                          [&](zeb_ol_app_t *ol) ZEB_NO_THREAD_SAFETY_ANALYSIS { check_online_app(report, ol); });
     check_pairs(report);
 }
 
@@ -231,7 +234,7 @@ int zeb_check_invariants(char *text, size_t size)
 {
     report_t report = {text, size, 0, 0};
     text[0] = '\0';
-    check_manager(&report);
+    check_handshake(&report);
     zeb_each_app_mng([&](const zeb_app_mng_t *slot) {
         check_app(&report, slot->info);
         check_flow_ctrl(&report, slot->fc);

@@ -12,6 +12,7 @@
 #include "platform/tipc_name.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
+#include "zeb_tipc.h"
 
 // Guards the writing of the sequence number; nothing is taken under it.
 static zeb_mutex_t g_seq_mutex = {PTHREAD_MUTEX_INITIALIZER};
@@ -47,7 +48,8 @@ int zeb_tipc_sendto(uint32_t src_app, zeb_msg_t *msg, uint32_t dst_app, uint32_t
         ZEB_ERROR("ZEB app %d socket descriptor invalid.\n", src_app);
         return -EINVAL;
     }
-    struct sockaddr_tipc addr = tipc_name(ZEB_TIPC_NAME_TYPE, zeb_tipc_instance(dst_app, dst_node), TIPC_CLUSTER_SCOPE);
+    struct sockaddr_tipc addr =
+        tipc_name(ZEB_TIPC_NAME_TYPE, zeb_tipc_instance({dst_app, dst_node}), TIPC_CLUSTER_SCOPE);
     int send_flags = MSG_NOSIGNAL | ((flags & ZEB_SEND_NOWAIT) != 0 ? MSG_DONTWAIT : 0);
     uint32_t len = msg->hdr.len;
     zeb_convert_to_network(msg);
@@ -71,10 +73,10 @@ int zeb_tipc_sendto(uint32_t src_app, zeb_msg_t *msg, uint32_t dst_app, uint32_t
     return -1;
 }
 
-zeb_msg_t *zeb_new_lib_msg(uint32_t size, uint8_t flag, uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+zeb_msg_t *zeb_new_lib_msg(uint32_t size, uint8_t flag, uint32_t src_app, zeb_inst_t dst)
 {
     zeb_msg_t *msg = zeb_msg_alloc((int)size, 1, 0);
     assert(msg != NULL);
-    zeb_encode_msg_hdr(msg, flag, src_app, (uint32_t)zeb_get_my_node_id(), dst_app, dst_node, 0, 0);
+    zeb_encode_msg_hdr(msg, flag, src_app, (uint32_t)zeb_get_my_node_id(), dst.app, dst.node, 0, 0);
     return msg;
 }

@@ -40,7 +40,7 @@ static_assert(sizeof(zeb_msg_dbg_cmd_t) == 8 && sizeof(zeb_msg_app_info_t) == 12
 static int send_element(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_type_t type, const void *value,
                         uint16_t len)
 {
-    zeb_msg_t *msg = zeb_new_lib_msg(TLV_SPACE(len), ZEB_MSG_FLAG_MNG, src_app, dst_app, dst_node);
+    zeb_msg_t *msg = zeb_new_lib_msg(TLV_SPACE(len), ZEB_MSG_FLAG_MNG, src_app, {dst_app, dst_node});
     (void)TLV_SET(msg->data, (uint16_t)type, value, len);
     int ret = zeb_tipc_sendto(src_app, msg, dst_app, dst_node, 0);
     free(msg);

@@ -37,7 +37,7 @@ bool zeb_get_sync_inst(const zeb_tlv_item_t *item, zeb_msg_sync_inst_t *body);
 bool zeb_get_sync_inst_ack(const zeb_tlv_item_t *item, zeb_msg_sync_inst_ack_t *body);
 
 // A returned acknowledgement (its first element is one, complete) whose time to live allows it to be sent again: counts
-// that down in place and says which synchronisation it acknowledges.
-bool zeb_take_ack_ttl(zeb_msg_t *msg, uint32_t *seq);
+// that down in place, and says of which type it is and which synchronisation it acknowledges.
+bool zeb_take_ack_ttl(zeb_msg_t *msg, int *type, uint32_t *seq);
 
 #endif

@@ -5,16 +5,14 @@
 #include "platform/list_algo.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
-#include "zeb_mng.h"
-#include "zeb_mng_msg.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
+#include "zeb_handshake_shell.h"
+#include "zeb_slot.h"
 
 // Prints a title and, for each online application, the nodes of one of its sets.
 static void print_sets(const char *title, const char *what, zeb_app_set_t zeb_ol_app_t::*set) ZEB_REQUIRES(g_lib_mutex)
 {
     zeb_buf_printf("%s", title);
-    list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [&](zeb_ol_app_t *ol) {
+    indexed_list_each(&g_zeb_handshake.ol_app, [&](zeb_ol_app_t *ol) {
         zeb_buf_printf("    Application %d %s on nodes:", ol->app_id, what);
         zeb_app_set_each(&(ol->*set), [](uint32_t node) { zeb_buf_printf(" %d", node); });
         zeb_buf_printf("\n");
@@ -24,7 +22,7 @@ static void print_sets(const char *title, const char *what, zeb_app_set_t zeb_ol
 static void print_subscribers() ZEB_REQUIRES(g_lib_mutex)
 {
     zeb_buf_printf("  Online application subscribers:\n");
-    list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [](zeb_ol_app_t *ol) {
+    indexed_list_each(&g_zeb_handshake.ol_app, [](zeb_ol_app_t *ol) {
         zeb_buf_printf("    Application %d subscribed by applications:", ol->app_id);
         list_each<zeb_subscr_app_t>(&ol->subscr_app_list,
                                     [](const zeb_subscr_app_t *subscr) { zeb_buf_printf(" %d", subscr->subscr_app); });
@@ -52,7 +50,7 @@ void zeb_cli_print_lib_info(uint32_t app)
     zeb_buf_printf("  ZEB library thread 0x%x, subscription socket %d\n", (unsigned)g_zeb_mng.lib_tid,
                    g_zeb_mng.subscr_sd);
     zeb_buf_printf("  Applications in this process:");
-    zeb_each_app_mng([](const zeb_app_mng_t *slot) { zeb_buf_printf(" %d", slot->app_id); });
+    zeb_each_app_mng([](const zeb_app_mng_t *slot) { zeb_buf_printf(" %d", slot->app_id.load()); });
     zeb_buf_printf("\n");
 
     print_sets("  Online application servers:\n", "server", &zeb_ol_app_t::srv_bmp);
@@ -61,21 +59,21 @@ void zeb_cli_print_lib_info(uint32_t app)
     print_sets("  Online application instances acked:\n", "instance acked", &zeb_ol_app_t::inst_ack_bmp);
     print_sets("  Online application instances online:\n", "instance online", &zeb_ol_app_t::ol_bmp);
 
-    print_pending<zeb_msg_t>("  Unack instance sync(src_app/seq->dst_app/dst_node):\n   ", &g_zeb_mng.inst_sync_list,
-                             [](const zeb_msg_t *msg) {
-                                 zeb_buf_printf(" %d/%d->%d/%d", msg->hdr.src_app, zeb_sync_inst_msg_seq(msg),
-                                                msg->hdr.dst_app, msg->hdr.dst_node);
-                             });
+    print_pending<zeb_pending_sync_t>("  Unack instance sync(src_app/seq->dst_app/dst_node):\n   ",
+                                      &g_zeb_handshake.inst_sync.list, [](const zeb_pending_sync_t *pending) {
+                                          zeb_buf_printf(" %d/%d->%d/%d", pending->src_app, pending->body.seq,
+                                                         pending->dst.app, pending->dst.node);
+                                      });
     print_pending<zeb_resume_comm_t>("  Communication resume info(src_app/seq->dst_app/dst_node):\n   ",
-                                     &g_zeb_mng.resume_comm_list, [](const zeb_resume_comm_t *resume) {
-                                         zeb_buf_printf(" %d/%d->%d/%d", resume->src_app, resume->seq, resume->dst_app,
-                                                        resume->dst_node);
+                                     &g_zeb_handshake.resume_comm_list, [](const zeb_resume_comm_t *resume) {
+                                         zeb_buf_printf(" %d/%d->%d/%d", resume->src_app, resume->seq, resume->dst.app,
+                                                        resume->dst.node);
                                      });
-    print_pending<zeb_msg_t>("  Resend instance sync ack(src_app->dst_app/dst_node/seq):\n   ",
-                             &g_zeb_mng.sync_inst_ack_list, [](const zeb_msg_t *msg) {
-                                 zeb_buf_printf(" %d->%d/%d/%d", msg->hdr.src_app, msg->hdr.dst_app, msg->hdr.dst_node,
-                                                zeb_sync_inst_msg_seq(msg));
-                             });
+    print_pending<zeb_returned_ack_t>("  Resend instance sync ack(src_app->dst_app/dst_node/seq):\n   ",
+                                      &g_zeb_handshake.sync_inst_ack_list, [](const zeb_returned_ack_t *ack) {
+                                          zeb_buf_printf(" %d->%d/%d/%d", ack->src_app, ack->dst.app, ack->dst.node,
+                                                         ack->sync_seq);
+                                      });
 }
 
 void zeb_cli_print_app_comm(uint32_t src_app)
@@ -84,7 +82,7 @@ void zeb_cli_print_app_comm(uint32_t src_app)
         return;
     zeb_scoped_lock lock(&g_lib_mutex);
     zeb_buf_printf("  Communication peer applications:");
-    list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [&](zeb_ol_app_t *ol) {
+    indexed_list_each(&g_zeb_handshake.ol_app, [&](zeb_ol_app_t *ol) {
         list_each<zeb_subscr_app_t>(&ol->subscr_app_list, [&](const zeb_subscr_app_t *subscr) {
             if (subscr->subscr_app == src_app)
                 zeb_buf_printf(" %d", ol->app_id);

@@ -13,17 +13,15 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include "platform/list_algo.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
-#include "zeb_mng.h"
+#include "zeb_handshake_shell.h"
 #include "zeb_mng_msg.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
-#include "zeb_mng_timer.h"
+#include "zeb_mng_topology.h"
 #include "zeb_rpc.h"
-#include "zeb_wire.h"
+#include "zeb_slot.h"
+#include "zeb_tipc.h"
 
 constexpr int COPIED_LEN_MAX = 8192;
 constexpr int UNSIGNALLED_MAX = 64; // messages queued before a sleeping proxy thread is woken
@@ -82,28 +80,15 @@ int zeb_get_tipc_err_info(uint32_t app, int sd, uint32_t code, uint32_t size)
     return code == TIPC_CONN_SHUTDOWN ? 0 : -1;
 }
 
-void zeb_process_return_sync(zeb_msg_t *msg, uint32_t returned_len)
+// The kernel may return only the head of a message, and a peer may lie about its length.
+static void returned_sync(zeb_msg_t *msg, uint32_t returned_len)
 {
     if (msg->hdr.len < ZEB_MSG_HDR_LEN || msg->hdr.len > returned_len) {
         ZEB_ERROR("ZEB app %d recv incomplete reject data.\n", msg->hdr.src_app);
         zeb_fc_update_recv_exception(msg->hdr.src_app);
         return;
     }
-    struct tlv_list_desc cursor = zeb_tlv_body(msg);
-    zeb_tlv_item_t item;
-    if (zeb_tlv_next(&cursor, &item) != ZEB_TLV_ITEM)
-        return;
-    if ((item.type != ZEB_MSG_SYNC_INST_ACK && item.type != ZEB_MSG_SYNC_INST_SEQ_ACK) || item.len < ZEB_SYNC_INST_LEN)
-        return;
-    uint32_t ttl = zeb_wire_get_u32(item.value + ZEB_SYNC_TTL_OFFSET);
-    if (ttl == 0)
-        return;
-    zeb_wire_put_u32(item.value + ZEB_SYNC_TTL_OFFSET, ttl - 1);
-
-    zeb_msg_t *zeb_msg = zeb_msg_alloc((int)zeb_msg_data_len(msg), 1, 0);
-    assert(zeb_msg != NULL);
-    memcpy(&zeb_msg->hdr, &msg->hdr, msg->hdr.len);
-    zeb_resend_sync_inst_ack_later(zeb_msg);
+    zeb_process_return_sync(msg);
 }
 
 // Tells the area that sent it that a message came back.
@@ -112,7 +97,7 @@ static void settle_returned(uint32_t app, zeb_msg_t *msg, uint32_t returned_len)
     uint32_t peer_app = msg->hdr.dst_app;
     uint32_t peer_node = msg->hdr.dst_node;
     if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
-        zeb_process_return_sync(msg, returned_len);
+        returned_sync(msg, returned_len);
         zeb_mng_stat_update_recv_reject(peer_app, peer_node, app);
         return;
     }
@@ -270,16 +255,13 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
         refuse_sender(msg, app_info->app_id);
         return;
     }
-    zeb_inst_state_t sender = zeb_get_inst_state(src_app, src_node);
+    zeb_inst_state_t sender = zeb_get_inst_state({src_app, src_node});
     if (app_info->app_id != ZEBD_APP_ID && src_app != ZEBD_APP_ID && !sender.instance) {
         zeb_socket_recv_drop_msg(msg);
         return;
     }
-    if (!sender.online) {
-        // The application learns of the sender before it sees its message.
-        zeb_del_reject_sync_inst_ack(msg->hdr.dst_app, src_app, src_node);
-        zeb_notify_app_join(msg->hdr.dst_app, src_node, src_app);
-    }
+    if (!sender.online) // the application is notified of the sender before it sees the message
+        zeb_notify_app_join(msg->hdr.dst_app, {src_app, src_node});
     if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0) {
         zeb_mng_msg_process(msg);
         return;
@@ -401,8 +383,7 @@ static void reopen_topology_connection(poll_set_t *set)
                   strerror(errno));
         return;
     }
-    zeb_timer_forget_lost();
-    g_zeb_mng.subscr_reopened = true;
+    zeb_topology_reopened();
     zeb_subscr_tipc_events();
     watch(&set->fds[0], g_zeb_mng.subscr_sd);
 }
@@ -452,7 +433,7 @@ void *zeb_socket_msg_dist_thread_fun(void *)
     zeb_subscr_tipc_events();
     bind_app_sockets();
     ZEB_INFO("ZEB socket msg distribute thread start.\n");
-    (void)zeb_subscr_timer_event(ZEB_MONITOR_PERIOD, {ZEB_TIMER_TYPE_MONITOR, 1});
+    (void)zeb_start_timer(ZEB_MONITOR_PERIOD, {ZEB_TIMER_TYPE_MONITOR, 1});
 
     poll_set_t set;
     build_poll_set(&set);

@@ -24,7 +24,6 @@ bool zeb_verify_recv_retdata(uint32_t app, const zeb_msg_t *msg);
 bool zeb_user_app_msg(const zeb_msg_t *msg);
 void zeb_socket_recv_drop_msg(zeb_msg_t *msg);
 void zeb_process_tipc_retdata(uint32_t app, struct cmsghdr *item);
-void zeb_process_return_sync(zeb_msg_t *msg, uint32_t returned_len);
 int zeb_get_tipc_err_info(uint32_t app, int sd, uint32_t code, uint32_t size);
 
 #endif

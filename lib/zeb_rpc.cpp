@@ -11,7 +11,8 @@
 #include "platform/list_algo.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
-#include "zeb_mng.h"
+#include "zeb_inst.h"
+#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
 
 zeb_app_rpc_wait_t *zeb_add_app_rpc_wait(uint32_t app)
@@ -101,7 +102,7 @@ int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply
 // An instance as a place holds it.
 static uint32_t inst_code(uint32_t app, uint32_t node)
 {
-    return zeb_tipc_instance(app, node);
+    return zeb_tipc_instance({app, node});
 }
 
 static uint32_t code_app(uint32_t code)

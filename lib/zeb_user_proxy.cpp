@@ -11,7 +11,8 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_mng.h"
-#include "zeb_mng_online.h"
+#include "zeb_slot.h"
+#include "zeb_handshake_shell.h"
 
 static int count_dispatchers(const zeb_msg_dispatcher_t *dispatcher)
 {
@@ -106,15 +107,15 @@ int zeb_comm_with(uint32_t src_app, uint32_t dst_app)
 
 void zeb_enable_blocked_resume(void)
 {
-    zeb_store_relaxed(&g_zeb_mng.blocked_resume, true);
+    g_zeb_mng.blocked_resume.store(true, std::memory_order_relaxed);
 }
 
 void zeb_disable_blocked_resume(void)
 {
-    zeb_store_relaxed(&g_zeb_mng.blocked_resume, false);
+    g_zeb_mng.blocked_resume.store(false, std::memory_order_relaxed);
 }
 
 bool zeb_blocked_resume_enabled(void)
 {
-    return zeb_cfg_get_blocked_resume_enabled() && zeb_load_relaxed(&g_zeb_mng.blocked_resume);
+    return zeb_cfg_get_blocked_resume_enabled() && g_zeb_mng.blocked_resume.load(std::memory_order_relaxed);
 }

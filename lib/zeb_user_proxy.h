@@ -7,7 +7,7 @@
 #include <zeb/zeb.h>
 
 #include "zeb_mc.h"
-#include "zeb_mng_online.h"
+#include "zeb_handshake_shell.h"
 
 // The destinations of one call: member applications, nodes, and per member the instances that are online servers. A
 // server set is taken afresh each time, so an instance that goes away in between is not written to.

@@ -9,9 +9,8 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
-#include "zeb_mng_sync.h"
 #include "zeb_rpc.h"
 
 static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, zeb_reply_msg_t *ret_buf)
@@ -109,7 +108,7 @@ static int zeb_prepare_rpcto(zeb_dst_t *dst, uint32_t dst_node, uint32_t dst_app
 static int request_instance(uint32_t src_app, uint32_t seq, zeb_msg_t *msg, uint32_t dst_app, uint32_t dst_node)
 {
     zeb_encode_msg_hdr(msg, ZEB_MSG_FLAG_REQUEST, src_app, (uint32_t)zeb_get_my_node_id(), dst_app, dst_node, seq, 0);
-    zeb_del_reject_sync_inst_ack(src_app, dst_app, dst_node);
+    zeb_del_reject_sync_inst_ack(src_app, {dst_app, dst_node});
     if (zeb_tipc_sendto(src_app, msg, dst_app, dst_node, 0) == 0) {
         zeb_fc_update_sent_ok(src_app, dst_app, dst_node);
         return 0;

@@ -8,9 +8,8 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
-#include "zeb_mng_sync.h"
 
 bool zeb_check_src_app(uint32_t src_app)
 {
@@ -127,7 +126,7 @@ static int send_instance(const zeb_dst_t *dst, zeb_msg_t *msg, uint32_t dst_app,
 {
     uint32_t src_app = dst->src_app;
     zeb_encode_msg_hdr(msg, 0, src_app, (uint32_t)zeb_get_my_node_id(), dst_app, dst_node, 0, 0);
-    zeb_del_reject_sync_inst_ack(src_app, dst_app, dst_node);
+    zeb_del_reject_sync_inst_ack(src_app, {dst_app, dst_node});
     int ret = zeb_tipc_sendto(src_app, msg, dst_app, dst_node, dst->flags);
     if (ret == 0)
         zeb_fc_update_sent_ok(src_app, dst_app, dst_node);

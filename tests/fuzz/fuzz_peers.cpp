@@ -1,24 +1,24 @@
+#include "handshake.h"
 #include "fuzz_peers.h"
 
 #include "platform/list_algo.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
 
 namespace peers
 {
 static void know(uint32_t node, uint32_t sync_id, uint32_t ack_id)
 {
-    zeb_update_inst_sync_id(world::SERVER, world::PEER, node, sync_id);
-    zeb_update_inst_sync_ack_id(world::SERVER, world::PEER, node, ack_id);
-    zeb_update_inst_recv_seq(world::SERVER, world::PEER, node, sync_id == 0 ? 0 : SEQ);
-    zeb_update_inst_send_seq(world::SERVER, world::PEER, node, 70 + node);
+    zeb_inst_id_t *id = pair_of(world::SERVER, world::PEER, node);
+    id->sync_id = sync_id;
+    id->sync_ack_id = ack_id;
+    id->recv_seq = sync_id == 0 ? 0 : SEQ;
+    id->send_seq = 70 + node;
 }
 
 void set_up()
 {
-    (void)zeb_sync_app_inst(world::SERVER, WAITING, world::PEER, 1, 0);
+    (void)zeb_sync_app_inst(world::SERVER, world::PEER, WAITING, 0);
     know(HALF, PID, 0);
     zeb_set_app_inst(world::PEER, HALF);
     zeb_try_resume_comm(world::PEER, HALF);
@@ -32,7 +32,7 @@ void set_up()
         zeb_set_app_inst_ack(world::PEER, node);
         if (node == ONLINE_SERVER)
             zeb_set_app_server(world::PEER, node);
-        zeb_try_notify_app_join(world::SERVER, node, world::PEER);
+        zeb_try_notify_app_join(world::SERVER, world::PEER, node);
     }
     world::sent().clear();
 }
@@ -40,16 +40,15 @@ void set_up()
 uint32_t pending_seq(uint32_t app, uint32_t peer, uint32_t node)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    const zeb_msg_t *msg = list_find<zeb_msg_t>(&g_zeb_mng.inst_sync_list, [&](const zeb_msg_t *pending) {
-        return pending->hdr.src_app == app && pending->hdr.dst_app == peer && pending->hdr.dst_node == node;
-    });
-    return msg == nullptr ? 0 : zeb_sync_inst_msg_seq(msg);
+    const zeb_pending_sync_t *sync =
+        indexed_list_find_if(&g_zeb_handshake.inst_sync, zeb_inst_key({peer, node}),
+                             [&](const zeb_pending_sync_t *pending) { return pending->src_app == app; });
+    return sync == nullptr ? 0 : sync->body.seq;
 }
 
 uint32_t known_seq(uint32_t app, uint32_t peer, uint32_t node)
 {
-    uint32_t seq = 0;
-    zeb_get_inst_recv_seq(app, peer, node, &seq);
-    return seq;
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return zeb_get_inst_recv_seq(&g_zeb_handshake, app, {peer, node});
 }
 } // namespace peers

@@ -11,7 +11,7 @@
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 
 using world::bytes_t;
 using wire::operator+;

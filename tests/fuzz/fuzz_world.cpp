@@ -1,4 +1,5 @@
 #include "fuzz_world.h"
+#include "handshake.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -16,13 +17,9 @@
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_check.h"
-#include "zeb_mng_online.h"
 #include "zeb_mng_recv.h"
-#include "zeb_mng_rejoin.h"
-#include "zeb_mng_sync.h"
-#include "zeb_mng_timer.h"
 
 namespace world
 {
@@ -149,35 +146,32 @@ static void reset_app(zeb_app_mng_t *slot)
         fail("a call is left without its caller");
 }
 
-// Through the library: its index of them has records of its own.
-static void drop_pending()
+// All of the handshake but who talks to whom.
+static void reset_handshake()
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    while (!list_empty(&g_zeb_mng.inst_sync_list)) {
-        const zeb_msg_t *msg = list_record<zeb_msg_t>(g_zeb_mng.inst_sync_list.next);
-        __zeb_clear_sync_inst_msg(msg->hdr.dst_app, msg->hdr.dst_node);
-    }
+    zeb_handshake_t *hs = &g_zeb_handshake;
+    indexed_list_clear(&hs->inst_id);
+    indexed_list_clear(&hs->inst_sync);
+    indexed_list_clear(&hs->inst_retry);
+    free_all<zeb_resume_comm_t>(&hs->resume_comm_list);
+    free_all<zeb_rejoin_t>(&hs->rejoin_list);
+    list_each<zeb_returned_ack_t>(&hs->sync_inst_ack_list,
+                                  [&](zeb_returned_ack_t *ack) { zeb_drop_returned_ack(hs, ack); });
+    indexed_list_each(&hs->ol_app, [](zeb_ol_app_t *ol) {
+        for (zeb_app_set_t *set : {&ol->srv_bmp, &ol->inst_bmp, &ol->inst_ack_bmp, &ol->ol_bmp})
+            set->blocks = 0;
+    });
+    hs->topology_reopened = false;
+    hs->timer_inst_retry_open = false;
+    hs->retry_start_failed = false;
 }
 
 void reset()
 {
     start();
-    free_all<zeb_inst_id_t>(&g_zeb_mng.inst_id_list);
-    g_zeb_mng.inst_id_index = {};
-    drop_pending();
-    free_all<zeb_resume_comm_t>(&g_zeb_mng.resume_comm_list);
-    free_all<zeb_rejoin_t>(&g_zeb_mng.rejoin_list);
-    free_all<zeb_msg_t>(&g_zeb_mng.sync_inst_ack_list);
-    g_zeb_mng.sync_inst_ack_num = 0;
-    free_all<zeb_retry_inst_t>(&g_zeb_mng.sync_inst_retry_list);
-    g_zeb_mng.sync_inst_retry_index = {};
-    list_each<zeb_ol_app_t>(&g_zeb_mng.ol_app_list, [](zeb_ol_app_t *ol) {
-        for (zeb_app_set_t *set : {&ol->srv_bmp, &ol->inst_bmp, &ol->inst_ack_bmp, &ol->ol_bmp})
-            set->blocks = 0;
-    });
+    reset_handshake();
     zeb_each_app_mng(reset_app);
-    g_zeb_mng.subscr_reopened = false;
-    zeb_timer_inst_retry_open = false;
     s_sent.clear();
     s_timers.clear();
     s_fail_num = 0;

@@ -1,3 +1,4 @@
+#include "handshake.h"
 #include "lib_test.h"
 
 #include <cstdio>
@@ -7,9 +8,8 @@
 #include <unistd.h>
 
 #include "zeb_dbg.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_check.h"
-#include "zeb_mng_online.h"
 #include "zeb_mng_recv.h"
 
 static std::mutex s_seen_mutex;

@@ -7,7 +7,7 @@
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 
 class zeb_app_info : public lib_test
 {

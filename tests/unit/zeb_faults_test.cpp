@@ -1,12 +1,11 @@
 // Each call that the library makes fails once at each place, in turn: a process starts, joins, exchanges, is listed and
 // loses its topology connection, with the k-th call of one name failing. Whatever fails, the process neither crashes
 // nor hangs, what could not be done is reported, and the next attempt works.
+#include "handshake.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
 #include "zeb_dm.h"
-#include "zeb_mng.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_timer.h"
+#include "zeb_slot.h"
 
 #include <atomic>
 #include <csignal>

@@ -8,7 +8,7 @@
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
 
 class zeb_flow_ctrl : public lib_test

@@ -1,13 +1,12 @@
 // The check of the invariants finds what is broken, and nothing in a process that is well.
 #ifdef ZEB_INVARIANTS
+#include "handshake.h"
 #include "lib_test.h"
 #include "platform/list_algo.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_check.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
 #include "zeb_rpc.h"
 
 class zeb_mng_check : public lib_test
@@ -60,17 +59,17 @@ TEST_F(zeb_mng_check, an_online_instance_that_is_not_known_or_has_not_acknowledg
 TEST_F(zeb_mng_check, a_torn_list_is_found)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    struct list_head *first = g_zeb_mng.inst_id_list.next;
+    struct list_head *first = g_zeb_handshake.inst_id.list.next;
     EXPECT_EQ(broken_with(&first->prev, first), "list inst_id_list of 0 is torn\n");
 }
 
 TEST_F(zeb_mng_check, an_index_that_disagrees_with_its_list_is_found)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    EXPECT_EQ(broken_with(&g_zeb_mng.inst_sync_index.num, 1), "inst_sync_list of 0 has 0 records and counts 1\n");
-    EXPECT_EQ(broken_with(&g_zeb_mng.sync_inst_retry_index.num, 1),
+    EXPECT_EQ(broken_with(&g_zeb_handshake.inst_sync.index.num, 1), "inst_sync_list of 0 has 0 records and counts 1\n");
+    EXPECT_EQ(broken_with(&g_zeb_handshake.inst_retry.index.num, 1),
               "sync_inst_retry_list of 0 has 0 records and counts 1\n");
-    EXPECT_EQ(broken_with(&g_zeb_mng.inst_id_index.num, 0), "inst_id_list of 0 has 1 records and counts 0\n");
+    EXPECT_EQ(broken_with(&g_zeb_handshake.inst_id.index.num, 0), "inst_id_list of 0 has 1 records and counts 0\n");
     zeb_mc_t *mc = &zeb_get_app_info(APP)->mc;
     EXPECT_EQ(broken_with(&mc->app_mc_index.num, 1), "app_mc_list of 100 has 0 records and counts 1\n");
     EXPECT_EQ(broken_with(&mc->node_mc_index.num, 1), "node_mc_list of 100 has 0 records and counts 1\n");

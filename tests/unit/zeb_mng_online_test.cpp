@@ -1,8 +1,7 @@
 // Node sets, topology events, join and quit.
+#include "handshake.h"
 #include "lib_test.h"
-#include "zeb_mng.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
+#include "zeb_slot.h"
 
 class zeb_mng_online : public lib_test
 {
@@ -151,7 +150,7 @@ TEST_F(zeb_mng_online, setters_without_a_record_or_a_node_are_refused)
                        "3 ZEB get app 200 online status for server setting failed.",
                        "3 ZEB get app 200 online status for inst setting failed.",
                        "3 ZEB get app 200 online status for inst ack setting failed."}));
-    EXPECT_EQ(logged(E, [] { zeb_try_notify_app_join(APP, 1, 300); }),
+    EXPECT_EQ(logged(E, [] { zeb_try_notify_app_join(APP, 300, 1); }),
               lines_t({"3 ZEB get app 300 online status failed."}));
     EXPECT_FALSE(zeb_app_online(300, 1) || zeb_app_instance(300, 1));
 }

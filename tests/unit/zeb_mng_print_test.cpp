@@ -1,10 +1,9 @@
 // Listings of the manager's state, compared whole.
+#include "handshake.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
-#include "zeb_mng.h"
-#include "zeb_mng_online.h"
+#include "zeb_slot.h"
 #include "zeb_mng_recv.h"
-#include "zeb_mng_sync.h"
 
 class zeb_mng_print : public lib_test
 {
@@ -28,7 +27,7 @@ TEST_F(zeb_mng_print, the_library_listing_is_this_text)
     uint32_t resume = 0;
     {
         zeb_scoped_lock lock(&g_lib_mutex);
-        resume = list_entry(g_zeb_mng.resume_comm_list.next, zeb_resume_comm_t, list)->seq;
+        resume = list_entry(g_zeb_handshake.resume_comm_list.next, zeb_resume_comm_t, list)->seq;
     }
     zeb_buf_printf_reset();
     zeb_cli_print_lib_info(APP);

@@ -1,7 +1,7 @@
 // When the receive thread wakes a proxy thread: once for what came together, and before it does anything else.
 #include "lib_test.h"
 #include "zeb_app_info.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 
 #include <atomic>
 #include <sched.h>

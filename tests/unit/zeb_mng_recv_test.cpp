@@ -1,14 +1,12 @@
 // The receive road: one datagram, returned messages, bad input, the topology connection.
+#include "handshake.h"
 #include "lib_test.h"
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
-#include "zeb_mng_online.h"
 #include "zeb_mng_recv.h"
-#include "zeb_mng_sync.h"
-#include "zeb_mng_timer.h"
 
 #include <dirent.h>
 #include <fstream>
@@ -371,7 +369,7 @@ TEST_F(zeb_mng_recv, a_resend_timer_that_does_not_start_drops_the_copy)
     fault::fail_next("send", EPIPE);
     (void)returned(V, 2, wire::message(to_peer(wire::SYNC), wire::sync_ack(5, 6, 1, 3)));
     zeb_scoped_lock lock(&g_lib_mutex);
-    EXPECT_TRUE(list_empty(&g_zeb_mng.sync_inst_ack_list));
+    EXPECT_TRUE(list_empty(&g_zeb_handshake.sync_inst_ack_list));
 }
 
 TEST_F(zeb_mng_recv, an_acknowledgement_that_fails_to_be_sent_again_stays_until_traffic_makes_it_needless)
@@ -383,12 +381,12 @@ TEST_F(zeb_mng_recv, an_acknowledgement_that_fails_to_be_sent_again_stays_until_
     zeb_process_tipc_subscr_event(fake_tipc::timer_event(1, seq));
     {
         zeb_scoped_lock lock(&g_lib_mutex);
-        EXPECT_FALSE(list_empty(&g_zeb_mng.sync_inst_ack_list));
+        EXPECT_FALSE(list_empty(&g_zeb_handshake.sync_inst_ack_list));
     }
-    zeb_del_reject_sync_inst_ack(APP, PEER, PEER_NODE + 1);
-    zeb_del_reject_sync_inst_ack(APP, PEER, PEER_NODE);
+    zeb_del_reject_sync_inst_ack(APP, {PEER, PEER_NODE + 1});
+    zeb_del_reject_sync_inst_ack(APP, {PEER, PEER_NODE});
     zeb_scoped_lock lock(&g_lib_mutex);
-    EXPECT_TRUE(list_empty(&g_zeb_mng.sync_inst_ack_list));
+    EXPECT_TRUE(list_empty(&g_zeb_handshake.sync_inst_ack_list));
 }
 
 TEST_F(zeb_mng_recv, a_returned_acknowledgement_of_the_older_version_is_not_made_needless_by_traffic)
@@ -398,10 +396,10 @@ TEST_F(zeb_mng_recv, a_returned_acknowledgement_of_the_older_version_is_not_made
     (void)returned(0, 2, wire::message(header, wire::sync_ack(5, 6, 1, 3)));
     (void)returned(0, 2, wire::message(to_peer(wire::SYNC), wire::sync_ack(5, 6, 1, 3)));
     zeb_scoped_lock lock(&g_lib_mutex);
-    EXPECT_EQ(list_length(&g_zeb_mng.sync_inst_ack_list), 2);
-    zeb_del_reject_sync_inst_ack(APP, PEER, PEER_NODE);
-    EXPECT_EQ(list_length(&g_zeb_mng.sync_inst_ack_list), 1);
-    EXPECT_EQ(list_entry(g_zeb_mng.sync_inst_ack_list.next, zeb_msg_t, list)->hdr.zeb_ver, 1);
+    EXPECT_EQ(list_length(&g_zeb_handshake.sync_inst_ack_list), 2);
+    zeb_del_reject_sync_inst_ack(APP, {PEER, PEER_NODE});
+    EXPECT_EQ(list_length(&g_zeb_handshake.sync_inst_ack_list), 1);
+    EXPECT_EQ(list_record<zeb_returned_ack_t>(g_zeb_handshake.sync_inst_ack_list.next)->ver, 1);
 }
 
 TEST_F(zeb_mng_recv, traffic_of_an_instance_not_yet_online_drops_the_returned_acknowledgement)
@@ -410,7 +408,7 @@ TEST_F(zeb_mng_recv, traffic_of_an_instance_not_yet_online_drops_the_returned_ac
     (void)returned(0, 2, wire::message(to_peer(wire::SYNC), wire::sync_ack(5, 6, 1, 3)));
     receive(wire::message(from_peer(), {1}));
     zeb_scoped_lock lock(&g_lib_mutex);
-    EXPECT_TRUE(list_empty(&g_zeb_mng.sync_inst_ack_list));
+    EXPECT_TRUE(list_empty(&g_zeb_handshake.sync_inst_ack_list));
 }
 
 TEST_F(zeb_mng_recv, other_ancillary_items_are_logged)
@@ -736,6 +734,6 @@ TEST_F(zeb_mng_recv, a_synchronisation_of_an_impossible_sender_leaves_nothing_be
     }
     EXPECT_TRUE(fake_tipc::take_sent().empty());
     zeb_scoped_lock lock(&g_lib_mutex);
-    EXPECT_TRUE(list_empty(&g_zeb_mng.inst_id_list));
-    EXPECT_TRUE(list_empty(&g_zeb_mng.resume_comm_list));
+    EXPECT_TRUE(list_empty(&g_zeb_handshake.inst_id.list));
+    EXPECT_TRUE(list_empty(&g_zeb_handshake.resume_comm_list));
 }

@@ -1,10 +1,9 @@
 // The handshake's state table, every cell of it, the illegal ones too: for each state and event the bits, the lists,
 // what is sent, which timers start and what the application sees.
+#include "handshake.h"
 #include "lib_test.h"
 #include "platform/list_algo.h"
-#include "zeb_mng.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
+#include "zeb_slot.h"
 
 using wire::operator+;
 
@@ -58,8 +57,8 @@ class zeb_mng_sync_table : public lib_test, public testing::WithParamInterface<c
         uint32_t seq = 0x7FFFFFFF; // of an occasion that has gone
         {
             zeb_scoped_lock lock(&g_lib_mutex);
-            if (!list_empty(&g_zeb_mng.resume_comm_list))
-                seq = list_entry(g_zeb_mng.resume_comm_list.next, zeb_resume_comm_t, list)->seq;
+            if (!list_empty(&g_zeb_handshake.resume_comm_list))
+                seq = list_entry(g_zeb_handshake.resume_comm_list.next, zeb_resume_comm_t, list)->seq;
         }
         zeb_process_tipc_subscr_event(fake_tipc::timer_event(0, seq));
     }
@@ -119,9 +118,9 @@ class zeb_mng_sync_table : public lib_test, public testing::WithParamInterface<c
     static std::string lists()
     {
         zeb_scoped_lock lock(&g_lib_mutex);
-        return std::to_string(list_length(&g_zeb_mng.inst_sync_list)) +
-               std::to_string(list_length(&g_zeb_mng.sync_inst_retry_list)) +
-               std::to_string(list_length(&g_zeb_mng.resume_comm_list));
+        return std::to_string(list_length(&g_zeb_handshake.inst_sync.list)) +
+               std::to_string(list_length(&g_zeb_handshake.inst_retry.list)) +
+               std::to_string(list_length(&g_zeb_handshake.resume_comm_list));
     }
 
   private:

@@ -1,11 +1,9 @@
 // The instance handshake: what each message does in each state, retry, resume.
+#include "handshake.h"
 #include "lib_test.h"
 #include "platform/list_algo.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
-#include "zeb_mng_timer.h"
 
 using wire::operator+;
 
@@ -54,9 +52,9 @@ static lines_t retries()
 {
     lines_t out;
     zeb_scoped_lock lock(&g_lib_mutex);
-    list_each<zeb_retry_inst_t>(&g_zeb_mng.sync_inst_retry_list, [&](const zeb_retry_inst_t *retry) {
-        out.push_back(std::to_string(retry->src_app) + "->" + std::to_string(retry->dst_app) + "/" +
-                      std::to_string(retry->dst_node));
+    list_each<zeb_retry_inst_t>(&g_zeb_handshake.inst_retry.list, [&](const zeb_retry_inst_t *retry) {
+        out.push_back(std::to_string(retry->src_app) + "->" + std::to_string(retry->dst.app) + "/" +
+                      std::to_string(retry->dst.node));
     });
     return out;
 }
@@ -263,7 +261,7 @@ TEST_F(zeb_mng_sync, ordinary_traffic_is_taken_as_the_acknowledgement)
 {
     peer_published();
     peer_syncs();
-    lines_t lines = logged(I, [&] { zeb_notify_app_join(APP, PEER_NODE, PEER); });
+    lines_t lines = logged(I, [&] { zeb_notify_app_join(APP, {PEER, PEER_NODE}); });
     EXPECT_THAT(lines, testing::Contains(testing::StartsWith("1 ZEB DEL INST app 100 sync inst to 200/9, seq ")));
     EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
     EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
@@ -348,7 +346,7 @@ TEST_F(zeb_mng_sync, a_retry_timer_that_fails_to_start_stays_marked_as_open)
     fault::fail_next("send", EPIPE);
     peer_published();
     peer_syncs();
-    EXPECT_TRUE(zeb_timer_inst_retry_open);
+    EXPECT_TRUE(g_zeb_handshake.timer_inst_retry_open);
     zeb_app_inst_force_quit(PEER, PEER_NODE);
     peer_published();
     peer_syncs(PEER_SEQ + 1);
@@ -412,7 +410,7 @@ TEST_F(zeb_mng_sync, no_resume_while_ours_is_pending_or_the_pair_is_online_or_th
     fault::fail_next("send", EPIPE);
     zeb_try_resume_comm(PEER, PEER_NODE + 1);
     zeb_scoped_lock lock(&g_lib_mutex);
-    EXPECT_TRUE(list_empty(&g_zeb_mng.resume_comm_list));
+    EXPECT_TRUE(list_empty(&g_zeb_handshake.resume_comm_list));
 }
 
 // The time-out of the one resume timer that was started since the last look, in milliseconds, and its sequence.
@@ -431,7 +429,7 @@ static std::pair<uint32_t, uint32_t> resume_timer()
 TEST_F(zeb_mng_sync, an_instance_reported_once_more_by_a_reopened_connection_is_resumed_until_it_is_online)
 {
     peer_online();
-    g_zeb_mng.subscr_reopened = true;
+    g_zeb_handshake.topology_reopened = true;
     peer_published();
     EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
     auto sent = fake_tipc::take_sent();
@@ -495,17 +493,17 @@ TEST_F(zeb_mng_sync,
 TEST_F(zeb_mng_sync, an_instance_reported_by_a_second_new_connection_before_it_is_online_is_resumed_as_well)
 {
     peer_online();
-    g_zeb_mng.subscr_reopened = true;
+    g_zeb_handshake.topology_reopened = true;
     peer_published();
     ASSERT_EQ(resume_timer().first, 5000u);
     peer_published(); // that timer was lost with its connection
     EXPECT_EQ(resume_timer().first, 5000u);
-    EXPECT_EQ(list_length(&g_zeb_mng.rejoin_list), 1);
+    EXPECT_EQ(list_length(&g_zeb_handshake.rejoin_list), 1);
 }
 
 TEST_F(zeb_mng_sync, an_instance_that_was_not_known_before_is_not_resumed_by_its_report)
 {
-    g_zeb_mng.subscr_reopened = true;
+    g_zeb_handshake.topology_reopened = true;
     peer_published();
     EXPECT_EQ(resume_timer().first, 0u);
 }
@@ -513,7 +511,7 @@ TEST_F(zeb_mng_sync, an_instance_that_was_not_known_before_is_not_resumed_by_its
 TEST_F(zeb_mng_sync, a_withdrawal_ends_the_resuming_of_a_reported_instance)
 {
     peer_online();
-    g_zeb_mng.subscr_reopened = true;
+    g_zeb_handshake.topology_reopened = true;
     peer_published();
     auto timer = resume_timer();
     peer_withdrawn();
@@ -529,7 +527,7 @@ TEST_F(zeb_mng_sync, retrying_goes_on_with_the_next_synchronisation_when_its_tim
     peer_syncs();
     ASSERT_EQ(retries().size(), 1u);
     (void)fake_tipc::take_subscriptions();
-    zeb_timer_forget_lost();
+    zeb_topology_reopened();
     peer_syncs();
     auto started = fake_tipc::take_subscriptions();
     ASSERT_EQ(started.size(), 1u);
@@ -543,62 +541,61 @@ TEST_F(zeb_mng_sync, a_peer_that_repeats_its_synchronisation_makes_no_more_than_
 {
     for (int i = 0; i < 15; i++)
         peer_syncs(PEER_SEQ + (uint32_t)i);
-    EXPECT_EQ(list_length(&g_zeb_mng.resume_comm_list), 15);
+    EXPECT_EQ(list_length(&g_zeb_handshake.resume_comm_list), 15);
     peer_syncs();
     EXPECT_THAT(logged(W, [&] { peer_syncs(); }), testing::Contains("2 ZEB resume comm to 200/9 is pending already."));
-    EXPECT_EQ(list_length(&g_zeb_mng.resume_comm_list), 16);
+    EXPECT_EQ(list_length(&g_zeb_handshake.resume_comm_list), 16);
     peer_syncs(PEER_SEQ, PEER_NODE + 1);
-    EXPECT_EQ(list_length(&g_zeb_mng.resume_comm_list), 17) << "another peer is not held back";
+    EXPECT_EQ(list_length(&g_zeb_handshake.resume_comm_list), 17) << "another peer is not held back";
 }
 
 TEST_F(zeb_mng_sync, pairs_resumes_and_returned_acknowledgements_have_a_limit)
 {
     std::vector<zeb_resume_comm_t> resumes(ZEB_RESUME_NUM_MAX);
     peer_online();
-    int pair_num = g_zeb_mng.inst_id_index.num;
-    g_zeb_mng.inst_id_index.num = ZEB_PAIR_NUM_MAX;
+    int pair_num = g_zeb_handshake.inst_id.index.num;
+    g_zeb_handshake.inst_id.index.num = ZEB_PAIR_NUM_MAX;
     EXPECT_EQ(logged(E, [&] { peer_syncs(1, PEER_NODE + 1); }), lines_t({"3 ZEB app 100 has no room for 200/10."}));
     EXPECT_FALSE(zeb_app_instance(PEER, PEER_NODE + 1));
     EXPECT_TRUE(logged(E, [&] { peer_syncs(PEER_SEQ); }).empty()) << "who is known is served on";
-    g_zeb_mng.inst_id_index.num = pair_num;
+    g_zeb_handshake.inst_id.index.num = pair_num;
 
     for (zeb_resume_comm_t &resume : resumes)
-        list_add_tail(&resume.list, &g_zeb_mng.resume_comm_list);
+        list_add_tail(&resume.list, &g_zeb_handshake.resume_comm_list);
     EXPECT_THAT(logged(W, [&] { peer_syncs(1, PEER_NODE + 2); }),
                 testing::Contains("2 ZEB resume comm to 200/11 is pending already."));
     for (zeb_resume_comm_t &resume : resumes)
         list_del(&resume.list);
 
-    int ack_num = g_zeb_mng.sync_inst_ack_num;
-    g_zeb_mng.sync_inst_ack_num = ZEB_ACK_RESEND_NUM_MAX;
-    zeb_msg_t *returned = zeb_msg_alloc(56, 1, 0);
-    returned->hdr.dst_app = PEER;
-    returned->hdr.dst_node = 3;
-    EXPECT_EQ(logged(E, [&] { zeb_resend_sync_inst_ack_later(returned); }),
+    int ack_num = g_zeb_handshake.sync_inst_ack_num.load();
+    g_zeb_handshake.sync_inst_ack_num = ZEB_ACK_RESEND_NUM_MAX;
+    zeb_msg_sync_inst_t body = {1, 1, 1, 0, 600};
+    zeb_msg_t *returned = zeb_new_sync_inst_ack_msg(APP, {PEER, 3}, &body);
+    EXPECT_EQ(logged(E, [&] { zeb_process_return_sync(returned); }),
               lines_t({"3 ZEB drop sync inst ack to 200/3, too many come back."}));
-    g_zeb_mng.sync_inst_ack_num = ack_num;
+    free(returned);
+    g_zeb_handshake.sync_inst_ack_num = ack_num;
 }
 
 TEST_F(zeb_mng_sync, a_pair_record_gives_0_until_it_exists)
 {
-    uint32_t seq = 9;
-    zeb_get_inst_send_seq(APP, PEER, 1, &seq);
-    EXPECT_EQ(seq, 0u);
-    EXPECT_EQ(zeb_get_pseq_for_inst_ack(APP, 1, PEER), 0);
-    zeb_update_inst_send_seq(APP, PEER, 1, 44);
-    zeb_get_inst_send_seq(APP, PEER, 1, &seq);
-    EXPECT_EQ(seq, 44u);
-    EXPECT_EQ(zeb_get_pseq_for_inst_ack(APP, 1, PEER), 44) << "both identities are 0, hence equal";
-    EXPECT_EQ(logged(E, [] { zeb_get_inst_recv_seq(APP, PEER, 1, nullptr); }), lines_t({"3 Invalid param."}));
+    zeb_scoped_lock lock(&g_lib_mutex);
+    EXPECT_EQ(zeb_get_inst_recv_seq(&g_zeb_handshake, APP, {PEER, 1}), 0u);
+    EXPECT_EQ(zeb_get_pseq_for_inst_ack(&g_zeb_handshake, APP, {PEER, 1}), 0u);
+    zeb_inst_id_t *id = zeb_get_or_add_inst_id(&g_zeb_handshake, APP, {PEER, 1});
+    id->send_seq = 44;
+    id->recv_seq = 45;
+    EXPECT_EQ(zeb_get_inst_recv_seq(&g_zeb_handshake, APP, {PEER, 1}), 45u);
+    EXPECT_EQ(zeb_get_pseq_for_inst_ack(&g_zeb_handshake, APP, {PEER, 1}), 44u) << "both identities are 0, hence equal";
 }
 
 TEST_F(zeb_mng_sync, a_quit_forgets_only_the_first_pair_record_and_retry_of_the_instance)
 {
     start_app(101);
-    zeb_update_inst_sync_id(APP, PEER, 1, 5);
-    zeb_update_inst_sync_id(101, PEER, 1, 5);
+    pair_of(APP, PEER, 1)->sync_id = 5;
+    pair_of(101, PEER, 1)->sync_id = 5;
     zeb_scoped_lock lock(&g_lib_mutex);
-    __zeb_clear_inst_id(PEER, 1);
+    zeb_clear_inst_id(&g_zeb_handshake, {PEER, 1});
     EXPECT_EQ(__zeb_get_inst_id(APP, PEER, 1), nullptr);
     EXPECT_NE(__zeb_get_inst_id(101, PEER, 1), nullptr);
 }
@@ -662,17 +659,20 @@ TEST_F(zeb_mng_sync, an_acknowledgement_that_cannot_be_sent_is_only_counted)
     EXPECT_TRUE(zeb_app_instance(PEER, PEER_NODE));
     EXPECT_TRUE(fake_tipc::take_sent().empty());
     zeb_scoped_lock lock(&g_lib_mutex);
-    EXPECT_TRUE(list_empty(&g_zeb_mng.sync_inst_ack_list));
-    EXPECT_TRUE(list_empty(&g_zeb_mng.inst_sync_list));
+    EXPECT_TRUE(list_empty(&g_zeb_handshake.sync_inst_ack_list));
+    EXPECT_TRUE(list_empty(&g_zeb_handshake.inst_sync.list));
 }
 
 TEST_F(zeb_mng_sync, the_older_acknowledgement_can_be_sent_alone)
 {
-    EXPECT_THAT(logged(V, [] { EXPECT_EQ(zeb_sync_app_inst_ack(APP, PEER_NODE, PEER, 77, 1), 0); }),
+    EXPECT_THAT(logged(V,
+                       [] {
+                           EXPECT_EQ(zeb_sync_app_inst_ack(APP, {PEER, PEER_NODE}, 77, true), 0);
+                       }),
                 testing::Contains("0 ZEB app 100 sync inst ack to 200/9, seq 77."));
     EXPECT_EQ(fake_tipc::take_sent().at(0).bytes.size(), 60u);
     fault::fail_next("sendto", EHOSTUNREACH);
-    EXPECT_EQ(zeb_sync_app_inst_ack(APP, PEER_NODE, PEER, 77, 1), -1);
+    EXPECT_EQ(zeb_sync_app_inst_ack(APP, {PEER, PEER_NODE}, 77, true), -1);
 }
 
 TEST_F(zeb_mng_sync, pending_synchronisations_are_found_by_all_their_marks)
@@ -685,7 +685,6 @@ TEST_F(zeb_mng_sync, pending_synchronisations_are_found_by_all_their_marks)
     EXPECT_EQ(zeb_del_inst_sync_msg(APP, PEER, PEER_NODE, my_seq + 1), -ENOENT);
     EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE + 1));
     EXPECT_EQ(zeb_del_inst_sync_msg(APP, PEER, PEER_NODE, my_seq), 0);
-    EXPECT_EQ(zeb_del_sync_inst_retry(APP, PEER, PEER_NODE), -ENOENT);
 }
 
 TEST_F(zeb_mng_sync, a_resume_is_taken_by_its_sequence_and_else_is_all_zero)
@@ -694,12 +693,12 @@ TEST_F(zeb_mng_sync, a_resume_is_taken_by_its_sequence_and_else_is_all_zero)
     zeb_try_resume_comm(PEER, 2);
     uint32_t seq = take_timers().at(1).seq;
     zeb_resume_comm_t none = zeb_del_resume_comm(seq + 1);
-    EXPECT_EQ(none.seq + none.dst_app + none.dst_node, 0u);
+    EXPECT_EQ(none.seq + none.dst.app + none.dst.node, 0u);
     zeb_resume_comm_t taken = zeb_del_resume_comm(seq);
     EXPECT_EQ(taken.seq, seq);
     EXPECT_EQ(taken.src_app, 0u) << "never filled";
-    EXPECT_EQ(taken.dst_app, PEER);
-    EXPECT_EQ(taken.dst_node, 2u);
+    EXPECT_EQ(taken.dst.app, PEER);
+    EXPECT_EQ(taken.dst.node, 2u);
     EXPECT_EQ(zeb_del_resume_comm(seq).seq, 0u);
 }
 

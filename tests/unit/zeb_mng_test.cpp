@@ -1,9 +1,11 @@
 // Registration and library start.
 #include <fcntl.h>
 
+#include "handshake.h"
 #include "lib_test.h"
 #include "zeb_mng.h"
-#include "zeb_mng_online.h"
+#include "zeb_slot.h"
+#include "zeb_tipc.h"
 #include "zeb_mng_recv.h"
 
 class zeb_mng : public lib_test

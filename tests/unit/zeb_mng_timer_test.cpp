@@ -1,9 +1,8 @@
 // Timers over the topology service, and the monitor's dump.
+#include "handshake.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
-#include "zeb_mng.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_timer.h"
+#include "zeb_slot.h"
 
 class zeb_mng_timer : public lib_test
 {
@@ -125,7 +124,7 @@ TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_never_started_again)
 {
     fault::fail_next("send", EPIPE);
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
-    EXPECT_TRUE(zeb_timer_inst_retry_open);
+    EXPECT_TRUE(g_zeb_handshake.timer_inst_retry_open);
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0) << "taken for pending";
     EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
 }
@@ -134,7 +133,7 @@ TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_not_started_on_a_new_c
 {
     fault::fail_next("send", EPIPE);
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
-    zeb_timer_forget_lost();
+    zeb_topology_reopened();
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
     EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
 }
@@ -143,7 +142,7 @@ TEST_F(zeb_mng_timer, a_retry_timer_lost_with_its_connection_can_be_started_agai
 {
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
     (void)fake_tipc::take_subscriptions();
-    zeb_timer_forget_lost();
+    zeb_topology_reopened();
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
     EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
 }
@@ -154,7 +153,7 @@ TEST_F(zeb_mng_timer, a_retry_timer_that_found_no_connection_can_be_started_on_t
     g_zeb_mng.subscr_sd = -1;
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
     g_zeb_mng.subscr_sd = sd;
-    zeb_timer_forget_lost();
+    zeb_topology_reopened();
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
     EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
 }

@@ -4,7 +4,8 @@
 #include "zeb_dbg.h"
 #include "zeb_dm.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng.h"
+#include "zeb_rpc.h"
+#include "zeb_slot.h"
 
 #include <atomic>
 #include <csignal>

@@ -4,7 +4,7 @@
 #include "lib_test.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng.h"
+#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
 #include "zeb_rpc.h"
 

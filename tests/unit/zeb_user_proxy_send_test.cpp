@@ -1,9 +1,8 @@
 // zeb_send and zeb_sendto.
+#include "handshake.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng_online.h"
-#include "zeb_mng_sync.h"
 #include "zeb_user_proxy.h"
 
 #include <fcntl.h>
@@ -262,16 +261,17 @@ TEST_F(zeb_user_proxy_send, sending_drops_a_returned_acknowledgement_towards_the
     peer_online(3);
     peer_online(4);
     for (uint32_t node : {3u, 4u}) {
-        zeb_msg_t *ack = zeb_msg_alloc(24, 1, 0);
-        zeb_encode_msg_hdr(ack, ZEB_MSG_FLAG_SYNC, APP, NODE, PEER, node, 0, 0);
-        zeb_resend_sync_inst_ack_later(ack);
+        zeb_msg_sync_inst_t body = {1, 1, 1, 0, 600};
+        zeb_msg_t *ack = zeb_new_sync_inst_ack_msg(APP, {PEER, node}, &body);
+        zeb_process_return_sync(ack);
+        free(ack);
     }
     EXPECT_EQ(zeb_sendto(APP, 3, PEER, msg_, 0), 0);
     zeb_scoped_lock lock(&g_lib_mutex);
-    ASSERT_FALSE(list_empty(&g_zeb_mng.sync_inst_ack_list));
-    struct list_head *left = g_zeb_mng.sync_inst_ack_list.next;
-    EXPECT_EQ(list_entry(left, zeb_msg_t, list)->hdr.dst_node, 4u);
-    EXPECT_EQ(left->next, &g_zeb_mng.sync_inst_ack_list);
+    ASSERT_FALSE(list_empty(&g_zeb_handshake.sync_inst_ack_list));
+    struct list_head *left = g_zeb_handshake.sync_inst_ack_list.next;
+    EXPECT_EQ(list_record<zeb_returned_ack_t>(left)->dst.node, 4u);
+    EXPECT_EQ(left->next, &g_zeb_handshake.sync_inst_ack_list);
 }
 
 TEST_F(zeb_user_proxy_send, every_failed_write_is_counted_for_its_instance)

@@ -1,10 +1,10 @@
 // Every byte that leaves the process.
+#include "handshake.h"
 #include "wire_test.h"
 
 #include <sys/socket.h>
 
 #include "zeb_mng_msg.h"    // for calls alone: no path of the library ends in these two
-#include "zeb_mng_online.h" // messages
 
 using wire::operator+;
 using wire::bytes_t;
@@ -177,7 +177,7 @@ TEST_F(zeb_wire_bytes, both_acknowledgements_in_one_payload)
 TEST_F(zeb_wire_bytes, the_acknowledgement_of_the_older_version_alone)
 {
     run();
-    ASSERT_EQ(zeb_sync_app_inst_ack(MY_APP, OTHER_NODE, OTHER_APP, OTHER_SEQ, 1), 0);
+    ASSERT_EQ(zeb_sync_app_inst_ack(MY_APP, {OTHER_APP, OTHER_NODE}, OTHER_SEQ, true), 0);
     auto datagrams = take_datagrams();
     ASSERT_EQ(datagrams.size(), 1u);
     EXPECT_EQ(wire::hex(datagrams[0]), head("0000003c") + "00180002" + word(OTHER_SEQ) + word(pid_) +

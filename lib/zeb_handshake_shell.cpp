@@ -1,0 +1,450 @@
+#include "zeb_handshake_shell.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "platform/list_algo.h"
+#include "zeb_app_info.h"
+#include "zeb_dbg.h"
+#include "zeb_flow_ctrl.h"
+#include "zeb_flow_ctrl_stat.h"
+#include "zeb_mng_msg.h"
+#include "zeb_rpc.h"
+#include "zeb_tipc.h"
+
+zeb_handshake_t g_zeb_handshake;
+
+// What is carried out once g_lib_mutex is released.
+typedef enum later_kind_e : int {
+    LATER_RESEND_SYNC,
+    LATER_SEND_ACK,
+    LATER_JOIN,
+    LATER_QUIT,
+} later_kind_t;
+
+typedef struct later_s {
+    struct list_head list;
+    later_kind_t kind;
+    uint32_t my_app;
+    zeb_inst_t peer;
+    zeb_msg_sync_inst_ack_t body; // of the message; a SYNC_INST has no pseq
+} later_t;
+
+static void do_later(void *ctx, later_kind_t kind, uint32_t my_app, zeb_inst_t peer,
+                     const zeb_msg_sync_inst_ack_t *body)
+{
+    later_t *later = (later_t *)zeb_malloc(sizeof(later_t));
+    later->kind = kind;
+    later->my_app = my_app;
+    later->peer = peer;
+    if (body != nullptr)
+        later->body = *body;
+    list_add_tail(&later->list, (struct list_head *)ctx);
+}
+
+// Effects that are carried out at once.
+
+static uint32_t get_seq(void *)
+{
+    return zeb_get_seq();
+}
+
+static uint32_t get_id(void *)
+{
+    return (uint32_t)getpid();
+}
+
+static bool is_server(void *, uint32_t my_app)
+{
+    return zeb_is_app_server(my_app);
+}
+
+static int start_timer(void *, unsigned seconds, zeb_timer_t timer)
+{
+    if (zeb_start_timer(seconds, timer) == 0)
+        return 0;
+    return g_zeb_mng.subscr_sd == -1 ? -ENOTCONN : -1;
+}
+
+static int send_sync(void *, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body)
+{
+    zeb_msg_t *msg = zeb_new_sync_inst_msg(src_app, dst, body);
+    int ret = zeb_tipc_sendto(src_app, msg, dst.app, dst.node, 0);
+    free(msg);
+    return ret;
+}
+
+static int resend_ack(void *, const zeb_returned_ack_t *ack)
+{
+    ack->msg->hdr.seq = ack->timer_seq;
+    return zeb_tipc_sendto(ack->src_app, ack->msg, ack->dst.app, ack->dst.node, 0);
+}
+
+static void count(void *, zeb_hs_count_t what, uint32_t my_app, zeb_inst_t peer, int type)
+{
+    switch (what) {
+    case ZEB_HS_SENT:
+        zeb_mng_stat_update_sent(my_app, peer.app, peer.node, type);
+        return;
+    case ZEB_HS_SEND_FAILED:
+        zeb_mng_stat_update_send_fail(peer.app, peer.node, my_app);
+        return;
+    case ZEB_HS_RECEIVED:
+        zeb_mng_stat_update_recv(my_app, peer.app, peer.node, type);
+        return;
+    }
+}
+
+static void forget_peer(void *, uint32_t my_app, zeb_inst_t peer, bool was_online)
+{
+    zeb_fc_reset_unack(my_app, peer.app, peer.node);
+    if (!was_online)
+        return;
+    zeb_clean_mng_msg_stat(my_app, peer.app, peer.node);
+    zeb_discard_app_msg(my_app, peer.app, peer.node);
+}
+
+static void end_calls(void *, uint32_t my_app, zeb_inst_t peer)
+{
+    (void)zeb_terminate_rpc(my_app, peer.app, peer.node);
+}
+
+static void unsubscribe(void *, uint32_t app)
+{
+    (void)zeb_unsubscr_app_events(zeb_tipc_instance({app, 0}), zeb_tipc_instance({app, 0xFFFF}));
+}
+
+static bool log_on(void *, zeb_dbg_level_t level)
+{
+    return zeb_log_on(level);
+}
+
+static void log(void *, zeb_dbg_level_t level, const char *file, int line, const char *format, ...)
+    __attribute__((format(printf, 5, 6)));
+
+static void log(void *, zeb_dbg_level_t level, const char *file, int line, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    zeb_vlog_line(level, file, line, format, args);
+    va_end(args);
+}
+
+// Effects that are carried out later.
+
+static void resend_sync_later(void *ctx, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body)
+{
+    zeb_msg_sync_inst_ack_t without_pseq = {*body, 0};
+    do_later(ctx, LATER_RESEND_SYNC, src_app, dst, &without_pseq);
+}
+
+static void send_ack_later(void *ctx, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_ack_t *body)
+{
+    do_later(ctx, LATER_SEND_ACK, src_app, dst, body);
+}
+
+static void notify_join_later(void *ctx, uint32_t my_app, zeb_inst_t peer)
+{
+    do_later(ctx, LATER_JOIN, my_app, peer, nullptr);
+}
+
+static void notify_quit_later(void *ctx, uint32_t my_app, zeb_inst_t peer)
+{
+    do_later(ctx, LATER_QUIT, my_app, peer, nullptr);
+}
+
+static const zeb_hs_effects_t s_effects = {
+    get_seq,           get_id,      is_server, start_timer, send_sync, resend_sync_later,
+    send_ack_later,    resend_ack,  count,     forget_peer, end_calls, notify_join_later,
+    notify_quit_later, unsubscribe, log_on,    log,
+};
+
+static void resend_sync(const later_t *later)
+{
+    uint32_t app = later->my_app;
+    zeb_inst_t peer = later->peer;
+    uint32_t seq = later->body.sync.seq;
+    if (send_sync(nullptr, app, peer, &later->body.sync) != 0) {
+        ZEB_WARN("ZEB app %d sync inst to %d/%d, seq %d FAIL.\n", app, peer.app, peer.node, seq);
+        zeb_mng_stat_update_send_fail(peer.app, peer.node, app);
+        return;
+    }
+    ZEB_VERBOSE("ZEB app %d sync inst to %d/%d, seq %d SUCC.\n", app, peer.app, peer.node, seq);
+    zeb_mng_stat_update_sent(app, peer.app, peer.node, ZEB_MSG_SYNC_INST);
+}
+
+// Sends an acknowledgement and counts it.
+static int send_ack_msg(uint32_t src_app, zeb_inst_t dst, zeb_msg_t *msg, zeb_msg_type_t type)
+{
+    int ret = zeb_tipc_sendto(src_app, msg, dst.app, dst.node, 0);
+    if (ret == 0)
+        zeb_mng_stat_update_sent(src_app, dst.app, dst.node, type);
+    else
+        zeb_mng_stat_update_send_fail(dst.app, dst.node, src_app);
+    free(msg);
+    return ret;
+}
+
+static void send_ack(const later_t *later)
+{
+    zeb_inst_t peer = later->peer;
+    zeb_msg_t *msg = zeb_new_sync_inst_seq_ack_msg(later->my_app, peer, &later->body);
+    int ret = send_ack_msg(later->my_app, peer, msg, ZEB_MSG_SYNC_INST_SEQ_ACK);
+    ZEB_VERBOSE("ZEB app %d sync inst ack_anc to %d/%d, seq %d, pseq %d. ret:%d.\n", later->my_app, peer.app, peer.node,
+                later->body.sync.seq, later->body.pseq, ret);
+}
+
+static void queue_event(const later_t *later, zeb_event_type_t type)
+{
+    zeb_msg_t *msg = zeb_new_event_msg(later->my_app, type, later->peer.node, later->peer.app);
+    if (zeb_enqueue_event_msg(later->my_app, msg) != 0)
+        free(msg);
+}
+
+static void carry_out(const later_t *later)
+{
+    switch (later->kind) {
+    case LATER_RESEND_SYNC:
+        resend_sync(later);
+        return;
+    case LATER_SEND_ACK:
+        send_ack(later);
+        return;
+    case LATER_JOIN:
+        zeb_fc_adjust_statistics(later->my_app, later->peer.app, later->peer.node);
+        queue_event(later, ZEB_APP_JOIN);
+        return;
+    case LATER_QUIT:
+        queue_event(later, ZEB_APP_QUIT);
+        return;
+    }
+}
+
+void zeb_carry_out(struct list_head *later)
+{
+    list_each<later_t>(later, [](later_t *effect) {
+        carry_out(effect);
+        free(effect);
+    });
+}
+
+void zeb_handshake_start()
+{
+    if (g_zeb_handshake.effects != nullptr)
+        zeb_hs_clear(&g_zeb_handshake);
+    zeb_hs_init(&g_zeb_handshake, &s_effects, nullptr);
+}
+
+// An application may send or list before it registers: it finds nobody.
+__attribute__((constructor)) static void start_at_load() ZEB_NO_THREAD_SAFETY_ANALYSIS
+{
+    zeb_handshake_start();
+}
+
+// Who talks to whom.
+
+int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
+{
+    zeb_hs_add_comm_app(&g_zeb_handshake, src_app, dst_app);
+    return 0;
+}
+
+int zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
+{
+    if (zeb_get_app_mng(src_app) == nullptr) {
+        ZEB_ERROR("ZEB app %d does not registered.\n", src_app);
+        return -ENOENT;
+    }
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return __zeb_add_comm_app(src_app, dst_app);
+}
+
+void zeb_del_comm_app(uint32_t src_app)
+{
+    zeb_hs_del_comm_app(&g_zeb_handshake, src_app);
+}
+
+// Who is online.
+
+void zeb_get_app_server(uint32_t app, zeb_app_set_t *ol_srv)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    zeb_hs_get_app_server(&g_zeb_handshake, app, ol_srv);
+}
+
+bool zeb_get_app_server_on(uint32_t app, const uint32_t *nodes, int num, zeb_app_set_t *ol_srv)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return zeb_hs_get_app_server_on(&g_zeb_handshake, app, nodes, num, ol_srv);
+}
+
+bool zeb_has_app_server(const zeb_app_set_t *ol_srv)
+{
+    return ol_srv->blocks != 0;
+}
+
+zeb_inst_state_t zeb_get_inst_state(zeb_inst_t inst)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return zeb_hs_get_inst_state(&g_zeb_handshake, inst);
+}
+
+bool zeb_app_online(zeb_inst_t inst)
+{
+    return zeb_get_inst_state(inst).online;
+}
+
+bool zeb_app_instance(zeb_inst_t inst)
+{
+    return zeb_get_inst_state(inst).instance;
+}
+
+// Events.
+
+void zeb_subscr_tipc_events()
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    indexed_list_each(&g_zeb_handshake.ol_app, [](const zeb_ol_app_t *ol) {
+        (void)zeb_subscr_app_events(zeb_tipc_instance({ol->app_id, 0}), zeb_tipc_instance({ol->app_id, 0xFFFF}),
+                                    (uint32_t)TIPC_WAIT_FOREVER);
+    });
+}
+
+void zeb_inst_published(zeb_inst_t inst)
+{
+    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_published(hs, inst); });
+}
+
+void zeb_inst_withdrawn(zeb_inst_t inst)
+{
+    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_withdrawn(hs, inst); });
+}
+
+void zeb_topology_reopened()
+{
+    zeb_handshake_event([](zeb_handshake_t *hs) { zeb_hs_topology_reopened(hs); });
+}
+
+// Handles one element of a synchronisation message. False when its value is shorter than its record.
+static bool process_sync_item(const zeb_msg_hdr_t *hdr, const zeb_tlv_item_t *item)
+{
+    uint32_t my_app = hdr->dst_app;
+    zeb_inst_t peer = {hdr->src_app, hdr->src_node};
+    zeb_msg_sync_inst_ack_t body;
+    switch (item->type) {
+    case ZEB_MSG_SYNC_INST:
+        if (!zeb_get_sync_inst(item, &body.sync))
+            return false;
+        zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_recv_sync(hs, my_app, peer, hdr->zeb_ver, &body.sync); });
+        return true;
+    case ZEB_MSG_SYNC_INST_ACK:
+        if (hdr->zeb_ver != 1)
+            return true;
+        if (!zeb_get_sync_inst(item, &body.sync))
+            return false;
+        zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_recv_ack(hs, my_app, peer, &body.sync); });
+        return true;
+    case ZEB_MSG_SYNC_INST_SEQ_ACK:
+        if (hdr->zeb_ver != 2)
+            return true;
+        if (!zeb_get_sync_inst_ack(item, &body))
+            return false;
+        zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_recv_seq_ack(hs, my_app, peer, &body); });
+        return true;
+    default:
+        ZEB_WARN("ZEB app %d recv unexpected data type %d from %d/%d.\n", my_app, item->type, peer.app, peer.node);
+        return true;
+    }
+}
+
+// A sender or an addressee that cannot exist would leave records behind that nothing ever removes.
+static bool is_pair(const zeb_msg_t *msg)
+{
+    return zeb_get_app_mng(msg->hdr.dst_app) != nullptr && zeb_valid_inst(zeb_msg_sender(msg));
+}
+
+static bool has_room_for_pair(const zeb_msg_t *msg)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return zeb_hs_has_room_for_pair(&g_zeb_handshake, msg->hdr.dst_app, zeb_msg_sender(msg));
+}
+
+void zeb_sync_msg_process(zeb_msg_t *msg)
+{
+    const zeb_msg_hdr_t *hdr = &msg->hdr;
+    bool pair = is_pair(msg);
+    if (pair && !has_room_for_pair(msg)) {
+        ZEB_ERROR("ZEB app %d has no room for %d/%d.\n", hdr->dst_app, hdr->src_app, hdr->src_node);
+        free(msg);
+        return;
+    }
+    struct tlv_list_desc cursor = zeb_tlv_body(msg);
+    zeb_tlv_item_t item;
+    zeb_tlv_step_t step = pair ? zeb_tlv_next(&cursor, &item) : ZEB_TLV_INVALID;
+    for (; step == ZEB_TLV_ITEM; step = zeb_tlv_next(&cursor, &item)) {
+        ZEB_VERBOSE("ZEB app %d recv sync msg from %d/%d, data len %d, type %s.\n", hdr->dst_app, hdr->src_app,
+                    hdr->src_node, item.len, zeb_msg_type_string(item.type));
+        if (!process_sync_item(hdr, &item)) {
+            step = ZEB_TLV_INVALID;
+            break;
+        }
+    }
+    if (step == ZEB_TLV_INVALID)
+        ZEB_ERROR("ZEB recv invalid TLV section for %d from %d/%d .\n", hdr->dst_app, hdr->src_app, hdr->src_node);
+    free(msg);
+}
+
+void zeb_notify_app_join(uint32_t my_app, zeb_inst_t peer)
+{
+    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_recv_traffic(hs, my_app, peer); });
+}
+
+void zeb_process_return_sync(zeb_msg_t *msg)
+{
+    int type = 0;
+    uint32_t seq = 0;
+    if (!zeb_take_ack_ttl(msg, &type, &seq))
+        return;
+    zeb_returned_ack_t *ack = (zeb_returned_ack_t *)zeb_malloc(sizeof(zeb_returned_ack_t));
+    ack->src_app = msg->hdr.src_app;
+    ack->dst = zeb_msg_receiver(msg);
+    ack->ver = msg->hdr.zeb_ver;
+    ack->type = type;
+    ack->sync_seq = seq;
+    ack->msg = zeb_msg_alloc((int)zeb_msg_data_len(msg), 1, 0);
+    assert(ack->msg != NULL);
+    memcpy(&ack->msg->hdr, &msg->hdr, msg->hdr.len);
+    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_ack_returned(hs, ack); });
+}
+
+// Every send asks: without the lock when there is none at all, as there nearly always is.
+void zeb_del_reject_sync_inst_ack(uint32_t src_app, zeb_inst_t dst) ZEB_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (g_zeb_handshake.sync_inst_ack_num.load(std::memory_order_relaxed) == 0)
+        return;
+    zeb_scoped_lock lock(&g_lib_mutex);
+    zeb_hs_del_reject_acks(&g_zeb_handshake, src_app, dst);
+}
+
+int zeb_subscr_timer_event(uint64_t timeout, zeb_timer_t timer)
+{
+    if (timer.type != ZEB_TIMER_TYPE_INST_RETRY)
+        return zeb_start_timer(timeout, timer);
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return zeb_hs_start_timer(&g_zeb_handshake, (unsigned)timeout, timer);
+}
+
+void zeb_process_sync_timer_event(zeb_timer_t timer)
+{
+    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_timer(hs, timer); });
+}
+
+int zeb_sync_app_inst_ack(uint32_t src_app, zeb_inst_t dst, uint32_t seq, bool is_server)
+{
+    ZEB_VERBOSE("ZEB app %d sync inst ack to %d/%d, seq %d.\n", src_app, dst.app, dst.node, seq);
+    zeb_msg_sync_inst_t body = {seq, (uint32_t)getpid(), is_server ? 1u : 0u, 0, ZEB_SYNC_TTL};
+    return send_ack_msg(src_app, dst, zeb_new_sync_inst_ack_msg(src_app, dst, &body), ZEB_MSG_SYNC_INST_ACK);
+}

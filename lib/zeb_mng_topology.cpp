@@ -1,0 +1,103 @@
+#include "zeb_mng_topology.h"
+
+#include <cstring>
+#include <ctime>
+
+#include "zeb_dbg.h"
+#include "zeb_dm.h"
+#include "zeb_handshake_shell.h"
+#include "zeb_slot.h"
+#include "zeb_tipc.h"
+
+// Calls visit(instance) for each instance of the range, ascending; a range up to the highest number ends as well.
+template <typename Visit>
+static void each_instance(uint32_t lower, uint32_t upper, Visit visit)
+{
+    for (uint64_t i = lower; i <= upper; i++)
+        visit(zeb_inst_t{(uint32_t)(i >> 16), (uint32_t)(i & 0xFFFF)});
+}
+
+static void instances_published(uint32_t lower, uint32_t upper)
+{
+    ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] join.\n", lower, upper);
+    each_instance(lower, upper, [](zeb_inst_t inst) {
+        ZEB_WARN("ZEB perceived app %d/%d join.\n", inst.app, inst.node);
+        zeb_inst_published(inst);
+    });
+}
+
+static void instances_withdrawn(uint32_t lower, uint32_t upper)
+{
+    ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] quit.\n", lower, upper);
+    each_instance(lower, upper, [](zeb_inst_t inst) {
+        ZEB_WARN("ZEB perceived app %d/%d quit.\n", inst.app, inst.node);
+        zeb_inst_withdrawn(inst);
+    });
+}
+
+// An event names the whole published range, also where it goes beyond what was subscribed to. Anybody may publish all
+// there is: the instances of other applications are passed over, not walked.
+static void clip_to_subscription(struct tipc_event *event)
+{
+    const struct tipc_service_range *asked = &event->s.seq;
+    if (asked->type != ZEB_TIPC_NAME_TYPE)
+        return;
+    if (event->found_lower < asked->lower)
+        event->found_lower = asked->lower;
+    if (event->found_upper > asked->upper)
+        event->found_upper = asked->upper;
+}
+
+void zeb_process_tipc_subscr_event(struct tipc_event event)
+{
+    zeb_timer_t timer;
+    clip_to_subscription(&event);
+    switch (event.event) {
+    case TIPC_PUBLISHED:
+        instances_published(event.found_lower, event.found_upper);
+        return;
+    case TIPC_WITHDRAWN:
+        instances_withdrawn(event.found_lower, event.found_upper);
+        return;
+    case TIPC_SUBSCR_TIMEOUT:
+        memcpy(&timer, event.s.usr_handle, sizeof(timer));
+        zeb_process_tipc_timer_event(timer);
+        return;
+    default:
+        return;
+    }
+}
+
+void zeb_process_tipc_timer_event(zeb_timer_t timer)
+{
+    ZEB_VERBOSE("ZEB perceived timer event of type %d seq %d.\n", timer.type, timer.seq);
+    if (timer.type == ZEB_TIMER_TYPE_MONITOR)
+        zeb_process_monitor_timer_event(timer.seq);
+    else
+        zeb_process_sync_timer_event(timer);
+}
+
+void zeb_process_monitor_timer_event(uint32_t seq)
+{
+    char text[32] = "";
+    time_t now = time(nullptr);
+    (void)ctime_r(&now, text);
+    ZEB_VERBOSE("ZEB monitor timer: %s", text);
+
+    uint32_t app = g_zeb_mng.app[0].app_id.load(std::memory_order_acquire);
+    zeb_buf_printf_reset();
+    zeb_cli_print_lib_info(app);
+    zeb_buf_printf("\n");
+    zeb_cli_print_app_info(app);
+    zeb_buf_printf("\n");
+    zeb_cli_print_fc_stat(app);
+    zeb_buf_printf("\n");
+    zeb_cli_print_mng_stat(app);
+    zeb_buf_printf("\n");
+    zeb_cli_print_rpc_stat(app);
+    zeb_buf_printf("\n");
+
+    uint32_t next = 2 * (seq == 0 ? 1 : seq);
+    zeb_dm_record_stat();
+    (void)zeb_start_timer(next * ZEB_MONITOR_PERIOD, {ZEB_TIMER_TYPE_MONITOR, next});
+}

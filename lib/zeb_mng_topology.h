@@ -1,0 +1,17 @@
+// Events of the topology service: instances that are published and withdrawn, and timers that expire, each handed to
+// the area that takes it; and the monitor timer. Runs on the receive thread.
+#ifndef ZEB_MNG_TOPOLOGY_H
+#define ZEB_MNG_TOPOLOGY_H
+
+#include <cstdint>
+#include <linux/tipc.h>
+
+#include "zeb_timer.h"
+
+constexpr uint64_t ZEB_MONITOR_PERIOD = 1800; // seconds, doubled with every dump
+
+void zeb_process_tipc_subscr_event(struct tipc_event event);
+void zeb_process_tipc_timer_event(zeb_timer_t timer);
+void zeb_process_monitor_timer_event(uint32_t seq);
+
+#endif

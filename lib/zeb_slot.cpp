@@ -1,0 +1,52 @@
+#include "zeb_slot.h"
+
+#include "zeb_dbg.h"
+
+zeb_mutex_t g_lib_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
+zeb_mng_t g_zeb_mng;
+bool g_zeb_in_child;
+
+void zeb_clear_slot(zeb_app_mng_t *slot)
+{
+    slot->sd = 0;
+    slot->info = nullptr;
+    slot->fc = nullptr;
+    slot->rpc = nullptr;
+    slot->mng_stat = nullptr;
+}
+
+void zeb_clear_mng()
+{
+    g_zeb_mng.running = false;
+    g_zeb_mng.blocked_resume = false;
+    g_zeb_mng.subscr_sd = 0;
+    g_zeb_mng.lib_tid = 0;
+    for (zeb_app_mng_t &slot : g_zeb_mng.app) {
+        slot.app_id = 0;
+        zeb_clear_slot(&slot);
+    }
+}
+
+void zeb_notify_running()
+{
+    {
+        zeb_scoped_lock lock(&g_lib_mutex);
+        g_zeb_mng.running = true;
+    }
+    zeb_cond_broadcast(&g_zeb_mng.running_cond);
+}
+
+void zeb_wait_for_running()
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    while (!g_zeb_mng.running) {
+        struct timespec deadline = zeb_deadline_in(1);
+        (void)zeb_cond_wait_until(&g_zeb_mng.running_cond, &g_lib_mutex, &deadline);
+    }
+}
+
+bool zeb_refuse_child(const char *call)
+{
+    ZEB_ERROR("ZEB %s called in a child of the process that runs the library.\n", call);
+    return true;
+}

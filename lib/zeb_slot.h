@@ -1,0 +1,77 @@
+// The process's record: the slots of its applications, where each area asks for its own record of an application, and
+// the state of its life: started, running, or a forked child. Slots are claimed in order and never freed. Registration
+// writes under g_lib_mutex; the application id is written last, so a lookup without the lock sees a whole slot.
+#ifndef ZEB_SLOT_H
+#define ZEB_SLOT_H
+
+#include <atomic>
+#include <cstdint>
+#include <pthread.h>
+
+#include "zeb_lock.h"
+
+constexpr int ZEB_APP_SLOT_NUM = 32; // the last slot stays free and ends every scan
+
+// Guards the slots against a second writer, the running state, and the handshake's record. Recursive: registration
+// holds it while it calls code that takes it again. The outermost of our locks: every other may be taken under it. No
+// application callback runs under it.
+extern zeb_mutex_t g_lib_mutex;
+
+// One application of this process.
+typedef struct zeb_app_mng_s {
+    std::atomic<uint32_t> app_id; // 0: free. Written last, with release order
+    int sd;                       // the application's TIPC socket
+    struct zeb_app_info_s *info;
+    struct zeb_fc_s *fc;
+    struct zeb_app_rpc_wait_s *rpc;
+    struct zeb_mng_stat_s *mng_stat;
+} zeb_app_mng_t;
+
+typedef struct zeb_mng_s {
+    bool running ZEB_GUARDED_BY(g_lib_mutex);
+    std::atomic<bool> blocked_resume;
+    int subscr_sd; // topology connection, -1 when closed; the receive thread's once that has started
+    pthread_t lib_tid;
+    zeb_cond_t running_cond;
+    zeb_app_mng_t app[ZEB_APP_SLOT_NUM];
+} zeb_mng_t;
+
+extern zeb_mng_t g_zeb_mng;
+
+// The slot of an application, or null when it is not registered here.
+static inline zeb_app_mng_t *zeb_get_app_mng(uint32_t app)
+{
+    uint32_t id = 0;
+    for (zeb_app_mng_t *slot = g_zeb_mng.app; (id = slot->app_id.load(std::memory_order_acquire)) != 0; slot++) {
+        if (id == app)
+            return slot;
+    }
+    return nullptr;
+}
+
+// Calls visit(slot) for each used slot in order.
+template <typename Visit>
+static inline void zeb_each_app_mng(Visit visit)
+{
+    for (zeb_app_mng_t *slot = g_zeb_mng.app; slot->app_id.load(std::memory_order_acquire) != 0; slot++)
+        visit(slot);
+}
+
+void zeb_clear_slot(zeb_app_mng_t *slot); // one without application id
+void zeb_clear_mng() ZEB_REQUIRES(g_lib_mutex);
+
+void zeb_notify_running();
+void zeb_wait_for_running();
+
+// True in a child that a process with a started library forked. It has one thread, locks that others may have held at
+// the fork, and the parent's sockets: every exported call that needs any of these is refused.
+extern bool g_zeb_in_child;
+
+bool zeb_refuse_child(const char *call); // with the line that says so
+
+static inline bool zeb_in_child(const char *call)
+{
+    return __builtin_expect(static_cast<long>(g_zeb_in_child), 0) != 0 && zeb_refuse_child(call);
+}
+
+#endif
