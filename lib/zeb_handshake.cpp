@@ -68,34 +68,36 @@ static void begin_anew(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
 
 // The topology service.
 
-static void rejoin_later(zeb_handshake_t *hs, zeb_inst_t inst)
-{
-    zeb_del_rejoin(hs, inst);
-    uint32_t seq = hs->effects->get_seq(hs->ctx);
-    if (zeb_hs_start_timer(hs, ZEB_REJOIN_TIMEOUT, {ZEB_TIMER_TYPE_RESUME, seq}) == 0)
-        zeb_add_rejoin(hs, seq, inst);
-}
-
 void zeb_hs_published(zeb_handshake_t *hs, zeb_inst_t inst)
 {
-    // A timer of the last report may have been lost with a further connection.
-    bool known = zeb_has_rejoin(hs, inst) || (hs->topology_reopened && zeb_hs_get_inst_state(hs, inst).instance);
+    // A peer whose own connection held still takes us for known, and would take ours for a repetition.
+    uint32_t resume = zeb_take_unreported(hs, inst) ? 1 : 0;
     zeb_app_inst_force_quit(hs, inst);
-    bool sent = zeb_app_inst_join(hs, inst, 0);
-    if (known || !sent)
-        rejoin_later(hs, inst);
+    // A peer that could not be asked is asked after the time-out.
+    if (!zeb_app_inst_join(hs, inst, resume))
+        zeb_try_resume_comm(hs, inst);
 }
 
 void zeb_hs_withdrawn(zeb_handshake_t *hs, zeb_inst_t inst)
 {
-    zeb_del_rejoin(hs, inst);
+    (void)zeb_take_unreported(hs, inst);
     zeb_app_inst_quit(hs, inst);
 }
 
 void zeb_hs_topology_reopened(zeb_handshake_t *hs)
 {
-    hs->timer_inst_retry_open = hs->retry_start_failed;
-    hs->topology_reopened = true;
+    hs->timer_inst_retry_open = false;
+    zeb_expect_reports(hs);
+}
+
+void zeb_hs_topology_reported(zeb_handshake_t *hs)
+{
+    indexed_list_each(&hs->ol_app, [&](zeb_ol_app_t *ol) {
+        zeb_app_set_each(&ol->unreported_bmp, [&](uint32_t node) {
+            HS_WARN(hs, "ZEB perceived app %d/%d quit.\n", ol->app_id, node);
+            zeb_hs_withdrawn(hs, {ol->app_id, node});
+        });
+    });
 }
 
 // A SYNC_INST arrives.
@@ -114,9 +116,10 @@ void zeb_start_retry_inst_timer(zeb_handshake_t *hs, uint8_t peer_version, uint3
 }
 
 // What a SYNC_INST means for what we knew of the peer.
-static void update_peer_state(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body)
+static void update_peer_state(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body,
+                              bool other_process)
 {
-    if (body->resume != 0) {
+    if (body->resume != 0 || other_process) {
         begin_anew(hs, peer, 0);
         return;
     }
@@ -156,18 +159,28 @@ static void send_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint
     hs->effects->send_ack(hs->ctx, my_app, peer, &ack);
 }
 
+// True when the instance is online and another process than that one now holds its name.
+static bool is_other_process(const zeb_handshake_t *hs, zeb_inst_t peer, const zeb_inst_id_t *id, uint32_t process_id)
+{
+    return zeb_hs_get_inst_state(hs, peer).online && id->sync_id == id->sync_ack_id && id->sync_id != 0 &&
+           process_id != 0 && process_id != id->sync_id;
+}
+
 void zeb_recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body)
 {
-    zeb_get_or_add_inst_id(hs, my_app, peer)->sync_id = body->id;
+    zeb_inst_id_t *known = zeb_get_or_add_inst_id(hs, my_app, peer);
+    bool other_process = is_other_process(hs, peer, known, body->id);
+    known->sync_id = body->id;
     HS_VERBOSE(hs, "ZEB app %d recv sync inst from %d/%d resume:%d, seq:%d\n", my_app, peer.app, peer.node,
                body->resume, body->seq);
-    update_peer_state(hs, my_app, peer, body);
+    update_peer_state(hs, my_app, peer, body, other_process);
     zeb_set_app_inst(hs, peer);
     // The record may be another than above: a quit frees it.
     zeb_inst_id_t *id = zeb_get_or_add_inst_id(hs, my_app, peer);
     id->recv_seq = body->seq;
     id->sync_server = body->is_server;
     send_ack(hs, my_app, peer, body->seq);
+    id->sync_id = body->id;
     zeb_try_notify_app_join(hs, my_app, peer);
     zeb_try_resume_comm(hs, peer);
 }
@@ -178,6 +191,9 @@ void zeb_hs_recv_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uin
     zeb_start_retry_inst_timer(hs, ver, my_app, peer);
     hs->effects->count(hs->ctx, ZEB_HS_RECEIVED, my_app, peer, ZEB_MSG_SYNC_INST);
     zeb_recv_inst_sync(hs, my_app, peer, body);
+    // When the pair begins anew, our synchronisation is pending only now.
+    if (zeb_has_sync_inst_of(hs, my_app, peer))
+        zeb_start_retry_inst_timer(hs, ver, my_app, peer);
 }
 
 // An acknowledgement arrives.
@@ -214,6 +230,9 @@ void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, 
     if (pseq == 0 || pseq != recv_seq) {
         HS_VERBOSE(hs, "ZEB app %d recv from %d/%d ack pseq %d invalid, need seq %d.\n", my_app, peer.app, peer.node,
                    pseq, recv_seq);
+        // The peer knows us and took our synchronisation for a repetition; its own we have forgotten.
+        if (pseq != 0 && !zeb_hs_get_inst_state(hs, peer).instance && zeb_has_sync_inst_seq(hs, my_app, peer, seq))
+            begin_anew(hs, peer, 1);
         return;
     }
     if (zeb_del_inst_sync(hs, my_app, peer, seq) != 0) {
@@ -299,34 +318,8 @@ void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t)
         (void)zeb_hs_start_timer(hs, ZEB_INST_RETRY_TIMEOUT, {ZEB_TIMER_TYPE_INST_RETRY, 0});
 }
 
-// A peer that was online with us forgets our identity when it begins anew, and then us, with our acknowledgement. A
-// further synchronisation makes such a peer begin once more; one that is online takes it for a repetition. And it goes
-// to those that the first one did not reach.
-static void synchronise_again(zeb_handshake_t *hs, zeb_inst_t inst)
-{
-    zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
-    if (ol != nullptr)
-        zeb_each_subscr_app(ol, [&](uint32_t subscr) { (void)zeb_sync_app_inst(hs, subscr, inst, 0); });
-}
-
-static void rejoin_timer(zeb_handshake_t *hs, zeb_inst_t inst)
-{
-    if (zeb_hs_get_inst_state(hs, inst).online) {
-        synchronise_again(hs, inst);
-        return;
-    }
-    HS_WARN(hs, "ZEB rejoin app %d/%d.\n", inst.app, inst.node);
-    begin_anew(hs, inst, 1);
-    rejoin_later(hs, inst);
-}
-
 void zeb_process_resume_timer_event(zeb_handshake_t *hs, uint32_t seq)
 {
-    zeb_inst_t inst;
-    if (zeb_take_rejoin(hs, seq, &inst)) {
-        rejoin_timer(hs, inst);
-        return;
-    }
     zeb_resume_comm_t resume = zeb_del_resume_comm(hs, seq);
     if (resume.seq == 0)
         return; // a join or a quit has dropped it meanwhile
@@ -340,11 +333,8 @@ int zeb_hs_start_timer(zeb_handshake_t *hs, unsigned seconds, zeb_timer_t timer)
     if (retry && hs->timer_inst_retry_open)
         return 0;
     if (retry)
-        hs->timer_inst_retry_open = true; // stays set when the start fails: no retry timer is started again
-    int ret = hs->effects->start_timer(hs->ctx, seconds, timer);
-    if (ret != 0 && ret != -ENOTCONN && retry)
-        hs->retry_start_failed = true;
-    return ret == 0 ? 0 : -1;
+        hs->timer_inst_retry_open = true; // stays set when the start fails, until the connection is a new one
+    return hs->effects->start_timer(hs->ctx, seconds, timer);
 }
 
 void zeb_hs_timer(zeb_handshake_t *hs, zeb_timer_t timer)

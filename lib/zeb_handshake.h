@@ -56,13 +56,6 @@ typedef struct zeb_resume_comm_s {
     zeb_inst_t dst;
 } zeb_resume_comm_t;
 
-// An instance whose report is not enough to bring the pair online: it is asked again.
-typedef struct zeb_rejoin_s {
-    struct list_head list;
-    uint32_t seq; // of its timer, one of the resume type
-    zeb_inst_t inst;
-} zeb_rejoin_t;
-
 // An acknowledgement of ours that came back and waits for being sent again.
 typedef struct zeb_returned_ack_s {
     struct list_head list;
@@ -90,6 +83,7 @@ typedef struct zeb_ol_app_s {
     zeb_app_set_t inst_bmp;           // has synchronised with us
     zeb_app_set_t inst_ack_bmp;       // has acknowledged our synchronisation
     zeb_app_set_t ol_bmp;             // both, and the identities agree
+    zeb_app_set_t unreported_bmp;     // known before the topology connection was lost, not reported by the new one yet
     struct list_head subscr_app_list; // zeb_subscr_app_t
 } zeb_ol_app_t;
 
@@ -108,8 +102,7 @@ typedef struct zeb_hs_effects_s {
     uint32_t (*get_id)(void *ctx);                 // this process's id
     bool (*is_server)(void *ctx, uint32_t my_app); // whether it has dispatchers
 
-    // Starts a timer; its expiry comes in as zeb_hs_timer. 0; -ENOTCONN without a topology connection; -1 when it could
-    // not be started.
+    // Starts a timer; its expiry comes in as zeb_hs_timer. 0, or -1 when it could not be started.
     int (*start_timer)(void *ctx, unsigned seconds, zeb_timer_t timer);
 
     // Sends a SYNC_INST. 0, or the error.
@@ -146,20 +139,16 @@ typedef struct zeb_handshake_s {
     const zeb_hs_effects_t *effects;
     void *ctx;                                  // of the effects
     bool timer_inst_retry_open;                 // a retry timer is pending: at most one is
-    bool retry_start_failed;                    // on an open connection: the flag above stays set for good
-    bool topology_reopened;                     // the topology connection was lost at least once
     indexed_list<zeb_ol_app_t> ol_app;          // by application
     indexed_list<zeb_inst_id_t> inst_id;        // by instance, as are the others
     indexed_list<zeb_pending_sync_t> inst_sync; // our unacknowledged SYNC_INSTs, in the order in which they were sent
     indexed_list<zeb_retry_inst_t> inst_retry;
     struct list_head resume_comm_list;   // zeb_resume_comm_t
-    struct list_head rejoin_list;        // zeb_rejoin_t
     struct list_head sync_inst_ack_list; // zeb_returned_ack_t
     std::atomic<int> sync_inst_ack_num;  // of sync_inst_ack_list; may be read without the caller's lock
 } zeb_handshake_t;
 
 constexpr unsigned ZEB_RESUME_TIMEOUT = 60;    // seconds
-constexpr unsigned ZEB_REJOIN_TIMEOUT = 5;     // seconds
 constexpr unsigned ZEB_RESEND_ACK_TIMEOUT = 1; // seconds
 constexpr unsigned ZEB_INST_RETRY_TIMEOUT = 2; // seconds
 
@@ -193,7 +182,11 @@ zeb_inst_state_t zeb_hs_get_inst_state(const zeb_handshake_t *hs, zeb_inst_t ins
 // Events of the topology service.
 void zeb_hs_published(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_hs_withdrawn(zeb_handshake_t *hs, zeb_inst_t inst);
-void zeb_hs_topology_reopened(zeb_handshake_t *hs); // timers that were pending on the lost connection never expire
+
+// The topology connection was lost and is open again: timers that were pending never expire, and each instance that
+// still exists is reported once more. When all are, the others were withdrawn meanwhile.
+void zeb_hs_topology_reopened(zeb_handshake_t *hs);
+void zeb_hs_topology_reported(zeb_handshake_t *hs);
 
 // False when the pair is not known and no more can be: messages of the peer are refused.
 bool zeb_hs_has_room_for_pair(const zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer);

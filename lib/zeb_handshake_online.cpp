@@ -113,6 +113,30 @@ static bool take_server(zeb_ol_app_t *ol, uint32_t node)
     return server;
 }
 
+// What a new topology connection has still to report.
+
+static void add_nodes(zeb_app_set_t *to, const zeb_app_set_t *from)
+{
+    zeb_app_set_each(from, [&](uint32_t node) { (void)zeb_app_set_add(to, node); });
+}
+
+void zeb_expect_reports(zeb_handshake_t *hs)
+{
+    indexed_list_each(&hs->ol_app, [](zeb_ol_app_t *ol) {
+        add_nodes(&ol->unreported_bmp, &ol->inst_bmp);
+        add_nodes(&ol->unreported_bmp, &ol->inst_ack_bmp);
+    });
+}
+
+bool zeb_take_unreported(zeb_handshake_t *hs, zeb_inst_t inst)
+{
+    zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
+    if (ol == nullptr || !zeb_app_set_test(&ol->unreported_bmp, inst.node))
+        return false;
+    zeb_app_set_del(&ol->unreported_bmp, inst.node);
+    return true;
+}
+
 // Join.
 
 void zeb_try_notify_app_join(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t inst)

@@ -9,14 +9,11 @@ void zeb_hs_init(zeb_handshake_t *hs, const zeb_hs_effects_t *effects, void *ctx
     hs->effects = effects;
     hs->ctx = ctx;
     hs->timer_inst_retry_open = false;
-    hs->retry_start_failed = false;
-    hs->topology_reopened = false;
     indexed_list_init(&hs->ol_app);
     indexed_list_init(&hs->inst_id);
     indexed_list_init(&hs->inst_sync);
     indexed_list_init(&hs->inst_retry);
     INIT_LIST_HEAD(&hs->resume_comm_list);
-    INIT_LIST_HEAD(&hs->rejoin_list);
     INIT_LIST_HEAD(&hs->sync_inst_ack_list);
     hs->sync_inst_ack_num = 0;
 }
@@ -35,7 +32,6 @@ void zeb_hs_clear(zeb_handshake_t *hs)
     indexed_list_clear(&hs->inst_sync);
     indexed_list_clear(&hs->inst_retry);
     free_all<zeb_resume_comm_t>(&hs->resume_comm_list);
-    free_all<zeb_rejoin_t>(&hs->rejoin_list);
     list_each<zeb_returned_ack_t>(&hs->sync_inst_ack_list,
                                   [&](zeb_returned_ack_t *ack) { zeb_drop_returned_ack(hs, ack); });
     zeb_hs_init(hs, hs->effects, hs->ctx);
@@ -136,10 +132,21 @@ static bool any_pending(const zeb_pending_sync_t *)
     return true;
 }
 
+static zeb_pending_sync_t *find_pending_seq(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t seq)
+{
+    return find_pending(hs, dst, [&](const zeb_pending_sync_t *pending) {
+        return pending->src_app == src_app && pending->body.seq == seq;
+    });
+}
+
+bool zeb_has_sync_inst_seq(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t seq)
+{
+    return find_pending_seq(hs, src_app, dst, seq) != nullptr;
+}
+
 int zeb_del_inst_sync(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t seq)
 {
-    zeb_pending_sync_t *pending = find_pending(
-        hs, dst, [&](const zeb_pending_sync_t *sync) { return sync->src_app == src_app && sync->body.seq == seq; });
+    zeb_pending_sync_t *pending = find_pending_seq(hs, src_app, dst, seq);
     if (pending == nullptr)
         return -ENOENT;
     drop_pending(hs, pending);
@@ -249,42 +256,6 @@ zeb_resume_comm_t zeb_del_resume_comm(zeb_handshake_t *hs, uint32_t seq)
         &hs->resume_comm_list, [&](const zeb_resume_comm_t *resume) { return resume->seq == seq; },
         [&](const zeb_resume_comm_t *resume) { last = *resume; });
     return last;
-}
-
-// Rejoins.
-
-void zeb_add_rejoin(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t inst)
-{
-    zeb_rejoin_t *rejoin = (zeb_rejoin_t *)zeb_malloc(sizeof(zeb_rejoin_t));
-    rejoin->seq = seq;
-    rejoin->inst = inst;
-    list_add_tail(&rejoin->list, &hs->rejoin_list);
-}
-
-bool zeb_has_rejoin(const zeb_handshake_t *hs, zeb_inst_t inst)
-{
-    for (const struct list_head *link = hs->rejoin_list.next; link != &hs->rejoin_list; link = link->next) {
-        if (zeb_same_inst(list_entry(link, zeb_rejoin_t, list)->inst, inst))
-            return true;
-    }
-    return false;
-}
-
-void zeb_del_rejoin(zeb_handshake_t *hs, zeb_inst_t inst)
-{
-    (void)list_remove_matching<zeb_rejoin_t>(
-        &hs->rejoin_list, [&](const zeb_rejoin_t *rejoin) { return zeb_same_inst(rejoin->inst, inst); });
-}
-
-bool zeb_take_rejoin(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t *inst)
-{
-    zeb_rejoin_t *rejoin =
-        list_take_first<zeb_rejoin_t>(&hs->rejoin_list, [&](const zeb_rejoin_t *record) { return record->seq == seq; });
-    if (rejoin == nullptr)
-        return false;
-    *inst = rejoin->inst;
-    free(rejoin);
-    return true;
 }
 
 // Returned acknowledgements.

@@ -1,4 +1,4 @@
-// What the handshake's core remembers: pairs, pending synchronisations, retries, resumes, rejoins, returned
+// What the handshake's core remembers: pairs, pending synchronisations, retries, resumes, returned
 // acknowledgements, and the sets of who is online. For the core's own files.
 #ifndef ZEB_HANDSHAKE_RECORD_H
 #define ZEB_HANDSHAKE_RECORD_H
@@ -31,6 +31,7 @@ int zeb_del_inst_sync(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uin
 void zeb_del_inst_syncs_of(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 void zeb_clear_sync_inst(zeb_handshake_t *hs, zeb_inst_t dst); // of all applications
 bool zeb_has_sync_inst(const zeb_handshake_t *hs, zeb_inst_t dst);
+bool zeb_has_sync_inst_seq(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t seq);
 bool zeb_has_sync_inst_of(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 
 // Retries.
@@ -44,12 +45,6 @@ bool zeb_has_room_for_resume(const zeb_handshake_t *hs, zeb_inst_t dst);
 void zeb_clear_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst);
 zeb_resume_comm_t zeb_del_resume_comm(zeb_handshake_t *hs, uint32_t seq);
 
-// Rejoins.
-void zeb_add_rejoin(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t inst);
-bool zeb_has_rejoin(const zeb_handshake_t *hs, zeb_inst_t inst);
-void zeb_del_rejoin(zeb_handshake_t *hs, zeb_inst_t inst);
-bool zeb_take_rejoin(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t *inst); // false: the timer is another's
-
 // Returned acknowledgements. Both free the record and its message.
 void zeb_drop_returned_ack(zeb_handshake_t *hs, zeb_returned_ack_t *ack);
 void zeb_free_returned_ack(zeb_returned_ack_t *ack); // one that is not on the list
@@ -59,6 +54,8 @@ void zeb_set_app_server(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_set_app_inst(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_set_app_inst_ack(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_try_notify_app_join(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t inst);
+void zeb_expect_reports(zeb_handshake_t *hs);                       // of every instance that is known
+bool zeb_take_unreported(zeb_handshake_t *hs, zeb_inst_t inst);     // true when it was; it is reported now
 void zeb_app_inst_quit(zeb_handshake_t *hs, zeb_inst_t inst);       // withdrawn
 void zeb_app_inst_force_quit(zeb_handshake_t *hs, zeb_inst_t inst); // before a synchronisation
 void zeb_app_inst_try_quit(zeb_handshake_t *hs, zeb_inst_t inst);   // only when it is online

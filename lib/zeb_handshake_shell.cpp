@@ -64,9 +64,7 @@ static bool is_server(void *, uint32_t my_app)
 
 static int start_timer(void *, unsigned seconds, zeb_timer_t timer)
 {
-    if (zeb_start_timer(seconds, timer) == 0)
-        return 0;
-    return g_zeb_mng.subscr_sd == -1 ? -ENOTCONN : -1;
+    return zeb_start_timer(seconds, timer);
 }
 
 static int send_sync(void *, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body)
@@ -326,6 +324,11 @@ void zeb_inst_withdrawn(zeb_inst_t inst)
 void zeb_topology_reopened()
 {
     zeb_handshake_event([](zeb_handshake_t *hs) { zeb_hs_topology_reopened(hs); });
+}
+
+void zeb_topology_reported()
+{
+    zeb_handshake_event([](zeb_handshake_t *hs) { zeb_hs_topology_reported(hs); });
 }
 
 // Handles one element of a synchronisation message. False when its value is shorter than its record.

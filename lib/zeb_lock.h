@@ -135,6 +135,13 @@ static inline struct timespec zeb_deadline_in(unsigned seconds)
     return deadline;
 }
 
+static inline bool zeb_deadline_passed(const struct timespec *deadline)
+{
+    struct timespec now;
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec > deadline->tv_sec || (now.tv_sec == deadline->tv_sec && now.tv_nsec >= deadline->tv_nsec);
+}
+
 // Waits until signalled or `deadline`. Returns 0 or ETIMEDOUT; anything else ends the process.
 static inline int zeb_cond_wait_until(zeb_cond_t *cond, zeb_mutex_t *mutex, const struct timespec *deadline)
     ZEB_REQUIRES(mutex)

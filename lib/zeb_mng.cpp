@@ -56,9 +56,33 @@ static void *receive_thread_fun(void *arg)
     return zeb_socket_msg_dist_thread_fun(arg);
 }
 
+// The child has no use for the library's sockets, and as long as it held them the names would outlive the parent.
 static void enter_child() ZEB_NO_THREAD_SAFETY_ANALYSIS
 {
     g_zeb_in_child = g_lib_inited;
+    if (!g_lib_inited)
+        return;
+    zeb_each_app_mng([](zeb_app_mng_t *slot) {
+        (void)close(slot->sd);
+        slot->sd = -1;
+    });
+    if (g_zeb_mng.subscr_sd != -1)
+        close_subscription_socket();
+}
+
+// Neither can be taken back, so they come last. Returns false with the line that says so.
+static bool add_process_callbacks()
+{
+    static bool s_exit_added; // by an earlier start that failed afterwards
+    if (!s_exit_added && atexit(zeb_lib_atexit) != 0) {
+        ZEB_ERROR("ZEB add exit callback failed.\n");
+        return false;
+    }
+    s_exit_added = true;
+    int err = pthread_atfork(nullptr, nullptr, enter_child);
+    if (err != 0)
+        ZEB_ERROR("ZEB add fork callback failed: %s.\n", strerror(err));
+    return err == 0;
 }
 
 static int start_receive_thread()
@@ -69,8 +93,7 @@ static int start_receive_thread()
         ZEB_ERROR("ZEB create socket msg distribute thread failed: %s.\n", strerror(ret));
         return -ret;
     }
-    if (atexit(zeb_lib_atexit) != 0) {
-        ZEB_ERROR("ZEB add exit callback failed.\n");
+    if (!add_process_callbacks()) {
         (void)pthread_cancel(g_zeb_mng.lib_tid);
         (void)pthread_join(g_zeb_mng.lib_tid, nullptr);
         return -1;
@@ -88,11 +111,6 @@ static int init_lib() ZEB_REQUIRES(g_lib_mutex)
     zeb_init_seq();
     zeb_clear_mng();
     zeb_handshake_start();
-    int err = pthread_atfork(nullptr, nullptr, enter_child);
-    if (err != 0) {
-        ZEB_ERROR("ZEB add fork callback failed: %s.\n", strerror(err));
-        return -1;
-    }
     if (!init_running_cond())
         return -1;
     g_zeb_mng.subscr_sd = zeb_create_subscription_socket();

@@ -74,6 +74,7 @@ static void check_online_app(report_t *report, zeb_ol_app_t *ol) ZEB_REQUIRES(g_
     check_set(report, &ol->inst_bmp, "inst_bmp", app);
     check_set(report, &ol->inst_ack_bmp, "inst_ack_bmp", app);
     check_set(report, &ol->ol_bmp, "ol_bmp", app);
+    check_set(report, &ol->unreported_bmp, "unreported_bmp", app);
     zeb_app_set_each(&ol->ol_bmp, [&](uint32_t node) {
         expect(report, zeb_app_set_test(&ol->inst_bmp, node), "%u/%u is online and not known\n", app, node);
         expect(report, zeb_app_set_test(&ol->inst_ack_bmp, node), "%u/%u is online and has not acknowledged\n", app,
@@ -122,7 +123,6 @@ static void check_pairs(report_t *report) ZEB_REQUIRES(g_lib_mutex)
     (void)indexed_list_is_whole(report, &g_zeb_handshake.inst_sync, "inst_sync_list");
     (void)indexed_list_is_whole(report, &g_zeb_handshake.inst_retry, "sync_inst_retry_list");
     (void)list_is_whole(report, &g_zeb_handshake.resume_comm_list, "resume_comm_list", 0);
-    (void)list_is_whole(report, &g_zeb_handshake.rejoin_list, "rejoin_list", 0);
     check_returned_acks(report);
 }
 

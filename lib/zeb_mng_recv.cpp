@@ -239,8 +239,8 @@ static void queue_streamed(zeb_app_info_t *app_info, zeb_msg_t *msg)
         signal_queued();
 }
 
-// Hands a message to the area that takes it.
-static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
+// Hands a message to the area that takes it. True when it was queued without waking its proxy thread.
+static bool route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     uint32_t src_app = msg->hdr.src_app;
     uint32_t src_node = msg->hdr.src_node;
@@ -249,32 +249,33 @@ static void route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
         signal_queued();
     if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
         zeb_sync_msg_process(msg);
-        return;
+        return false;
     }
     if (!zeb_valid_app_id(src_app) || !zeb_valid_node_id(src_node)) {
         refuse_sender(msg, app_info->app_id);
-        return;
+        return false;
     }
     zeb_inst_state_t sender = zeb_get_inst_state({src_app, src_node});
     if (app_info->app_id != ZEBD_APP_ID && src_app != ZEBD_APP_ID && !sender.instance) {
         zeb_socket_recv_drop_msg(msg);
-        return;
+        return false;
     }
     if (!sender.online) // the application is notified of the sender before it sees the message
         zeb_notify_app_join(msg->hdr.dst_app, {src_app, src_node});
     if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0) {
         zeb_mng_msg_process(msg);
-        return;
+        return false;
     }
     if (zeb_is_rpc_reply(msg)) {
         if (zeb_rpc_add_reply(msg) != 0)
             free(msg);
-        return;
+        return false;
     }
     if (streamed)
         queue_streamed(app_info, msg);
     else
         zeb_enqueue_msg_dist(msg, app_info);
+    return streamed;
 }
 
 static zeb_msg_t *recv_buf()
@@ -303,7 +304,7 @@ static zeb_msg_t *take_received(int len)
     return msg;
 }
 
-void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
+bool zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
 {
     uint32_t app = app_info->app_id;
     ZEB_VERBOSE("ZEB app %d recv new msg.\n", app);
@@ -314,25 +315,25 @@ void zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
     if (len < 0) {
         ZEB_ERROR("ZEB recv app %d msg failed: %s.\n", app, strerror(errno));
         zeb_fc_update_recv_exception(app);
-        return;
+        return false;
     }
     if (len == 0)
-        return; // a returned message, handled with the ancillary data
+        return false; // a returned message, handled with the ancillary data
     constexpr int len_max = ZEB_MSG_HDR_LEN + ZEB_MSG_MAX_DATA;
     if (len < ZEB_MSG_HDR_LEN || head->hdr.len != (uint32_t)len || len > len_max) {
         ZEB_ERROR("ZEB app %d recv msg len %d, expectedly %d.\n", app, len, head->hdr.len);
         zeb_fc_update_recv_exception(app);
         zeb_dump_msg_raw(&head->hdr, len);
-        return;
+        return false;
     }
     zeb_msg_t *msg = take_received(len);
     if (!zeb_verify_recv_msg_hdr(app, msg)) {
         zeb_fc_update_recv_exception(app);
         zeb_dump_msg_hdr_info(msg);
         free(msg);
-        return;
+        return false;
     }
-    route_msg(app_info, msg);
+    return route_msg(app_info, msg);
 }
 
 int zeb_socket_recv_tipc_event()
@@ -368,13 +369,18 @@ static void build_poll_set(poll_set_t *set)
 
 static void close_topology_connection()
 {
-    (void)shutdown(g_zeb_mng.subscr_sd, SHUT_RDWR);
-    (void)close(g_zeb_mng.subscr_sd);
-    g_zeb_mng.subscr_sd = -1;
+    int sd = g_zeb_mng.subscr_sd;
+    g_zeb_mng.subscr_sd = -1; // first: a child forked now must not close the number a second time
+    (void)shutdown(sd, SHUT_RDWR);
+    (void)close(sd);
 }
 
-// Timers that were pending on the lost connection are not started again; the subscriptions of applications are, and so
-// every instance is reported once more.
+// Every instance that still exists is reported once more, at once: what a new connection has not reported after this
+// many seconds and with nothing left to read was withdrawn meanwhile.
+constexpr unsigned REPORT_TIME = 2;
+
+static struct timespec s_report_deadline; // 0: nothing is awaited
+
 static void reopen_topology_connection(poll_set_t *set)
 {
     g_zeb_mng.subscr_sd = zeb_create_subscription_socket();
@@ -385,7 +391,16 @@ static void reopen_topology_connection(poll_set_t *set)
     }
     zeb_topology_reopened();
     zeb_subscr_tipc_events();
+    s_report_deadline = zeb_deadline_in(REPORT_TIME);
     watch(&set->fds[0], g_zeb_mng.subscr_sd);
+}
+
+static void end_reports(bool event)
+{
+    if (s_report_deadline.tv_sec == 0 || event || g_zeb_mng.subscr_sd == -1 || !zeb_deadline_passed(&s_report_deadline))
+        return;
+    s_report_deadline.tv_sec = 0;
+    zeb_topology_reported();
 }
 
 // One datagram per readable socket and turn, so that a busy socket does not starve the others.
@@ -404,12 +419,14 @@ static void poll_once(poll_set_t *set)
         return;
     if (event && zeb_socket_recv_tipc_event() != 0)
         close_topology_connection();
-    if (ready > 0) {
-        for (nfds_t i = 0; i < set->app_num; i++) {
-            if (set->fds[i + 1].revents != 0)
-                zeb_socket_recv_app_msg(set->app[i]);
-        }
+    bool only_streams = true;
+    for (nfds_t i = 0; ready > 0 && i < set->app_num; i++) {
+        if (set->fds[i + 1].revents != 0 && !zeb_socket_recv_app_msg(set->app[i]))
+            only_streams = false;
     }
+    if (!only_streams) // a socket that is kept readable by something else must not hold up what is queued
+        signal_queued();
+    end_reports(event);
     if (g_zeb_mng.subscr_sd == -1)
         reopen_topology_connection(set);
 }

@@ -14,7 +14,7 @@ constexpr int ZEB_POLL_TIMEOUT_MS = 2000;
 
 void *zeb_socket_msg_dist_thread_fun(void *arg);
 
-void zeb_socket_recv_app_msg(zeb_app_info_t *app_info);
+bool zeb_socket_recv_app_msg(zeb_app_info_t *app_info); // true: queued without waking the proxy thread
 int zeb_socket_recv_tipc_event();
 int zeb_recvfrom_anc(uint32_t app, int sd, void *buf, size_t len, int flags, struct sockaddr *addr,
                      socklen_t *addr_len);

@@ -155,16 +155,13 @@ static void reset_handshake()
     indexed_list_clear(&hs->inst_sync);
     indexed_list_clear(&hs->inst_retry);
     free_all<zeb_resume_comm_t>(&hs->resume_comm_list);
-    free_all<zeb_rejoin_t>(&hs->rejoin_list);
     list_each<zeb_returned_ack_t>(&hs->sync_inst_ack_list,
                                   [&](zeb_returned_ack_t *ack) { zeb_drop_returned_ack(hs, ack); });
     indexed_list_each(&hs->ol_app, [](zeb_ol_app_t *ol) {
-        for (zeb_app_set_t *set : {&ol->srv_bmp, &ol->inst_bmp, &ol->inst_ack_bmp, &ol->ol_bmp})
+        for (zeb_app_set_t *set : {&ol->srv_bmp, &ol->inst_bmp, &ol->inst_ack_bmp, &ol->ol_bmp, &ol->unreported_bmp})
             set->blocks = 0;
     });
-    hs->topology_reopened = false;
     hs->timer_inst_retry_open = false;
-    hs->retry_start_failed = false;
 }
 
 void reset()

@@ -426,99 +426,142 @@ static std::pair<uint32_t, uint32_t> resume_timer()
     return timer;
 }
 
-TEST_F(zeb_mng_sync, an_instance_reported_once_more_by_a_reopened_connection_is_resumed_until_it_is_online)
+TEST_F(zeb_mng_sync, a_known_instance_reported_by_a_reopened_connection_is_asked_to_begin_anew_once)
 {
     peer_online();
-    g_zeb_handshake.topology_reopened = true;
+    zeb_topology_reopened();
     peer_published();
     EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
     auto sent = fake_tipc::take_sent();
     ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sync_word(sent[0].bytes, 3), 0u) << "a synchronisation like any other";
+    EXPECT_EQ(sync_word(sent[0].bytes, 3), 1u) << "the resume mark";
 
-    for (int i = 0; i < 3; i++) {
-        auto timer = resume_timer();
-        ASSERT_EQ(timer.first, 5000u);
-        zeb_process_resume_timer_event(timer.second);
-        sent = fake_tipc::take_sent();
-        ASSERT_EQ(sent.size(), 1u);
-        EXPECT_EQ(sync_word(sent[0].bytes, 3), 1u) << "asks the peer to begin anew";
-    }
-    auto last = resume_timer();
     peer_syncs(PEER_SEQ + 1);
     ack(sync_word(sent[0].bytes, 0), PEER_SEQ + 1);
     ASSERT_TRUE(zeb_app_online(PEER, PEER_NODE));
     (void)fake_tipc::take_sent();
-    zeb_process_resume_timer_event(last.second);
+    for (const started_t &timer : take_timers())
+        zeb_process_tipc_subscr_event(fake_tipc::timer_event(timer.type, timer.seq));
     EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
-    EXPECT_EQ(resume_timer().first, 0u);
-    sent = fake_tipc::take_sent();
-    ASSERT_EQ(sent.size(), 1u) << "for a peer that has forgotten our acknowledgement";
-    EXPECT_EQ(sync_word(sent[0].bytes, 3), 0u);
+    EXPECT_TRUE(fake_tipc::take_sent().empty()) << "nothing more";
 }
 
-TEST_F(zeb_mng_sync, an_instance_that_a_synchronisation_could_not_be_sent_to_is_tried_again)
+TEST_F(zeb_mng_sync, an_instance_that_was_not_known_before_is_synchronised_as_a_new_one)
+{
+    zeb_topology_reopened();
+    peer_published();
+    EXPECT_EQ(sync_word(fake_tipc::take_sent().at(0).bytes, 3), 0u);
+}
+
+TEST_F(zeb_mng_sync, a_connection_lost_again_before_it_reported_an_instance_does_not_forget_it)
+{
+    peer_online();
+    zeb_topology_reopened();
+    zeb_topology_reopened();
+    peer_published();
+    EXPECT_EQ(sync_word(fake_tipc::take_sent().at(0).bytes, 3), 1u);
+}
+
+TEST_F(zeb_mng_sync, a_peer_that_takes_our_synchronisation_for_a_repetition_is_asked_to_begin_anew)
+{
+    peer_online();
+    peer_published(); // the name was withdrawn and published; the peer saw nothing of that
+    uint32_t my_seq = sent_seq();
+    ack(my_seq, PEER_SEQ); // it names its last synchronisation, which we have forgotten
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sync_word(sent[0].bytes, 3), 1u);
+    ack(my_seq, PEER_SEQ);
+    EXPECT_TRUE(fake_tipc::take_sent().empty()) << "once for each of our synchronisations";
+    peer_syncs(PEER_SEQ + 1);
+    ack(sync_word(sent[0].bytes, 0), PEER_SEQ + 1);
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+}
+
+TEST_F(zeb_mng_sync, a_peer_that_does_not_name_us_is_never_asked_to_begin_anew)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    ack(my_seq, 0);
+    for (const started_t &timer : take_timers())
+        zeb_process_tipc_subscr_event(fake_tipc::timer_event(timer.type, timer.seq));
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+}
+
+TEST_F(zeb_mng_sync, an_instance_that_a_reopened_connection_does_not_report_is_withdrawn)
+{
+    peer_online();
+    peer_online(PEER_NODE + 1);
+    (void)take_timers();
+    zeb_topology_reopened();
+    EXPECT_TRUE(take_timers().empty()) << "no timer is started then";
+    peer_published(PEER_NODE + 1);
+    (void)take_seen();
+    EXPECT_EQ(logged(W, [] { zeb_topology_reported(); }), lines_t({"2 ZEB perceived app 200/9 quit."}));
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+    seen_t seen = take_seen();
+    ASSERT_EQ(seen.events.size(), 1u);
+    EXPECT_EQ(seen.events[0].type, (uint32_t)ZEB_APP_QUIT);
+    EXPECT_EQ(seen.events[0].event.app.node, PEER_NODE);
+    EXPECT_TRUE(zeb_has_sync_inst_msg(PEER, PEER_NODE + 1)) << "the reported one goes on";
+    EXPECT_TRUE(logged(W, [] { zeb_topology_reported(); }).empty());
+}
+
+TEST_F(zeb_mng_sync, an_instance_that_nothing_could_be_sent_to_is_resumed_after_60_s)
 {
     fault::fail_next("sendto", EHOSTUNREACH);
     peer_published();
     EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
     auto timer = resume_timer();
-    ASSERT_EQ(timer.first, 5000u);
+    ASSERT_EQ(timer.first, 60000u);
     zeb_process_resume_timer_event(timer.second);
     EXPECT_NE(sent_seq(), 0u);
     EXPECT_TRUE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
+    EXPECT_EQ(resume_timer().first, 0u) << "not for ever";
 }
 
-TEST_F(zeb_mng_sync,
-       a_synchronisation_that_did_not_reach_one_of_two_applications_is_sent_again_although_the_other_is_online)
+// Beginning anew.
+
+TEST_F(zeb_mng_sync, another_process_under_the_name_of_an_online_instance_begins_the_pair_anew)
 {
-    start_app(101);
+    peer_online();
+    (void)take_seen();
     (void)fake_tipc::take_sent();
-    fault::fail_next("sendto", EHOSTUNREACH, 1, 1); // that of the second
-    peer_published();
-    auto timer = resume_timer();
-    uint32_t seq = sent_seq();
-    peer_syncs();
-    ack(seq, PEER_SEQ);
-    ASSERT_TRUE(zeb_app_online(PEER, PEER_NODE)) << "by the first";
-    (void)fake_tipc::take_sent();
-    zeb_process_resume_timer_event(timer.second);
-    std::vector<uint32_t> from;
-    for (const fake_tipc::sent_t &sent : fake_tipc::take_sent())
-        from.push_back(wire::header_of(sent.bytes).src_app);
-    EXPECT_EQ(from, std::vector<uint32_t>({APP, 101}));
+    receive(wire::message(from_peer(wire::SYNC), wire::sync_inst(PEER_SEQ + 1, PEER_PID + 1, 1, 0)));
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+    seen_t seen = take_seen();
+    ASSERT_EQ(seen.events.size(), 1u);
+    EXPECT_EQ(seen.events[0].type, (uint32_t)ZEB_APP_QUIT);
+    uint32_t my_seq = sent_seq();
+    ASSERT_NE(my_seq, 0u);
+    EXPECT_EQ(retries(), lines_t({"100->200/9"})) << "until the old process has gone, it may get what is sent";
+    ack(my_seq, PEER_SEQ, PEER_PID); // the old process: another synchronisation is its last
+    EXPECT_FALSE(zeb_app_online(PEER, PEER_NODE));
+    ack(my_seq, PEER_SEQ + 1, PEER_PID + 1);
     EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
 }
 
-TEST_F(zeb_mng_sync, an_instance_reported_by_a_second_new_connection_before_it_is_online_is_resumed_as_well)
+TEST_F(zeb_mng_sync, the_same_process_or_none_stays_a_repetition)
 {
     peer_online();
-    g_zeb_handshake.topology_reopened = true;
-    peer_published();
-    ASSERT_EQ(resume_timer().first, 5000u);
-    peer_published(); // that timer was lost with its connection
-    EXPECT_EQ(resume_timer().first, 5000u);
-    EXPECT_EQ(list_length(&g_zeb_handshake.rejoin_list), 1);
-}
-
-TEST_F(zeb_mng_sync, an_instance_that_was_not_known_before_is_not_resumed_by_its_report)
-{
-    g_zeb_handshake.topology_reopened = true;
-    peer_published();
-    EXPECT_EQ(resume_timer().first, 0u);
-}
-
-TEST_F(zeb_mng_sync, a_withdrawal_ends_the_resuming_of_a_reported_instance)
-{
-    peer_online();
-    g_zeb_handshake.topology_reopened = true;
-    peer_published();
-    auto timer = resume_timer();
-    peer_withdrawn();
+    (void)take_seen();
     (void)fake_tipc::take_sent();
-    zeb_process_resume_timer_event(timer.second);
-    EXPECT_TRUE(fake_tipc::take_sent().empty());
-    EXPECT_EQ(resume_timer().first, 0u);
+    for (uint32_t id : {PEER_PID, 0u}) {
+        receive(wire::message(from_peer(wire::SYNC), wire::sync_inst(PEER_SEQ + 1, id, 1, 0)));
+        EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+        EXPECT_EQ(fake_tipc::take_sent().size(), 1u) << "the acknowledgement";
+    }
+    EXPECT_TRUE(take_seen().events.empty());
+}
+
+TEST_F(zeb_mng_sync, a_peer_that_begins_anew_is_known_by_its_identity_when_it_acknowledges)
+{
+    peer_online();
+    receive(wire::message(from_peer(wire::SYNC), wire::sync_inst(PEER_SEQ + 1, PEER_PID, 1, 1)));
+    uint32_t my_seq = sent_seq();
+    EXPECT_EQ(retries(), lines_t({"100->200/9"}));
+    ack(my_seq, PEER_SEQ + 1);
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
 }
 
 TEST_F(zeb_mng_sync, retrying_goes_on_with_the_next_synchronisation_when_its_timer_was_lost)
@@ -529,12 +572,10 @@ TEST_F(zeb_mng_sync, retrying_goes_on_with_the_next_synchronisation_when_its_tim
     (void)fake_tipc::take_subscriptions();
     zeb_topology_reopened();
     peer_syncs();
-    auto started = fake_tipc::take_subscriptions();
-    ASSERT_EQ(started.size(), 1u);
-    uint32_t words[7];
-    memcpy(words, started[0].data(), sizeof(words));
-    EXPECT_EQ(words[3], 2000u);
-    EXPECT_EQ(words[5], (uint32_t)ZEB_TIMER_TYPE_INST_RETRY);
+    auto timers = take_timers();
+    ASSERT_EQ(timers.size(), 1u);
+    EXPECT_EQ(timers[0].ms, 2000u);
+    EXPECT_EQ(timers[0].type, (uint32_t)ZEB_TIMER_TYPE_INST_RETRY);
 }
 
 TEST_F(zeb_mng_sync, a_peer_that_repeats_its_synchronisation_makes_no_more_than_16_resumes)

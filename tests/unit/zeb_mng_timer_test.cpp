@@ -120,7 +120,7 @@ TEST_F(zeb_mng_timer, a_short_start_is_a_failure)
               lines_t({"3 ZEB send timer subscription msg failed: Input/output error.", ","}));
 }
 
-TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_never_started_again)
+TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_not_started_again_on_the_same_connection)
 {
     fault::fail_next("send", EPIPE);
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
@@ -129,22 +129,26 @@ TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_never_started_again)
     EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
 }
 
-TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_not_started_on_a_new_connection_either)
+// Whether a retry timer can be started on the connection that follows.
+static void expect_start_on_a_new_connection()
+{
+    zeb_topology_reopened();
+    (void)fake_tipc::take_subscriptions();
+    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
+    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
+}
+
+TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_started_on_a_new_connection)
 {
     fault::fail_next("send", EPIPE);
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
-    zeb_topology_reopened();
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
-    EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
+    expect_start_on_a_new_connection();
 }
 
 TEST_F(zeb_mng_timer, a_retry_timer_lost_with_its_connection_can_be_started_again)
 {
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
-    (void)fake_tipc::take_subscriptions();
-    zeb_topology_reopened();
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
-    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
+    expect_start_on_a_new_connection();
 }
 
 TEST_F(zeb_mng_timer, a_retry_timer_that_found_no_connection_can_be_started_on_the_next_one)
@@ -153,9 +157,7 @@ TEST_F(zeb_mng_timer, a_retry_timer_that_found_no_connection_can_be_started_on_t
     g_zeb_mng.subscr_sd = -1;
     EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
     g_zeb_mng.subscr_sd = sd;
-    zeb_topology_reopened();
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
-    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
+    expect_start_on_a_new_connection();
 }
 
 TEST_F(zeb_mng_timer, timers_of_the_other_types_are_started_side_by_side)

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <future>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -75,22 +76,20 @@ static int every_call()
 TEST_F(zeb_process, in_a_child_every_call_is_refused_at_once_even_with_all_locks_held)
 {
     start_app();
-    std::atomic<bool> held{false};
-    std::atomic<bool> done{false};
+    std::promise<void> held;
+    std::promise<void> done; // waited for without a call that the tests count: the child may not wait for their lock
     std::thread other([&] {
         zeb_app_mng_t *slot = zeb_get_app_mng(APP);
         zeb_scoped_lock all(&g_lib_mutex);
         zeb_scoped_lock queue(&slot->info->mutex);
         zeb_scoped_lock flow(&slot->fc->mutex);
         zeb_scoped_lock calls(&slot->rpc->mutex);
-        held = true;
-        while (!done)
-            std::this_thread::yield();
+        held.set_value();
+        done.get_future().wait();
     });
-    while (!held)
-        std::this_thread::yield();
+    held.get_future().wait();
     EXPECT_EQ(in_child(every_call), 0);
-    done = true;
+    done.set_value();
     other.join();
 }
 
