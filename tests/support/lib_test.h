@@ -44,6 +44,10 @@ class lib_test : public ::testing::Test
 
     // Hands `app` one datagram as the receive thread would.
     void receive(const wire::bytes_t &datagram, uint32_t app = APP);
+    void receive_item(const fake_tipc::item_t &item, uint32_t app = APP);
+
+    // A timer of that type expires, as the topology service reports it.
+    static void timer_expires(uint32_t type, uint32_t seq);
 
     // The peer's side of the handshake, from its publication to online.
     void peer_published(uint32_t node = PEER_NODE, uint32_t peer = PEER);
