@@ -34,6 +34,7 @@ void fail_broadcast(const pthread_cond_t *cond, int err);
 
 // Calls since the last reset, failed ones included.
 int count(const std::string &call);
+int failed(const std::string &call); // of those, the ones that a test had fail
 
 // Names of the recorded calls in order, "close(sd)" and the like without arguments.
 std::vector<std::string> log();

@@ -108,6 +108,11 @@ void lib_test::receive(const wire::bytes_t &datagram, uint32_t app)
 void lib_test::receive_item(const fake_tipc::item_t &item, uint32_t app)
 {
     fake_tipc::queue_item(sd(app), item);
+    read_once(app);
+}
+
+void lib_test::read_once(uint32_t app)
+{
     zeb_socket_recv_app_msg(zeb_get_app_info(app));
 }
 

@@ -45,6 +45,7 @@ class lib_test : public ::testing::Test
     // Hands `app` one datagram as the receive thread would.
     void receive(const wire::bytes_t &datagram, uint32_t app = APP);
     void receive_item(const fake_tipc::item_t &item, uint32_t app = APP);
+    static void read_once(uint32_t app = APP); // what is queued for it
 
     // A timer of that type expires, as the topology service reports it.
     static void timer_expires(uint32_t type, uint32_t seq);
