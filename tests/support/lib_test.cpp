@@ -127,6 +127,11 @@ void lib_test::peer_published(uint32_t node, uint32_t peer)
     zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_PUBLISHED, instance, instance));
 }
 
+void lib_test::peer_published_everywhere(uint32_t peer)
+{
+    zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_PUBLISHED, peer << 16, peer << 16 | 0xFFFF));
+}
+
 void lib_test::peer_withdrawn(uint32_t node, uint32_t peer)
 {
     uint32_t instance = peer << 16 | node;

@@ -52,6 +52,7 @@ class lib_test : public ::testing::Test
 
     // The peer's side of the handshake, from its publication to online.
     void peer_published(uint32_t node = PEER_NODE, uint32_t peer = PEER);
+    static void peer_published_everywhere(uint32_t peer = PEER); // on all nodes in one range
     void peer_withdrawn(uint32_t node = PEER_NODE, uint32_t peer = PEER);
     void peer_syncs(uint32_t seq = PEER_SEQ, uint32_t node = PEER_NODE, uint32_t peer = PEER, uint32_t app = APP);
     void peer_online(uint32_t node = PEER_NODE, bool server = true, uint32_t peer = PEER, uint32_t app = APP);
