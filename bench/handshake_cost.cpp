@@ -10,7 +10,7 @@
 
 #include <zeb/zeb.h>
 
-#include "handshake.h"
+#include "handshake_core.h"
 #include "zeb_mng_msg.h"
 
 constexpr uint32_t APP = 100;

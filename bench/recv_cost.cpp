@@ -12,7 +12,7 @@
 
 #include <zeb/zeb.h>
 
-#include "handshake.h"
+#include "handshake_core.h"
 #include "zeb_cfg.h"
 
 constexpr uint32_t APP = 100;

@@ -13,7 +13,7 @@
 
 #include <zeb/zeb.h>
 
-#include "handshake.h"
+#include "handshake_core.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_rpc.h"
 

@@ -1,4 +1,4 @@
-#include "handshake.h"
+#include "handshake_core.h"
 #include "fuzz_peers.h"
 
 #include "platform/list_algo.h"

@@ -1,5 +1,5 @@
 #include "fuzz_world.h"
-#include "handshake.h"
+#include "handshake_core.h"
 
 #include <cerrno>
 #include <cstdarg>

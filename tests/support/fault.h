@@ -3,6 +3,7 @@
 #ifndef TESTS_SUPPORT_FAULT_H
 #define TESTS_SUPPORT_FAULT_H
 
+#include <ctime>
 #include <functional>
 #include <pthread.h>
 #include <string>
@@ -33,6 +34,7 @@ void fail_broadcast(const pthread_cond_t *cond, int err);
 
 // Calls since the last reset, failed ones included.
 int count(const std::string &call);
+int failed(const std::string &call); // of those, the ones that a test had fail
 
 // Names of the recorded calls in order, "close(sd)" and the like without arguments.
 std::vector<std::string> log();
@@ -46,6 +48,9 @@ void arm(bool on);
 
 // Opening `path` opens `instead`; an empty `instead` gives ENOENT.
 void redirect_file(const std::string &path, const std::string &instead);
+
+// The calendar clock stands still at `seconds`; 0 lets it run.
+void hold_time(time_t seconds);
 
 // Used by the interposed calls: counts `call` and returns the error it is to fail with, or 0.
 int take(const char *call);

@@ -1,139 +1,73 @@
-// The library's handshake as tests reach it: its record, and its steps by bare numbers, each under the lock and with
-// its effects carried out.
+// What the tables of the handshake share: the peer's messages, and what shows of a handshake outside: bits and lists by
+// the library's listing, datagrams, timers, and what the applications see.
 #ifndef TESTS_SUPPORT_HANDSHAKE_H
 #define TESTS_SUPPORT_HANDSHAKE_H
 
-#include "platform/list_algo.h"
-#include "zeb_handshake_record.h"
-#include "zeb_handshake_shell.h"
-#include "zeb_mng_topology.h"
-#include "zeb_tipc.h"
+#include <map>
+#include <utility>
 
-template <typename Step>
-static inline auto with_handshake(Step step)
-{
-    decltype(step(&g_zeb_handshake)) result{};
-    zeb_handshake_event([&](zeb_handshake_t *hs) { result = step(hs); });
-    return result;
-}
+#include "lib_test.h"
 
-static inline bool zeb_app_online(uint32_t app, uint32_t node)
-{
-    return zeb_app_online({app, node});
-}
+typedef std::pair<uint32_t, uint32_t> pair_t; // a local application and a remote one on PEER_NODE
 
-static inline bool zeb_app_instance(uint32_t app, uint32_t node)
-{
-    return zeb_app_instance({app, node});
-}
+typedef struct word_s { // what happened, and to whom
+    pair_t pair;
+    std::string text;
+} word_t;
+typedef std::vector<word_t> words_t;
 
-static inline zeb_ol_app_t *__zeb_get_ol_app(uint32_t app)
+class handshake_test : public lib_test
 {
-    return zeb_hs_get_ol_app(&g_zeb_handshake, app);
-}
+  protected:
+    // The peer's messages.
+    void sync(pair_t pair, uint32_t seq, uint32_t resume = 0, uint8_t ver = 2);
+    void ack(pair_t pair, uint32_t seq, uint32_t pseq, uint32_t id = PEER_PID, uint32_t server = 1);
+    void ack_old(pair_t pair);
+    void message(pair_t pair);
 
-static inline zeb_subscr_app_t *__zeb_get_subscr_app(uint32_t subscr_app, uint32_t ntf_app)
-{
-    return zeb_hs_get_subscr_app(&g_zeb_handshake, subscr_app, ntf_app);
-}
+    static void retry_timer();
+    static void resume_timer(); // the first that is pending, or one of which nothing is left
 
-static inline void zeb_set_app_server(uint32_t app, uint32_t node)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_set_app_server(hs, {app, node}); });
-}
+    // The sequence of our last synchronisation, as far as sent() has looked.
+    uint32_t my_seq(pair_t pair)
+    {
+        return my_seq_[pair];
+    }
 
-static inline void zeb_set_app_inst(uint32_t app, uint32_t node)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_set_app_inst(hs, {app, node}); });
-}
+    // What was sent since the last look: "sync", "resume", "ack" with 0 for our sequence, "ack+pseq" with the last.
+    words_t sent();
 
-static inline void zeb_set_app_inst_ack(uint32_t app, uint32_t node)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_set_app_inst_ack(hs, {app, node}); });
-}
+    static words_t seen();       // "join", "quit", "message" since the last look
+    static std::string timers(); // started since the last look
 
-static inline void zeb_try_notify_app_join(uint32_t my_app, uint32_t inst_app, uint32_t inst_node)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_try_notify_app_join(hs, my_app, {inst_app, inst_node}); });
-}
+    // "IAOS" of an instance: it has synchronised, has acknowledged, is online, is a server.
+    static std::string bits(uint32_t peer);
 
-static inline void zeb_app_inst_join(uint32_t app, uint32_t node, uint32_t resume)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { (void)zeb_app_inst_join(hs, {app, node}, resume); });
-}
+    // Synchronisations that are pending, and instances that are to be resumed, in the order of their lists.
+    static std::vector<pair_t> pending();
+    static int retry_num();
+    static int resume_num();
 
-static inline void zeb_app_inst_quit(uint32_t app, uint32_t node)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_app_inst_quit(hs, {app, node}); });
-}
+    static std::string join(const lines_t &words);
 
-static inline void zeb_app_inst_force_quit(uint32_t app, uint32_t node)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_app_inst_force_quit(hs, {app, node}); });
-}
+  private:
+    std::map<pair_t, uint32_t> my_seq_;
+};
 
-static inline void zeb_app_inst_try_quit(uint32_t app, uint32_t node)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_app_inst_try_quit(hs, {app, node}); });
-}
+// One cell of a state table.
+struct cell_t {
+    const char *state;
+    const char *event;
+    const char *bits;
+    const char *lists;  // pending, to be retried, to be resumed
+    const char *sent;   // "ack+pseq" carries the sequence of our last synchronisation, "ack" carries 0
+    const char *timers; // started
+    const char *seen;   // by the applications
+};
 
-static inline bool zeb_has_sync_inst_msg(uint32_t app, uint32_t node)
-{
-    return with_handshake([&](zeb_handshake_t *hs) { return zeb_has_sync_inst(hs, {app, node}); });
-}
+void PrintTo(const cell_t &cell, std::ostream *out);
 
-static inline int zeb_del_inst_sync_msg(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t seq)
-{
-    return with_handshake([&](zeb_handshake_t *hs) {
-        return zeb_del_inst_sync(hs, src_app, {dst_app, dst_node}, seq);
-    });
-}
-
-static inline int zeb_sync_app_inst(uint32_t src_app, uint32_t dst_app, uint32_t dst_node, uint32_t resume)
-{
-    return with_handshake([&](zeb_handshake_t *hs) {
-        return zeb_sync_app_inst(hs, src_app, {dst_app, dst_node}, resume);
-    });
-}
-
-static inline void zeb_start_retry_inst_timer(uint8_t version, uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) {
-        zeb_start_retry_inst_timer(hs, version, src_app, {dst_app, dst_node});
-    });
-}
-
-static inline void zeb_try_resume_comm(uint32_t app, uint32_t node)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_try_resume_comm(hs, {app, node}); });
-}
-
-static inline zeb_resume_comm_t zeb_del_resume_comm(uint32_t seq)
-{
-    return with_handshake([&](zeb_handshake_t *hs) { return zeb_del_resume_comm(hs, seq); });
-}
-
-static inline void zeb_process_resume_timer_event(uint32_t seq)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_process_resume_timer_event(hs, seq); });
-}
-
-static inline void zeb_process_inst_retry_timer_event(uint32_t seq)
-{
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_process_inst_retry_timer_event(hs, seq); });
-}
-
-// The record of a pair; made when there is none.
-static inline zeb_inst_id_t *pair_of(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
-{
-    return with_handshake([&](zeb_handshake_t *hs) {
-        return zeb_get_or_add_inst_id(hs, src_app, {dst_app, dst_node});
-    });
-}
-
-static inline zeb_inst_id_t *__zeb_get_inst_id(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
-{
-    return zeb_get_inst_id(&g_zeb_handshake, src_app, {dst_app, dst_node});
-}
+// "<state> and <event>" as a name of a test.
+std::string cell_name(const testing::TestParamInfo<cell_t> &cell);
 
 #endif

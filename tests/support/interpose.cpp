@@ -45,6 +45,7 @@ struct state_t {
     std::condition_variable changed;
     std::map<std::string, std::deque<script_t>> scripts;
     std::map<std::string, int> counts;
+    std::map<std::string, int> failed;
     std::vector<std::string> log;
     std::map<std::string, std::string> files;
     std::map<int, fake_tipc::socket_t> sockets;
@@ -177,6 +178,13 @@ int count(const std::string &call)
     return s.counts[call];
 }
 
+int failed(const std::string &call)
+{
+    state_t &s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.failed[call];
+}
+
 std::vector<std::string> log()
 {
     state_t &s = state();
@@ -190,6 +198,7 @@ void reset()
     std::lock_guard<std::mutex> lock(s.mutex);
     s.scripts.clear();
     s.counts.clear();
+    s.failed.clear();
     s.log.clear();
     std::lock_guard<std::mutex> conds_lock(conds().mutex);
     conds().conds.clear();
@@ -208,7 +217,10 @@ void arm(bool on)
 {
     // At exit the leak check stops all threads and calls some of what stands in here, which then must not allocate.
     static const int s_disarmed_at_exit = atexit([] { s_armed = false; });
-    s_armed = on && s_disarmed_at_exit == 0;
+    // The library's own handler calls some of it in a child, which must not find the mutex taken.
+    static const int s_whole_at_fork =
+        pthread_atfork([] { state().mutex.lock(); }, [] { state().mutex.unlock(); }, [] { state().mutex.unlock(); });
+    s_armed = on && s_disarmed_at_exit == 0 && s_whole_at_fork == 0;
 }
 
 int take(const char *call)
@@ -228,6 +240,7 @@ int take(const char *call)
         return 0;
     }
     int err = script.err;
+    s.failed[call] += err != 0 ? 1 : 0;
     std::function<void()> run = script.run;
     if (--script.times == 0)
         scripts.pop_front();

@@ -1,4 +1,4 @@
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 
 #include <cstdio>
@@ -102,14 +102,34 @@ int lib_test::sd(uint32_t app)
 
 void lib_test::receive(const wire::bytes_t &datagram, uint32_t app)
 {
-    fake_tipc::queue_data(sd(app), datagram);
+    receive_item({datagram, {}}, app);
+}
+
+void lib_test::receive_item(const fake_tipc::item_t &item, uint32_t app)
+{
+    fake_tipc::queue_item(sd(app), item);
+    read_once(app);
+}
+
+void lib_test::read_once(uint32_t app)
+{
     zeb_socket_recv_app_msg(zeb_get_app_info(app));
+}
+
+void lib_test::timer_expires(uint32_t type, uint32_t seq)
+{
+    zeb_process_tipc_subscr_event(fake_tipc::timer_event(type, seq));
 }
 
 void lib_test::peer_published(uint32_t node, uint32_t peer)
 {
     uint32_t instance = peer << 16 | node;
     zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_PUBLISHED, instance, instance));
+}
+
+void lib_test::peer_published_everywhere(uint32_t peer)
+{
+    zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_PUBLISHED, peer << 16, peer << 16 | 0xFFFF));
 }
 
 void lib_test::peer_withdrawn(uint32_t node, uint32_t peer)

@@ -44,9 +44,15 @@ class lib_test : public ::testing::Test
 
     // Hands `app` one datagram as the receive thread would.
     void receive(const wire::bytes_t &datagram, uint32_t app = APP);
+    void receive_item(const fake_tipc::item_t &item, uint32_t app = APP);
+    static void read_once(uint32_t app = APP); // what is queued for it
+
+    // A timer of that type expires, as the topology service reports it.
+    static void timer_expires(uint32_t type, uint32_t seq);
 
     // The peer's side of the handshake, from its publication to online.
     void peer_published(uint32_t node = PEER_NODE, uint32_t peer = PEER);
+    static void peer_published_everywhere(uint32_t peer = PEER); // on all nodes in one range
     void peer_withdrawn(uint32_t node = PEER_NODE, uint32_t peer = PEER);
     void peer_syncs(uint32_t seq = PEER_SEQ, uint32_t node = PEER_NODE, uint32_t peer = PEER, uint32_t app = APP);
     void peer_online(uint32_t node = PEER_NODE, bool server = true, uint32_t peer = PEER, uint32_t app = APP);

@@ -22,6 +22,36 @@ TEST_F(zeb_cfg, without_a_file_everything_has_its_default)
     start_app();
 }
 
+// Leaves digits on the stack, where the next call has its variables.
+static void __attribute__((noinline)) leave_digits()
+{
+    volatile char digits[16384];
+    for (size_t i = 0; i < sizeof(digits); i++)
+        digits[i] = i % 16 == 15 ? '\0' : '7';
+}
+
+TEST_F(zeb_cfg, without_a_value_a_number_is_0_whatever_was_on_the_stack)
+{
+    for (const char *text : {"[APP_INFO_TBL]\n", "[MISC_CONF]\nother=1\n", "[MISC_CONF]\nzeb_log_size\n", ""}) {
+        write_conf(text);
+        for (auto lookup : {zeb_get_dbg_cfg, zeb_get_log_cfg, zeb_get_log_size}) {
+            leave_digits();
+            EXPECT_EQ(lookup(), 0u) << text;
+        }
+    }
+}
+
+TEST_F(zeb_cfg, without_the_section_the_masks_are_0_whatever_was_on_the_stack)
+{
+    write_conf("[APP_INFO_TBL]\n");
+    leave_digits();
+    EXPECT_EQ(zeb_cfg_init(), 0);
+    EXPECT_EQ(g_zeb_dbg_level, 0u);
+    EXPECT_EQ(g_zeb_log_level, 0u);
+    EXPECT_EQ(logged(W, [] { (void)zeb_get_dbg_cfg(); }),
+              lines_t({"2 ZEB can't locate section [MISC_CONF].", "2 ZEB get config 'zeb_dbg_cfg' failed."}));
+}
+
 TEST_F(zeb_cfg, an_application_is_found_and_trimmed)
 {
     write_conf("# comment\n  [APP_INFO_TBL]  \n# 100 , no , 1 , no\n"

@@ -1,7 +1,11 @@
 // Masks, the logging rule, the debug print, the texts of codes, the dumps and the print buffer.
 #include "lib_test.h"
 #include "zeb_dbg.h"
+#include "zeb_dm.h"
 #include "zeb_mng_msg.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 class zeb_dbg : public lib_test
 {
@@ -79,6 +83,82 @@ TEST_F(zeb_dbg, logging_keeps_errno)
         ZEB_ERROR("ZEB x\n");
         EXPECT_EQ(errno, ENOBUFS);
     });
+}
+
+// Standard output that fails, to the end of the scope.
+struct full_output_t {
+    int kept = dup(1);
+
+    full_output_t()
+    {
+        (void)fflush(stdout);
+        (void)setvbuf(stdout, nullptr, _IONBF, 0);
+        int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        (void)dup2(full, 1);
+        (void)close(full);
+    }
+    ~full_output_t()
+    {
+        (void)dup2(kept, 1);
+        (void)close(kept);
+        clearerr(stdout);
+    }
+    full_output_t(const full_output_t &) = delete;
+    full_output_t &operator=(const full_output_t &) = delete;
+};
+
+TEST_F(zeb_dbg, a_line_that_cannot_be_printed_keeps_errno)
+{
+    g_zeb_dbg_level = 15;
+    int after[4] = {};
+    {
+        full_output_t full;
+        errno = 0;
+        EXPECT_LT(printf("x"), 0);
+        EXPECT_EQ(errno, ENOSPC) << "a write does change it";
+        errno = EHOSTUNREACH;
+        ZEB_VERBOSE("ZEB x\n");
+        after[0] = errno;
+        ZEB_INFO("ZEB x\n");
+        after[1] = errno;
+        ZEB_WARN("ZEB x\n");
+        after[2] = errno;
+        ZEB_ERROR("ZEB x\n");
+        after[3] = errno;
+    }
+    g_zeb_dbg_level = 0;
+    EXPECT_THAT(after, testing::Each(EHOSTUNREACH));
+}
+
+TEST_F(zeb_dbg, a_line_that_cannot_be_recorded_keeps_errno)
+{
+    write_conf("[MISC_CONF]\nzeb_log_cfg=15\nzeb_log_size=1\n");
+    ASSERT_EQ(setenv("VELK_DIR", dir().c_str(), 1), 0);
+    ASSERT_EQ(zeb_cfg_init(), 0);
+    ASSERT_NE(g_zeb_log_fp, nullptr);
+    ZEB_ERROR("ZEB the next one wraps\n");
+    int wraps = fault::count("fseek");
+    fault::fail_next("fseek", EIO);
+    errno = EHOSTUNREACH;
+    ZEB_ERROR("ZEB x\n");
+    int after = errno;
+    EXPECT_EQ(fault::count("fseek"), wraps + 1);
+    EXPECT_EQ(after, EHOSTUNREACH);
+    zeb_dm_close_files();
+}
+
+TEST_F(zeb_dbg, the_lowest_level_is_switched_like_the_others)
+{
+    testing::internal::CaptureStdout();
+    zeb_dbg_update_level(true, 0);
+    EXPECT_EQ(g_zeb_dbg_level, 1u);
+    EXPECT_TRUE(zeb_dbg_verbose_on());
+    zeb_dbg_update_level(true, 3);
+    zeb_dbg_update_level(false, 0);
+    EXPECT_EQ(g_zeb_dbg_level, 8u);
+    EXPECT_FALSE(zeb_dbg_verbose_on());
+    g_zeb_dbg_level = 0;
+    (void)testing::internal::GetCapturedStdout();
 }
 
 TEST_F(zeb_dbg, the_debug_switch_sets_and_clears_levels)

@@ -101,7 +101,7 @@ TEST_F(zeb_dm, both_files_are_made_with_their_names_mode_and_close_on_exec)
     ASSERT_EQ(logs.size(), 1u);
     ASSERT_EQ(stats.size(), 1u);
     std::string stem = "zeb_unit_test-" + std::to_string(getpid()) + "-[0-9]{8}-[0-9]{6}";
-    EXPECT_THAT(logs[0], testing::ContainsRegex("^log-zeb_unit_test-"));
+    EXPECT_THAT(logs[0], testing::MatchesRegex("log-" + stem));
     EXPECT_EQ(logs[0].substr(4), stats[0].substr(5));
     struct stat status;
     ASSERT_EQ(stat((log_dir() + "/" + logs[0]).c_str(), &status), 0);
@@ -113,6 +113,33 @@ TEST_F(zeb_dm, both_files_are_made_with_their_names_mode_and_close_on_exec)
         ASSERT_GE(fd, 0);
         EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     }
+}
+
+TEST_F(zeb_dm, a_name_ends_with_the_process_and_the_start_in_utc)
+{
+    ASSERT_EQ(setenv("TZ", "XYZ-14", 1), 0);
+    tzset();
+    fault::hold_time(1700000000);
+    open_files();
+    fault::hold_time(0);
+    std::string end = "-zeb_unit_test-" + std::to_string(getpid()) + "-20231114-221320";
+    EXPECT_EQ(files(""), lines_t({"log" + end, "stat" + end}));
+}
+
+TEST_F(zeb_dm, the_monitor_writes_the_statistics_anew_each_time)
+{
+    start_app(); // without a configuration: no files
+    write_conf("[MISC_CONF]\nzeb_log_cfg=0xf\n");
+    zeb_dm_init();
+    std::string path = log_dir() + "/" + files("stat-").at(0);
+    EXPECT_EQ(content(path), "");
+    timer_expires(2, 1);
+    std::string first = content(path);
+    EXPECT_THAT(first, testing::HasSubstr("Application 100/7 process's ZEB library information:\n"));
+    EXPECT_THAT(first, testing::HasSubstr("    Application 200 instance online on nodes:\n"));
+    peer_online();
+    timer_expires(2, 2);
+    EXPECT_THAT(content(path), testing::HasSubstr("    Application 200 instance online on nodes: 9\n"));
 }
 
 TEST_F(zeb_dm, without_the_executables_path_there_is_no_file_and_nothing_said)

@@ -1,7 +1,7 @@
 // Each call that the library makes fails once at each place, in turn: a process starts, joins, exchanges, is listed and
 // loses its topology connection, with the k-th call of one name failing. Whatever fails, the process neither crashes
 // nor hangs, what could not be done is reported, and the next attempt works.
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
 #include "zeb_dm.h"

@@ -1,6 +1,6 @@
 // The check of the invariants finds what is broken, and nothing in a process that is well.
 #ifdef ZEB_INVARIANTS
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 #include "platform/list_algo.h"
 #include "zeb_flow_ctrl.h"

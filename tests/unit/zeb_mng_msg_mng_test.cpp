@@ -132,6 +132,27 @@ TEST_F(zeb_mng_msg_mng, the_debug_switch_is_in_the_senders_byte_order)
     EXPECT_EQ(g_zeb_dbg_level, 0u);
 }
 
+TEST_F(zeb_mng_msg_mng, the_debug_switch_reaches_every_level)
+{
+    testing::internal::CaptureStdout();
+    for (int32_t level : {0, 1, 2, 3}) {
+        for (int32_t on : {1, 0}) {
+            int32_t cmd[2] = {level, on};
+            const uint8_t *bytes = (const uint8_t *)cmd;
+            receive(wire::message(from_peer(wire::MNG), wire::tlv(3, wire::bytes_t(bytes, bytes + 8))));
+            EXPECT_EQ(g_zeb_dbg_level, on != 0 ? 1u << level : 0u) << level;
+        }
+    }
+    (void)testing::internal::GetCapturedStdout();
+}
+
+TEST_F(zeb_mng_msg_mng, an_answered_request_says_nothing)
+{
+    for (uint16_t type : {4, 5})
+        EXPECT_EQ(manage(W | E, wire::tlv(type, {}), wire::MNG | wire::REQUEST), lines_t({})) << type;
+    EXPECT_EQ(fake_tipc::take_sent().size(), 2u);
+}
+
 TEST_F(zeb_mng_msg_mng, an_information_request_is_answered)
 {
     EXPECT_THAT(manage(V, wire::tlv(4, {}), wire::MNG | wire::REQUEST),

@@ -1,5 +1,5 @@
 // Node sets, topology events, join and quit.
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 #include "zeb_slot.h"
 

@@ -1,5 +1,5 @@
 // Listings of the manager's state, compared whole.
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
 #include "zeb_slot.h"

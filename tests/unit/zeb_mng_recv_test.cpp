@@ -1,5 +1,5 @@
 // The receive road: one datagram, returned messages, bad input, the topology connection.
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"

@@ -1,5 +1,5 @@
 // The instance handshake: what each message does in each state, retry, resume.
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 #include "platform/list_algo.h"
 #include "zeb_slot.h"

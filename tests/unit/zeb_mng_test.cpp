@@ -1,7 +1,7 @@
 // Registration and library start.
 #include <fcntl.h>
 
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 #include "zeb_mng.h"
 #include "zeb_slot.h"

@@ -1,5 +1,5 @@
 // Timers over the topology service, and the monitor's dump.
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
 #include "zeb_slot.h"

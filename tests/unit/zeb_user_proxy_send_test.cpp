@@ -1,5 +1,5 @@
 // zeb_send and zeb_sendto.
-#include "handshake.h"
+#include "handshake_core.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"

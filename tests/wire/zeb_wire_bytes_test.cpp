@@ -1,5 +1,5 @@
 // Every byte that leaves the process.
-#include "handshake.h"
+#include "handshake_core.h"
 #include "wire_test.h"
 
 #include <sys/socket.h>

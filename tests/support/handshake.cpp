@@ -1,0 +1,180 @@
+#include "handshake.h"
+
+#include "internals.h"
+
+#include <sstream>
+
+#include <zeb/zeb_diag.h>
+
+using wire::operator+;
+
+static wire::header_t from(pair_t pair, uint8_t flag, uint8_t ver = 2)
+{
+    wire::header_t header = from_peer(flag, PEER_NODE, pair.second, pair.first);
+    header.ver = ver;
+    return header;
+}
+
+void handshake_test::sync(pair_t pair, uint32_t seq, uint32_t resume, uint8_t ver)
+{
+    receive(wire::message(from(pair, wire::SYNC, ver), wire::sync_inst(seq, PEER_PID, 1, resume)), pair.first);
+}
+
+void handshake_test::ack(pair_t pair, uint32_t seq, uint32_t pseq, uint32_t id, uint32_t server)
+{
+    receive(wire::message(from(pair, wire::SYNC),
+                          wire::sync_ack(seq, id, server) + wire::sync_seq_ack(seq, id, server, pseq)),
+            pair.first);
+}
+
+void handshake_test::ack_old(pair_t pair)
+{
+    receive(wire::message(from(pair, wire::SYNC, 1), wire::sync_ack(my_seq(pair), PEER_PID, 1)), pair.first);
+}
+
+void handshake_test::message(pair_t pair)
+{
+    receive(wire::message(from(pair, 0), {1}), pair.first);
+}
+
+static std::string listing()
+{
+    zeb_buf_printf_reset();
+    zeb_cli_print_lib_info(APP);
+    return buffer_text();
+}
+
+typedef struct entry_s {
+    uint32_t app;
+    uint32_t seq;
+    uint32_t peer;
+} entry_t;
+
+// The entries "app/seq->peer/node" of the listing's section that begins with `title`.
+static std::vector<entry_t> entries(const std::string &title)
+{
+    std::vector<entry_t> found;
+    std::string text = listing();
+    size_t at = text.find("  " + title + "(");
+    if (at == std::string::npos)
+        return found;
+    at = text.find('\n', at) + 1;
+    std::istringstream line(text.substr(at, text.find('\n', at) - at));
+    std::string word;
+    while (line >> word) {
+        int app = 0;
+        int seq = 0;
+        int peer = 0;
+        EXPECT_EQ(sscanf(word.c_str(), "%d/%d->%d/9", &app, &seq, &peer), 3) << word;
+        found.push_back({(uint32_t)app, (uint32_t)seq, (uint32_t)peer});
+    }
+    return found;
+}
+
+void handshake_test::retry_timer()
+{
+    timer_expires(3, 0);
+}
+
+void handshake_test::resume_timer()
+{
+    std::vector<entry_t> pending = entries("Communication resume info");
+    timer_expires(0, pending.empty() ? 0x7FFFFFFF : pending[0].seq);
+}
+
+words_t handshake_test::sent()
+{
+    words_t words;
+    for (const fake_tipc::sent_t &one : fake_tipc::take_sent()) {
+        wire::header_t header = wire::header_of(one.bytes);
+        pair_t pair(header.src_app, header.dst_app);
+        uint32_t pseq = one.bytes.size() == 88 ? wire::get32(one.bytes, 84) : 0;
+        if (wire::get16(one.bytes, 38) == 1) {
+            my_seq_[pair] = sync_word(one.bytes, 0);
+            words.push_back({pair, sync_word(one.bytes, 3) != 0 ? "resume" : "sync"});
+        } else if (pseq == 0) {
+            words.push_back({pair, "ack"});
+        } else {
+            words.push_back({pair, pseq == my_seq_[pair] ? "ack+pseq" : "ack+" + std::to_string(pseq)});
+        }
+    }
+    return words;
+}
+
+words_t handshake_test::seen()
+{
+    seen_t seen = take_seen();
+    words_t words;
+    for (const zeb_event_t &event : seen.events)
+        words.push_back({pair_t(event.my_app, event.event.app.app), event.type == ZEB_APP_JOIN ? "join" : "quit"});
+    for (const zeb_msg_hdr_t &header : seen.headers)
+        words.push_back({pair_t(header.dst_app, header.src_app), "message"});
+    return words;
+}
+
+std::string handshake_test::timers()
+{
+    const char *names[] = {"resume", "resend", "monitor", "retry"};
+    lines_t words;
+    for (const wire::bytes_t &bytes : fake_tipc::take_subscriptions())
+        words.emplace_back(names[bytes.at(20) % 4]);
+    return join(words);
+}
+
+std::string handshake_test::bits(uint32_t peer)
+{
+    static const struct {
+        const char *what;
+        char letter;
+    } sets[] = {{"instance", 'I'}, {"instance acked", 'A'}, {"instance online", 'O'}, {"server", 'S'}};
+    std::string text = listing();
+    std::string bits;
+    for (const auto &set : sets) {
+        std::string title = "    Application " + std::to_string(peer) + " " + set.what + " on nodes:";
+        size_t at = text.find(title);
+        EXPECT_NE(at, std::string::npos) << title;
+        std::string nodes = text.substr(at + title.size(), text.find('\n', at) - at - title.size());
+        EXPECT_TRUE(nodes.empty() || nodes == " 9") << nodes;
+        bits += nodes.empty() ? '-' : set.letter;
+    }
+    return bits;
+}
+
+std::vector<pair_t> handshake_test::pending()
+{
+    std::vector<pair_t> pairs;
+    for (const entry_t &entry : entries("Unack instance sync"))
+        pairs.emplace_back(entry.app, entry.peer);
+    return pairs;
+}
+
+int handshake_test::retry_num()
+{
+    return internals::retry_num();
+}
+
+int handshake_test::resume_num()
+{
+    return (int)entries("Communication resume info").size();
+}
+
+std::string handshake_test::join(const lines_t &words)
+{
+    std::string text;
+    for (const std::string &word : words)
+        text += (text.empty() ? "" : " ") + word;
+    return text;
+}
+
+void PrintTo(const cell_t &cell, std::ostream *out)
+{
+    *out << cell.state << " + " << cell.event;
+}
+
+std::string cell_name(const testing::TestParamInfo<cell_t> &cell)
+{
+    std::string name = std::string(cell.param.state) + " and " + cell.param.event;
+    for (char &letter : name)
+        letter = letter == ' ' ? '_' : letter;
+    return name;
+}
