@@ -1,4 +1,5 @@
 // zeb_explore: shows that the handshake's core converges, whatever happens before faults stop.
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -6,13 +7,14 @@
 #include <getopt.h>
 #include <sstream>
 
+#include "exhaustive.h"
 #include "random.h"
 
 typedef struct options_s {
     random_options_t random;
     std::string mode;
     std::string replay;
-    int depth;
+    exhaustive_options_t exhaustive;
     bool verbose;
 } options_t;
 
@@ -29,9 +31,14 @@ static void usage()
            "  --only F      random: only that fault, or that and others so named\n"
            "  --own         random: applications also name themselves, or run on several nodes\n"
            "  --one-way     random: applications also name others that do not name them\n"
+           "  --notconn     random: a timer's start on a lost connection says -ENOTCONN, never -1\n"
            "  --slow        random: every message takes 2.6 s\n"
            "  --old         random: some processes are of version 1\n"
-           "  --depth D     exhaustive: actions in a row\n"
+           "  --finds N     random: go on until so many violations, and print the shortest script (1)\n"
+           "  --violation V random: other violations than this one do not count\n"
+           "  --depth D     exhaustive: so many actions in a row (8)\n"
+           "  --faults N    exhaustive: at most so many of them faults (1)\n"
+           "  --go-on       exhaustive: count all violations, do not end with the first\n"
            "  --replay F    run a script, and compare with what it expects\n"
            "  --verbose     replay: tell all\n");
 }
@@ -70,16 +77,38 @@ static int replay(world_t *world, const options_t *options)
 static int run_random(world_t *world, const options_t *options)
 {
     random_result_t result = random_explore(world, &options->random);
-    printf("random: seed %llu, %llu runs, %llu steps, %llu messages of cores, %.1f s, %.0f steps/s\n",
-           (unsigned long long)options->random.seed, (unsigned long long)result.runs, (unsigned long long)result.steps,
-           (unsigned long long)result.sends, result.seconds, (double)result.steps / result.seconds);
-    if (!result.failed) {
+    printf("random: seed %" PRIu64 ", %" PRIu64 " runs, %" PRIu64 " steps, %" PRIu64
+           " messages of cores, %.1f s, %.0f steps/s\n",
+           options->random.seed, result.runs, result.steps, result.sends, result.seconds,
+           (double)result.steps / result.seconds);
+    if (result.found == 0) {
         printf("random: no violation; the longest time from the last fault to the last message was %.1f s\n",
                (double)result.longest / 1000);
         return 0;
     }
-    printf("random: run with seed %llu: %s: %s\n%s", (unsigned long long)result.run_seed,
+    printf("random: the first violation after %" PRIu64 " runs, %" PRIu64
+           " steps, %.2f s; the shortest of %d, seed %" PRIu64 ": %s: %s\n%s",
+           result.first_runs, result.first_steps, result.first_seconds, result.found, result.run_seed,
            violation_text(result.script.expected), result.text.c_str(), script_text(&result.script).c_str());
+    return 1;
+}
+
+static int run_exhaustive(world_t *world, const options_t *options)
+{
+    exhaustive_result_t result = exhaustive_explore(world, &options->exhaustive);
+    printf("exhaustive: to depth %d with at most %d faults: %" PRIu64 " states, %" PRIu64 " transitions, %.1f s\n",
+           result.depth, options->exhaustive.faults, result.states, result.transitions, result.seconds);
+    if (!result.failed) {
+        printf("exhaustive: no violation; the longest time from a state to the last message was %.1f s\n",
+               (double)result.longest / 1000);
+        return 0;
+    }
+    for (int i = 1; i < VIOLATION_NUM; i++) {
+        if (result.found[i] != 0)
+            printf("exhaustive: %" PRIu64 " states: %s\n", result.found[i], violation_text((violation_t)i));
+    }
+    printf("exhaustive: %s: %s\n%s", violation_text(result.script.expected), result.text.c_str(),
+           script_text(&result.script).c_str());
     return 1;
 }
 
@@ -113,6 +142,18 @@ static bool parse_option(int option, options_t *options)
     case 'W':
         options->random.own = true;
         return true;
+    case 'c':
+        options->random.notconn = true;
+        return true;
+    case 'V':
+        for (int i = 1; i < VIOLATION_NUM; i++) {
+            if (strcmp(optarg, violation_text((violation_t)i)) == 0)
+                options->random.only = (violation_t)i;
+        }
+        return options->random.only != VIOLATION_NONE;
+    case 'g':
+        options->exhaustive.go_on = true;
+        return true;
     case 'y':
         options->random.one_way = true;
         return true;
@@ -126,8 +167,14 @@ static bool parse_option(int option, options_t *options)
         options->mode = optarg;
         return options->mode == "random" || options->mode == "exhaustive" || options->mode == "all";
     case 'd':
-        options->depth = (int)strtol(optarg, nullptr, 10);
-        return options->depth > 0;
+        options->exhaustive.depth = (int)strtol(optarg, nullptr, 10);
+        return options->exhaustive.depth > 0;
+    case 'f':
+        options->exhaustive.faults = (int)strtol(optarg, nullptr, 10);
+        return options->exhaustive.faults >= 0;
+    case 'N':
+        options->random.finds = (int)strtol(optarg, nullptr, 10);
+        return options->random.finds > 0;
     case 'r':
         options->replay = optarg;
         return true;
@@ -142,14 +189,27 @@ static bool parse_option(int option, options_t *options)
 static bool parse_options(int argc, char **argv, options_t *options)
 {
     static const struct option known[] = {
-        {"seconds", required_argument, nullptr, 's'}, {"steps", required_argument, nullptr, 'n'},
-        {"seed", required_argument, nullptr, 'S'},    {"places", required_argument, nullptr, 'p'},
-        {"apps", required_argument, nullptr, 'a'},    {"without", required_argument, nullptr, 'w'},
-        {"only", required_argument, nullptr, 'O'},    {"own", no_argument, nullptr, 'W'},
-        {"one-way", no_argument, nullptr, 'y'},       {"slow", no_argument, nullptr, 'l'},
-        {"old", no_argument, nullptr, 'o'},           {"mode", required_argument, nullptr, 'm'},
-        {"depth", required_argument, nullptr, 'd'},   {"replay", required_argument, nullptr, 'r'},
-        {"verbose", no_argument, nullptr, 'v'},       {nullptr, 0, nullptr, 0},
+        {"seconds", required_argument, nullptr, 's'},
+        {"steps", required_argument, nullptr, 'n'},
+        {"seed", required_argument, nullptr, 'S'},
+        {"places", required_argument, nullptr, 'p'},
+        {"apps", required_argument, nullptr, 'a'},
+        {"without", required_argument, nullptr, 'w'},
+        {"only", required_argument, nullptr, 'O'},
+        {"own", no_argument, nullptr, 'W'},
+        {"one-way", no_argument, nullptr, 'y'},
+        {"notconn", no_argument, nullptr, 'c'},
+        {"violation", required_argument, nullptr, 'V'},
+        {"go-on", no_argument, nullptr, 'g'},
+        {"slow", no_argument, nullptr, 'l'},
+        {"old", no_argument, nullptr, 'o'},
+        {"mode", required_argument, nullptr, 'm'},
+        {"depth", required_argument, nullptr, 'd'},
+        {"faults", required_argument, nullptr, 'f'},
+        {"finds", required_argument, nullptr, 'N'},
+        {"replay", required_argument, nullptr, 'r'},
+        {"verbose", no_argument, nullptr, 'v'},
+        {nullptr, 0, nullptr, 0},
     };
     int option = 0;
     while ((option = getopt_long(argc, argv, "", known, nullptr)) != -1) {
@@ -166,7 +226,9 @@ int main(int argc, char **argv)
     options.random.places = PLACE_NUM;
     options.random.apps = APP_NUM;
     options.mode = "all";
-    options.depth = 12;
+    options.random.finds = 1;
+    options.exhaustive.depth = 8;
+    options.exhaustive.faults = 1;
     if (!parse_options(argc, argv, &options)) {
         usage();
         return 2;
@@ -176,10 +238,13 @@ int main(int argc, char **argv)
     (void)setvbuf(stdout, nullptr, _IOLBF, 0);
     world_t *world = world_new();
     int status = 0;
+    options.exhaustive.without = options.random.without;
     if (!options.replay.empty())
         status = replay(world, &options);
-    else if (options.mode != "exhaustive")
-        status = run_random(world, &options);
+    if (options.replay.empty() && options.mode != "random")
+        status |= run_exhaustive(world, &options);
+    if (options.replay.empty() && options.mode != "exhaustive")
+        status |= run_random(world, &options);
     world_free(world);
     return status;
 }

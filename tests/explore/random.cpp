@@ -204,7 +204,9 @@ static void fault(run_t *run)
         return;
     }
     uint8_t index = op == OP_PICK ? (uint8_t)below(&run->rng, (uint32_t)run->places) : random_proc(run);
-    uint8_t value = (uint8_t)below(&run->rng, 2);
+    uint8_t value = (uint8_t)below(&run->rng, op == OP_LOSE ? 4 : 2);
+    if (op == OP_LOSE && run->options->notconn)
+        value |= LOSE_SAYS_NOTCONN;
     if (op == OP_FAIL_OPEN || op == OP_FAIL_TIMER || op == OP_FAIL_SEND)
         value = (uint8_t)(1 + below(&run->rng, 3));
     (void)act(run, {op, index, value, 0, 0});
@@ -251,20 +253,50 @@ static uint32_t random_run(world_t *world, const random_options_t *options, uint
     return world->violation == VIOLATION_NONE ? calm_down(world) : 0;
 }
 
-static void report(world_t *world, const script_t *script, random_result_t *result)
+static script_t shrink(world_t *world, const script_t *script, std::string *text)
 {
-    result->failed = true;
-    result->script = *script;
-    result->script.expected = world->violation;
-    result->text = world->text;
-    (void)script_run(world, &result->script);
-    if (world->violation != result->script.expected) {
-        result->text += " (and the script does not replay it)";
-        return;
+    script_t shortest = *script;
+    shortest.expected = world->violation;
+    *text = world->text;
+    (void)script_run(world, &shortest);
+    if (world->violation != shortest.expected) {
+        *text += " (and the script does not replay it)";
+        return shortest;
     }
-    result->script = script_shrink(world, &result->script);
-    (void)script_run(world, &result->script);
-    result->text = world->text;
+    shortest = script_shrink(world, &shortest);
+    (void)script_run(world, &shortest);
+    *text = world->text;
+    return shortest;
+}
+
+static void count(const world_t *world, double begin, random_result_t *result)
+{
+    result->steps = world->steps;
+    result->sends = world->core_sends;
+    result->seconds = seconds_now() - begin;
+}
+
+static void note_find(world_t *world, uint64_t seed, const script_t *script, random_result_t *result)
+{
+    result->found++;
+    if (result->found == 1) {
+        result->first_runs = result->runs;
+        result->first_steps = result->steps;
+        result->first_seconds = result->seconds;
+    }
+    std::string text;
+    script_t shortest = shrink(world, script, &text);
+    if (result->found > 1 && shortest.actions.size() >= result->script.actions.size())
+        return;
+    result->run_seed = seed;
+    result->text = text;
+    result->script = shortest;
+}
+
+static bool is_over(const random_options_t *options, const random_result_t *result)
+{
+    return result->found >= options->finds || (options->steps != 0 && result->steps >= options->steps) ||
+           (options->seconds > 0 && result->seconds >= options->seconds);
 }
 
 random_result_t random_explore(world_t *world, const random_options_t *options)
@@ -272,24 +304,19 @@ random_result_t random_explore(world_t *world, const random_options_t *options)
     random_result_t result = {};
     script_t script = {};
     double begin = seconds_now();
-    uint64_t steps = world->steps;
-    uint64_t sends = world->core_sends;
-    for (;;) {
+    world->steps = 0;
+    world->core_sends = 0;
+    do {
         uint64_t seed = options->seed + result.runs;
         uint32_t took = random_run(world, options, seed, &script);
         result.runs++;
-        result.steps = world->steps - steps;
-        result.sends = world->core_sends - sends;
-        result.seconds = seconds_now() - begin;
-        if (world->violation != VIOLATION_NONE) {
-            result.run_seed = seed;
-            report(world, &script, &result);
-            return result;
-        }
-        if (took > result.longest)
+        count(world, begin, &result);
+        if (world->violation != VIOLATION_NONE && options->only != VIOLATION_NONE && world->violation != options->only)
+            continue;
+        if (world->violation != VIOLATION_NONE)
+            note_find(world, seed, &script, &result);
+        else if (took > result.longest)
             result.longest = took;
-        if ((options->steps != 0 && result.steps >= options->steps) ||
-            (options->seconds > 0 && result.seconds >= options->seconds))
-            return result;
-    }
+    } while (!is_over(options, &result));
+    return result;
 }

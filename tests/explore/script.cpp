@@ -81,6 +81,8 @@ std::string script_text(const script_t *script)
     text += "delay " + std::to_string(script->config.delay_min) + " " + std::to_string(script->config.delay_max) + "\n";
     if (script->config.self)
         text += "self\n";
+    if (script->config.untimed)
+        text += "untimed\n";
     for (action_t action : script->actions)
         text += action_text(action) + "\n";
     return text + "expect " + violation_text(script->expected) + "\n";
@@ -209,6 +211,10 @@ static bool parse_line(const std::string &text, script_t *script)
         return parse_expected(&line, script);
     if (word == "self") {
         script->config.self = true;
+        return true;
+    }
+    if (word == "untimed") {
+        script->config.untimed = true;
         return true;
     }
     return parse_action(word, &line, script);

@@ -217,13 +217,18 @@ static void save_doomed(world_t *world)
     }
 }
 
+static void lose_name_changes(world_t *world, uint32_t from, uint32_t to)
+{
+    world->names_num -= world->names[from][to].num;
+    world->names[from][to].num = 0;
+}
+
 void notice_cut(world_t *world, uint32_t node, uint32_t peer)
 {
     world->noticed[node][peer] = true;
     lose_doomed(world, node, peer);
     lose_doomed(world, peer, node);
-    world->names_num -= world->names[peer][node].num;
-    world->names[peer][node].num = 0;
+    lose_name_changes(world, peer, node);
     for (uint8_t name = 0; name < NAME_NUM; name++) {
         if (world->config.place[name / APP_NUM].node == peer)
             change_view(world, node, name, 0);
@@ -271,6 +276,10 @@ void heal(world_t *world, uint32_t a, uint32_t b)
         save_doomed(world);
         return;
     }
+    lose_doomed(world, a, b);
+    lose_doomed(world, b, a);
+    lose_name_changes(world, a, b);
+    lose_name_changes(world, b, a);
     tell_all_names(world, a, b);
     tell_all_names(world, b, a);
 }
@@ -336,12 +345,14 @@ void kill_proc(proc_t *proc)
     zeb_hs_clear(&proc->hs);
 }
 
-void lose_connection(proc_t *proc, bool says_notconn)
+// Events that were told before may still be read.
+void lose_connection(proc_t *proc, bool says_notconn, bool with_events)
 {
     proc->connection = CONNECTION_DYING;
     proc->dying_says_notconn = says_notconn;
     proc->retry_at = proc->world->now;
-    proc->events.num = 0;
+    if (with_events)
+        proc->events.num = 0;
     proc->timer_num = 0;
     proc->timer_next = NEVER;
 }
@@ -361,7 +372,7 @@ static void reopen(proc_t *proc)
 
 void read_topology(proc_t *proc)
 {
-    if (proc->connection != CONNECTION_OPEN) {
+    if (proc->connection != CONNECTION_OPEN && proc->events.num == 0) {
         reopen(proc);
         return;
     }

@@ -24,7 +24,7 @@ void heal(world_t *world, uint32_t a, uint32_t b);
 
 void start(proc_t *proc);
 void kill_proc(proc_t *proc);
-void lose_connection(proc_t *proc, bool says_notconn);
+void lose_connection(proc_t *proc, bool says_notconn, bool with_events);
 void read_topology(proc_t *proc);
 void expire_next(proc_t *proc);
 

@@ -61,13 +61,17 @@ static void give_back(world_t *world, int src, int dst, message_t *message)
 {
     if (message->kind != KIND_ACK || !world->proc[src].alive || message->src_pid != world->proc[src].pid)
         return;
+    uint32_t from_node = world->config.place[dst / 2].node;
+    uint32_t to_node = world->config.place[src / 2].node;
+    if (world->noticed[from_node][to_node] || world->noticed[to_node][from_node])
+        return;
     uint8_t to = message->to;
     message->kind = KIND_RETURNED_ACK;
     message->to = message->from;
     message->from = to;
     message->src_pid = message->dst_pid;
     message->dst_pid = world->proc[src].pid;
-    message->doomed = world->cut[proc_node(&world->proc[dst])][proc_node(&world->proc[src])];
+    message->doomed = world->cut[from_node][to_node];
     put_message(world, channel_index(dst, src, message->to % APP_NUM), message);
 }
 
@@ -245,7 +249,7 @@ static void act_on_proc(proc_t *proc, action_t action)
         bind_names(proc, action.op == OP_BIND);
         return;
     case OP_LOSE:
-        lose_connection(proc, action.b != 0);
+        lose_connection(proc, (action.b & LOSE_SAYS_NOTCONN) != 0, (action.b & LOSE_WITH_EVENTS) != 0);
         return;
     case OP_FAIL_OPEN:
         proc->fail_open = action.b;
@@ -362,7 +366,7 @@ static void next_event(const world_t *world, order_t order, best_t *best)
         if (!proc.alive)
             continue;
         action_t action = {OP_EVENT, (uint8_t)proc.index, 0, 0, 0};
-        if (proc.connection != CONNECTION_OPEN)
+        if (proc.connection != CONNECTION_OPEN && proc.events.num == 0)
             consider(best, proc.retry_at + (order == ORDER_LATEST ? EVENT_DELAY_MAX : 0), action);
         else if (proc.events.num != 0)
             consider(best,
@@ -502,7 +506,7 @@ void world_init(world_t *world, const config_t *config)
     world->rng = 0;
     world->now = 0;
     world->pid = 0;
-    world->untimed = false;
+    world->untimed = config->untimed;
     reset_queues(world);
     memset(world->view, 0, sizeof(world->view));
     memset(world->cut, 0, sizeof(world->cut));

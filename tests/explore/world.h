@@ -43,6 +43,7 @@ typedef struct config_s {
     bool self;          // each application names itself too, as it does in the library
     uint32_t delay_min; // of a message, ms
     uint32_t delay_max;
+    bool untimed; // until faults end, nothing is overdue
 } config_t;
 
 typedef enum op_e : uint8_t {
@@ -61,13 +62,16 @@ typedef enum op_e : uint8_t {
     OP_BIND,       // a
     OP_CUT,        // a, b: the link between nodes a and b
     OP_HEAL,       // a, b
-    OP_LOSE,       // a: process a's topology connection; b: 1 when a timer's start then says -ENOTCONN, 0 for -1
+    OP_LOSE,       // a, b: process a's topology connection; b: LOSE_ bits
     OP_FAIL_OPEN,  // a, b: process a's next b attempts to open a topology connection fail
     OP_FAIL_TIMER, // a, b: the next b starts of timers on an open connection
     OP_FAIL_SEND,  // a, b: the next b sends of the core
     OP_PICK,       // a, b: of two processes that have a name of place a, process b of them gets what is sent to it
     OP_NUM,
 } op_t;
+
+constexpr uint8_t LOSE_SAYS_NOTCONN = 1; // a timer's start then says -ENOTCONN, otherwise -1
+constexpr uint8_t LOSE_WITH_EVENTS = 2;  // those that are not read yet are lost too
 
 typedef struct action_s {
     op_t op;
