@@ -5,6 +5,7 @@ const char *violation_text(violation_t violation)
     static const char *const texts[VIOLATION_NUM] = {
         "ok",         "join-twice",    "quit-without-join", "message-without-join", "online-withdrawn", "growth",
         "not-online", "other-process", "no-server",         "online-with-nobody",   "not-joined",       "not-quiet",
+        "storm",
     };
     return texts[violation];
 }

@@ -309,12 +309,17 @@ static void check_growth(proc_t *proc)
             hs->sync_inst_ack_num.load());
 }
 
+constexpr uint32_t RUN_STEPS_MAX = 50000; // a run has some hundreds
+
 bool apply(world_t *world, action_t action)
 {
     if (!is_enabled(world, action))
         return false;
-    if (action.op != OP_WAIT)
+    if (action.op != OP_WAIT) {
         world->steps++;
+        if (++world->run_steps > RUN_STEPS_MAX)
+            violate(world, VIOLATION_STORM, "more than %u steps, at %u ms", RUN_STEPS_MAX, world->now);
+    }
     act(world, action);
     if (action.op == OP_RECV || action.op == OP_REROUTE)
         check_growth(&world->proc[action.op == OP_RECV ? action.b : action.b ^ 1]);
@@ -513,6 +518,7 @@ void world_init(world_t *world, const config_t *config)
     memset(world->noticed, 0, sizeof(world->noticed));
     memset(world->pick, 0, sizeof(world->pick));
     world->links_cut = false;
+    world->run_steps = 0;
     world->last_send = 0;
     world->violation = VIOLATION_NONE;
     for (proc_t &proc : world->proc) {

@@ -178,6 +178,7 @@ typedef enum violation_e : int {
     VIOLATION_ONLINE_WITH_NOBODY,
     VIOLATION_NOT_JOINED,
     VIOLATION_NOT_QUIET,
+    VIOLATION_STORM,
     VIOLATION_NUM,
 } violation_t;
 
@@ -200,7 +201,8 @@ typedef struct world_s {
     uint8_t pick[PLACE_NUM];
     bool subscribed[PLACE_NUM][NAME_NUM];
     proc_t proc[PROC_NUM];
-    uint64_t steps;
+    uint32_t run_steps;
+    uint64_t steps; // of all runs, as is the next
     uint64_t core_sends;
     uint32_t last_send; // of a core
     uint32_t last_online_change;
