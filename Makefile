@@ -11,7 +11,7 @@ SEED ?= 1
 ROUNDS ?= 7
 ON ?= sim
 
-.PHONY: bench chaos fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
+.PHONY: bench chaos explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
 
 help: ## this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -61,6 +61,9 @@ fuzz: setup ## fuzz each target for SECONDS=n (60), two at a time; findings go t
 
 chaos: build ## processes and faults for MINUTES=n (10) with SEED=s (1), ON=sim, lab or wire
 	@tests/chaos/run $(ON) $$(($(MINUTES) * 60)) $(SEED)
+
+explore: build ## the handshake's core against a model of TIPC, at random for SECONDS=n (60) with SEED=s (1), and exhaustively
+	@$(BUILD)/tests/explore/zeb_explore --mode all --seconds $(SECONDS) --seed $(SEED) --depth 9 --faults 1
 
 bench: ## measure against raw TIPC, libzmq and nng (ROUNDS=7), in the lab and on the simulator; tables and a plot in bench/results
 	@scripts/setup bench
