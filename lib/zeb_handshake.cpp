@@ -240,7 +240,8 @@ void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, 
                    seq, pseq);
         return;
     }
-    zeb_del_sync_inst_retry(hs, my_app, peer);
+    if (zeb_hs_get_inst_state(hs, peer).instance)
+        zeb_del_sync_inst_retry(hs, my_app, peer);
     zeb_set_app_inst_ack(hs, peer);
     zeb_try_notify_app_join(hs, my_app, peer);
 }
@@ -307,6 +308,22 @@ void zeb_process_resend_inst_timer_event(zeb_handshake_t *hs, uint32_t seq)
 
 // Time-outs.
 
+// A peer that has acknowledged ours and takes us for known may never synchronise by itself: a late report has made us
+// forget its synchronisation after that.
+static void await_sync(zeb_handshake_t *hs, zeb_retry_inst_t *retry)
+{
+    if (zeb_has_sync_inst_of(hs, retry->src_app, retry->dst))
+        return;
+    uint32_t src_app = retry->src_app;
+    zeb_inst_t dst = retry->dst;
+    bool known = zeb_hs_get_inst_state(hs, dst).instance;
+    if (!known && ++retry->unknown_rounds < ZEB_UNKNOWN_ROUND_NUM)
+        return;
+    zeb_del_sync_inst_retry(hs, src_app, dst);
+    if (!known)
+        begin_anew(hs, dst, 1);
+}
+
 // Every pending synchronisation is sent again, not only those of the peers in the retry list.
 void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t)
 {
@@ -314,6 +331,7 @@ void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t)
     indexed_list_each(&hs->inst_sync, [&](const zeb_pending_sync_t *pending) {
         hs->effects->resend_sync(hs->ctx, pending->src_app, pending->dst, &pending->body);
     });
+    indexed_list_each(&hs->inst_retry, [&](zeb_retry_inst_t *retry) { await_sync(hs, retry); });
     if (indexed_list_num(&hs->inst_retry) != 0)
         (void)zeb_hs_start_timer(hs, ZEB_INST_RETRY_TIMEOUT, {ZEB_TIMER_TYPE_INST_RETRY, 0});
 }

@@ -46,6 +46,8 @@ typedef struct zeb_retry_inst_s {
     list_index_link_t index_link;
     uint32_t src_app;
     zeb_inst_t dst;
+    int unknown_rounds; // time-outs for which the peer, which has acknowledged ours, has sent no synchronisation of its
+                        // own
 } zeb_retry_inst_t;
 
 // A peer that synchronised and waits for the resume time-out.
@@ -151,6 +153,7 @@ typedef struct zeb_handshake_s {
 constexpr unsigned ZEB_RESUME_TIMEOUT = 60;    // seconds
 constexpr unsigned ZEB_RESEND_ACK_TIMEOUT = 1; // seconds
 constexpr unsigned ZEB_INST_RETRY_TIMEOUT = 2; // seconds
+constexpr int ZEB_UNKNOWN_ROUND_NUM = 3;       // of the retry time-out
 
 // What a peer can make grow.
 constexpr int ZEB_PAIR_NUM_MAX = 65536;   // pair records of a process

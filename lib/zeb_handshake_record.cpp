@@ -176,7 +176,7 @@ bool zeb_has_sync_inst_of(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_
 
 // Retries.
 
-static zeb_retry_inst_t *find_retry(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst)
+zeb_retry_inst_t *zeb_get_sync_inst_retry(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst)
 {
     return indexed_list_find_if(&hs->inst_retry, zeb_inst_key(dst),
                                 [&](const zeb_retry_inst_t *retry) { return retry->src_app == src_app; });
@@ -190,7 +190,7 @@ static void drop_retry(zeb_handshake_t *hs, zeb_retry_inst_t *retry)
 
 void zeb_add_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst)
 {
-    if (find_retry(hs, src_app, dst) != nullptr)
+    if (zeb_get_sync_inst_retry(hs, src_app, dst) != nullptr)
         return;
     zeb_retry_inst_t *retry = (zeb_retry_inst_t *)zeb_malloc(sizeof(zeb_retry_inst_t));
     retry->src_app = src_app;
@@ -201,7 +201,7 @@ void zeb_add_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t d
 
 void zeb_del_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst)
 {
-    zeb_retry_inst_t *retry = find_retry(hs, src_app, dst);
+    zeb_retry_inst_t *retry = zeb_get_sync_inst_retry(hs, src_app, dst);
     if (retry == nullptr)
         return;
     HS_INFO(hs, "ZEB clear inst retry from %d to %d/%d.\n", src_app, dst.app, dst.node);

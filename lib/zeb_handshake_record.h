@@ -35,6 +35,7 @@ bool zeb_has_sync_inst_seq(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst
 bool zeb_has_sync_inst_of(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 
 // Retries.
+zeb_retry_inst_t *zeb_get_sync_inst_retry(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst); // or null
 void zeb_add_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 void zeb_del_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 void zeb_clear_sync_inst_retry(zeb_handshake_t *hs, zeb_inst_t dst); // the first one, whichever application's

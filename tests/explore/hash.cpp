@@ -82,11 +82,6 @@ static void mix_lists(hash_t *hash, const zeb_handshake_t *hs)
         mix_number(hash, resume->seq);
         mix_inst(hash, resume->dst);
     });
-    mix(hash, 'j');
-    each_of<zeb_rejoin_t>(&hs->rejoin_list, [&](const zeb_rejoin_t *rejoin) {
-        mix_number(hash, rejoin->seq);
-        mix_inst(hash, rejoin->inst);
-    });
     mix(hash, 'a');
     each_of<zeb_returned_ack_t>(&hs->sync_inst_ack_list, [&](const zeb_returned_ack_t *ack) {
         mix_number(hash, ack->timer_seq);
@@ -102,7 +97,8 @@ static void mix_bits(hash_t *hash, const proc_t *proc)
         const zeb_ol_app_t *ol = inst.app == 0 ? nullptr : zeb_hs_get_ol_app(&proc->hs, inst.app);
         if (ol == nullptr)
             continue;
-        mix(hash, (uint64_t)zeb_app_set_test(&ol->srv_bmp, inst.node) << 5 |
+        mix(hash, (uint64_t)zeb_app_set_test(&ol->unreported_bmp, inst.node) << 6 |
+                      (uint64_t)zeb_app_set_test(&ol->srv_bmp, inst.node) << 5 |
                       (uint64_t)zeb_app_set_test(&ol->inst_bmp, inst.node) << 4 |
                       (uint64_t)zeb_app_set_test(&ol->inst_ack_bmp, inst.node) << 3 |
                       (uint64_t)zeb_app_set_test(&ol->ol_bmp, inst.node) << 2 | (uint64_t)proc->joined[name] << 1 |
@@ -134,8 +130,7 @@ static void mix_proc(hash_t *hash, const proc_t *proc)
         return;
     const zeb_handshake_t *hs = &proc->hs;
     mix_number(hash, proc->pid);
-    mix(hash, (uint64_t)hs->timer_inst_retry_open << 2 | (uint64_t)hs->retry_start_failed << 1 |
-                  (uint64_t)hs->topology_reopened);
+    mix(hash, (uint64_t)hs->timer_inst_retry_open);
     mix_bits(hash, proc);
     mix_pairs(hash, hs);
     mix_lists(hash, hs);

@@ -209,6 +209,7 @@ void receive(proc_t *proc, message_t *message)
     }
 }
 
+constexpr uint8_t EVENT_ALL_REPORTED = 0;
 constexpr uint8_t EVENT_PUBLISHED = 1;
 constexpr uint8_t EVENT_WITHDRAWN = 2;
 
@@ -224,6 +225,8 @@ void read_event(proc_t *proc, const event_t *event)
         if (zeb_hs_get_inst_state(&proc->hs, inst).online)
             violate(proc->world, VIOLATION_ONLINE_WITHDRAWN, "%s: online with %u/%u, just withdrawn",
                     proc_text(proc->index), inst.app, inst.node);
+    } else if (event->kind == EVENT_ALL_REPORTED) {
+        zeb_hs_topology_reported(&proc->hs);
     } else {
         zeb_hs_timer(&proc->hs, event->timer);
     }

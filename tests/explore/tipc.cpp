@@ -6,6 +6,7 @@
 
 #include "shell.h"
 
+constexpr uint8_t EVENT_ALL_REPORTED = 0; // not of TIPC: nothing was read for REPORT_TIME after the subscriptions
 constexpr uint8_t EVENT_PUBLISHED = 1;
 constexpr uint8_t EVENT_WITHDRAWN = 2;
 constexpr uint8_t EVENT_TIMED_OUT = 3;
@@ -73,11 +74,16 @@ int send_message(proc_t *proc, int app, zeb_inst_t dst, message_t *message)
     return 0;
 }
 
+static void put_event_in(proc_t *proc, uint32_t delay, uint8_t kind, uint8_t name, zeb_timer_t timer)
+{
+    event_t event = {kind, name, proc->world->now + delay, 0, timer};
+    event.due = due_of(proc->world, &proc->events, delay, delay + EVENT_DELAY_MAX);
+    (void)ring_push(proc->world, &proc->events, &event);
+}
+
 static void put_event(proc_t *proc, uint8_t kind, uint8_t name, zeb_timer_t timer)
 {
-    event_t event = {kind, name, proc->world->now, 0, timer};
-    event.due = due_of(proc->world, &proc->events, 0, EVENT_DELAY_MAX);
-    (void)ring_push(proc->world, &proc->events, &event);
+    put_event_in(proc, 0, kind, name, timer);
 }
 
 // Timers.
@@ -368,6 +374,7 @@ static void reopen(proc_t *proc)
     proc->connection = CONNECTION_OPEN;
     zeb_hs_topology_reopened(&proc->hs);
     subscribe(proc);
+    put_event_in(proc, REPORT_TIME, EVENT_ALL_REPORTED, 0, {0, 0});
 }
 
 void read_topology(proc_t *proc)

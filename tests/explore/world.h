@@ -22,6 +22,7 @@ constexpr int TIMER_ROOM = 128;
 
 constexpr uint32_t EVENT_DELAY_MAX = 2000;    // ms from an event's happening to its being read, at most
 constexpr uint32_t REOPEN_PERIOD = 2000;      // ms from one attempt to reopen the topology connection to the next
+constexpr uint32_t REPORT_TIME = 2000;        // ms after which a new connection has reported what there is
 constexpr uint32_t TOLERANCE = 1500;          // ms from a link's cut to its being noticed
 constexpr uint32_t TOLERANCE_DELAY_MAX = 500; // ms by which one side may be later
 constexpr uint32_t NEVER = UINT32_MAX;
