@@ -1,4 +1,4 @@
-// The interposed libc calls, the fault scripts and the in-process TIPC behind them.
+// The fault scripts, the in-process TIPC, and the interposed calls of sockets, streams and threads.
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -670,52 +670,5 @@ int pthread_cond_broadcast(pthread_cond_t *cond)
             return std::exchange(known.broadcast_err, 0);
     }
     return s_broadcast(cond);
-}
-
-ssize_t readlink(const char *path, char *buf, size_t len)
-{
-    int err = fault::take("readlink");
-    if (err != 0)
-        return fail(err);
-    return next<ssize_t (*)(const char *, char *, size_t)>("readlink")(path, buf, len);
-}
-
-int fseek(FILE *fp, long offset, int whence)
-{
-    int err = fault::take("fseek");
-    if (err != 0)
-        return fail(err);
-    return next<int (*)(FILE *, long, int)>("fseek")(fp, offset, whence);
-}
-
-int fsync(int fd)
-{
-    int err = fault::take("fsync");
-    if (err != 0)
-        return fail(err);
-    return next<int (*)(int)>("fsync")(fd);
-}
-
-// The library registers one callback; the test framework registers none through here that may fail.
-int atexit(void (*fun)(void))
-{
-    int err = fault::take("atexit");
-    if (err != 0)
-        return -1;
-    typedef int (*cxa_t)(void (*)(void *), void *, void *);
-    return next<cxa_t>("__cxa_atexit")(reinterpret_cast<void (*)(void *)>(reinterpret_cast<void *>(fun)), nullptr,
-                                       nullptr);
-}
-
-unsigned sleep(unsigned)
-{
-    (void)fault::take("sleep"); // a test never waits for a pause of the library
-    return 0;
-}
-
-int sched_yield(void)
-{
-    (void)fault::take("sched_yield");
-    return next<int (*)(void)>("sched_yield")();
 }
 }

@@ -457,7 +457,7 @@ TEST_F(zeb_leaks, calls_that_fail)
     });
     expect_nothing_left([&] {
         fault::run_next(
-            "sendto", [&] { peer_withdrawn(); }, 0, EHOSTUNREACH); // its place is settled already
+            "sendto", [&] { peer_withdrawn(); }, 0, EHOSTUNREACH); // its place is empty already
         EXPECT_EQ(zeb_rpc(APP, PEER, msg_, 0, 1, &reply_), -ENOENT);
         EXPECT_EQ(reply_.num, 0);
         peer_online();

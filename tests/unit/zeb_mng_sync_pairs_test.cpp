@@ -138,6 +138,7 @@ TEST_P(zeb_mng_sync_two_local, cell)
         {"online a half b", {"publish a", "sync same a", "sync same b", "ack right a"}},
         {"online both", {"publish a", "sync same a", "sync same b", "ack right a", "ack right b"}},
         {"online a by message", {"sync same a", "message a"}},
+        {"online a retrying both", {"publish a", "sync same a", "sync same b", "message a"}},
     };
     enter(roads.at(GetParam().state));
     check(GetParam());
@@ -419,6 +420,25 @@ static const cell_t two_local[] = {
     {"online a by message", "message b", "IAOS", "- 0 1", "", "", "message b"},
     {"online a by message", "retry timer", "IAOS", "- 0 1", "", "", ""},
     {"online a by message", "resume timer", "----", "ab 0 0", "resume a, resume b", "", "quit a"},
+    // online a retrying both
+    {"online a retrying both", "publish a", "----", "ab 1 0", "sync a, sync b", "", "quit a"},
+    {"online a retrying both", "withdraw a", "----", "- 1 0", "", "", "quit a"},
+    {"online a retrying both", "sync same a", "IAOS", "b 2 0", "ack+pseq a", "", ""},
+    {"online a retrying both", "sync new a", "IAOS", "b 2 0", "ack+pseq a", "", ""},
+    {"online a retrying both", "sync resume a", "I---", "ab 1 0", "sync a, sync b, ack+pseq a", "", "quit a"},
+    {"online a retrying both", "ack right a", "IAOS", "b 2 0", "", "", ""},
+    {"online a retrying both", "ack wrong a", "IAOS", "b 2 0", "", "", ""},
+    {"online a retrying both", "ack pseq 0 a", "IAOS", "b 2 0", "", "", ""},
+    {"online a retrying both", "message a", "IAOS", "b 2 0", "", "", "message a"},
+    {"online a retrying both", "sync same b", "IAOS", "b 2 0", "ack b", "", ""},
+    {"online a retrying both", "sync new b", "IAOS", "b 2 0", "ack b", "", ""},
+    {"online a retrying both", "sync resume b", "I---", "ab 1 0", "sync a, sync b, ack b", "", "quit a"},
+    {"online a retrying both", "ack right b", "IAOS", "- 1 0", "", "", ""},
+    {"online a retrying both", "ack wrong b", "IAOS", "b 2 0", "", "", ""},
+    {"online a retrying both", "ack pseq 0 b", "IAOS", "b 2 0", "", "", ""},
+    {"online a retrying both", "message b", "IAOS", "b 2 0", "", "", "message b"},
+    {"online a retrying both", "retry timer", "IAOS", "b 2 0", "sync b", "retry", ""},
+    {"online a retrying both", "resume timer", "IAOS", "b 2 0", "", "", ""},
 };
 // clang-format on
 

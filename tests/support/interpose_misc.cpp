@@ -1,0 +1,87 @@
+// The interposed calls that need nothing but a script: files, pauses, the end of the process, the calendar clock.
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <dlfcn.h>
+#include <sys/types.h>
+
+#include "fault.h"
+
+template <typename Fun>
+static Fun next(const char *name)
+{
+    return reinterpret_cast<Fun>(dlsym(RTLD_NEXT, name));
+}
+
+static int fail(int err)
+{
+    errno = err;
+    return -1;
+}
+
+static std::atomic<time_t> s_held{0};
+
+void fault::hold_time(time_t seconds)
+{
+    s_held = seconds;
+}
+
+extern "C" {
+ssize_t readlink(const char *path, char *buf, size_t len)
+{
+    int err = fault::take("readlink");
+    if (err != 0)
+        return fail(err);
+    return next<ssize_t (*)(const char *, char *, size_t)>("readlink")(path, buf, len);
+}
+
+int fseek(FILE *fp, long offset, int whence)
+{
+    int err = fault::take("fseek");
+    if (err != 0)
+        return fail(err);
+    return next<int (*)(FILE *, long, int)>("fseek")(fp, offset, whence);
+}
+
+int fsync(int fd)
+{
+    int err = fault::take("fsync");
+    if (err != 0)
+        return fail(err);
+    return next<int (*)(int)>("fsync")(fd);
+}
+
+// The library registers one callback; the test framework registers none through here that may fail.
+int atexit(void (*fun)(void))
+{
+    int err = fault::take("atexit");
+    if (err != 0)
+        return -1;
+    typedef int (*cxa_t)(void (*)(void *), void *, void *);
+    return next<cxa_t>("__cxa_atexit")(reinterpret_cast<void (*)(void *)>(reinterpret_cast<void *>(fun)), nullptr,
+                                       nullptr);
+}
+
+unsigned sleep(unsigned)
+{
+    (void)fault::take("sleep"); // a test never waits for a pause of the library
+    return 0;
+}
+
+int sched_yield(void)
+{
+    (void)fault::take("sched_yield");
+    return next<int (*)(void)>("sched_yield")();
+}
+
+time_t time(time_t *out)
+{
+    time_t now = s_held;
+    if (now == 0)
+        return next<time_t (*)(time_t *)>("time")(out);
+    if (out != nullptr)
+        *out = now;
+    return now;
+}
+}
