@@ -92,7 +92,7 @@ static bool call(uint32_t node, zeb_msg_t *msg)
 static void acknowledge(uint32_t first, uint32_t last)
 {
     for (uint32_t node = first; node <= last; node++)
-        zeb_fc_update_sent_ack(APP, PEER, node, 512);
+        zeb_fc_update_sent_ack(APP, {PEER, node}, 512);
 }
 
 int main(int argc, char **argv)

@@ -4,6 +4,7 @@
 // same.
 #include "zeb_cfg.h"
 
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -28,7 +29,7 @@ static const char LOG_KEY[] = "zeb_log_cfg";
 static const char BLOCKED_RESUME_KEY[] = "zeb_blocked_resume_enabled";
 
 static pthread_once_t s_cfg_once = PTHREAD_ONCE_INIT;
-static int s_my_node_id = NODE_ID_UNKNOWN;
+static std::atomic<int> s_my_node_id{NODE_ID_UNKNOWN}; // relaxed
 
 typedef struct cfg_line_s {
     char raw[CFG_LINE_LEN]; // as read, line end included
@@ -330,12 +331,12 @@ int zeb_read_my_node_id()
 
 int zeb_get_my_node_id(void)
 {
-    int node = zeb_load_relaxed(&s_my_node_id);
+    int node = s_my_node_id.load(std::memory_order_relaxed);
     if (node != NODE_ID_UNKNOWN)
         return node;
     node = zeb_read_my_node_id();
     if (node != NODE_ID_UNKNOWN)
-        zeb_store_relaxed(&s_my_node_id, node);
+        s_my_node_id.store(node, std::memory_order_relaxed);
     return node;
 }
 

@@ -230,7 +230,7 @@ TEST_F(zeb_process, under_a_storm_of_signals_a_blocked_sender_waits_and_goes_on)
         for (int i = 0; i < 1000; i++)
             (void)sched_yield();
         EXPECT_EQ(result, 1) << "no signal lets it through";
-        zeb_fc_update_sent_ack(APP, PEER, PEER_NODE, 1);
+        zeb_fc_update_sent_ack(APP, {PEER, PEER_NODE}, 1);
         while (result == 1)
             (void)sched_yield();
     }

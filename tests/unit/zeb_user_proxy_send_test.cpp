@@ -1,4 +1,5 @@
 // zeb_send and zeb_sendto.
+#include "by_number.h"
 #include "handshake.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
@@ -180,7 +181,7 @@ TEST_F(zeb_user_proxy_send, a_node_group_is_sent_to_in_list_order)
 static void fill_window(uint32_t app, uint32_t node)
 {
     for (int i = 0; i < 1025; i++)
-        zeb_fc_update_sent_ok(APP, app, node);
+        zeb_fc_update_sent_ok(APP, {app, node});
 }
 
 TEST_F(zeb_user_proxy_send, one_refused_member_sends_to_none)

@@ -1,9 +1,10 @@
 // Management messages.
+#include "by_number.h"
 #include "lib_test.h"
 #include "platform/gvr.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng_msg.h"
+#include "zeb_mng_msg_mng.h"
 #include "zeb_rpc.h"
 
 using wire::operator+;
@@ -55,11 +56,22 @@ TEST_F(zeb_mng_msg_mng, the_four_senders_write_one_element)
         const char *body;
         const char *line;
     } rows[] = {
-        {[] { return zeb_send_fc_ack(APP, 9, PEER, 512); }, "0008000000000200",
-         "0 ZEB app 100 send msg ack num 512 to 200/9."},
-        {[] { return zeb_send_fc_ping(APP, 9, PEER); }, "00040006", "0 ZEB app 100 ping to 200/9."},
-        {[] { return zeb_send_fc_ping_echo(APP, 9, PEER); }, "00040007", "0 ZEB app 100 ping echo to 200/9."},
-        {[] { return zeb_send_fc_reload(APP, 9, PEER); }, "00040008", "0 ZEB app 100 try to reload 200/9."},
+        {[] {
+             return zeb_send_fc_ack(APP, {PEER, 9}, 512);
+         },
+         "0008000000000200", "0 ZEB app 100 send msg ack num 512 to 200/9."},
+        {[] {
+             return zeb_send_fc_ping(APP, {PEER, 9});
+         },
+         "00040006", "0 ZEB app 100 ping to 200/9."},
+        {[] {
+             return zeb_send_fc_ping_echo(APP, {PEER, 9});
+         },
+         "00040007", "0 ZEB app 100 ping echo to 200/9."},
+        {[] {
+             return zeb_send_fc_reload(APP, {PEER, 9});
+         },
+         "00040008", "0 ZEB app 100 try to reload 200/9."},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(logged(V, [&] { EXPECT_EQ(row.send(), 0); })[0], row.line);
@@ -81,7 +93,7 @@ TEST_F(zeb_mng_msg_mng, the_four_senders_write_one_element)
 TEST_F(zeb_mng_msg_mng, an_acknowledgement_of_512_lowers_the_count_by_512)
 {
     for (int i = 0; i < 600; i++)
-        zeb_fc_update_sent_ok(APP, PEER, 9);
+        zeb_fc_update_sent_ok(APP, {PEER, 9});
     lines_t lines = manage(V, wire::tlv(0, {0, 0, 2, 0}));
     EXPECT_THAT(lines, testing::IsSupersetOf(
                            {"0 ZEB app 100 recv mgmt msg from 200/9, data len 4, type processed message num ack.",
@@ -241,7 +253,7 @@ TEST_F(zeb_mng_msg_mng, an_answer_to_the_daemon_is_filed_in_its_call)
     start_app(1, {4});
     zeb_reply_msg_t reply = {};
     ASSERT_EQ(zeb_rpc_prepare_wait(1, 77, 1, &reply), 0);
-    ASSERT_EQ(zeb_rpc_set_wait(1, 77, PEER, 9), 0);
+    ASSERT_EQ(zeb_rpc_set_wait(1, 77, {PEER, 9}), 0);
     wire::header_t header = from_peer(wire::MNG | wire::REQUEST | wire::ACK, 9, PEER, 1);
     header.seq = 77;
     receive(wire::message(header, {1, 2, 3}), 1);
