@@ -163,6 +163,7 @@ static bool read_old_file(const char *dir, const char *name, const char *prefix,
     return true;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): what qsort calls
 static int newest_first(const void *a, const void *b)
 {
     uint32_t time_a = ((const zeb_dm_file_t *)a)->last_change_time;

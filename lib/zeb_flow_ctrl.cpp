@@ -63,11 +63,17 @@ zeb_fc_t *zeb_fc_not_found(uint32_t app)
     return nullptr;
 }
 
-// The record of `app`, or null with the line that says so about `shown`.
-static zeb_fc_t *get_fc(uint32_t app, uint32_t shown)
+// The record of `app`, or null with the line that says so: about itself, or about the peer of a received message.
+static zeb_fc_t *get_fc(uint32_t app)
 {
     zeb_fc_t *fc = zeb_get_app_fc(app);
-    return fc != nullptr ? fc : zeb_fc_not_found(shown);
+    return fc != nullptr ? fc : zeb_fc_not_found(app);
+}
+
+static zeb_fc_t *get_receiver_fc(uint32_t my_app, zeb_inst_t src)
+{
+    zeb_fc_t *fc = zeb_get_app_fc(my_app);
+    return fc != nullptr ? fc : zeb_fc_not_found(src.app);
 }
 
 zeb_send_app_fc_t *__zeb_get_send_app_fc(zeb_fc_t *fc, zeb_inst_t dst)
@@ -201,7 +207,7 @@ void zeb_fc_update_sent_ok(zeb_fc_t *fc, zeb_inst_t dst)
 
 void zeb_fc_update_sent_reject(uint32_t src_app, zeb_inst_t dst)
 {
-    zeb_fc_t *fc = get_fc(src_app, src_app);
+    zeb_fc_t *fc = get_fc(src_app);
     if (fc == nullptr)
         return;
     ZEB_VERBOSE("ZEB app %d update send reject to %d/%d.\n", src_app, dst.app, dst.node);
@@ -214,7 +220,7 @@ void zeb_fc_update_sent_reject(uint32_t src_app, zeb_inst_t dst)
 
 void zeb_fc_update_rpc_reply_exception(uint32_t src_app, zeb_inst_t dst)
 {
-    zeb_fc_t *fc = get_fc(src_app, src_app);
+    zeb_fc_t *fc = get_fc(src_app);
     if (fc == nullptr)
         return;
     ZEB_VERBOSE("ZEB app %d update RPC reply reject to %d/%d.\n", src_app, dst.app, dst.node);
@@ -234,7 +240,7 @@ static uint32_t acknowledgeable(int32_t unack, uint32_t ack_num)
 
 void zeb_fc_update_sent_ack(uint32_t my_app, zeb_inst_t dst, uint32_t ack_num)
 {
-    zeb_fc_t *fc = get_fc(my_app, my_app);
+    zeb_fc_t *fc = get_fc(my_app);
     if (fc == nullptr)
         return;
     ZEB_VERBOSE("ZEB app %d update send ack from %d/%d, ack num %d.\n", my_app, dst.app, dst.node, ack_num);
@@ -274,7 +280,7 @@ void zeb_fc_update_recv_drop(uint32_t my_app, zeb_inst_t src, int num)
 {
     if (num == 0)
         return;
-    zeb_fc_t *fc = get_fc(my_app, src.app);
+    zeb_fc_t *fc = get_receiver_fc(my_app, src);
     if (fc == nullptr)
         return;
     ZEB_VERBOSE("ZEB app %d update recv drop num %d from %d/%d.\n", my_app, num, src.app, src.node);
@@ -289,7 +295,7 @@ void zeb_fc_update_recv_drop(uint32_t my_app, zeb_inst_t src, int num)
 
 void zeb_fc_update_recv_retdata(uint32_t my_app, zeb_inst_t src)
 {
-    zeb_fc_t *fc = get_fc(my_app, src.app);
+    zeb_fc_t *fc = get_receiver_fc(my_app, src);
     if (fc == nullptr)
         return;
     ZEB_VERBOSE("ZEB app %d update recv retdata from %d/%d.\n", my_app, src.app, src.node);
@@ -301,7 +307,7 @@ void zeb_fc_update_recv_retdata(uint32_t my_app, zeb_inst_t src)
 
 void zeb_fc_update_recv_exception(uint32_t my_app)
 {
-    zeb_fc_t *fc = get_fc(my_app, my_app);
+    zeb_fc_t *fc = get_fc(my_app);
     if (fc == nullptr)
         return;
     ZEB_ERROR("ZEB app %d update recv exception msg.\n", my_app);
@@ -332,7 +338,7 @@ static uint32_t reject_sent(zeb_fc_t *fc, zeb_inst_t dst) ZEB_REQUIRES(fc->mutex
 
 void zeb_fc_adjust_statistics(uint32_t src_app, zeb_inst_t dst)
 {
-    zeb_fc_t *fc = get_fc(src_app, src_app);
+    zeb_fc_t *fc = get_fc(src_app);
     if (fc == nullptr)
         return;
     uint32_t sent = 0;

@@ -74,6 +74,12 @@ void zeb_mc_init(zeb_mc_t *mc)
     indexed_list_init(&mc->node_mc_list);
 }
 
+// A group as its owner names it.
+typedef struct group_id_s {
+    uint32_t owner;
+    uint32_t mc_id;
+} group_id_t;
+
 static zeb_mc_t *get_mc(uint32_t src_app)
 {
     zeb_app_mng_t *slot = zeb_get_app_mng(src_app);
@@ -158,13 +164,13 @@ static void clear_member(typename Kind::group_t *group, uint32_t member)
 
 // A member that is there already moves to the first empty place, so adding it never fails on a full group.
 template <typename Kind>
-static int add_member(uint32_t src_app, uint32_t mc_id, uint32_t member)
+static int add_member(group_id_t id, uint32_t member)
 {
-    zeb_mc_t *mc = get_mc(src_app);
+    zeb_mc_t *mc = get_mc(id.owner);
     if (mc == nullptr)
         return -ENOENT;
     zeb_scoped_lock lock(mc->mutex);
-    typename Kind::group_t *group = get_group<Kind>(mc, mc_id);
+    typename Kind::group_t *group = get_group<Kind>(mc, id.mc_id);
     if (group == nullptr)
         return -ENOENT;
     clear_member<Kind>(group, member);
@@ -174,30 +180,30 @@ static int add_member(uint32_t src_app, uint32_t mc_id, uint32_t member)
             return 0;
         }
     }
-    ZEB_ERROR("ZEB app %d %s-private-mcast 0x%x member reach to %d.\n", src_app, Kind::name, mc_id, Kind::places);
+    ZEB_ERROR("ZEB app %d %s-private-mcast 0x%x member reach to %d.\n", id.owner, Kind::name, id.mc_id, Kind::places);
     return -ENOBUFS;
 }
 
 template <typename Kind>
-static void del_member(uint32_t src_app, uint32_t mc_id, uint32_t member)
+static void del_member(group_id_t id, uint32_t member)
 {
-    zeb_mc_t *mc = get_mc(src_app);
+    zeb_mc_t *mc = get_mc(id.owner);
     if (mc == nullptr)
         return;
     zeb_scoped_lock lock(mc->mutex);
-    typename Kind::group_t *group = get_group<Kind>(mc, mc_id);
+    typename Kind::group_t *group = get_group<Kind>(mc, id.mc_id);
     if (group != nullptr)
         clear_member<Kind>(group, member);
 }
 
 template <typename Kind>
-static void destroy_group(uint32_t src_app, uint32_t mc_id)
+static void destroy_group(group_id_t id)
 {
-    zeb_mc_t *mc = get_mc(src_app);
+    zeb_mc_t *mc = get_mc(id.owner);
     if (mc == nullptr)
         return;
     zeb_scoped_lock lock(mc->mutex);
-    typename Kind::group_t *group = get_group<Kind>(mc, mc_id);
+    typename Kind::group_t *group = get_group<Kind>(mc, id.mc_id);
     if (group == nullptr)
         return;
     indexed_list_remove(Kind::groups(mc), group);
@@ -206,17 +212,17 @@ static void destroy_group(uint32_t src_app, uint32_t mc_id)
 }
 
 template <typename Kind>
-static void get_members(uint32_t src_app, uint32_t mc_id, typename Kind::group_t *out)
+static void get_members(group_id_t id, typename Kind::group_t *out)
 {
-    zeb_mc_t *mc = get_mc(src_app);
+    zeb_mc_t *mc = get_mc(id.owner);
     if (mc == nullptr)
         return;
     zeb_scoped_lock lock(mc->mutex);
-    const typename Kind::group_t *group = find_group<Kind>(mc, mc_id);
+    const typename Kind::group_t *group = find_group<Kind>(mc, id.mc_id);
     if (group != nullptr)
         *out = *group;
     else
-        ZEB_ERROR("ZEB app %d does not create %s-private-mcast %d.\n", src_app, Kind::name, mc_id);
+        ZEB_ERROR("ZEB app %d does not create %s-private-mcast %d.\n", id.owner, Kind::name, id.mc_id);
 }
 
 int zeb_create_app_mcast(uint32_t src_app)
@@ -234,21 +240,21 @@ int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
         ZEB_ERROR("ZEB app ID %d invalid.\n", new_app);
         return -EINVAL;
     }
-    return add_member<app_kind>(src_app, mc_app, new_app);
+    return add_member<app_kind>({src_app, mc_app}, new_app);
 }
 
 void zeb_del_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t del_app)
 {
     if (zeb_in_child("zeb_del_app_mcast"))
         return;
-    del_member<app_kind>(src_app, mc_app, del_app);
+    del_member<app_kind>({src_app, mc_app}, del_app);
 }
 
 void zeb_destroy_app_mcast(uint32_t src_app, uint32_t mc_app)
 {
     if (zeb_in_child("zeb_destroy_app_mcast"))
         return;
-    destroy_group<app_kind>(src_app, mc_app);
+    destroy_group<app_kind>({src_app, mc_app});
 }
 
 int zeb_create_node_mcast(uint32_t src_app)
@@ -266,33 +272,33 @@ int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
         ZEB_ERROR("ZEB node ID %d invalid.\n", new_node);
         return -EINVAL;
     }
-    return add_member<node_kind>(src_app, mc_node, new_node);
+    return add_member<node_kind>({src_app, mc_node}, new_node);
 }
 
 void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node)
 {
     if (zeb_in_child("zeb_del_node_mcast"))
         return;
-    del_member<node_kind>(src_app, mc_node, del_node);
+    del_member<node_kind>({src_app, mc_node}, del_node);
 }
 
 void zeb_destroy_node_mcast(uint32_t src_app, uint32_t mc_node)
 {
     if (zeb_in_child("zeb_destroy_node_mcast"))
         return;
-    destroy_group<node_kind>(src_app, mc_node);
+    destroy_group<node_kind>({src_app, mc_node});
 }
 
 void zeb_get_app_mc_mbr(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out)
 {
     memset(out, 0, sizeof(*out));
-    get_members<app_kind>(src_app, mc_app, out);
+    get_members<app_kind>({src_app, mc_app}, out);
 }
 
 void zeb_get_node_mc_mbr(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out)
 {
     memset(out, 0xFF, sizeof(*out));
-    get_members<node_kind>(src_app, mc_node, out);
+    get_members<node_kind>({src_app, mc_node}, out);
 }
 
 template <typename Kind>

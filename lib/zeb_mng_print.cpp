@@ -12,10 +12,9 @@
 #include "zeb_rpc.h"
 #include "zeb_slot.h"
 
-// Prints a title and, for each online application, the nodes of one of its sets.
-static void print_sets(const char *title, const char *what, zeb_app_set_t zeb_ol_app_t::*set) ZEB_REQUIRES(g_lib_mutex)
+// Prints for each online application, the nodes of one of its sets.
+static void print_sets(const char *what, zeb_app_set_t zeb_ol_app_t::*set) ZEB_REQUIRES(g_lib_mutex)
 {
-    zeb_buf_printf("%s", title);
     indexed_list_each(&g_zeb_handshake.ol_app, [&](zeb_ol_app_t *ol) {
         zeb_buf_printf("    Application %d %s on nodes:", ol->app_id, what);
         zeb_app_set_each(&(ol->*set), [](uint32_t node) { zeb_buf_printf(" %d", node); });
@@ -57,11 +56,15 @@ void zeb_cli_print_lib_info(uint32_t app)
     zeb_each_app_mng([](const zeb_app_mng_t *slot) { zeb_buf_printf(" %d", slot->app_id.load()); });
     zeb_buf_printf("\n");
 
-    print_sets("  Online application servers:\n", "server", &zeb_ol_app_t::srv_bmp);
+    zeb_buf_printf("  Online application servers:\n");
+    print_sets("server", &zeb_ol_app_t::srv_bmp);
     print_subscribers();
-    print_sets("  Online application instances:\n", "instance", &zeb_ol_app_t::inst_bmp);
-    print_sets("  Online application instances acked:\n", "instance acked", &zeb_ol_app_t::inst_ack_bmp);
-    print_sets("  Online application instances online:\n", "instance online", &zeb_ol_app_t::ol_bmp);
+    zeb_buf_printf("  Online application instances:\n");
+    print_sets("instance", &zeb_ol_app_t::inst_bmp);
+    zeb_buf_printf("  Online application instances acked:\n");
+    print_sets("instance acked", &zeb_ol_app_t::inst_ack_bmp);
+    zeb_buf_printf("  Online application instances online:\n");
+    print_sets("instance online", &zeb_ol_app_t::ol_bmp);
 
     print_pending<zeb_pending_sync_t>("  Unack instance sync(src_app/seq->dst_app/dst_node):\n   ",
                                       &g_zeb_handshake.inst_sync.list, [](const zeb_pending_sync_t *pending) {

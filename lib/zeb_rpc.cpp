@@ -70,7 +70,7 @@ zeb_rpc_wait_t *zeb_get_rpc_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq)
     return __find_wait(rpc, seq);
 }
 
-int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply_msg_t *reply)
+int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, zeb_reply_msg_t *reply, uint32_t timeout)
 {
     ZEB_VERBOSE("ZEB app %d seq %d RPC prepare wait.\n", app, seq);
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
@@ -103,7 +103,8 @@ int zeb_rpc_set_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t dst)
     zeb_scoped_lock lock(&rpc->mutex);
     zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
     assert(wait != NULL);
-    assert(zeb_valid_node_id(dst.node));
+    uint32_t dst_node = dst.node;
+    assert(zeb_valid_node_id(dst_node));
     if (wait->inst_num == ZEB_RPC_REPLY_NUM) {
         ZEB_ERROR("ZEB RPC wait reply num exceeds limit %d.\n", ZEB_RPC_REPLY_NUM);
         return -ENOBUFS;

@@ -46,7 +46,7 @@ static inline zeb_app_rpc_wait_t *zeb_get_app_rpc(uint32_t app)
 
 // The caller's side: a call is opened by the application's id (-ENOENT when it is not registered here), and what
 // follows takes the application's record.
-int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply_msg_t *reply);
+int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, zeb_reply_msg_t *reply, uint32_t timeout);
 zeb_rpc_wait_t *zeb_get_rpc_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq); // null without the call
 int zeb_rpc_set_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t dst);
 void zeb_rpc_del_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq);

@@ -30,10 +30,13 @@ static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, const zeb_r
     return 0;
 }
 
-// Records every addressed instance of one member as waited for, under the application id `as_app`. Returns how many, or
-// the failure of a recording.
-static int set_member_waits(const zeb_dst_t *dst, uint32_t seq, uint32_t member, uint32_t as_app)
+// Records every addressed instance of the member at a place as waited for. Returns how many, or the failure of a
+// recording. A call to all nodes addresses them under the id that its caller gave (be it 0 or a group), a call to
+// chosen nodes under the member's.
+static int set_member_waits(const zeb_dst_t *dst, int place, uint32_t seq)
 {
+    uint32_t member = dst->apps.mbr[place];
+    uint32_t as_app = dst->all_nodes ? dst->named.app : member;
     zeb_app_set_t servers;
     zeb_member_t found = zeb_get_member_servers(dst, member, &servers);
     if (found == ZEB_MEMBER_NO_SERVER)
@@ -50,16 +53,14 @@ static int set_member_waits(const zeb_dst_t *dst, uint32_t seq, uint32_t member,
     return num;
 }
 
-// Records the instances of every member. A call to all nodes addresses them under the id that its caller gave (be it 0
-// or a group), a call to chosen nodes under the member's.
+// Records the instances of every member.
 static int set_waits(const zeb_dst_t *dst, uint32_t seq)
 {
     int found = 0;
     for (int i = 0; i < dst->app_num; i++) {
-        uint32_t member = dst->apps.mbr[i];
-        if (member == 0)
+        if (dst->apps.mbr[i] == 0)
             continue;
-        int num = set_member_waits(dst, seq, member, dst->all_nodes ? dst->named.app : member);
+        int num = set_member_waits(dst, i, seq);
         if (num < 0)
             return num;
         found += num;
@@ -87,7 +88,7 @@ static void log_no_server(const zeb_dst_t *dst)
 }
 
 // Opens the call and records its instances; closes it again when that fails.
-static int zeb_prepare_rpc(zeb_dst_t *dst, uint32_t seq, uint32_t timeout, zeb_reply_msg_t *ret_buf)
+static int zeb_prepare_rpc(zeb_dst_t *dst, uint32_t seq, zeb_reply_msg_t *ret_buf, uint32_t timeout)
 {
     int ret = zeb_get_app_mbrs(dst);
     if (ret != 0 && dst->all_nodes)
@@ -95,7 +96,7 @@ static int zeb_prepare_rpc(zeb_dst_t *dst, uint32_t seq, uint32_t timeout, zeb_r
     if (ret == 0 && !dst->all_nodes)
         ret = zeb_get_node_mbrs(dst);
     if (ret == 0)
-        ret = zeb_rpc_prepare_wait(dst->src_app, seq, timeout, ret_buf);
+        ret = zeb_rpc_prepare_wait(dst->src_app, seq, ret_buf, timeout);
     if (ret != 0) {
         log_not_prepared(dst, ret);
         return ret;
@@ -147,7 +148,7 @@ static int zeb_send_rpc(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg, zeb_
 static int call(zeb_dst_t *dst, zeb_msg_t *msg, uint32_t timeout, zeb_reply_msg_t *ret_buf)
 {
     uint32_t seq = zeb_get_seq();
-    int ret = zeb_prepare_rpc(dst, seq, timeout, ret_buf);
+    int ret = zeb_prepare_rpc(dst, seq, ret_buf, timeout);
     if (ret != 0) {
         zeb_fc_update_sent_reject(dst->src_app, dst->named);
         return ret;

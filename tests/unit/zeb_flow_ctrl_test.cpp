@@ -463,19 +463,6 @@ TEST_F(zeb_flow_ctrl, a_ping_tells_how_many_messages_of_the_sender_are_still_que
     EXPECT_EQ(lines[1], "3 ZEB app 300 from 200/9 unprocess num: 2.");
 }
 
-TEST_F(zeb_flow_ctrl, with_errors_neither_printed_nor_recorded_a_ping_does_not_count_the_queue)
-{
-    zeb_app_info_t *info = zeb_get_app_info(APP);
-    zeb_mutex_lock(&info->mutex); // counting would wait for it
-    EXPECT_EQ(logged(V | I | W,
-                     [] {
-                         zeb_fc_ping_request(APP, {PEER, 9});
-                     }),
-              lines_t({"0 ZEB app 100 ping echo to 200/9.", "0 ZEB app 100 sent to 200/9, msg len 40."}));
-    zeb_mutex_unlock(&info->mutex);
-    EXPECT_EQ(fake_tipc::take_sent().size(), 1u);
-}
-
 // Statistics of synchronisation messages.
 
 static std::string stat_text()

@@ -106,7 +106,7 @@ TEST_F(zeb_mng_check, a_call_whose_answers_disagree_with_its_places_or_whose_cal
 {
     zeb_reply_msg_t reply;
     memset(&reply, 0, sizeof(reply));
-    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 5, 1, &reply), 0);
+    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 5, &reply, 1), 0);
     ASSERT_EQ(zeb_rpc_set_wait(APP, 5, {PEER, PEER_NODE}), 0);
     zeb_rpc_wait_t *wait = zeb_get_rpc_wait(APP, 5);
     EXPECT_EQ(broken_with(&wait->wait_inst[0], 0u), "100: a call with 1 places settled and 0 answers\n");
