@@ -309,7 +309,7 @@ void zeb_subscr_tipc_events()
     zeb_scoped_lock lock(&g_lib_mutex);
     indexed_list_each(&g_zeb_handshake.ol_app, [](const zeb_ol_app_t *ol) {
         (void)zeb_subscr_app_events(zeb_tipc_instance({ol->app_id, 0}), zeb_tipc_instance({ol->app_id, 0xFFFF}),
-                                    (uint32_t)TIPC_WAIT_FOREVER);
+                                    TIPC_WAIT_FOREVER);
     });
 }
 

@@ -116,7 +116,7 @@ static void wrap_cursor(int32_t *cursor)
 
 // Ascending, skipping ids in use, around the end of the range. Ends: there are far fewer groups than ids.
 template <typename Kind>
-static int32_t zeb_get_new_mc_id(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
+static int32_t get_new_mc_id(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
 {
     int32_t *cursor = Kind::cursor(mc);
     wrap_cursor<Kind>(cursor);
@@ -127,8 +127,18 @@ static int32_t zeb_get_new_mc_id(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
     return (*cursor)++;
 }
 
+static int32_t zeb_get_new_app_mc_id(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
+{
+    return get_new_mc_id<app_kind>(mc);
+}
+
+static int32_t zeb_get_new_node_mc_id(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
+{
+    return get_new_mc_id<node_kind>(mc);
+}
+
 template <typename Kind>
-static int create_group(uint32_t src_app)
+static int create_group(uint32_t src_app, int32_t (*get_new_id)(zeb_mc_t *mc))
 {
     typedef typename Kind::group_t group_t;
     zeb_mc_t *mc = get_mc(src_app);
@@ -144,7 +154,7 @@ static int create_group(uint32_t src_app)
         group_t *group = (group_t *)zeb_malloc(sizeof(group_t));
         for (uint32_t &mbr : group->mbr)
             mbr = Kind::empty;
-        mc_id = zeb_get_new_mc_id<Kind>(mc);
+        mc_id = get_new_id(mc);
         group->mc_id = mc_id;
         indexed_list_append(Kind::groups(mc), group, (uint32_t)mc_id);
         (*Kind::count(mc))++;
@@ -229,7 +239,7 @@ int zeb_create_app_mcast(uint32_t src_app)
 {
     if (zeb_in_child("zeb_create_app_mcast"))
         return -EPERM;
-    return create_group<app_kind>(src_app);
+    return create_group<app_kind>(src_app, zeb_get_new_app_mc_id);
 }
 
 int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
@@ -261,7 +271,7 @@ int zeb_create_node_mcast(uint32_t src_app)
 {
     if (zeb_in_child("zeb_create_node_mcast"))
         return -EPERM;
-    return create_group<node_kind>(src_app);
+    return create_group<node_kind>(src_app, zeb_get_new_node_mc_id);
 }
 
 int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
@@ -292,12 +302,16 @@ void zeb_destroy_node_mcast(uint32_t src_app, uint32_t mc_node)
 void zeb_get_app_mc_mbr(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out)
 {
     memset(out, 0, sizeof(*out));
+    if (zeb_in_child("zeb_get_app_mc_mbr"))
+        return;
     get_members<app_kind>({src_app, mc_app}, out);
 }
 
 void zeb_get_node_mc_mbr(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out)
 {
     memset(out, 0xFF, sizeof(*out));
+    if (zeb_in_child("zeb_get_node_mc_mbr"))
+        return;
     get_members<node_kind>({src_app, mc_node}, out);
 }
 

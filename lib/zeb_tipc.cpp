@@ -105,10 +105,10 @@ static struct tipc_subscr app_subscription(struct tipc_service_range range, uint
     return request;
 }
 
-int zeb_subscr_app_events(uint32_t lower, uint32_t upper, uint32_t timeout)
+int zeb_subscr_app_events(uint32_t lower, uint32_t upper, int timeout)
 {
     struct tipc_subscr request = app_subscription({ZEB_TIPC_NAME_TYPE, lower, upper}, TIPC_SUB_SERVICE);
-    request.timeout = timeout;
+    request.timeout = (uint32_t)timeout;
     ZEB_INFO("ZEB subscribe TIPC instance [0x%x, 0x%x] event.\n", lower, upper);
     if (zeb_send_subscription(&request) == 0)
         return 0;
