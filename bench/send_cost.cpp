@@ -92,7 +92,7 @@ static bool call(uint32_t node, zeb_msg_t *msg)
 static void acknowledge(uint32_t first, uint32_t last)
 {
     for (uint32_t node = first; node <= last; node++)
-        zeb_fc_update_sent_ack(APP, PEER, node, 512);
+        zeb_fc_update_sent_ack(APP, {PEER, node}, 512);
 }
 
 int main(int argc, char **argv)
@@ -115,7 +115,7 @@ int main(int argc, char **argv)
     uint32_t group = add_groups(number(5, 1));
     static zeb_reply_msg_t s_open;
     for (uint32_t i = 0; i < number(6, 0); i++)
-        (void)zeb_rpc_prepare_wait(APP, 0x80000000u + i, 60, &s_open);
+        (void)zeb_rpc_prepare_wait(APP, 0x80000000u + i, &s_open, 60);
     zeb_msg_t *msg = zeb_msg_alloc(64, 1, 0);
     bool calls = verb == "call";
     bool to_all = verb == "all";

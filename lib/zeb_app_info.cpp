@@ -15,7 +15,6 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_slot.h"
 #include "zeb_tipc.h"
 #include "zeb_rpc.h"
 
@@ -23,7 +22,7 @@ constexpr int THREAD_NAME_LEN = 16;         // the kernel's limit
 constexpr uint32_t STREAMED_LEN_MAX = 4096; // larger ones are better taken up while they are in the cache
 
 // Delivers one event record and frees it.
-static void dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
+static void zeb_dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     zeb_event_t event;
     memcpy(&event, msg->data, sizeof(event));
@@ -51,7 +50,7 @@ static zeb_msg_t *take_item(zeb_app_info_t *app_info)
     return first_item(app_info);
 }
 
-static void *proxy_thread_fun(void *arg)
+static void *zeb_proxy_thread_fun(void *arg)
 {
     zeb_app_info_t *app_info = (zeb_app_info_t *)arg;
     char name[THREAD_NAME_LEN];
@@ -62,7 +61,7 @@ static void *proxy_thread_fun(void *arg)
     for (;;) {
         zeb_msg_t *msg = take_item(app_info);
         if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
-            dispatch_app_event(app_info, msg);
+            zeb_dispatch_app_event(app_info, msg);
         else
             zeb_dispatch_app_msg(app_info, msg);
     }
@@ -72,29 +71,21 @@ static void *proxy_thread_fun(void *arg)
 static bool init_queue(zeb_app_info_t *app_info)
 {
     uint32_t app = app_info->app_id;
-    int ret = zeb_mutex_init(&app_info->mutex);
-    if (ret != 0) {
-        ZEB_ERROR("ZEB init app %d info mutex failed: %s.\n", app, strerror(ret));
-        return false;
-    }
-    ret = zeb_cond_init(&app_info->msg_cond, [app](zeb_cond_step_t step, int err) {
-        if (step == ZEB_COND_STEP_ATTR)
+    return zeb_mutex_cond_init(&app_info->mutex, &app_info->msg_cond, [app](zeb_init_step_t step, int err) {
+        if (step == ZEB_INIT_STEP_MUTEX)
+            ZEB_ERROR("ZEB init app %d info mutex failed: %s.\n", app, strerror(err));
+        else if (step == ZEB_INIT_STEP_ATTR)
             ZEB_ERROR("ZEB init app %d condition attribute failed: %s.\n", app, strerror(err));
-        else if (step == ZEB_COND_STEP_CLOCK)
+        else if (step == ZEB_INIT_STEP_CLOCK)
             ZEB_ERROR("ZEB set app %d condition clock attribute failed: %s.\n", app, strerror(err));
         else
             ZEB_ERROR("ZEB init app %d msg distribute condition failed: %s.\n", app, strerror(err));
     });
-    if (ret != 0) {
-        zeb_mutex_destroy(&app_info->mutex);
-        return false;
-    }
-    return true;
 }
 
 static bool start_proxy_thread(zeb_app_info_t *app_info)
 {
-    int ret = pthread_create(&app_info->tid, nullptr, proxy_thread_fun, app_info);
+    int ret = pthread_create(&app_info->tid, nullptr, zeb_proxy_thread_fun, app_info);
     if (ret == 0)
         return true;
     ZEB_ERROR("ZEB create app %d proxy thread failed: %s.\n", app_info->app_id, strerror(ret));
@@ -126,6 +117,8 @@ static zeb_app_info_t *new_record(uint32_t app, const char *app_name, int dispat
 static void init_lists(zeb_app_info_t *app_info) ZEB_NO_THREAD_SAFETY_ANALYSIS
 {
     INIT_LIST_HEAD(&app_info->msg_list);
+    app_info->mc.app_id = app_info->app_id;
+    app_info->mc.mutex = &app_info->mutex;
     zeb_mc_init(&app_info->mc);
 }
 
@@ -164,18 +157,6 @@ void zeb_del_app_info(zeb_app_info_t *app_info)
     zeb_cond_destroy(&app_info->msg_cond);
     zeb_mutex_destroy(&app_info->mutex);
     free_record(app_info);
-}
-
-zeb_app_info_t *zeb_get_app_info(uint32_t app)
-{
-    zeb_app_mng_t *slot = zeb_get_app_mng(app);
-    return slot == nullptr ? nullptr : slot->info;
-}
-
-int zeb_get_app_sd(uint32_t app)
-{
-    const zeb_app_info_t *app_info = zeb_get_app_info(app);
-    return app_info == nullptr ? -1 : app_info->sd;
 }
 
 static void append(zeb_app_info_t *app_info, zeb_msg_t *msg)
@@ -225,7 +206,7 @@ int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg)
     if (app_info->with_proxy_thread)
         enqueue(app_info, msg);
     else
-        dispatch_app_event(app_info, msg);
+        zeb_dispatch_app_event(app_info, msg);
     return 0;
 }
 
@@ -246,7 +227,7 @@ void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
                 msg->hdr.src_app, msg->hdr.src_node, ver, zeb_msg_data_len(msg),
                 zeb_get_msg_flags_str(msg->hdr.flag, flags));
     // Before the dispatcher is looked up: a message that has none counts as processed too.
-    zeb_fc_update_recv_ok(msg->hdr.src_app, msg->hdr.src_node, app_info->app_id);
+    zeb_fc_update_recv_ok(app_info->fc, zeb_msg_sender(msg));
 
     zeb_msg_dispatcher_fun_t fun = zeb_get_dispatch_fun(app_info, ver);
     if (fun != nullptr) {
@@ -285,14 +266,14 @@ bool zeb_is_app_server(uint32_t app)
     return app_info != nullptr && app_info->dispatcher[0].ver != 0;
 }
 
-static bool is_from(const zeb_msg_t *msg, uint32_t app, uint32_t node)
+static bool is_from(const zeb_msg_t *msg, zeb_inst_t src)
 {
-    return msg->hdr.src_app == app && msg->hdr.src_node == node;
+    return zeb_same_inst(zeb_msg_sender(msg), src);
 }
 
-void zeb_discard_app_msg(uint32_t recv_app, uint32_t sent_app, uint32_t sent_node)
+void zeb_discard_app_msg(uint32_t recv_app, zeb_inst_t src)
 {
-    ZEB_INFO("ZEB app %d discard %d/%d msg.\n", recv_app, sent_app, sent_node);
+    ZEB_INFO("ZEB app %d discard %d/%d msg.\n", recv_app, src.app, src.node);
     zeb_app_info_t *app_info = zeb_get_app_info(recv_app);
     if (app_info == nullptr)
         return;
@@ -300,31 +281,30 @@ void zeb_discard_app_msg(uint32_t recv_app, uint32_t sent_app, uint32_t sent_nod
     {
         zeb_scoped_lock lock(&app_info->mutex);
         num = list_remove_matching<zeb_msg_t>(&app_info->msg_list,
-                                              [&](const zeb_msg_t *msg) { return is_from(msg, sent_app, sent_node); });
+                                              [&](const zeb_msg_t *msg) { return is_from(msg, src); });
     }
-    zeb_fc_update_recv_drop(sent_app, sent_node, recv_app, num);
+    zeb_fc_update_recv_drop(recv_app, src, num);
 }
 
-int zeb_unprocess_app_msg_num(uint32_t recv_app, uint32_t sent_app, uint32_t sent_node)
+int zeb_unprocess_app_msg_num(uint32_t recv_app, zeb_inst_t src)
 {
     zeb_app_info_t *app_info = zeb_get_app_info(recv_app);
     if (app_info == nullptr)
         return 0;
     int num = 0;
     zeb_scoped_lock lock(&app_info->mutex);
-    list_each<zeb_msg_t>(&app_info->msg_list,
-                         [&](const zeb_msg_t *msg) { num += is_from(msg, sent_app, sent_node) ? 1 : 0; });
+    list_each<zeb_msg_t>(&app_info->msg_list, [&](const zeb_msg_t *msg) { num += is_from(msg, src) ? 1 : 0; });
     return num;
 }
 
-zeb_msg_t *zeb_new_event_msg(uint32_t my_app, zeb_event_type_t type, uint32_t node, uint32_t app)
+zeb_msg_t *zeb_new_event_msg(uint32_t my_app, zeb_event_type_t type, zeb_inst_t inst)
 {
     zeb_event_t event;
     memset(&event, 0, sizeof(event));
     event.my_app = my_app;
     event.type = type;
-    event.event.app.node = node;
-    event.event.app.app = app;
+    event.event.app.node = inst.node;
+    event.event.app.app = inst.app;
     static_assert(sizeof(event) == 16, "an event record's body has 16 bytes");
 
     zeb_msg_t *msg = zeb_msg_alloc(sizeof(event), 1, 0);
@@ -332,27 +312,4 @@ zeb_msg_t *zeb_new_event_msg(uint32_t my_app, zeb_event_type_t type, uint32_t no
     msg->hdr.flag = ZEB_MSG_FLAG_MNG;
     memcpy(msg->data, &event, sizeof(event));
     return msg;
-}
-
-void zeb_cli_print_app_info(uint32_t app)
-{
-    if (zeb_in_child("zeb_cli_print_app_info"))
-        return;
-    zeb_app_info_t *app_info = zeb_get_app_info(app);
-    if (app_info == nullptr)
-        return;
-    {
-        zeb_scoped_lock lock(&app_info->mutex);
-        zeb_buf_printf("Application %d/%d [%s] information:\n", app, zeb_get_my_node_id(), app_info->name);
-        zeb_buf_printf("  Proxy thread 0x%x, socket %d, priority %d\n", (unsigned)app_info->tid, app_info->sd,
-                       app_info->priority);
-        zeb_buf_printf("  Callback functions: event %p, message dispatchers:\n  ", (void *)app_info->event_fun);
-        for (const zeb_msg_dispatcher_t *row = app_info->dispatcher; row->ver != 0; row++)
-            zeb_buf_printf("  version %d %p", row->ver, (void *)row->fun);
-        zeb_buf_printf("\n");
-    }
-    zeb_cli_print_app_comm(app);
-    zeb_scoped_lock lock(&app_info->mutex);
-    zeb_buf_printf("  Unprocessed message number %d\n\n", list_length(&app_info->msg_list));
-    zeb_cli_print_mc_info(&app_info->mc);
 }

@@ -8,12 +8,16 @@
 
 #include <zeb/zeb.h>
 
+#include "zeb_flow_ctrl.h"
+#include "zeb_inst.h"
 #include "zeb_lock.h"
 #include "zeb_mc.h"
+#include "zeb_slot.h"
 
 typedef struct zeb_app_info_s {
     uint32_t app_id;
-    int sd; // TIPC socket
+    int sd;       // TIPC socket
+    zeb_fc_t *fc; // set at registration
     int priority;
     char name[ZEB_APP_NAME_LEN];
     bool with_proxy_thread;
@@ -25,7 +29,7 @@ typedef struct zeb_app_info_s {
     zeb_app_event_fun_t event_fun;                   // may be null
     zeb_msg_dispatcher_t *dispatcher;                // own copy, ended by ver 0
     struct list_head msg_list ZEB_GUARDED_BY(mutex); // zeb_msg_t: messages and event records
-    zeb_mc_t mc ZEB_GUARDED_BY(mutex);               // private multicast groups
+    zeb_mc_t mc;                                     // private multicast groups, guarded by the same
 } zeb_app_info_t;
 
 // Makes the record of `app` with its socket and, with `thread`, its proxy thread. Null on failure, with nothing left.
@@ -35,8 +39,12 @@ zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread
 // Undoes zeb_add_app_info; null is ignored. Only for a record that the receive thread has not queued anything for.
 void zeb_del_app_info(zeb_app_info_t *app_info);
 
-zeb_app_info_t *zeb_get_app_info(uint32_t app); // null when not registered here
-int zeb_get_app_sd(uint32_t app);               // -1 when not registered here
+// The record of a local application; null when it is not registered here.
+static inline zeb_app_info_t *zeb_get_app_info(uint32_t app)
+{
+    zeb_app_mng_t *slot = zeb_get_app_mng(app);
+    return slot == nullptr ? nullptr : slot->info;
+}
 
 // Queues a message, or delivers it at once without a proxy thread. Takes the message.
 void zeb_enqueue_msg_dist(zeb_msg_t *msg, zeb_app_info_t *app_info);
@@ -59,10 +67,10 @@ zeb_mismatch_info_t zeb_get_app_ver_range(const zeb_app_info_t *app_info);
 bool zeb_is_app_server(uint32_t app);
 
 // Drops the queued items that came from one instance; counts them.
-void zeb_discard_app_msg(uint32_t recv_app, uint32_t sent_app, uint32_t sent_node);
-int zeb_unprocess_app_msg_num(uint32_t recv_app, uint32_t sent_app, uint32_t sent_node);
+void zeb_discard_app_msg(uint32_t recv_app, zeb_inst_t src);
+int zeb_unprocess_app_msg_num(uint32_t recv_app, zeb_inst_t src);
 
-// A new event record for `my_app` about the instance (app, node).
-zeb_msg_t *zeb_new_event_msg(uint32_t my_app, zeb_event_type_t type, uint32_t node, uint32_t app);
+// A new event record for `my_app` about an instance.
+zeb_msg_t *zeb_new_event_msg(uint32_t my_app, zeb_event_type_t type, zeb_inst_t inst);
 
 #endif

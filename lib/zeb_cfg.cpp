@@ -4,6 +4,7 @@
 // same.
 #include "zeb_cfg.h"
 
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -28,7 +29,7 @@ static const char LOG_KEY[] = "zeb_log_cfg";
 static const char BLOCKED_RESUME_KEY[] = "zeb_blocked_resume_enabled";
 
 static pthread_once_t s_cfg_once = PTHREAD_ONCE_INIT;
-static int s_my_node_id = NODE_ID_UNKNOWN;
+static std::atomic<int> s_my_node_id{NODE_ID_UNKNOWN}; // relaxed
 
 typedef struct cfg_line_s {
     char raw[CFG_LINE_LEN]; // as read, line end included
@@ -104,9 +105,9 @@ static void copy_text(char (&dst)[ZEB_CFG_TEXT_LEN], char *src)
 }
 
 // Looks an entry up in a table section: parse(line, &matched) says whether the line is an item at all and fills the
-// caller's entry when it is the one.
-template <typename Parse>
-static int find_table_entry(const char *section, Parse parse)
+// caller's entry when it is the one; log_missing() is for a section that was read to its end.
+template <typename Parse, typename LogMissing>
+static int find_table_entry(const char *section, Parse parse, LogMissing log_missing)
 {
     cfg_file_t file(ZEB_CFG_FILE);
     if (file.fp == nullptr) {
@@ -123,6 +124,7 @@ static int find_table_entry(const char *section, Parse parse)
         else if (matched)
             return 0;
     }
+    log_missing();
     return -1;
 }
 
@@ -152,11 +154,9 @@ static bool parse_app(const char *text, uint32_t app, zeb_app_cfg_t *out, bool *
 
 int zeb_get_app_cfg(uint32_t app, zeb_app_cfg_t *out)
 {
-    int ret = find_table_entry(APP_SECTION,
-                               [&](const char *text, bool *matched) { return parse_app(text, app, out, matched); });
-    if (ret != 0)
-        ZEB_ERROR("ZEB get app %d config failed.\n", app);
-    return ret;
+    return find_table_entry(
+        APP_SECTION, [&](const char *text, bool *matched) { return parse_app(text, app, out, matched); },
+        [app] { ZEB_ERROR("ZEB get app %d config failed.\n", app); });
 }
 
 // Reads the numbers of a member list; whatever is not a digit separates. Numbers past the last place are ignored.
@@ -208,11 +208,9 @@ static bool parse_app_mc(const char *text, uint32_t app_mc, zeb_app_mc_cfg_t *ou
 
 int zeb_get_app_mc_cfg(uint32_t app_mc, zeb_app_mc_cfg_t *out)
 {
-    int ret = find_table_entry(
-        APP_MC_SECTION, [&](const char *text, bool *matched) { return parse_app_mc(text, app_mc, out, matched); });
-    if (ret != 0)
-        ZEB_WARN("ZEB get app multi-cast 0x%08x config failed.\n", app_mc);
-    return ret;
+    return find_table_entry(
+        APP_MC_SECTION, [&](const char *text, bool *matched) { return parse_app_mc(text, app_mc, out, matched); },
+        [app_mc] { ZEB_WARN("ZEB get app multi-cast 0x%08x config failed.\n", app_mc); });
 }
 
 // The value of the first line of the section that begins with `key` and has a "=".
@@ -330,12 +328,12 @@ int zeb_read_my_node_id()
 
 int zeb_get_my_node_id(void)
 {
-    int node = zeb_load_relaxed(&s_my_node_id);
+    int node = s_my_node_id.load(std::memory_order_relaxed);
     if (node != NODE_ID_UNKNOWN)
         return node;
     node = zeb_read_my_node_id();
     if (node != NODE_ID_UNKNOWN)
-        zeb_store_relaxed(&s_my_node_id, node);
+        s_my_node_id.store(node, std::memory_order_relaxed);
     return node;
 }
 

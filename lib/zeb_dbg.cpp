@@ -3,17 +3,20 @@
 // one per process and has no lock: only the receive thread fills it.
 #include "zeb_dbg.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
-#include "zeb_dm.h"
 #include "zeb_wire.h"
 
 uint32_t g_zeb_dbg_level;
 uint32_t g_zeb_log_level;
 zeb_msg_t *g_print_msg;
+
+static std::atomic<zeb_log_sink_t> s_sink; // of recorded lines; null while there is no file
 
 // A message buffer of fixed size; what follows the header is text and its NUL.
 static union {
@@ -37,6 +40,11 @@ void zeb_dbg_print_line(const char *text)
     (void)fwrite(out, 1, len, stdout);
 }
 
+void zeb_set_log_sink(zeb_log_sink_t sink)
+{
+    s_sink.store(sink, std::memory_order_release);
+}
+
 void zeb_vlog_line(zeb_dbg_level_t level, const char *file, int line, const char *format, va_list args)
 {
     int saved_errno = errno;
@@ -46,8 +54,9 @@ void zeb_vlog_line(zeb_dbg_level_t level, const char *file, int line, const char
         (void)vsnprintf(text + prefix, sizeof(text) - (size_t)prefix, format, args);
     if ((zeb_load_relaxed(&g_zeb_dbg_level) & (1u << level)) != 0)
         zeb_dbg_print_line(text);
-    if ((zeb_load_relaxed(&g_zeb_log_level) & (1u << level)) != 0)
-        zeb_dm_record_log(text);
+    zeb_log_sink_t sink = s_sink.load(std::memory_order_acquire);
+    if (sink != nullptr && (zeb_load_relaxed(&g_zeb_log_level) & (1u << level)) != 0)
+        sink(text);
     errno = saved_errno;
 }
 
@@ -234,9 +243,4 @@ void zeb_buf_printf(const char *format, ...)
     memcpy(end, line, len);
     end[len] = '\0';
     g_print_msg->hdr.len += len;
-}
-
-int zeb_buf_printf_reply(const zeb_msg_t *request)
-{
-    return zeb_rpc_reply(request, g_print_msg, 0);
 }

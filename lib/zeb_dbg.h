@@ -8,8 +8,6 @@
 
 #include <zeb/zeb_diag.h>
 
-#include "zeb_lock.h"
-
 constexpr int ZEB_DBG_LINE_LEN = 256;     // a log line and a piece of listing, terminator included
 constexpr int ZEB_PRINT_BUF_LEN = 16384;  // the print buffer, its list link included
 constexpr uint32_t ZEB_DBG_MASK_ALL = 15; // mask of ZEB_DBG_LEVEL_ALL
@@ -17,6 +15,17 @@ constexpr uint32_t ZEB_DBG_MASK_ALL = 15; // mask of ZEB_DBG_LEVEL_ALL
 extern "C" {
 extern uint32_t g_zeb_dbg_level __attribute__((visibility("default"))); // levels printed to standard output
 extern uint32_t g_zeb_log_level __attribute__((visibility("default"))); // levels recorded in the log file
+}
+
+// The masks are plain words, since tools read and write them too.
+static inline uint32_t zeb_load_relaxed(const uint32_t *mask)
+{
+    return __atomic_load_n(mask, __ATOMIC_RELAXED);
+}
+
+static inline void zeb_store_relaxed(uint32_t *mask, uint32_t value)
+{
+    __atomic_store_n(mask, value, __ATOMIC_RELAXED);
 }
 
 // True when a line of `level` goes anywhere at all; tested before anything is formatted.
@@ -31,6 +40,10 @@ void zeb_log_line(zeb_dbg_level_t level, const char *file, int line, const char 
     __attribute__((format(printf, 4, 5), cold));
 void zeb_vlog_line(zeb_dbg_level_t level, const char *file, int line, const char *format, va_list args)
     __attribute__((format(printf, 4, 0), cold));
+
+// Takes a finished line of a level that is recorded; given once there is a file to record it in.
+typedef void (*zeb_log_sink_t)(const char *line);
+void zeb_set_log_sink(zeb_log_sink_t sink);
 
 // Writes a finished line to standard output, "%%" as one "%" and every other character as it stands.
 void zeb_dbg_print_line(const char *text);

@@ -2,6 +2,7 @@
 // rewritten with every dump, the oldest files of earlier processes removed.
 #include "zeb_dm.h"
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -14,14 +15,14 @@
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"
 #include "zeb_fd.h"
-#include "zeb_lock.h"
 
 FILE *g_zeb_log_fp;
 
 static FILE *s_stat_fp;
-static bool s_closed;       // relaxed; by zeb_dm_close_files, for good
-static size_t s_log_offset; // bytes since the file was opened or wrapped; relaxed
-static size_t s_log_size = ZEB_LOG_SIZE_DEFAULT;
+// Relaxed: a line of the log more or less is no harm.
+static std::atomic<bool> s_closed;       // by zeb_dm_close_files, for good
+static std::atomic<size_t> s_log_offset; // bytes since the file was opened or wrapped
+static std::atomic<size_t> s_log_size{ZEB_LOG_SIZE_DEFAULT};
 
 static const char DEFAULT_ROOT[] = "/velk";
 static const char ROOT_VARIABLE[] = "VELK_DIR";
@@ -30,18 +31,18 @@ static constexpr size_t SUB_DIRS_LEN = sizeof("/dev/zeb"); // with the terminato
 void zeb_set_log_size(size_t size)
 {
     if (size != 0)
-        zeb_store_relaxed(&s_log_size, size);
+        s_log_size.store(size, std::memory_order_relaxed);
 }
 
 void zeb_dm_record_log(const char *line)
 {
-    if (g_zeb_log_fp == nullptr || zeb_load_relaxed(&s_closed))
+    if (g_zeb_log_fp == nullptr || s_closed.load(std::memory_order_relaxed))
         return;
-    if (zeb_load_relaxed(&s_log_offset) >= zeb_load_relaxed(&s_log_size)) {
+    if (s_log_offset.load(std::memory_order_relaxed) >= s_log_size.load(std::memory_order_relaxed)) {
         // Not truncated: newer records overwrite older ones from the top.
         if (fseek(g_zeb_log_fp, 0, SEEK_SET) != 0)
             return;
-        zeb_store_relaxed(&s_log_offset, (size_t)0);
+        s_log_offset.store(0, std::memory_order_relaxed);
     }
     char when[32] = "";
     time_t now = time(nullptr);
@@ -51,7 +52,7 @@ void zeb_dm_record_log(const char *line)
     size_t line_len = strlen(line);
     (void)fwrite(when, 1, when_len, g_zeb_log_fp);
     (void)fwrite(line, 1, line_len, g_zeb_log_fp);
-    zeb_store_relaxed(&s_log_offset, zeb_load_relaxed(&s_log_offset) + when_len + line_len);
+    s_log_offset.fetch_add(when_len + line_len, std::memory_order_relaxed);
 }
 
 static bool write_stat(const char *when)
@@ -82,7 +83,7 @@ static bool rewrite_stat(const char *when)
 
 void zeb_dm_record_stat()
 {
-    if (s_stat_fp == nullptr || g_print_msg == nullptr || zeb_load_relaxed(&s_closed))
+    if (s_stat_fp == nullptr || g_print_msg == nullptr || s_closed.load(std::memory_order_relaxed))
         return;
     char when[32] = "";
     time_t now = time(nullptr);
@@ -104,9 +105,9 @@ static void flush_and_close(FILE *fp)
 // logging, and a second peer may ask for the abort too: neither may touch the closed streams.
 void zeb_dm_close_files()
 {
-    if (g_zeb_log_fp == nullptr || zeb_load_relaxed(&s_closed))
+    if (g_zeb_log_fp == nullptr || s_closed.load(std::memory_order_relaxed))
         return;
-    zeb_store_relaxed(&s_closed, true);
+    s_closed.store(true, std::memory_order_relaxed);
     flush_and_close(g_zeb_log_fp);
     if (s_stat_fp != nullptr)
         flush_and_close(s_stat_fp);
@@ -162,6 +163,7 @@ static bool read_old_file(const char *dir, const char *name, const char *prefix,
     return true;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): what qsort calls
 static int newest_first(const void *a, const void *b)
 {
     uint32_t time_a = ((const zeb_dm_file_t *)a)->last_change_time;
@@ -233,6 +235,7 @@ void zeb_dm_init()
     } else {
         (void)setvbuf(log, nullptr, _IOLBF, 0);
         g_zeb_log_fp = log;
+        zeb_set_log_sink(zeb_dm_record_log);
     }
     s_stat_fp = open_file(&name, "stat", path);
     if (s_stat_fp == nullptr)

@@ -8,38 +8,37 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/list_algo.h"
 #include "zeb_dbg.h"
-#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
+#include "zeb_mng_msg_mng.h"
+
+// Makes the mutex and the condition, with a line for the step that failed.
+static bool init_waiting(zeb_fc_t *fc, uint32_t app)
+{
+    return zeb_mutex_cond_init(&fc->mutex, &fc->cond, [app](zeb_init_step_t step, int err) {
+        if (step == ZEB_INIT_STEP_MUTEX)
+            ZEB_ERROR("ZEB init app %d flow ctrl condition mutex failed: %s.\n", app, strerror(err));
+        else if (step == ZEB_INIT_STEP_ATTR)
+            ZEB_ERROR("ZEB init app %d flow ctrl condition attribute failed: %s.\n", app, strerror(err));
+        else if (step == ZEB_INIT_STEP_CLOCK)
+            ZEB_ERROR("ZEB init app %d flow ctrl condition clock attribute failed: %s.\n", app, strerror(err));
+        else
+            ZEB_ERROR("ZEB init app %d flow ctrl condition failed: %s.\n", app, strerror(err));
+    });
+}
 
 zeb_fc_t *zeb_add_app_fc(uint32_t app)
 {
     ZEB_VERBOSE("ZEB add new flow ctrl for app %d.\n", app);
     zeb_fc_t *fc = (zeb_fc_t *)zeb_malloc(sizeof(zeb_fc_t));
-    int ret = zeb_mutex_init(&fc->mutex);
-    if (ret != 0) {
-        ZEB_ERROR("ZEB init app %d flow ctrl condition mutex failed: %s.\n", app, strerror(ret));
-        free(fc);
-        return nullptr;
-    }
-    ret = zeb_cond_init(&fc->cond, [app](zeb_cond_step_t step, int err) {
-        if (step == ZEB_COND_STEP_ATTR)
-            ZEB_ERROR("ZEB init app %d flow ctrl condition attribute failed: %s.\n", app, strerror(err));
-        else if (step == ZEB_COND_STEP_CLOCK)
-            ZEB_ERROR("ZEB init app %d flow ctrl condition clock attribute failed: %s.\n", app, strerror(err));
-        else
-            ZEB_ERROR("ZEB init app %d flow ctrl condition failed: %s.\n", app, strerror(err));
-    });
-    if (ret != 0) {
-        zeb_mutex_destroy(&fc->mutex);
+    if (!init_waiting(fc, app)) {
         free(fc);
         return nullptr;
     }
     fc->app_id = app;
     zeb_scoped_lock lock(&fc->mutex);
-    INIT_LIST_HEAD(&fc->send_list);
-    INIT_LIST_HEAD(&fc->recv_list);
+    indexed_list_init(&fc->send_list);
+    indexed_list_init(&fc->recv_list);
     return fc;
 }
 
@@ -50,56 +49,51 @@ void zeb_del_app_fc(zeb_fc_t *fc)
     ZEB_VERBOSE("ZEB delete app %d flow ctrl.\n", fc->app_id);
     {
         zeb_scoped_lock lock(&fc->mutex);
-        (void)list_remove_matching<zeb_send_app_fc_t>(&fc->send_list, [](const zeb_send_app_fc_t *) { return true; });
-        (void)list_remove_matching<zeb_recv_app_fc_t>(&fc->recv_list, [](const zeb_recv_app_fc_t *) { return true; });
+        indexed_list_clear(&fc->send_list);
+        indexed_list_clear(&fc->recv_list);
     }
     zeb_cond_destroy(&fc->cond);
     zeb_mutex_destroy(&fc->mutex);
     free(fc);
 }
 
-zeb_fc_t *zeb_get_app_fc(uint32_t app)
+zeb_fc_t *zeb_fc_not_found(uint32_t app)
 {
-    zeb_app_mng_t *slot = zeb_get_app_mng(app);
-    return slot == nullptr ? nullptr : slot->fc;
+    ZEB_ERROR("ZEB app %d get flow control failed.\n", app);
+    return nullptr;
 }
 
-// The record of `app`, or null with the line that says so about `shown`.
-static zeb_fc_t *get_fc(uint32_t app, uint32_t shown)
+// The record of `app`, or null with the line that says so: about itself, or about the peer of a received message.
+static zeb_fc_t *get_fc(uint32_t app)
 {
     zeb_fc_t *fc = zeb_get_app_fc(app);
-    if (fc == nullptr)
-        ZEB_ERROR("ZEB app %d get flow control failed.\n", shown);
-    return fc;
+    return fc != nullptr ? fc : zeb_fc_not_found(app);
 }
 
-static bool is_unicast(uint32_t app, uint32_t node)
+static zeb_fc_t *get_receiver_fc(uint32_t my_app, zeb_inst_t src)
 {
-    return zeb_valid_app_id(app) && zeb_valid_node_id(node);
+    zeb_fc_t *fc = zeb_get_app_fc(my_app);
+    return fc != nullptr ? fc : zeb_fc_not_found(src.app);
 }
 
-zeb_send_app_fc_t *__zeb_get_send_app_fc(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node)
+zeb_send_app_fc_t *__zeb_get_send_app_fc(zeb_fc_t *fc, zeb_inst_t dst)
 {
-    return list_index_find_or_create<zeb_send_app_fc_t>(
-        &fc->send_list, &fc->send_index, list_index_key(dst_app, dst_node), [&] {
-            ZEB_VERBOSE("ZEB app %d add new send flow ctrl to %d/%d.\n", fc->app_id, dst_app, dst_node);
-            zeb_send_app_fc_t *record = (zeb_send_app_fc_t *)zeb_malloc(sizeof(zeb_send_app_fc_t));
-            record->dst_app_id = dst_app;
-            record->dst_node_id = dst_node;
-            return record;
-        });
+    return indexed_list_find_or_create(&fc->send_list, zeb_inst_key(dst), [&] {
+        ZEB_VERBOSE("ZEB app %d add new send flow ctrl to %d/%d.\n", fc->app_id, dst.app, dst.node);
+        zeb_send_app_fc_t *record = (zeb_send_app_fc_t *)zeb_malloc(sizeof(zeb_send_app_fc_t));
+        record->dst = dst;
+        return record;
+    });
 }
 
-zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node)
+zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, zeb_inst_t src)
 {
-    return list_index_find_or_create<zeb_recv_app_fc_t>(
-        &fc->recv_list, &fc->recv_index, list_index_key(src_app, src_node), [&] {
-            ZEB_VERBOSE("ZEB app %d add new recv flow ctrl from %d/%d.\n", fc->app_id, src_app, src_node);
-            zeb_recv_app_fc_t *record = (zeb_recv_app_fc_t *)zeb_malloc(sizeof(zeb_recv_app_fc_t));
-            record->src_app_id = src_app;
-            record->src_node_id = src_node;
-            return record;
-        });
+    return indexed_list_find_or_create(&fc->recv_list, zeb_inst_key(src), [&] {
+        ZEB_VERBOSE("ZEB app %d add new recv flow ctrl from %d/%d.\n", fc->app_id, src.app, src.node);
+        zeb_recv_app_fc_t *record = (zeb_recv_app_fc_t *)zeb_malloc(sizeof(zeb_recv_app_fc_t));
+        record->src = src;
+        return record;
+    });
 }
 
 // The one place that changes a send record's `unack`.
@@ -109,14 +103,23 @@ static void set_unack(zeb_fc_t *fc, zeb_send_app_fc_t *record, int32_t unack) ZE
     record->unack = unack;
 }
 
+// Calls visit(record) for each send record of `dst_app` that blocks.
+template <typename Visit>
+static void each_blocking(zeb_fc_t *fc, uint32_t dst_app, Visit visit) ZEB_REQUIRES(fc->mutex)
+{
+    indexed_list_each(&fc->send_list, [&](const zeb_send_app_fc_t *record) {
+        if (zeb_fc_blocks(record, dst_app))
+            visit(record);
+    });
+}
+
 // Per destination application, not per instance: one congested node blocks sending to that application on every node.
 // The list is walked only while some destination blocks.
 bool zeb_fc_accept_msg(zeb_fc_t *fc, uint32_t dst_app)
 {
-    bool blocked =
-        fc->blocked_num != 0 && list_find<zeb_send_app_fc_t>(&fc->send_list, [&](const zeb_send_app_fc_t *record) {
-                                    return zeb_fc_blocks(record, dst_app);
-                                }) != nullptr;
+    bool blocked = false;
+    if (fc->blocked_num != 0)
+        each_blocking(fc, dst_app, [&](const zeb_send_app_fc_t *) { blocked = true; });
     if (blocked) {
         ZEB_VERBOSE("ZEB app %d reject new msg to %d.\n", fc->app_id, dst_app);
         return false;
@@ -125,29 +128,18 @@ bool zeb_fc_accept_msg(zeb_fc_t *fc, uint32_t dst_app)
     return true;
 }
 
-// Calls visit(record) for each send record of `dst_app` that blocks.
-template <typename Visit>
-static void each_blocking(zeb_fc_t *fc, uint32_t dst_app, Visit visit) ZEB_REQUIRES(fc->mutex)
-{
-    list_each<zeb_send_app_fc_t>(&fc->send_list, [&](const zeb_send_app_fc_t *record) {
-        if (zeb_fc_blocks(record, dst_app))
-            visit(record);
-    });
-}
-
 static void zeb_fc_print_timeout_log(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex)
 {
     each_blocking(fc, dst_app, [&](const zeb_send_app_fc_t *record) {
-        ZEB_ERROR("ZEB app %d to %d/%d was blocked for too long.\n", fc->app_id, dst_app, record->dst_node_id);
+        ZEB_ERROR("ZEB app %d to %d/%d was blocked for too long.\n", fc->app_id, dst_app, record->dst.node);
     });
 }
 
 static void zeb_fc_reload_peer(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex)
 {
     each_blocking(fc, dst_app, [&](const zeb_send_app_fc_t *record) {
-        ZEB_ERROR("ZEB app %d try to reload %d/%d to resume communication.\n", fc->app_id, dst_app,
-                  record->dst_node_id);
-        (void)zeb_send_fc_reload(fc->app_id, record->dst_node_id, dst_app);
+        ZEB_ERROR("ZEB app %d try to reload %d/%d to resume communication.\n", fc->app_id, dst_app, record->dst.node);
+        (void)zeb_send_fc_reload(fc->app_id, record->dst);
     });
 }
 
@@ -174,9 +166,8 @@ static void zeb_fc_wait_for_send(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc
     }
 }
 
-int zeb_fc_check(uint32_t src_app, uint32_t dst_app, int flags)
+int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags)
 {
-    zeb_fc_t *fc = get_fc(src_app, src_app);
     if (fc == nullptr)
         return -ENOENT;
     zeb_scoped_lock lock(&fc->mutex);
@@ -184,9 +175,9 @@ int zeb_fc_check(uint32_t src_app, uint32_t dst_app, int flags)
         return 0;
     if ((flags & ZEB_SEND_NOWAIT) != 0)
         return -EAGAIN;
-    ZEB_VERBOSE("ZEB app %d to %d wait for sending.\n", src_app, dst_app);
+    ZEB_VERBOSE("ZEB app %d to %d wait for sending.\n", fc->app_id, dst_app);
     zeb_fc_wait_for_send(fc, dst_app);
-    ZEB_VERBOSE("ZEB app %d to %d continue to send.\n", src_app, dst_app);
+    ZEB_VERBOSE("ZEB app %d to %d continue to send.\n", fc->app_id, dst_app);
     return 0;
 }
 
@@ -203,42 +194,39 @@ static int32_t plus_1(int32_t value)
 
 // Sender's side.
 
-void zeb_fc_update_sent_ok(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+void zeb_fc_update_sent_ok(zeb_fc_t *fc, zeb_inst_t dst)
 {
-    zeb_fc_t *fc = get_fc(src_app, src_app);
-    if (fc == nullptr)
-        return;
-    ZEB_VERBOSE("ZEB app %d update send OK to %d/%d.\n", src_app, dst_app, dst_node);
+    ZEB_VERBOSE("ZEB app %d update send OK to %d/%d.\n", fc->app_id, dst.app, dst.node);
     zeb_scoped_lock lock(&fc->mutex);
-    zeb_send_app_fc_t *record = __zeb_get_send_app_fc(fc, dst_app, dst_node);
+    zeb_send_app_fc_t *record = __zeb_get_send_app_fc(fc, dst);
     fc->total_send++;
     record->send++;
     fc->total_send_unack = plus_1(fc->total_send_unack);
     set_unack(fc, record, plus_1(record->unack));
 }
 
-void zeb_fc_update_sent_reject(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+void zeb_fc_update_sent_reject(uint32_t src_app, zeb_inst_t dst)
 {
-    zeb_fc_t *fc = get_fc(src_app, src_app);
+    zeb_fc_t *fc = get_fc(src_app);
     if (fc == nullptr)
         return;
-    ZEB_VERBOSE("ZEB app %d update send reject to %d/%d.\n", src_app, dst_app, dst_node);
+    ZEB_VERBOSE("ZEB app %d update send reject to %d/%d.\n", src_app, dst.app, dst.node);
     zeb_scoped_lock lock(&fc->mutex);
-    if (is_unicast(dst_app, dst_node))
-        __zeb_get_send_app_fc(fc, dst_app, dst_node)->reject++;
+    if (zeb_valid_inst(dst))
+        __zeb_get_send_app_fc(fc, dst)->reject++;
     else
         fc->mcast_send_reject++;
 }
 
-void zeb_fc_update_rpc_reply_exception(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+void zeb_fc_update_rpc_reply_exception(uint32_t src_app, zeb_inst_t dst)
 {
-    zeb_fc_t *fc = get_fc(src_app, src_app);
+    zeb_fc_t *fc = get_fc(src_app);
     if (fc == nullptr)
         return;
-    ZEB_VERBOSE("ZEB app %d update RPC reply reject to %d/%d.\n", src_app, dst_app, dst_node);
+    ZEB_VERBOSE("ZEB app %d update RPC reply reject to %d/%d.\n", src_app, dst.app, dst.node);
     zeb_scoped_lock lock(&fc->mutex);
-    if (is_unicast(dst_app, dst_node))
-        __zeb_get_send_app_fc(fc, dst_app, dst_node)->rpc_reply_reject++;
+    if (zeb_valid_inst(dst))
+        __zeb_get_send_app_fc(fc, dst)->rpc_reply_reject++;
     else
         fc->rpc_reply_exception++;
 }
@@ -250,94 +238,92 @@ static uint32_t acknowledgeable(int32_t unack, uint32_t ack_num)
     return ack_num < room ? ack_num : (uint32_t)room;
 }
 
-void zeb_fc_update_sent_ack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node, uint32_t ack_num)
+void zeb_fc_update_sent_ack(uint32_t my_app, zeb_inst_t dst, uint32_t ack_num)
 {
-    zeb_fc_t *fc = get_fc(my_app, my_app);
+    zeb_fc_t *fc = get_fc(my_app);
     if (fc == nullptr)
         return;
-    ZEB_VERBOSE("ZEB app %d update send ack from %d/%d, ack num %d.\n", my_app, dst_app, dst_node, ack_num);
+    ZEB_VERBOSE("ZEB app %d update send ack from %d/%d, ack num %d.\n", my_app, dst.app, dst.node, ack_num);
     {
         zeb_scoped_lock lock(&fc->mutex);
-        zeb_send_app_fc_t *record = __zeb_get_send_app_fc(fc, dst_app, dst_node);
+        zeb_send_app_fc_t *record = __zeb_get_send_app_fc(fc, dst);
         uint32_t num = acknowledgeable(record->unack, ack_num);
         set_unack(fc, record, minus(record->unack, num));
         fc->total_send_unack = minus(fc->total_send_unack, num);
     }
-    ZEB_VERBOSE("ZEB notify waiting app %d to %d/%d continue to send msg.\n", my_app, dst_app, dst_node);
+    ZEB_VERBOSE("ZEB notify waiting app %d to %d/%d continue to send msg.\n", my_app, dst.app, dst.node);
     zeb_cond_broadcast(&fc->cond);
 }
 
 // Receiver's side.
 
-void zeb_fc_update_recv_ok(uint32_t src_app, uint32_t src_node, uint32_t my_app)
+void zeb_fc_update_recv_ok(zeb_fc_t *fc, zeb_inst_t src)
 {
-    zeb_fc_t *fc = get_fc(my_app, src_app);
-    if (fc == nullptr)
-        return;
-    ZEB_VERBOSE("ZEB app %d update recv OK from %d/%d.\n", my_app, src_app, src_node);
+    uint32_t my_app = fc->app_id;
+    ZEB_VERBOSE("ZEB app %d update recv OK from %d/%d.\n", my_app, src.app, src.node);
     zeb_scoped_lock lock(&fc->mutex);
-    zeb_recv_app_fc_t *record = __zeb_get_recv_app_fc(fc, src_app, src_node);
+    zeb_recv_app_fc_t *record = __zeb_get_recv_app_fc(fc, src);
     fc->total_recv++;
     fc->total_recv_unack = plus_1(fc->total_recv_unack);
     record->recv++;
     record->unack = plus_1(record->unack);
     // Under the mutex, so that no two acknowledgements of one batch go out. A failed one is tried with the next
     // message.
-    if (record->unack <= (int32_t)ZEB_FC_ACK_BATCH || zeb_send_fc_ack(my_app, src_node, src_app, ZEB_FC_ACK_BATCH) != 0)
+    if (record->unack <= (int32_t)ZEB_FC_ACK_BATCH || zeb_send_fc_ack(my_app, src, ZEB_FC_ACK_BATCH) != 0)
         return;
-    ZEB_VERBOSE("ZEB app %d sent recv num ack %d to %d/%d OK.\n", my_app, ZEB_FC_ACK_BATCH, src_app, src_node);
+    ZEB_VERBOSE("ZEB app %d sent recv num ack %d to %d/%d OK.\n", my_app, ZEB_FC_ACK_BATCH, src.app, src.node);
     record->unack = minus(record->unack, ZEB_FC_ACK_BATCH);
     fc->total_recv_unack = minus(fc->total_recv_unack, ZEB_FC_ACK_BATCH);
 }
 
-void zeb_fc_update_recv_drop(uint32_t src_app, uint32_t src_node, uint32_t my_app, int num)
+void zeb_fc_update_recv_drop(uint32_t my_app, zeb_inst_t src, int num)
 {
     if (num == 0)
         return;
-    zeb_fc_t *fc = get_fc(my_app, src_app);
+    zeb_fc_t *fc = get_receiver_fc(my_app, src);
     if (fc == nullptr)
         return;
-    ZEB_VERBOSE("ZEB app %d update recv drop num %d from %d/%d.\n", my_app, num, src_app, src_node);
+    ZEB_VERBOSE("ZEB app %d update recv drop num %d from %d/%d.\n", my_app, num, src.app, src.node);
     zeb_scoped_lock lock(&fc->mutex);
-    if (fc->recv_index.num >= ZEB_FC_UNKNOWN_NUM_MAX &&
-        list_index_find<zeb_recv_app_fc_t>(&fc->recv_index, list_index_key(src_app, src_node)) == nullptr) {
-        ZEB_ERROR("ZEB app %d has no room for %d/%d.\n", my_app, src_app, src_node);
+    if (indexed_list_num(&fc->recv_list) >= ZEB_FC_UNKNOWN_NUM_MAX &&
+        indexed_list_find(&fc->recv_list, zeb_inst_key(src)) == nullptr) {
+        ZEB_ERROR("ZEB app %d has no room for %d/%d.\n", my_app, src.app, src.node);
         return;
     }
-    __zeb_get_recv_app_fc(fc, src_app, src_node)->drop += (uint32_t)num;
+    __zeb_get_recv_app_fc(fc, src)->drop += (uint32_t)num;
 }
 
-void zeb_fc_update_recv_retdata(uint32_t src_app, uint32_t src_node, uint32_t my_app)
+void zeb_fc_update_recv_retdata(uint32_t my_app, zeb_inst_t src)
 {
-    zeb_fc_t *fc = get_fc(my_app, src_app);
+    zeb_fc_t *fc = get_receiver_fc(my_app, src);
     if (fc == nullptr)
         return;
-    ZEB_VERBOSE("ZEB app %d update recv retdata from %d/%d.\n", my_app, src_app, src_node);
-    if (src_app == ZEBD_APP_ID)
+    ZEB_VERBOSE("ZEB app %d update recv retdata from %d/%d.\n", my_app, src.app, src.node);
+    if (src.app == ZEBD_APP_ID)
         return;
     zeb_scoped_lock lock(&fc->mutex);
-    __zeb_get_recv_app_fc(fc, src_app, src_node)->ret_data++;
+    __zeb_get_recv_app_fc(fc, src)->ret_data++;
 }
 
 void zeb_fc_update_recv_exception(uint32_t my_app)
 {
-    zeb_fc_t *fc = get_fc(my_app, my_app);
+    zeb_fc_t *fc = get_fc(my_app);
     if (fc == nullptr)
         return;
     ZEB_ERROR("ZEB app %d update recv exception msg.\n", my_app);
-    zeb_store_relaxed(&fc->recv_exception, zeb_load_relaxed(&fc->recv_exception) + 1);
+    fc->recv_exception.fetch_add(1, std::memory_order_relaxed);
 }
 
 // Joins and quits.
 
 // What was sent before the peer joined never arrived. The total drops by what was sent, not by what is unacknowledged;
 // that drift is meant.
-static uint32_t reject_sent(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) ZEB_REQUIRES(fc->mutex)
+static uint32_t reject_sent(zeb_fc_t *fc, zeb_inst_t dst) ZEB_REQUIRES(fc->mutex)
 {
-    zeb_recv_app_fc_t *recv = __zeb_get_recv_app_fc(fc, dst_app, dst_node);
+    zeb_recv_app_fc_t *recv = __zeb_get_recv_app_fc(fc, dst);
     recv->drop = 0;
     recv->ret_data = 0;
-    zeb_send_app_fc_t *send = __zeb_get_send_app_fc(fc, dst_app, dst_node);
+    zeb_send_app_fc_t *send = __zeb_get_send_app_fc(fc, dst);
     uint32_t sent = send->send;
     send->reject += sent;
     send->send = 0;
@@ -350,25 +336,25 @@ static uint32_t reject_sent(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) Z
     return sent;
 }
 
-void zeb_fc_adjust_statistics(uint32_t src_app, uint32_t dst_app, uint32_t dst_node)
+void zeb_fc_adjust_statistics(uint32_t src_app, zeb_inst_t dst)
 {
-    zeb_fc_t *fc = get_fc(src_app, src_app);
+    zeb_fc_t *fc = get_fc(src_app);
     if (fc == nullptr)
         return;
     uint32_t sent = 0;
     {
         zeb_scoped_lock lock(&fc->mutex);
-        sent = reject_sent(fc, dst_app, dst_node);
+        sent = reject_sent(fc, dst);
     }
     if (sent == 0)
         return;
-    ZEB_WARN("ZEB app %d adjust sent reject num %d to %d/%d.\n", src_app, sent, dst_app, dst_node);
+    ZEB_WARN("ZEB app %d adjust sent reject num %d to %d/%d.\n", src_app, sent, dst.app, dst.node);
     zeb_cond_broadcast(&fc->cond);
 }
 
-static void forget_sent(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) ZEB_REQUIRES(fc->mutex)
+static void forget_sent(zeb_fc_t *fc, zeb_inst_t dst) ZEB_REQUIRES(fc->mutex)
 {
-    zeb_send_app_fc_t *send = __zeb_get_send_app_fc(fc, dst_app, dst_node);
+    zeb_send_app_fc_t *send = __zeb_get_send_app_fc(fc, dst);
     fc->total_send_unack = minus(fc->total_send_unack, (uint32_t)send->unack);
     fc->total_send -= send->send;
     set_unack(fc, send, 0);
@@ -377,9 +363,9 @@ static void forget_sent(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) ZEB_R
     send->rpc_reply_reject = 0;
 }
 
-static void forget_received(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node) ZEB_REQUIRES(fc->mutex)
+static void forget_received(zeb_fc_t *fc, zeb_inst_t src) ZEB_REQUIRES(fc->mutex)
 {
-    zeb_recv_app_fc_t *recv = __zeb_get_recv_app_fc(fc, src_app, src_node);
+    zeb_recv_app_fc_t *recv = __zeb_get_recv_app_fc(fc, src);
     fc->total_recv_unack = minus(fc->total_recv_unack, (uint32_t)recv->unack);
     fc->total_recv -= recv->recv;
     recv->unack = 0;
@@ -388,9 +374,9 @@ static void forget_received(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node) Z
     recv->ret_data = 0;
 }
 
-void zeb_fc_reset_unack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node)
+void zeb_fc_reset_unack(uint32_t my_app, zeb_inst_t peer)
 {
-    ZEB_INFO("ZEB reset unack stat between app %d and %d/%d.\n", my_app, dst_app, dst_node);
+    ZEB_INFO("ZEB reset unack stat between app %d and %d/%d.\n", my_app, peer.app, peer.node);
     zeb_fc_t *fc = zeb_get_app_fc(my_app);
     if (fc == nullptr) {
         ZEB_ERROR("ZEB get app %d flow ctrl info failed.\n", my_app);
@@ -398,8 +384,8 @@ void zeb_fc_reset_unack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node)
     }
     {
         zeb_scoped_lock lock(&fc->mutex);
-        forget_sent(fc, dst_app, dst_node);
-        forget_received(fc, dst_app, dst_node);
+        forget_sent(fc, peer);
+        forget_received(fc, peer);
     }
     (void)pthread_cond_broadcast(&fc->cond.impl);
 }
@@ -416,15 +402,14 @@ void zeb_cli_print_fc_stat(uint32_t app)
     zeb_buf_printf("  total send %d, unack %d, mcast reject %d, RPC reply exception %d\n", fc->total_send,
                    fc->total_send_unack, fc->mcast_send_reject, fc->rpc_reply_exception);
     zeb_buf_printf("  total receive %d, unack %d, exception %d\n", fc->total_recv, fc->total_recv_unack,
-                   zeb_load_relaxed(&fc->recv_exception));
-    list_each<zeb_send_app_fc_t>(&fc->send_list, [](const zeb_send_app_fc_t *record) {
+                   fc->recv_exception.load(std::memory_order_relaxed));
+    indexed_list_each(&fc->send_list, [](const zeb_send_app_fc_t *record) {
         zeb_buf_printf("    Send to application %d/%d: send %d, unack %d, reject %d, RPC reply reject %d\n",
-                       record->dst_app_id, record->dst_node_id, record->send, record->unack, record->reject,
+                       record->dst.app, record->dst.node, record->send, record->unack, record->reject,
                        record->rpc_reply_reject);
     });
-    list_each<zeb_recv_app_fc_t>(&fc->recv_list, [](const zeb_recv_app_fc_t *record) {
+    indexed_list_each(&fc->recv_list, [](const zeb_recv_app_fc_t *record) {
         zeb_buf_printf("    Receive from application %d/%d: receive %d, unack %d, drop %d, return %d\n",
-                       record->src_app_id, record->src_node_id, record->recv, record->unack, record->drop,
-                       record->ret_data);
+                       record->src.app, record->src.node, record->recv, record->unack, record->drop, record->ret_data);
     });
 }

@@ -4,12 +4,15 @@
 #ifndef ZEB_FLOW_CTRL_H
 #define ZEB_FLOW_CTRL_H
 
+#include <atomic>
 #include <cstdint>
 
 #include <zeb/zeb.h>
 
 #include "platform/list_index.h"
+#include "zeb_inst.h"
 #include "zeb_lock.h"
+#include "zeb_slot.h"
 
 constexpr int32_t ZEB_FC_SEND_WINDOW = 1024;      // a destination is blocked from the 1025th unacknowledged message on
 constexpr uint32_t ZEB_FC_ACK_BATCH = 512;        // acknowledged at once when more than this many are due
@@ -20,10 +23,9 @@ constexpr uint32_t ZEB_FC_NODE_ANY = 0xFFFFFFFFu; // no single node was chosen
 
 // What one destination instance was sent.
 typedef struct zeb_send_app_fc_s {
-    struct list_head list;        // in send_list
-    list_index_link_t index_link; // in send_index
-    uint32_t dst_app_id;
-    uint32_t dst_node_id;
+    struct list_head list; // in send_list
+    list_index_link_t index_link;
+    zeb_inst_t dst;
     uint32_t send;             // sent
     int32_t unack;             // sent and not yet acknowledged
     uint32_t reject;           // refused or failed
@@ -32,10 +34,9 @@ typedef struct zeb_send_app_fc_s {
 
 // What came from one source instance.
 typedef struct zeb_recv_app_fc_s {
-    struct list_head list;        // in recv_list
-    list_index_link_t index_link; // in recv_index
-    uint32_t src_app_id;
-    uint32_t src_node_id;
+    struct list_head list; // in recv_list
+    list_index_link_t index_link;
+    zeb_inst_t src;
     uint32_t recv;     // handed to dispatch
     int32_t unack;     // dispatched and not yet acknowledged
     uint32_t drop;     // discarded unprocessed
@@ -54,35 +55,43 @@ typedef struct zeb_fc_s {
     uint32_t rpc_reply_exception ZEB_GUARDED_BY(mutex); // failed replies to no single instance
     uint32_t total_recv ZEB_GUARDED_BY(mutex);
     int32_t total_recv_unack ZEB_GUARDED_BY(mutex);
-    uint32_t recv_exception;                          // relaxed; bad incoming messages
-    struct list_head send_list ZEB_GUARDED_BY(mutex); // zeb_send_app_fc_t, in order of first use
-    struct list_head recv_list ZEB_GUARDED_BY(mutex); // zeb_recv_app_fc_t, in order of first use
-    list_index_t send_index ZEB_GUARDED_BY(mutex);    // of send_list, by destination instance
-    list_index_t recv_index ZEB_GUARDED_BY(mutex);    // of recv_list, by source instance
-    int blocked_num ZEB_GUARDED_BY(mutex);            // send records past their window
+    std::atomic<uint32_t> recv_exception;                            // relaxed; bad incoming messages
+    indexed_list<zeb_send_app_fc_t> send_list ZEB_GUARDED_BY(mutex); // by destination, in order of first use
+    indexed_list<zeb_recv_app_fc_t> recv_list ZEB_GUARDED_BY(mutex); // by source, in order of first use
+    int blocked_num ZEB_GUARDED_BY(mutex);                           // send records past their window
 } zeb_fc_t;
 
 zeb_fc_t *zeb_add_app_fc(uint32_t app); // null on failure
 void zeb_del_app_fc(zeb_fc_t *fc);      // null is ignored
-zeb_fc_t *zeb_get_app_fc(uint32_t app); // null when not registered here
+// The record of a local application; null when it is not registered here.
+static inline zeb_fc_t *zeb_get_app_fc(uint32_t app)
+{
+    zeb_app_mng_t *slot = zeb_get_app_mng(app);
+    return slot == nullptr ? nullptr : slot->fc;
+}
 
-// Asks whether `src_app` may send to `dst_app`; waits until it may. 0; -EAGAIN with ZEB_SEND_NOWAIT; -ENOENT without
-// record.
-int zeb_fc_check(uint32_t src_app, uint32_t dst_app, int flags);
+// What every message passes; the caller has looked the record up.
+//
+// Asks whether the application may send to `dst_app`; waits until it may. 0; -EAGAIN with ZEB_SEND_NOWAIT; -ENOENT
+// without record.
+int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags);
+void zeb_fc_update_sent_ok(zeb_fc_t *fc, zeb_inst_t dst);
+void zeb_fc_update_recv_ok(zeb_fc_t *fc, zeb_inst_t src); // may send an acknowledgement
 
-void zeb_fc_update_sent_ok(uint32_t src_app, uint32_t dst_app, uint32_t dst_node);
-void zeb_fc_update_sent_reject(uint32_t src_app, uint32_t dst_app, uint32_t dst_node);
-void zeb_fc_update_rpc_reply_exception(uint32_t src_app, uint32_t dst_app, uint32_t dst_node);
-void zeb_fc_update_sent_ack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node, uint32_t ack_num);
-void zeb_fc_update_recv_ok(uint32_t src_app, uint32_t src_node, uint32_t my_app); // may send an acknowledgement
-void zeb_fc_update_recv_drop(uint32_t src_app, uint32_t src_node, uint32_t my_app, int num);
-void zeb_fc_update_recv_retdata(uint32_t src_app, uint32_t src_node, uint32_t my_app);
+// What happens now and then, by the local application's id; the line of zeb_fc_not_found when it is not registered.
+void zeb_fc_update_sent_reject(uint32_t src_app, zeb_inst_t dst);
+void zeb_fc_update_rpc_reply_exception(uint32_t src_app, zeb_inst_t dst);
+void zeb_fc_update_sent_ack(uint32_t my_app, zeb_inst_t dst, uint32_t ack_num);
+void zeb_fc_update_recv_drop(uint32_t my_app, zeb_inst_t src, int num);
+void zeb_fc_update_recv_retdata(uint32_t my_app, zeb_inst_t src);
 void zeb_fc_update_recv_exception(uint32_t my_app);
-void zeb_fc_adjust_statistics(uint32_t src_app, uint32_t dst_app, uint32_t dst_node); // the peer has joined
-void zeb_fc_reset_unack(uint32_t my_app, uint32_t dst_app, uint32_t dst_node);        // the peer has quit
+void zeb_fc_adjust_statistics(uint32_t src_app, zeb_inst_t dst); // the peer has joined
+void zeb_fc_reset_unack(uint32_t my_app, zeb_inst_t peer);       // the peer has quit
 
-zeb_send_app_fc_t *__zeb_get_send_app_fc(zeb_fc_t *fc, uint32_t dst_app, uint32_t dst_node) ZEB_REQUIRES(fc->mutex);
-zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, uint32_t src_app, uint32_t src_node) ZEB_REQUIRES(fc->mutex);
+zeb_fc_t *zeb_fc_not_found(uint32_t app); // the line that says so about `app`, and null
+
+zeb_send_app_fc_t *__zeb_get_send_app_fc(zeb_fc_t *fc, zeb_inst_t dst) ZEB_REQUIRES(fc->mutex);
+zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, zeb_inst_t src) ZEB_REQUIRES(fc->mutex);
 bool zeb_fc_accept_msg(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex);
 
 static inline bool zeb_fc_past_window(int32_t unack)
@@ -93,12 +102,12 @@ static inline bool zeb_fc_past_window(int32_t unack)
 // True for a send record of `dst_app` that blocks its senders.
 static inline bool zeb_fc_blocks(const zeb_send_app_fc_t *record, uint32_t dst_app)
 {
-    return record->dst_app_id == dst_app && zeb_fc_past_window(record->unack);
+    return record->dst.app == dst_app && zeb_fc_past_window(record->unack);
 }
 
-// Diagnosis (zeb_flow_ctrl_diag.cpp).
+// Diagnosis (zeb_flow_ctrl_diag.cpp). `unprocessed` messages of the pinging instance wait in the application's queue.
 void zeb_fc_diagnose_destination(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex);
-void zeb_fc_ping_request(uint32_t src_app, uint32_t src_node, uint32_t my_app);
-void zeb_fc_ping_echo(uint32_t src_app, uint32_t src_node, uint32_t my_app);
+void zeb_fc_ping_request(uint32_t my_app, zeb_inst_t src, int unprocessed);
+void zeb_fc_ping_echo(uint32_t my_app, zeb_inst_t src);
 
 #endif

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/list_algo.h"
 #include "zeb_dbg.h"
 #include "zeb_slot.h"
 #include "zeb_wire.h"
@@ -22,8 +21,8 @@ zeb_mng_stat_t *zeb_add_mng_stat(uint32_t app)
     }
     stat->app_id = app;
     zeb_scoped_lock lock(&stat->mutex);
-    INIT_LIST_HEAD(&stat->send_list);
-    INIT_LIST_HEAD(&stat->recv_list);
+    indexed_list_init(&stat->send_list);
+    indexed_list_init(&stat->recv_list);
     return stat;
 }
 
@@ -34,10 +33,8 @@ void zeb_del_mng_stat(zeb_mng_stat_t *stat)
     ZEB_VERBOSE("ZEB delete app %d mng msg stat.\n", stat->app_id);
     {
         zeb_scoped_lock lock(&stat->mutex);
-        (void)list_remove_matching<zeb_send_mng_stat_t>(&stat->send_list,
-                                                        [](const zeb_send_mng_stat_t *) { return true; });
-        (void)list_remove_matching<zeb_recv_mng_stat_t>(&stat->recv_list,
-                                                        [](const zeb_recv_mng_stat_t *) { return true; });
+        indexed_list_clear(&stat->send_list);
+        indexed_list_clear(&stat->recv_list);
     }
     zeb_mutex_destroy(&stat->mutex);
     free(stat);
@@ -52,38 +49,34 @@ static zeb_mng_stat_t *get_stat(uint32_t app)
     return nullptr;
 }
 
-static zeb_send_mng_stat_t *__get_send_stat(zeb_mng_stat_t *stat, uint32_t app, uint32_t node) ZEB_REQUIRES(stat->mutex)
+static zeb_send_mng_stat_t *__get_send_stat(zeb_mng_stat_t *stat, zeb_inst_t dst) ZEB_REQUIRES(stat->mutex)
 {
-    return list_index_find_or_create<zeb_send_mng_stat_t>(
-        &stat->send_list, &stat->send_index, list_index_key(app, node), [&] {
-            ZEB_VERBOSE("ZEB app %d add new send mng msg stat to %d/%d.\n", stat->app_id, app, node);
-            zeb_send_mng_stat_t *record = (zeb_send_mng_stat_t *)zeb_malloc(sizeof(zeb_send_mng_stat_t));
-            record->dst_app_id = app;
-            record->dst_node_id = node;
-            return record;
-        });
+    return indexed_list_find_or_create(&stat->send_list, zeb_inst_key(dst), [&] {
+        ZEB_VERBOSE("ZEB app %d add new send mng msg stat to %d/%d.\n", stat->app_id, dst.app, dst.node);
+        zeb_send_mng_stat_t *record = (zeb_send_mng_stat_t *)zeb_malloc(sizeof(zeb_send_mng_stat_t));
+        record->dst = dst;
+        return record;
+    });
 }
 
-static zeb_recv_mng_stat_t *__get_recv_stat(zeb_mng_stat_t *stat, uint32_t app, uint32_t node) ZEB_REQUIRES(stat->mutex)
+static zeb_recv_mng_stat_t *__get_recv_stat(zeb_mng_stat_t *stat, zeb_inst_t src) ZEB_REQUIRES(stat->mutex)
 {
-    return list_index_find_or_create<zeb_recv_mng_stat_t>(
-        &stat->recv_list, &stat->recv_index, list_index_key(app, node), [&] {
-            ZEB_VERBOSE("ZEB app %d add new recv mng msg stat from %d/%d.\n", stat->app_id, app, node);
-            zeb_recv_mng_stat_t *record = (zeb_recv_mng_stat_t *)zeb_malloc(sizeof(zeb_recv_mng_stat_t));
-            record->src_app_id = app;
-            record->src_node_id = node;
-            return record;
-        });
+    return indexed_list_find_or_create(&stat->recv_list, zeb_inst_key(src), [&] {
+        ZEB_VERBOSE("ZEB app %d add new recv mng msg stat from %d/%d.\n", stat->app_id, src.app, src.node);
+        zeb_recv_mng_stat_t *record = (zeb_recv_mng_stat_t *)zeb_malloc(sizeof(zeb_recv_mng_stat_t));
+        record->src = src;
+        return record;
+    });
 }
 
-void zeb_mng_stat_update_sent(uint32_t my_app, uint32_t dst_app, uint32_t dst_node, int type)
+void zeb_mng_stat_update_sent(uint32_t my_app, zeb_inst_t dst, int type)
 {
     zeb_mng_stat_t *stat = get_stat(my_app);
     if (stat == nullptr)
         return;
-    ZEB_VERBOSE("ZEB app %d update send mng msg stat to %d/%d, type %d.\n", my_app, dst_app, dst_node, type);
+    ZEB_VERBOSE("ZEB app %d update send mng msg stat to %d/%d, type %d.\n", my_app, dst.app, dst.node, type);
     zeb_scoped_lock lock(&stat->mutex);
-    zeb_send_mng_stat_t *record = __get_send_stat(stat, dst_app, dst_node);
+    zeb_send_mng_stat_t *record = __get_send_stat(stat, dst);
     switch (type) {
     case ZEB_MSG_SYNC_INST:
         record->send_inst++;
@@ -101,14 +94,14 @@ void zeb_mng_stat_update_sent(uint32_t my_app, uint32_t dst_app, uint32_t dst_no
     stat->total_send++;
 }
 
-void zeb_mng_stat_update_recv(uint32_t my_app, uint32_t src_app, uint32_t src_node, int type)
+void zeb_mng_stat_update_recv(uint32_t my_app, zeb_inst_t src, int type)
 {
     zeb_mng_stat_t *stat = get_stat(my_app);
     if (stat == nullptr)
         return;
-    ZEB_VERBOSE("ZEB app %d update recv mng msg stat to %d/%d, type %d.\n", my_app, src_app, src_node, type);
+    ZEB_VERBOSE("ZEB app %d update recv mng msg stat to %d/%d, type %d.\n", my_app, src.app, src.node, type);
     zeb_scoped_lock lock(&stat->mutex);
-    zeb_recv_mng_stat_t *record = __get_recv_stat(stat, src_app, src_node);
+    zeb_recv_mng_stat_t *record = __get_recv_stat(stat, src);
     switch (type) {
     case ZEB_MSG_SYNC_INST:
         record->recv_inst++;
@@ -126,42 +119,42 @@ void zeb_mng_stat_update_recv(uint32_t my_app, uint32_t src_app, uint32_t src_no
     stat->total_recv++;
 }
 
-void zeb_mng_stat_update_send_fail(uint32_t dst_app, uint32_t dst_node, uint32_t my_app)
+void zeb_mng_stat_update_send_fail(uint32_t my_app, zeb_inst_t dst)
 {
     zeb_mng_stat_t *stat = get_stat(my_app);
     if (stat == nullptr)
         return;
-    ZEB_VERBOSE("ZEB app %d update send fail mng msg to %d/%d.\n", my_app, dst_app, dst_node);
+    ZEB_VERBOSE("ZEB app %d update send fail mng msg to %d/%d.\n", my_app, dst.app, dst.node);
     zeb_scoped_lock lock(&stat->mutex);
-    __get_send_stat(stat, dst_app, dst_node)->send_fail++;
+    __get_send_stat(stat, dst)->send_fail++;
 }
 
-void zeb_mng_stat_update_recv_reject(uint32_t src_app, uint32_t src_node, uint32_t my_app)
+void zeb_mng_stat_update_recv_reject(uint32_t my_app, zeb_inst_t src)
 {
     zeb_mng_stat_t *stat = get_stat(my_app);
     if (stat == nullptr)
         return;
-    ZEB_VERBOSE("ZEB app %d update recv reject mng msg from %d/%d.\n", my_app, src_app, src_node);
-    if (src_app == ZEBD_APP_ID)
+    ZEB_VERBOSE("ZEB app %d update recv reject mng msg from %d/%d.\n", my_app, src.app, src.node);
+    if (src.app == ZEBD_APP_ID)
         return;
     zeb_scoped_lock lock(&stat->mutex);
-    __get_recv_stat(stat, src_app, src_node)->recv_ret_data++;
+    __get_recv_stat(stat, src)->recv_ret_data++;
 }
 
-void zeb_clean_mng_msg_stat(uint32_t my_app, uint32_t app, uint32_t node)
+void zeb_clean_mng_msg_stat(uint32_t my_app, zeb_inst_t peer)
 {
-    ZEB_INFO("ZEB clean mng msg stat between app %d and %d/%d.\n", my_app, app, node);
+    ZEB_INFO("ZEB clean mng msg stat between app %d and %d/%d.\n", my_app, peer.app, peer.node);
     zeb_mng_stat_t *stat = get_stat(my_app);
     if (stat == nullptr)
         return;
     zeb_scoped_lock lock(&stat->mutex);
-    zeb_recv_mng_stat_t *recv = __get_recv_stat(stat, app, node);
+    zeb_recv_mng_stat_t *recv = __get_recv_stat(stat, peer);
     stat->total_recv -= recv->recv_inst + recv->recv_inst_ack + recv->recv_inst_seq_ack;
     recv->recv_inst = 0;
     recv->recv_inst_ack = 0;
     recv->recv_inst_seq_ack = 0;
     recv->recv_ret_data = 0;
-    zeb_send_mng_stat_t *send = __get_send_stat(stat, app, node);
+    zeb_send_mng_stat_t *send = __get_send_stat(stat, peer);
     stat->total_send -= send->send_inst + send->send_inst_ack + send->send_inst_seq_ack;
     send->send_inst = 0;
     send->send_inst_ack = 0;
@@ -180,14 +173,14 @@ void zeb_cli_print_mng_stat(uint32_t app)
     zeb_scoped_lock lock(&stat->mutex);
     zeb_buf_printf("Application %d mng msg statistics:\n", app);
     zeb_buf_printf("  total send %d, total recv %d\n", stat->total_send, stat->total_recv);
-    list_each<zeb_send_mng_stat_t>(&stat->send_list, [](const zeb_send_mng_stat_t *record) {
+    indexed_list_each(&stat->send_list, [](const zeb_send_mng_stat_t *record) {
         zeb_buf_printf("    Send to application %d/%d: inst %d, inst ack %d, inst seq ack %d, failed %d\n",
-                       record->dst_app_id, record->dst_node_id, record->send_inst, record->send_inst_ack,
+                       record->dst.app, record->dst.node, record->send_inst, record->send_inst_ack,
                        record->send_inst_seq_ack, record->send_fail);
     });
-    list_each<zeb_recv_mng_stat_t>(&stat->recv_list, [](const zeb_recv_mng_stat_t *record) {
+    indexed_list_each(&stat->recv_list, [](const zeb_recv_mng_stat_t *record) {
         zeb_buf_printf("    Receive from application %d/%d: inst %d, inst ack %d, inst seq ack %d,reject %d\n",
-                       record->src_app_id, record->src_node_id, record->recv_inst, record->recv_inst_ack,
+                       record->src.app, record->src.node, record->recv_inst, record->recv_inst_ack,
                        record->recv_inst_seq_ack, record->recv_ret_data);
     });
 }

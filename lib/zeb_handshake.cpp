@@ -7,13 +7,14 @@
 
 #include "zeb_handshake_record.h"
 
-static zeb_msg_sync_inst_t my_sync_inst(const zeb_handshake_t *hs, uint32_t my_app, uint32_t seq, uint32_t resume)
+// Of no sequence yet, and without a resume.
+static zeb_msg_sync_inst_t my_sync_inst(const zeb_handshake_t *hs, uint32_t my_app)
 {
     zeb_msg_sync_inst_t body;
-    body.seq = seq;
+    body.seq = 0;
     body.id = hs->effects->get_id(hs->ctx);
     body.is_server = hs->effects->is_server(hs->ctx, my_app) ? 1 : 0;
-    body.resume = resume;
+    body.resume = 0;
     body.ttl = ZEB_SYNC_TTL;
     return body;
 }
@@ -23,7 +24,9 @@ int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uin
 {
     uint32_t seq = hs->effects->get_seq(hs->ctx);
     HS_VERBOSE(hs, "ZEB app %d sync inst to %d/%d, seq %d.\n", src_app, dst.app, dst.node, seq);
-    zeb_msg_sync_inst_t body = my_sync_inst(hs, src_app, seq, resume);
+    zeb_msg_sync_inst_t body = my_sync_inst(hs, src_app);
+    body.seq = seq;
+    body.resume = resume;
     int ret = hs->effects->send_sync(hs->ctx, src_app, dst, &body);
     if (ret != 0) {
         HS_WARN(hs, "ZEB app %d sync inst to %d/%d, seq %d. SEND FAIL\n", src_app, dst.app, dst.node, seq);
@@ -154,7 +157,8 @@ void zeb_try_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst)
 static void send_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint32_t seq)
 {
     zeb_msg_sync_inst_ack_t ack;
-    ack.sync = my_sync_inst(hs, my_app, seq, 0);
+    ack.sync = my_sync_inst(hs, my_app);
+    ack.sync.seq = seq;
     ack.pseq = zeb_get_pseq_for_inst_ack(hs, my_app, peer);
     hs->effects->send_ack(hs->ctx, my_app, peer, &ack);
 }

@@ -70,7 +70,7 @@ static int start_timer(void *, unsigned seconds, zeb_timer_t timer)
 static int send_sync(void *, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body)
 {
     zeb_msg_t *msg = zeb_new_sync_inst_msg(src_app, dst, body);
-    int ret = zeb_tipc_sendto(src_app, msg, dst.app, dst.node, 0);
+    int ret = zeb_tipc_sendto(src_app, msg, dst, 0);
     free(msg);
     return ret;
 }
@@ -78,36 +78,36 @@ static int send_sync(void *, uint32_t src_app, zeb_inst_t dst, const zeb_msg_syn
 static int resend_ack(void *, const zeb_returned_ack_t *ack)
 {
     ack->msg->hdr.seq = ack->timer_seq;
-    return zeb_tipc_sendto(ack->src_app, ack->msg, ack->dst.app, ack->dst.node, 0);
+    return zeb_tipc_sendto(ack->src_app, ack->msg, ack->dst, 0);
 }
 
 static void count(void *, zeb_hs_count_t what, uint32_t my_app, zeb_inst_t peer, int type)
 {
     switch (what) {
     case ZEB_HS_SENT:
-        zeb_mng_stat_update_sent(my_app, peer.app, peer.node, type);
+        zeb_mng_stat_update_sent(my_app, peer, type);
         return;
     case ZEB_HS_SEND_FAILED:
-        zeb_mng_stat_update_send_fail(peer.app, peer.node, my_app);
+        zeb_mng_stat_update_send_fail(my_app, peer);
         return;
     case ZEB_HS_RECEIVED:
-        zeb_mng_stat_update_recv(my_app, peer.app, peer.node, type);
+        zeb_mng_stat_update_recv(my_app, peer, type);
         return;
     }
 }
 
 static void forget_peer(void *, uint32_t my_app, zeb_inst_t peer, bool was_online)
 {
-    zeb_fc_reset_unack(my_app, peer.app, peer.node);
+    zeb_fc_reset_unack(my_app, peer);
     if (!was_online)
         return;
-    zeb_clean_mng_msg_stat(my_app, peer.app, peer.node);
-    zeb_discard_app_msg(my_app, peer.app, peer.node);
+    zeb_clean_mng_msg_stat(my_app, peer);
+    zeb_discard_app_msg(my_app, peer);
 }
 
 static void end_calls(void *, uint32_t my_app, zeb_inst_t peer)
 {
-    (void)zeb_terminate_rpc(my_app, peer.app, peer.node);
+    (void)zeb_terminate_rpc(my_app, peer);
 }
 
 static void unsubscribe(void *, uint32_t app)
@@ -167,21 +167,21 @@ static void resend_sync(const later_t *later)
     uint32_t seq = later->body.sync.seq;
     if (send_sync(nullptr, app, peer, &later->body.sync) != 0) {
         ZEB_WARN("ZEB app %d sync inst to %d/%d, seq %d FAIL.\n", app, peer.app, peer.node, seq);
-        zeb_mng_stat_update_send_fail(peer.app, peer.node, app);
+        zeb_mng_stat_update_send_fail(app, peer);
         return;
     }
     ZEB_VERBOSE("ZEB app %d sync inst to %d/%d, seq %d SUCC.\n", app, peer.app, peer.node, seq);
-    zeb_mng_stat_update_sent(app, peer.app, peer.node, ZEB_MSG_SYNC_INST);
+    zeb_mng_stat_update_sent(app, peer, ZEB_MSG_SYNC_INST);
 }
 
 // Sends an acknowledgement and counts it.
 static int send_ack_msg(uint32_t src_app, zeb_inst_t dst, zeb_msg_t *msg, zeb_msg_type_t type)
 {
-    int ret = zeb_tipc_sendto(src_app, msg, dst.app, dst.node, 0);
+    int ret = zeb_tipc_sendto(src_app, msg, dst, 0);
     if (ret == 0)
-        zeb_mng_stat_update_sent(src_app, dst.app, dst.node, type);
+        zeb_mng_stat_update_sent(src_app, dst, type);
     else
-        zeb_mng_stat_update_send_fail(dst.app, dst.node, src_app);
+        zeb_mng_stat_update_send_fail(src_app, dst);
     free(msg);
     return ret;
 }
@@ -197,7 +197,7 @@ static void send_ack(const later_t *later)
 
 static void queue_event(const later_t *later, zeb_event_type_t type)
 {
-    zeb_msg_t *msg = zeb_new_event_msg(later->my_app, type, later->peer.node, later->peer.app);
+    zeb_msg_t *msg = zeb_new_event_msg(later->my_app, type, later->peer);
     if (zeb_enqueue_event_msg(later->my_app, msg) != 0)
         free(msg);
 }
@@ -212,7 +212,7 @@ static void carry_out(const later_t *later)
         send_ack(later);
         return;
     case LATER_JOIN:
-        zeb_fc_adjust_statistics(later->my_app, later->peer.app, later->peer.node);
+        zeb_fc_adjust_statistics(later->my_app, later->peer);
         queue_event(later, ZEB_APP_JOIN);
         return;
     case LATER_QUIT:
@@ -307,7 +307,7 @@ void zeb_subscr_tipc_events()
     zeb_scoped_lock lock(&g_lib_mutex);
     indexed_list_each(&g_zeb_handshake.ol_app, [](const zeb_ol_app_t *ol) {
         (void)zeb_subscr_app_events(zeb_tipc_instance({ol->app_id, 0}), zeb_tipc_instance({ol->app_id, 0xFFFF}),
-                                    (uint32_t)TIPC_WAIT_FOREVER);
+                                    TIPC_WAIT_FOREVER);
     });
 }
 

@@ -1,4 +1,4 @@
-// Mutexes, conditions and relaxed shared words, with the annotations that clang's -Wthread-safety checks.
+// Mutexes and conditions, with the annotations that clang's -Wthread-safety checks.
 // A failing lock operation is a broken invariant and ends the process; a failing initialisation is reported to the
 // caller, which unwinds. All conditions run on the monotonic clock.
 #ifndef ZEB_LOCK_H
@@ -79,12 +79,13 @@ class ZEB_SCOPED_CAPABILITY zeb_scoped_lock
     zeb_mutex_t *mutex_;
 };
 
-// The step at which making a condition failed; each caller has a log line of its own for each.
-typedef enum zeb_cond_step_e : int {
-    ZEB_COND_STEP_ATTR = 0,
-    ZEB_COND_STEP_CLOCK = 1,
-    ZEB_COND_STEP_INIT = 2,
-} zeb_cond_step_t;
+// The step at which making a mutex or a condition failed; each caller has a log line of its own for each.
+typedef enum zeb_init_step_e : int {
+    ZEB_INIT_STEP_MUTEX = 0,
+    ZEB_INIT_STEP_ATTR = 1,
+    ZEB_INIT_STEP_CLOCK = 2,
+    ZEB_INIT_STEP_COND = 3,
+} zeb_init_step_t;
 
 // Makes a condition on the monotonic clock. Returns 0, or the error number after on_fail(step, error); nothing is left
 // of a failed attempt.
@@ -94,13 +95,13 @@ static inline int zeb_cond_init(zeb_cond_t *cond, OnFail on_fail)
     pthread_condattr_t attr;
     int ret = pthread_condattr_init(&attr);
     if (ret != 0) {
-        on_fail(ZEB_COND_STEP_ATTR, ret);
+        on_fail(ZEB_INIT_STEP_ATTR, ret);
         return ret;
     }
-    zeb_cond_step_t step = ZEB_COND_STEP_CLOCK;
+    zeb_init_step_t step = ZEB_INIT_STEP_CLOCK;
     ret = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
     if (ret == 0) {
-        step = ZEB_COND_STEP_INIT;
+        step = ZEB_INIT_STEP_COND;
         ret = pthread_cond_init(&cond->impl, &attr);
     }
     if (ret != 0)
@@ -112,6 +113,21 @@ static inline int zeb_cond_init(zeb_cond_t *cond, OnFail on_fail)
 static inline void zeb_cond_destroy(zeb_cond_t *cond)
 {
     (void)pthread_cond_destroy(&cond->impl);
+}
+
+// Makes a mutex and a condition that is waited for with it. False after on_fail(step, error); nothing is left then.
+template <typename OnFail>
+static inline bool zeb_mutex_cond_init(zeb_mutex_t *mutex, zeb_cond_t *cond, OnFail on_fail)
+{
+    int ret = zeb_mutex_init(mutex);
+    if (ret != 0) {
+        on_fail(ZEB_INIT_STEP_MUTEX, ret);
+        return false;
+    }
+    if (zeb_cond_init(cond, on_fail) == 0)
+        return true;
+    zeb_mutex_destroy(mutex);
+    return false;
 }
 
 static inline void zeb_cond_signal(zeb_cond_t *cond)
@@ -150,31 +166,6 @@ static inline int zeb_cond_wait_until(zeb_cond_t *cond, zeb_mutex_t *mutex, cons
     if (ret != ETIMEDOUT)
         assert(ret == 0);
     return ret;
-}
-
-// Words that one thread writes and others read without a lock.
-template <typename T>
-static inline T zeb_load_relaxed(const T *word)
-{
-    return __atomic_load_n(word, __ATOMIC_RELAXED);
-}
-
-template <typename T>
-static inline void zeb_store_relaxed(T *word, T value)
-{
-    __atomic_store_n(word, value, __ATOMIC_RELAXED);
-}
-
-template <typename T>
-static inline T zeb_load_acquire(const T *word)
-{
-    return __atomic_load_n(word, __ATOMIC_ACQUIRE);
-}
-
-template <typename T>
-static inline void zeb_store_release(T *word, T value)
-{
-    __atomic_store_n(word, value, __ATOMIC_RELEASE);
 }
 
 #endif

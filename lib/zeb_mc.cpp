@@ -6,8 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/list_algo.h"
-#include "zeb_app_info.h"
 #include "zeb_dbg.h"
 #include "zeb_slot.h"
 
@@ -27,19 +25,15 @@ struct app_kind {
     {
         return mbr == 0;
     }
-    static struct list_head *groups(zeb_mc_t *mc)
+    static indexed_list<group_t> *groups(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
     {
         return &mc->app_mc_list;
     }
-    static list_index_t *index(zeb_mc_t *mc)
-    {
-        return &mc->app_mc_index;
-    }
-    static int32_t *count(zeb_mc_t *mc)
+    static int32_t *count(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
     {
         return &mc->app_mc_num;
     }
-    static int32_t *cursor(zeb_mc_t *mc)
+    static int32_t *cursor(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
     {
         return &mc->cur_app_mc_id;
     }
@@ -56,19 +50,15 @@ struct node_kind {
     {
         return !zeb_valid_node_id(mbr);
     }
-    static struct list_head *groups(zeb_mc_t *mc)
+    static indexed_list<group_t> *groups(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
     {
         return &mc->node_mc_list;
     }
-    static list_index_t *index(zeb_mc_t *mc)
-    {
-        return &mc->node_mc_index;
-    }
-    static int32_t *count(zeb_mc_t *mc)
+    static int32_t *count(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
     {
         return &mc->node_mc_num;
     }
-    static int32_t *cursor(zeb_mc_t *mc)
+    static int32_t *cursor(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
     {
         return &mc->cur_node_mc_id;
     }
@@ -80,33 +70,38 @@ void zeb_mc_init(zeb_mc_t *mc)
     mc->node_mc_num = 0;
     mc->cur_app_mc_id = APP_MC_ID_FIRST;
     mc->cur_node_mc_id = NODE_MC_ID_FIRST;
-    INIT_LIST_HEAD(&mc->app_mc_list);
-    INIT_LIST_HEAD(&mc->node_mc_list);
-    memset(&mc->app_mc_index, 0, sizeof(mc->app_mc_index));
-    memset(&mc->node_mc_index, 0, sizeof(mc->node_mc_index));
+    indexed_list_init(&mc->app_mc_list);
+    indexed_list_init(&mc->node_mc_list);
 }
 
-static zeb_app_info_t *get_owner(uint32_t src_app)
+// A group as its owner names it.
+typedef struct group_id_s {
+    uint32_t owner;
+    uint32_t mc_id;
+} group_id_t;
+
+static zeb_mc_t *get_mc(uint32_t src_app)
 {
-    zeb_app_info_t *app_info = zeb_get_app_info(src_app);
-    if (app_info == nullptr)
-        ZEB_ERROR("ZEB app %d does not registered.\n", src_app);
-    return app_info;
+    zeb_app_mng_t *slot = zeb_get_app_mng(src_app);
+    if (slot != nullptr)
+        return slot->mc;
+    ZEB_ERROR("ZEB app %d does not registered.\n", src_app);
+    return nullptr;
 }
 
 template <typename Kind>
-static typename Kind::group_t *find_group(zeb_mc_t *mc, uint32_t mc_id)
+static typename Kind::group_t *find_group(zeb_mc_t *mc, uint32_t mc_id) ZEB_REQUIRES(mc->mutex)
 {
-    return list_index_find<typename Kind::group_t>(Kind::index(mc), mc_id);
+    return indexed_list_find(Kind::groups(mc), mc_id);
 }
 
 // The group, or null with the line that says so.
 template <typename Kind>
-static typename Kind::group_t *get_group(zeb_app_info_t *owner, uint32_t mc_id) ZEB_REQUIRES(owner->mutex)
+static typename Kind::group_t *get_group(zeb_mc_t *mc, uint32_t mc_id) ZEB_REQUIRES(mc->mutex)
 {
-    typename Kind::group_t *group = find_group<Kind>(&owner->mc, mc_id);
+    typename Kind::group_t *group = find_group<Kind>(mc, mc_id);
     if (group == nullptr)
-        ZEB_ERROR("ZEB app %d does not create %s-private-mcast 0x%x.\n", owner->app_id, Kind::name, mc_id);
+        ZEB_ERROR("ZEB app %d does not create %s-private-mcast 0x%x.\n", mc->app_id, Kind::name, mc_id);
     return group;
 }
 
@@ -121,7 +116,7 @@ static void wrap_cursor(int32_t *cursor)
 
 // Ascending, skipping ids in use, around the end of the range. Ends: there are far fewer groups than ids.
 template <typename Kind>
-static int32_t get_new_mc_id(zeb_mc_t *mc)
+static int32_t get_new_mc_id(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
 {
     int32_t *cursor = Kind::cursor(mc);
     wrap_cursor<Kind>(cursor);
@@ -132,27 +127,37 @@ static int32_t get_new_mc_id(zeb_mc_t *mc)
     return (*cursor)++;
 }
 
+static int32_t zeb_get_new_app_mc_id(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
+{
+    return get_new_mc_id<app_kind>(mc);
+}
+
+static int32_t zeb_get_new_node_mc_id(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
+{
+    return get_new_mc_id<node_kind>(mc);
+}
+
 template <typename Kind>
-static int create_group(uint32_t src_app)
+static int create_group(uint32_t src_app, int32_t (*get_new_id)(zeb_mc_t *mc))
 {
     typedef typename Kind::group_t group_t;
-    zeb_app_info_t *owner = get_owner(src_app);
-    if (owner == nullptr)
+    zeb_mc_t *mc = get_mc(src_app);
+    if (mc == nullptr)
         return -ENOENT;
     int32_t mc_id = 0;
     {
-        zeb_scoped_lock lock(&owner->mutex);
-        if (*Kind::count(&owner->mc) >= ZEB_MC_NUM) {
+        zeb_scoped_lock lock(mc->mutex);
+        if (*Kind::count(mc) >= ZEB_MC_NUM) {
             ZEB_ERROR("ZEB app %d %s-private-mcast creation reach to %d.\n", src_app, Kind::name, ZEB_MC_NUM);
             return -ENOBUFS;
         }
         group_t *group = (group_t *)zeb_malloc(sizeof(group_t));
         for (uint32_t &mbr : group->mbr)
             mbr = Kind::empty;
-        mc_id = get_new_mc_id<Kind>(&owner->mc);
+        mc_id = get_new_id(mc);
         group->mc_id = mc_id;
-        list_index_append(Kind::groups(&owner->mc), Kind::index(&owner->mc), group, (uint32_t)mc_id);
-        (*Kind::count(&owner->mc))++;
+        indexed_list_append(Kind::groups(mc), group, (uint32_t)mc_id);
+        (*Kind::count(mc))++;
     }
     ZEB_VERBOSE("ZEB app %d create %s-private-mcast 0x%x.\n", src_app, Kind::name, (unsigned)mc_id);
     return mc_id;
@@ -169,13 +174,13 @@ static void clear_member(typename Kind::group_t *group, uint32_t member)
 
 // A member that is there already moves to the first empty place, so adding it never fails on a full group.
 template <typename Kind>
-static int add_member(uint32_t src_app, uint32_t mc_id, uint32_t member)
+static int add_member(group_id_t id, uint32_t member)
 {
-    zeb_app_info_t *owner = get_owner(src_app);
-    if (owner == nullptr)
+    zeb_mc_t *mc = get_mc(id.owner);
+    if (mc == nullptr)
         return -ENOENT;
-    zeb_scoped_lock lock(&owner->mutex);
-    typename Kind::group_t *group = get_group<Kind>(owner, mc_id);
+    zeb_scoped_lock lock(mc->mutex);
+    typename Kind::group_t *group = get_group<Kind>(mc, id.mc_id);
     if (group == nullptr)
         return -ENOENT;
     clear_member<Kind>(group, member);
@@ -185,56 +190,56 @@ static int add_member(uint32_t src_app, uint32_t mc_id, uint32_t member)
             return 0;
         }
     }
-    ZEB_ERROR("ZEB app %d %s-private-mcast 0x%x member reach to %d.\n", src_app, Kind::name, mc_id, Kind::places);
+    ZEB_ERROR("ZEB app %d %s-private-mcast 0x%x member reach to %d.\n", id.owner, Kind::name, id.mc_id, Kind::places);
     return -ENOBUFS;
 }
 
 template <typename Kind>
-static void del_member(uint32_t src_app, uint32_t mc_id, uint32_t member)
+static void del_member(group_id_t id, uint32_t member)
 {
-    zeb_app_info_t *owner = get_owner(src_app);
-    if (owner == nullptr)
+    zeb_mc_t *mc = get_mc(id.owner);
+    if (mc == nullptr)
         return;
-    zeb_scoped_lock lock(&owner->mutex);
-    typename Kind::group_t *group = get_group<Kind>(owner, mc_id);
+    zeb_scoped_lock lock(mc->mutex);
+    typename Kind::group_t *group = get_group<Kind>(mc, id.mc_id);
     if (group != nullptr)
         clear_member<Kind>(group, member);
 }
 
 template <typename Kind>
-static void destroy_group(uint32_t src_app, uint32_t mc_id)
+static void destroy_group(group_id_t id)
 {
-    zeb_app_info_t *owner = get_owner(src_app);
-    if (owner == nullptr)
+    zeb_mc_t *mc = get_mc(id.owner);
+    if (mc == nullptr)
         return;
-    zeb_scoped_lock lock(&owner->mutex);
-    typename Kind::group_t *group = get_group<Kind>(owner, mc_id);
+    zeb_scoped_lock lock(mc->mutex);
+    typename Kind::group_t *group = get_group<Kind>(mc, id.mc_id);
     if (group == nullptr)
         return;
-    list_index_remove(Kind::index(&owner->mc), group);
+    indexed_list_remove(Kind::groups(mc), group);
     free(group);
-    (*Kind::count(&owner->mc))--;
+    (*Kind::count(mc))--;
 }
 
 template <typename Kind>
-static void get_members(uint32_t src_app, uint32_t mc_id, typename Kind::group_t *out)
+static void get_members(group_id_t id, typename Kind::group_t *out)
 {
-    zeb_app_info_t *owner = get_owner(src_app);
-    if (owner == nullptr)
+    zeb_mc_t *mc = get_mc(id.owner);
+    if (mc == nullptr)
         return;
-    zeb_scoped_lock lock(&owner->mutex);
-    const typename Kind::group_t *group = find_group<Kind>(&owner->mc, mc_id);
+    zeb_scoped_lock lock(mc->mutex);
+    const typename Kind::group_t *group = find_group<Kind>(mc, id.mc_id);
     if (group != nullptr)
         *out = *group;
     else
-        ZEB_ERROR("ZEB app %d does not create %s-private-mcast %d.\n", src_app, Kind::name, mc_id);
+        ZEB_ERROR("ZEB app %d does not create %s-private-mcast %d.\n", id.owner, Kind::name, id.mc_id);
 }
 
 int zeb_create_app_mcast(uint32_t src_app)
 {
     if (zeb_in_child("zeb_create_app_mcast"))
         return -EPERM;
-    return create_group<app_kind>(src_app);
+    return create_group<app_kind>(src_app, zeb_get_new_app_mc_id);
 }
 
 int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
@@ -245,28 +250,28 @@ int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
         ZEB_ERROR("ZEB app ID %d invalid.\n", new_app);
         return -EINVAL;
     }
-    return add_member<app_kind>(src_app, mc_app, new_app);
+    return add_member<app_kind>({src_app, mc_app}, new_app);
 }
 
 void zeb_del_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t del_app)
 {
     if (zeb_in_child("zeb_del_app_mcast"))
         return;
-    del_member<app_kind>(src_app, mc_app, del_app);
+    del_member<app_kind>({src_app, mc_app}, del_app);
 }
 
 void zeb_destroy_app_mcast(uint32_t src_app, uint32_t mc_app)
 {
     if (zeb_in_child("zeb_destroy_app_mcast"))
         return;
-    destroy_group<app_kind>(src_app, mc_app);
+    destroy_group<app_kind>({src_app, mc_app});
 }
 
 int zeb_create_node_mcast(uint32_t src_app)
 {
     if (zeb_in_child("zeb_create_node_mcast"))
         return -EPERM;
-    return create_group<node_kind>(src_app);
+    return create_group<node_kind>(src_app, zeb_get_new_node_mc_id);
 }
 
 int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
@@ -277,33 +282,37 @@ int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
         ZEB_ERROR("ZEB node ID %d invalid.\n", new_node);
         return -EINVAL;
     }
-    return add_member<node_kind>(src_app, mc_node, new_node);
+    return add_member<node_kind>({src_app, mc_node}, new_node);
 }
 
 void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node)
 {
     if (zeb_in_child("zeb_del_node_mcast"))
         return;
-    del_member<node_kind>(src_app, mc_node, del_node);
+    del_member<node_kind>({src_app, mc_node}, del_node);
 }
 
 void zeb_destroy_node_mcast(uint32_t src_app, uint32_t mc_node)
 {
     if (zeb_in_child("zeb_destroy_node_mcast"))
         return;
-    destroy_group<node_kind>(src_app, mc_node);
+    destroy_group<node_kind>({src_app, mc_node});
 }
 
 void zeb_get_app_mc_mbr(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out)
 {
     memset(out, 0, sizeof(*out));
-    get_members<app_kind>(src_app, mc_app, out);
+    if (zeb_in_child("zeb_get_app_mc_mbr"))
+        return;
+    get_members<app_kind>({src_app, mc_app}, out);
 }
 
 void zeb_get_node_mc_mbr(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out)
 {
     memset(out, 0xFF, sizeof(*out));
-    get_members<node_kind>(src_app, mc_node, out);
+    if (zeb_in_child("zeb_get_node_mc_mbr"))
+        return;
+    get_members<node_kind>({src_app, mc_node}, out);
 }
 
 template <typename Kind>
@@ -320,7 +329,7 @@ static void print_group(const typename Kind::group_t *group)
 void zeb_cli_print_mc_info(zeb_mc_t *mc)
 {
     zeb_buf_printf("  Private application multicast number %d:\n", mc->app_mc_num);
-    list_each<zeb_app_mc_t>(&mc->app_mc_list, print_group<app_kind>);
+    indexed_list_each(&mc->app_mc_list, print_group<app_kind>);
     zeb_buf_printf("  Private node multicast number %d:\n", mc->node_mc_num);
-    list_each<zeb_node_mc_t>(&mc->node_mc_list, print_group<node_kind>);
+    indexed_list_each(&mc->node_mc_list, print_group<node_kind>);
 }

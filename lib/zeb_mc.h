@@ -6,46 +6,12 @@
 
 #include <cstdint>
 
-#include <zeb/zeb.h>
+#include <zeb/zeb_diag.h>
 
-#include "platform/list_index.h"
+#include "zeb_lock.h"
 
-constexpr int ZEB_MC_NUM = 128;         // groups of each kind
-constexpr int ZEB_APP_MC_MBR_NUM = 16;  // places of an application group
-constexpr int ZEB_NODE_MC_MBR_NUM = 64; // places of a node group
+constexpr int ZEB_MC_NUM = 128; // groups of each kind
 
-typedef struct zeb_mc_s {
-    int32_t app_mc_num;
-    int32_t node_mc_num;
-    int32_t cur_app_mc_id;         // next candidate id
-    int32_t cur_node_mc_id;        // next candidate id
-    struct list_head app_mc_list;  // zeb_app_mc_t, in creation order
-    struct list_head node_mc_list; // zeb_node_mc_t, in creation order
-    list_index_t app_mc_index;     // of app_mc_list, by id
-    list_index_t node_mc_index;    // of node_mc_list, by id
-} zeb_mc_t;
-
-typedef struct zeb_app_mc_s {
-    struct list_head list;
-    list_index_link_t index_link;
-    int32_t mc_id;
-    uint32_t mbr[ZEB_APP_MC_MBR_NUM]; // 0 is an empty place
-} zeb_app_mc_t;
-
-typedef struct zeb_node_mc_s {
-    struct list_head list;
-    list_index_link_t index_link;
-    int32_t mc_id;
-    uint32_t mbr[ZEB_NODE_MC_MBR_NUM]; // above 65535 is an empty place; node 0 is a member like any other
-} zeb_node_mc_t;
-
-void zeb_mc_init(zeb_mc_t *mc);
-
-// Copies of a group; every place empty when there is none.
-void zeb_get_app_mc_mbr(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out);
-void zeb_get_node_mc_mbr(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out);
-
-// Appends the groups to the print buffer; the caller holds the application record's mutex.
-extern "C" void zeb_cli_print_mc_info(zeb_mc_t *mc) __attribute__((visibility("default")));
+static_assert(sizeof(indexed_list<zeb_app_mc_t>) == sizeof(list_indexed_t), "the set is one record for C and C++");
 
 #endif

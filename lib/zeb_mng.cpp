@@ -29,10 +29,10 @@ static void zeb_lib_atexit()
 
 static bool init_running_cond()
 {
-    return zeb_cond_init(&g_zeb_mng.running_cond, [](zeb_cond_step_t step, int err) {
-               if (step == ZEB_COND_STEP_ATTR)
+    return zeb_cond_init(&g_zeb_mng.running_cond, [](zeb_init_step_t step, int err) {
+               if (step == ZEB_INIT_STEP_ATTR)
                    ZEB_ERROR("ZEB init running condition attribute failed: %s.\n", strerror(err));
-               else if (step == ZEB_COND_STEP_CLOCK)
+               else if (step == ZEB_INIT_STEP_CLOCK)
                    ZEB_ERROR("ZEB set running condition clock attribute failed: %s.\n", strerror(err));
                else
                    ZEB_ERROR("ZEB init running condition failed: %s.\n", strerror(err));
@@ -103,7 +103,7 @@ static int start_receive_thread()
     return 0;
 }
 
-static int init_lib() ZEB_REQUIRES(g_lib_mutex)
+static int zeb_init_lib() ZEB_REQUIRES(g_lib_mutex)
 {
     if (g_lib_inited)
         return 0;
@@ -143,7 +143,7 @@ int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatc
                     const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    int ret = init_lib();
+    int ret = zeb_init_lib();
     if (ret != 0) {
         ZEB_ERROR("ZEB init lib failed.\n");
         return ret;
@@ -169,6 +169,8 @@ int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatc
     if (slot->fc != nullptr && slot->rpc != nullptr && slot->info != nullptr && slot->mng_stat != nullptr &&
         __zeb_add_comm_app(app, app) == 0) {
         slot->sd = slot->info->sd;
+        slot->info->fc = slot->fc;
+        slot->mc = &slot->info->mc;
         slot->app_id.store(app, std::memory_order_release);
         return 0;
     }

@@ -90,11 +90,11 @@ static void check_online_app(report_t *report, zeb_ol_app_t *ol) ZEB_REQUIRES(g_
 }
 
 template <typename T>
-static bool indexed_list_is_whole(report_t *report, const indexed_list<T> *records, const char *name)
+static bool indexed_list_is_whole(report_t *report, const indexed_list<T> *records, const char *name, uint32_t app = 0)
 {
-    bool whole = list_is_whole(report, &records->list, name, 0);
+    bool whole = list_is_whole(report, &records->list, name, app);
     if (whole)
-        check_count(report, &records->list, indexed_list_num(records), name, 0);
+        check_count(report, &records->list, indexed_list_num(records), name, app);
     return whole;
 }
 
@@ -130,22 +130,20 @@ static void check_flow_ctrl(report_t *report, zeb_fc_t *fc)
 {
     zeb_scoped_lock lock(&fc->mutex);
     uint32_t app = fc->app_id;
-    if (!list_is_whole(report, &fc->send_list, "send_list", app) ||
-        !list_is_whole(report, &fc->recv_list, "recv_list", app))
+    if (!indexed_list_is_whole(report, &fc->send_list, "send_list", app) ||
+        !indexed_list_is_whole(report, &fc->recv_list, "recv_list", app))
         return;
-    check_count(report, &fc->send_list, fc->send_index.num, "send_list", app);
-    check_count(report, &fc->recv_list, fc->recv_index.num, "recv_list", app);
     uint32_t sent = 0;
     uint32_t sent_unack = 0;
     int blocked = 0;
-    list_each<zeb_send_app_fc_t>(&fc->send_list, [&](const zeb_send_app_fc_t *record) {
+    indexed_list_each(&fc->send_list, [&](const zeb_send_app_fc_t *record) {
         sent += record->send;
         sent_unack += (uint32_t)record->unack;
         blocked += zeb_fc_past_window(record->unack) ? 1 : 0;
     });
     uint32_t received = 0;
     uint32_t received_unack = 0;
-    list_each<zeb_recv_app_fc_t>(&fc->recv_list, [&](const zeb_recv_app_fc_t *record) {
+    indexed_list_each(&fc->recv_list, [&](const zeb_recv_app_fc_t *record) {
         received += record->recv;
         received_unack += (uint32_t)record->unack;
     });
@@ -164,17 +162,15 @@ static void check_mng_stat(report_t *report, zeb_mng_stat_t *stat)
 {
     zeb_scoped_lock lock(&stat->mutex);
     uint32_t app = stat->app_id;
-    if (!list_is_whole(report, &stat->send_list, "mng send_list", app) ||
-        !list_is_whole(report, &stat->recv_list, "mng recv_list", app))
+    if (!indexed_list_is_whole(report, &stat->send_list, "mng send_list", app) ||
+        !indexed_list_is_whole(report, &stat->recv_list, "mng recv_list", app))
         return;
-    check_count(report, &stat->send_list, stat->send_index.num, "mng send_list", app);
-    check_count(report, &stat->recv_list, stat->recv_index.num, "mng recv_list", app);
     uint32_t sent = 0;
-    list_each<zeb_send_mng_stat_t>(&stat->send_list, [&](const zeb_send_mng_stat_t *record) {
+    indexed_list_each(&stat->send_list, [&](const zeb_send_mng_stat_t *record) {
         sent += record->send_inst + record->send_inst_ack + record->send_inst_seq_ack;
     });
     uint32_t received = 0;
-    list_each<zeb_recv_mng_stat_t>(&stat->recv_list, [&](const zeb_recv_mng_stat_t *record) {
+    indexed_list_each(&stat->recv_list, [&](const zeb_recv_mng_stat_t *record) {
         received += record->recv_inst + record->recv_inst_ack + record->recv_inst_seq_ack;
     });
     expect(report, stat->total_send == sent, "%u: %u synchronisations sent in total, %u by peer\n", app,
@@ -199,26 +195,29 @@ static void check_call(report_t *report, uint32_t app, const zeb_rpc_wait_t *wai
 static void check_calls(report_t *report, zeb_app_rpc_wait_t *rpc)
 {
     zeb_scoped_lock lock(&rpc->mutex);
-    if (!list_is_whole(report, &rpc->wait_list, "wait_list", rpc->app_id))
+    if (!indexed_list_is_whole(report, &rpc->wait_list, "wait_list", rpc->app_id))
         return;
-    check_count(report, &rpc->wait_list, rpc->wait_index.num, "wait_list", rpc->app_id);
-    list_each<zeb_rpc_wait_t>(&rpc->wait_list,
-                              [&](const zeb_rpc_wait_t *wait) { check_call(report, rpc->app_id, wait); });
+    indexed_list_each(&rpc->wait_list, [&](const zeb_rpc_wait_t *wait) { check_call(report, rpc->app_id, wait); });
+}
+
+static void check_groups(report_t *report, zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
+{
+    if (indexed_list_is_whole(report, &mc->app_mc_list, "app_mc_list", mc->app_id))
+        expect(report, mc->app_mc_num == indexed_list_num(&mc->app_mc_list), "%u: counts %d application groups\n",
+               mc->app_id, mc->app_mc_num);
+    if (indexed_list_is_whole(report, &mc->node_mc_list, "node_mc_list", mc->app_id))
+        expect(report, mc->node_mc_num == indexed_list_num(&mc->node_mc_list), "%u: counts %d node groups\n",
+               mc->app_id, mc->node_mc_num);
 }
 
 static void check_app(report_t *report, zeb_app_info_t *info)
 {
-    zeb_scoped_lock lock(&info->mutex);
-    uint32_t app = info->app_id;
-    (void)list_is_whole(report, &info->msg_list, "msg_list", app);
-    if (list_is_whole(report, &info->mc.app_mc_list, "app_mc_list", app))
-        expect(report, info->mc.app_mc_num == list_length(&info->mc.app_mc_list), "%u: counts %d application groups\n",
-               app, info->mc.app_mc_num);
-    check_count(report, &info->mc.app_mc_list, info->mc.app_mc_index.num, "app_mc_list", app);
-    if (list_is_whole(report, &info->mc.node_mc_list, "node_mc_list", app))
-        expect(report, info->mc.node_mc_num == list_length(&info->mc.node_mc_list), "%u: counts %d node groups\n", app,
-               info->mc.node_mc_num);
-    check_count(report, &info->mc.node_mc_list, info->mc.node_mc_index.num, "node_mc_list", app);
+    {
+        zeb_scoped_lock lock(&info->mutex);
+        (void)list_is_whole(report, &info->msg_list, "msg_list", info->app_id);
+    }
+    zeb_scoped_lock lock(info->mc.mutex);
+    check_groups(report, &info->mc);
 }
 
 static void check_handshake(report_t *report)

@@ -1,7 +1,6 @@
-// What every message goes through on its way out: the sequence number and the one send primitive.
-// zeb_tipc_sendto is entered by any thread and takes no lock.
 #include "zeb_mng_msg.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -10,30 +9,29 @@
 #include <sys/socket.h>
 
 #include "platform/tipc_name.h"
-#include "zeb_app_info.h"
 #include "zeb_dbg.h"
 #include "zeb_tipc.h"
 
 // Guards the writing of the sequence number; nothing is taken under it.
 static zeb_mutex_t g_seq_mutex = {PTHREAD_MUTEX_INITIALIZER};
-static uint32_t s_seq;
+static std::atomic<uint32_t> s_seq;
 
 void zeb_init_seq()
 {
     zeb_scoped_lock lock(&g_seq_mutex);
     srand((unsigned)time(nullptr));
-    zeb_store_relaxed(&s_seq, (uint32_t)rand());
+    s_seq.store((uint32_t)rand(), std::memory_order_relaxed);
 }
 
 uint32_t zeb_get_seq()
 {
     {
         zeb_scoped_lock lock(&g_seq_mutex);
-        uint32_t seq = zeb_load_relaxed(&s_seq) + 1;
-        zeb_store_relaxed(&s_seq, seq == 0 ? 1 : seq);
+        uint32_t seq = s_seq.load(std::memory_order_relaxed) + 1;
+        s_seq.store(seq == 0 ? 1 : seq, std::memory_order_relaxed);
     }
     // Read again without the lock: two callers that race may see the same number, which is how it is meant to be.
-    return zeb_load_relaxed(&s_seq);
+    return s_seq.load(std::memory_order_relaxed);
 }
 
 static bool write_again(int err)
@@ -41,24 +39,19 @@ static bool write_again(int err)
     return err == EINTR || err == ENOMEM || err == ENOBUFS;
 }
 
-int zeb_tipc_sendto(uint32_t src_app, zeb_msg_t *msg, uint32_t dst_app, uint32_t dst_node, int flags)
+int zeb_tipc_write(const zeb_app_mng_t *slot, zeb_msg_t *msg, zeb_inst_t dst, int flags)
 {
-    int sd = zeb_get_app_sd(src_app);
-    if (sd < 0) {
-        ZEB_ERROR("ZEB app %d socket descriptor invalid.\n", src_app);
-        return -EINVAL;
-    }
-    struct sockaddr_tipc addr =
-        tipc_name(ZEB_TIPC_NAME_TYPE, zeb_tipc_instance({dst_app, dst_node}), TIPC_CLUSTER_SCOPE);
+    uint32_t src_app = slot->app_id.load(std::memory_order_relaxed);
+    struct sockaddr_tipc addr = tipc_name(ZEB_TIPC_NAME_TYPE, zeb_tipc_instance(dst), TIPC_CLUSTER_SCOPE);
     int send_flags = MSG_NOSIGNAL | ((flags & ZEB_SEND_NOWAIT) != 0 ? MSG_DONTWAIT : 0);
     uint32_t len = msg->hdr.len;
     zeb_convert_to_network(msg);
-    ZEB_VERBOSE("ZEB app %d sent to %d/%d, msg len %d.\n", src_app, dst_app, dst_node, len);
+    ZEB_VERBOSE("ZEB app %d sent to %d/%d, msg len %d.\n", src_app, dst.app, dst.node, len);
 
     ssize_t sent = 0;
     int err = 0;
     do {
-        sent = sendto(sd, &msg->hdr, len, send_flags, (struct sockaddr *)&addr, sizeof(addr));
+        sent = sendto(slot->sd, &msg->hdr, len, send_flags, (struct sockaddr *)&addr, sizeof(addr));
         if (sent == (ssize_t)len) {
             zeb_convert_to_host(msg);
             return 0;
@@ -68,9 +61,18 @@ int zeb_tipc_sendto(uint32_t src_app, zeb_msg_t *msg, uint32_t dst_app, uint32_t
     } while (sent < 0 && write_again(err));
 
     zeb_convert_to_host(msg);
-    ZEB_WARN("ZEB app %d sent to %d/%d failed: %s, msg len %d, sent %d.\n", src_app, dst_app, dst_node, strerror(err),
+    ZEB_WARN("ZEB app %d sent to %d/%d failed: %s, msg len %d, sent %d.\n", src_app, dst.app, dst.node, strerror(err),
              len, (int)sent);
     return -1;
+}
+
+int zeb_tipc_sendto(uint32_t src_app, zeb_msg_t *msg, zeb_inst_t dst, int flags)
+{
+    const zeb_app_mng_t *slot = zeb_get_app_mng(src_app);
+    if (slot != nullptr)
+        return zeb_tipc_write(slot, msg, dst, flags);
+    ZEB_ERROR("ZEB app %d socket descriptor invalid.\n", src_app);
+    return -EINVAL;
 }
 
 zeb_msg_t *zeb_new_lib_msg(uint32_t size, uint8_t flag, uint32_t src_app, zeb_inst_t dst)

@@ -1,223 +1,40 @@
-// Management messages: what the library sends on the management channel, and what it does with what it receives there.
-// Handlers run on the receive thread at once, so a ping is answered and an acknowledgement wakes blocked senders
-// without waiting for an application's queue. Senders run wherever flow control needs them and take no lock.
-#include "zeb_mng_msg.h"
+#include "zeb_mng_msg_mng.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <unistd.h>
-
-#include "platform/gvr.h"
-#include "zeb_app_info.h"
-#include "zeb_cfg.h"
 #include "zeb_dbg.h"
-#include "zeb_dm.h"
-#include "zeb_flow_ctrl.h"
-#include "zeb_rpc.h"
+#include "zeb_mng_msg.h"
+#include "zeb_msg_guard.h"
 #include "zeb_wire.h"
 
-constexpr uint16_t PROC_NUM_ACK_LEN = 4;
-constexpr unsigned RELOAD_GRACE = 2; // seconds between the notice and the abort
-
-// Debug switch, in the sender's byte order.
-typedef struct zeb_msg_dbg_cmd_s {
-    int32_t level;  // zeb_dbg_level_t
-    int32_t dbg_on; // non-zero: on
-} zeb_msg_dbg_cmd_t;
-
-// Answer to an information request, in the sender's byte order.
-typedef struct zeb_msg_app_info_s {
-    uint32_t app_id;
-    int32_t pid;
-    uint32_t dbg_value; // the debug mask
-} zeb_msg_app_info_t;
-
-static_assert(sizeof(zeb_msg_dbg_cmd_t) == 8 && sizeof(zeb_msg_app_info_t) == 12, "bodies as they travel");
-
 // Sends one element to one instance.
-static int send_element(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_type_t type, const void *value,
-                        uint16_t len)
+static int send_element(uint32_t src_app, zeb_inst_t dst, zeb_msg_type_t type, const void *value, uint16_t len)
 {
-    zeb_msg_t *msg = zeb_new_lib_msg(TLV_SPACE(len), ZEB_MSG_FLAG_MNG, src_app, {dst_app, dst_node});
+    zeb_msg_guard_t msg(zeb_new_lib_msg(TLV_SPACE(len), ZEB_MSG_FLAG_MNG, src_app, dst));
     (void)TLV_SET(msg->data, (uint16_t)type, value, len);
-    int ret = zeb_tipc_sendto(src_app, msg, dst_app, dst_node, 0);
-    free(msg);
-    return ret;
+    return zeb_tipc_sendto(src_app, msg.get(), dst, 0);
 }
 
-int zeb_send_fc_ack(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, uint32_t ack_num)
+int zeb_send_fc_ack(uint32_t src_app, zeb_inst_t dst, uint32_t ack_num)
 {
-    ZEB_VERBOSE("ZEB app %d send msg ack num %d to %d/%d.\n", src_app, ack_num, dst_app, dst_node);
-    uint8_t value[PROC_NUM_ACK_LEN];
+    ZEB_VERBOSE("ZEB app %d send msg ack num %d to %d/%d.\n", src_app, ack_num, dst.app, dst.node);
+    uint8_t value[ZEB_PROC_NUM_ACK_LEN];
     zeb_wire_put_u32(value, ack_num);
-    return send_element(src_app, dst_node, dst_app, ZEB_MSG_PROC_NUM_ACK, value, sizeof(value));
+    return send_element(src_app, dst, ZEB_MSG_PROC_NUM_ACK, value, sizeof(value));
 }
 
-int zeb_send_fc_ping(uint32_t src_app, uint32_t dst_node, uint32_t dst_app)
+int zeb_send_fc_ping(uint32_t src_app, zeb_inst_t dst)
 {
-    ZEB_VERBOSE("ZEB app %d ping to %d/%d.\n", src_app, dst_app, dst_node);
-    return send_element(src_app, dst_node, dst_app, ZEB_MSG_PING, nullptr, 0);
+    ZEB_VERBOSE("ZEB app %d ping to %d/%d.\n", src_app, dst.app, dst.node);
+    return send_element(src_app, dst, ZEB_MSG_PING, nullptr, 0);
 }
 
-int zeb_send_fc_ping_echo(uint32_t src_app, uint32_t dst_node, uint32_t dst_app)
+int zeb_send_fc_ping_echo(uint32_t src_app, zeb_inst_t dst)
 {
-    ZEB_VERBOSE("ZEB app %d ping echo to %d/%d.\n", src_app, dst_app, dst_node);
-    return send_element(src_app, dst_node, dst_app, ZEB_MSG_PING_ECHO, nullptr, 0);
+    ZEB_VERBOSE("ZEB app %d ping echo to %d/%d.\n", src_app, dst.app, dst.node);
+    return send_element(src_app, dst, ZEB_MSG_PING_ECHO, nullptr, 0);
 }
 
-int zeb_send_fc_reload(uint32_t src_app, uint32_t dst_node, uint32_t dst_app)
+int zeb_send_fc_reload(uint32_t src_app, zeb_inst_t dst)
 {
-    ZEB_VERBOSE("ZEB app %d try to reload %d/%d.\n", src_app, dst_app, dst_node);
-    return send_element(src_app, dst_node, dst_app, ZEB_MSG_RELOAD, nullptr, 0);
-}
-
-static void zeb_recv_proc_num_ack(uint32_t my_app, uint32_t src_node, uint32_t src_app, const uint8_t *value)
-{
-    uint32_t ack_num = zeb_wire_get_u32(value);
-    ZEB_VERBOSE("ZEB recv ack num %d for %d from %d/%d.\n", ack_num, my_app, src_app, src_node);
-    zeb_fc_update_sent_ack(my_app, src_app, src_node, ack_num);
-}
-
-static void zeb_recv_dbg_cmd(const uint8_t *value)
-{
-    zeb_msg_dbg_cmd_t cmd;
-    memcpy(&cmd, value, sizeof(cmd));
-    zeb_dbg_update_level(cmd.dbg_on != 0, cmd.level);
-}
-
-static void zeb_recv_get_app_info_request(const zeb_msg_t *msg, uint32_t my_app)
-{
-    ZEB_VERBOSE("ZEB recv get app %d info request.\n", my_app);
-    zeb_msg_app_info_t info = {my_app, (int32_t)getpid(), zeb_load_relaxed(&g_zeb_dbg_level)};
-    zeb_msg_t *reply_msg = zeb_msg_alloc((int)TLV_SPACE(sizeof(info)), 1, 0);
-    assert(reply_msg != NULL);
-    (void)TLV_SET(reply_msg->data, ZEB_MSG_APP_INFO, &info, sizeof(info));
-    int ret = zeb_rpc_reply(msg, reply_msg, 0);
-    if (ret != 0)
-        ZEB_ERROR("ZEB app %d reply app info failed: %s.\n", my_app, strerror(-ret));
-    free(reply_msg);
-}
-
-static void zeb_recv_get_app_stat_request(const zeb_msg_t *msg, uint32_t my_app)
-{
-    ZEB_VERBOSE("ZEB recv get app %d statistics request.\n", my_app);
-    zeb_buf_printf_reset();
-    zeb_cli_print_lib_info(my_app);
-    zeb_cli_print_app_info(my_app);
-    zeb_cli_print_fc_stat(my_app);
-    zeb_cli_print_mng_stat(my_app);
-    zeb_cli_print_rpc_stat(my_app);
-    int ret = zeb_buf_printf_reply(msg);
-    if (ret != 0)
-        ZEB_ERROR("ZEB app %d reply app statistics failed: %s.\n", my_app, strerror(-ret));
-}
-
-// A blocked sender asks this process to end itself so that it is started anew.
-static void zeb_reload_process(uint32_t src_app, uint32_t src_node, uint32_t my_app)
-{
-    if (!zeb_blocked_resume_enabled())
-        return;
-    ZEB_ERROR("ZEB app %d abort the process requested by %d/%d.\n", my_app, src_app, src_node);
-    zeb_dm_close_files();
-    char notice[200];
-    (void)snprintf(notice, sizeof(notice), "app:%d abort the process requested by %d/%d.\n", (int)my_app, (int)src_app,
-                   (int)src_node);
-    (void)protect_selfhealing_do_action(GVR_INNER_ACT, getpid(), "ZEB", notice);
-    protect_selfhealing_flush_buf_in_emergency();
-    (void)sleep(RELOAD_GRACE);
-    (void)protect_selfhealing_do_action(GVR_KILL_PROCESS_ACT, getpid(), "ZEB", notice);
-}
-
-// A message to the management daemon in its own process: it sees requests whole, in its own dispatcher.
-static void zeb_mng_dispatch_zebd_msg(zeb_msg_t *msg)
-{
-    if (zeb_is_rpc_reply(msg)) {
-        if (zeb_rpc_add_reply(msg) != 0)
-            free(msg);
-        return;
-    }
-    static const zeb_app_info_t *s_app_info; // found once; the record stays until the process ends
-    static zeb_mismatch_info_t s_range;
-    if (s_app_info == nullptr) {
-        const zeb_app_info_t *app_info = zeb_get_app_info(ZEBD_APP_ID);
-        if (app_info == nullptr) { // a peer may address the daemon in a process that is none
-            ZEB_ERROR("ZEB app %d does not registered.\n", ZEBD_APP_ID);
-            free(msg);
-            return;
-        }
-        s_range = zeb_get_app_ver_range(app_info);
-        s_app_info = app_info;
-    }
-    zeb_msg_dispatcher_fun_t fun = zeb_get_dispatch_fun(s_app_info, msg->hdr.app_ver);
-    if (fun != nullptr) {
-        (void)fun(msg);
-        return;
-    }
-    ZEB_ERROR("ZEB get ZEBD version %d dispatcher failed.\n", msg->hdr.app_ver);
-    if (zeb_is_rpc_request(msg))
-        (void)zeb_rpc_reply_app_mismatch(msg, &s_range);
-    free(msg);
-}
-
-// Handles one element. False when its value is shorter than its record.
-static bool process_mng_item(const zeb_msg_t *msg, const zeb_tlv_item_t *item)
-{
-    uint32_t my_app = msg->hdr.dst_app;
-    uint32_t src_app = msg->hdr.src_app;
-    uint32_t src_node = msg->hdr.src_node;
-    switch (item->type) {
-    case ZEB_MSG_PROC_NUM_ACK:
-        if (item->len < PROC_NUM_ACK_LEN)
-            return false;
-        zeb_recv_proc_num_ack(my_app, src_node, src_app, item->value);
-        return true;
-    case ZEB_MSG_DBG_CMD:
-        if (item->len < sizeof(zeb_msg_dbg_cmd_t))
-            return false;
-        zeb_recv_dbg_cmd(item->value);
-        return true;
-    case ZEB_MSG_APP_INFO:
-        zeb_recv_get_app_info_request(msg, my_app);
-        return true;
-    case ZEB_MSG_APP_STAT:
-        zeb_recv_get_app_stat_request(msg, my_app);
-        return true;
-    case ZEB_MSG_PING:
-        zeb_fc_ping_request(src_app, src_node, my_app);
-        return true;
-    case ZEB_MSG_PING_ECHO:
-        zeb_fc_ping_echo(src_app, src_node, my_app);
-        return true;
-    case ZEB_MSG_RELOAD:
-        zeb_reload_process(src_app, src_node, my_app);
-        return true;
-    default:
-        ZEB_WARN("ZEB app %d recv unexpected data type %d from %d/%d.\n", my_app, item->type, src_app, src_node);
-        return true;
-    }
-}
-
-void zeb_mng_msg_process(zeb_msg_t *msg)
-{
-    const zeb_msg_hdr_t *hdr = &msg->hdr;
-    if (hdr->dst_app == ZEBD_APP_ID) {
-        zeb_mng_dispatch_zebd_msg(msg);
-        return;
-    }
-    struct tlv_list_desc cursor = zeb_tlv_body(msg);
-    zeb_tlv_item_t item;
-    zeb_tlv_step_t step = zeb_tlv_next(&cursor, &item);
-    for (; step == ZEB_TLV_ITEM; step = zeb_tlv_next(&cursor, &item)) {
-        ZEB_VERBOSE("ZEB app %d recv mgmt msg from %d/%d, data len %d, type %s.\n", hdr->dst_app, hdr->src_app,
-                    hdr->src_node, item.len, zeb_msg_type_string(item.type));
-        if (!process_mng_item(msg, &item)) {
-            step = ZEB_TLV_INVALID;
-            break;
-        }
-    }
-    if (step == ZEB_TLV_INVALID)
-        ZEB_ERROR("ZEB recv invalid TLV section for %d from %d/%d .\n", hdr->dst_app, hdr->src_app, hdr->src_node);
-    free(msg);
+    ZEB_VERBOSE("ZEB app %d try to reload %d/%d.\n", src_app, dst.app, dst.node);
+    return send_element(src_app, dst, ZEB_MSG_RELOAD, nullptr, 0);
 }

@@ -1,17 +1,20 @@
-// Listings of the manager's state into the print buffer, for the monitor timer and management requests. Run on the
-// receive thread, under g_lib_mutex.
+// Listings of the manager's state and of the applications' records into the print buffer, for the monitor timer and
+// management requests, and the answer to these. Run on the receive thread, under the lock of what is listed.
+#include <cerrno>
+
 #include <zeb/zeb_diag.h>
 
 #include "platform/list_algo.h"
+#include "zeb_app_info.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_handshake_shell.h"
+#include "zeb_rpc.h"
 #include "zeb_slot.h"
 
-// Prints a title and, for each online application, the nodes of one of its sets.
-static void print_sets(const char *title, const char *what, zeb_app_set_t zeb_ol_app_t::*set) ZEB_REQUIRES(g_lib_mutex)
+// Prints for each online application, the nodes of one of its sets.
+static void print_sets(const char *what, zeb_app_set_t zeb_ol_app_t::*set) ZEB_REQUIRES(g_lib_mutex)
 {
-    zeb_buf_printf("%s", title);
     indexed_list_each(&g_zeb_handshake.ol_app, [&](zeb_ol_app_t *ol) {
         zeb_buf_printf("    Application %d %s on nodes:", ol->app_id, what);
         zeb_app_set_each(&(ol->*set), [](uint32_t node) { zeb_buf_printf(" %d", node); });
@@ -53,11 +56,15 @@ void zeb_cli_print_lib_info(uint32_t app)
     zeb_each_app_mng([](const zeb_app_mng_t *slot) { zeb_buf_printf(" %d", slot->app_id.load()); });
     zeb_buf_printf("\n");
 
-    print_sets("  Online application servers:\n", "server", &zeb_ol_app_t::srv_bmp);
+    zeb_buf_printf("  Online application servers:\n");
+    print_sets("server", &zeb_ol_app_t::srv_bmp);
     print_subscribers();
-    print_sets("  Online application instances:\n", "instance", &zeb_ol_app_t::inst_bmp);
-    print_sets("  Online application instances acked:\n", "instance acked", &zeb_ol_app_t::inst_ack_bmp);
-    print_sets("  Online application instances online:\n", "instance online", &zeb_ol_app_t::ol_bmp);
+    zeb_buf_printf("  Online application instances:\n");
+    print_sets("instance", &zeb_ol_app_t::inst_bmp);
+    zeb_buf_printf("  Online application instances acked:\n");
+    print_sets("instance acked", &zeb_ol_app_t::inst_ack_bmp);
+    zeb_buf_printf("  Online application instances online:\n");
+    print_sets("instance online", &zeb_ol_app_t::ol_bmp);
 
     print_pending<zeb_pending_sync_t>("  Unack instance sync(src_app/seq->dst_app/dst_node):\n   ",
                                       &g_zeb_handshake.inst_sync.list, [](const zeb_pending_sync_t *pending) {
@@ -89,4 +96,37 @@ void zeb_cli_print_app_comm(uint32_t src_app)
         });
     });
     zeb_buf_printf("\n");
+}
+
+void zeb_cli_print_app_info(uint32_t app)
+{
+    if (zeb_in_child("zeb_cli_print_app_info"))
+        return;
+    zeb_app_info_t *app_info = zeb_get_app_info(app);
+    if (app_info == nullptr)
+        return;
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        zeb_buf_printf("Application %d/%d [%s] information:\n", app, zeb_get_my_node_id(), app_info->name);
+        zeb_buf_printf("  Proxy thread 0x%x, socket %d, priority %d\n", (unsigned)app_info->tid, app_info->sd,
+                       app_info->priority);
+        zeb_buf_printf("  Callback functions: event %p, message dispatchers:\n  ", (void *)app_info->event_fun);
+        for (const zeb_msg_dispatcher_t *row = app_info->dispatcher; row->ver != 0; row++)
+            zeb_buf_printf("  version %d %p", row->ver, (void *)row->fun);
+        zeb_buf_printf("\n");
+    }
+    zeb_cli_print_app_comm(app);
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        zeb_buf_printf("  Unprocessed message number %d\n\n", list_length(&app_info->msg_list));
+    }
+    zeb_scoped_lock lock(app_info->mc.mutex);
+    zeb_cli_print_mc_info(&app_info->mc);
+}
+
+int zeb_buf_printf_reply(const zeb_msg_t *request)
+{
+    if (zeb_in_child("zeb_rpc_reply"))
+        return -EPERM;
+    return zeb_rpc_answer(request, g_print_msg, 0);
 }

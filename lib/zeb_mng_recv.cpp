@@ -17,7 +17,7 @@
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
 #include "zeb_handshake_shell.h"
-#include "zeb_mng_msg.h"
+#include "zeb_mng_recv_mng.h"
 #include "zeb_mng_topology.h"
 #include "zeb_rpc.h"
 #include "zeb_slot.h"
@@ -94,17 +94,16 @@ static void returned_sync(zeb_msg_t *msg, uint32_t returned_len)
 // Tells the area that sent it that a message came back.
 static void settle_returned(uint32_t app, zeb_msg_t *msg, uint32_t returned_len)
 {
-    uint32_t peer_app = msg->hdr.dst_app;
-    uint32_t peer_node = msg->hdr.dst_node;
+    zeb_inst_t peer = zeb_msg_receiver(msg);
     if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
         returned_sync(msg, returned_len);
-        zeb_mng_stat_update_recv_reject(peer_app, peer_node, app);
+        zeb_mng_stat_update_recv_reject(app, peer);
         return;
     }
     if (app == ZEBD_APP_ID)
-        (void)zeb_terminate_rpc(app, peer_app, peer_node);
+        (void)zeb_terminate_rpc(app, peer);
     else
-        zeb_fc_update_recv_retdata(peer_app, peer_node, app);
+        zeb_fc_update_recv_retdata(app, peer);
 }
 
 void zeb_process_tipc_retdata(uint32_t app, struct cmsghdr *item)
@@ -204,7 +203,7 @@ void zeb_socket_recv_drop_msg(zeb_msg_t *msg)
     ZEB_VERBOSE("ZEB app %d recv msg from %d/%d had already quit.\n", msg->hdr.dst_app, msg->hdr.src_app,
                 msg->hdr.src_node);
     if (zeb_user_app_msg(msg))
-        zeb_fc_update_recv_drop(msg->hdr.src_app, msg->hdr.src_node, msg->hdr.dst_app, 1);
+        zeb_fc_update_recv_drop(msg->hdr.dst_app, zeb_msg_sender(msg), 1);
     if (zeb_is_rpc_request(msg))
         (void)zeb_rpc_reply_error(msg, ZEB_APP_UNAVAIL);
     free(msg);
@@ -242,8 +241,7 @@ static void queue_streamed(zeb_app_info_t *app_info, zeb_msg_t *msg)
 // Hands a message to the area that takes it. True when it was queued without waking its proxy thread.
 static bool route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
-    uint32_t src_app = msg->hdr.src_app;
-    uint32_t src_node = msg->hdr.src_node;
+    zeb_inst_t src = zeb_msg_sender(msg);
     bool streamed = is_streamed(app_info, msg);
     if (!streamed)
         signal_queued();
@@ -251,17 +249,17 @@ static bool route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
         zeb_sync_msg_process(msg);
         return false;
     }
-    if (!zeb_valid_app_id(src_app) || !zeb_valid_node_id(src_node)) {
+    if (!zeb_valid_inst(src)) {
         refuse_sender(msg, app_info->app_id);
         return false;
     }
-    zeb_inst_state_t sender = zeb_get_inst_state({src_app, src_node});
-    if (app_info->app_id != ZEBD_APP_ID && src_app != ZEBD_APP_ID && !sender.instance) {
+    zeb_inst_state_t sender = zeb_get_inst_state(src);
+    if (app_info->app_id != ZEBD_APP_ID && src.app != ZEBD_APP_ID && !sender.instance) {
         zeb_socket_recv_drop_msg(msg);
         return false;
     }
     if (!sender.online) // the application is notified of the sender before it sees the message
-        zeb_notify_app_join(msg->hdr.dst_app, {src_app, src_node});
+        zeb_notify_app_join(msg->hdr.dst_app, src);
     if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0) {
         zeb_mng_msg_process(msg);
         return false;

@@ -11,25 +11,25 @@
 
 // Calls visit(instance) for each instance of the range, ascending; a range up to the highest number ends as well.
 template <typename Visit>
-static void each_instance(uint32_t lower, uint32_t upper, Visit visit)
+static void each_instance(const struct tipc_event *event, Visit visit)
 {
-    for (uint64_t i = lower; i <= upper; i++)
+    for (uint64_t i = event->found_lower; i <= event->found_upper; i++)
         visit(zeb_inst_t{(uint32_t)(i >> 16), (uint32_t)(i & 0xFFFF)});
 }
 
-static void instances_published(uint32_t lower, uint32_t upper)
+static void instances_published(const struct tipc_event *event)
 {
-    ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] join.\n", lower, upper);
-    each_instance(lower, upper, [](zeb_inst_t inst) {
+    ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] join.\n", event->found_lower, event->found_upper);
+    each_instance(event, [](zeb_inst_t inst) {
         ZEB_WARN("ZEB perceived app %d/%d join.\n", inst.app, inst.node);
         zeb_inst_published(inst);
     });
 }
 
-static void instances_withdrawn(uint32_t lower, uint32_t upper)
+static void instances_withdrawn(const struct tipc_event *event)
 {
-    ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] quit.\n", lower, upper);
-    each_instance(lower, upper, [](zeb_inst_t inst) {
+    ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] quit.\n", event->found_lower, event->found_upper);
+    each_instance(event, [](zeb_inst_t inst) {
         ZEB_WARN("ZEB perceived app %d/%d quit.\n", inst.app, inst.node);
         zeb_inst_withdrawn(inst);
     });
@@ -54,10 +54,10 @@ void zeb_process_tipc_subscr_event(struct tipc_event event)
     clip_to_subscription(&event);
     switch (event.event) {
     case TIPC_PUBLISHED:
-        instances_published(event.found_lower, event.found_upper);
+        instances_published(&event);
         return;
     case TIPC_WITHDRAWN:
-        instances_withdrawn(event.found_lower, event.found_upper);
+        instances_withdrawn(&event);
         return;
     case TIPC_SUBSCR_TIMEOUT:
         memcpy(&timer, event.s.usr_handle, sizeof(timer));

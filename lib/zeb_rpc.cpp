@@ -8,39 +8,38 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "platform/list_algo.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
-#include "zeb_inst.h"
-#include "zeb_slot.h"
+#include "zeb_flow_ctrl.h"
 #include "zeb_mng_msg.h"
+#include "zeb_msg_guard.h"
+
+static bool init_waiting(zeb_app_rpc_wait_t *rpc)
+{
+    uint32_t app = rpc->app_id;
+    return zeb_mutex_cond_init(&rpc->mutex, &rpc->wait_cond, [app](zeb_init_step_t step, int err) {
+        if (step == ZEB_INIT_STEP_MUTEX)
+            ZEB_ERROR("ZEB init app %d RPC wait mutex failed: %s.\n", app, strerror(err));
+        else if (step == ZEB_INIT_STEP_ATTR)
+            ZEB_ERROR("ZEB init app %d RPC wait condition attribute failed: %s.\n", app, strerror(err));
+        else if (step == ZEB_INIT_STEP_CLOCK)
+            ZEB_ERROR("ZEB set app %d RPC wait condition clock attribute failed: %s.\n", app, strerror(err));
+        else
+            ZEB_ERROR("ZEB init app %d RPC wait condition failed: %s.\n", app, strerror(err));
+    });
+}
 
 zeb_app_rpc_wait_t *zeb_add_app_rpc_wait(uint32_t app)
 {
     ZEB_VERBOSE("ZEB add new app %d RPC wait mgmt.\n", app);
     zeb_app_rpc_wait_t *rpc = (zeb_app_rpc_wait_t *)zeb_malloc(sizeof(zeb_app_rpc_wait_t));
     rpc->app_id = app;
-    int ret = zeb_mutex_init(&rpc->mutex);
-    if (ret != 0) {
-        ZEB_ERROR("ZEB init app %d RPC wait mutex failed: %s.\n", app, strerror(ret));
-        free(rpc);
-        return nullptr;
-    }
-    ret = zeb_cond_init(&rpc->wait_cond, [app](zeb_cond_step_t step, int err) {
-        if (step == ZEB_COND_STEP_ATTR)
-            ZEB_ERROR("ZEB init app %d RPC wait condition attribute failed: %s.\n", app, strerror(err));
-        else if (step == ZEB_COND_STEP_CLOCK)
-            ZEB_ERROR("ZEB set app %d RPC wait condition clock attribute failed: %s.\n", app, strerror(err));
-        else
-            ZEB_ERROR("ZEB init app %d RPC wait condition failed: %s.\n", app, strerror(err));
-    });
-    if (ret != 0) {
-        zeb_mutex_destroy(&rpc->mutex);
+    if (!init_waiting(rpc)) {
         free(rpc);
         return nullptr;
     }
     zeb_scoped_lock lock(&rpc->mutex);
-    INIT_LIST_HEAD(&rpc->wait_list);
+    indexed_list_init(&rpc->wait_list);
     return rpc;
 }
 
@@ -51,34 +50,27 @@ void zeb_del_app_rpc_wait(zeb_app_rpc_wait_t *rpc)
     ZEB_VERBOSE("ZEB delete app %d RPC wait mgmt.\n", rpc->app_id);
     {
         zeb_scoped_lock lock(&rpc->mutex);
-        (void)list_remove_matching<zeb_rpc_wait_t>(&rpc->wait_list, [](const zeb_rpc_wait_t *) { return true; });
+        indexed_list_clear(&rpc->wait_list);
     }
     zeb_cond_destroy(&rpc->wait_cond);
     zeb_mutex_destroy(&rpc->mutex);
     free(rpc);
 }
 
-zeb_app_rpc_wait_t *zeb_get_app_rpc(uint32_t app)
-{
-    zeb_app_mng_t *slot = zeb_get_app_mng(app);
-    return slot == nullptr ? nullptr : slot->rpc;
-}
-
 static zeb_rpc_wait_t *__find_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq) ZEB_REQUIRES(rpc->mutex)
 {
-    return list_index_find<zeb_rpc_wait_t>(&rpc->wait_index, seq);
+    return indexed_list_find(&rpc->wait_list, seq);
 }
 
-zeb_rpc_wait_t *zeb_get_rpc_wait(uint32_t app, uint32_t seq)
+zeb_rpc_wait_t *zeb_get_rpc_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq)
 {
-    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     if (rpc == nullptr)
         return nullptr;
     zeb_scoped_lock lock(&rpc->mutex);
     return __find_wait(rpc, seq);
 }
 
-int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply_msg_t *reply)
+int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, zeb_reply_msg_t *reply, uint32_t timeout)
 {
     ZEB_VERBOSE("ZEB app %d seq %d RPC prepare wait.\n", app, seq);
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
@@ -95,62 +87,50 @@ int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply
 #ifdef ZEB_INVARIANTS
     wait->caller = gettid();
 #endif
-    list_index_append(&rpc->wait_list, &rpc->wait_index, wait, seq);
+    indexed_list_append(&rpc->wait_list, wait, seq);
     return 0;
 }
 
-// An instance as a place holds it.
-static uint32_t inst_code(uint32_t app, uint32_t node)
+// The instance that a place holds.
+static zeb_inst_t inst_of(uint32_t code)
 {
-    return zeb_tipc_instance({app, node});
+    return {code >> 16, code & 0xFFFF};
 }
 
-static uint32_t code_app(uint32_t code)
+int zeb_rpc_set_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t dst)
 {
-    return code >> 16;
-}
-
-static uint32_t code_node(uint32_t code)
-{
-    return code & 0xFFFF;
-}
-
-int zeb_rpc_set_wait(uint32_t app, uint32_t seq, uint32_t dst_app, uint32_t dst_node)
-{
-    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     assert(rpc != NULL);
     zeb_scoped_lock lock(&rpc->mutex);
     zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
     assert(wait != NULL);
+    uint32_t dst_node = dst.node;
     assert(zeb_valid_node_id(dst_node));
     if (wait->inst_num == ZEB_RPC_REPLY_NUM) {
         ZEB_ERROR("ZEB RPC wait reply num exceeds limit %d.\n", ZEB_RPC_REPLY_NUM);
         return -ENOBUFS;
     }
-    wait->wait_inst[wait->inst_num++] = inst_code(dst_app, dst_node);
+    wait->wait_inst[wait->inst_num++] = zeb_tipc_instance(dst);
     return 0;
 }
 
 static void __unlink_wait(zeb_app_rpc_wait_t *rpc, zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
 {
-    list_index_remove(&rpc->wait_index, wait);
+    indexed_list_remove(&rpc->wait_list, wait);
     free(wait);
 }
 
-void zeb_rpc_del_wait(uint32_t app, uint32_t seq)
+void zeb_rpc_del_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq)
 {
-    ZEB_VERBOSE("ZEB delete app %d seq %d RPC wait.\n", app, seq);
-    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     assert(rpc != NULL);
+    ZEB_VERBOSE("ZEB delete app %d seq %d RPC wait.\n", rpc->app_id, seq);
     zeb_scoped_lock lock(&rpc->mutex);
     zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
     assert(wait != NULL);
     __unlink_wait(rpc, wait);
 }
 
-int64_t zeb_rpc_wait_inst(uint32_t app, uint32_t seq, int index)
+int64_t zeb_rpc_wait_inst(zeb_app_rpc_wait_t *rpc, uint32_t seq, int index)
 {
-    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     if (rpc == nullptr)
         return -ENOENT;
     zeb_scoped_lock lock(&rpc->mutex);
@@ -159,9 +139,9 @@ int64_t zeb_rpc_wait_inst(uint32_t app, uint32_t seq, int index)
 }
 
 // Clears the first place that holds the instance. False when none does.
-static bool settle(zeb_rpc_wait_t *wait, uint32_t app, uint32_t node)
+static bool settle(zeb_rpc_wait_t *wait, zeb_inst_t src)
 {
-    uint32_t code = inst_code(app, node);
+    uint32_t code = zeb_tipc_instance(src);
     for (int i = 0; i < wait->inst_num; i++) {
         if (wait->wait_inst[i] == code) {
             wait->wait_inst[i] = 0;
@@ -187,12 +167,11 @@ static void file(zeb_rpc_wait_t *wait, zeb_msg_t *msg)
 }
 
 // Files a message without body in an instance's stead.
-static void file_substitute(zeb_rpc_wait_t *wait, uint32_t app, uint32_t src_app, uint32_t src_node,
-                            zeb_reply_stat_t status)
+static void file_substitute(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src, zeb_reply_stat_t status)
 {
     zeb_msg_t *reply_msg = zeb_msg_alloc(0, 1, 0);
     assert(reply_msg != NULL);
-    zeb_encode_msg_hdr(reply_msg, 0, src_app, src_node, app, (uint32_t)zeb_get_my_node_id(), wait->seq, status);
+    zeb_encode_msg_hdr(reply_msg, 0, src.app, src.node, app, (uint32_t)zeb_get_my_node_id(), wait->seq, status);
     file(wait, reply_msg);
 }
 
@@ -203,9 +182,10 @@ static void file_timeouts(zeb_rpc_wait_t *wait, uint32_t app)
         uint32_t code = wait->wait_inst[i];
         if (code == 0)
             continue;
-        ZEB_INFO("ZEB app %d seq %d wait for %d/%d timeout.\n", app, wait->seq, code_app(code), code_node(code));
+        zeb_inst_t inst = inst_of(code);
+        ZEB_INFO("ZEB app %d seq %d wait for %d/%d timeout.\n", app, wait->seq, inst.app, inst.node);
         wait->wait_inst[i] = 0;
-        file_substitute(wait, app, code_app(code), code_node(code), ZEB_TIMEOUT);
+        file_substitute(wait, app, inst, ZEB_TIMEOUT);
     }
 }
 
@@ -224,10 +204,10 @@ static int wait_all_replied(zeb_app_rpc_wait_t *rpc, const zeb_rpc_wait_t *wait)
     return ret;
 }
 
-int zeb_rpc_wait_reply(uint32_t app, uint32_t seq)
+int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq)
 {
-    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     assert(rpc != NULL);
+    uint32_t app = rpc->app_id;
     zeb_scoped_lock lock(&rpc->mutex);
     zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
     assert(wait != NULL);
@@ -247,21 +227,20 @@ int zeb_rpc_wait_reply(uint32_t app, uint32_t seq)
     return ret;
 }
 
-static bool settle_or_log(zeb_rpc_wait_t *wait, uint32_t app, uint32_t src_app, uint32_t src_node)
+static bool settle_or_log(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src)
 {
-    if (settle(wait, src_app, src_node))
+    if (settle(wait, src))
         return true;
-    ZEB_ERROR("ZEB app %d seq %d clear wait for app %d/%d not exist.\n", app, wait->seq, src_app, src_node);
+    ZEB_ERROR("ZEB app %d seq %d clear wait for app %d/%d not exist.\n", app, wait->seq, src.app, src.node);
     return false;
 }
 
 int zeb_rpc_add_reply(zeb_msg_t *msg)
 {
-    uint32_t src_app = msg->hdr.src_app;
-    uint32_t src_node = msg->hdr.src_node;
+    zeb_inst_t src = zeb_msg_sender(msg);
     uint32_t app = msg->hdr.dst_app;
     uint32_t seq = msg->hdr.seq;
-    ZEB_VERBOSE("ZEB add RPC reply for app %d seq %d from %d/%d status %s.\n", app, seq, src_app, src_node,
+    ZEB_VERBOSE("ZEB add RPC reply for app %d seq %d from %d/%d status %s.\n", app, seq, src.app, src.node,
                 zeb_reply_stat_string(msg->hdr.rpc_stat));
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     if (rpc == nullptr) {
@@ -272,24 +251,24 @@ int zeb_rpc_add_reply(zeb_msg_t *msg)
         zeb_scoped_lock lock(&rpc->mutex);
         zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
         if (wait == nullptr) {
-            ZEB_VERBOSE("ZEB app %d seq %d to %d/%d RPC wait not exist.\n", app, seq, src_app, src_node);
+            ZEB_VERBOSE("ZEB app %d seq %d to %d/%d RPC wait not exist.\n", app, seq, src.app, src.node);
             return -ENOENT;
         }
-        if (!settle_or_log(wait, app, src_app, src_node))
+        if (!settle_or_log(wait, app, src))
             return -ENOENT;
         file(wait, msg);
     }
-    ZEB_VERBOSE("ZEB app %d seq %d to %d/%d RPC replied.\n", app, seq, src_app, src_node);
+    ZEB_VERBOSE("ZEB app %d seq %d to %d/%d RPC replied.\n", app, seq, src.app, src.node);
     zeb_cond_broadcast(&rpc->wait_cond);
     return 0;
 }
 
-int zeb_rpc_add_error_reply(uint32_t app, uint32_t seq, uint32_t src_app, uint32_t src_node, zeb_reply_stat_t status)
+int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t src, zeb_reply_stat_t status)
 {
-    ZEB_WARN("ZEB add error reply for app %d seq %d from %d/%d status %s.\n", app, seq, src_app, src_node,
-             zeb_reply_stat_string(status));
-    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     assert(rpc != NULL);
+    uint32_t app = rpc->app_id;
+    ZEB_WARN("ZEB add error reply for app %d seq %d from %d/%d status %s.\n", app, seq, src.app, src.node,
+             zeb_reply_stat_string(status));
     {
         zeb_scoped_lock lock(&rpc->mutex);
         zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
@@ -297,26 +276,26 @@ int zeb_rpc_add_error_reply(uint32_t app, uint32_t seq, uint32_t src_app, uint32
             ZEB_VERBOSE("ZEB app %d seq %d RPC wait not exist.\n", app, seq);
             return -ENOENT;
         }
-        if (!settle_or_log(wait, app, src_app, src_node))
+        if (!settle_or_log(wait, app, src))
             return -ENOENT;
-        file_substitute(wait, app, src_app, src_node, status);
+        file_substitute(wait, app, src, status);
     }
     zeb_cond_broadcast(&rpc->wait_cond);
     return 0;
 }
 
-int zeb_terminate_rpc(uint32_t app, uint32_t src_app, uint32_t src_node)
+int zeb_terminate_rpc(uint32_t app, zeb_inst_t src)
 {
-    ZEB_VERBOSE("ZEB try to terminate app %d RPC to %d/%d.\n", app, src_app, src_node);
+    ZEB_VERBOSE("ZEB try to terminate app %d RPC to %d/%d.\n", app, src.app, src.node);
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     assert(rpc != NULL);
     {
         zeb_scoped_lock lock(&rpc->mutex);
-        list_each<zeb_rpc_wait_t>(&rpc->wait_list, [&](zeb_rpc_wait_t *wait) {
-            if (!settle(wait, src_app, src_node))
+        indexed_list_each(&rpc->wait_list, [&](zeb_rpc_wait_t *wait) {
+            if (!settle(wait, src))
                 return;
-            ZEB_WARN("ZEB terminate app %d seq %d RPC to %d/%d.\n", app, wait->seq, src_app, src_node);
-            file_substitute(wait, app, src_app, src_node, ZEB_SYSTEM_ERR);
+            ZEB_WARN("ZEB terminate app %d seq %d RPC to %d/%d.\n", app, wait->seq, src.app, src.node);
+            file_substitute(wait, app, src, ZEB_SYSTEM_ERR);
         });
     }
     zeb_cond_broadcast(&rpc->wait_cond);
@@ -332,14 +311,31 @@ void zeb_reply_msg_free(zeb_reply_msg_t *reply)
     reply->num = 0;
 }
 
-// Stamps `reply_msg` as the answer to `request`, sends it and frees it.
+// Stamps `reply_msg` as the answer to `request` and sends it.
 static int send_answer(const zeb_msg_t *request, zeb_msg_t *reply_msg, zeb_reply_stat_t status)
 {
     const zeb_msg_hdr_t *hdr = &request->hdr;
     zeb_encode_msg_hdr(reply_msg, hdr->flag | ZEB_MSG_FLAG_ACK, hdr->dst_app, (uint32_t)zeb_get_my_node_id(),
                        hdr->src_app, hdr->src_node, hdr->seq, status);
-    int ret = zeb_tipc_sendto(hdr->dst_app, reply_msg, hdr->src_app, hdr->src_node, 0);
-    free(reply_msg);
+    return zeb_tipc_sendto(hdr->dst_app, reply_msg, zeb_msg_sender(request), 0);
+}
+
+int zeb_rpc_answer(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags)
+{
+    ZEB_VERBOSE("ZEB user rpc reply, src_msg %p, reply_msg %p, flags 0x%x.\n", (const void *)src_msg, (void *)reply_msg,
+                flags);
+    if (src_msg == nullptr) {
+        ZEB_ERROR("ZEB RPC reply invalid argument.\n");
+        return -EINVAL;
+    }
+    if (!zeb_is_rpc_request(src_msg)) {
+        ZEB_WARN("ZEB reply msg src is not RPC.\n");
+        return -EINVAL;
+    }
+    int ret = reply_msg != nullptr ? send_answer(src_msg, reply_msg, ZEB_SUCCESS)
+                                   : zeb_rpc_reply_error(src_msg, ZEB_SYSTEM_ERR);
+    if (ret != 0)
+        zeb_fc_update_rpc_reply_exception(src_msg->hdr.dst_app, zeb_msg_sender(src_msg));
     return ret;
 }
 
@@ -347,9 +343,9 @@ int zeb_rpc_reply_error(const zeb_msg_t *request, zeb_reply_stat_t status)
 {
     ZEB_VERBOSE("ZEB app %d reply to %d/%d seq %d status: %s.\n", request->hdr.dst_app, request->hdr.src_app,
                 request->hdr.src_node, request->hdr.seq, zeb_reply_stat_string(status));
-    zeb_msg_t *reply_msg = zeb_msg_alloc(0, 1, 0);
+    zeb_msg_guard_t reply_msg(zeb_msg_alloc(0, 1, 0));
     assert(reply_msg != NULL);
-    return send_answer(request, reply_msg, status);
+    return send_answer(request, reply_msg.get(), status);
 }
 
 // The body travels in this host's byte order: only bodies of ZEB_MISMATCH are converted, and peers read it alike.
@@ -357,21 +353,21 @@ int zeb_rpc_reply_app_mismatch(const zeb_msg_t *request, const zeb_mismatch_info
 {
     ZEB_VERBOSE("ZEB app %d reply to %d/%d seq %d app ver range [%d, %d].\n", request->hdr.dst_app,
                 request->hdr.src_app, request->hdr.src_node, request->hdr.seq, info->low, info->high);
-    zeb_msg_t *reply_msg = zeb_msg_alloc(sizeof(*info), 1, 0);
+    zeb_msg_guard_t reply_msg(zeb_msg_alloc(sizeof(*info), 1, 0));
     assert(reply_msg != NULL);
     memcpy(reply_msg->data, info, sizeof(*info));
-    return send_answer(request, reply_msg, ZEB_APP_MISMATCH);
+    return send_answer(request, reply_msg.get(), ZEB_APP_MISMATCH);
 }
 
-void zeb_rpc_print_wait(uint32_t app, uint32_t seq)
+void zeb_rpc_print_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq)
 {
     if (!zeb_dbg_verbose_on())
         return;
-    printf("ZEB app %d seq %d wait for:", (int)app, (int)seq);
+    printf("ZEB app %d seq %d wait for:", (int)rpc->app_id, (int)seq);
     int64_t code = 0;
-    for (int i = 0; (code = zeb_rpc_wait_inst(app, seq, i)) >= 0; i++) {
+    for (int i = 0; (code = zeb_rpc_wait_inst(rpc, seq, i)) >= 0; i++) {
         if (code != 0)
-            printf(" %d/%d", (int)code_app((uint32_t)code), (int)code_node((uint32_t)code));
+            printf(" %d/%d", (int)inst_of((uint32_t)code).app, (int)inst_of((uint32_t)code).node);
     }
     printf(".\n");
 }
@@ -382,7 +378,7 @@ static void print_wait(const zeb_rpc_wait_t *wait)
     zeb_buf_printf("    waiting for");
     for (int i = 0; i < wait->inst_num; i++) {
         if (wait->wait_inst[i] != 0)
-            zeb_buf_printf(" %d/%d", code_app(wait->wait_inst[i]), code_node(wait->wait_inst[i]));
+            zeb_buf_printf(" %d/%d", inst_of(wait->wait_inst[i]).app, inst_of(wait->wait_inst[i]).node);
     }
     zeb_buf_printf("\n");
     zeb_buf_printf("    RPC already replies:\n");
@@ -402,5 +398,5 @@ void zeb_cli_print_rpc_stat(uint32_t app)
         return;
     zeb_scoped_lock lock(&rpc->mutex);
     zeb_buf_printf("Application %d RPC waits:\n", app);
-    list_each<zeb_rpc_wait_t>(&rpc->wait_list, print_wait);
+    indexed_list_each(&rpc->wait_list, print_wait);
 }

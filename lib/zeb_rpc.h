@@ -11,20 +11,21 @@
 #include <zeb/zeb.h>
 
 #include "platform/list_index.h"
+#include "zeb_inst.h"
 #include "zeb_lock.h"
+#include "zeb_slot.h"
 
 typedef struct zeb_app_rpc_wait_s {
     uint32_t app_id;
     zeb_cond_t wait_cond; // broadcast on every filing
     // Guards the list, every record on it and the reply buffers they point at. Nothing of ours is taken under it.
     zeb_mutex_t mutex;
-    struct list_head wait_list ZEB_GUARDED_BY(mutex); // zeb_rpc_wait_t
-    list_index_t wait_index ZEB_GUARDED_BY(mutex);    // of wait_list, by sequence number
+    indexed_list<struct zeb_rpc_wait_s> wait_list ZEB_GUARDED_BY(mutex); // by sequence number
 } zeb_app_rpc_wait_t;
 
 typedef struct zeb_rpc_wait_s {
-    struct list_head list;        // in wait_list
-    list_index_link_t index_link; // in wait_index
+    struct list_head list; // in wait_list
+    list_index_link_t index_link;
     uint32_t seq;
     uint32_t timeout;                      // seconds, 0: no limit
     pid_t caller;                          // the waiting thread; 0 in builds that check no invariants
@@ -35,27 +36,38 @@ typedef struct zeb_rpc_wait_s {
 
 zeb_app_rpc_wait_t *zeb_add_app_rpc_wait(uint32_t app); // null on failure
 void zeb_del_app_rpc_wait(zeb_app_rpc_wait_t *rpc);     // null is ignored
-zeb_app_rpc_wait_t *zeb_get_app_rpc(uint32_t app);
-zeb_rpc_wait_t *zeb_get_rpc_wait(uint32_t app, uint32_t seq);
 
-int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, uint32_t timeout, zeb_reply_msg_t *reply);
-int zeb_rpc_set_wait(uint32_t app, uint32_t seq, uint32_t dst_app, uint32_t dst_node);
-void zeb_rpc_del_wait(uint32_t app, uint32_t seq);
-int zeb_rpc_wait_reply(uint32_t app, uint32_t seq);
+// The record of a local application; null when it is not registered here.
+static inline zeb_app_rpc_wait_t *zeb_get_app_rpc(uint32_t app)
+{
+    zeb_app_mng_t *slot = zeb_get_app_mng(app);
+    return slot == nullptr ? nullptr : slot->rpc;
+}
+
+// The caller's side: a call is opened by the application's id (-ENOENT when it is not registered here), and what
+// follows takes the application's record.
+int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, zeb_reply_msg_t *reply, uint32_t timeout);
+zeb_rpc_wait_t *zeb_get_rpc_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq); // null without the call
+int zeb_rpc_set_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t dst);
+void zeb_rpc_del_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq);
+int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq);
+int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t src, zeb_reply_stat_t status);
+void zeb_rpc_print_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq);
 
 // The code at place `index`: 0 when it is settled already, -ENOENT past the last place or without the call.
-int64_t zeb_rpc_wait_inst(uint32_t app, uint32_t seq, int index);
+int64_t zeb_rpc_wait_inst(zeb_app_rpc_wait_t *rpc, uint32_t seq, int index);
 
+// The receive thread's side.
 int zeb_rpc_add_reply(zeb_msg_t *msg); // 0: the message is filed; -ENOENT: it stays the caller's
-int zeb_rpc_add_error_reply(uint32_t app, uint32_t seq, uint32_t src_app, uint32_t src_node, zeb_reply_stat_t status);
-int zeb_terminate_rpc(uint32_t app, uint32_t src_app, uint32_t src_node);
+int zeb_terminate_rpc(uint32_t app, zeb_inst_t src);
 void zeb_reply_msg_free(zeb_reply_msg_t *reply);
+
+// What zeb_rpc_reply does, for the library's own threads.
+int zeb_rpc_answer(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags);
 
 // Answers of the library itself. The result of the send primitive.
 int zeb_rpc_reply_error(const zeb_msg_t *request, zeb_reply_stat_t status);
 int zeb_rpc_reply_app_mismatch(const zeb_msg_t *request, const zeb_mismatch_info_t *info);
-
-void zeb_rpc_print_wait(uint32_t app, uint32_t seq);
 
 static inline bool zeb_is_rpc_request(const zeb_msg_t *msg)
 {

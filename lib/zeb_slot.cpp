@@ -1,5 +1,7 @@
 #include "zeb_slot.h"
 
+#include <zeb/zeb.h>
+
 #include "zeb_dbg.h"
 
 zeb_mutex_t g_lib_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
@@ -13,6 +15,7 @@ void zeb_clear_slot(zeb_app_mng_t *slot)
     slot->fc = nullptr;
     slot->rpc = nullptr;
     slot->mng_stat = nullptr;
+    slot->mc = nullptr;
 }
 
 void zeb_clear_mng()
@@ -49,4 +52,19 @@ bool zeb_refuse_child(const char *call)
 {
     ZEB_ERROR("ZEB %s called in a child of the process that runs the library.\n", call);
     return true;
+}
+
+void zeb_enable_blocked_resume(void)
+{
+    g_zeb_mng.blocked_resume.store(true, std::memory_order_relaxed);
+}
+
+void zeb_disable_blocked_resume(void)
+{
+    g_zeb_mng.blocked_resume.store(false, std::memory_order_relaxed);
+}
+
+bool zeb_blocked_resume_enabled(void)
+{
+    return zeb_cfg_get_blocked_resume_enabled() && g_zeb_mng.blocked_resume.load(std::memory_order_relaxed);
 }

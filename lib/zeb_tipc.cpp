@@ -96,21 +96,19 @@ int zeb_send_subscription(const struct tipc_subscr *request)
     return -1;
 }
 
-static struct tipc_subscr app_subscription(uint32_t lower, uint32_t upper, uint32_t timeout, uint32_t filter)
+static struct tipc_subscr app_subscription(struct tipc_service_range range, uint32_t filter)
 {
     struct tipc_subscr request;
     memset(&request, 0, sizeof(request));
-    request.seq.type = ZEB_TIPC_NAME_TYPE;
-    request.seq.lower = lower;
-    request.seq.upper = upper;
-    request.timeout = timeout;
+    request.seq = range;
     request.filter = filter;
     return request;
 }
 
-int zeb_subscr_app_events(uint32_t lower, uint32_t upper, uint32_t timeout)
+int zeb_subscr_app_events(uint32_t lower, uint32_t upper, int timeout)
 {
-    struct tipc_subscr request = app_subscription(lower, upper, timeout, TIPC_SUB_SERVICE);
+    struct tipc_subscr request = app_subscription({ZEB_TIPC_NAME_TYPE, lower, upper}, TIPC_SUB_SERVICE);
+    request.timeout = (uint32_t)timeout;
     ZEB_INFO("ZEB subscribe TIPC instance [0x%x, 0x%x] event.\n", lower, upper);
     if (zeb_send_subscription(&request) == 0)
         return 0;
@@ -120,7 +118,8 @@ int zeb_subscr_app_events(uint32_t lower, uint32_t upper, uint32_t timeout)
 
 int zeb_unsubscr_app_events(uint32_t lower, uint32_t upper)
 {
-    struct tipc_subscr request = app_subscription(lower, upper, 0, TIPC_SUB_SERVICE | TIPC_SUB_CANCEL);
+    struct tipc_subscr request =
+        app_subscription({ZEB_TIPC_NAME_TYPE, lower, upper}, TIPC_SUB_SERVICE | TIPC_SUB_CANCEL);
     ZEB_INFO("ZEB cancel TIPC subscription instance [0x%x, 0x%x] event.\n", lower, upper);
     if (zeb_send_subscription(&request) == 0)
         return 0;

@@ -19,8 +19,8 @@ int zeb_bind_app_socket(uint32_t app, int sd);
 // Sends one request on the topology connection, again at once on EINTR, ENOMEM and ENOBUFS. 0, or -1 with errno.
 int zeb_send_subscription(const struct tipc_subscr *request);
 
-// Asks for the events of a range of instances, or no longer. 0 or -1.
-int zeb_subscr_app_events(uint32_t lower, uint32_t upper, uint32_t timeout);
+// Asks for the events of a range of instances for `timeout` milliseconds or TIPC_WAIT_FOREVER, or no longer. 0 or -1.
+int zeb_subscr_app_events(uint32_t lower, uint32_t upper, int timeout);
 int zeb_unsubscr_app_events(uint32_t lower, uint32_t upper);
 
 // Starts a timer of `timeout` seconds, kept to the low 32 bits of its milliseconds. 0 or -1.

@@ -104,18 +104,3 @@ int zeb_comm_with(uint32_t src_app, uint32_t dst_app)
         return -EINVAL;
     return zeb_add_comm_app(src_app, dst_app);
 }
-
-void zeb_enable_blocked_resume(void)
-{
-    g_zeb_mng.blocked_resume.store(true, std::memory_order_relaxed);
-}
-
-void zeb_disable_blocked_resume(void)
-{
-    g_zeb_mng.blocked_resume.store(false, std::memory_order_relaxed);
-}
-
-bool zeb_blocked_resume_enabled(void)
-{
-    return zeb_cfg_get_blocked_resume_enabled() && g_zeb_mng.blocked_resume.load(std::memory_order_relaxed);
-}

@@ -6,13 +6,18 @@
 
 #include <zeb/zeb.h>
 
-#include "zeb_mc.h"
 #include "zeb_handshake_shell.h"
+#include "zeb_inst.h"
+#include "zeb_mc.h"
+#include "zeb_slot.h"
 
-// The destinations of one call: member applications, nodes, and per member the instances that are online servers. A
-// server set is taken afresh each time, so an instance that goes away in between is not written to.
+// The destinations of one call: as its caller named them, and what that stands for: member applications, nodes, and per
+// member the instances that are online servers. A server set is taken afresh each time, so an instance that goes away
+// in between is not written to.
 typedef struct zeb_dst_s {
     uint32_t src_app;
+    zeb_app_mng_t *slot; // of src_app; null when that is not registered here
+    zeb_inst_t named;    // ZEB_NODE_ALL for a call to all nodes
     int flags;
     bool all_nodes;
     int app_num;         // places of `apps` to look at: one, or all of a group
@@ -23,9 +28,12 @@ typedef struct zeb_dst_s {
 
 bool zeb_check_src_app(uint32_t src_app);
 
+// The member lists stay unset.
+void zeb_name_dst(zeb_dst_t *dst, uint32_t src_app, zeb_inst_t named, int flags);
+
 // Fill the member lists from what the caller named. 0 or -EINVAL.
-int zeb_get_app_mbrs(zeb_dst_t *dst, uint32_t dst_app);
-int zeb_get_node_mbrs(zeb_dst_t *dst, uint32_t dst_node);
+int zeb_get_app_mbrs(zeb_dst_t *dst);
+int zeb_get_node_mbrs(zeb_dst_t *dst);
 
 // What a member has to offer a call.
 typedef enum zeb_member_e : int {

@@ -9,14 +9,18 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
 #include "zeb_rpc.h"
 
-static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, zeb_reply_msg_t *ret_buf)
+// Whatever becomes of the call, the caller finds no old messages.
+static void clear_replies(zeb_reply_msg_t *ret_buf)
 {
     if (ret_buf != nullptr)
         memset(ret_buf, 0, sizeof(*ret_buf));
+}
+
+static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, const zeb_reply_msg_t *ret_buf)
+{
     if (!zeb_check_src_app(src_app))
         return -EINVAL;
     if (msg == nullptr || ret_buf == nullptr) {
@@ -26,10 +30,13 @@ static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, zeb_reply_m
     return 0;
 }
 
-// Records every addressed instance of one member as waited for, under the application id `as_app`. Returns how many, or
-// the failure of a recording.
-static int set_member_waits(const zeb_dst_t *dst, uint32_t seq, uint32_t member, uint32_t as_app)
+// Records every addressed instance of the member at a place as waited for. Returns how many, or the failure of a
+// recording. A call to all nodes addresses them under the id that its caller gave (be it 0 or a group), a call to
+// chosen nodes under the member's.
+static int set_member_waits(const zeb_dst_t *dst, int place, uint32_t seq)
 {
+    uint32_t member = dst->apps.mbr[place];
+    uint32_t as_app = dst->all_nodes ? dst->named.app : member;
     zeb_app_set_t servers;
     zeb_member_t found = zeb_get_member_servers(dst, member, &servers);
     if (found == ZEB_MEMBER_NO_SERVER)
@@ -40,22 +47,20 @@ static int set_member_waits(const zeb_dst_t *dst, uint32_t seq, uint32_t member,
     zeb_each_instance(dst, &servers, [&](uint32_t node) {
         if (num < 0)
             return;
-        int ret = zeb_rpc_set_wait(dst->src_app, seq, as_app, node);
+        int ret = zeb_rpc_set_wait(dst->slot->rpc, seq, {as_app, node});
         num = ret != 0 ? ret : num + 1;
     });
     return num;
 }
 
-// Records the instances of every member. A call to all nodes addresses them under the id that its caller gave (be it 0
-// or a group), a call to chosen nodes under the member's.
-static int set_waits(const zeb_dst_t *dst, uint32_t seq, uint32_t dst_app)
+// Records the instances of every member.
+static int set_waits(const zeb_dst_t *dst, uint32_t seq)
 {
     int found = 0;
     for (int i = 0; i < dst->app_num; i++) {
-        uint32_t member = dst->apps.mbr[i];
-        if (member == 0)
+        if (dst->apps.mbr[i] == 0)
             continue;
-        int num = set_member_waits(dst, seq, member, dst->all_nodes ? dst_app : member);
+        int num = set_member_waits(dst, i, seq);
         if (num < 0)
             return num;
         found += num;
@@ -63,88 +68,98 @@ static int set_waits(const zeb_dst_t *dst, uint32_t seq, uint32_t dst_app)
     return found == 0 ? -ENOENT : 0;
 }
 
-// Opens the call and records its instances; closes it again when that fails.
-static int zeb_prepare_rpc(zeb_dst_t *dst, uint32_t dst_app, uint32_t seq, uint32_t timeout, zeb_reply_msg_t *ret_buf)
+static void log_not_prepared(const zeb_dst_t *dst, int ret)
 {
-    int ret = zeb_get_app_mbrs(dst, dst_app);
-    if (ret != 0)
-        return ret;
-    ret = zeb_rpc_prepare_wait(dst->src_app, seq, timeout, ret_buf);
-    if (ret != 0) {
-        ZEB_WARN("ZEB app %d to %d prepare RPC wait failed: %s.\n", dst->src_app, dst_app, strerror(-ret));
-        return ret;
-    }
-    ret = set_waits(dst, seq, dst_app);
-    if (ret == -ENOENT)
-        ZEB_VERBOSE("ZEB app %d rpc %d(0x%x) has no server.\n", dst->src_app, dst_app, dst_app);
-    if (ret != 0)
-        zeb_rpc_del_wait(dst->src_app, seq);
-    return ret;
+    zeb_inst_t to = dst->named;
+    if (dst->all_nodes)
+        ZEB_WARN("ZEB app %d to %d prepare RPC wait failed: %s.\n", dst->src_app, to.app, strerror(-ret));
+    else
+        ZEB_WARN("ZEB app %d to %d/%d prepare RPC wait failed: %s.\n", dst->src_app, to.app, to.node, strerror(-ret));
 }
 
-static int zeb_prepare_rpcto(zeb_dst_t *dst, uint32_t dst_node, uint32_t dst_app, uint32_t seq, uint32_t timeout,
-                             zeb_reply_msg_t *ret_buf)
+static void log_no_server(const zeb_dst_t *dst)
 {
-    int ret = zeb_get_app_mbrs(dst, dst_app);
+    zeb_inst_t to = dst->named;
+    if (dst->all_nodes)
+        ZEB_VERBOSE("ZEB app %d rpc %d(0x%x) has no server.\n", dst->src_app, to.app, to.app);
+    else
+        ZEB_VERBOSE("ZEB app %d rpcto %d/%d(0x%x/0x%x) has no server.\n", dst->src_app, to.app, to.node, to.app,
+                    to.node);
+}
+
+// Opens the call and records its instances; closes it again when that fails.
+static int zeb_prepare_rpc(zeb_dst_t *dst, uint32_t seq, zeb_reply_msg_t *ret_buf, uint32_t timeout)
+{
+    int ret = zeb_get_app_mbrs(dst);
+    if (ret != 0 && dst->all_nodes)
+        return ret;
+    if (ret == 0 && !dst->all_nodes)
+        ret = zeb_get_node_mbrs(dst);
     if (ret == 0)
-        ret = zeb_get_node_mbrs(dst, dst_node);
-    if (ret == 0)
-        ret = zeb_rpc_prepare_wait(dst->src_app, seq, timeout, ret_buf);
+        ret = zeb_rpc_prepare_wait(dst->src_app, seq, ret_buf, timeout);
     if (ret != 0) {
-        ZEB_WARN("ZEB app %d to %d/%d prepare RPC wait failed: %s.\n", dst->src_app, dst_app, dst_node, strerror(-ret));
+        log_not_prepared(dst, ret);
         return ret;
     }
-    ret = set_waits(dst, seq, dst_app);
+    ret = set_waits(dst, seq);
     if (ret == -ENOENT)
-        ZEB_VERBOSE("ZEB app %d rpcto %d/%d(0x%x/0x%x) has no server.\n", dst->src_app, dst_app, dst_node, dst_app,
-                    dst_node);
+        log_no_server(dst);
     if (ret != 0)
-        zeb_rpc_del_wait(dst->src_app, seq);
+        zeb_rpc_del_wait(dst->slot->rpc, seq);
     return ret;
 }
 
 // Writes the request to one instance; a substitute answer stands in for one that could not be written. Non-zero only
 // when that could not be filed.
-static int request_instance(uint32_t src_app, uint32_t seq, zeb_msg_t *msg, uint32_t dst_app, uint32_t dst_node)
+static int request_instance(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg, zeb_inst_t to)
 {
-    zeb_encode_msg_hdr(msg, ZEB_MSG_FLAG_REQUEST, src_app, (uint32_t)zeb_get_my_node_id(), dst_app, dst_node, seq, 0);
-    zeb_del_reject_sync_inst_ack(src_app, {dst_app, dst_node});
-    if (zeb_tipc_sendto(src_app, msg, dst_app, dst_node, 0) == 0) {
-        zeb_fc_update_sent_ok(src_app, dst_app, dst_node);
+    uint32_t src_app = dst->src_app;
+    zeb_encode_msg_hdr(msg, ZEB_MSG_FLAG_REQUEST, src_app, (uint32_t)zeb_get_my_node_id(), to.app, to.node, seq, 0);
+    zeb_del_reject_sync_inst_ack(src_app, to);
+    if (zeb_tipc_write(dst->slot, msg, to, 0) == 0) {
+        zeb_fc_update_sent_ok(dst->slot->fc, to);
         return 0;
     }
-    zeb_fc_update_sent_reject(src_app, dst_app, dst_node);
-    return zeb_rpc_add_error_reply(src_app, seq, dst_app, dst_node, ZEB_SYSTEM_ERR);
+    zeb_fc_update_sent_reject(src_app, to);
+    return zeb_rpc_add_error_reply(dst->slot->rpc, seq, to, ZEB_SYSTEM_ERR);
 }
 
 // Writes the request to every recorded instance. An instance that quit meanwhile is settled already and passed over.
-static int zeb_send_rpc(uint32_t src_app, uint32_t seq, zeb_msg_t *msg, zeb_reply_msg_t *ret_buf)
+static int zeb_send_rpc(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg, zeb_reply_msg_t *ret_buf)
 {
-    zeb_rpc_print_wait(src_app, seq);
-    if (zeb_get_rpc_wait(src_app, seq) == nullptr)
+    zeb_app_rpc_wait_t *rpc = dst->slot->rpc;
+    zeb_rpc_print_wait(rpc, seq);
+    if (zeb_get_rpc_wait(rpc, seq) == nullptr)
         return -ENOENT;
     int64_t code = 0;
-    for (int i = 0; (code = zeb_rpc_wait_inst(src_app, seq, i)) >= 0; i++) {
+    for (int i = 0; (code = zeb_rpc_wait_inst(rpc, seq, i)) >= 0; i++) {
         if (code == 0)
             continue;
-        int ret = request_instance(src_app, seq, msg, (uint32_t)(code >> 16), (uint32_t)(code & 0xFFFF));
+        int ret = request_instance(dst, seq, msg, {(uint32_t)(code >> 16), (uint32_t)(code & 0xFFFF)});
         if (ret == 0)
             continue;
-        zeb_rpc_del_wait(src_app, seq);
+        zeb_rpc_del_wait(rpc, seq);
         zeb_reply_msg_free(ret_buf);
         return ret;
     }
     return 0;
 }
 
-static int send_and_wait(uint32_t src_app, uint32_t seq, zeb_msg_t *msg, zeb_reply_msg_t *ret_buf)
+static int call(zeb_dst_t *dst, zeb_msg_t *msg, uint32_t timeout, zeb_reply_msg_t *ret_buf)
 {
-    int ret = zeb_send_rpc(src_app, seq, msg, ret_buf);
-    return ret != 0 ? ret : zeb_rpc_wait_reply(src_app, seq);
+    uint32_t seq = zeb_get_seq();
+    int ret = zeb_prepare_rpc(dst, seq, ret_buf, timeout);
+    if (ret != 0) {
+        zeb_fc_update_sent_reject(dst->src_app, dst->named);
+        return ret;
+    }
+    ret = zeb_send_rpc(dst, seq, msg, ret_buf);
+    return ret != 0 ? ret : zeb_rpc_wait_reply(dst->slot->rpc, seq);
 }
 
 int zeb_rpc(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags, uint32_t timeout, zeb_reply_msg_t *ret_buf)
 {
+    clear_replies(ret_buf);
     if (zeb_in_child("zeb_rpc"))
         return -EPERM;
     ZEB_VERBOSE("ZEB user app %d rpc %d(0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app, dst_app,
@@ -153,21 +168,14 @@ int zeb_rpc(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags, uint3
     if (ret != 0)
         return ret;
     zeb_dst_t dst;
-    dst.src_app = src_app;
-    dst.flags = flags;
-    dst.all_nodes = true;
-    uint32_t seq = zeb_get_seq();
-    ret = zeb_prepare_rpc(&dst, dst_app, seq, timeout, ret_buf);
-    if (ret != 0) {
-        zeb_fc_update_sent_reject(src_app, dst_app, ZEB_FC_NODE_ANY);
-        return ret;
-    }
-    return send_and_wait(src_app, seq, msg, ret_buf);
+    zeb_name_dst(&dst, src_app, {dst_app, ZEB_NODE_ALL}, flags);
+    return call(&dst, msg, timeout, ret_buf);
 }
 
 int zeb_rpcto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags, uint32_t timeout,
               zeb_reply_msg_t *ret_buf)
 {
+    clear_replies(ret_buf);
     if (zeb_in_child("zeb_rpcto"))
         return -EPERM;
     ZEB_VERBOSE("ZEB user app %d rpcto %d/%d(0x%x/0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app,
@@ -178,42 +186,13 @@ int zeb_rpcto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *
     if (dst_node == ZEB_NODE_ALL)
         return zeb_rpc(src_app, dst_app, msg, flags, timeout, ret_buf);
     zeb_dst_t dst;
-    dst.src_app = src_app;
-    dst.flags = flags;
-    dst.all_nodes = false;
-    uint32_t seq = zeb_get_seq();
-    ret = zeb_prepare_rpcto(&dst, dst_node, dst_app, seq, timeout, ret_buf);
-    if (ret != 0) {
-        zeb_fc_update_sent_reject(src_app, dst_app, dst_node);
-        return ret;
-    }
-    return send_and_wait(src_app, seq, msg, ret_buf);
+    zeb_name_dst(&dst, src_app, {dst_app, dst_node}, flags);
+    return call(&dst, msg, timeout, ret_buf);
 }
 
 int zeb_rpc_reply(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags)
 {
     if (zeb_in_child("zeb_rpc_reply"))
         return -EPERM;
-    ZEB_VERBOSE("ZEB user rpc reply, src_msg %p, reply_msg %p, flags 0x%x.\n", (const void *)src_msg, (void *)reply_msg,
-                flags);
-    if (src_msg == nullptr) {
-        ZEB_ERROR("ZEB RPC reply invalid argument.\n");
-        return -EINVAL;
-    }
-    if (!zeb_is_rpc_request(src_msg)) {
-        ZEB_WARN("ZEB reply msg src is not RPC.\n");
-        return -EINVAL;
-    }
-    const zeb_msg_hdr_t *hdr = &src_msg->hdr;
-    int ret = 0;
-    if (reply_msg != nullptr) {
-        zeb_encode_msg_hdr(reply_msg, hdr->flag | ZEB_MSG_FLAG_ACK, hdr->dst_app, (uint32_t)zeb_get_my_node_id(),
-                           hdr->src_app, hdr->src_node, hdr->seq, ZEB_SUCCESS);
-        ret = zeb_tipc_sendto(hdr->dst_app, reply_msg, hdr->src_app, hdr->src_node, 0);
-    } else {
-        ret = zeb_rpc_reply_error(src_msg, ZEB_SYSTEM_ERR);
-    }
-    if (ret != 0)
-        zeb_fc_update_rpc_reply_exception(hdr->dst_app, hdr->src_app, hdr->src_node);
-    return ret;
+    return zeb_rpc_answer(src_msg, reply_msg, flags);
 }

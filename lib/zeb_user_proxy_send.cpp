@@ -8,7 +8,6 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_slot.h"
 #include "zeb_mng_msg.h"
 
 bool zeb_check_src_app(uint32_t src_app)
@@ -30,9 +29,18 @@ static int zeb_check_send_arg(uint32_t src_app, const zeb_msg_t *msg)
     return 0;
 }
 
-int zeb_get_app_mbrs(zeb_dst_t *dst, uint32_t dst_app)
+void zeb_name_dst(zeb_dst_t *dst, uint32_t src_app, zeb_inst_t named, int flags)
 {
-    uint32_t app = dst_app == 0 ? dst->src_app : dst_app;
+    dst->src_app = src_app;
+    dst->slot = zeb_get_app_mng(src_app);
+    dst->named = named;
+    dst->flags = flags;
+    dst->all_nodes = named.node == ZEB_NODE_ALL;
+}
+
+int zeb_get_app_mbrs(zeb_dst_t *dst)
+{
+    uint32_t app = dst->named.app == 0 ? dst->src_app : dst->named.app;
     if (zeb_valid_app_mc_id(app)) {
         zeb_get_app_mc_mbr(dst->src_app, app, &dst->apps);
         dst->app_num = ZEB_APP_MC_MBR_NUM;
@@ -43,13 +51,13 @@ int zeb_get_app_mbrs(zeb_dst_t *dst, uint32_t dst_app)
         dst->app_num = 1;
         return 0;
     }
-    ZEB_ERROR("ZEB app %d to dst app ID %d invalid.\n", dst->src_app, dst_app);
+    ZEB_ERROR("ZEB app %d to dst app ID %d invalid.\n", dst->src_app, dst->named.app);
     return -EINVAL;
 }
 
-int zeb_get_node_mbrs(zeb_dst_t *dst, uint32_t dst_node)
+int zeb_get_node_mbrs(zeb_dst_t *dst)
 {
-    uint32_t node = dst_node == ZEB_NODE_LOCAL ? (uint32_t)zeb_get_my_node_id() : dst_node;
+    uint32_t node = dst->named.node == ZEB_NODE_LOCAL ? (uint32_t)zeb_get_my_node_id() : dst->named.node;
     if (zeb_valid_node_mc_id(node)) {
         zeb_get_node_mc_mbr(dst->src_app, node, &dst->nodes);
         dst->node_num = ZEB_NODE_MC_MBR_NUM;
@@ -103,35 +111,64 @@ static bool member_has_server(const zeb_dst_t *dst, uint32_t member)
     return found == ZEB_MEMBER_SERVERS && (dst->all_nodes || zeb_has_app_node_server(dst, &servers));
 }
 
+// The line of a call that reaches nobody; `when` follows its last word.
+static void log_no_server(const zeb_dst_t *dst, const char *when)
+{
+    zeb_inst_t to = dst->named;
+    if (dst->all_nodes)
+        ZEB_VERBOSE("ZEB app %d send %d(0x%x) has no server%s.\n", dst->src_app, to.app, to.app, when);
+    else
+        ZEB_VERBOSE("ZEB app %d sendto %d/%d(0x%x/0x%x) has no server%s.\n", dst->src_app, to.app, to.node, to.app,
+                    to.node, when);
+}
+
 // Asks flow control for every member that has a server; a refusal for one sends to none. -ENOENT when no member has
 // one.
 static int check_members(const zeb_dst_t *dst)
 {
-    int ret = -ENOENT;
+    zeb_fc_t *fc = nullptr;
     for (int i = 0; i < dst->app_num; i++) {
         uint32_t member = dst->apps.mbr[i];
         if (member == 0 || !member_has_server(dst, member))
             continue;
-        ret = zeb_fc_check(dst->src_app, member, dst->flags);
+        fc = dst->slot != nullptr ? dst->slot->fc : zeb_fc_not_found(dst->src_app);
+        int ret = zeb_fc_check(fc, member, dst->flags);
         if (ret == 0)
             continue;
         ZEB_WARN("ZEB app %d to %d check msg flow ctrl failed: %s.\n", dst->src_app, member, strerror(-ret));
         return ret;
     }
-    return ret;
+    if (fc != nullptr)
+        return 0;
+    log_no_server(dst, "");
+    return -ENOENT;
+}
+
+static int zeb_get_send_apps(zeb_dst_t *dst)
+{
+    int ret = zeb_get_app_mbrs(dst);
+    return ret != 0 ? ret : check_members(dst);
+}
+
+static int zeb_get_sendto_apps(zeb_dst_t *dst)
+{
+    int ret = zeb_get_app_mbrs(dst);
+    if (ret == 0)
+        ret = zeb_get_node_mbrs(dst);
+    return ret != 0 ? ret : check_members(dst);
 }
 
 // Writes the message to one instance and counts how that went.
-static int send_instance(const zeb_dst_t *dst, zeb_msg_t *msg, uint32_t dst_app, uint32_t dst_node)
+static int send_instance(const zeb_dst_t *dst, zeb_msg_t *msg, zeb_inst_t to)
 {
     uint32_t src_app = dst->src_app;
-    zeb_encode_msg_hdr(msg, 0, src_app, (uint32_t)zeb_get_my_node_id(), dst_app, dst_node, 0, 0);
-    zeb_del_reject_sync_inst_ack(src_app, {dst_app, dst_node});
-    int ret = zeb_tipc_sendto(src_app, msg, dst_app, dst_node, dst->flags);
+    zeb_encode_msg_hdr(msg, 0, src_app, (uint32_t)zeb_get_my_node_id(), to.app, to.node, 0, 0);
+    zeb_del_reject_sync_inst_ack(src_app, to);
+    int ret = zeb_tipc_write(dst->slot, msg, to, dst->flags);
     if (ret == 0)
-        zeb_fc_update_sent_ok(src_app, dst_app, dst_node);
+        zeb_fc_update_sent_ok(dst->slot->fc, to);
     else
-        zeb_fc_update_sent_reject(src_app, dst_app, dst_node);
+        zeb_fc_update_sent_reject(src_app, to);
     return ret;
 }
 
@@ -146,21 +183,26 @@ static int send_all(const zeb_dst_t *dst, zeb_msg_t *msg, int *ret)
             continue;
         zeb_each_instance(dst, &servers, [&](uint32_t node) {
             tried++;
-            if (send_instance(dst, msg, member, node) != 0)
+            if (send_instance(dst, msg, {member, node}) != 0)
                 *ret = -1;
         });
     }
     return tried;
 }
 
-static int prepare_send(zeb_dst_t *dst, uint32_t dst_app)
+// A failure before the first write counts against what the caller named.
+static int send_msg(uint32_t src_app, zeb_inst_t named, zeb_msg_t *msg, int flags)
 {
-    int ret = zeb_get_app_mbrs(dst, dst_app);
-    if (ret != 0)
-        return ret;
-    ret = check_members(dst);
-    if (ret == -ENOENT)
-        ZEB_VERBOSE("ZEB app %d send %d(0x%x) has no server.\n", dst->src_app, dst_app, dst_app);
+    zeb_dst_t dst;
+    zeb_name_dst(&dst, src_app, named, flags);
+    int ret = dst.all_nodes ? zeb_get_send_apps(&dst) : zeb_get_sendto_apps(&dst);
+    if (ret == 0) {
+        if (send_all(&dst, msg, &ret) != 0)
+            return ret;
+        log_no_server(&dst, " while sending");
+        ret = -ENOENT;
+    }
+    zeb_fc_update_sent_reject(src_app, named);
     return ret;
 }
 
@@ -170,37 +212,7 @@ int zeb_send(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags)
         return -EPERM;
     ZEB_VERBOSE("ZEB user app %d send %d(0x%x), msg %p, flags 0x%x.\n", src_app, dst_app, dst_app, (void *)msg, flags);
     int ret = zeb_check_send_arg(src_app, msg);
-    if (ret != 0)
-        return ret;
-    zeb_dst_t dst;
-    dst.src_app = src_app;
-    dst.flags = flags;
-    dst.all_nodes = true;
-    ret = prepare_send(&dst, dst_app);
-    if (ret != 0) {
-        zeb_fc_update_sent_reject(src_app, dst_app, ZEB_FC_NODE_ANY);
-        return ret;
-    }
-    if (send_all(&dst, msg, &ret) == 0) {
-        ZEB_VERBOSE("ZEB app %d send %d(0x%x) has no server while sending.\n", src_app, dst_app, dst_app);
-        zeb_fc_update_sent_reject(src_app, dst_app, ZEB_FC_NODE_ANY);
-        return -ENOENT;
-    }
-    return ret;
-}
-
-static int prepare_sendto(zeb_dst_t *dst, uint32_t dst_node, uint32_t dst_app)
-{
-    int ret = zeb_get_app_mbrs(dst, dst_app);
-    if (ret == 0)
-        ret = zeb_get_node_mbrs(dst, dst_node);
-    if (ret != 0)
-        return ret;
-    ret = check_members(dst);
-    if (ret == -ENOENT)
-        ZEB_VERBOSE("ZEB app %d sendto %d/%d(0x%x/0x%x) has no server.\n", dst->src_app, dst_app, dst_node, dst_app,
-                    dst_node);
-    return ret;
+    return ret != 0 ? ret : send_msg(src_app, {dst_app, ZEB_NODE_ALL}, msg, flags);
 }
 
 int zeb_sendto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags)
@@ -214,20 +226,5 @@ int zeb_sendto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t 
         return ret;
     if (dst_node == ZEB_NODE_ALL)
         return zeb_send(src_app, dst_app, msg, flags);
-    zeb_dst_t dst;
-    dst.src_app = src_app;
-    dst.flags = flags;
-    dst.all_nodes = false;
-    ret = prepare_sendto(&dst, dst_node, dst_app);
-    if (ret != 0) {
-        zeb_fc_update_sent_reject(src_app, dst_app, dst_node);
-        return ret;
-    }
-    if (send_all(&dst, msg, &ret) == 0) {
-        ZEB_VERBOSE("ZEB app %d sendto %d/%d(0x%x/0x%x) has no server while sending.\n", src_app, dst_app, dst_node,
-                    dst_app, dst_node);
-        zeb_fc_update_sent_reject(src_app, dst_app, dst_node);
-        return -ENOENT;
-    }
-    return ret;
+    return send_msg(src_app, {dst_app, dst_node}, msg, flags);
 }

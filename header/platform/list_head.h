@@ -27,6 +27,7 @@ static inline int list_empty(const struct list_head *head)
     return head->next == head;
 }
 
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the neighbours in list order */
 static inline void list_add_between(struct list_head *entry, struct list_head *prev, struct list_head *next)
 {
     next->prev = entry;

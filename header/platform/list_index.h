@@ -1,20 +1,22 @@
-// An index beside an intrusive list, for C++: finds a record by its key without walking the list.
-// The list stays the owner and keeps its order; the index refers to the same records by a link of its own. Among
-// records of one key the one added first is found, as on the list. A zeroed index is empty. Nothing here locks or
-// allocates: the number of chains is fixed, so a thousand records cost a few steps each and a hundred thousand some
-// hundreds. The caller holds whatever lock guards the list.
+/* An index beside an intrusive list: finds a record by its key without walking the list.
+ * The list stays the owner and keeps its order; the index refers to the same records by a link of its own. Among
+ * records of one key the one added first is found, as on the list. A zeroed index is empty. Nothing here locks or
+ * allocates: the number of chains is fixed, so a thousand records cost a few steps each and a hundred thousand some
+ * hundreds. The caller holds whatever lock guards the list.
+ *
+ * The records are for C and C++, what works on them for C++ alone. */
 #ifndef PLATFORM_LIST_INDEX_H
 #define PLATFORM_LIST_INDEX_H
 
-#include <cstdint>
-#include <cstdlib>
+#include <stdint.h>
+#include <stdlib.h>
 
 #include "platform/list_head.h"
 
-constexpr unsigned LIST_INDEX_BITS = 8;
-constexpr unsigned LIST_INDEX_CHAIN_NUM = 1u << LIST_INDEX_BITS;
+#define LIST_INDEX_BITS 8
+#define LIST_INDEX_CHAIN_NUM (1 << LIST_INDEX_BITS)
 
-// Embedded in a record under the name `index_link`.
+/* Embedded in a record under the name `index_link`. */
 typedef struct list_index_link_s {
     struct list_index_link_s *next;
     uint64_t key;
@@ -22,8 +24,19 @@ typedef struct list_index_link_s {
 
 typedef struct list_index_s {
     list_index_link_t *chain[LIST_INDEX_CHAIN_NUM];
-    int num; // records
+    int num; /* records */
 } list_index_t;
+
+/* A list with its index. In C++ it knows the type of its records. */
+typedef struct list_indexed_s {
+    struct list_head list;
+    list_index_t index;
+} list_indexed_t;
+
+#ifndef __cplusplus
+#define LIST_INDEXED(type) list_indexed_t
+#else
+#define LIST_INDEXED(type) indexed_list<type>
 
 // A key of two numbers.
 static inline uint64_t list_index_key(uint32_t high, uint32_t low)
@@ -112,9 +125,7 @@ static inline void list_index_remove(list_index_t *index, T *record)
 
 // A list with its index: records are found by a key and keep their order. T has the links `list` and `index_link`.
 template <typename T>
-struct indexed_list {
-    struct list_head list;
-    list_index_t index;
+struct indexed_list : list_indexed_t {
 };
 
 template <typename T>
@@ -182,5 +193,7 @@ static inline void indexed_list_clear(indexed_list<T> *records)
     indexed_list_each(records, [](T *record) { free(record); });
     indexed_list_init(records);
 }
+
+#endif
 
 #endif

@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/socket.h>
 
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): a name is written {type, instance} wherever TIPC is */
 static inline struct sockaddr_tipc tipc_name(uint32_t type, uint32_t instance, signed char scope)
 {
     struct sockaddr_tipc addr;

@@ -6,7 +6,7 @@
  *   -EAGAIN  would block, or a part of the application could not be created
  *   -EEXIST  already registered          -ENOBUFS a fixed table is full
  *   -1       a socket or system call failed
- *   -EPERM   called in a child process, see below
+ *   -EPERM   called in a child process, see below; the same number as -1
  *
  * Threads. Every call may be made from any thread unless it says otherwise, and none may be made from a signal handler.
  *
@@ -34,7 +34,7 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /* Bits of the `flags` argument of the sending calls. */
-#define ZEB_SEND_NOWAIT 0x01       /* -EAGAIN where flow control would block; write without waiting */
+#define ZEB_SEND_NOWAIT 0x01       /* flow control does not wait (-EAGAIN), and the write does not wait; nothing else */
 #define ZEB_SEND_EXCLUDE_SELF 0x04 /* sending to one's own application id: leave this node's instance out */
 
 #define ZEB_APP_NAME_LEN 32  /* a longer name is cut to 31 characters */
@@ -121,8 +121,9 @@ bool zeb_blocked_resume_enabled(void);
  * flags    ZEB_SEND_... or 0
  *
  * Blocks while an instance of a destination application has more than 1024 messages of `src_app` that it has not
- * acknowledged as processed, and while TIPC is congested. With ZEB_SEND_NOWAIT it never blocks: a socket that is full
- * is an instance that could not be written to. Returns 0 when it was handed to TIPC for every instance; -EINVAL;
+ * acknowledged as processed, and while TIPC is congested. With ZEB_SEND_NOWAIT these two waits do not happen: a socket
+ * that is full is an instance that could not be written to. It may still wait a short time for a lock of the library,
+ * and for memory. Returns 0 when it was handed to TIPC for every instance; -EINVAL;
  * -ENOENT when there is no online server; -EAGAIN where it would block, with ZEB_SEND_NOWAIT (nothing was sent to
  * anybody); -1 when at least one instance could not be written to (the others were). */
 int zeb_send(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags);

@@ -6,6 +6,7 @@
 #ifndef ZEB_DIAG_H
 #define ZEB_DIAG_H
 
+#include <platform/list_index.h>
 #include <zeb/zeb.h>
 
 #ifdef __cplusplus
@@ -65,14 +66,58 @@ extern zeb_msg_t *g_print_msg;
 void zeb_dump_msg_hdr_info(const zeb_msg_t *msg);
 void zeb_dump_msg_raw(const void *data, int len);
 
-/* Append to the print buffer: the state of the library, of `app`, and of those whom `app` talks to. Nothing is printed
- * for an application that is not registered here. Each takes the lock of what it lists while it prints. */
+/* Append to the print buffer, each under the lock of what it lists. For an application that is not registered here the
+ * first two print all the same: the state of the library, which does not depend on `app` but names it, and the line of
+ * the peers of `src_app` without any. */
 void zeb_cli_print_lib_info(uint32_t app);
-void zeb_cli_print_app_info(uint32_t app);
 void zeb_cli_print_app_comm(uint32_t src_app);
+
+/* The same; these print nothing for an application that is not registered here. */
+void zeb_cli_print_app_info(uint32_t app);
 void zeb_cli_print_fc_stat(uint32_t app);  /* flow control counters */
 void zeb_cli_print_mng_stat(uint32_t app); /* synchronisation messages */
 void zeb_cli_print_rpc_stat(uint32_t app); /* calls in progress */
+
+#define ZEB_APP_MC_MBR_NUM 16  /* places of an application group */
+#define ZEB_NODE_MC_MBR_NUM 64 /* places of a node group */
+
+/* A private group, as a copy of it is handed out; its links are the library's. */
+typedef struct zeb_app_mc_s {
+    struct list_head list;
+    list_index_link_t index_link;
+    int32_t mc_id;
+    uint32_t mbr[ZEB_APP_MC_MBR_NUM]; /* 0 is an empty place */
+} zeb_app_mc_t;
+
+typedef struct zeb_node_mc_s {
+    struct list_head list;
+    list_index_link_t index_link;
+    int32_t mc_id;
+    uint32_t mbr[ZEB_NODE_MC_MBR_NUM]; /* above 65535 is an empty place; node 0 is a member like any other */
+} zeb_node_mc_t;
+
+/* The groups of one application. `mutex` is its owner's and guards all that follows. */
+typedef struct zeb_mc_s {
+    uint32_t app_id;
+    struct zeb_mutex_s *mutex;
+    int32_t app_mc_num;
+    int32_t node_mc_num;
+    int32_t cur_app_mc_id;                    /* next candidate id */
+    int32_t cur_node_mc_id;                   /* next candidate id */
+    LIST_INDEXED(zeb_app_mc_t) app_mc_list;   /* by id, in creation order */
+    LIST_INDEXED(zeb_node_mc_t) node_mc_list; /* by id, in creation order */
+} zeb_mc_t;
+
+/* Empties a set of groups without freeing any; owner and mutex stay. For a set that nobody else uses. */
+void zeb_mc_init(zeb_mc_t *mc);
+
+/* Copy a group of `src_app` to `out`, under the lock of the application's record. All places are empty, with an ERROR
+ * line, when the application is not registered here or has no such group, and in a forked child. */
+void zeb_get_app_mc_mbr(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out);
+void zeb_get_node_mc_mbr(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out);
+
+/* Appends the groups to the print buffer; the caller holds the set's mutex. */
+void zeb_cli_print_mc_info(zeb_mc_t *mc);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

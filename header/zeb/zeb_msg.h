@@ -159,6 +159,7 @@ static inline uint32_t zeb_msg_data_len(const zeb_msg_t *msg)
 }
 
 /* Stamps the addressing of a message. zeb_ver, rsvd, qos, len and app_ver keep what they hold. Used by the library. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the signature is public */
 static inline void zeb_encode_msg_hdr(zeb_msg_t *msg, uint8_t msg_flag, uint32_t src_app, uint32_t src_node,
                                       uint32_t dst_app, uint32_t dst_node, uint32_t seq, int rpc_stat)
 {

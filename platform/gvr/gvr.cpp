@@ -12,6 +12,7 @@ int gvr_lib_common_init(void)
     return 0;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the platform's signature
 int protect_selfhealing_do_action(int action, pid_t pid, const char *module, const char *notice)
 {
     switch (action) {

@@ -4,6 +4,7 @@
 // rest is the datagram.
 #include <cstring>
 
+#include "by_number.h"
 #include "fuzz_peers.h"
 #include "zeb_dbg.h"
 #include "zeb_rpc.h"
@@ -52,9 +53,9 @@ static void receive(uint8_t mode, uint32_t app, const world::bytes_t &datagram)
 {
     zeb_reply_msg_t reply;
     memset(&reply, 0, sizeof(reply));
-    (void)zeb_rpc_prepare_wait(app, CALL, 1, &reply);
-    (void)zeb_rpc_set_wait(app, CALL, world::PEER, peers::ONLINE_SERVER);
-    (void)zeb_rpc_set_wait(app, CALL, world::PEER, peers::ONLINE_CLIENT);
+    (void)zeb_rpc_prepare_wait(app, CALL, &reply, 1);
+    (void)zeb_rpc_set_wait(app, CALL, {world::PEER, peers::ONLINE_SERVER});
+    (void)zeb_rpc_set_wait(app, CALL, {world::PEER, peers::ONLINE_CLIENT});
     zeb_store_relaxed(&g_zeb_dbg_level, (mode & 192) == 192 ? 15u : 0u);
     world::receive(app, datagram.data(), datagram.size());
     world::check();

@@ -329,7 +329,7 @@ static void (*const s_steps[])() = {
 static void check_windows()
 {
     zeb_each_app_mng([](const zeb_app_mng_t *slot) {
-        list_each<zeb_send_app_fc_t>(&slot->fc->send_list, [](const zeb_send_app_fc_t *record) {
+        indexed_list_each(&slot->fc->send_list, [](const zeb_send_app_fc_t *record) {
             if (record->unack <= ZEB_FC_SEND_WINDOW + 1)
                 return;
             fprintf(stderr, "%d messages unacknowledged\n", record->unack);

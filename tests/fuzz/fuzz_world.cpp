@@ -1,3 +1,4 @@
+#include "by_number.h"
 #include "fuzz_world.h"
 #include "handshake_core.h"
 
@@ -122,27 +123,22 @@ static void free_all(struct list_head *head)
 static void reset_app(zeb_app_mng_t *slot)
 {
     free_all<zeb_msg_t>(&slot->info->msg_list);
-    free_all<zeb_app_mc_t>(&slot->info->mc.app_mc_list);
-    free_all<zeb_node_mc_t>(&slot->info->mc.node_mc_list);
-    slot->info->mc.app_mc_index = {};
-    slot->info->mc.node_mc_index = {};
-    zeb_mc_init(&slot->info->mc);
+    indexed_list_clear(&slot->mc->app_mc_list);
+    indexed_list_clear(&slot->mc->node_mc_list);
+    zeb_mc_init(slot->mc);
     zeb_fc_t *fc = slot->fc;
-    free_all<zeb_send_app_fc_t>(&fc->send_list);
-    free_all<zeb_recv_app_fc_t>(&fc->recv_list);
-    fc->send_index = {};
-    fc->recv_index = {};
+    indexed_list_clear(&fc->send_list);
+    indexed_list_clear(&fc->recv_list);
     fc->blocked_num = 0;
     fc->total_send = fc->total_recv = fc->unack_drift = 0;
     fc->total_send_unack = fc->total_recv_unack = 0;
-    fc->mcast_send_reject = fc->rpc_reply_exception = fc->recv_exception = 0;
+    fc->mcast_send_reject = fc->rpc_reply_exception = 0;
+    fc->recv_exception = 0;
     zeb_mng_stat_t *stat = slot->mng_stat;
-    free_all<zeb_send_mng_stat_t>(&stat->send_list);
-    free_all<zeb_recv_mng_stat_t>(&stat->recv_list);
-    stat->send_index = {};
-    stat->recv_index = {};
+    indexed_list_clear(&stat->send_list);
+    indexed_list_clear(&stat->recv_list);
     stat->total_send = stat->total_recv = 0;
-    if (!list_empty(&slot->rpc->wait_list))
+    if (indexed_list_num(&slot->rpc->wait_list) != 0)
         fail("a call is left without its caller");
 }
 

@@ -1,3 +1,4 @@
+#include "by_number.h"
 #include "handshake_core.h"
 #include "lib_test.h"
 

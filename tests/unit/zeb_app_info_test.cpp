@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "by_number.h"
 #include "lib_test.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
@@ -125,7 +126,7 @@ TEST_F(zeb_app_info, an_event_without_callback_or_record_is_not_taken)
 {
     const zeb_msg_dispatcher_t none[] = {{0, nullptr}};
     ASSERT_EQ(zeb_register_without_thread(APP, "x", none, nullptr), 0);
-    zeb_msg_t *event = zeb_new_event_msg(APP, ZEB_APP_JOIN, 1, 2);
+    zeb_msg_t *event = zeb_new_event_msg(APP, ZEB_APP_JOIN, {2, 1});
     EXPECT_EQ(zeb_enqueue_event_msg(APP, event), -1);
     EXPECT_EQ(zeb_enqueue_event_msg(999, event), -1);
     free(event);
@@ -134,7 +135,10 @@ TEST_F(zeb_app_info, an_event_without_callback_or_record_is_not_taken)
 TEST_F(zeb_app_info, an_event_is_delivered_with_its_log_line)
 {
     start_app();
-    EXPECT_EQ(logged(I, [] { EXPECT_EQ(zeb_enqueue_event_msg(APP, zeb_new_event_msg(APP, ZEB_APP_QUIT, 3, 400)), 0); }),
+    EXPECT_EQ(logged(I,
+                     [] {
+                         EXPECT_EQ(zeb_enqueue_event_msg(APP, zeb_new_event_msg(APP, ZEB_APP_QUIT, {400, 3})), 0);
+                     }),
               lines_t({"1 ZEB app 100 dispatch app 400/3 event: application quit."}));
     seen_t seen = take_seen();
     ASSERT_EQ(seen.events.size(), 1u);
@@ -176,7 +180,7 @@ TEST_F(zeb_app_info, the_proxy_thread_delivers_items_in_queue_order_once_the_lib
         msg->hdr.seq = i;
         zeb_enqueue_msg_dist(msg, info);
         if (i == 50) {
-            EXPECT_EQ(zeb_enqueue_event_msg(APP, zeb_new_event_msg(APP, ZEB_APP_JOIN, 5, 5)), 0);
+            EXPECT_EQ(zeb_enqueue_event_msg(APP, zeb_new_event_msg(APP, ZEB_APP_JOIN, {5, 5})), 0);
         }
     }
     {
@@ -204,14 +208,17 @@ TEST_F(zeb_app_info, a_quit_drops_exactly_the_items_of_the_peer)
     zeb_enqueue_msg_dist(new_msg(1, 0, PEER, PEER_NODE + 1), info);
     zeb_enqueue_msg_dist(new_msg(1, 0, PEER + 1, PEER_NODE), info);
     zeb_enqueue_msg_dist(new_msg(1, 0, PEER, PEER_NODE), info);
-    EXPECT_EQ(zeb_unprocess_app_msg_num(APP, PEER, PEER_NODE), 2);
-    EXPECT_EQ(zeb_unprocess_app_msg_num(999, PEER, PEER_NODE), 0);
-    lines_t lines = logged(V | I, [] { zeb_discard_app_msg(APP, PEER, PEER_NODE); });
+    EXPECT_EQ(zeb_unprocess_app_msg_num(APP, {PEER, PEER_NODE}), 2);
+    EXPECT_EQ(zeb_unprocess_app_msg_num(999, {PEER, PEER_NODE}), 0);
+    lines_t lines = logged(V | I, [] { zeb_discard_app_msg(APP, {PEER, PEER_NODE}); });
     EXPECT_EQ(lines[0], "1 ZEB app 100 discard 200/9 msg.");
     EXPECT_EQ(lines[1], "0 ZEB app 100 update recv drop num 2 from 200/9.");
-    EXPECT_EQ(zeb_unprocess_app_msg_num(APP, PEER, PEER_NODE), 0);
-    EXPECT_EQ(zeb_unprocess_app_msg_num(APP, PEER, PEER_NODE + 1), 1);
-    EXPECT_EQ(zeb_unprocess_app_msg_num(APP, PEER + 1, PEER_NODE), 1);
-    EXPECT_EQ(logged(15, [] { zeb_discard_app_msg(999, PEER, PEER_NODE); }),
+    EXPECT_EQ(zeb_unprocess_app_msg_num(APP, {PEER, PEER_NODE}), 0);
+    EXPECT_EQ(zeb_unprocess_app_msg_num(APP, {PEER, PEER_NODE + 1}), 1);
+    EXPECT_EQ(zeb_unprocess_app_msg_num(APP, {PEER + 1, PEER_NODE}), 1);
+    EXPECT_EQ(logged(15,
+                     [] {
+                         zeb_discard_app_msg(999, {PEER, PEER_NODE});
+                     }),
               lines_t({"1 ZEB app 999 discard 200/9 msg."}));
 }

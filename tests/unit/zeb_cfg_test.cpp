@@ -11,7 +11,7 @@ TEST_F(zeb_cfg, without_a_file_everything_has_its_default)
 {
     EXPECT_EQ(logged(15, [] { EXPECT_EQ(zeb_get_app_priority(100), 0); }),
               lines_t({"3 ZEB open config file /etc/zeb.conf failed: No such file or directory.",
-                       "3 ZEB get app 100 config failed.", "0 ZEB get app 100 config priority 0."}));
+                       "0 ZEB get app 100 config priority 0."}));
     EXPECT_EQ(zeb_get_dbg_cfg(), 0u);
     EXPECT_EQ(zeb_get_log_cfg(), 0u);
     EXPECT_EQ(zeb_get_log_size(), 0u);
@@ -86,8 +86,21 @@ TEST_F(zeb_cfg, a_section_ends_at_the_next_bracket)
     write_conf("[APP_INFO_TBL]\n100 , a , 1 , x\n[OTHER]\n200 , b , 2 , x\n");
     EXPECT_EQ(zeb_get_app_priority(200), 0);
     write_conf("[OTHER]\n100 , a , 1 , x\n");
-    EXPECT_EQ(logged(W, [] { (void)zeb_get_app_priority(100); }),
+    EXPECT_EQ(logged(W | E, [] { (void)zeb_get_app_priority(100); }),
               lines_t({"2 ZEB can't locate section [APP_INFO_TBL]."}));
+}
+
+TEST_F(zeb_cfg, an_entry_is_said_to_be_missing_where_its_table_was_read_alone)
+{
+    const char no_file[] = "3 ZEB open config file /etc/zeb.conf failed: No such file or directory.";
+    uint32_t members[16] = {42};
+    EXPECT_EQ(logged(W | E, [&] { EXPECT_EQ(zeb_get_app_mc_members(0x3001, members), 0); }), lines_t({no_file}));
+    write_conf("[APP_INFO_TBL]\n100 , a , 1 , x\n");
+    EXPECT_EQ(logged(W | E, [&] { EXPECT_EQ(zeb_get_app_mc_members(0x3001, members), 0); }),
+              lines_t({"2 ZEB can't locate section [APP_MCAST_TBL]."}));
+    EXPECT_EQ(logged(W | E, [] { EXPECT_EQ(zeb_get_app_priority(101), 0); }),
+              lines_t({"3 ZEB get app 101 config failed."}));
+    EXPECT_EQ(members[0], 42u);
 }
 
 TEST_F(zeb_cfg, a_blank_line_in_the_table_warns_once_and_is_ignored)

@@ -1,6 +1,7 @@
 // Flow control: windows, acknowledgements, blocked senders, counters, diagnosis.
 #include <thread>
 
+#include "by_number.h"
 #include "lib_test.h"
 #include <sched.h>
 #include "zeb_app_info.h"
@@ -30,13 +31,13 @@ class zeb_flow_ctrl : public lib_test
     static void sent(int num, uint32_t node = 9)
     {
         for (int i = 0; i < num; i++)
-            zeb_fc_update_sent_ok(APP, PEER, node);
+            zeb_fc_update_sent_ok(APP, {PEER, node});
     }
 
     static void received(int num, uint32_t node = 9)
     {
         for (int i = 0; i < num; i++)
-            zeb_fc_update_recv_ok(PEER, node, APP);
+            zeb_fc_update_recv_ok(APP, {PEER, node});
     }
 
     static pthread_cond_t *cond()
@@ -64,12 +65,12 @@ TEST_F(zeb_flow_ctrl, the_listing_is_this_text)
 {
     sent(3);
     sent(2, 10);
-    zeb_fc_update_sent_reject(APP, PEER, 9);
-    zeb_fc_update_rpc_reply_exception(APP, PEER, 9);
-    zeb_fc_update_rpc_reply_exception(APP, PEER, ZEB_FC_NODE_ANY);
+    zeb_fc_update_sent_reject(APP, {PEER, 9});
+    zeb_fc_update_rpc_reply_exception(APP, {PEER, 9});
+    zeb_fc_update_rpc_reply_exception(APP, {PEER, ZEB_FC_NODE_ANY});
     received(4);
-    zeb_fc_update_recv_drop(PEER, 9, APP, 5);
-    zeb_fc_update_recv_retdata(PEER, 9, APP);
+    zeb_fc_update_recv_drop(APP, {PEER, 9}, 5);
+    zeb_fc_update_recv_retdata(APP, {PEER, 9});
     zeb_fc_update_recv_exception(APP);
     EXPECT_EQ(text(), "Application 100 overall statistics:\n"
                       "  total send 5, unack 5, mcast reject 0, RPC reply exception 1\n"
@@ -128,7 +129,7 @@ TEST_F(zeb_flow_ctrl, an_acknowledgement_wakes_a_blocked_sender)
 {
     sent(1025);
     std::thread sender = blocked_sender();
-    zeb_fc_update_sent_ack(APP, PEER, 9, 512);
+    zeb_fc_update_sent_ack(APP, {PEER, 9}, 512);
     sender.join();
     EXPECT_THAT(text(), testing::HasSubstr("Send to application 200/9: send 1025, unack 513,"));
     EXPECT_THAT(text(), testing::HasSubstr("total send 1025, unack 513,"));
@@ -138,9 +139,12 @@ TEST_F(zeb_flow_ctrl, a_quit_wakes_a_blocked_sender_and_forgets_the_pair)
 {
     sent(1025);
     received(3);
-    zeb_fc_update_recv_drop(PEER, 9, APP, 2);
+    zeb_fc_update_recv_drop(APP, {PEER, 9}, 2);
     std::thread sender = blocked_sender();
-    EXPECT_EQ(logged(I, [] { zeb_fc_reset_unack(APP, PEER, 9); }),
+    EXPECT_EQ(logged(I,
+                     [] {
+                         zeb_fc_reset_unack(APP, {PEER, 9});
+                     }),
               lines_t({"1 ZEB reset unack stat between app 100 and 200/9."}));
     sender.join();
     EXPECT_EQ(text(), "Application 100 overall statistics:\n"
@@ -154,7 +158,7 @@ TEST_F(zeb_flow_ctrl, a_join_wakes_a_blocked_sender)
 {
     sent(1025);
     std::thread sender = blocked_sender();
-    zeb_fc_adjust_statistics(APP, PEER, 9);
+    zeb_fc_adjust_statistics(APP, {PEER, 9});
     sender.join();
     EXPECT_THAT(text(), testing::HasSubstr("Send to application 200/9: send 0, unack 0, reject 1025,"));
 }
@@ -178,8 +182,8 @@ TEST_F(zeb_flow_ctrl, a_blocked_sender_logs_and_pings_after_1_2_4_and_8_periods_
         std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
         while (fault::waits(cond()) < begun + 10)
             (void)sched_yield();
-        zeb_fc_update_sent_ack(APP, PEER, 9, 512);
-        zeb_fc_update_sent_ack(APP, PEER, 11, 512);
+        zeb_fc_update_sent_ack(APP, {PEER, 9}, 512);
+        zeb_fc_update_sent_ack(APP, {PEER, 11}, 512);
         sender.join();
     });
     lines.erase(std::remove_if(lines.begin(), lines.end(), [](const std::string &l) { return !tells_of_block(l); }),
@@ -216,11 +220,11 @@ TEST_F(zeb_flow_ctrl, waking_early_counts_as_no_period)
                          std::thread sender = blocked_sender();
                          for (int i = 0; i < 5; i++) {
                              int begun = fault::waits(cond());
-                             zeb_fc_update_sent_ack(APP, PEER, 9, 1); // not enough
+                             zeb_fc_update_sent_ack(APP, {PEER, 9}, 1); // not enough
                              while (fault::waits(cond()) == begun)
                                  (void)sched_yield();
                          }
-                         zeb_fc_update_sent_ack(APP, PEER, 9, 1000);
+                         zeb_fc_update_sent_ack(APP, {PEER, 9}, 1000);
                          sender.join();
                      }),
               lines_t({}));
@@ -240,17 +244,17 @@ TEST_F(zeb_flow_ctrl, a_wait_or_broadcast_that_fails_ends_the_process_except_on_
     EXPECT_DEATH(
         {
             fault::fail_broadcast(cond(), EINVAL);
-            zeb_fc_update_sent_ack(APP, PEER, 9, 1);
+            zeb_fc_update_sent_ack(APP, {PEER, 9}, 1);
         },
         "ret == 0");
     EXPECT_DEATH(
         {
             fault::fail_broadcast(cond(), EINVAL);
-            zeb_fc_adjust_statistics(APP, PEER, 9);
+            zeb_fc_adjust_statistics(APP, {PEER, 9});
         },
         "ret == 0");
     fault::fail_broadcast(cond(), EINVAL);
-    zeb_fc_reset_unack(APP, PEER, 9);
+    zeb_fc_reset_unack(APP, {PEER, 9});
     EXPECT_TRUE(accepts());
 }
 
@@ -258,11 +262,11 @@ TEST_F(zeb_flow_ctrl, the_lines_of_a_sender_are_these)
 {
     lines_t lines = logged(15, [] {
         EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0);
-        zeb_fc_update_sent_ok(APP, PEER, 9);
-        zeb_fc_update_sent_ok(APP, PEER, 9);
-        zeb_fc_update_sent_reject(APP, PEER, 9);
-        zeb_fc_update_rpc_reply_exception(APP, PEER, 9);
-        zeb_fc_update_sent_ack(APP, PEER, 9, 2);
+        zeb_fc_update_sent_ok(APP, {PEER, 9});
+        zeb_fc_update_sent_ok(APP, {PEER, 9});
+        zeb_fc_update_sent_reject(APP, {PEER, 9});
+        zeb_fc_update_rpc_reply_exception(APP, {PEER, 9});
+        zeb_fc_update_sent_ack(APP, {PEER, 9}, 2);
     });
     EXPECT_EQ(lines,
               lines_t({"0 ZEB app 100 accept new msg to 200.", "0 ZEB app 100 update send OK to 200/9.",
@@ -272,10 +276,10 @@ TEST_F(zeb_flow_ctrl, the_lines_of_a_sender_are_these)
                        "0 ZEB notify waiting app 100 to 200/9 continue to send msg."}));
     sent(1025);
     EXPECT_EQ(logged(V, [] { EXPECT_FALSE(accepts()); }), lines_t({"0 ZEB app 100 reject new msg to 200."}));
-    zeb_fc_update_recv_retdata(PEER, 9, APP); // makes the record
+    zeb_fc_update_recv_retdata(APP, {PEER, 9}); // makes the record
     lines = logged(V, [] {
         std::thread sender = blocked_sender();
-        zeb_fc_reset_unack(APP, PEER, 9);
+        zeb_fc_reset_unack(APP, {PEER, 9});
         sender.join();
     });
     EXPECT_EQ(lines,
@@ -287,9 +291,9 @@ TEST_F(zeb_flow_ctrl, the_lines_of_a_sender_are_these)
 TEST_F(zeb_flow_ctrl, the_lines_of_a_receiver_are_these)
 {
     lines_t lines = logged(15, [] {
-        zeb_fc_update_recv_ok(PEER, 9, APP);
-        zeb_fc_update_recv_drop(PEER, 9, APP, 3);
-        zeb_fc_update_recv_retdata(PEER, 9, APP);
+        zeb_fc_update_recv_ok(APP, {PEER, 9});
+        zeb_fc_update_recv_drop(APP, {PEER, 9}, 3);
+        zeb_fc_update_recv_retdata(APP, {PEER, 9});
         zeb_fc_update_recv_exception(APP);
     });
     EXPECT_EQ(lines,
@@ -307,9 +311,12 @@ TEST_F(zeb_flow_ctrl, the_lines_of_a_receiver_are_these)
 TEST_F(zeb_flow_ctrl, a_join_turns_what_was_sent_into_rejects)
 {
     sent(10);
-    zeb_fc_update_sent_ack(APP, PEER, 9, 4);
-    zeb_fc_update_recv_drop(PEER, 9, APP, 2);
-    EXPECT_EQ(logged(W, [] { zeb_fc_adjust_statistics(APP, PEER, 9); }),
+    zeb_fc_update_sent_ack(APP, {PEER, 9}, 4);
+    zeb_fc_update_recv_drop(APP, {PEER, 9}, 2);
+    EXPECT_EQ(logged(W,
+                     [] {
+                         zeb_fc_adjust_statistics(APP, {PEER, 9});
+                     }),
               lines_t({"2 ZEB app 100 adjust sent reject num 10 to 200/9."}));
     EXPECT_EQ(text(), "Application 100 overall statistics:\n"
                       "  total send 0, unack -4, mcast reject 0, RPC reply exception 0\n"
@@ -321,20 +328,20 @@ TEST_F(zeb_flow_ctrl, a_join_turns_what_was_sent_into_rejects)
 
 TEST_F(zeb_flow_ctrl, a_join_after_nothing_was_sent_changes_nothing_on_the_send_side)
 {
-    zeb_fc_update_sent_reject(APP, PEER, 9);
-    EXPECT_EQ(logged(W, [] { zeb_fc_adjust_statistics(APP, PEER, 9); }), lines_t({}));
+    zeb_fc_update_sent_reject(APP, {PEER, 9});
+    EXPECT_EQ(logged(W, [] { zeb_fc_adjust_statistics(APP, {PEER, 9}); }), lines_t({}));
     EXPECT_THAT(text(),
                 testing::HasSubstr("Send to application 200/9: send 0, unack 0, reject 1, RPC reply reject 0\n"));
     EXPECT_EQ(fault::broadcasts(cond()), 0) << "and wakes nobody";
     sent(1);
-    zeb_fc_adjust_statistics(APP, PEER, 9);
+    zeb_fc_adjust_statistics(APP, {PEER, 9});
     EXPECT_EQ(fault::broadcasts(cond()), 1);
 }
 
 TEST_F(zeb_flow_ctrl, a_refusal_to_no_single_instance_is_never_in_a_record)
 {
-    zeb_fc_update_sent_reject(APP, PEER, ZEB_FC_NODE_ANY);
-    zeb_fc_update_sent_reject(APP, 12288, 3);
+    zeb_fc_update_sent_reject(APP, {PEER, ZEB_FC_NODE_ANY});
+    zeb_fc_update_sent_reject(APP, {12288, 3});
     EXPECT_EQ(text(), "Application 100 overall statistics:\n"
                       "  total send 0, unack 0, mcast reject 2, RPC reply exception 0\n"
                       "  total receive 0, unack 0, exception 0\n");
@@ -342,7 +349,7 @@ TEST_F(zeb_flow_ctrl, a_refusal_to_no_single_instance_is_never_in_a_record)
 
 TEST_F(zeb_flow_ctrl, a_message_returned_by_application_1_changes_no_counter)
 {
-    zeb_fc_update_recv_retdata(1, 9, APP);
+    zeb_fc_update_recv_retdata(APP, {1, 9});
     EXPECT_THAT(text(), testing::Not(testing::HasSubstr("Receive from")));
 }
 
@@ -350,7 +357,7 @@ TEST_F(zeb_flow_ctrl, an_acknowledgement_of_an_absurd_count_neither_blocks_nor_o
 {
     sent(5);
     for (uint32_t num : {0x7FFFFFFFu, 0x80000001u, 0xFFFFFFFFu, 0xFFFFFFFFu})
-        zeb_fc_update_sent_ack(APP, PEER, 9, num);
+        zeb_fc_update_sent_ack(APP, {PEER, 9}, num);
     EXPECT_TRUE(accepts());
     EXPECT_THAT(text(), testing::HasSubstr("unack -2147483648,"));
 }
@@ -359,25 +366,40 @@ TEST_F(zeb_flow_ctrl, without_a_record_there_is_one_error)
 {
     EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_fc_check(999, PEER, 0), -ENOENT); }),
               lines_t({"3 ZEB app 999 get flow control failed."}));
-    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_ok(PEER, 9, 999); }),
+    EXPECT_EQ(logged(E,
+                     [] {
+                         zeb_fc_update_recv_drop(999, {PEER, 9}, 1);
+                     }),
               lines_t({"3 ZEB app 200 get flow control failed."}));
-    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(PEER, 9, 999, 1); }),
-              lines_t({"3 ZEB app 200 get flow control failed."}));
-    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(PEER, 9, 999, 0); }), lines_t({}));
-    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_retdata(PEER, 9, 999); }),
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(999, {PEER, 9}, 0); }), lines_t({}));
+    EXPECT_EQ(logged(E,
+                     [] {
+                         zeb_fc_update_recv_retdata(999, {PEER, 9});
+                     }),
               lines_t({"3 ZEB app 200 get flow control failed."}));
     const std::function<void()> others[] = {
-        [] { zeb_fc_update_sent_ok(999, PEER, 9); },
-        [] { zeb_fc_update_sent_reject(999, PEER, 9); },
-        [] { zeb_fc_update_rpc_reply_exception(999, PEER, 9); },
-        [] { zeb_fc_adjust_statistics(999, PEER, 9); },
+        [] {
+            zeb_fc_update_sent_reject(999, {PEER, 9});
+        },
+        [] {
+            zeb_fc_update_rpc_reply_exception(999, {PEER, 9});
+        },
+        [] {
+            zeb_fc_adjust_statistics(999, {PEER, 9});
+        },
         [] { zeb_fc_update_recv_exception(999); },
     };
     for (const auto &call : others)
         EXPECT_EQ(logged(15, call), lines_t({"3 ZEB app 999 get flow control failed."}));
-    EXPECT_EQ(logged(E, [] { zeb_fc_reset_unack(999, PEER, 9); }),
+    EXPECT_EQ(logged(E,
+                     [] {
+                         zeb_fc_reset_unack(999, {PEER, 9});
+                     }),
               lines_t({"3 ZEB get app 999 flow ctrl info failed."}));
-    EXPECT_EQ(logged(E, [] { zeb_fc_update_sent_ack(999, PEER, 9, 1); }),
+    EXPECT_EQ(logged(E,
+                     [] {
+                         zeb_fc_update_sent_ack(999, {PEER, 9}, 1);
+                     }),
               lines_t({"3 ZEB app 999 get flow control failed."}));
 }
 
@@ -406,7 +428,10 @@ TEST_F(zeb_flow_ctrl, a_ping_is_answered_with_the_own_view_and_an_echo)
 {
     sent(2, 9);
     received(3, 9);
-    EXPECT_EQ(logged(E, [] { zeb_fc_ping_request(PEER, 9, APP); }),
+    EXPECT_EQ(logged(E,
+                     [] {
+                         zeb_fc_ping_request(APP, {PEER, 9});
+                     }),
               lines_t({"3 ZEB app 100 recv ping request from 200/9.", "3 ZEB app 100 from 200/9 unprocess num: 0.",
                        "3 ZEB app 100 total send 2, unack 2, mcast reject 0, RPC reply exception 0",
                        "3 ZEB app 100 total receive 3, unack 3, exception 0",
@@ -415,9 +440,13 @@ TEST_F(zeb_flow_ctrl, a_ping_is_answered_with_the_own_view_and_an_echo)
     auto echo = fake_tipc::take_sent();
     ASSERT_EQ(echo.size(), 1u);
     EXPECT_EQ(wire::hex(wire::body_of(echo[0].bytes)), "00040007");
-    EXPECT_EQ(logged(0, [] { zeb_fc_ping_request(PEER, 9, APP); }), lines_t({}));
+    EXPECT_EQ(logged(0, [] { zeb_fc_ping_request(APP, {PEER, 9}); }), lines_t({}));
     EXPECT_EQ(fake_tipc::take_sent().size(), 1u) << "the echo goes out all the same";
-    EXPECT_EQ(logged(E, [] { zeb_fc_ping_echo(PEER, 9, APP); }), lines_t({"3 ZEB app 100 recv ping echo from 200/9."}));
+    EXPECT_EQ(logged(E,
+                     [] {
+                         zeb_fc_ping_echo(APP, {PEER, 9});
+                     }),
+              lines_t({"3 ZEB app 100 recv ping echo from 200/9."}));
 }
 
 TEST_F(zeb_flow_ctrl, a_ping_tells_how_many_messages_of_the_sender_are_still_queued)
@@ -429,19 +458,9 @@ TEST_F(zeb_flow_ctrl, a_ping_tells_how_many_messages_of_the_sender_are_still_que
     peer_online(10, true, PEER, 300);
     for (uint32_t node : {9u, 10u, 9u})
         receive(wire::message(from_peer(0, node, PEER, 300), {1}), 300);
-    lines_t lines = logged(E, [] { zeb_fc_ping_request(PEER, 9, 300); });
+    lines_t lines = logged(E, [] { zeb_fc_ping_request(300, {PEER, 9}); });
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[1], "3 ZEB app 300 from 200/9 unprocess num: 2.");
-}
-
-TEST_F(zeb_flow_ctrl, with_errors_neither_printed_nor_recorded_a_ping_does_not_count_the_queue)
-{
-    zeb_app_info_t *info = zeb_get_app_info(APP);
-    zeb_mutex_lock(&info->mutex); // counting would wait for it
-    EXPECT_EQ(logged(V | I | W, [] { zeb_fc_ping_request(PEER, 9, APP); }),
-              lines_t({"0 ZEB app 100 ping echo to 200/9.", "0 ZEB app 100 sent to 200/9, msg len 40."}));
-    zeb_mutex_unlock(&info->mutex);
-    EXPECT_EQ(fake_tipc::take_sent().size(), 1u);
 }
 
 // Statistics of synchronisation messages.
@@ -456,16 +475,19 @@ static std::string stat_text()
 TEST_F(zeb_flow_ctrl, synchronisation_messages_are_counted_by_type)
 {
     for (int type : {1, 1, 1, 2, 9})
-        zeb_mng_stat_update_sent(APP, PEER, 9, type);
+        zeb_mng_stat_update_sent(APP, {PEER, 9}, type);
     for (int type : {1, 2, 9, 9})
-        zeb_mng_stat_update_recv(APP, PEER, 9, type);
-    zeb_mng_stat_update_send_fail(PEER, 9, APP);
-    zeb_mng_stat_update_recv_reject(PEER, 9, APP);
+        zeb_mng_stat_update_recv(APP, {PEER, 9}, type);
+    zeb_mng_stat_update_send_fail(APP, {PEER, 9});
+    zeb_mng_stat_update_recv_reject(APP, {PEER, 9});
     EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
                            "  total send 5, total recv 4\n"
                            "    Send to application 200/9: inst 3, inst ack 1, inst seq ack 1, failed 1\n"
                            "    Receive from application 200/9: inst 1, inst ack 1, inst seq ack 2,reject 1\n");
-    EXPECT_EQ(logged(I, [] { zeb_clean_mng_msg_stat(APP, PEER, 9); }),
+    EXPECT_EQ(logged(I,
+                     [] {
+                         zeb_clean_mng_msg_stat(APP, {PEER, 9});
+                     }),
               lines_t({"1 ZEB clean mng msg stat between app 100 and 200/9."}));
     EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
                            "  total send 0, total recv 0\n"
@@ -476,17 +498,23 @@ TEST_F(zeb_flow_ctrl, synchronisation_messages_are_counted_by_type)
 TEST_F(zeb_flow_ctrl, cleaning_lowers_the_total_by_what_was_counted)
 {
     for (int type : {1, 1, 1, 2})
-        zeb_mng_stat_update_sent(APP, PEER, 9, type);
-    zeb_mng_stat_update_sent(APP, PEER, 10, 1);
-    zeb_clean_mng_msg_stat(APP, PEER, 9);
+        zeb_mng_stat_update_sent(APP, {PEER, 9}, type);
+    zeb_mng_stat_update_sent(APP, {PEER, 10}, 1);
+    zeb_clean_mng_msg_stat(APP, {PEER, 9});
     EXPECT_THAT(stat_text(), testing::HasSubstr("total send 1, total recv 0\n"));
 }
 
 TEST_F(zeb_flow_ctrl, another_type_is_warned_about_but_makes_the_record)
 {
-    EXPECT_EQ(logged(W, [] { zeb_mng_stat_update_sent(APP, PEER, 9, 0); }),
+    EXPECT_EQ(logged(W,
+                     [] {
+                         zeb_mng_stat_update_sent(APP, {PEER, 9}, 0);
+                     }),
               lines_t({"2 ZEB app 100 update send mng msg stat type 0 not support."}));
-    EXPECT_EQ(logged(W, [] { zeb_mng_stat_update_recv(APP, PEER, 9, 3); }),
+    EXPECT_EQ(logged(W,
+                     [] {
+                         zeb_mng_stat_update_recv(APP, {PEER, 9}, 3);
+                     }),
               lines_t({"2 ZEB app 100 update recv mng msg stat type 3 not support."}));
     EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
                            "  total send 0, total recv 0\n"
@@ -496,31 +524,34 @@ TEST_F(zeb_flow_ctrl, another_type_is_warned_about_but_makes_the_record)
 
 TEST_F(zeb_flow_ctrl, a_synchronisation_returned_by_application_1_changes_no_counter)
 {
-    zeb_mng_stat_update_recv_reject(1, 9, APP);
+    zeb_mng_stat_update_recv_reject(APP, {1, 9});
     EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n  total send 0, total recv 0\n");
 }
 
 TEST_F(zeb_flow_ctrl, unknown_senders_are_counted_up_to_a_limit)
 {
-    list_index_t *index = &zeb_get_app_fc(APP)->recv_index;
-    zeb_fc_update_recv_drop(PEER, 1, APP, 1);
+    list_index_t *index = &zeb_get_app_fc(APP)->recv_list.index;
+    zeb_fc_update_recv_drop(APP, {PEER, 1}, 1);
     int num = index->num;
     index->num = ZEB_FC_UNKNOWN_NUM_MAX;
-    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(PEER, 2, APP, 1); }),
+    EXPECT_EQ(logged(E,
+                     [] {
+                         zeb_fc_update_recv_drop(APP, {PEER, 2}, 1);
+                     }),
               lines_t({"3 ZEB app 100 has no room for 200/2."}));
-    EXPECT_TRUE(logged(E, [] { zeb_fc_update_recv_drop(PEER, 1, APP, 1); }).empty());
+    EXPECT_TRUE(logged(E, [] { zeb_fc_update_recv_drop(APP, {PEER, 1}, 1); }).empty());
     index->num = num;
 }
 
 TEST_F(zeb_flow_ctrl, absurd_acknowledgements_of_several_peers_wrap_the_total)
 {
     for (uint32_t node : {1u, 2u}) // each takes its own record to the lowest number
-        zeb_fc_update_sent_ack(APP, PEER, node, 0xFFFFFFFF);
-    zeb_fc_update_sent_ack(APP, PEER, 3, 1);
+        zeb_fc_update_sent_ack(APP, {PEER, node}, 0xFFFFFFFF);
+    zeb_fc_update_sent_ack(APP, {PEER, 3}, 1);
     int32_t total = zeb_get_app_fc(APP)->total_send_unack;
     EXPECT_EQ(total, -1);
     zeb_get_app_fc(APP)->total_send_unack = INT32_MAX;
-    zeb_fc_update_sent_ok(APP, PEER, 4);
+    zeb_fc_update_sent_ok(APP, {PEER, 4});
     EXPECT_EQ(zeb_get_app_fc(APP)->total_send_unack, INT32_MIN);
     zeb_get_app_fc(APP)->total_send_unack = total + 1;
 }
@@ -532,15 +563,15 @@ TEST_F(zeb_flow_ctrl, a_record_with_peers_is_removed_whole)
     zeb_app_rpc_wait_t *rpc = zeb_add_app_rpc_wait(300);
     {
         zeb_scoped_lock lock(&fc->mutex);
-        (void)__zeb_get_send_app_fc(fc, PEER, 1);
-        (void)__zeb_get_recv_app_fc(fc, PEER, 1);
+        (void)__zeb_get_send_app_fc(fc, {PEER, 1});
+        (void)__zeb_get_recv_app_fc(fc, {PEER, 1});
     }
     auto *send = (zeb_send_mng_stat_t *)zeb_malloc(sizeof(zeb_send_mng_stat_t));
     auto *recv = (zeb_recv_mng_stat_t *)zeb_malloc(sizeof(zeb_recv_mng_stat_t));
     auto *wait = (zeb_rpc_wait_t *)zeb_malloc(sizeof(zeb_rpc_wait_t));
-    list_add_tail(&send->list, &stat->send_list);
-    list_add_tail(&recv->list, &stat->recv_list);
-    list_add_tail(&wait->list, &rpc->wait_list);
+    list_add_tail(&send->list, &stat->send_list.list);
+    list_add_tail(&recv->list, &stat->recv_list.list);
+    list_add_tail(&wait->list, &rpc->wait_list.list);
     zeb_del_app_fc(fc); // a leak would be found under AddressSanitizer
     zeb_del_mng_stat(stat);
     zeb_del_app_rpc_wait(rpc);
@@ -549,9 +580,9 @@ TEST_F(zeb_flow_ctrl, a_record_with_peers_is_removed_whole)
 TEST_F(zeb_flow_ctrl, statistics_of_an_unknown_application_are_one_error)
 {
     const std::function<void()> calls[] = {
-        [] { zeb_mng_stat_update_sent(999, PEER, 9, 1); },   [] { zeb_mng_stat_update_recv(999, PEER, 9, 1); },
-        [] { zeb_mng_stat_update_send_fail(PEER, 9, 999); }, [] { zeb_mng_stat_update_recv_reject(PEER, 9, 999); },
-        [] { zeb_clean_mng_msg_stat(999, PEER, 9); },
+        [] { zeb_mng_stat_update_sent(999, {PEER, 9}, 1); },   [] { zeb_mng_stat_update_recv(999, {PEER, 9}, 1); },
+        [] { zeb_mng_stat_update_send_fail(999, {PEER, 9}); }, [] { zeb_mng_stat_update_recv_reject(999, {PEER, 9}); },
+        [] { zeb_clean_mng_msg_stat(999, {PEER, 9}); },
     };
     for (const auto &call : calls)
         EXPECT_EQ(logged(E, call), lines_t({"3 ZEB app 999 get mng msg stat failed."}));
@@ -564,11 +595,11 @@ TEST_F(zeb_flow_ctrl, the_lines_of_the_statistics_are_these)
 {
     EXPECT_EQ(logged(15,
                      [] {
-                         zeb_mng_stat_update_sent(APP, PEER, 9, 2);
-                         zeb_mng_stat_update_recv(APP, PEER, 9, 9);
-                         zeb_mng_stat_update_send_fail(PEER, 9, APP);
-                         zeb_mng_stat_update_recv_reject(PEER, 9, APP);
-                         zeb_clean_mng_msg_stat(APP, PEER, 10);
+                         zeb_mng_stat_update_sent(APP, {PEER, 9}, 2);
+                         zeb_mng_stat_update_recv(APP, {PEER, 9}, 9);
+                         zeb_mng_stat_update_send_fail(APP, {PEER, 9});
+                         zeb_mng_stat_update_recv_reject(APP, {PEER, 9});
+                         zeb_clean_mng_msg_stat(APP, {PEER, 10});
                      }),
               lines_t({"0 ZEB app 100 update send mng msg stat to 200/9, type 2.",
                        "0 ZEB app 100 add new send mng msg stat to 200/9.",

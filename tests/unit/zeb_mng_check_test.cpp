@@ -1,5 +1,6 @@
 // The check of the invariants finds what is broken, and nothing in a process that is well.
 #ifdef ZEB_INVARIANTS
+#include "by_number.h"
 #include "handshake_core.h"
 #include "lib_test.h"
 #include "platform/list_algo.h"
@@ -71,8 +72,8 @@ TEST_F(zeb_mng_check, an_index_that_disagrees_with_its_list_is_found)
               "sync_inst_retry_list of 0 has 0 records and counts 1\n");
     EXPECT_EQ(broken_with(&g_zeb_handshake.inst_id.index.num, 0), "inst_id_list of 0 has 1 records and counts 0\n");
     zeb_mc_t *mc = &zeb_get_app_info(APP)->mc;
-    EXPECT_EQ(broken_with(&mc->app_mc_index.num, 1), "app_mc_list of 100 has 0 records and counts 1\n");
-    EXPECT_EQ(broken_with(&mc->node_mc_index.num, 1), "node_mc_list of 100 has 0 records and counts 1\n");
+    EXPECT_EQ(broken_with(&mc->app_mc_list.index.num, 1), "app_mc_list of 100 has 0 records and counts 1\n");
+    EXPECT_EQ(broken_with(&mc->node_mc_list.index.num, 1), "node_mc_list of 100 has 0 records and counts 1\n");
 }
 
 TEST_F(zeb_mng_check, totals_that_disagree_with_their_records_are_found)
@@ -88,10 +89,10 @@ TEST_F(zeb_mng_check, totals_that_disagree_with_their_records_are_found)
 
 TEST_F(zeb_mng_check, the_drift_of_a_join_is_the_exact_one)
 {
-    zeb_fc_update_sent_ok(APP, PEER, 8);
-    zeb_fc_update_sent_ok(APP, PEER, 8);
-    zeb_fc_update_sent_ack(APP, PEER, 8, 1);
-    zeb_fc_adjust_statistics(APP, PEER, 8);
+    zeb_fc_update_sent_ok(APP, {PEER, 8});
+    zeb_fc_update_sent_ok(APP, {PEER, 8});
+    zeb_fc_update_sent_ack(APP, {PEER, 8}, 1);
+    zeb_fc_adjust_statistics(APP, {PEER, 8});
     EXPECT_EQ(zeb_get_app_fc(APP)->total_send_unack, -1) << "two were sent and one of them acknowledged";
     EXPECT_EQ(broken(), "");
 }
@@ -105,8 +106,8 @@ TEST_F(zeb_mng_check, a_call_whose_answers_disagree_with_its_places_or_whose_cal
 {
     zeb_reply_msg_t reply;
     memset(&reply, 0, sizeof(reply));
-    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 5, 1, &reply), 0);
-    ASSERT_EQ(zeb_rpc_set_wait(APP, 5, PEER, PEER_NODE), 0);
+    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 5, &reply, 1), 0);
+    ASSERT_EQ(zeb_rpc_set_wait(APP, 5, {PEER, PEER_NODE}), 0);
     zeb_rpc_wait_t *wait = zeb_get_rpc_wait(APP, 5);
     EXPECT_EQ(broken_with(&wait->wait_inst[0], 0u), "100: a call with 1 places settled and 0 answers\n");
     EXPECT_EQ(broken_with(&wait->caller, 0x3FFFFFFF), "100: the caller of call 5 is gone\n");

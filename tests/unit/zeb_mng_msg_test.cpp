@@ -30,7 +30,10 @@ TEST_F(zeb_mng_msg, the_sequence_number_is_seeded_and_goes_on_from_there)
 TEST_F(zeb_mng_msg, a_send_from_an_application_without_socket_is_refused_untouched)
 {
     zeb_msg_hdr_t before = msg_->hdr;
-    EXPECT_EQ(logged(15, [&] { EXPECT_EQ(zeb_tipc_sendto(APP, msg_, PEER, PEER_NODE, 0), -EINVAL); }),
+    EXPECT_EQ(logged(15,
+                     [&] {
+                         EXPECT_EQ(zeb_tipc_sendto(APP, msg_, {PEER, PEER_NODE}, 0), -EINVAL);
+                     }),
               lines_t({"3 ZEB app 100 socket descriptor invalid."}));
     EXPECT_EQ(memcmp(&before, &msg_->hdr, sizeof(before)), 0);
     EXPECT_TRUE(fake_tipc::take_sent().empty());
@@ -40,7 +43,10 @@ TEST_F(zeb_mng_msg, a_message_goes_to_the_name_of_its_instance)
 {
     start_app();
     zeb_encode_msg_hdr(msg_, 0, APP, NODE, PEER, 65535, 0, 0);
-    EXPECT_EQ(logged(V, [&] { EXPECT_EQ(zeb_tipc_sendto(APP, msg_, PEER, 65535, 0), 0); }),
+    EXPECT_EQ(logged(V,
+                     [&] {
+                         EXPECT_EQ(zeb_tipc_sendto(APP, msg_, {PEER, 65535}, 0), 0);
+                     }),
               lines_t({"0 ZEB app 100 sent to 200/65535, msg len 40."}));
     auto sent = fake_tipc::take_sent();
     ASSERT_EQ(sent.size(), 1u);
@@ -60,8 +66,8 @@ TEST_F(zeb_mng_msg, a_message_goes_to_the_name_of_its_instance)
 TEST_F(zeb_mng_msg, only_the_nowait_flag_makes_the_write_non_blocking)
 {
     start_app();
-    EXPECT_EQ(zeb_tipc_sendto(APP, msg_, PEER, 1, ZEB_SEND_NOWAIT), 0);
-    EXPECT_EQ(zeb_tipc_sendto(APP, msg_, PEER, 1, ~ZEB_SEND_NOWAIT), 0);
+    EXPECT_EQ(zeb_tipc_sendto(APP, msg_, {PEER, 1}, ZEB_SEND_NOWAIT), 0);
+    EXPECT_EQ(zeb_tipc_sendto(APP, msg_, {PEER, 1}, ~ZEB_SEND_NOWAIT), 0);
     auto sent = fake_tipc::take_sent();
     EXPECT_EQ(sent[0].flags, MSG_NOSIGNAL | MSG_DONTWAIT);
     EXPECT_EQ(sent[1].flags, MSG_NOSIGNAL);
@@ -74,7 +80,7 @@ TEST_F(zeb_mng_msg, interrupted_and_memoryless_writes_are_repeated_without_limit
     fault::fail_next("sendto", ENOBUFS, 500);
     fault::fail_next("sendto", ENOMEM, 500);
     fault::fail_next("sendto", EINTR, 500);
-    lines_t lines = logged(W | E, [&] { EXPECT_EQ(zeb_tipc_sendto(APP, msg_, PEER, 1, 0), 0); });
+    lines_t lines = logged(W | E, [&] { EXPECT_EQ(zeb_tipc_sendto(APP, msg_, {PEER, 1}, 0), 0); });
     EXPECT_EQ(fault::count("sendto"), 1501);
     ASSERT_EQ(lines.size(), 1500u);
     EXPECT_EQ(lines[0], "3 ZEB sendto failed: No buffer space available.");
@@ -87,7 +93,10 @@ TEST_F(zeb_mng_msg, a_full_socket_fails_after_one_attempt)
     start_app();
     fault::reset();
     fault::fail_next("sendto", EAGAIN);
-    EXPECT_EQ(logged(W | E, [&] { EXPECT_EQ(zeb_tipc_sendto(APP, msg_, PEER, 3, ZEB_SEND_NOWAIT), -1); }),
+    EXPECT_EQ(logged(W | E,
+                     [&] {
+                         EXPECT_EQ(zeb_tipc_sendto(APP, msg_, {PEER, 3}, ZEB_SEND_NOWAIT), -1);
+                     }),
               lines_t({"3 ZEB sendto failed: Resource temporarily unavailable.",
                        "2 ZEB app 100 sent to 200/3 failed: Resource temporarily unavailable, msg len 40, sent -1."}));
     EXPECT_EQ(fault::count("sendto"), 1);
@@ -99,7 +108,7 @@ TEST_F(zeb_mng_msg, a_short_write_fails_after_one_attempt)
     start_app();
     fault::reset();
     fault::fail_next("sendto", fault::SHORT);
-    lines_t lines = logged(W | E, [&] { EXPECT_EQ(zeb_tipc_sendto(APP, msg_, PEER, 3, 0), -1); });
+    lines_t lines = logged(W | E, [&] { EXPECT_EQ(zeb_tipc_sendto(APP, msg_, {PEER, 3}, 0), -1); });
     EXPECT_EQ(fault::count("sendto"), 1);
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[1], "2 ZEB app 100 sent to 200/3 failed: Input/output error, msg len 40, sent 39.");

@@ -1,6 +1,7 @@
 // The wait table and the exported RPC calls.
 #include <thread>
 
+#include "by_number.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
@@ -225,10 +226,10 @@ TEST_F(zeb_rpc_calls, an_instance_that_cannot_be_written_to_gets_a_substitute)
 TEST_F(zeb_rpc_calls, late_double_and_unasked_answers_are_refused)
 {
     peer_online(3);
-    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 55, 1, &reply_), 0);
-    EXPECT_EQ(zeb_rpc_prepare_wait(APP, 55, 1, &reply_), -EEXIST);
-    EXPECT_EQ(zeb_rpc_prepare_wait(999, 56, 1, &reply_), -ENOENT);
-    ASSERT_EQ(zeb_rpc_set_wait(APP, 55, PEER, 3), 0);
+    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 55, &reply_, 1), 0);
+    EXPECT_EQ(zeb_rpc_prepare_wait(APP, 55, &reply_, 1), -EEXIST);
+    EXPECT_EQ(zeb_rpc_prepare_wait(999, 56, &reply_, 1), -ENOENT);
+    ASSERT_EQ(zeb_rpc_set_wait(APP, 55, {PEER, 3}), 0);
     answer(3, 55);
     EXPECT_EQ(logged(E, [&] { answer(3, 55); }), lines_t({"3 ZEB app 100 seq 55 clear wait for app 200/3 not exist."}));
     EXPECT_THAT(logged(V, [&] { answer(3, 56); }),
@@ -237,7 +238,7 @@ TEST_F(zeb_rpc_calls, late_double_and_unasked_answers_are_refused)
     EXPECT_EQ(zeb_rpc_wait_reply(APP, 55), 0);
     EXPECT_THAT(logged(V, [&] { answer(3, 55); }),
                 testing::Contains("0 ZEB app 100 seq 55 to 200/3 RPC wait not exist."));
-    EXPECT_EQ(zeb_rpc_add_error_reply(APP, 57, PEER, 3, ZEB_SYSTEM_ERR), -ENOENT);
+    EXPECT_EQ(zeb_rpc_add_error_reply(APP, 57, {PEER, 3}, ZEB_SYSTEM_ERR), -ENOENT);
     EXPECT_EQ(reply_.num, 1);
 }
 
@@ -371,11 +372,11 @@ TEST_F(zeb_rpc_calls, a_sequence_that_is_waited_for_already_fails_the_call)
 {
     peer_online(3);
     zeb_reply_msg_t other = {};
-    ASSERT_EQ(zeb_rpc_prepare_wait(APP, zeb_get_seq() + 1, 9, &other), 0);
+    ASSERT_EQ(zeb_rpc_prepare_wait(APP, zeb_get_seq() + 1, &other, 9), 0);
     EXPECT_EQ(logged(W | E, [&] { EXPECT_EQ(zeb_rpc(APP, PEER, msg_, 0, 1, &reply_), -EEXIST); }),
               lines_t({"2 ZEB app 100 to 200 prepare RPC wait failed: File exists."}));
     uint32_t seq = zeb_get_seq() + 1;
-    ASSERT_EQ(zeb_rpc_prepare_wait(APP, seq, 8, &other), 0);
+    ASSERT_EQ(zeb_rpc_prepare_wait(APP, seq, &other, 8), 0);
     EXPECT_EQ(logged(W | E, [&] { EXPECT_EQ(zeb_rpcto(APP, 3, PEER, msg_, 0, 1, &reply_), -EEXIST); }),
               lines_t({"2 ZEB app 100 to 200/3 prepare RPC wait failed: File exists."}));
     EXPECT_TRUE(fake_tipc::take_sent().empty());
@@ -460,7 +461,7 @@ TEST_F(zeb_rpc_calls, the_lines_of_a_call_to_one_node_that_waits_are_these)
                 testing::Contains("0 ZEB app 100 seq " + std::to_string((int)seq) + " wait for RPC reply in 60s."));
     EXPECT_EQ(logged(V,
                      [] {
-                         (void)zeb_rpc_prepare_wait(APP, 55, 1, nullptr);
+                         (void)zeb_rpc_prepare_wait(APP, 55, nullptr, 1);
                          zeb_rpc_del_wait(APP, 55);
                      }),
               lines_t({"0 ZEB app 100 seq 55 RPC prepare wait.", "0 ZEB add new app 100 seq 55 RPC wait.",
@@ -491,12 +492,15 @@ TEST_F(zeb_rpc_calls, a_quit_ends_its_part_of_every_call_and_wakes_even_when_the
 {
     zeb_reply_msg_t replies[3] = {};
     for (uint32_t i = 0; i < 3; i++) {
-        ASSERT_EQ(zeb_rpc_prepare_wait(APP, 70 + i, 1, &replies[i]), 0);
-        ASSERT_EQ(zeb_rpc_set_wait(APP, 70 + i, PEER, 3), 0);
-        ASSERT_EQ(zeb_rpc_set_wait(APP, 70 + i, PEER, i == 1 ? 5 : 4), 0);
+        ASSERT_EQ(zeb_rpc_prepare_wait(APP, 70 + i, &replies[i], 1), 0);
+        ASSERT_EQ(zeb_rpc_set_wait(APP, 70 + i, {PEER, 3}), 0);
+        ASSERT_EQ(zeb_rpc_set_wait(APP, 70 + i, {PEER, i == 1 ? 5u : 4u}), 0);
     }
     int woken = fault::broadcasts(cond());
-    EXPECT_EQ(logged(V | W, [] { EXPECT_EQ(zeb_terminate_rpc(APP, PEER, 4), 0); }),
+    EXPECT_EQ(logged(V | W,
+                     [] {
+                         EXPECT_EQ(zeb_terminate_rpc(APP, {PEER, 4}), 0);
+                     }),
               lines_t({"0 ZEB try to terminate app 100 RPC to 200/4.", "2 ZEB terminate app 100 seq 70 RPC to 200/4.",
                        "2 ZEB terminate app 100 seq 72 RPC to 200/4."}));
     EXPECT_EQ(fault::broadcasts(cond()), woken + 1);
@@ -510,7 +514,7 @@ TEST_F(zeb_rpc_calls, a_quit_ends_its_part_of_every_call_and_wakes_even_when_the
     EXPECT_EQ(hdr.dst_app, APP);
     EXPECT_EQ(hdr.dst_node, NODE);
     EXPECT_EQ(hdr.app_ver, 1u);
-    EXPECT_EQ(logged(W, [] { EXPECT_EQ(zeb_terminate_rpc(APP, PEER, 4), 0); }), lines_t({})) << "settled once";
+    EXPECT_EQ(logged(W, [] { EXPECT_EQ(zeb_terminate_rpc(APP, {PEER, 4}), 0); }), lines_t({})) << "settled once";
     EXPECT_EQ(fault::broadcasts(cond()), woken + 2);
     for (uint32_t i = 0; i < 3; i++) {
         zeb_rpc_del_wait(APP, 70 + i);
@@ -520,16 +524,22 @@ TEST_F(zeb_rpc_calls, a_quit_ends_its_part_of_every_call_and_wakes_even_when_the
 
 TEST_F(zeb_rpc_calls, a_substitute_is_filed_only_for_an_instance_that_is_waited_for)
 {
-    EXPECT_EQ(logged(V | W | E, [] { EXPECT_EQ(zeb_rpc_add_error_reply(APP, 57, PEER, 3, ZEB_TIMEOUT), -ENOENT); }),
+    EXPECT_EQ(logged(V | W | E,
+                     [] {
+                         EXPECT_EQ(zeb_rpc_add_error_reply(APP, 57, {PEER, 3}, ZEB_TIMEOUT), -ENOENT);
+                     }),
               lines_t({"2 ZEB add error reply for app 100 seq 57 from 200/3 status RPC timeout.",
                        "0 ZEB app 100 seq 57 RPC wait not exist."}));
-    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 57, 1, &reply_), 0);
-    ASSERT_EQ(zeb_rpc_set_wait(APP, 57, PEER, 4), 0);
-    EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_rpc_add_error_reply(APP, 57, PEER, 3, ZEB_TIMEOUT), -ENOENT); }),
+    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 57, &reply_, 1), 0);
+    ASSERT_EQ(zeb_rpc_set_wait(APP, 57, {PEER, 4}), 0);
+    EXPECT_EQ(logged(E,
+                     [] {
+                         EXPECT_EQ(zeb_rpc_add_error_reply(APP, 57, {PEER, 3}, ZEB_TIMEOUT), -ENOENT);
+                     }),
               lines_t({"3 ZEB app 100 seq 57 clear wait for app 200/3 not exist."}));
     EXPECT_EQ(reply_.num, 0);
     int woken = fault::broadcasts(cond());
-    EXPECT_EQ(zeb_rpc_add_error_reply(APP, 57, PEER, 4, ZEB_TIMEOUT), 0);
+    EXPECT_EQ(zeb_rpc_add_error_reply(APP, 57, {PEER, 4}, ZEB_TIMEOUT), 0);
     EXPECT_EQ(fault::broadcasts(cond()), woken + 1);
     EXPECT_EQ(outcomes(), lines_t({"200/4 5"}));
     zeb_rpc_del_wait(APP, 57);
@@ -549,16 +559,16 @@ TEST_F(zeb_rpc_calls, an_application_mismatch_answer_arrives_with_its_range_in_t
 TEST_F(zeb_rpc_calls, a_call_that_is_not_there_ends_the_process)
 {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    EXPECT_DEATH(zeb_rpc_set_wait(APP, 55, PEER, 3), "wait != NULL");
+    EXPECT_DEATH(zeb_rpc_set_wait(APP, 55, {PEER, 3}), "wait != NULL");
     EXPECT_DEATH(zeb_rpc_del_wait(APP, 55), "wait != NULL");
     EXPECT_DEATH((void)zeb_rpc_wait_reply(APP, 55), "wait != NULL");
     EXPECT_DEATH((void)zeb_rpc_wait_reply(999, 55), "rpc != NULL");
-    EXPECT_DEATH((void)zeb_terminate_rpc(999, PEER, 3), "rpc != NULL");
-    EXPECT_DEATH((void)zeb_rpc_add_error_reply(999, 55, PEER, 3, ZEB_SYSTEM_ERR), "rpc != NULL");
+    EXPECT_DEATH((void)zeb_terminate_rpc(999, {PEER, 3}), "rpc != NULL");
+    EXPECT_DEATH((void)zeb_rpc_add_error_reply(999, 55, {PEER, 3}, ZEB_SYSTEM_ERR), "rpc != NULL");
     EXPECT_DEATH(
         {
-            (void)zeb_rpc_prepare_wait(APP, 55, 1, &reply_);
-            (void)zeb_rpc_set_wait(APP, 55, PEER, 65536);
+            (void)zeb_rpc_prepare_wait(APP, 55, &reply_, 1);
+            (void)zeb_rpc_set_wait(APP, 55, {PEER, 65536});
         },
         "zeb_valid_node_id\\(dst_node\\)");
 }
@@ -566,8 +576,8 @@ TEST_F(zeb_rpc_calls, a_call_that_is_not_there_ends_the_process)
 TEST_F(zeb_rpc_calls, a_condition_that_fails_ends_the_process)
 {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 55, 1, &reply_), 0);
-    ASSERT_EQ(zeb_rpc_set_wait(APP, 55, PEER, 3), 0);
+    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 55, &reply_, 1), 0);
+    ASSERT_EQ(zeb_rpc_set_wait(APP, 55, {PEER, 3}), 0);
     EXPECT_DEATH(
         {
             fault::end_waits(cond(), EINVAL);
@@ -577,7 +587,7 @@ TEST_F(zeb_rpc_calls, a_condition_that_fails_ends_the_process)
     EXPECT_DEATH(
         {
             fault::fail_broadcast(cond(), EINVAL);
-            (void)zeb_rpc_add_error_reply(APP, 55, PEER, 3, ZEB_SYSTEM_ERR);
+            (void)zeb_rpc_add_error_reply(APP, 55, {PEER, 3}, ZEB_SYSTEM_ERR);
         },
         "ret == 0");
     zeb_rpc_del_wait(APP, 55);
@@ -669,11 +679,11 @@ TEST_F(zeb_rpc_calls, a_failed_answer_is_counted)
 TEST_F(zeb_rpc_calls, the_listing_is_this_text)
 {
     peer_online(3);
-    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 55, 6, &reply_), 0);
+    ASSERT_EQ(zeb_rpc_prepare_wait(APP, 55, &reply_, 6), 0);
     for (uint32_t node : {3u, 4u, 5u})
-        ASSERT_EQ(zeb_rpc_set_wait(APP, 55, PEER, node), 0);
+        ASSERT_EQ(zeb_rpc_set_wait(APP, 55, {PEER, node}), 0);
     answer(3, 55);
-    ASSERT_EQ(zeb_rpc_add_error_reply(APP, 55, PEER, 4, ZEB_SYSTEM_ERR), 0);
+    ASSERT_EQ(zeb_rpc_add_error_reply(APP, 55, {PEER, 4}, ZEB_SYSTEM_ERR), 0);
     zeb_buf_printf_reset();
     zeb_cli_print_rpc_stat(APP);
     EXPECT_EQ(buffer_text(), "Application 100 RPC waits:\n"

@@ -1,4 +1,5 @@
 // zeb_send and zeb_sendto.
+#include "by_number.h"
 #include "handshake_core.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
@@ -180,7 +181,7 @@ TEST_F(zeb_user_proxy_send, a_node_group_is_sent_to_in_list_order)
 static void fill_window(uint32_t app, uint32_t node)
 {
     for (int i = 0; i < 1025; i++)
-        zeb_fc_update_sent_ok(APP, app, node);
+        zeb_fc_update_sent_ok(APP, {app, node});
 }
 
 TEST_F(zeb_user_proxy_send, one_refused_member_sends_to_none)
@@ -384,6 +385,23 @@ TEST_F(zeb_user_proxy_unregistered, sending_finds_no_server)
 {
     EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), -ENOENT);
     EXPECT_EQ(zeb_sendto(APP, 3, PEER, msg_, 0), -ENOENT);
+}
+
+TEST_F(zeb_user_proxy_unregistered, a_server_that_is_online_is_not_said_to_be_missing)
+{
+    start_app(APP + 1);
+    peer_online(PEER_NODE, true, PEER, APP + 1);
+    const lines_t lines = {"3 ZEB app 100 get flow control failed.",
+                           "2 ZEB app 100 to 200 check msg flow ctrl failed: No such file or directory.",
+                           "3 ZEB app 100 get flow control failed."};
+    EXPECT_EQ(logged(W | E, [&] { EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), -ENOENT); }), lines);
+    EXPECT_EQ(logged(W | E, [&] { EXPECT_EQ(zeb_sendto(APP, PEER_NODE, PEER, msg_, 0), -ENOENT); }), lines);
+    lines_t all = logged(V, [&] {
+        (void)zeb_send(APP, PEER, msg_, 0);
+        (void)zeb_sendto(APP, PEER_NODE, PEER, msg_, 0);
+    });
+    EXPECT_THAT(all, testing::Each(testing::Not(testing::HasSubstr("has no server"))));
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
 }
 
 TEST_F(zeb_user_proxy_unregistered, this_node_is_no_destination_while_it_is_not_known)

@@ -1,9 +1,11 @@
 // Management messages.
+#include "by_number.h"
 #include "lib_test.h"
 #include "platform/gvr.h"
+#include "zeb_app_info.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng_msg.h"
+#include "zeb_mng_msg_mng.h"
 #include "zeb_rpc.h"
 
 using wire::operator+;
@@ -29,7 +31,7 @@ extern "C" void protect_selfhealing_flush_buf_in_emergency(void)
     s_actions.emplace_back("flush");
 }
 
-class zeb_mng_msg_mng : public lib_test
+class zeb_mng_recv_mng : public lib_test
 {
   protected:
     void SetUp() override
@@ -48,18 +50,29 @@ class zeb_mng_msg_mng : public lib_test
     }
 };
 
-TEST_F(zeb_mng_msg_mng, the_four_senders_write_one_element)
+TEST_F(zeb_mng_recv_mng, the_four_senders_write_one_element)
 {
     struct {
         std::function<int()> send;
         const char *body;
         const char *line;
     } rows[] = {
-        {[] { return zeb_send_fc_ack(APP, 9, PEER, 512); }, "0008000000000200",
-         "0 ZEB app 100 send msg ack num 512 to 200/9."},
-        {[] { return zeb_send_fc_ping(APP, 9, PEER); }, "00040006", "0 ZEB app 100 ping to 200/9."},
-        {[] { return zeb_send_fc_ping_echo(APP, 9, PEER); }, "00040007", "0 ZEB app 100 ping echo to 200/9."},
-        {[] { return zeb_send_fc_reload(APP, 9, PEER); }, "00040008", "0 ZEB app 100 try to reload 200/9."},
+        {[] {
+             return zeb_send_fc_ack(APP, {PEER, 9}, 512);
+         },
+         "0008000000000200", "0 ZEB app 100 send msg ack num 512 to 200/9."},
+        {[] {
+             return zeb_send_fc_ping(APP, {PEER, 9});
+         },
+         "00040006", "0 ZEB app 100 ping to 200/9."},
+        {[] {
+             return zeb_send_fc_ping_echo(APP, {PEER, 9});
+         },
+         "00040007", "0 ZEB app 100 ping echo to 200/9."},
+        {[] {
+             return zeb_send_fc_reload(APP, {PEER, 9});
+         },
+         "00040008", "0 ZEB app 100 try to reload 200/9."},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(logged(V, [&] { EXPECT_EQ(row.send(), 0); })[0], row.line);
@@ -78,10 +91,10 @@ TEST_F(zeb_mng_msg_mng, the_four_senders_write_one_element)
     }
 }
 
-TEST_F(zeb_mng_msg_mng, an_acknowledgement_of_512_lowers_the_count_by_512)
+TEST_F(zeb_mng_recv_mng, an_acknowledgement_of_512_lowers_the_count_by_512)
 {
     for (int i = 0; i < 600; i++)
-        zeb_fc_update_sent_ok(APP, PEER, 9);
+        zeb_fc_update_sent_ok(APP, {PEER, 9});
     lines_t lines = manage(V, wire::tlv(0, {0, 0, 2, 0}));
     EXPECT_THAT(lines, testing::IsSupersetOf(
                            {"0 ZEB app 100 recv mgmt msg from 200/9, data len 4, type processed message num ack.",
@@ -91,7 +104,7 @@ TEST_F(zeb_mng_msg_mng, an_acknowledgement_of_512_lowers_the_count_by_512)
     EXPECT_THAT(buffer_text(), testing::HasSubstr("Send to application 200/9: send 600, unack 88,"));
 }
 
-TEST_F(zeb_mng_msg_mng, two_elements_run_both_handlers_in_order)
+TEST_F(zeb_mng_recv_mng, two_elements_run_both_handlers_in_order)
 {
     lines_t lines = manage(V | E, wire::tlv(0, {0, 0, 0, 1}) + wire::tlv(6, {}));
     auto ack = std::find(lines.begin(), lines.end(), "0 ZEB recv ack num 1 for 100 from 200/9.");
@@ -102,7 +115,16 @@ TEST_F(zeb_mng_msg_mng, two_elements_run_both_handlers_in_order)
     EXPECT_EQ(wire::hex(wire::body_of(fake_tipc::take_sent().at(0).bytes)), "00040007");
 }
 
-TEST_F(zeb_mng_msg_mng, a_malformed_second_element_ends_the_walk_after_the_first)
+TEST_F(zeb_mng_recv_mng, with_errors_neither_printed_nor_recorded_a_ping_does_not_count_the_queue)
+{
+    zeb_app_info_t *info = zeb_get_app_info(APP);
+    zeb_mutex_lock(&info->mutex); // counting would wait for it
+    EXPECT_EQ(manage(I | W, wire::tlv(6, {})), lines_t({}));
+    zeb_mutex_unlock(&info->mutex);
+    EXPECT_EQ(fake_tipc::take_sent().size(), 1u);
+}
+
+TEST_F(zeb_mng_recv_mng, a_malformed_second_element_ends_the_walk_after_the_first)
 {
     for (const wire::bytes_t &bad : {wire::bytes_t{0, 3, 0, 6}, wire::bytes_t{0, 9, 0, 6}, wire::bytes_t{0, 4},
                                      wire::tlv(0, {1, 2}), wire::tlv(3, {1, 2, 3, 4})}) {
@@ -113,7 +135,7 @@ TEST_F(zeb_mng_msg_mng, a_malformed_second_element_ends_the_walk_after_the_first
     }
 }
 
-TEST_F(zeb_mng_msg_mng, synchronisation_and_unknown_elements_are_only_warned_about)
+TEST_F(zeb_mng_recv_mng, synchronisation_and_unknown_elements_are_only_warned_about)
 {
     for (uint16_t type : {1, 2, 9, 10, 65535})
         EXPECT_EQ(manage(W | E, wire::tlv(type, wire::bytes_t(24, 0))),
@@ -121,7 +143,7 @@ TEST_F(zeb_mng_msg_mng, synchronisation_and_unknown_elements_are_only_warned_abo
     EXPECT_TRUE(fake_tipc::take_sent().empty());
 }
 
-TEST_F(zeb_mng_msg_mng, the_debug_switch_is_in_the_senders_byte_order)
+TEST_F(zeb_mng_recv_mng, the_debug_switch_is_in_the_senders_byte_order)
 {
     int32_t cmd[2] = {3, 1};
     const uint8_t *bytes = (const uint8_t *)cmd;
@@ -132,7 +154,7 @@ TEST_F(zeb_mng_msg_mng, the_debug_switch_is_in_the_senders_byte_order)
     EXPECT_EQ(g_zeb_dbg_level, 0u);
 }
 
-TEST_F(zeb_mng_msg_mng, the_debug_switch_reaches_every_level)
+TEST_F(zeb_mng_recv_mng, the_debug_switch_reaches_every_level)
 {
     testing::internal::CaptureStdout();
     for (int32_t level : {0, 1, 2, 3}) {
@@ -146,14 +168,14 @@ TEST_F(zeb_mng_msg_mng, the_debug_switch_reaches_every_level)
     (void)testing::internal::GetCapturedStdout();
 }
 
-TEST_F(zeb_mng_msg_mng, an_answered_request_says_nothing)
+TEST_F(zeb_mng_recv_mng, an_answered_request_says_nothing)
 {
     for (uint16_t type : {4, 5})
         EXPECT_EQ(manage(W | E, wire::tlv(type, {}), wire::MNG | wire::REQUEST), lines_t({})) << type;
     EXPECT_EQ(fake_tipc::take_sent().size(), 2u);
 }
 
-TEST_F(zeb_mng_msg_mng, an_information_request_is_answered)
+TEST_F(zeb_mng_recv_mng, an_information_request_is_answered)
 {
     EXPECT_THAT(manage(V, wire::tlv(4, {}), wire::MNG | wire::REQUEST),
                 testing::Contains("0 ZEB recv get app 100 info request."));
@@ -171,7 +193,7 @@ TEST_F(zeb_mng_msg_mng, an_information_request_is_answered)
     EXPECT_THAT(words, testing::ElementsAre(APP, (uint32_t)getpid(), 1u));
 }
 
-TEST_F(zeb_mng_msg_mng, an_information_message_that_is_no_request_is_an_error)
+TEST_F(zeb_mng_recv_mng, an_information_message_that_is_no_request_is_an_error)
 {
     EXPECT_THAT(manage(E, wire::tlv(4, {})),
                 testing::Contains("3 ZEB app 100 reply app info failed: Invalid argument."));
@@ -179,7 +201,7 @@ TEST_F(zeb_mng_msg_mng, an_information_message_that_is_no_request_is_an_error)
                 testing::Contains("3 ZEB app 100 reply app statistics failed: Invalid argument."));
 }
 
-TEST_F(zeb_mng_msg_mng, a_statistics_request_is_answered_with_all_listings)
+TEST_F(zeb_mng_recv_mng, a_statistics_request_is_answered_with_all_listings)
 {
     EXPECT_THAT(manage(V, wire::tlv(5, {}), wire::MNG | wire::REQUEST),
                 testing::Contains("0 ZEB recv get app 100 statistics request."));
@@ -197,7 +219,7 @@ TEST_F(zeb_mng_msg_mng, a_statistics_request_is_answered_with_all_listings)
     }
 }
 
-TEST_F(zeb_mng_msg_mng, a_reload_is_ignored_unless_both_switches_are_on)
+TEST_F(zeb_mng_recv_mng, a_reload_is_ignored_unless_both_switches_are_on)
 {
     EXPECT_EQ(manage(15 & ~V, wire::tlv(8, {})).size(), 2u)
         << "only the two lines about the missing configuration file";
@@ -209,7 +231,7 @@ TEST_F(zeb_mng_msg_mng, a_reload_is_ignored_unless_both_switches_are_on)
     EXPECT_TRUE(s_actions.empty());
 }
 
-TEST_F(zeb_mng_msg_mng, a_reload_with_both_switches_on_aborts_through_the_self_healing_library)
+TEST_F(zeb_mng_recv_mng, a_reload_with_both_switches_on_aborts_through_the_self_healing_library)
 {
     write_conf("[MISC_CONF]\nzeb_blocked_resume_enabled=true\n");
     zeb_enable_blocked_resume();
@@ -219,7 +241,7 @@ TEST_F(zeb_mng_msg_mng, a_reload_with_both_switches_on_aborts_through_the_self_h
     EXPECT_EQ(fault::count("sleep"), 1);
 }
 
-TEST_F(zeb_mng_msg_mng, a_failing_self_healing_library_does_not_fail_the_registration)
+TEST_F(zeb_mng_recv_mng, a_failing_self_healing_library_does_not_fail_the_registration)
 {
     s_init_result = 5;
     lines_t lines = logged(E, [&] { start_app(300); });
@@ -228,7 +250,7 @@ TEST_F(zeb_mng_msg_mng, a_failing_self_healing_library_does_not_fail_the_registr
 
 // The management daemon in its own process.
 
-TEST_F(zeb_mng_msg_mng, the_daemon_sees_whole_messages_in_its_dispatcher)
+TEST_F(zeb_mng_recv_mng, the_daemon_sees_whole_messages_in_its_dispatcher)
 {
     start_app(1, {4, 6});
     wire::header_t header = from_peer(wire::MNG, 9, PEER, 1);
@@ -257,12 +279,12 @@ TEST_F(zeb_mng_msg_mng, the_daemon_sees_whole_messages_in_its_dispatcher)
                 testing::Contains("0 ZEB app 1 seq 0 to 200/9 RPC wait not exist."));
 }
 
-TEST_F(zeb_mng_msg_mng, an_answer_to_the_daemon_is_filed_in_its_call)
+TEST_F(zeb_mng_recv_mng, an_answer_to_the_daemon_is_filed_in_its_call)
 {
     start_app(1, {4});
     zeb_reply_msg_t reply = {};
-    ASSERT_EQ(zeb_rpc_prepare_wait(1, 77, 1, &reply), 0);
-    ASSERT_EQ(zeb_rpc_set_wait(1, 77, PEER, 9), 0);
+    ASSERT_EQ(zeb_rpc_prepare_wait(1, 77, &reply, 1), 0);
+    ASSERT_EQ(zeb_rpc_set_wait(1, 77, {PEER, 9}), 0);
     wire::header_t header = from_peer(wire::MNG | wire::REQUEST | wire::ACK, 9, PEER, 1);
     header.seq = 77;
     receive(wire::message(header, {1, 2, 3}), 1);
@@ -273,7 +295,7 @@ TEST_F(zeb_mng_msg_mng, an_answer_to_the_daemon_is_filed_in_its_call)
     zeb_reply_msg_free(&reply);
 }
 
-TEST_F(zeb_mng_msg_mng, the_handlers_lines_are_these)
+TEST_F(zeb_mng_recv_mng, the_handlers_lines_are_these)
 {
     EXPECT_EQ(manage(15, wire::tlv(7, {}) + wire::tlv(9, {1, 2})),
               lines_t({"0 ZEB app 100 recv new msg.",
@@ -283,7 +305,7 @@ TEST_F(zeb_mng_msg_mng, the_handlers_lines_are_these)
                        "2 ZEB app 100 recv unexpected data type 9 from 200/9."}));
 }
 
-TEST_F(zeb_mng_msg_mng, an_answer_that_cannot_be_written_is_one_error)
+TEST_F(zeb_mng_recv_mng, an_answer_that_cannot_be_written_is_one_error)
 {
     for (uint16_t type : {4, 5}) {
         fault::fail_next("sendto", EHOSTUNREACH);
@@ -295,7 +317,7 @@ TEST_F(zeb_mng_msg_mng, an_answer_that_cannot_be_written_is_one_error)
     }
 }
 
-TEST_F(zeb_mng_msg_mng, a_message_to_the_daemon_in_a_process_that_is_none_is_refused)
+TEST_F(zeb_mng_recv_mng, a_message_to_the_daemon_in_a_process_that_is_none_is_refused)
 {
     wire::header_t header = from_peer(wire::MNG, 9, PEER, 1);
     EXPECT_EQ(logged(E, [&] { receive(wire::message(header, wire::tlv(5, {}))); }),
