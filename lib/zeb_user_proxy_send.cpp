@@ -37,6 +37,7 @@ void zeb_name_dst(zeb_dst_t *dst, uint32_t src_app, zeb_inst_t named, int flags)
     dst->flags = flags;
     dst->all_nodes = named.node == ZEB_NODE_ALL;
     dst->servers_fresh = false;
+    dst->servers.blocks = 0;
 }
 
 int zeb_get_app_mbrs(zeb_dst_t *dst)
