@@ -58,7 +58,7 @@ typedef struct zeb_fc_s {
     std::atomic<uint32_t> recv_exception;                            // relaxed; bad incoming messages
     indexed_list<zeb_send_app_fc_t> send_list ZEB_GUARDED_BY(mutex); // by destination, in order of first use
     indexed_list<zeb_recv_app_fc_t> recv_list ZEB_GUARDED_BY(mutex); // by source, in order of first use
-    int blocked_num ZEB_GUARDED_BY(mutex);                           // send records past their window
+    std::atomic<int> blocked_num; // send records past their window; written under the mutex
 } zeb_fc_t;
 
 zeb_fc_t *zeb_add_app_fc(uint32_t app); // null on failure
@@ -72,8 +72,9 @@ static inline zeb_fc_t *zeb_get_app_fc(uint32_t app)
 
 // What every message passes; the caller has looked the record up.
 //
-// Asks whether the application may send to `dst_app`; waits until it may. 0; -EAGAIN with ZEB_SEND_NOWAIT; -ENOENT
-// without record.
+// Asks whether the application may send to `dst_app`; waits until it may. 0; ZEB_FC_WAITED after a wait; -EAGAIN with
+// ZEB_SEND_NOWAIT; -ENOENT without record.
+constexpr int ZEB_FC_WAITED = 1;
 int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags);
 void zeb_fc_update_sent_ok(zeb_fc_t *fc, zeb_inst_t dst);
 void zeb_fc_update_recv_ok(zeb_fc_t *fc, zeb_inst_t src); // may send an acknowledgement

@@ -151,8 +151,8 @@ static void check_flow_ctrl(report_t *report, zeb_fc_t *fc)
     expect(report, (uint32_t)fc->total_send_unack + fc->unack_drift == sent_unack,
            "%u: unacknowledged %d in total with a drift of %u, %u by peer\n", app, fc->total_send_unack,
            fc->unack_drift, sent_unack);
-    expect(report, fc->blocked_num == blocked, "%u: counts %d blocked destinations, %d are\n", app, fc->blocked_num,
-           blocked);
+    expect(report, fc->blocked_num.load() == blocked, "%u: counts %d blocked destinations, %d are\n", app,
+           fc->blocked_num.load(), blocked);
     expect(report, fc->total_recv == received, "%u: received %u in total, %u by peer\n", app, fc->total_recv, received);
     expect(report, (uint32_t)fc->total_recv_unack == received_unack,
            "%u: received and unacknowledged %d in total, %u by peer\n", app, fc->total_recv_unack, received_unack);

@@ -12,8 +12,8 @@
 #include "zeb_slot.h"
 
 // The destinations of one call: as its caller named them, and what that stands for: member applications, nodes, and per
-// member the instances that are online servers. A server set is taken afresh each time, so an instance that goes away
-// in between is not written to.
+// member the instances that are online servers. The set of the last member that was asked for stays for the writing
+// where no time has passed since; otherwise it is taken anew, so that an instance that went away is not written to.
 typedef struct zeb_dst_s {
     uint32_t src_app;
     zeb_app_mng_t *slot; // of src_app; null when that is not registered here
@@ -24,6 +24,8 @@ typedef struct zeb_dst_s {
     int node_num;        // likewise of `nodes`
     zeb_app_mc_t apps;   // 0 is an empty place
     zeb_node_mc_t nodes; // unless all_nodes; above 65535 is an empty place
+    bool servers_fresh;  // `servers` are those of the one member, and nothing was waited for
+    zeb_app_set_t servers;
 } zeb_dst_t;
 
 bool zeb_check_src_app(uint32_t src_app);

@@ -36,6 +36,8 @@ void zeb_name_dst(zeb_dst_t *dst, uint32_t src_app, zeb_inst_t named, int flags)
     dst->named = named;
     dst->flags = flags;
     dst->all_nodes = named.node == ZEB_NODE_ALL;
+    dst->servers_fresh = false;
+    dst->servers.blocks = 0;
 }
 
 int zeb_get_app_mbrs(zeb_dst_t *dst)
@@ -92,23 +94,22 @@ zeb_member_t zeb_get_member_servers(const zeb_dst_t *dst, uint32_t member, zeb_a
     return member_with(zeb_has_app_server(servers));
 }
 
-static bool zeb_has_app_node_server(const zeb_dst_t *dst, const zeb_app_set_t *servers)
+static bool zeb_has_app_node_server(const zeb_dst_t *dst)
 {
     for (int i = 0; i < dst->node_num; i++) {
-        if (zeb_app_set_test(servers, dst->nodes.mbr[i]))
+        if (zeb_app_set_test(&dst->servers, dst->nodes.mbr[i]))
             return true;
     }
     return false;
 }
 
 // True when the member has an instance that the call addresses.
-static bool member_has_server(const zeb_dst_t *dst, uint32_t member)
+static bool member_has_server(zeb_dst_t *dst, uint32_t member)
 {
-    zeb_app_set_t servers;
-    zeb_member_t found = zeb_get_member_servers(dst, member, &servers);
+    zeb_member_t found = zeb_get_member_servers(dst, member, &dst->servers);
     if (found == ZEB_MEMBER_NO_SERVER)
         ZEB_VERBOSE("ZEB app %d to %d has no server.\n", dst->src_app, member);
-    return found == ZEB_MEMBER_SERVERS && (dst->all_nodes || zeb_has_app_node_server(dst, &servers));
+    return found == ZEB_MEMBER_SERVERS && (dst->all_nodes || zeb_has_app_node_server(dst));
 }
 
 // The line of a call that reaches nobody; `when` follows its last word.
@@ -124,7 +125,7 @@ static void log_no_server(const zeb_dst_t *dst, const char *when)
 
 // Asks flow control for every member that has a server; a refusal for one sends to none. -ENOENT when no member has
 // one.
-static int check_members(const zeb_dst_t *dst)
+static int check_members(zeb_dst_t *dst)
 {
     zeb_fc_t *fc = nullptr;
     for (int i = 0; i < dst->app_num; i++) {
@@ -133,7 +134,8 @@ static int check_members(const zeb_dst_t *dst)
             continue;
         fc = dst->slot != nullptr ? dst->slot->fc : zeb_fc_not_found(dst->src_app);
         int ret = zeb_fc_check(fc, member, dst->flags);
-        if (ret == 0)
+        dst->servers_fresh = ret == 0 && dst->app_num == 1;
+        if (ret >= 0)
             continue;
         ZEB_WARN("ZEB app %d to %d check msg flow ctrl failed: %s.\n", dst->src_app, member, strerror(-ret));
         return ret;
@@ -173,15 +175,16 @@ static int send_instance(const zeb_dst_t *dst, zeb_msg_t *msg, zeb_inst_t to)
 }
 
 // Writes the message to every instance. Returns how many were tried; `ret` becomes -1 when one failed.
-static int send_all(const zeb_dst_t *dst, zeb_msg_t *msg, int *ret)
+static int send_all(zeb_dst_t *dst, zeb_msg_t *msg, int *ret)
 {
     int tried = 0;
     for (int i = 0; i < dst->app_num; i++) {
         uint32_t member = dst->apps.mbr[i];
-        zeb_app_set_t servers;
-        if (member == 0 || zeb_get_member_servers(dst, member, &servers) != ZEB_MEMBER_SERVERS)
+        if (member == 0)
             continue;
-        zeb_each_instance(dst, &servers, [&](uint32_t node) {
+        if (!dst->servers_fresh && zeb_get_member_servers(dst, member, &dst->servers) != ZEB_MEMBER_SERVERS)
+            continue;
+        zeb_each_instance(dst, &dst->servers, [&](uint32_t node) {
             tried++;
             if (send_instance(dst, msg, {member, node}) != 0)
                 *ret = -1;

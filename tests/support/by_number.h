@@ -9,7 +9,8 @@
 static inline int zeb_fc_check(uint32_t src_app, uint32_t dst_app, int flags)
 {
     zeb_fc_t *fc = zeb_get_app_fc(src_app);
-    return zeb_fc_check(fc != nullptr ? fc : zeb_fc_not_found(src_app), dst_app, flags);
+    int ret = zeb_fc_check(fc != nullptr ? fc : zeb_fc_not_found(src_app), dst_app, flags);
+    return ret == ZEB_FC_WAITED ? 0 : ret;
 }
 
 static inline void zeb_fc_update_sent_ok(uint32_t src_app, zeb_inst_t dst)

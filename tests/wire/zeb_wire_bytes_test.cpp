@@ -4,7 +4,7 @@
 
 #include <sys/socket.h>
 
-#include "zeb_mng_msg.h"    // for calls alone: no path of the library ends in these two
+#include "zeb_mng_msg.h" // for calls alone: no path of the library ends in these two
 
 using wire::operator+;
 using wire::bytes_t;
