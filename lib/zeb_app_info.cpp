@@ -18,8 +18,7 @@
 #include "zeb_tipc.h"
 #include "zeb_rpc.h"
 
-constexpr int THREAD_NAME_LEN = 16;         // the kernel's limit
-constexpr uint32_t STREAMED_LEN_MAX = 4096; // larger ones are better taken up while they are in the cache
+constexpr int THREAD_NAME_LEN = 16; // the kernel's limit
 
 // Delivers one event record and frees it.
 static void zeb_dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
@@ -169,11 +168,6 @@ static void enqueue(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     append(app_info, msg);
     zeb_cond_signal(&app_info->msg_cond);
-}
-
-bool zeb_comes_in_streams(const zeb_msg_t *msg)
-{
-    return msg->hdr.flag == 0 && msg->hdr.len <= STREAMED_LEN_MAX;
 }
 
 void zeb_queue_msg(zeb_msg_t *msg, zeb_app_info_t *app_info)

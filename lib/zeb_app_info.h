@@ -50,7 +50,12 @@ static inline zeb_app_info_t *zeb_get_app_info(uint32_t app)
 void zeb_enqueue_msg_dist(zeb_msg_t *msg, zeb_app_info_t *app_info);
 
 // One-way messages that are not large come in streams: one woken thread may take many.
-bool zeb_comes_in_streams(const zeb_msg_t *msg);
+constexpr uint32_t ZEB_STREAMED_LEN_MAX = 4096; // larger ones are better taken up while they are in the cache
+
+static inline bool zeb_comes_in_streams(const zeb_msg_t *msg)
+{
+    return msg->hdr.flag == 0 && msg->hdr.len <= ZEB_STREAMED_LEN_MAX;
+}
 
 // For the receive thread, while it may have more to read: queues a message for the proxy thread without waking it, and
 // wakes it. Before anything that may take its time the second must follow the first.

@@ -28,6 +28,12 @@ static const char DEFAULT_ROOT[] = "/velk";
 static const char ROOT_VARIABLE[] = "VELK_DIR";
 static constexpr size_t SUB_DIRS_LEN = sizeof("/dev/zeb"); // with the terminator
 
+// Whoever opens the stream, a management tool too: what is logged goes there.
+__attribute__((constructor)) static void take_log_lines()
+{
+    zeb_set_log_sink(zeb_dm_record_log);
+}
+
 void zeb_set_log_size(size_t size)
 {
     if (size != 0)
@@ -235,7 +241,6 @@ void zeb_dm_init()
     } else {
         (void)setvbuf(log, nullptr, _IOLBF, 0);
         g_zeb_log_fp = log;
-        zeb_set_log_sink(zeb_dm_record_log);
     }
     s_stat_fp = open_file(&name, "stat", path);
     if (s_stat_fp == nullptr)

@@ -141,6 +141,7 @@ typedef struct zeb_handshake_s {
     const zeb_hs_effects_t *effects;
     void *ctx;                                  // of the effects
     bool timer_inst_retry_open;                 // a retry timer is pending: at most one is
+    std::atomic<uint32_t> ol_app_changes;       // counts applications that come and go; read without the caller's lock
     indexed_list<zeb_ol_app_t> ol_app;          // by application
     indexed_list<zeb_inst_id_t> inst_id;        // by instance, as are the others
     indexed_list<zeb_pending_sync_t> inst_sync; // our unacknowledged SYNC_INSTs, in the order in which they were sent
@@ -178,6 +179,15 @@ typedef struct zeb_inst_state_s {
     bool instance; // has synchronised with us
     bool online;
 } zeb_inst_state_t;
+
+// `ol` may be null: nobody talks to the application.
+static inline zeb_inst_state_t zeb_ol_app_inst_state(const zeb_ol_app_t *ol, uint32_t node)
+{
+    if (ol == nullptr)
+        return {false, false};
+    bool online = zeb_app_set_test(&ol->ol_bmp, node); // only one that has synchronised is
+    return {online || zeb_app_set_test(&ol->inst_bmp, node), online};
+}
 
 zeb_inst_state_t zeb_hs_get_inst_state(const zeb_handshake_t *hs, zeb_inst_t inst);
 

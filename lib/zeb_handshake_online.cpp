@@ -54,10 +54,7 @@ bool zeb_hs_get_app_server_on(const zeb_handshake_t *hs, uint32_t app, const uin
 
 zeb_inst_state_t zeb_hs_get_inst_state(const zeb_handshake_t *hs, zeb_inst_t inst)
 {
-    const zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
-    if (ol == nullptr)
-        return {false, false};
-    return {zeb_app_set_test(&ol->inst_bmp, inst.node), zeb_app_set_test(&ol->ol_bmp, inst.node)};
+    return zeb_ol_app_inst_state(zeb_hs_get_ol_app(hs, inst.app), inst.node);
 }
 
 // Setters and clearers: one of each for each bit.
@@ -254,7 +251,10 @@ static zeb_subscr_app_t *new_subscr_app(uint32_t app)
 void zeb_hs_add_comm_app(zeb_handshake_t *hs, uint32_t src_app, uint32_t dst_app)
 {
     HS_INFO(hs, "ZEB app %d add comm with %d.\n", src_app, dst_app);
-    zeb_ol_app_t *ol = indexed_list_find_or_create(&hs->ol_app, dst_app, [&] { return new_ol_app(dst_app); });
+    zeb_ol_app_t *ol = indexed_list_find_or_create(&hs->ol_app, dst_app, [&] {
+        hs->ol_app_changes.fetch_add(1, std::memory_order_release);
+        return new_ol_app(dst_app);
+    });
     (void)list_find_or_create<zeb_subscr_app_t>(
         &ol->subscr_app_list, [&](const zeb_subscr_app_t *subscr) { return subscr->subscr_app == src_app; },
         [&] { return new_subscr_app(src_app); });
@@ -272,6 +272,7 @@ void zeb_hs_del_comm_app(zeb_handshake_t *hs, uint32_t src_app)
         if (!list_empty(&ol->subscr_app_list))
             return;
         hs->effects->unsubscribe(hs->ctx, ol->app_id);
+        hs->ol_app_changes.fetch_add(1, std::memory_order_release);
         indexed_list_remove(&hs->ol_app, ol);
         free(ol);
     });

@@ -9,6 +9,7 @@ void zeb_hs_init(zeb_handshake_t *hs, const zeb_hs_effects_t *effects, void *ctx
     hs->effects = effects;
     hs->ctx = ctx;
     hs->timer_inst_retry_open = false;
+    hs->ol_app_changes.fetch_add(1, std::memory_order_release);
     indexed_list_init(&hs->ol_app);
     indexed_list_init(&hs->inst_id);
     indexed_list_init(&hs->inst_sync);

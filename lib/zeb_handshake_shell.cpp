@@ -290,6 +290,28 @@ zeb_inst_state_t zeb_get_inst_state(zeb_inst_t inst)
     return zeb_hs_get_inst_state(&g_zeb_handshake, inst);
 }
 
+// The record of the application that sent last, valid while no application has come or gone.
+static struct {
+    uint32_t changes;
+    uint32_t app;
+    const zeb_ol_app_t *ol;
+} s_sender;
+
+static void look_up_sender(uint32_t app)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    s_sender.changes = g_zeb_handshake.ol_app_changes.load(std::memory_order_relaxed);
+    s_sender.app = app;
+    s_sender.ol = zeb_hs_get_ol_app(&g_zeb_handshake, app);
+}
+
+zeb_inst_state_t zeb_get_sender_state(zeb_inst_t inst) ZEB_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (s_sender.app != inst.app || s_sender.changes != g_zeb_handshake.ol_app_changes.load(std::memory_order_acquire))
+        look_up_sender(inst.app);
+    return zeb_ol_app_inst_state(s_sender.ol, inst.node);
+}
+
 bool zeb_app_online(zeb_inst_t inst)
 {
     return zeb_get_inst_state(inst).online;

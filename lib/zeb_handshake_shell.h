@@ -43,6 +43,9 @@ bool zeb_has_app_server(const zeb_app_set_t *ol_srv); // no lock
 // call to few nodes: nothing is copied that it does not ask for.
 bool zeb_get_app_server_on(uint32_t app, const uint32_t *nodes, int num, zeb_app_set_t *ol_srv);
 zeb_inst_state_t zeb_get_inst_state(zeb_inst_t inst);
+
+// The same for the receive thread alone, without the lock: no other thread changes the sets.
+zeb_inst_state_t zeb_get_sender_state(zeb_inst_t inst);
 bool zeb_app_online(zeb_inst_t inst);
 bool zeb_app_instance(zeb_inst_t inst);
 

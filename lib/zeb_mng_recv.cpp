@@ -253,7 +253,7 @@ static bool route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
         refuse_sender(msg, app_info->app_id);
         return false;
     }
-    zeb_inst_state_t sender = zeb_get_inst_state(src);
+    zeb_inst_state_t sender = zeb_get_sender_state(src);
     if (app_info->app_id != ZEBD_APP_ID && src.app != ZEBD_APP_ID && !sender.instance) {
         zeb_socket_recv_drop_msg(msg);
         return false;
