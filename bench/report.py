@@ -12,6 +12,7 @@ SEEN, OUT = sys.argv[1], "bench/results"
 PARTS = (("lab", "In the lab: Linux 6.1 in an emulated machine", "1 to 1, two nodes"),
          ("wire", "In the lab: two emulated machines on one wire", "1 to 1, two machines"),
          ("sim", "On the simulator, natively", "1 to 1, two nodes"))
+CORES = "## Instances that start at once: the handshake's core alone, in virtual time"
 PLOTTED = ("zeb", "zeb-nothread", "threads", "threads-nothread", "zmq", "nng")
 
 
@@ -21,6 +22,14 @@ def load(name):
         return None
     with open(path, encoding="utf-8") as seen:
         return json.load(seen)
+
+
+def load_lines(name):
+    path = f"{SEEN}/{name}.json"
+    if not os.path.exists(path):
+        return None
+    with open(path, encoding="utf-8") as seen:
+        return [json.loads(line) for line in seen]
 
 
 def ratios(result, name, base="raw"):
@@ -100,6 +109,38 @@ def growth_tables(growth, start):
     return lines
 
 
+def core_table(starts):
+    rows = [(f"{s['instances']:,}", f"{s['work']:,} µs", f"{s['messages']:,}", f"{s['sync']:.2f}", f"{s['again']:.2f}", f"{s['ack']:.2f}",
+             f"{s['half']:.2f} s", f"{s['most']:.2f} s", f"{s['last']:.2f} s", f"{s['quiet']:.2f} s", f"{s['longest']:,}",
+             f"{s['end']:.1f} s", f"{s['cpu']:,.1f} s", f"{s['rss_mb']:,.0f} MB") for s in starts]
+    return [f"\n{CORES}\n",
+            "As above, without CPUs and processes: all instances name each other and bind at 0 s, a name is reported to each within "
+            f"{starts[0]['skew']} ms, a message takes {starts[0]['delay']} ms, and *work* is what an instance needs for each message or "
+            "event that it reads. A pair is ordered, and an instance is a peer of its own. Made by `bench/run cores` and "
+            "`bench/run report`, a row by\n`build/release/tests/explore/zeb_explore_growth --instances N --work US`. In every row all "
+            "pairs are online in the end, and nothing is left that could send again.\n",
+            "| instances | work | messages | a pair: SYNC_INST | sent again | acknowledgements | half online after | 99 % | all | "
+            "last message sent | most waiting in a socket | virtual time | CPU time | memory |",
+            "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|"] + [f"| {' | '.join(row)} |" for row in rows]
+
+
+def write_growth(growth, start, cores):
+    """What was not measured anew stays."""
+    path = f"{OUT}/growth.md"
+    text = ""
+    if os.path.exists(path):
+        with open(path, encoding="utf-8") as old:
+            text = old.read()
+    head, _, tail = text.partition(CORES)
+    parts = ["# How the cost grows"] + growth_tables(growth, start) if growth or start else [head.rstrip()]
+    if cores:
+        parts += core_table(cores)
+    elif tail:
+        parts += ["\n" + CORES + tail.rstrip()]
+    with open(path, "w", encoding="utf-8") as out:
+        out.write("\n".join(parts) + "\n")
+
+
 def plot(results, name, stage):
     rows = [r for r in results if r["cpus"] == 2 and r["stage"] == stage and r["verb"] in ("oneway", "trip")]
     if not rows:
@@ -138,10 +179,9 @@ def main():
         with open(f"{OUT}/{name}.md", "w", encoding="utf-8") as out:
             out.write("\n".join(lines) + "\n")
         plot(results, name, plotted)
-    growth, start = load("growth"), load("start")
-    if growth or start:
-        with open(f"{OUT}/growth.md", "w", encoding="utf-8") as out:
-            out.write("\n".join(["# How the cost grows"] + growth_tables(growth, start)) + "\n")
+    growth, start, cores = load("growth"), load("start"), load_lines("cores")
+    if growth or start or cores:
+        write_growth(growth, start, cores)
     print(f"{OUT}: {', '.join(sorted(os.listdir(OUT)))}")
 
 
