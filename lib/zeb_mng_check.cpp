@@ -203,10 +203,10 @@ static void check_calls(report_t *report, zeb_app_rpc_wait_t *rpc)
 static void check_groups(report_t *report, zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
 {
     if (indexed_list_is_whole(report, &mc->app_mc_list, "app_mc_list", mc->app_id))
-        expect(report, mc->app_mc_num == indexed_list_num(&mc->app_mc_list), "%u: counts %d application groups\n",
+        expect(report, mc->app_mc_num == list_length(&mc->app_mc_list.list), "%u: counts %d application groups\n",
                mc->app_id, mc->app_mc_num);
     if (indexed_list_is_whole(report, &mc->node_mc_list, "node_mc_list", mc->app_id))
-        expect(report, mc->node_mc_num == indexed_list_num(&mc->node_mc_list), "%u: counts %d node groups\n",
+        expect(report, mc->node_mc_num == list_length(&mc->node_mc_list.list), "%u: counts %d node groups\n",
                mc->app_id, mc->node_mc_num);
 }
 
