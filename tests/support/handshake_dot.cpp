@@ -54,7 +54,7 @@ static common_t common_of(zeb_pair_event_t event)
 // Lines that end at the left.
 static void add_line(std::string *text, const std::string &line)
 {
-    *text += line + "\\l";
+    *text += " " + line + "\\l";
 }
 
 typedef std::map<std::pair<int, int>, std::string> edges_t; // label by phase and next; phase -1 is any

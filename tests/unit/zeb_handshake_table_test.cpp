@@ -1,14 +1,17 @@
 // lib/zeb_handshake_table.h against the core itself: from nothing known, every event in every state that the core can
 // get into, and what it does then is what the table says. The core stands alone here, with effects that record.
 #include <cerrno>
+#include <fstream>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "handshake_dot.h"
 #include "platform/list_algo.h"
 #include "zeb_handshake_record.h"
 #include "zeb_handshake_table.h"
@@ -498,4 +501,12 @@ TEST(zeb_handshake_table_rows, have_one_row_for_a_phase_and_an_event)
     for (const zeb_pair_row_t &row : ZEB_PAIR_TABLE)
         EXPECT_TRUE(cells.emplace(row.phase, row.event).second)
             << zeb_pair_phase_text(row.phase) << ", " << ZEB_PAIR_EVENT_TEXTS[row.event];
+}
+
+TEST(zeb_handshake_table_rows, are_what_the_picture_shows)
+{
+    std::ifstream file(ZEB_DOCS "/handshake.dot");
+    std::ostringstream text;
+    text << file.rdbuf();
+    EXPECT_EQ(text.str(), handshake_dot()) << "`make docs` draws it anew";
 }
