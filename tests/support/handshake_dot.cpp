@@ -51,10 +51,10 @@ static common_t common_of(zeb_pair_event_t event)
     return common;
 }
 
-// Lines that end at the left.
+// Lines that begin at the left; beside an arrow, a space away from it.
 static void add_line(std::string *text, const std::string &line)
 {
-    *text += " " + line + "\\l";
+    *text += line + "\\l";
 }
 
 typedef std::map<std::pair<int, int>, std::string> edges_t; // label by phase and next; phase -1 is any
@@ -66,11 +66,12 @@ static edges_t all_edges()
         zeb_pair_event_t event = (zeb_pair_event_t)i;
         common_t common = common_of(event);
         if (common.phase_num != 0)
-            add_line(&edges[{-1, common.next}], line_text(event, common.phases, common.actions));
+            add_line(&edges[{-1, common.next}], " " + line_text(event, common.phases, common.actions));
     }
     for (const zeb_pair_row_t &row : ZEB_PAIR_TABLE) {
         if (common_of(row.event).phase_num == 0)
-            add_line(&edges[{row.phase, row.next}], line_text(row.event, "", row.actions));
+            add_line(&edges[{row.phase, row.next}],
+                     (row.phase == row.next ? "" : " ") + line_text(row.event, "", row.actions));
     }
     return edges;
 }
@@ -94,7 +95,7 @@ std::string handshake_dot()
                        "    graph [rankdir=TB, nodesep=0.9, ranksep=0.7, fontname=\"Helvetica\"];\n"
                        "    node [shape=box, style=rounded, fontname=\"Helvetica\", fontsize=13];\n"
                        "    edge [fontname=\"Helvetica\", fontsize=11, color=\"#555555\"];\n"
-                       "    any [label=\"any phase\\n(that is online: a quit first)\", style=\"rounded,dashed\"];\n"
+                       "    any [label=\"any phase\\n(when online: quit first)\", style=\"rounded,dashed\"];\n"
                        "    {rank=same; waiting; half}\n"
                        "    {rank=same; acked; crossed}\n"
                        "    {rank=max; online}\n";
