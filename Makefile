@@ -11,7 +11,7 @@ SEED ?= 1
 ROUNDS ?= 7
 ON ?= sim
 
-.PHONY: bench chaos explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
+.PHONY: bench chaos docs explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
 
 help: ## this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -64,6 +64,13 @@ chaos: build ## processes and faults for MINUTES=n (10) with SEED=s (1), ON=sim,
 
 explore: build ## the handshake's core against a model of TIPC, at random for SECONDS=n (60) with SEED=s (1), and exhaustively
 	@$(BUILD)/tests/explore/zeb_explore --mode all --seconds $(SECONDS) --seed $(SEED) --depth 9 --faults 1
+
+docs: ## draw docs/handshake.svg from the handshake's table, with Graphviz
+	@scripts/setup docs
+	@$(MAKE) --no-print-directory build PRESET=release
+	@build/release/tests/support/zeb_handshake_dot >docs/handshake.dot
+	@dot -Tsvg docs/handshake.dot -o docs/handshake.svg
+	@echo "drawn: docs/handshake.svg"
 
 bench: ## measure against raw TIPC, libzmq and nng (ROUNDS=7), in the lab and on the simulator; tables and a plot in bench/results
 	@scripts/setup bench

@@ -3,7 +3,8 @@
 // effects alone. It has no socket, thread, clock, lock or global, so several live in one process. The caller serialises
 // the calls on one record (zeb_handshake_shell.h is the library's).
 //
-// Each bit of an instance has one setter and one clearer, and only they touch it.
+// Each bit of an instance has one setter and one clearer, and only they touch it. zeb_handshake_table.h says what each
+// event does to a pair.
 #ifndef ZEB_HANDSHAKE_H
 #define ZEB_HANDSHAKE_H
 

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <sstream>
 
+#include "zeb_handshake_state.h"
+
 typedef struct word_s {
     const char *word;
     const char *args; // p process, n node, c application of a place (its number), s and d sender and name, k number,
@@ -236,19 +238,50 @@ bool script_parse(const std::string &text, script_t *script, std::string *error)
 
 // Running.
 
+typedef struct phases_s {
+    zeb_pair_phase_t of[PROC_NUM][APP_NUM][NAME_NUM];
+} phases_t;
+
+// Which pairs an action has brought to another phase.
+static void print_phases(const world_t *world, phases_t *known)
+{
+    for (int proc = 0; proc < PROC_NUM; proc++) {
+        for (int i = 0; i < APP_NUM * NAME_NUM; i++) {
+            int name = i % NAME_NUM;
+            const app_config_t *app = &world->config.place[proc / 2].app[i / NAME_NUM];
+            if (app->app == 0 || name_app(world, name)->app == 0)
+                continue;
+            zeb_inst_t peer = name_inst(world, name);
+            zeb_pair_phase_t phase =
+                world->proc[proc].alive ? zeb_hs_pair_phase(&world->proc[proc].hs, app->app, peer) : ZEB_PAIR_IDLE;
+            zeb_pair_phase_t *before = &known->of[proc][i / NAME_NUM][name];
+            if (phase != *before)
+                printf("        %s: %u with %u/%u is %s, was %s\n", proc_text(proc), app->app, peer.app, peer.node,
+                       zeb_pair_phase_text(phase), zeb_pair_phase_text(*before));
+            *before = phase;
+        }
+    }
+}
+
 uint32_t script_run(world_t *world, const script_t *script)
 {
     world_init(world, &script->config);
+    phases_t phases = {};
     for (action_t action : script->actions) {
         bool done = apply(world, action);
-        if (world->verbose)
+        if (world->verbose) {
             printf("%8u  %s%s\n", world->now, action_text(action).c_str(), done ? "" : "   (not possible)");
+            print_phases(world, &phases);
+        }
         if (world->violation != VIOLATION_NONE)
             return 0;
     }
     if (world->verbose)
         printf("%8u  faults end\n", world->now);
-    return calm_down(world);
+    uint32_t end = calm_down(world);
+    if (world->verbose)
+        print_phases(world, &phases);
+    return end;
 }
 
 // Shrinking: ever smaller pieces are left out, as long as it still goes wrong in the same way.

@@ -83,6 +83,23 @@ TEST_F(join_quit, a_killed_process_quits_and_joins_again)
     }
 }
 
+TEST_F(join_quit, a_killed_process_quits_though_children_that_it_forked_live_on)
+{
+    process client(1, "zeb_agent");
+    start(client, "122", "123");
+    process server(2, "zeb_agent");
+    start(server, "123", "122");
+    client.wait("join 122 123/2");
+    ASSERT_EQ(server.ask("fork"), "0");
+    EXPECT_EQ(client.ask("send 122 123 all 4 1 0"), "0") << "the child takes nothing from its parent";
+    server.wait("msg 123 122/1 len 4");
+    server.kill();
+    client.wait("quit 122 123/2");
+    process next(2, "zeb_agent");
+    start(next, "123", "122");
+    client.wait("join 122 123/2");
+}
+
 TEST_F(join_quit, a_cut_link_quits_both_sides_and_a_healed_one_joins_them_again)
 {
     process client(1, "zeb_agent");

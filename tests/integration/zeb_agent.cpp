@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <poll.h>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -255,6 +256,18 @@ static std::string do_rpc(std::istringstream &in)
     return out;
 }
 
+// fork: a child that lives until nobody speaks to the agent any more, whether that lives itself or not.
+static int do_fork()
+{
+    pid_t pid = fork();
+    if (pid != 0)
+        return pid > 0 ? 0 : -1;
+    struct pollfd commands = {0, 0, 0}; // reads none: they are the parent's
+    while ((commands.revents & POLLHUP) == 0)
+        (void)poll(&commands, 1, -1);
+    _exit(0);
+}
+
 static void print_text()
 {
     std::istringstream text((const char *)g_print_msg->data);
@@ -279,6 +292,8 @@ static std::string run_command(const std::string &line)
         zeb_run();
         return "0";
     }
+    if (verb == "fork")
+        return str(do_fork());
     if (verb == "send")
         return str(do_send(in));
     if (verb == "flood")

@@ -148,6 +148,11 @@ std::vector<pair_t> handshake_test::pending()
     return pairs;
 }
 
+std::string handshake_test::phase(pair_t pair)
+{
+    return internals::phase(pair.first, pair.second, PEER_NODE);
+}
+
 int handshake_test::retry_num()
 {
     return internals::retry_num();

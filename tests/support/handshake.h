@@ -45,6 +45,7 @@ class handshake_test : public lib_test
 
     // Synchronisations that are pending, and instances that are to be resumed, in the order of their lists.
     static std::vector<pair_t> pending();
+    static std::string phase(pair_t pair); // by the core's own word
     static int retry_num();
     static int resume_num();
 

@@ -15,6 +15,9 @@ const pthread_cond_t *answer_cond(uint32_t app);
 
 // Synchronisations that the retry timer is to send again, of all pairs.
 int retry_num();
+
+// How far a pair of a local application and a remote instance is, in a word.
+const char *phase(uint32_t my_app, uint32_t app, uint32_t node);
 } // namespace internals
 
 #endif

@@ -52,6 +52,16 @@ int fsync(int fd)
     return next<int (*)(int)>("fsync")(fd);
 }
 
+extern void *__dso_handle;
+int __register_atfork(void (*prepare)(void), void (*parent)(void), void (*child)(void), void *dso);
+
+// libc's own stands in the binary as well, for the sake of this handle.
+int pthread_atfork(void (*prepare)(void), void (*parent)(void), void (*child)(void)) noexcept
+{
+    int err = fault::take("pthread_atfork");
+    return err != 0 ? err : __register_atfork(prepare, parent, child, &__dso_handle);
+}
+
 // The library registers one callback; the test framework registers none through here that may fail.
 int atexit(void (*fun)(void))
 {

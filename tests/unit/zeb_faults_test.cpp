@@ -182,6 +182,7 @@ static const fault_case_t CASES[] = {
     {"fopen", EACCES},
     {"pthread_create", EAGAIN},
     {"atexit", ENOMEM},
+    {"pthread_atfork", ENOMEM},
     {"pthread_mutex_init", ENOMEM},
     {"pthread_condattr_init", ENOMEM},
     {"pthread_condattr_setclock", EINVAL},

@@ -150,3 +150,59 @@ TEST_F(zeb_mng_recv_stream, the_thread_is_woken_when_the_next_poll_fails)
     (void)logged(W, [] { EXPECT_EQ(delivered(1).size(), 1u); });
     EXPECT_EQ(signals() - before, 1);
 }
+
+// What another application's socket gives in the same turn, and the receive thread queues nothing of.
+struct other_t {
+    const char *what;
+    fake_tipc::item_t (*item)();
+};
+
+static void PrintTo(const other_t &other, std::ostream *out)
+{
+    *out << other.what;
+}
+
+static fake_tipc::item_t damaged()
+{
+    return {wire::bytes_t(3, 'x'), {}};
+}
+
+static fake_tipc::item_t from_nobody()
+{
+    return {wire::message(from_peer(0, PEER_NODE + 1, PEER, STREAM + 2), {1}), {}};
+}
+
+static fake_tipc::item_t come_back()
+{
+    wire::header_t ours = from_peer(0, NODE, STREAM + 2, PEER);
+    ours.dst_node = PEER_NODE;
+    return {{}, {{TIPC_RETDATA, wire::message(ours, {1})}}};
+}
+
+class zeb_mng_recv_stream_turn : public zeb_mng_recv_stream, public testing::WithParamInterface<other_t>
+{
+};
+
+TEST_P(zeb_mng_recv_stream_turn, ends_with_the_thread_woken)
+{
+    const zeb_msg_dispatcher_t table[] = {{1, see_msg}, {0, nullptr}};
+    ASSERT_EQ(zeb_register(STREAM + 2, "other", table, nullptr), 0);
+    ASSERT_EQ(zeb_comm_with(STREAM + 2, PEER), 0);
+    peer_online(PEER_NODE, true, PEER, STREAM);
+    int before = signals();
+    arrive(message());
+    fake_tipc::queue_item(sd(STREAM + 2), GetParam().item());
+    std::atomic<int> at_next_poll{-1};
+    fault::run_next("poll", [] {}); // this one finds both
+    fault::run_next("poll", [&] { at_next_poll = signals(); });
+    EXPECT_EQ(delivered(1).size(), 1u);
+    while (at_next_poll == -1)
+        (void)sched_yield();
+    EXPECT_EQ(at_next_poll - before, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(of, zeb_mng_recv_stream_turn,
+                         testing::Values(other_t{"a_damaged_datagram", damaged},
+                                         other_t{"an_unknown_sender", from_nobody},
+                                         other_t{"a_returned_message", come_back}),
+                         [](const testing::TestParamInfo<other_t> &other) { return other.param.what; });

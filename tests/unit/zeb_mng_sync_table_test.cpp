@@ -87,8 +87,8 @@ TEST_P(zeb_mng_sync_table, cell)
     const cell_t &cell = GetParam();
     enter(cell.state);
     happen(cell.event);
-    EXPECT_EQ(bits(PEER), cell.bits);
-    EXPECT_EQ(lists(), cell.lists);
+    EXPECT_EQ(bits(PEER), cell.bits) << phase({APP, PEER});
+    EXPECT_EQ(lists(), cell.lists) << phase({APP, PEER});
     EXPECT_EQ(texts(sent()), cell.sent);
     EXPECT_EQ(timers(), cell.timers);
     EXPECT_EQ(texts(seen()), cell.seen);

@@ -212,20 +212,50 @@ TEST_P(zeb_mng_start, is_undone_and_can_be_tried_again)
 
 INSTANTIATE_TEST_SUITE_P(
     step, zeb_mng_start,
-    testing::Values(start_fault_t{"pthread_condattr_init", ENOMEM, 0, -1,
-                                  "ZEB init running condition attribute failed: Cannot allocate memory."},
-                    start_fault_t{"pthread_condattr_setclock", EINVAL, 0, -1,
-                                  "ZEB set running condition clock attribute failed: Invalid argument."},
-                    start_fault_t{"pthread_cond_init", EAGAIN, 0, -1,
-                                  "ZEB init running condition failed: Resource temporarily unavailable."},
-                    start_fault_t{
-                        "socket", EAFNOSUPPORT, 0, -1,
-                        "ZEB create subscription socket descriptor failed: Address family not supported by protocol."},
-                    start_fault_t{"connect", ECONNREFUSED, 0, -1,
-                                  "ZEB connect to TIPC topology server failed: Connection refused."},
-                    start_fault_t{"pthread_create", EAGAIN, 0, -EAGAIN,
-                                  "ZEB create socket msg distribute thread failed: Resource temporarily unavailable."},
-                    start_fault_t{"atexit", 1, 0, -1, "ZEB add exit callback failed."}));
+    testing::Values(
+        start_fault_t{"pthread_condattr_init", ENOMEM, 0, -1,
+                      "ZEB init running condition attribute failed: Cannot allocate memory."},
+        start_fault_t{"pthread_condattr_setclock", EINVAL, 0, -1,
+                      "ZEB set running condition clock attribute failed: Invalid argument."},
+        start_fault_t{"pthread_cond_init", EAGAIN, 0, -1,
+                      "ZEB init running condition failed: Resource temporarily unavailable."},
+        start_fault_t{"socket", EAFNOSUPPORT, 0, -1,
+                      "ZEB create subscription socket descriptor failed: Address family not supported by protocol."},
+        start_fault_t{"connect", ECONNREFUSED, 0, -1,
+                      "ZEB connect to TIPC topology server failed: Connection refused."},
+        start_fault_t{"pthread_create", EAGAIN, 0, -EAGAIN,
+                      "ZEB create socket msg distribute thread failed: Resource temporarily unavailable."},
+        start_fault_t{"atexit", 1, 0, -1, "ZEB add exit callback failed."},
+        start_fault_t{"pthread_atfork", ENOMEM, 0, -1, "ZEB add fork callback failed: Cannot allocate memory."}));
+
+// Calls of `call` in `num` starts that `failing` lets fail.
+static int calls_in_failed_starts(const std::string &call, const std::string &failing, int num)
+{
+    constexpr int round = 1000; // after which the record of the calls is forgotten
+    int calls = 0;
+    for (int i = 0; i < num; i++) {
+        if (i % round == 0)
+            fault::fail_next(failing, ENOMEM, round);
+        EXPECT_LT(add(APP), 0);
+        if (i % round != round - 1)
+            continue;
+        calls += fault::count(call) - (call == failing ? fault::failed(call) : 0);
+        EXPECT_EQ(fault::failed(failing), round);
+        fault::reset();
+    }
+    return calls;
+}
+
+TEST_F(zeb_mng, starts_that_fail_leave_no_handler_behind)
+{
+    EXPECT_EQ(calls_in_failed_starts("pthread_atfork", "socket", 100000), 0);
+    EXPECT_EQ(calls_in_failed_starts("pthread_atfork", "atexit", 1000), 0);
+    EXPECT_EQ(calls_in_failed_starts("atexit", "pthread_atfork", 2000), 1) << "the first stays, for the next start";
+    EXPECT_EQ(calls_in_failed_starts("pthread_atfork", "pthread_atfork", 1000), 0);
+    EXPECT_EQ(add(APP), 0);
+    EXPECT_EQ(fault::count("pthread_atfork"), 1);
+    EXPECT_EQ(fault::count("atexit"), 0);
+}
 
 TEST_F(zeb_mng, a_failed_exit_hook_cancels_and_joins_the_receive_thread)
 {

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <fcntl.h>
 #include <future>
 #include <sys/wait.h>
 #include <thread>
@@ -121,6 +122,24 @@ TEST_F(zeb_process, the_parent_goes_on_after_a_fork)
     (void)take_seen();
     receive(wire::message(from_peer(), {1}));
     EXPECT_EQ(take_seen().headers.size(), 1u);
+}
+
+TEST_F(zeb_process, a_child_has_the_sockets_closed_and_the_parent_keeps_them)
+{
+    start_app();
+    start_app(APP + 1);
+    const int sds[] = {g_zeb_mng.subscr_sd, sd(), sd(APP + 1)};
+    auto open_num = [&] {
+        int num = 0;
+        for (int sd : sds)
+            num += fcntl(sd, F_GETFD) != -1 ? 1 : 0;
+        return num;
+    };
+    EXPECT_EQ(open_num(), 3);
+    EXPECT_EQ(in_child(open_num), 0);
+    EXPECT_EQ(open_num(), 3);
+    EXPECT_EQ(g_zeb_mng.subscr_sd, sds[0]);
+    EXPECT_EQ(sd(), sds[1]);
 }
 
 TEST_F(zeb_process, a_child_from_before_the_first_registration_may_have_a_library_of_its_own)
