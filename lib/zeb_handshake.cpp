@@ -35,38 +35,52 @@ int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uin
     }
     zeb_get_or_add_inst_id(hs, src_app, dst)->send_seq = seq;
     hs->effects->count(hs->ctx, ZEB_HS_SENT, src_app, dst, ZEB_MSG_SYNC_INST);
+    // The request to begin anew is made once: each repetition would end what the other applications have completed.
+    body.resume = 0;
     zeb_add_inst_sync(hs, src_app, dst, &body);
     HS_INFO(hs, "ZEB ADD INST app %d sync inst to %d/%d, seq %d.\n", src_app, dst.app, dst.node, seq);
     return 0;
 }
 
-// Synchronises every local subscriber with the instance. False when one of them could not be sent.
-bool zeb_app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
+// What could not be sent is sent after the time-out. When nobody has the name, an event tells when somebody has.
+static void sync_or_ask_later(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume)
 {
-    zeb_clear_resume_comm(hs, inst);
+    if (zeb_hs_get_subscr_app(hs, src_app, dst.app) == nullptr)
+        return; // it has left meanwhile
+    int ret = zeb_sync_app_inst(hs, src_app, dst, resume);
+    if (ret == 0)
+        return;
+    HS_ERROR(hs, "ZEB send app %d server notification to %d/%d failed.\n", src_app, dst.app, dst.node);
+    if (ret != -EHOSTUNREACH)
+        zeb_ask_later(hs, dst, ZEB_RESUME_UNSENT, src_app);
+}
+
+static void sync_subscribers(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
+{
+    zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
+    zeb_each_subscr_app(ol, [&](uint32_t subscr) { sync_or_ask_later(hs, subscr, inst, resume); });
+}
+
+// Synchronises every local subscriber with the instance.
+void zeb_app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
+{
+    zeb_clear_resume_comm(hs, inst, ZEB_RESUME_UNSENT);
     zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
     if (ol == nullptr) {
         HS_INFO(hs, "ZEB app %d/%d ol is NULL.\n", inst.app, inst.node);
-        return true;
+        return;
     }
     if (zeb_app_set_test(&ol->ol_bmp, inst.node)) {
         HS_WARN(hs, "ZEB app %d/%d had already online.\n", inst.app, inst.node);
-        return true;
+        return;
     }
-    bool sent = true;
-    zeb_each_subscr_app(ol, [&](uint32_t subscr) {
-        if (zeb_sync_app_inst(hs, subscr, inst, resume) == 0)
-            return;
-        HS_ERROR(hs, "ZEB send app %d server notification to %d/%d failed.\n", subscr, inst.app, inst.node);
-        sent = false;
-    });
-    return sent;
+    sync_subscribers(hs, inst, resume);
 }
 
 static void begin_anew(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
 {
     zeb_app_inst_force_quit(hs, inst);
-    (void)zeb_app_inst_join(hs, inst, resume);
+    zeb_app_inst_join(hs, inst, resume);
 }
 
 // The topology service.
@@ -75,10 +89,7 @@ void zeb_hs_published(zeb_handshake_t *hs, zeb_inst_t inst)
 {
     // A peer whose own connection held still takes us for known, and would take ours for a repetition.
     uint32_t resume = zeb_take_unreported(hs, inst) ? 1 : 0;
-    zeb_app_inst_force_quit(hs, inst);
-    // A peer that could not be asked is asked after the time-out.
-    if (!zeb_app_inst_join(hs, inst, resume))
-        zeb_try_resume_comm(hs, inst);
+    begin_anew(hs, inst, resume);
 }
 
 void zeb_hs_withdrawn(zeb_handshake_t *hs, zeb_inst_t inst)
@@ -91,6 +102,10 @@ void zeb_hs_topology_reopened(zeb_handshake_t *hs)
 {
     hs->timer_inst_retry_open = false;
     zeb_expect_reports(hs);
+    list_each<zeb_resume_comm_t>(&hs->resume_comm_list, [&](const zeb_resume_comm_t *resume) {
+        if (resume->kind == ZEB_RESUME_OTHER_PROCESS)
+            (void)zeb_hs_start_timer(hs, ZEB_RESUME_TIMEOUT, {ZEB_TIMER_TYPE_RESUME, resume->seq});
+    });
 }
 
 void zeb_hs_topology_reported(zeb_handshake_t *hs)
@@ -143,15 +158,24 @@ static void update_peer_state(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t p
 // A peer that has synchronised and never comes online is synchronised with anew after the time-out.
 void zeb_try_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst)
 {
-    if (zeb_hs_get_inst_state(hs, dst).online || zeb_has_sync_inst(hs, dst))
-        return;
+    if (!zeb_hs_get_inst_state(hs, dst).online && !zeb_has_sync_inst(hs, dst))
+        zeb_ask_later(hs, dst, ZEB_RESUME_PEER, 0);
+}
+
+// After the resume time-out. A name that two processes have used is kept without a timer, for the next connection.
+void zeb_ask_later(zeb_handshake_t *hs, zeb_inst_t dst, zeb_resume_kind_t kind, uint32_t unsent_app)
+{
     if (!zeb_has_room_for_resume(hs, dst)) {
         HS_WARN(hs, "ZEB resume comm to %d/%d is pending already.\n", dst.app, dst.node);
         return;
     }
     uint32_t seq = hs->effects->get_seq(hs->ctx);
-    if (zeb_hs_start_timer(hs, ZEB_RESUME_TIMEOUT, {ZEB_TIMER_TYPE_RESUME, seq}) == 0)
-        zeb_add_resume_comm(hs, seq, dst);
+    int ret = zeb_hs_start_timer(hs, ZEB_RESUME_TIMEOUT, {ZEB_TIMER_TYPE_RESUME, seq});
+    if (ret != 0 && kind != ZEB_RESUME_OTHER_PROCESS)
+        return;
+    zeb_resume_comm_t *resume = zeb_add_resume_comm(hs, seq, dst);
+    resume->kind = kind;
+    resume->unsent_app = unsent_app;
 }
 
 static void send_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint32_t seq)
@@ -170,10 +194,26 @@ static bool is_other_process(const zeb_handshake_t *hs, zeb_inst_t peer, const z
            process_id != 0 && process_id != id->sync_id;
 }
 
+// Two processes may have the name at once for a while, and no event says which of them stays.
+static void note_holder(zeb_handshake_t *hs, zeb_inst_t peer, zeb_inst_id_t *id, uint32_t process_id)
+{
+    uint32_t holder = id->holder;
+    if (process_id != 0)
+        id->holder = process_id;
+    if (holder == 0 || holder == id->holder)
+        return;
+    zeb_resume_comm_t *resume = zeb_get_resume_comm(hs, peer, ZEB_RESUME_OTHER_PROCESS);
+    if (resume == nullptr)
+        zeb_ask_later(hs, peer, ZEB_RESUME_OTHER_PROCESS, 0);
+    else
+        resume->again = true;
+}
+
 void zeb_recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body)
 {
     zeb_inst_id_t *known = zeb_get_or_add_inst_id(hs, my_app, peer);
     bool other_process = is_other_process(hs, peer, known, body->id);
+    note_holder(hs, peer, known, body->id);
     known->sync_id = body->id;
     HS_VERBOSE(hs, "ZEB app %d recv sync inst from %d/%d resume:%d, seq:%d\n", my_app, peer.app, peer.node,
                body->resume, body->seq);
@@ -185,6 +225,7 @@ void zeb_recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, c
     id->sync_server = body->is_server;
     send_ack(hs, my_app, peer, body->seq);
     id->sync_id = body->id;
+    id->holder = body->id;
     zeb_try_notify_app_join(hs, my_app, peer);
     zeb_try_resume_comm(hs, peer);
 }
@@ -216,6 +257,27 @@ void zeb_hs_recv_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, cons
     zeb_try_notify_app_join(hs, my_app, peer);
 }
 
+// True when the instance is online and the pair's last synchronisation was another process's.
+static bool is_other_holder(const zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint32_t process_id)
+{
+    const zeb_inst_id_t *id = zeb_get_inst_id(hs, my_app, peer);
+    return zeb_hs_get_inst_state(hs, peer).online && id != nullptr && id->holder != process_id;
+}
+
+static void begin_pair_anew(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer)
+{
+    zeb_del_inst_syncs_of(hs, my_app, peer);
+    sync_or_ask_later(hs, my_app, peer, 1);
+}
+
+// True when the process has not synchronised, or another one is online in its place.
+static bool is_unknown(const zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint32_t process_id)
+{
+    const zeb_inst_state_t state = zeb_hs_get_inst_state(hs, peer);
+    const zeb_inst_id_t *id = zeb_get_inst_id(hs, my_app, peer);
+    return !state.instance || (id != nullptr && is_other_process(hs, peer, id, process_id));
+}
+
 // One without a pseq tells who the peer is and whether it is a server; only one with the right pseq completes.
 void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_ack_t *body)
 {
@@ -235,8 +297,12 @@ void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, 
         HS_VERBOSE(hs, "ZEB app %d recv from %d/%d ack pseq %d invalid, need seq %d.\n", my_app, peer.app, peer.node,
                    pseq, recv_seq);
         // The peer knows us and took our synchronisation for a repetition; its own we have forgotten.
-        if (pseq != 0 && !zeb_hs_get_inst_state(hs, peer).instance && zeb_has_sync_inst_seq(hs, my_app, peer, seq))
+        if (pseq == 0 || !zeb_has_sync_inst_seq(hs, my_app, peer, seq))
+            return;
+        if (is_unknown(hs, my_app, peer, body->sync.id))
             begin_anew(hs, peer, 1);
+        else if (recv_seq == 0 || is_other_holder(hs, my_app, peer, body->sync.id))
+            begin_pair_anew(hs, my_app, peer); // online with another of our applications
         return;
     }
     if (zeb_del_inst_sync(hs, my_app, peer, seq) != 0) {
@@ -246,6 +312,8 @@ void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, 
     }
     if (zeb_hs_get_inst_state(hs, peer).instance)
         zeb_del_sync_inst_retry(hs, my_app, peer);
+    else if (zeb_hs_start_timer(hs, ZEB_INST_RETRY_TIMEOUT, {ZEB_TIMER_TYPE_INST_RETRY, 0}) == 0)
+        zeb_add_sync_inst_retry(hs, my_app, peer); // see await_sync
     zeb_set_app_inst_ack(hs, peer);
     zeb_try_notify_app_join(hs, my_app, peer);
 }
@@ -340,13 +408,29 @@ void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t)
         (void)zeb_hs_start_timer(hs, ZEB_INST_RETRY_TIMEOUT, {ZEB_TIMER_TYPE_INST_RETRY, 0});
 }
 
+// Changes nothing when the process is the one that is online. What is pending asks already.
+static void ask_holder(zeb_handshake_t *hs, zeb_inst_t inst)
+{
+    zeb_each_subscr_app(zeb_hs_get_ol_app(hs, inst.app), [&](uint32_t subscr) {
+        if (!zeb_has_sync_inst_of(hs, subscr, inst))
+            sync_or_ask_later(hs, subscr, inst, 0);
+    });
+}
+
 void zeb_process_resume_timer_event(zeb_handshake_t *hs, uint32_t seq)
 {
     zeb_resume_comm_t resume = zeb_del_resume_comm(hs, seq);
     if (resume.seq == 0)
         return; // a join or a quit has dropped it meanwhile
     HS_ERROR(hs, "ZEB resume communication to %d/%d.\n", resume.dst.app, resume.dst.node);
-    begin_anew(hs, resume.dst, 1);
+    if (resume.again)
+        zeb_ask_later(hs, resume.dst, ZEB_RESUME_OTHER_PROCESS, 0);
+    if (resume.kind == ZEB_RESUME_UNSENT)
+        sync_or_ask_later(hs, resume.unsent_app, resume.dst, 1);
+    else if (resume.kind == ZEB_RESUME_OTHER_PROCESS && zeb_hs_get_inst_state(hs, resume.dst).online)
+        ask_holder(hs, resume.dst);
+    else
+        begin_anew(hs, resume.dst, 1);
 }
 
 int zeb_hs_start_timer(zeb_handshake_t *hs, unsigned seconds, zeb_timer_t timer)

@@ -29,6 +29,7 @@ typedef struct zeb_inst_id_s {
     uint32_t sync_ack_id; // process id in the peer's last accepted acknowledgement
     uint32_t send_seq;    // of our last SYNC_INST that was sent
     uint32_t recv_seq;    // of the peer's last SYNC_INST
+    uint32_t holder;      // process id in the peer's last SYNC_INST that had one; 0: none
     uint32_t sync_server; // 1 when the peer called itself a server there
 } zeb_inst_id_t;
 
@@ -51,12 +52,22 @@ typedef struct zeb_retry_inst_s {
                         // own
 } zeb_retry_inst_t;
 
-// A peer that synchronised and waits for the resume time-out.
+// What a resume time-out is for.
+typedef enum zeb_resume_kind_e : int {
+    ZEB_RESUME_PEER,          // it synchronised and never came online
+    ZEB_RESUME_UNSENT,        // a synchronisation of one local application could not be sent
+    ZEB_RESUME_OTHER_PROCESS, // two processes have used the instance's name at once: the one that stays is asked
+} zeb_resume_kind_t;
+
+// A peer that waits for the resume time-out.
 typedef struct zeb_resume_comm_s {
     struct list_head list;
     uint32_t seq;     // of the resume timer
     uint32_t src_app; // always 0
     zeb_inst_t dst;
+    zeb_resume_kind_t kind;
+    uint32_t unsent_app; // of ZEB_RESUME_UNSENT
+    bool again;          // of ZEB_RESUME_OTHER_PROCESS: yet another process since the timer was started
 } zeb_resume_comm_t;
 
 // An acknowledgement of ours that came back and waits for being sent again.

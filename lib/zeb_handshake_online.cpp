@@ -123,6 +123,11 @@ void zeb_expect_reports(zeb_handshake_t *hs)
         add_nodes(&ol->unreported_bmp, &ol->inst_bmp);
         add_nodes(&ol->unreported_bmp, &ol->inst_ack_bmp);
     });
+    indexed_list_each(&hs->inst_sync, [&](const zeb_pending_sync_t *pending) {
+        zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, pending->dst.app);
+        if (ol != nullptr)
+            (void)zeb_app_set_add(&ol->unreported_bmp, pending->dst.node);
+    });
 }
 
 bool zeb_take_unreported(zeb_handshake_t *hs, zeb_inst_t inst)
@@ -197,7 +202,7 @@ static void quit_not_online(zeb_handshake_t *hs, zeb_ol_app_t *ol, zeb_inst_t in
 static void quit_instance(zeb_handshake_t *hs, zeb_inst_t inst, quit_kind_t kind)
 {
     zeb_clear_sync_inst(hs, inst);
-    zeb_clear_resume_comm(hs, inst);
+    zeb_clear_resume_comm(hs, inst, ZEB_RESUME_UNSENT);
     zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
     if (ol == nullptr)
         return;
@@ -219,7 +224,7 @@ void zeb_app_inst_force_quit(zeb_handshake_t *hs, zeb_inst_t inst)
 
 void zeb_app_inst_try_quit(zeb_handshake_t *hs, zeb_inst_t inst)
 {
-    zeb_clear_resume_comm(hs, inst);
+    zeb_clear_resume_comm(hs, inst, ZEB_RESUME_PEER);
     zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
     if (ol != nullptr && zeb_app_set_test(&ol->ol_bmp, inst.node))
         quit_online(hs, ol, inst);

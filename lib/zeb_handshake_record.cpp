@@ -218,13 +218,24 @@ void zeb_clear_sync_inst_retry(zeb_handshake_t *hs, zeb_inst_t dst)
 
 // Resumes.
 
-void zeb_add_resume_comm(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t dst)
+zeb_resume_comm_t *zeb_add_resume_comm(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t dst)
 {
     zeb_resume_comm_t *resume = (zeb_resume_comm_t *)zeb_malloc(sizeof(zeb_resume_comm_t));
     resume->seq = seq;
     resume->dst = dst;
     HS_INFO(hs, "ZEB try resume comm to %d/%d.\n", dst.app, dst.node);
     list_add_tail(&resume->list, &hs->resume_comm_list);
+    return resume;
+}
+
+zeb_resume_comm_t *zeb_get_resume_comm(const zeb_handshake_t *hs, zeb_inst_t dst, zeb_resume_kind_t kind)
+{
+    for (const struct list_head *link = hs->resume_comm_list.next; link != &hs->resume_comm_list; link = link->next) {
+        zeb_resume_comm_t *resume = list_entry(link, zeb_resume_comm_t, list);
+        if (resume->kind == kind && zeb_same_inst(resume->dst, dst))
+            return resume;
+    }
+    return nullptr;
 }
 
 // The first of an instance's entries to expire ends the others: a peer that repeats itself gains nothing by more, and
@@ -240,10 +251,11 @@ bool zeb_has_room_for_resume(const zeb_handshake_t *hs, zeb_inst_t dst)
     return same < ZEB_RESUME_PER_INSTANCE_MAX && all < ZEB_RESUME_NUM_MAX;
 }
 
-void zeb_clear_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst)
+void zeb_clear_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst, zeb_resume_kind_t last)
 {
     (void)list_remove_matching<zeb_resume_comm_t>(
-        &hs->resume_comm_list, [&](const zeb_resume_comm_t *resume) { return zeb_same_inst(resume->dst, dst); },
+        &hs->resume_comm_list,
+        [&](const zeb_resume_comm_t *resume) { return resume->kind <= last && zeb_same_inst(resume->dst, dst); },
         [&](const zeb_resume_comm_t *resume) {
             HS_VERBOSE(hs, "ZEB clear resume comm to %d/%d.\n", resume->dst.app, resume->dst.node);
         });

@@ -41,9 +41,11 @@ void zeb_del_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t d
 void zeb_clear_sync_inst_retry(zeb_handshake_t *hs, zeb_inst_t dst); // the first one, whichever application's
 
 // Resumes. zeb_del_resume_comm gives the instance of the timer, or {0, 0} when it has been dropped.
-void zeb_add_resume_comm(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t dst);
+zeb_resume_comm_t *zeb_add_resume_comm(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t dst);
 bool zeb_has_room_for_resume(const zeb_handshake_t *hs, zeb_inst_t dst);
-void zeb_clear_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst);
+zeb_resume_comm_t *zeb_get_resume_comm(const zeb_handshake_t *hs, zeb_inst_t dst, zeb_resume_kind_t kind); // or null
+void zeb_clear_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst,
+                           zeb_resume_kind_t last); // of that kind and those before
 zeb_resume_comm_t zeb_del_resume_comm(zeb_handshake_t *hs, uint32_t seq);
 
 // Returned acknowledgements. Both free the record and its message.
@@ -55,7 +57,7 @@ void zeb_set_app_server(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_set_app_inst(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_set_app_inst_ack(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_try_notify_app_join(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t inst);
-void zeb_expect_reports(zeb_handshake_t *hs);                       // of every instance that is known
+void zeb_expect_reports(zeb_handshake_t *hs); // of every instance that is known or was synchronised with
 bool zeb_take_unreported(zeb_handshake_t *hs, zeb_inst_t inst);     // true when it was; it is reported now
 void zeb_app_inst_quit(zeb_handshake_t *hs, zeb_inst_t inst);       // withdrawn
 void zeb_app_inst_force_quit(zeb_handshake_t *hs, zeb_inst_t inst); // before a synchronisation
@@ -63,10 +65,11 @@ void zeb_app_inst_try_quit(zeb_handshake_t *hs, zeb_inst_t inst);   // only when
 
 // The steps of the handshake.
 int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume);
-bool zeb_app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume);
+void zeb_app_inst_join(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume);
 void zeb_recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body);
 void zeb_start_retry_inst_timer(zeb_handshake_t *hs, uint8_t peer_version, uint32_t src_app, zeb_inst_t dst);
 void zeb_try_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst);
+void zeb_ask_later(zeb_handshake_t *hs, zeb_inst_t dst, zeb_resume_kind_t kind, uint32_t unsent_app);
 void zeb_process_resume_timer_event(zeb_handshake_t *hs, uint32_t seq);
 void zeb_process_resend_inst_timer_event(zeb_handshake_t *hs, uint32_t seq);
 void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t seq);

@@ -52,6 +52,7 @@ static void mix_pairs(hash_t *hash, const zeb_handshake_t *hs)
         mix_number(hash, id->sync_ack_id);
         mix_number(hash, id->send_seq);
         mix_number(hash, id->recv_seq);
+        mix_number(hash, id->holder);
         mix(hash, id->sync_server);
     });
     mix(hash, 'p');
@@ -65,6 +66,7 @@ static void mix_pairs(hash_t *hash, const zeb_handshake_t *hs)
     indexed_list_each(&hs->inst_retry, [&](const zeb_retry_inst_t *retry) {
         mix(hash, retry->src_app);
         mix_inst(hash, retry->dst);
+        mix(hash, (uint64_t)retry->unknown_rounds);
     });
 }
 
@@ -81,6 +83,7 @@ static void mix_lists(hash_t *hash, const zeb_handshake_t *hs)
     each_of<zeb_resume_comm_t>(&hs->resume_comm_list, [&](const zeb_resume_comm_t *resume) {
         mix_number(hash, resume->seq);
         mix_inst(hash, resume->dst);
+        mix(hash, (uint64_t)resume->kind << 33 | (uint64_t)resume->again << 32 | resume->unsent_app);
     });
     mix(hash, 'a');
     each_of<zeb_returned_ack_t>(&hs->sync_inst_ack_list, [&](const zeb_returned_ack_t *ack) {
@@ -109,7 +112,9 @@ static void mix_bits(hash_t *hash, const proc_t *proc)
 static void mix_connection(hash_t *hash, const proc_t *proc)
 {
     mix(hash, (uint64_t)proc->connection << 1 | (uint64_t)proc->dying_says_notconn);
-    mix(hash, (uint64_t)proc->fail_open << 16 | (uint64_t)proc->fail_timer << 8 | (uint64_t)proc->fail_send);
+    mix(hash, proc->report_at == NEVER ? NEVER : proc->report_at - hash->world->now);
+    mix(hash, (uint64_t)proc->fail_ack << 24 | (uint64_t)proc->fail_open << 16 | (uint64_t)proc->fail_timer << 8 |
+                  (uint64_t)proc->fail_send);
     for (uint32_t i = 0; i < proc->events.num; i++) {
         const event_t *event = &proc->events.item[(proc->events.first + i) % QUEUE_ROOM];
         mix(hash, (uint64_t)event->kind << 16 | (uint64_t)event->name << 8 | event->timer.type);

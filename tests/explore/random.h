@@ -16,6 +16,7 @@ typedef struct random_options_s {
     bool one_way;     // applications that name others which do not name them
     bool notconn;     // a timer's start on a lost connection says -ENOTCONN, never -1
     bool slow;        // every message takes at least 2.6 s
+    bool together;    // overlaps and the other faults in the same runs
     int places;       // at most
     int apps;         // of a place, at most
 } random_options_t;

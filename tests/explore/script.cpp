@@ -18,7 +18,8 @@ static const word_t s_words[OP_NUM] = {
     {"wait", "m"},  {"recv", "ppc"},     {"reroute", "ppc"},   {"drop", "ppc"},     {"drop-last", "ppc"},
     {"event", "p"}, {"names", "nn"},     {"notice", "nn"},     {"send", "sd"},      {"start", "p"},
     {"kill", "p"},  {"unbind", "p"},     {"bind", "p"},        {"cut", "nn"},       {"heal", "nn"},
-    {"lose", "pk"}, {"fail-open", "pk"}, {"fail-timer", "pk"}, {"fail-send", "pk"}, {"pick", "lk"},
+    {"lose", "pk"}, {"fail-open", "pk"}, {"fail-timer", "pk"}, {"fail-send", "pk"}, {"fail-ack", "pk"},
+    {"pick", "lk"},
 };
 
 static std::string arg_text(char kind, uint32_t value)
@@ -64,7 +65,9 @@ static void add_place(const place_config_t *place, char letter, std::string *tex
         const app_config_t *app = &place->app[i];
         if (app->app == 0)
             continue;
-        *text += std::string("place ") + letter + " node " + std::to_string(place->node) + " ver " +
+        // The second slot is named when the first one is empty: actions count slots.
+        std::string slot = i != 0 && place->app[0].app == 0 ? "." + std::to_string(i) : "";
+        *text += std::string("place ") + letter + slot + " node " + std::to_string(place->node) + " ver " +
                  std::to_string(place->ver) + " app " + std::to_string(app->app) +
                  (app->server ? " server" : " client") + " names";
         for (uint32_t peer : app->peer) {
@@ -85,6 +88,8 @@ std::string script_text(const script_t *script)
         text += "self\n";
     if (script->config.untimed)
         text += "untimed\n";
+    if (script->config.early)
+        text += "early\n";
     for (action_t action : script->actions)
         text += action_text(action) + "\n";
     return text + "expect " + violation_text(script->expected) + "\n";
@@ -160,30 +165,30 @@ static bool parse_action(const std::string &word, std::istringstream *line, scri
 
 static bool parse_place(std::istringstream *line, config_t *config)
 {
-    char letter = 0;
+    std::string name;
     std::string word;
     std::string role;
+    uint32_t at = 0;
     uint32_t node = 0;
     uint32_t ver = 0;
     app_config_t app = {};
-    *line >> letter >> word >> node >> word >> ver >> word >> app.app >> role >> word;
-    if (line->fail() || letter < 'A' || letter >= 'A' + PLACE_NUM || node == 0 || node >= NODE_NUM || app.app == 0)
+    *line >> name >> word >> node >> word >> ver >> word >> app.app >> role >> word;
+    if (line->fail() || name[0] < 'A' || name[0] >= 'A' + PLACE_NUM || node == 0 || node >= NODE_NUM || app.app == 0)
+        return false;
+    if (name.size() != 1 && !parse_app_of(name, 1, 0, &at))
         return false;
     app.server = role == "server";
     for (uint32_t &peer : app.peer)
         *line >> peer;
-    for (uint32_t &peer : app.peer)
-        peer = peer == 0 ? 0 : peer;
-    place_config_t *place = &config->place[letter - 'A'];
+    place_config_t *place = &config->place[name[0] - 'A'];
     place->node = node;
     place->ver = (uint8_t)ver;
-    for (app_config_t &slot : place->app) {
-        if (slot.app != 0)
-            continue;
-        slot = app;
-        return true;
-    }
-    return false;
+    while (at < APP_NUM && place->app[at].app != 0)
+        at++;
+    if (at == APP_NUM)
+        return false;
+    place->app[at] = app;
+    return true;
 }
 
 static bool parse_expected(std::istringstream *line, script_t *script)
@@ -213,6 +218,10 @@ static bool parse_line(const std::string &text, script_t *script)
         return parse_expected(&line, script);
     if (word == "self") {
         script->config.self = true;
+        return true;
+    }
+    if (word == "early") {
+        script->config.early = true;
         return true;
     }
     if (word == "untimed") {

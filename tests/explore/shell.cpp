@@ -53,8 +53,9 @@ static int send_core(void *ctx, uint32_t src_app, zeb_inst_t dst, kind_t kind, c
     message.body = *body;
     proc->world->core_sends++;
     proc->world->last_send = proc->world->now;
-    if (proc->fail_send > 0) {
-        proc->fail_send--;
+    int *fail = kind == KIND_ACK ? &proc->fail_ack : &proc->fail_send;
+    if (*fail > 0) {
+        (*fail)--;
         return -EAGAIN;
     }
     return send_message(proc, app_index(proc, src_app), dst, &message);
@@ -147,6 +148,11 @@ const zeb_hs_effects_t g_effects = {
 
 static void receive_traffic(proc_t *proc, uint32_t my_app, int from)
 {
+    // A message that was sent before the withdrawal and is read after it brings the instance online until the name is
+    // published again: any ordinary message of a known instance counts as its acknowledgement. That is not checked
+    // here.
+    if (proc->withdrawn[from])
+        return;
     zeb_inst_t sender = name_inst(proc->world, from);
     zeb_inst_state_t state = zeb_hs_get_inst_state(&proc->hs, sender);
     if (!state.instance)
@@ -155,7 +161,7 @@ static void receive_traffic(proc_t *proc, uint32_t my_app, int from)
         zeb_hs_del_reject_acks(&proc->hs, my_app, sender);
         zeb_hs_recv_traffic(&proc->hs, my_app, sender);
     }
-    if (name_app(proc->world, from)->server && !proc->joined[from])
+    if (!proc->world->config.early && name_app(proc->world, from)->server && !proc->joined[from])
         violate(proc->world, VIOLATION_MESSAGE_WITHOUT_JOIN, "%s: a message of server %u/%u, which has not joined",
                 proc_text(proc->index), sender.app, sender.node);
 }
@@ -209,7 +215,6 @@ void receive(proc_t *proc, message_t *message)
     }
 }
 
-constexpr uint8_t EVENT_ALL_REPORTED = 0;
 constexpr uint8_t EVENT_PUBLISHED = 1;
 constexpr uint8_t EVENT_WITHDRAWN = 2;
 
@@ -225,8 +230,6 @@ void read_event(proc_t *proc, const event_t *event)
         if (zeb_hs_get_inst_state(&proc->hs, inst).online)
             violate(proc->world, VIOLATION_ONLINE_WITHDRAWN, "%s: online with %u/%u, just withdrawn",
                     proc_text(proc->index), inst.app, inst.node);
-    } else if (event->kind == EVENT_ALL_REPORTED) {
-        zeb_hs_topology_reported(&proc->hs);
     } else {
         zeb_hs_timer(&proc->hs, event->timer);
     }
@@ -238,7 +241,8 @@ bool may_send_traffic(const proc_t *proc, int app, int to)
     const world_t *world = proc->world;
     const app_config_t *mine = &world->config.place[place_of(proc)].app[app];
     zeb_inst_t peer = name_inst(world, to);
-    if (!proc->alive || mine->app == 0 || peer.app == 0 || !app_names(world, name_of(place_of(proc), app), peer.app))
+    if (!proc->alive || !proc->bound || mine->app == 0 || peer.app == 0 ||
+        !app_names(world, name_of(place_of(proc), app), peer.app))
         return false;
     const zeb_ol_app_t *ol = zeb_hs_get_ol_app(&proc->hs, peer.app);
     return ol != nullptr && zeb_app_set_test(&ol->ol_bmp, peer.node) && zeb_app_set_test(&ol->srv_bmp, peer.node);

@@ -6,7 +6,6 @@
 
 #include "shell.h"
 
-constexpr uint8_t EVENT_ALL_REPORTED = 0; // not of TIPC: nothing was read for REPORT_TIME after the subscriptions
 constexpr uint8_t EVENT_PUBLISHED = 1;
 constexpr uint8_t EVENT_WITHDRAWN = 2;
 constexpr uint8_t EVENT_TIMED_OUT = 3;
@@ -74,16 +73,11 @@ int send_message(proc_t *proc, int app, zeb_inst_t dst, message_t *message)
     return 0;
 }
 
-static void put_event_in(proc_t *proc, uint32_t delay, uint8_t kind, uint8_t name, zeb_timer_t timer)
-{
-    event_t event = {kind, name, proc->world->now + delay, 0, timer};
-    event.due = due_of(proc->world, &proc->events, delay, delay + EVENT_DELAY_MAX);
-    (void)ring_push(proc->world, &proc->events, &event);
-}
-
 static void put_event(proc_t *proc, uint8_t kind, uint8_t name, zeb_timer_t timer)
 {
-    put_event_in(proc, 0, kind, name, timer);
+    event_t event = {kind, name, proc->world->now, 0, timer};
+    event.due = due_of(proc->world, &proc->events, 0, EVENT_DELAY_MAX);
+    (void)ring_push(proc->world, &proc->events, &event);
 }
 
 // Timers.
@@ -328,11 +322,13 @@ void start(proc_t *proc)
     proc->seq = proc->pid * 100000;
     proc->alive = true;
     proc->dying_says_notconn = false;
+    proc->report_at = NEVER;
     proc->timer_num = 0;
     proc->timer_next = NEVER;
     proc->fail_open = 0;
     proc->fail_timer = 0;
     proc->fail_send = 0;
+    proc->fail_ack = 0;
     memset(proc->joined, 0, sizeof(proc->joined));
     memset(proc->withdrawn, 0, sizeof(proc->withdrawn));
     add_comm_apps(proc);
@@ -357,6 +353,7 @@ void lose_connection(proc_t *proc, bool says_notconn, bool with_events)
     proc->connection = CONNECTION_DYING;
     proc->dying_says_notconn = says_notconn;
     proc->retry_at = proc->world->now;
+    proc->report_at = NEVER;
     if (with_events)
         proc->events.num = 0;
     proc->timer_num = 0;
@@ -374,13 +371,18 @@ static void reopen(proc_t *proc)
     proc->connection = CONNECTION_OPEN;
     zeb_hs_topology_reopened(&proc->hs);
     subscribe(proc);
-    put_event_in(proc, REPORT_TIME, EVENT_ALL_REPORTED, 0, {0, 0});
+    proc->report_at = proc->world->now + REPORT_TIME;
 }
 
 void read_topology(proc_t *proc)
 {
     if (proc->connection != CONNECTION_OPEN && proc->events.num == 0) {
         reopen(proc);
+        return;
+    }
+    if (proc->events.num == 0) {
+        proc->report_at = NEVER;
+        zeb_hs_topology_reported(&proc->hs);
         return;
     }
     event_t event = *ring_at(&proc->events, 0);

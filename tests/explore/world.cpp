@@ -170,7 +170,8 @@ static bool proc_enabled(const world_t *world, action_t action)
     case OP_START:
         return !proc->alive;
     case OP_EVENT:
-        return proc->alive && (proc->connection != CONNECTION_OPEN || proc->events.num != 0);
+        return proc->alive && (proc->connection != CONNECTION_OPEN || proc->events.num != 0 ||
+                               (proc->report_at != NEVER && (world->untimed || world->now >= proc->report_at)));
     case OP_UNBIND:
         return proc->alive && proc->bound;
     case OP_BIND:
@@ -257,8 +258,11 @@ static void act_on_proc(proc_t *proc, action_t action)
     case OP_FAIL_TIMER:
         proc->fail_timer = action.b;
         return;
-    default:
+    case OP_FAIL_SEND:
         proc->fail_send = action.b;
+        return;
+    default:
+        proc->fail_ack = action.b;
         return;
     }
 }
@@ -378,6 +382,8 @@ static void next_event(const world_t *world, order_t order, best_t *best)
                      when_of(order, proc.events.item[proc.events.first].sent, proc.events.item[proc.events.first].due,
                              0, EVENT_DELAY_MAX),
                      action);
+        else if (proc.report_at != NEVER)
+            consider(best, proc.report_at + (order == ORDER_LATEST ? EVENT_DELAY_MAX : 0), action);
     }
 }
 

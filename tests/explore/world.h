@@ -45,6 +45,9 @@ typedef struct config_s {
     uint32_t delay_min; // of a message, ms
     uint32_t delay_max;
     bool untimed; // until faults end, nothing is overdue
+    // A server's message may be read before its join: applications of one process read sockets of their own, and what
+    // one of them reads of a pair that begins anew may overtake what was sent to another.
+    bool early;
 } config_t;
 
 typedef enum op_e : uint8_t {
@@ -66,7 +69,8 @@ typedef enum op_e : uint8_t {
     OP_LOSE,       // a, b: process a's topology connection; b: LOSE_ bits
     OP_FAIL_OPEN,  // a, b: process a's next b attempts to open a topology connection fail
     OP_FAIL_TIMER, // a, b: the next b starts of timers on an open connection
-    OP_FAIL_SEND,  // a, b: the next b sends of the core
+    OP_FAIL_SEND,  // a, b: the next b sends of synchronisations
+    OP_FAIL_ACK,   // a, b: the next b sends of acknowledgements
     OP_PICK,       // a, b: of two processes that have a name of place a, process b of them gets what is sent to it
     OP_NUM,
 } op_t;
@@ -154,7 +158,8 @@ typedef struct proc_s {
     zeb_handshake_t hs;
     connection_t connection;
     bool dying_says_notconn;
-    uint32_t retry_at; // of reading a connection that is not open
+    uint32_t retry_at;  // of reading a connection that is not open
+    uint32_t report_at; // from when on, with nothing left to read, a new connection has reported all; NEVER: it has
     ring<event_t> events;
     int timer_num;
     uint32_t timer_next;
@@ -162,6 +167,7 @@ typedef struct proc_s {
     int fail_open;
     int fail_timer;
     int fail_send;
+    int fail_ack;
     bool joined[NAME_NUM];
     bool withdrawn[NAME_NUM]; // said the last event
 } proc_t;

@@ -507,9 +507,75 @@ TEST_F(zeb_mng_sync, an_instance_that_a_reopened_connection_does_not_report_is_w
     EXPECT_TRUE(logged(W, [] { zeb_topology_reported(); }).empty());
 }
 
+TEST_F(zeb_mng_sync, an_instance_that_was_being_synchronised_with_is_asked_by_a_reopened_connection)
+{
+    peer_published();
+    (void)fake_tipc::take_sent();
+    zeb_topology_reopened();
+    zeb_topology_reported();
+    EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE)) << "it was withdrawn meanwhile";
+}
+
+TEST_F(zeb_mng_sync, a_peer_that_acknowledges_and_is_forgotten_is_asked_after_3_time_outs)
+{
+    peer_syncs(); // before it is published
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    (void)take_timers();
+    zeb_topology_reopened(); // no retry timer is pending
+    ack(my_seq, PEER_SEQ);
+    ASSERT_EQ(retries(), lines_t({"100->200/9"}));
+    auto timers = take_timers();
+    ASSERT_EQ(timers.size(), 1u);
+    for (int i = 0; i < 3; i++) {
+        EXPECT_TRUE(fake_tipc::take_sent().empty());
+        zeb_process_tipc_subscr_event(fake_tipc::timer_event(timers[0].type, timers[0].seq));
+    }
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sync_word(sent[0].bytes, 3), 1u) << "the resume mark";
+}
+
+TEST_F(zeb_mng_sync, only_the_application_that_could_not_send_asks_again_after_60_s)
+{
+    start_app(101);
+    fault::fail_next("sendto", EPERM);
+    peer_published();
+    (void)fake_tipc::take_sent();
+    peer_syncs(); // does not drop it
+    auto timer = resume_timer();
+    ASSERT_EQ(timer.first, 60000u);
+    (void)fake_tipc::take_sent();
+    zeb_process_resume_timer_event(timer.second);
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(wire::header_of(sent[0].bytes).src_app, APP);
+    EXPECT_EQ(sync_word(sent[0].bytes, 3), 1u) << "the resume mark";
+}
+
+TEST_F(zeb_mng_sync, after_a_second_process_the_holder_of_the_name_is_asked_once)
+{
+    peer_published();
+    uint32_t my_seq = sent_seq();
+    peer_syncs();
+    (void)take_timers();
+    receive(wire::message(from_peer(wire::SYNC), wire::sync_inst(PEER_SEQ + 1, PEER_PID + 1, 1, 0)));
+    auto timer = resume_timer();
+    ASSERT_EQ(timer.first, 60000u);
+    peer_syncs(); // what the first process has sent again completes the pair with it
+    ack(my_seq, PEER_SEQ);
+    ASSERT_TRUE(zeb_app_online(PEER, PEER_NODE));
+    (void)fake_tipc::take_sent();
+    zeb_process_resume_timer_event(timer.second);
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sync_word(sent[0].bytes, 3), 0u) << "a repetition for the process that is online";
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+}
+
 TEST_F(zeb_mng_sync, an_instance_that_nothing_could_be_sent_to_is_resumed_after_60_s)
 {
-    fault::fail_next("sendto", EHOSTUNREACH);
+    fault::fail_next("sendto", EPERM);
     peer_published();
     EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
     auto timer = resume_timer();
