@@ -94,6 +94,7 @@ void zeb_hs_published(zeb_handshake_t *hs, zeb_inst_t inst)
 
 void zeb_hs_withdrawn(zeb_handshake_t *hs, zeb_inst_t inst)
 {
+    zeb_forget_holder(hs, inst); // another process may follow
     (void)zeb_take_unreported(hs, inst);
     zeb_app_inst_quit(hs, inst);
 }

@@ -238,6 +238,12 @@ static zeb_subscr_app_t *find_subscr_app(zeb_ol_app_t *ol, uint32_t subscr_app)
         &ol->subscr_app_list, [&](const zeb_subscr_app_t *subscr) { return subscr->subscr_app == subscr_app; });
 }
 
+zeb_subscr_app_t *zeb_hs_get_subscr_app(const zeb_handshake_t *hs, uint32_t subscr_app, uint32_t ntf_app)
+{
+    zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, ntf_app);
+    return ol == nullptr ? nullptr : find_subscr_app(ol, subscr_app);
+}
+
 static zeb_ol_app_t *new_ol_app(uint32_t app)
 {
     zeb_ol_app_t *ol = (zeb_ol_app_t *)zeb_malloc(sizeof(zeb_ol_app_t));

@@ -85,6 +85,14 @@ uint32_t zeb_get_pseq_for_inst_ack(const zeb_handshake_t *hs, uint32_t src_app, 
     return is_confirmed(id) ? id->send_seq : 0;
 }
 
+void zeb_forget_holder(zeb_handshake_t *hs, zeb_inst_t dst)
+{
+    (void)indexed_list_find_if(&hs->inst_id, zeb_inst_key(dst), [](zeb_inst_id_t *id) {
+        id->holder = 0;
+        return false; // and the next one
+    });
+}
+
 void zeb_clear_inst_id(zeb_handshake_t *hs, zeb_inst_t dst)
 {
     zeb_inst_id_t *id = indexed_list_find(&hs->inst_id, zeb_inst_key(dst));

@@ -23,6 +23,7 @@ zeb_inst_id_t *zeb_get_or_add_inst_id(zeb_handshake_t *hs, uint32_t src_app, zeb
 bool zeb_inst_id_equal(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 uint32_t zeb_get_inst_recv_seq(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 uint32_t zeb_get_pseq_for_inst_ack(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
+void zeb_forget_holder(zeb_handshake_t *hs, zeb_inst_t dst); // of every pair with the instance
 void zeb_clear_inst_id(zeb_handshake_t *hs, zeb_inst_t dst); // the first one, whichever application's
 
 // Pending synchronisations.

@@ -425,7 +425,7 @@ static const cell_t two_local[] = {
     {"online a retrying both", "withdraw a", "----", "- 1 0", "", "", "quit a"},
     {"online a retrying both", "sync same a", "IAOS", "b 2 0", "ack+pseq a", "", ""},
     {"online a retrying both", "sync new a", "IAOS", "b 2 0", "ack+pseq a", "", ""},
-    {"online a retrying both", "sync resume a", "I---", "ab 1 0", "sync a, sync b, ack+pseq a", "", "quit a"},
+    {"online a retrying both", "sync resume a", "I---", "ab 2 0", "sync a, sync b, ack+pseq a", "", "quit a"},
     {"online a retrying both", "ack right a", "IAOS", "b 2 0", "", "", ""},
     {"online a retrying both", "ack wrong a", "IAOS", "b 2 0", "", "", ""},
     {"online a retrying both", "ack pseq 0 a", "IAOS", "b 2 0", "", "", ""},
@@ -437,7 +437,7 @@ static const cell_t two_local[] = {
     {"online a retrying both", "ack wrong b", "IAOS", "b 2 0", "", "", ""},
     {"online a retrying both", "ack pseq 0 b", "IAOS", "b 2 0", "", "", ""},
     {"online a retrying both", "message b", "IAOS", "b 2 0", "", "", "message b"},
-    {"online a retrying both", "retry timer", "IAOS", "b 2 0", "sync b", "retry", ""},
+    {"online a retrying both", "retry timer", "IAOS", "b 1 0", "sync b", "retry", ""},
     {"online a retrying both", "resume timer", "IAOS", "b 2 0", "", "", ""},
 };
 // clang-format on
