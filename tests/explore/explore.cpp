@@ -22,30 +22,32 @@ typedef struct options_s {
 
 static void usage()
 {
-    printf("zeb_explore: the handshake's core against a model of TIPC\n"
-           "  --mode random|exhaustive|all   (all)\n"
-           "  --seconds N   random: end after so long (10)\n"
-           "  --steps N     random: end after so many steps\n"
-           "  --seed S      random: of the first run (1)\n"
-           "  --places N    random: at most so many processes at once, 2 to 4 (4)\n"
-           "  --apps N      random: at most so many applications of a process, 1 or 2 (2)\n"
-           "  --without F   random: without a fault: start, kill, cut, lose, pick (overlap), unbind, fail-timer, ...\n"
-           "  --with F      with a fault that is left out otherwise: fail-timer (on an open connection), fail-ack\n"
-           "  --only F      random: only that fault, or that and others so named\n"
-           "  --together    random: overlaps and lost connections, lost names and failed sends in the same runs\n"
-           "  --own         random: applications also name themselves, or run on several nodes\n"
-           "  --one-way     random: applications also name others that do not name them\n"
-           "  --notconn     random: a timer's start on a lost connection says -ENOTCONN, never -1\n"
-           "  --slow        random: every message takes 2.6 s\n"
-           "  --old         random: some processes are of version 1\n"
-           "  --finds N     random: go on until so many violations, and print the shortest script (1)\n"
-           "  --violation V random: other violations than this one do not count\n"
-           "  --depth D     exhaustive: so many actions in a row (8)\n"
-           "  --faults N    exhaustive: at most so many of them faults (1)\n"
-           "  --go-on       exhaustive: count all violations, do not end with the first\n"
-           "  --replay F    run a script, and compare with what it expects\n"
-           "  --verbose     replay: tell all\n"
-           "  --help\n");
+    printf(
+        "zeb_explore: the handshake's core against a model of TIPC\n"
+        "  --mode random|exhaustive|all   (all)\n"
+        "  --seconds N   random: end after so long (10)\n"
+        "  --steps N     random: end after so many steps\n"
+        "  --seed S      random: of the first run (1)\n"
+        "  --places N    random: at most so many processes at once, 2 to 4 (4)\n"
+        "  --apps N      random: at most so many applications of a process, 1 or 2 (2)\n"
+        "  --without F   random: without a fault: start, kill, cut, lose, pick (overlap), unbind, fail-timer, ...\n"
+        "  --with F      with a fault that is left out otherwise: fail-timer (on an open connection), fail-ack, pick (two\n"
+        "                processes under one name at once)\n"
+        "  --only F      random: only that fault, or that and others so named\n"
+        "  --together    random: overlaps and lost connections, lost names and failed sends in the same runs\n"
+        "  --own         random: applications also name themselves, or run on several nodes\n"
+        "  --one-way     random: applications also name others that do not name them\n"
+        "  --notconn     random: a timer's start on a lost connection says -ENOTCONN, never -1\n"
+        "  --slow        random: every message takes 2.6 s\n"
+        "  --old         random: some processes are of version 1\n"
+        "  --finds N     random: go on until so many violations, and print the shortest script (1)\n"
+        "  --violation V random: other violations than this one do not count\n"
+        "  --depth D     exhaustive: so many actions in a row (8)\n"
+        "  --faults N    exhaustive: at most so many of them faults (1)\n"
+        "  --go-on       exhaustive: count all violations, do not end with the first\n"
+        "  --replay F    run a script, and compare with what it expects\n"
+        "  --verbose     replay: tell all\n"
+        "  --help\n");
 }
 
 // The fault's bit; 0 for an unknown word.
@@ -236,7 +238,7 @@ int main(int argc, char **argv)
     options.random.finds = 1;
     // A timer that fails stays marked as pending for the life of its connection: nothing is then sent again on it. And
     // what could not be acknowledged is asked once more only by a peer that retries.
-    options.random.without = 1u << OP_FAIL_TIMER | 1u << OP_FAIL_ACK;
+    options.random.without = 1u << OP_FAIL_TIMER | 1u << OP_FAIL_ACK | 1u << OP_PICK;
     options.exhaustive.depth = 8;
     options.exhaustive.faults = 1;
     if (!parse_options(argc, argv, &options)) {
