@@ -5,12 +5,26 @@
 //
 // What holds for every row and is in none:
 // - A SYNC that cannot be sent is not pending: the pair is then idle where the row says waiting, and half where it says
-//   crossed. After a publication or a SYNC of the peer's that starts the resume timer too.
+//   crossed. In its place the resume timer is started, for another attempt, unless nobody has the name: then an event
+//   tells when somebody has. After a SYNC of the peer's that starts the resume timer of the row too.
+// - The resume timer of a row is not started while a SYNC of ours is pending.
+// - The first SYNC from another process than that of the last one, without a withdrawal in between, starts a resume
+// timer
+//   before anything else, whatever the row: two processes have the name, and the one that stays is asked later. When
+//   the process changes once more before the time-out, the timer is started again then. A new topology connection, with
+//   which all timers are lost, starts this one again.
 // - Joins and quits are notified of servers alone: of an instance that is known as one by then.
 // - An acknowledgement carries a pseq, the sequence number of our last SYNC, once the process that synchronised is the
 //   one that acknowledged; before that it carries 0.
 // - A SYNC from a peer of version 2 starts the retry timer unless that is pending. It runs on while a pair whose SYNC
-//   was pending then is in the retry list.
+//   was pending then is in the retry list. So it is with an acknowledgement of version 2 before the peer's SYNC, which
+//   puts the pair there.
+// - Every SYNC of the pair's that is pending is sent again: one that could not be sent may follow another. Acked and
+//   online do not say whether one is.
+//
+// What is not told here, since it needs a second local application: the peer's instance is online by another
+// application's handshake, and this pair begins anew alone (a foreign pseq), or is asked together with the other's
+// (two processes). Other tests hold that.
 #ifndef ZEB_HANDSHAKE_TABLE_H
 #define ZEB_HANDSHAKE_TABLE_H
 
@@ -26,11 +40,15 @@ typedef enum zeb_pair_event_e : int {
     ZEB_PAIR_SYNC_RESUME,     // with the resume mark
     ZEB_PAIR_ACK,             // of what is pending: with the peer's last SYNC as pseq, or of version 1
     ZEB_PAIR_ACK_OTHER,       // the same, but not from the process that synchronised
-    ZEB_PAIR_ACK_FOREIGN,     // of what is pending, with another pseq, which is not 0
-    ZEB_PAIR_MESSAGE,         // an ordinary one, of an instance that is not online
-    ZEB_PAIR_RETRY,           // time-out
-    ZEB_PAIR_RETRY_3,         // the third of a pair in the retry list with nothing pending and no SYNC of the peer's
-    ZEB_PAIR_RESUME,          // time-out
+    ZEB_PAIR_ACK_FOREIGN, // of what is pending, with another pseq, which is not 0; online: not the next one, and not
+                          // from the process of the last SYNC, or that was withdrawn since
+    ZEB_PAIR_ACK_FOREIGN_OTHER, // the same when online: not from the process that did both
+    ZEB_PAIR_MESSAGE,           // an ordinary one, of an instance that is not online
+    ZEB_PAIR_RETRY,             // time-out
+    ZEB_PAIR_RETRY_3,           // the third of a pair in the retry list with nothing pending and no SYNC of the peer's
+    ZEB_PAIR_RESUME,            // time-out of a peer that has synchronised
+    ZEB_PAIR_RESUME_UNSENT,     // of a SYNC that could not be sent
+    ZEB_PAIR_RESUME_OTHER,      // of a name that two processes have used; online: with nothing pending
     ZEB_PAIR_EVENT_NUM,
 } zeb_pair_event_t;
 
@@ -59,10 +77,13 @@ constexpr const char *ZEB_PAIR_EVENT_TEXTS[ZEB_PAIR_EVENT_NUM] = {
     "ack",
     "ack, other process",
     "ack, foreign pseq",
+    "ack, foreign pseq, other process",
     "message",
     "retry time-out",
     "third retry time-out",
     "resume time-out",
+    "resume time-out, not sent",
+    "resume time-out, two processes",
 };
 
 constexpr const char *ZEB_PAIR_ACTION_TEXTS[ZEB_PAIR_ACTION_NUM] = {
@@ -78,62 +99,77 @@ typedef struct zeb_pair_row_s {
 
 // clang-format off
 constexpr zeb_pair_row_t ZEB_PAIR_TABLE[] = {
-    // phase            event                     actions                                                   next
-    {ZEB_PAIR_IDLE,     ZEB_PAIR_PUBLISHED,       ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
-    {ZEB_PAIR_IDLE,     ZEB_PAIR_PUBLISHED_AGAIN, ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
-    {ZEB_PAIR_IDLE,     ZEB_PAIR_SYNC,            ZEB_PAIR_DO_ACK | ZEB_PAIR_DO_AWAIT,                      ZEB_PAIR_HALF},
-    {ZEB_PAIR_IDLE,     ZEB_PAIR_SYNC_NEW,        ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_IDLE,     ZEB_PAIR_SYNC_RESUME,     ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_IDLE,     ZEB_PAIR_MESSAGE,         ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
-    {ZEB_PAIR_IDLE,     ZEB_PAIR_RETRY_3,         ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
-    {ZEB_PAIR_IDLE,     ZEB_PAIR_RESUME,          ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    // phase            event                       actions                                                   next
+    {ZEB_PAIR_IDLE,     ZEB_PAIR_PUBLISHED,         ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
+    {ZEB_PAIR_IDLE,     ZEB_PAIR_PUBLISHED_AGAIN,   ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_IDLE,     ZEB_PAIR_SYNC,              ZEB_PAIR_DO_ACK | ZEB_PAIR_DO_AWAIT,                      ZEB_PAIR_HALF},
+    {ZEB_PAIR_IDLE,     ZEB_PAIR_SYNC_NEW,          ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_IDLE,     ZEB_PAIR_SYNC_RESUME,       ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_IDLE,     ZEB_PAIR_MESSAGE,           ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
+    {ZEB_PAIR_IDLE,     ZEB_PAIR_RETRY_3,           ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_IDLE,     ZEB_PAIR_RESUME_UNSENT,     ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_IDLE,     ZEB_PAIR_RESUME_OTHER,      ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
 
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_PUBLISHED,       ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_PUBLISHED_AGAIN, ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_WITHDRAWN,       ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_IDLE},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_SYNC,            ZEB_PAIR_DO_ACK,                                          ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_SYNC_NEW,        ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_SYNC_RESUME,     ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_ACK,             ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_ACK_OTHER,       ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_ACK_FOREIGN,     ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_MESSAGE,         ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
-    {ZEB_PAIR_WAITING,  ZEB_PAIR_RETRY,           ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_WAITING},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_PUBLISHED,         ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_PUBLISHED_AGAIN,   ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_WITHDRAWN,         ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_IDLE},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_SYNC,              ZEB_PAIR_DO_ACK,                                          ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_SYNC_NEW,          ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_SYNC_RESUME,       ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_ACK,               ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_ACK_OTHER,         ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_ACK_FOREIGN,       ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_MESSAGE,           ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_RETRY,             ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_WAITING},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_RESUME_OTHER,      ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
 
-    {ZEB_PAIR_HALF,     ZEB_PAIR_PUBLISHED,       ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
-    {ZEB_PAIR_HALF,     ZEB_PAIR_PUBLISHED_AGAIN, ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
-    {ZEB_PAIR_HALF,     ZEB_PAIR_SYNC,            ZEB_PAIR_DO_ACK | ZEB_PAIR_DO_AWAIT,                      ZEB_PAIR_HALF},
-    {ZEB_PAIR_HALF,     ZEB_PAIR_SYNC_RESUME,     ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_HALF,     ZEB_PAIR_MESSAGE,         ZEB_PAIR_DO_JOIN,                                         ZEB_PAIR_ONLINE},
-    {ZEB_PAIR_HALF,     ZEB_PAIR_RESUME,          ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_HALF,     ZEB_PAIR_PUBLISHED,         ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
+    {ZEB_PAIR_HALF,     ZEB_PAIR_PUBLISHED_AGAIN,   ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_HALF,     ZEB_PAIR_SYNC,              ZEB_PAIR_DO_ACK | ZEB_PAIR_DO_AWAIT,                      ZEB_PAIR_HALF},
+    {ZEB_PAIR_HALF,     ZEB_PAIR_SYNC_RESUME,       ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_HALF,     ZEB_PAIR_MESSAGE,           ZEB_PAIR_DO_JOIN,                                         ZEB_PAIR_ONLINE},
+    {ZEB_PAIR_HALF,     ZEB_PAIR_RESUME,            ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_HALF,     ZEB_PAIR_RESUME_UNSENT,     ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_HALF,     ZEB_PAIR_RESUME_OTHER,      ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
 
-    {ZEB_PAIR_CROSSED,  ZEB_PAIR_PUBLISHED,       ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
-    {ZEB_PAIR_CROSSED,  ZEB_PAIR_PUBLISHED_AGAIN, ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
-    {ZEB_PAIR_CROSSED,  ZEB_PAIR_WITHDRAWN,       ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_HALF},
-    {ZEB_PAIR_CROSSED,  ZEB_PAIR_SYNC,            ZEB_PAIR_DO_ACK,                                          ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_CROSSED,  ZEB_PAIR_SYNC_RESUME,     ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_CROSSED,  ZEB_PAIR_ACK,             ZEB_PAIR_DO_JOIN,                                         ZEB_PAIR_ONLINE},
-    {ZEB_PAIR_CROSSED,  ZEB_PAIR_ACK_OTHER,       ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
-    {ZEB_PAIR_CROSSED,  ZEB_PAIR_MESSAGE,         ZEB_PAIR_DO_JOIN,                                         ZEB_PAIR_ONLINE},
-    {ZEB_PAIR_CROSSED,  ZEB_PAIR_RETRY,           ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_PUBLISHED,         ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_PUBLISHED_AGAIN,   ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_WITHDRAWN,         ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_HALF},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_SYNC,              ZEB_PAIR_DO_ACK,                                          ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_SYNC_RESUME,       ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_ACK,               ZEB_PAIR_DO_JOIN,                                         ZEB_PAIR_ONLINE},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_ACK_OTHER,         ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_MESSAGE,           ZEB_PAIR_DO_JOIN,                                         ZEB_PAIR_ONLINE},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_RETRY,             ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_RESUME,            ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_RESUME_OTHER,      ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
 
-    {ZEB_PAIR_ACKED,    ZEB_PAIR_PUBLISHED,       ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
-    {ZEB_PAIR_ACKED,    ZEB_PAIR_PUBLISHED_AGAIN, ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
-    {ZEB_PAIR_ACKED,    ZEB_PAIR_WITHDRAWN,       ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_IDLE},
-    {ZEB_PAIR_ACKED,    ZEB_PAIR_SYNC,            ZEB_PAIR_DO_ACK | ZEB_PAIR_DO_JOIN,                       ZEB_PAIR_ONLINE},
-    {ZEB_PAIR_ACKED,    ZEB_PAIR_SYNC_NEW,        ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_ACKED,    ZEB_PAIR_SYNC_OTHER,      ZEB_PAIR_DO_ACK | ZEB_PAIR_DO_AWAIT,                      ZEB_PAIR_ACKED},
-    {ZEB_PAIR_ACKED,    ZEB_PAIR_SYNC_RESUME,     ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_ACKED,    ZEB_PAIR_RETRY_3,         ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
-    {ZEB_PAIR_ACKED,    ZEB_PAIR_RESUME,          ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_PUBLISHED,         ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_PUBLISHED_AGAIN,   ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_WITHDRAWN,         ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_IDLE},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_SYNC,              ZEB_PAIR_DO_ACK | ZEB_PAIR_DO_JOIN,                       ZEB_PAIR_ONLINE},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_SYNC_NEW,          ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_SYNC_OTHER,        ZEB_PAIR_DO_ACK | ZEB_PAIR_DO_AWAIT,                      ZEB_PAIR_ACKED},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_SYNC_RESUME,       ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_ACK_FOREIGN,       ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_RETRY,             ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_ACKED},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_RETRY_3,           ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_RESUME,            ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_RESUME_UNSENT,     ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_ACKED},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_RESUME_OTHER,      ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
 
-    {ZEB_PAIR_ONLINE,   ZEB_PAIR_PUBLISHED,       ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC,                      ZEB_PAIR_WAITING},
-    {ZEB_PAIR_ONLINE,   ZEB_PAIR_PUBLISHED_AGAIN, ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC_RESUME,               ZEB_PAIR_WAITING},
-    {ZEB_PAIR_ONLINE,   ZEB_PAIR_WITHDRAWN,       ZEB_PAIR_DO_QUIT,                                         ZEB_PAIR_IDLE},
-    {ZEB_PAIR_ONLINE,   ZEB_PAIR_SYNC,            ZEB_PAIR_DO_ACK,                                          ZEB_PAIR_ONLINE},
-    {ZEB_PAIR_ONLINE,   ZEB_PAIR_SYNC_OTHER,      ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,    ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_ONLINE,   ZEB_PAIR_SYNC_RESUME,     ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,    ZEB_PAIR_CROSSED},
-    {ZEB_PAIR_ONLINE,   ZEB_PAIR_RESUME,          ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC_RESUME,               ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_PUBLISHED,         ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC,                      ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_PUBLISHED_AGAIN,   ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC_RESUME,               ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_WITHDRAWN,         ZEB_PAIR_DO_QUIT,                                         ZEB_PAIR_IDLE},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_SYNC,              ZEB_PAIR_DO_ACK,                                          ZEB_PAIR_ONLINE},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_SYNC_OTHER,        ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,    ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_SYNC_RESUME,       ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,    ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_ACK_FOREIGN,       ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_ONLINE},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_ACK_FOREIGN_OTHER, ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC_RESUME,               ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_RETRY,             ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_ONLINE},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_RESUME,            ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC_RESUME,               ZEB_PAIR_WAITING},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_RESUME_UNSENT,     ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_ONLINE},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_RESUME_OTHER,      ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_ONLINE},
 };
 // clang-format on
 
