@@ -100,7 +100,16 @@ TEST_F(zeb_handshake_recovery, an_instance_that_a_reopened_connection_does_not_r
     EXPECT_TRUE(logged(W, [] { zeb_topology_reported(); }).empty());
 }
 
-TEST_F(zeb_handshake_recovery, an_instance_that_was_being_synchronised_with_is_asked_by_a_reopened_connection)
+TEST_F(zeb_handshake_recovery, an_instance_that_was_being_synchronised_with_is_asked_when_it_is_reported_again)
+{
+    peer_published();
+    (void)fake_tipc::take_sent();
+    zeb_topology_reopened();
+    peer_published();
+    EXPECT_EQ(sync_word(fake_tipc::take_sent().at(0).bytes, 3), 1u) << "the resume mark";
+}
+
+TEST_F(zeb_handshake_recovery, an_instance_that_was_being_synchronised_with_and_is_not_reported_again_is_withdrawn)
 {
     peer_published();
     (void)fake_tipc::take_sent();
