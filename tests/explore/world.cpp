@@ -131,7 +131,16 @@ static bool may_drop_last(const world_t *world, action_t action)
         return false;
     uint32_t src = world->config.place[action.a / 2].node;
     uint32_t dst = world->config.place[action.b / 2].node;
-    return world->cut[src][dst] && !message_at(world, action, true)->doomed;
+    return world->cut[src][dst] && !message_at(world, action, false)->doomed;
+}
+
+// The link keeps what it carried until it is taken for lost: a cut that is healed before loses nothing.
+static void doom_last(ring<message_t> *queue)
+{
+    uint32_t last = queue->num - 1;
+    while (last != 0 && ring_at(queue, last)->doomed)
+        last--;
+    ring_at(queue, last)->doomed = true;
 }
 
 static bool is_link(const world_t *world, action_t action)
@@ -279,8 +288,7 @@ static void act(world_t *world, action_t action)
         read_message(world, action);
         return;
     case OP_DROP_LAST:
-        world->channel[channel_index(action.a, action.b, action.c)].num--;
-        mark_channel(world, channel_index(action.a, action.b, action.c));
+        doom_last(&world->channel[channel_index(action.a, action.b, action.c)]);
         return;
     case OP_NAMES:
     case OP_NOTICE:
