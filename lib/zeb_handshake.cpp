@@ -45,7 +45,8 @@ int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uin
 // What could not be sent is sent after the time-out. When nobody has the name, an event tells when somebody has.
 static void sync_or_ask_later(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume)
 {
-    if (zeb_hs_get_subscr_app(hs, src_app, dst.app) == nullptr)
+    zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, dst.app);
+    if (ol == nullptr || zeb_find_subscr_app(ol, src_app) == nullptr)
         return; // it has left meanwhile
     int ret = zeb_sync_app_inst(hs, src_app, dst, resume);
     if (ret == 0)

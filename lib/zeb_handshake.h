@@ -181,7 +181,6 @@ void zeb_hs_clear(zeb_handshake_t *hs); // frees all records
 void zeb_hs_add_comm_app(zeb_handshake_t *hs, uint32_t src_app, uint32_t dst_app);
 void zeb_hs_del_comm_app(zeb_handshake_t *hs, uint32_t src_app); // removes it as a subscriber everywhere
 zeb_ol_app_t *zeb_hs_get_ol_app(const zeb_handshake_t *hs, uint32_t app);
-zeb_subscr_app_t *zeb_hs_get_subscr_app(const zeb_handshake_t *hs, uint32_t subscr_app, uint32_t ntf_app);
 
 // Who is online: the nodes with a server of `app`; of `num` nodes those that have one, and whether any node has.
 void zeb_hs_get_app_server(const zeb_handshake_t *hs, uint32_t app, zeb_app_set_t *ol_srv);

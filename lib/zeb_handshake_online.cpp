@@ -232,16 +232,10 @@ void zeb_app_inst_try_quit(zeb_handshake_t *hs, zeb_inst_t inst)
 
 // Who talks to whom.
 
-static zeb_subscr_app_t *find_subscr_app(zeb_ol_app_t *ol, uint32_t subscr_app)
+zeb_subscr_app_t *zeb_find_subscr_app(zeb_ol_app_t *ol, uint32_t subscr_app)
 {
     return list_find<zeb_subscr_app_t>(
         &ol->subscr_app_list, [&](const zeb_subscr_app_t *subscr) { return subscr->subscr_app == subscr_app; });
-}
-
-zeb_subscr_app_t *zeb_hs_get_subscr_app(const zeb_handshake_t *hs, uint32_t subscr_app, uint32_t ntf_app)
-{
-    zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, ntf_app);
-    return ol == nullptr ? nullptr : find_subscr_app(ol, subscr_app);
 }
 
 static zeb_ol_app_t *new_ol_app(uint32_t app)
@@ -275,7 +269,7 @@ void zeb_hs_add_comm_app(zeb_handshake_t *hs, uint32_t src_app, uint32_t dst_app
 void zeb_hs_del_comm_app(zeb_handshake_t *hs, uint32_t src_app)
 {
     indexed_list_each(&hs->ol_app, [&](zeb_ol_app_t *ol) {
-        zeb_subscr_app_t *subscr = find_subscr_app(ol, src_app);
+        zeb_subscr_app_t *subscr = zeb_find_subscr_app(ol, src_app);
         if (subscr != nullptr) {
             list_del(&subscr->list);
             free(subscr);

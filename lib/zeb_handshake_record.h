@@ -53,6 +53,9 @@ zeb_resume_comm_t zeb_del_resume_comm(zeb_handshake_t *hs, uint32_t seq);
 void zeb_drop_returned_ack(zeb_handshake_t *hs, zeb_returned_ack_t *ack);
 void zeb_free_returned_ack(zeb_returned_ack_t *ack); // one that is not on the list
 
+// Who talks to whom, or null.
+zeb_subscr_app_t *zeb_find_subscr_app(zeb_ol_app_t *ol, uint32_t subscr_app);
+
 // Who is online.
 void zeb_set_app_server(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_set_app_inst(zeb_handshake_t *hs, zeb_inst_t inst);

@@ -34,7 +34,8 @@ static inline zeb_ol_app_t *__zeb_get_ol_app(uint32_t app)
 
 static inline zeb_subscr_app_t *__zeb_get_subscr_app(uint32_t subscr_app, uint32_t ntf_app)
 {
-    return zeb_hs_get_subscr_app(&g_zeb_handshake, subscr_app, ntf_app);
+    zeb_ol_app_t *ol = __zeb_get_ol_app(ntf_app);
+    return ol == nullptr ? nullptr : zeb_find_subscr_app(ol, subscr_app);
 }
 
 static inline void zeb_set_app_server(uint32_t app, uint32_t node)
