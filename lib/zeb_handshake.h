@@ -119,7 +119,7 @@ typedef struct zeb_hs_effects_s {
     // Starts a timer; its expiry comes in as zeb_hs_timer. 0, or -1 when it could not be started.
     int (*start_timer)(void *ctx, unsigned seconds, zeb_timer_t timer);
 
-    // Sends a SYNC_INST. 0, or the error.
+    // Sends a SYNC_INST. 0, or the error as a negative errno; -EHOSTUNREACH when nobody has the name.
     int (*send_sync)(void *ctx, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body);
 
     // Sends a pending SYNC_INST again, and counts it. Later.

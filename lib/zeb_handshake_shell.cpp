@@ -71,6 +71,8 @@ static int send_sync(void *, uint32_t src_app, zeb_inst_t dst, const zeb_msg_syn
 {
     zeb_msg_t *msg = zeb_new_sync_inst_msg(src_app, dst, body);
     int ret = zeb_tipc_sendto(src_app, msg, dst, 0);
+    if (ret == -1) // of a failed write, which errno tells more about
+        ret = -errno;
     free(msg);
     return ret;
 }

@@ -100,6 +100,14 @@ TEST_F(zeb_handshake_recovery, an_instance_that_a_reopened_connection_does_not_r
     EXPECT_TRUE(logged(W, [] { zeb_topology_reported(); }).empty());
 }
 
+TEST_F(zeb_handshake_recovery, a_name_that_nobody_has_is_not_asked_later)
+{
+    fault::fail_next("sendto", EHOSTUNREACH);
+    peer_published();
+    EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
+    EXPECT_TRUE(take_timers().empty()) << "an event tells when somebody has it";
+}
+
 TEST_F(zeb_handshake_recovery, an_instance_that_was_being_synchronised_with_is_asked_when_it_is_reported_again)
 {
     peer_published();
