@@ -410,6 +410,16 @@ void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t)
         (void)zeb_hs_start_timer(hs, ZEB_INST_RETRY_TIMEOUT, {ZEB_TIMER_TYPE_INST_RETRY, 0});
 }
 
+// A peer that runs acknowledges at once, and the retry timer runs once it has synchronised. What is still pending was
+// lost: the process that got it has ended, and no event tells of that while another one has the same name.
+void zeb_hs_minute(zeb_handshake_t *hs)
+{
+    indexed_list_each(&hs->inst_sync, [&](zeb_pending_sync_t *pending) {
+        if (++pending->minutes == ZEB_UNANSWERED_MINUTES)
+            hs->effects->resend_sync(hs->ctx, pending->src_app, pending->dst, &pending->body);
+    });
+}
+
 // Changes nothing when the process is the one that is online. What is pending asks already.
 static void ask_holder(zeb_handshake_t *hs, zeb_inst_t inst)
 {

@@ -40,6 +40,7 @@ typedef struct zeb_pending_sync_s {
     uint32_t src_app;
     zeb_inst_t dst;
     zeb_msg_sync_inst_t body; // as it was sent, for sending it again
+    int minutes;              // calls of zeb_hs_minute since then
 } zeb_pending_sync_t;
 
 // A peer to which pending synchronisations are to be sent again.
@@ -167,6 +168,7 @@ constexpr unsigned ZEB_RESUME_TIMEOUT = 60;    // seconds
 constexpr unsigned ZEB_RESEND_ACK_TIMEOUT = 1; // seconds
 constexpr unsigned ZEB_INST_RETRY_TIMEOUT = 2; // seconds
 constexpr int ZEB_UNKNOWN_ROUND_NUM = 3;       // of the retry time-out
+constexpr int ZEB_UNANSWERED_MINUTES = 2;      // calls of zeb_hs_minute: the first may follow at once
 
 // What a peer can make grow.
 constexpr int ZEB_PAIR_NUM_MAX = 65536;   // pair records of a process
@@ -233,5 +235,8 @@ void zeb_hs_del_reject_acks(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t ds
 // Timers. Starting a retry timer while one is pending starts nothing and gives 0.
 int zeb_hs_start_timer(zeb_handshake_t *hs, unsigned seconds, zeb_timer_t timer);
 void zeb_hs_timer(zeb_handshake_t *hs, zeb_timer_t timer); // of the types resume, inst and retry
+
+// Sixty more seconds have passed. A SYNC_INST that has been pending for all of them is sent again, once.
+void zeb_hs_minute(zeb_handshake_t *hs);
 
 #endif

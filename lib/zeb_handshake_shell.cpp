@@ -355,6 +355,11 @@ void zeb_topology_reported()
     zeb_handshake_event([](zeb_handshake_t *hs) { zeb_hs_topology_reported(hs); });
 }
 
+void zeb_handshake_minute()
+{
+    zeb_handshake_event([](zeb_handshake_t *hs) { zeb_hs_minute(hs); });
+}
+
 // Handles one element of a synchronisation message. False when its value is shorter than its record.
 static bool process_sync_item(const zeb_msg_hdr_t *hdr, const zeb_tlv_item_t *item)
 {

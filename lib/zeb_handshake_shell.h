@@ -54,6 +54,7 @@ void zeb_subscr_tipc_events(); // subscribes to every known application
 void zeb_inst_published(zeb_inst_t inst);
 void zeb_inst_withdrawn(zeb_inst_t inst);
 void zeb_topology_reopened();
+void zeb_handshake_minute();  // another minute has passed
 void zeb_topology_reported(); // everything that exists, by a connection that was opened anew
 
 // Takes a received message with ZEB_MSG_FLAG_SYNC; frees it.

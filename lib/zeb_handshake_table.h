@@ -9,17 +9,17 @@
 //   tells when somebody has. After a SYNC of the peer's that starts the resume timer of the row too.
 // - The resume timer of a row is not started while a SYNC of ours is pending.
 // - The first SYNC from another process than that of the last one, without a withdrawal in between, starts a resume
-// timer
-//   before anything else, whatever the row: two processes have the name, and the one that stays is asked later. When
-//   the process changes once more before the time-out, the timer is started again then. A new topology connection, with
-//   which all timers are lost, starts this one again.
+//   timer before anything else, whatever the row: two processes have the name, and the one that stays is asked later.
+//   When the process changes once more before the time-out, the timer is started again then. A new topology connection,
+//   with which all timers are lost, starts this one again.
 // - Joins and quits are notified of servers alone: of an instance that is known as one by then.
 // - An acknowledgement carries a pseq, the sequence number of our last SYNC, once the process that synchronised is the
 //   one that acknowledged; before that it carries 0.
 // - A SYNC from a peer of version 2 starts the retry timer unless that is pending. It runs on while a pair whose SYNC
 //   was pending then is in the retry list. So it is with an acknowledgement of version 2 before the peer's SYNC, which
 //   puts the pair there.
-// - Every SYNC of the pair's that is pending is sent again: one that could not be sent may follow another. Acked and
+// - A retry sends again every SYNC of the pair's that is pending, a minute each that is that old, once: one that could
+// not be sent may follow another. Acked and
 //   online do not say whether one is.
 //
 // What is not told here, since it needs a second local application: the peer's instance is online by another
@@ -45,6 +45,7 @@ typedef enum zeb_pair_event_e : int {
     ZEB_PAIR_ACK_FOREIGN_OTHER, // the same when online: not from the process that did both
     ZEB_PAIR_MESSAGE,           // an ordinary one, of an instance that is not online
     ZEB_PAIR_RETRY,             // time-out
+    ZEB_PAIR_MINUTE,            // a SYNC of ours has been pending for a whole minute
     ZEB_PAIR_RETRY_3,           // the third of a pair in the retry list with nothing pending and no SYNC of the peer's
     ZEB_PAIR_RESUME,            // time-out of a peer that has synchronised
     ZEB_PAIR_RESUME_UNSENT,     // of a SYNC that could not be sent
@@ -80,6 +81,7 @@ constexpr const char *ZEB_PAIR_EVENT_TEXTS[ZEB_PAIR_EVENT_NUM] = {
     "ack, foreign pseq, other process",
     "message",
     "retry time-out",
+    "pending for a minute",
     "third retry time-out",
     "resume time-out",
     "resume time-out, not sent",
@@ -121,6 +123,7 @@ constexpr zeb_pair_row_t ZEB_PAIR_TABLE[] = {
     {ZEB_PAIR_WAITING,  ZEB_PAIR_ACK_FOREIGN,       ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
     {ZEB_PAIR_WAITING,  ZEB_PAIR_MESSAGE,           ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
     {ZEB_PAIR_WAITING,  ZEB_PAIR_RETRY,             ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_WAITING},
+    {ZEB_PAIR_WAITING,  ZEB_PAIR_MINUTE,            ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_WAITING},
     {ZEB_PAIR_WAITING,  ZEB_PAIR_RESUME_OTHER,      ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
 
     {ZEB_PAIR_HALF,     ZEB_PAIR_PUBLISHED,         ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_WAITING},
@@ -141,6 +144,7 @@ constexpr zeb_pair_row_t ZEB_PAIR_TABLE[] = {
     {ZEB_PAIR_CROSSED,  ZEB_PAIR_ACK_OTHER,         ZEB_PAIR_DO_NOTHING,                                      ZEB_PAIR_ACKED},
     {ZEB_PAIR_CROSSED,  ZEB_PAIR_MESSAGE,           ZEB_PAIR_DO_JOIN,                                         ZEB_PAIR_ONLINE},
     {ZEB_PAIR_CROSSED,  ZEB_PAIR_RETRY,             ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_CROSSED},
+    {ZEB_PAIR_CROSSED,  ZEB_PAIR_MINUTE,            ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_CROSSED},
     {ZEB_PAIR_CROSSED,  ZEB_PAIR_RESUME,            ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
     {ZEB_PAIR_CROSSED,  ZEB_PAIR_RESUME_OTHER,      ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
 
@@ -153,6 +157,7 @@ constexpr zeb_pair_row_t ZEB_PAIR_TABLE[] = {
     {ZEB_PAIR_ACKED,    ZEB_PAIR_SYNC_RESUME,       ZEB_PAIR_DO_SYNC | ZEB_PAIR_DO_ACK,                       ZEB_PAIR_CROSSED},
     {ZEB_PAIR_ACKED,    ZEB_PAIR_ACK_FOREIGN,       ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
     {ZEB_PAIR_ACKED,    ZEB_PAIR_RETRY,             ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_ACKED},
+    {ZEB_PAIR_ACKED,    ZEB_PAIR_MINUTE,            ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_ACKED},
     {ZEB_PAIR_ACKED,    ZEB_PAIR_RETRY_3,           ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
     {ZEB_PAIR_ACKED,    ZEB_PAIR_RESUME,            ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_WAITING},
     {ZEB_PAIR_ACKED,    ZEB_PAIR_RESUME_UNSENT,     ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_ACKED},
@@ -167,6 +172,7 @@ constexpr zeb_pair_row_t ZEB_PAIR_TABLE[] = {
     {ZEB_PAIR_ONLINE,   ZEB_PAIR_ACK_FOREIGN,       ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_ONLINE},
     {ZEB_PAIR_ONLINE,   ZEB_PAIR_ACK_FOREIGN_OTHER, ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC_RESUME,               ZEB_PAIR_WAITING},
     {ZEB_PAIR_ONLINE,   ZEB_PAIR_RETRY,             ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_ONLINE},
+    {ZEB_PAIR_ONLINE,   ZEB_PAIR_MINUTE,            ZEB_PAIR_DO_RESEND,                                       ZEB_PAIR_ONLINE},
     {ZEB_PAIR_ONLINE,   ZEB_PAIR_RESUME,            ZEB_PAIR_DO_QUIT | ZEB_PAIR_DO_SYNC_RESUME,               ZEB_PAIR_WAITING},
     {ZEB_PAIR_ONLINE,   ZEB_PAIR_RESUME_UNSENT,     ZEB_PAIR_DO_SYNC_RESUME,                                  ZEB_PAIR_ONLINE},
     {ZEB_PAIR_ONLINE,   ZEB_PAIR_RESUME_OTHER,      ZEB_PAIR_DO_SYNC,                                         ZEB_PAIR_ONLINE},

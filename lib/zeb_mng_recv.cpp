@@ -401,6 +401,22 @@ static void end_reports(bool event)
     zeb_topology_reported();
 }
 
+constexpr unsigned MINUTE = 60;           // seconds
+constexpr unsigned TURNS_OF_CLOCK = 1024; // a turn that leaves messages unsignalled reads the clock so seldom
+
+static struct timespec s_minute_end;
+
+static void count_minutes(bool owing)
+{
+    static unsigned s_turns;
+    if (owing && ++s_turns % TURNS_OF_CLOCK != 0)
+        return;
+    if (!zeb_deadline_passed(&s_minute_end))
+        return;
+    s_minute_end = zeb_deadline_in(MINUTE);
+    zeb_handshake_minute();
+}
+
 // One datagram per readable socket and turn, so that a busy socket does not starve the others.
 static void poll_once(poll_set_t *set)
 {
@@ -425,6 +441,7 @@ static void poll_once(poll_set_t *set)
     if (!only_streams) // a socket that is kept readable by something else must not hold up what is queued
         signal_queued();
     end_reports(event);
+    count_minutes(owing);
     if (g_zeb_mng.subscr_sd == -1)
         reopen_topology_connection(set);
 }
@@ -452,6 +469,7 @@ void *zeb_socket_msg_dist_thread_fun(void *)
 
     poll_set_t set;
     build_poll_set(&set);
+    s_minute_end = zeb_deadline_in(MINUTE);
     s_stream.more = true;
     for (;;)
         poll_once(&set);

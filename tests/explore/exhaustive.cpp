@@ -97,12 +97,8 @@ static void add_faults(const search_t *search, std::vector<action_t> *actions)
     static const op_t plain[] = {OP_START, OP_KILL, OP_UNBIND};
     static const op_t counted[] = {OP_FAIL_OPEN, OP_FAIL_TIMER, OP_FAIL_SEND, OP_FAIL_ACK};
     for (uint8_t proc = 0; proc < 4; proc++) {
-        // A second process at a name that is only becoming known may be lost to its peer: see random.cpp.
-        bool online = search->prefix.size() > 2;
-        for (op_t op : plain) {
-            if (op != OP_START || online || !search->world->proc[proc ^ 1].alive)
-                add_if_enabled(search, {op, proc, 0, 0, 0}, actions);
-        }
+        for (op_t op : plain)
+            add_if_enabled(search, {op, proc, 0, 0, 0}, actions);
         for (uint8_t how = 0; how < 4; how++)
             add_if_enabled(search, {OP_LOSE, proc, how, 0, 0}, actions);
         for (op_t op : counted)

@@ -61,6 +61,7 @@ static void mix_pairs(hash_t *hash, const zeb_handshake_t *hs)
         mix_inst(hash, sync->dst);
         mix_number(hash, sync->body.seq);
         mix(hash, sync->body.resume);
+        mix(hash, sync->minutes < ZEB_UNANSWERED_MINUTES ? (uint64_t)sync->minutes : ZEB_UNANSWERED_MINUTES);
     });
     mix(hash, 'r');
     indexed_list_each(&hs->inst_retry, [&](const zeb_retry_inst_t *retry) {
@@ -120,6 +121,7 @@ static void mix_connection(hash_t *hash, const proc_t *proc)
         mix(hash, (uint64_t)event->kind << 16 | (uint64_t)event->name << 8 | event->timer.type);
         mix_number(hash, event->timer.seq);
     }
+    mix(hash, has_unanswered(proc) ? (hash->world->now - proc->started) % MINUTE : NEVER);
     mix(hash, 't');
     for (int i = 0; i < proc->timer_num; i++) {
         mix(hash, proc->timer[i].expiry - hash->world->now);

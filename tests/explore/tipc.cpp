@@ -321,6 +321,8 @@ void start(proc_t *proc)
     proc->pid = ++world->pid;
     proc->seq = proc->pid * 100000;
     proc->alive = true;
+    proc->started = world->now;
+    proc->minute_at = world->now;
     proc->dying_says_notconn = false;
     proc->report_at = NEVER;
     proc->timer_num = 0;

@@ -432,18 +432,50 @@ uint32_t next_by_itself(world_t *world, order_t order, action_t *action)
     return best.when;
 }
 
+bool has_unanswered(const proc_t *proc)
+{
+    bool found = false;
+    if (!proc->alive)
+        return false;
+    indexed_list_each(&proc->hs.inst_sync,
+                      [&](const zeb_pending_sync_t *pending) { found |= pending->minutes < ZEB_UNANSWERED_MINUTES; });
+    return found;
+}
+
+// Only when it may change anything.
+static uint32_t next_minute(const proc_t *proc)
+{
+    if (!has_unanswered(proc))
+        return NEVER;
+    uint32_t age = proc->world->now - proc->started;
+    return proc->started + (age / MINUTE + 1) * MINUTE;
+}
+
 uint32_t next_timer(const world_t *world)
 {
     uint32_t next = NEVER;
     for (const proc_t &proc : world->proc) {
         if (proc.timer_next < next)
             next = proc.timer_next;
+        uint32_t minute = next_minute(&proc);
+        if (minute < next)
+            next = minute;
     }
     return next;
 }
 
+static void minute_passes(proc_t *proc, uint32_t when)
+{
+    if (!proc->alive || proc->minute_at == when || (when - proc->started) % MINUTE != 0)
+        return;
+    proc->minute_at = when;
+    zeb_hs_minute(&proc->hs);
+}
+
 static void expire_at(world_t *world, uint32_t when)
 {
+    for (proc_t &proc : world->proc)
+        minute_passes(&proc, when);
     for (proc_t &proc : world->proc) {
         if (proc.timer_next == when) {
             expire_next(&proc);

@@ -25,6 +25,7 @@ constexpr uint32_t REOPEN_PERIOD = 2000;      // ms from one attempt to reopen t
 constexpr uint32_t REPORT_TIME = 2000;        // ms after which a new connection has reported what there is
 constexpr uint32_t TOLERANCE = 1500;          // ms from a link's cut to its being noticed
 constexpr uint32_t TOLERANCE_DELAY_MAX = 500; // ms by which one side may be later
+constexpr uint32_t MINUTE = 60000;            // ms from one call of zeb_hs_minute to the next
 constexpr uint32_t NEVER = UINT32_MAX;
 
 typedef struct app_config_s {
@@ -159,6 +160,8 @@ typedef struct proc_s {
     connection_t connection;
     bool dying_says_notconn;
     uint32_t retry_at;  // of reading a connection that is not open
+    uint32_t started;
+    uint32_t minute_at; // of the last call of zeb_hs_minute
     uint32_t report_at; // from when on, with nothing left to read, a new connection has reported all; NEVER: it has
     ring<event_t> events;
     int timer_num;
@@ -236,6 +239,7 @@ typedef enum order_e : int {
 // What happens next by itself, and when: NEVER when nothing waits. Timers are not among it: they expire in OP_WAIT.
 uint32_t next_by_itself(world_t *world, order_t order, action_t *action);
 uint32_t next_timer(const world_t *world);
+bool has_unanswered(const proc_t *proc); // a synchronisation that zeb_hs_minute may send again
 
 void violate(world_t *world, violation_t violation, const char *format, ...) __attribute__((format(printf, 3, 4)));
 

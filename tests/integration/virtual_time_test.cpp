@@ -128,6 +128,24 @@ TEST_F(virtual_time, a_synchronisation_is_sent_again_every_2_s_until_acknowledge
     EXPECT_LE(peer.count("recv "), 1) << "at most one that was on its way";
 }
 
+TEST_F(virtual_time, a_synchronisation_that_nobody_answers_is_sent_again_once_in_its_second_minute)
+{
+    process agent(1, "zeb_agent");
+    start(agent, "512", "513");
+    process peer(2, "raw_peer");
+    ASSERT_EQ(peer.ask("bind 513 2"), "0");
+    datagram_t sync = received(peer);
+    ASSERT_EQ(type_of(sync), 1);
+    datagram_t again = received(peer);
+    EXPECT_EQ(again.bytes, sync.bytes);
+    EXPECT_GE(again.seconds - sync.seconds, 59);
+    EXPECT_LE(again.seconds - sync.seconds, 123);
+    double last = now();
+    while (now() < last + 300)
+        (void)peer.saw("nothing"); // takes in what arrives
+    EXPECT_EQ(peer.count("recv "), 0);
+}
+
 // The acknowledgement of `seq` lies unread in the queue of a socket that closes, and so comes back to its sender. True
 // when it then came again, to another socket of the name, with its ttl one lower. That socket may be too late for it.
 static bool acknowledged_again(uint32_t seq)

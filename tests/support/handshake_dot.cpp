@@ -20,7 +20,7 @@ static std::string actions_text(unsigned actions)
 static std::string line_text(zeb_pair_event_t event, const std::string &from, unsigned actions)
 {
     std::string what = actions_text(actions);
-    return ZEB_PAIR_EVENT_TEXTS[event] + from + (what.empty() ? "" : " / " + what);
+    return ZEB_PAIR_EVENT_TEXTS[event] + from + (what.empty() ? "" : "\\l    / " + what);
 }
 
 // How an event looks that is drawn once.
@@ -92,7 +92,7 @@ std::string handshake_dot()
     edges_t edges = all_edges();
     std::string text = "// Made from lib/zeb_handshake_table.h by `make docs`.\n"
                        "digraph handshake {\n"
-                       "    graph [rankdir=TB, nodesep=0.9, ranksep=0.7, fontname=\"Helvetica\"];\n"
+                       "    graph [rankdir=TB, nodesep=0.25, ranksep=0.4, fontname=\"Helvetica\"];\n"
                        "    node [shape=box, style=rounded, fontname=\"Helvetica\", fontsize=13];\n"
                        "    edge [fontname=\"Helvetica\", fontsize=11, color=\"#555555\"];\n"
                        "    any [label=\"any phase\\n(when online: quit first)\", style=\"rounded,dashed\"];\n"

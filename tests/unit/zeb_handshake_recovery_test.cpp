@@ -253,3 +253,30 @@ TEST_F(zeb_handshake_recovery, retrying_goes_on_with_the_next_synchronisation_wh
     EXPECT_EQ(timers[0].ms, 2000u);
     EXPECT_EQ(timers[0].type, (uint32_t)ZEB_TIMER_TYPE_INST_RETRY);
 }
+
+// An event of its own: no timer is started for it.
+TEST_F(zeb_handshake_recovery, what_is_pending_for_a_whole_minute_is_sent_again_once)
+{
+    peer_published();
+    auto first = fake_tipc::take_sent();
+    ASSERT_EQ(first.size(), 1u);
+    zeb_handshake_minute();
+    EXPECT_TRUE(fake_tipc::take_sent().empty()) << "it may have been sent a moment ago";
+    zeb_handshake_minute();
+    auto again = fake_tipc::take_sent();
+    ASSERT_EQ(again.size(), 1u);
+    EXPECT_EQ(again[0].bytes, first[0].bytes);
+    zeb_handshake_minute();
+    zeb_handshake_minute();
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+    EXPECT_TRUE(take_timers().empty());
+}
+
+TEST_F(zeb_handshake_recovery, a_minute_passes_an_instance_that_is_online_or_not_known_by)
+{
+    peer_online();
+    for (int minute = 0; minute < 5; minute++)
+        zeb_handshake_minute();
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
+}

@@ -40,6 +40,7 @@ typedef enum input_kind_e : int {
     IN_ACK_OLD, // of version 1
     IN_MESSAGE,
     IN_RETRY,
+    IN_MINUTE,
     IN_RESUME,
     IN_RESUME_UNSENT,
     IN_RESUME_OTHER,
@@ -188,6 +189,24 @@ int pending_num(const core_t *core)
     return indexed_list_num(&core->hs.inst_sync);
 }
 
+// Those that another minute makes old enough for being sent again.
+int old_num(const core_t *core)
+{
+    int num = 0;
+    indexed_list_each(&core->hs.inst_sync, [&](const zeb_pending_sync_t *pending) {
+        num += pending->minutes == ZEB_UNANSWERED_MINUTES - 1 ? 1 : 0;
+    });
+    return num;
+}
+
+int young_num(const core_t *core)
+{
+    int num = 0;
+    indexed_list_each(&core->hs.inst_sync,
+                      [&](const zeb_pending_sync_t *pending) { num += pending->minutes == 0 ? 1 : 0; });
+    return num;
+}
+
 uint32_t resume_seq(const core_t *core, zeb_resume_kind_t kind)
 {
     const zeb_resume_comm_t *resume = zeb_get_resume_comm(&core->hs, THE_PEER, kind);
@@ -259,6 +278,8 @@ void happen(core_t *core, const input_t &input)
         return zeb_hs_recv_traffic(hs, MY_APP, THE_PEER);
     case IN_RETRY:
         return zeb_hs_timer(hs, {ZEB_TIMER_TYPE_INST_RETRY, 0});
+    case IN_MINUTE:
+        return zeb_hs_minute(hs);
     case IN_RESUME:
         return zeb_hs_timer(hs, {ZEB_TIMER_TYPE_RESUME, resume_seq(core, ZEB_RESUME_PEER)});
     case IN_RESUME_UNSENT:
@@ -329,6 +350,11 @@ int retry_event(const core_t *core)
     return awaited && retry->unknown_rounds == ZEB_UNKNOWN_ROUND_NUM - 1 ? ZEB_PAIR_RETRY_3 : NO_EVENT;
 }
 
+int minute_event(const core_t *core)
+{
+    return old_num(core) != 0 ? (int)ZEB_PAIR_MINUTE : NO_EVENT;
+}
+
 int event_of(core_t *core, const input_t &input)
 {
     switch (input.kind) {
@@ -349,6 +375,8 @@ int event_of(core_t *core, const input_t &input)
         return ZEB_PAIR_MESSAGE;
     case IN_RETRY:
         return retry_event(core);
+    case IN_MINUTE:
+        return minute_event(core);
     case IN_RESUME:
         return resumes(core, ZEB_RESUME_PEER) ? (int)ZEB_PAIR_RESUME : NO_EVENT;
     case IN_RESUME_UNSENT:
@@ -361,7 +389,8 @@ int event_of(core_t *core, const input_t &input)
 }
 
 // The core's state but for what no step depends on.
-typedef std::tuple<int, bool, bool, bool, bool, bool, bool, int, int, uint32_t, uint32_t, uint32_t, uint32_t, bool>
+typedef std::tuple<int, bool, bool, bool, bool, bool, bool, int, int, int, int, uint32_t, uint32_t, uint32_t, uint32_t,
+                   bool>
     state_t;
 
 state_t state_of(core_t *core)
@@ -377,6 +406,8 @@ state_t state_of(core_t *core)
             resumes(core, ZEB_RESUME_OTHER_PROCESS),
             asks_again(core),
             pending_num(core),
+            old_num(core),
+            young_num(core),
             retry == nullptr ? -1 : retry->unknown_rounds,
             id.recv_seq,
             id.sync_id,
@@ -408,6 +439,7 @@ std::vector<input_t> inputs()
         {IN_ACK_OLD, 0, PROCESS + 1, 0, 1, 0, "ack of version 1 of the other process"},
         {IN_MESSAGE, 0, 0, 0, 2, 0, "message"},
         {IN_RETRY, 0, 0, 0, 2, 0, "retry time-out"},
+        {IN_MINUTE, 0, 0, 0, 2, 0, "minute"},
         {IN_RESUME, 0, 0, 0, 2, 0, "resume time-out of a peer"},
         {IN_RESUME_UNSENT, 0, 0, 0, 2, 0, "resume time-out of what was not sent"},
         {IN_RESUME_OTHER, 0, 0, 0, 2, 0, "resume time-out of two processes"},
@@ -458,6 +490,8 @@ bool awaits_first(const core_t *core, const input_t &input)
 // What one action of a row comes to, for the core as it is.
 std::vector<unsigned> done_for(const core_t *core, const input_t &input, unsigned action)
 {
+    if (action == ZEB_PAIR_DO_RESEND && input.kind == IN_MINUTE)
+        return std::vector<unsigned>((size_t)old_num(core), action);
     if (action == ZEB_PAIR_DO_RESEND)
         return std::vector<unsigned>((size_t)pending_num(core), action);
     if (action == ZEB_PAIR_DO_QUIT && !is_server_known(core))

@@ -181,12 +181,12 @@ TEST_F(zeb_process, a_program_that_a_child_becomes_inherits_no_descriptor)
 {
     write_conf("[MISC_CONF]\nzeb_log_cfg=15\n");
     ASSERT_EQ(setenv("VELK_DIR", dir().c_str(), 1), 0);
-    auto open_in_program = [] {
+    auto open_in_program = [&] {
         std::string text;
         char line[256];
         FILE *list = popen("exec ls -l /proc/self/fd", "r");
         while (fgets(line, sizeof(line), list) != nullptr)
-            text += strstr(line, "anon_inode") != nullptr || strstr(line, "/zeb") != nullptr ? line : "";
+            text += strstr(line, "anon_inode") != nullptr || strstr(line, dir().c_str()) != nullptr ? line : "";
         EXPECT_EQ(pclose(list), 0);
         return text;
     };
