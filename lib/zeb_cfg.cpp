@@ -29,9 +29,9 @@ static pthread_once_t s_cfg_once = PTHREAD_ONCE_INIT;
 static std::atomic<int> s_my_node_id{NODE_ID_UNKNOWN};
 
 typedef struct cfg_line_s {
-    char raw[CFG_LINE_LEN]; // as read, line end included
+    char raw[CFG_LINE_LEN]; // as read, with the line end
     char buf[CFG_LINE_LEN];
-    char *text; // inside buf, trimmed
+    char *text; // points into buf; trimmed
 } cfg_line_t;
 
 typedef struct cfg_file_s {
@@ -333,7 +333,7 @@ int zeb_get_my_node_id(void)
     return node;
 }
 
-// The debug mask first, so that the lines of the later lookups obey it.
+// Loads the debug mask first, so that it applies to the log lines of the later lookups.
 static void init_masks()
 {
     zeb_store_relaxed(&g_zeb_dbg_level, zeb_get_dbg_cfg() & ZEB_DBG_MASK_ALL);

@@ -23,7 +23,7 @@ static union {
 
 static const char PRINT_OVERFLOW[] = "*** PRINT BUFFER STRING OVERFLOW ***\n";
 
-static constexpr uint32_t PRINT_LEN_MAX = ZEB_PRINT_BUF_LEN - offsetof(zeb_msg_t, hdr); // of header, text and NUL
+static constexpr uint32_t PRINT_LEN_MAX = ZEB_PRINT_BUF_LEN - offsetof(zeb_msg_t, hdr); // bytes of header, text and NUL
 
 void zeb_dbg_print_line(const char *text)
 {

@@ -28,7 +28,7 @@ typedef struct zeb_send_app_fc_s {
     struct list_head list; // in send_list
     list_index_link_t index_link;
     zeb_inst_t dst;
-    uint32_t send;             // sent
+    uint32_t send;             // messages sent
     int32_t unack;             // sent, not yet acknowledged
     uint32_t reject;           // sends refused or failed
     uint32_t rpc_reply_reject; // RPC replies that failed
@@ -54,8 +54,8 @@ typedef struct zeb_fc_s {
     uint32_t total_send ZEB_GUARDED_BY(mutex);
     int32_t total_send_unack ZEB_GUARDED_BY(mutex);
     uint32_t unack_drift ZEB_GUARDED_BY(mutex);       // how far joins put total_send_unack below the sum of the records
-    uint32_t mcast_send_reject ZEB_GUARDED_BY(mutex); // failed sends to no single instance
-    uint32_t rpc_reply_exception ZEB_GUARDED_BY(mutex); // failed replies to no single instance
+    uint32_t mcast_send_reject ZEB_GUARDED_BY(mutex); // failed sends whose destination is not one instance
+    uint32_t rpc_reply_exception ZEB_GUARDED_BY(mutex); // failed replies whose destination is not one instance
     uint32_t total_recv ZEB_GUARDED_BY(mutex);
     int32_t total_recv_unack ZEB_GUARDED_BY(mutex);
     std::atomic<uint32_t> recv_exception;                            // relaxed; invalid messages received

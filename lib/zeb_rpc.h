@@ -29,7 +29,7 @@ typedef struct zeb_rpc_wait_s {
     list_index_link_t index_link;
     uint32_t seq;
     uint32_t timeout;                      // seconds, 0: no limit
-    pid_t caller;                          // the waiting thread; 0 in builds that check no invariants
+    pid_t caller;                          // the waiting thread; 0 in builds without ZEB_INVARIANTS
     int inst_num;                          // entries in use
     uint32_t wait_inst[ZEB_RPC_REPLY_NUM]; // application << 16 | node; 0 when completed
     zeb_reply_msg_t *reply;                // belongs to the caller

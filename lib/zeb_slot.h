@@ -25,7 +25,7 @@ typedef struct zeb_app_mng_s {
     struct zeb_fc_s *fc;
     struct zeb_app_rpc_wait_s *rpc;
     struct zeb_mng_stat_s *mng_stat;
-    struct zeb_mc_s *mc; // inside `info`
+    struct zeb_mc_s *mc; // part of `info`
 } zeb_app_mng_t;
 
 typedef struct zeb_mng_s {

@@ -41,7 +41,7 @@ static inline void zeb_wire_put_u32(uint8_t *bytes, uint32_t value)
 typedef struct zeb_tlv_item_s {
     uint16_t type;
     uint16_t len;   // bytes of the value
-    uint8_t *value; // inside the body
+    uint8_t *value; // points into the body
 } zeb_tlv_item_t;
 
 typedef enum zeb_tlv_step_e : int {
