@@ -1,7 +1,3 @@
-// Application records: socket, queue, proxy thread, dispatch by version.
-// The receive thread and the online state queue items; the application's proxy thread takes them off one at a time, or
-// the receive thread delivers them at once for an application without a proxy thread. The record's mutex guards the
-// queue and is never held while a callback runs.
 #include "zeb_app_info.h"
 
 #include <cerrno>
@@ -18,9 +14,9 @@
 #include "zeb_tipc.h"
 #include "zeb_rpc.h"
 
-constexpr int THREAD_NAME_LEN = 16; // the kernel's limit
+constexpr int THREAD_NAME_LEN = 16; // the kernel's limit, with the terminator
 
-// Delivers one event record and frees it.
+// Dispatches one event record and frees it.
 static void zeb_dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     zeb_event_t event;
@@ -38,7 +34,7 @@ static zeb_msg_t *first_item(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mu
     return msg;
 }
 
-// The first queued item; waits for one.
+// Waits while the queue is empty.
 static zeb_msg_t *take_item(zeb_app_info_t *app_info)
 {
     zeb_scoped_lock lock(&app_info->mutex);
@@ -106,7 +102,7 @@ static zeb_app_info_t *new_record(uint32_t app, const char *app_name, int dispat
     app_info->app_id = app;
     app_info->priority = zeb_get_app_priority(app);
     (void)snprintf(app_info->name, sizeof(app_info->name), "%s", app_name);
-    // One row more than there are dispatchers: its version 0 ends the table.
+    // One more row than there are dispatchers: its version 0 ends the table.
     app_info->dispatcher = (zeb_msg_dispatcher_t *)zeb_malloc((dispatcher_num + 1) * (int)sizeof(zeb_msg_dispatcher_t));
     memcpy(app_info->dispatcher, dispatcher, (size_t)dispatcher_num * sizeof(zeb_msg_dispatcher_t));
     return app_info;
@@ -220,7 +216,7 @@ void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
     ZEB_VERBOSE("ZEB dispatch app %d msg from %d/%d, ver %d, data len %d, msg flags: %s.\n", app_info->app_id,
                 msg->hdr.src_app, msg->hdr.src_node, ver, zeb_msg_data_len(msg),
                 zeb_get_msg_flags_str(msg->hdr.flag, flags));
-    // Before the dispatcher is looked up: a message that has none counts as processed too.
+    // Before the lookup of the dispatcher: a message without a dispatcher counts as processed too.
     zeb_fc_update_recv_ok(app_info->fc, zeb_msg_sender(msg));
 
     zeb_msg_dispatcher_fun_t fun = zeb_get_dispatch_fun(app_info, ver);

@@ -1,6 +1,7 @@
 // Application records: socket, queue, proxy thread, dispatch by version.
-// The receive thread queues; the proxy thread of each application takes off and runs the callbacks, or the receive
-// thread itself for an application without one. A queued item is delivered exactly once, by whoever takes it off.
+// The receive thread queues messages and events, and the application's proxy thread takes them off and runs the
+// callbacks. Without a proxy thread the receive thread dispatches each item at once. A queued item is dispatched
+// exactly once, by the thread that takes it off.
 #ifndef ZEB_APP_INFO_H
 #define ZEB_APP_INFO_H
 
@@ -22,21 +23,22 @@ typedef struct zeb_app_info_s {
     char name[ZEB_APP_NAME_LEN];
     bool with_proxy_thread;
     pthread_t tid;       // valid with with_proxy_thread
-    zeb_cond_t msg_cond; // signalled for queued items, after the mutex is released
-    bool signal_due;     // items were queued without a signal; of the receive thread alone
-    // Guards msg_list and mc. Nothing of ours is taken under it, and no callback runs under it.
+    zeb_cond_t msg_cond; // signalled when an item is queued, after the mutex is released
+    bool signal_due;     // items are queued without a signal; only the receive thread uses it
+    // Guards msg_list and mc. No other lock of the library is taken and no callback runs under it.
     zeb_mutex_t mutex;
     zeb_app_event_fun_t event_fun;                   // may be null
     zeb_msg_dispatcher_t *dispatcher;                // own copy, ended by ver 0
     struct list_head msg_list ZEB_GUARDED_BY(mutex); // zeb_msg_t: messages and event records
-    zeb_mc_t mc;                                     // private multicast groups, guarded by the same
+    zeb_mc_t mc;                                     // private groups, guarded by `mutex`
 } zeb_app_info_t;
 
-// Makes the record of `app` with its socket and, with `thread`, its proxy thread. Null on failure, with nothing left.
+// Creates the record of `app` with its socket and, with `thread`, its proxy thread. Null on failure; no part of it
+// remains.
 zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
                                  const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event);
 
-// Undoes zeb_add_app_info; null is ignored. Only for a record that the receive thread has not queued anything for.
+// Undoes zeb_add_app_info; null is ignored. Nothing may have been queued for the record.
 void zeb_del_app_info(zeb_app_info_t *app_info);
 
 // The record of a local application; null when it is not registered here.
@@ -46,24 +48,24 @@ static inline zeb_app_info_t *zeb_get_app_info(uint32_t app)
     return slot == nullptr ? nullptr : slot->info;
 }
 
-// Queues a message, or delivers it at once without a proxy thread. Takes the message.
+// Queues a message, or dispatches it at once without a proxy thread. Takes ownership of the message.
 void zeb_enqueue_msg_dist(zeb_msg_t *msg, zeb_app_info_t *app_info);
 
-// One-way messages that are not large come in streams: one woken thread may take many.
-constexpr uint32_t ZEB_STREAMED_LEN_MAX = 4096; // larger ones are better taken up while they are in the cache
+// Small one-way messages come in streams, so a proxy thread woken once may take many.
+constexpr uint32_t ZEB_STREAMED_LEN_MAX = 4096; // larger messages are better dispatched while they are in the cache
 
 static inline bool zeb_comes_in_streams(const zeb_msg_t *msg)
 {
     return msg->hdr.flag == 0 && msg->hdr.len <= ZEB_STREAMED_LEN_MAX;
 }
 
-// For the receive thread, while it may have more to read: queues a message for the proxy thread without waking it, and
-// wakes it. Before anything that may take its time the second must follow the first.
+// For the receive thread while it may have more to read: the first queues a message without waking the proxy thread,
+// the second wakes it. The receive thread must call the second before anything that may take long.
 void zeb_queue_msg(zeb_msg_t *msg, zeb_app_info_t *app_info);
 void zeb_signal_queued(zeb_app_info_t *app_info);
 
-// Queues an event record as zeb_enqueue_msg_dist does a message. -1 without record or callback: the caller keeps it.
-// Not to be called under a lock.
+// Queues an event record, or dispatches it at once without a proxy thread. Returns -1 without a record or an event
+// callback; the caller then keeps the message. Must not be called under a lock.
 int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg);
 
 void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg);
@@ -71,7 +73,7 @@ zeb_msg_dispatcher_fun_t zeb_get_dispatch_fun(const zeb_app_info_t *app_info, ui
 zeb_mismatch_info_t zeb_get_app_ver_range(const zeb_app_info_t *app_info);
 bool zeb_is_app_server(uint32_t app);
 
-// Drops the queued items that came from one instance; counts them.
+// Drop and count the queued items of one peer instance.
 void zeb_discard_app_msg(uint32_t recv_app, zeb_inst_t src);
 int zeb_unprocess_app_msg_num(uint32_t recv_app, zeb_inst_t src);
 

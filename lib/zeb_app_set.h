@@ -1,4 +1,4 @@
-// Sets of nodes. Plain data of the caller: nothing here locks or allocates.
+// Sets of nodes. The caller owns the data; nothing here locks or allocates.
 #ifndef ZEB_APP_SET_H
 #define ZEB_APP_SET_H
 
@@ -9,9 +9,9 @@
 constexpr uint32_t ZEB_SET_WORDS = 1024;
 constexpr uint32_t ZEB_SET_SUMMARY_WORDS = ZEB_SET_WORDS / 64;
 
-// A set of nodes. Node n is bit (n mod 64) of word (n div 64). `used` has a bit for each word that is not zero, and
-// `blocks` one for each word of `used` that is not zero, so that walking and copying a sparse set touch few words; a
-// word whose bit is clear is not looked at.
+// Node n is bit (n mod 64) of word (n div 64). `used` has a bit for each word that is not zero, and `blocks` a bit for
+// each word of `used` that is not zero, so walking and copying a sparse set touch few words. A word whose bit is clear
+// may hold anything and must not be read.
 typedef struct zeb_app_set_s {
     uint32_t blocks;
     uint64_t used[ZEB_SET_SUMMARY_WORDS];
@@ -66,7 +66,7 @@ static inline void zeb_each_bit(uint64_t bits, uint32_t base, Visit visit)
         visit(base + (uint32_t)__builtin_ctzll(bits));
 }
 
-// Calls visit(node) for each node of the set, ascending. Empty words are skipped.
+// Calls visit(node) for each node of the set, ascending.
 template <typename Visit>
 static inline void zeb_app_set_each(const zeb_app_set_t *set, Visit visit)
 {

@@ -1,7 +1,3 @@
-// The configuration file /etc/zeb.conf and the node id.
-// Any thread may look things up at the same time: each opens a stream of its own and works on its stack. The start-up
-// body runs once per process. The cached node id is written relaxed; two threads that read the file at once store the
-// same.
 #include "zeb_cfg.h"
 
 #include <atomic>
@@ -29,15 +25,15 @@ static const char LOG_KEY[] = "zeb_log_cfg";
 static const char BLOCKED_RESUME_KEY[] = "zeb_blocked_resume_enabled";
 
 static pthread_once_t s_cfg_once = PTHREAD_ONCE_INIT;
-static std::atomic<int> s_my_node_id{NODE_ID_UNKNOWN}; // relaxed
+// Accessed relaxed: two threads that read the file at once store the same id.
+static std::atomic<int> s_my_node_id{NODE_ID_UNKNOWN};
 
 typedef struct cfg_line_s {
-    char raw[CFG_LINE_LEN]; // as read, line end included
+    char raw[CFG_LINE_LEN]; // as read, with the line end
     char buf[CFG_LINE_LEN];
-    char *text; // inside buf, trimmed
+    char *text; // points into buf; trimmed
 } cfg_line_t;
 
-// Closes the stream at the end of the scope.
 typedef struct cfg_file_s {
     FILE *fp;
     explicit cfg_file_s(const char *path) : fp(fopen(path, "re"))
@@ -52,7 +48,7 @@ typedef struct cfg_file_s {
     cfg_file_s &operator=(const cfg_file_s &) = delete;
 } cfg_file_t;
 
-// Cuts white space off both ends. Text of white space alone stays as it is, so that it is not taken for an empty line.
+// Trims white space at both ends. Text of white space alone stays as it is, so that it does not pass for an empty line.
 static char *trim(char *text)
 {
     char *start = text;
@@ -87,7 +83,7 @@ static bool find_section(FILE *fp, const char *section)
     return false;
 }
 
-// The next line of the section that is neither empty nor a comment; false at the section's end.
+// Reads the next line of the section that is neither empty nor a comment. False at the end of the section.
 static bool next_item(FILE *fp, cfg_line_t *line)
 {
     while (read_line(fp, line)) {
@@ -104,8 +100,8 @@ static void copy_text(char (&dst)[ZEB_CFG_TEXT_LEN], char *src)
     (void)snprintf(dst, sizeof(dst), "%s", trim(src));
 }
 
-// Looks an entry up in a table section: parse(line, &matched) says whether the line is an item at all and fills the
-// caller's entry when it is the one; log_missing() is for a section that was read to its end.
+// Looks up an entry in a table section. parse(line, &matched) says whether the line is a valid item and fills the
+// caller's entry when it is the wanted one. log_missing() is called when the section has no such entry.
 template <typename Parse, typename LogMissing>
 static int find_table_entry(const char *section, Parse parse, LogMissing log_missing)
 {
@@ -159,7 +155,7 @@ int zeb_get_app_cfg(uint32_t app, zeb_app_cfg_t *out)
         [app] { ZEB_ERROR("ZEB get app %d config failed.\n", app); });
 }
 
-// Reads the numbers of a member list; whatever is not a digit separates. Numbers past the last place are ignored.
+// Reads the numbers of a member list, separated by any non-digits. Numbers past the last place are ignored.
 static void parse_members(const char *text, zeb_app_mc_cfg_t *out)
 {
     while (*text != '\0' && out->mbr_num < ZEB_CFG_MC_MBR_NUM) {
@@ -213,7 +209,7 @@ int zeb_get_app_mc_cfg(uint32_t app_mc, zeb_app_mc_cfg_t *out)
         [app_mc] { ZEB_WARN("ZEB get app multi-cast 0x%08x config failed.\n", app_mc); });
 }
 
-// The value of the first line of the section that begins with `key` and has a "=".
+// Copies the value of the first line of the section that begins with `key` and has a "=".
 static bool find_misc_value(const char *key, char *out, size_t len)
 {
     cfg_file_t file(ZEB_CFG_FILE);
@@ -337,7 +333,7 @@ int zeb_get_my_node_id(void)
     return node;
 }
 
-// The debug mask first, so that the lines of the later lookups obey it.
+// Loads the debug mask first, so that it applies to the log lines of the later lookups.
 static void init_masks()
 {
     zeb_store_relaxed(&g_zeb_dbg_level, zeb_get_dbg_cfg() & ZEB_DBG_MASK_ALL);

@@ -1,6 +1,6 @@
 // The configuration file /etc/zeb.conf and the node id.
-// Entered by any thread; no lock: each lookup opens the file, reads it from the top and closes it. Only the node id is
-// kept.
+// Any thread may enter; there is no lock. Each lookup opens the file, reads it from the top and closes it. Only the
+// node id is cached.
 #ifndef ZEB_CFG_H
 #define ZEB_CFG_H
 
@@ -14,7 +14,7 @@
 
 constexpr int ZEB_CFG_TEXT_LEN = 32;
 constexpr int ZEB_CFG_MC_MBR_NUM = 16;
-constexpr int ZEB_CFG_VALUE_LEN = 16; // room for the value of a [MISC_CONF] key
+constexpr int ZEB_CFG_VALUE_LEN = 16; // bytes for the value of a [MISC_CONF] key
 
 typedef struct zeb_app_cfg_s {
     uint32_t id;
@@ -32,15 +32,15 @@ typedef struct zeb_app_mc_cfg_s {
     char comment[ZEB_CFG_TEXT_LEN];
 } zeb_app_mc_cfg_t;
 
-// Each returns 0 when the entry was found and `out` filled, else -1.
+// Return 0 when the entry was found and `out` is filled, else -1.
 int zeb_get_app_cfg(uint32_t app, zeb_app_cfg_t *out);
 int zeb_get_app_mc_cfg(uint32_t app_mc, zeb_app_mc_cfg_t *out);
 int zeb_get_misc_cfg(const char *key, char *out, size_t len);
 
-// The node id that the node-address file holds now, or -1.
+// Returns the node id that the node-address file holds now, or -1.
 int zeb_read_my_node_id();
 
-// Numeric value of their key, 0 when it is absent.
+// Return the numeric value of their key, 0 when it is absent.
 uint32_t zeb_get_dbg_cfg();
 uint32_t zeb_get_log_cfg();
 uint32_t zeb_get_log_size();

@@ -1,6 +1,3 @@
-// Debug and log masks, the logging rule, the print buffer, the dumps and the texts of codes.
-// Every thread logs; the masks are written at start-up and by the receive thread, and read relaxed. The print buffer is
-// one per process and has no lock: only the receive thread fills it.
 #include "zeb_dbg.h"
 
 #include <atomic>
@@ -16,9 +13,9 @@ uint32_t g_zeb_dbg_level;
 uint32_t g_zeb_log_level;
 zeb_msg_t *g_print_msg;
 
-static std::atomic<zeb_log_sink_t> s_sink; // of recorded lines; null while there is no file
+static std::atomic<zeb_log_sink_t> s_sink; // takes the recorded lines; null while there is no file
 
-// A message buffer of fixed size; what follows the header is text and its NUL.
+// A message of fixed size: the header, then text and its NUL.
 static union {
     zeb_msg_t msg;
     char bytes[ZEB_PRINT_BUF_LEN];
@@ -26,7 +23,7 @@ static union {
 
 static const char PRINT_OVERFLOW[] = "*** PRINT BUFFER STRING OVERFLOW ***\n";
 
-static constexpr uint32_t PRINT_LEN_MAX = ZEB_PRINT_BUF_LEN - offsetof(zeb_msg_t, hdr); // of header, text and NUL
+static constexpr uint32_t PRINT_LEN_MAX = ZEB_PRINT_BUF_LEN - offsetof(zeb_msg_t, hdr); // bytes of header, text and NUL
 
 void zeb_dbg_print_line(const char *text)
 {
@@ -114,7 +111,7 @@ typedef struct bit_name_s {
     const char *name;
 } bit_name_t;
 
-// Writes a blank and the name of each bit of `bits` that is in the table; returns the text after the first blank.
+// Writes a blank and the name of each bit of `bits` that is in the table. Returns the text after the first blank.
 template <size_t N>
 static const char *name_bits(const bit_name_t (&names)[N], uint32_t bits, char *buf, size_t buf_len)
 {

@@ -1,5 +1,6 @@
 // Debug and log masks, the logging rule, the print buffer, the dumps and the texts of codes.
-// Entered by every thread. The masks are single words read relaxed; the print buffer belongs to the receive thread.
+// Any thread may log. Each mask is one word, accessed relaxed: start-up and the receive thread write it, every thread
+// reads it. The print buffer is one per process and has no lock: only the receive thread uses it.
 #ifndef ZEB_DBG_H
 #define ZEB_DBG_H
 
@@ -8,8 +9,8 @@
 
 #include <zeb/zeb_diag.h>
 
-constexpr int ZEB_DBG_LINE_LEN = 256;     // a log line and a piece of listing, terminator included
-constexpr int ZEB_PRINT_BUF_LEN = 16384;  // the print buffer, its list link included
+constexpr int ZEB_DBG_LINE_LEN = 256;     // a log line or one zeb_buf_printf text, with the terminator
+constexpr int ZEB_PRINT_BUF_LEN = 16384;  // the print buffer, with its list link
 constexpr uint32_t ZEB_DBG_MASK_ALL = 15; // mask of ZEB_DBG_LEVEL_ALL
 
 extern "C" {
@@ -17,7 +18,7 @@ extern uint32_t g_zeb_dbg_level __attribute__((visibility("default"))); // level
 extern uint32_t g_zeb_log_level __attribute__((visibility("default"))); // levels recorded in the log file
 }
 
-// The masks are plain words, since tools read and write them too.
+// The masks are plain words because tools access them too.
 static inline uint32_t zeb_load_relaxed(const uint32_t *mask)
 {
     return __atomic_load_n(mask, __ATOMIC_RELAXED);
@@ -28,24 +29,24 @@ static inline void zeb_store_relaxed(uint32_t *mask, uint32_t value)
     __atomic_store_n(mask, value, __ATOMIC_RELAXED);
 }
 
-// True when a line of `level` goes anywhere at all; tested before anything is formatted.
+// True when a line of `level` goes anywhere. Tested before anything is formatted.
 static inline bool zeb_log_on(zeb_dbg_level_t level)
 {
     uint32_t mask = zeb_load_relaxed(&g_zeb_dbg_level) | zeb_load_relaxed(&g_zeb_log_level);
     return (mask & (1u << level)) != 0;
 }
 
-// Formats one line and hands it to the places whose mask has `level`. errno is kept.
+// Format one line and pass it to the outputs whose mask has `level`. errno is preserved.
 void zeb_log_line(zeb_dbg_level_t level, const char *file, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5), cold));
 void zeb_vlog_line(zeb_dbg_level_t level, const char *file, int line, const char *format, va_list args)
     __attribute__((format(printf, 4, 0), cold));
 
-// Takes a finished line of a level that is recorded; given once there is a file to record it in.
+// Records a formatted line of a recorded level. The sink is set once there is a file to record in.
 typedef void (*zeb_log_sink_t)(const char *line);
 void zeb_set_log_sink(zeb_log_sink_t sink);
 
-// Writes a finished line to standard output, "%%" as one "%" and every other character as it stands.
+// Writes a formatted line to standard output, with "%%" as one "%".
 void zeb_dbg_print_line(const char *text);
 
 constexpr const char *zeb_file_name(const char *path)

@@ -1,5 +1,3 @@
-// The log and statistics files of this process: opened once at start-up, the log wrapped at its size, the statistics
-// rewritten with every dump, the oldest files of earlier processes removed.
 #include "zeb_dm.h"
 
 #include <atomic>
@@ -19,8 +17,8 @@
 FILE *g_zeb_log_fp;
 
 static FILE *s_stat_fp;
-// Relaxed: a line of the log more or less is no harm.
-static std::atomic<bool> s_closed;       // by zeb_dm_close_files, for good
+// Relaxed: one log line more or less does no harm.
+static std::atomic<bool> s_closed;       // by zeb_dm_close_files; never opened again
 static std::atomic<size_t> s_log_offset; // bytes since the file was opened or wrapped
 static std::atomic<size_t> s_log_size{ZEB_LOG_SIZE_DEFAULT};
 
@@ -28,7 +26,7 @@ static const char DEFAULT_ROOT[] = "/velk";
 static const char ROOT_VARIABLE[] = "VELK_DIR";
 static constexpr size_t SUB_DIRS_LEN = sizeof("/dev/zeb"); // with the terminator
 
-// Whoever opens the stream, a management tool too: what is logged goes there.
+// A constructor, because a management tool may open the stream itself: lines then go there too.
 __attribute__((constructor)) static void take_log_lines()
 {
     zeb_set_log_sink(zeb_dm_record_log);
@@ -107,8 +105,8 @@ static void flush_and_close(FILE *fp)
     (void)fclose(fp);
 }
 
-// The streams are not forgotten: the process asks to be aborted right afterwards. Until that happens its threads go on
-// logging, and a second peer may ask for the abort too: neither may touch the closed streams.
+// The pointers to the closed streams stay, so s_closed must keep every thread off them: until the process is aborted,
+// its threads go on logging and a second peer may ask for the abort too.
 void zeb_dm_close_files()
 {
     if (g_zeb_log_fp == nullptr || s_closed.load(std::memory_order_relaxed))
@@ -154,7 +152,7 @@ static bool get_exe_name(char (&name)[ZEB_DM_PATH_LEN])
     return true;
 }
 
-// Fills `file` from a directory entry; false when it is not one of ours.
+// Fills `file` from a directory entry. False when the entry is not an old file of the kind.
 static bool read_old_file(const char *dir, const char *name, const char *prefix, zeb_dm_file_t *file)
 {
     if (strncmp(name, prefix, strlen(prefix)) != 0)
@@ -177,7 +175,8 @@ static int newest_first(const void *a, const void *b)
     return time_a == time_b ? 0 : (time_a > time_b ? -1 : 1);
 }
 
-// Keeps the newest files whose name begins with `prefix` and deletes the others, among the first ones read.
+// Examines a limited number of files whose name begins with `prefix` and deletes all but the newest ZEB_DM_KEEP of
+// them.
 static void remove_old_files(const char *dir, const char *prefix)
 {
     constexpr int room = ZEB_DM_KEEP * ZEB_DM_RESERVE_RATE;
@@ -205,8 +204,8 @@ typedef struct file_name_s {
     char stamp[32]; // UTC
 } file_name_t;
 
-// Opens "<dir>/<kind>-<exe>-<pid>-<stamp>" after the older files of the kind were thinned out. Null on failure, with
-// the path in `path` and errno set.
+// Opens "<dir>/<kind>-<exe>-<pid>-<stamp>" after it has deleted old files of the kind. Null on failure, with the path
+// in `path` and errno set.
 static FILE *open_file(const file_name_t *name, const char *kind, char (&path)[PATH_MAX])
 {
     char prefix[ZEB_DM_PATH_LEN + 8];

@@ -1,6 +1,7 @@
 // The log and statistics files of this process, under $VELK_DIR/dev/zeb.
-// Log records come from any thread, without a lock: each is two writes, between which another thread's may fall. The
-// statistics file is written on the receive thread.
+// Both are opened once, at start-up, and the oldest files of earlier processes are deleted. The log wraps at its size;
+// each dump rewrites the statistics. Any thread records log lines, without a lock: a record is two writes, and another
+// thread's write may fall between them. Only the receive thread writes statistics.
 #ifndef ZEB_DM_H
 #define ZEB_DM_H
 
@@ -13,8 +14,8 @@
 constexpr size_t ZEB_LOG_SIZE_DEFAULT = 100000; // bytes at which the log file wraps
 constexpr int ZEB_DM_PATH_LEN = 128;
 constexpr int ZEB_DM_DIR_LEN = 64;
-constexpr int ZEB_DM_KEEP = 5;         // older files of each kind that stay
-constexpr int ZEB_DM_RESERVE_RATE = 5; // times that many are looked at
+constexpr int ZEB_DM_KEEP = 5;         // older files of each kind that are kept
+constexpr int ZEB_DM_RESERVE_RATE = 5; // this many times ZEB_DM_KEEP files are examined
 
 // A file of an earlier process.
 typedef struct zeb_dm_file_s {
@@ -27,15 +28,15 @@ extern "C" {
 extern FILE *g_zeb_log_fp __attribute__((visibility("default")));
 }
 
-// Opens both files. On failure the library goes on without.
+// Opens both files. On failure the library runs without them.
 void zeb_dm_init();
 
 void zeb_dm_record_log(const char *line);
-void zeb_dm_record_stat(); // the print buffer's text
-void zeb_dm_close_files(); // before an abort; the streams are not used afterwards
+void zeb_dm_record_stat(); // records the text of the print buffer
+void zeb_dm_close_files(); // called before an abort; no stream is used afterwards
 void zeb_set_log_size(size_t size);
 
-// Makes the directory and writes its path to `buf`. 0 or -1.
+// Creates the directory and writes its path to `buf`. Returns 0 or -1.
 int zeb_make_log_dir(char *buf, size_t len);
 
 #endif

@@ -1,4 +1,4 @@
-// What every descriptor of the library has in common.
+// Every descriptor of the library is closed on exec.
 #ifndef ZEB_FD_H
 #define ZEB_FD_H
 

@@ -1,7 +1,3 @@
-// Flow control per pair: the sender's window, the receiver's acknowledgements, the counters.
-// Sending threads enter zeb_fc_check and may wait there on the record's condition; the receive thread applies
-// acknowledgements, joins and quits, and wakes them; proxy threads count what they take up and acknowledge it in
-// batches. Peer records are created at first use and live as long as the application's record.
 #include "zeb_flow_ctrl.h"
 
 #include <cerrno>
@@ -12,7 +8,6 @@
 #include "zeb_mng_msg.h"
 #include "zeb_mng_msg_mng.h"
 
-// Makes the mutex and the condition, with a line for the step that failed.
 static bool init_waiting(zeb_fc_t *fc, uint32_t app)
 {
     return zeb_mutex_cond_init(&fc->mutex, &fc->cond, [app](zeb_init_step_t step, int err) {
@@ -63,7 +58,8 @@ zeb_fc_t *zeb_fc_not_found(uint32_t app)
     return nullptr;
 }
 
-// The record of `app`, or null with the line that says so: about itself, or about the peer of a received message.
+// The record of the local application. If it is not registered, logs an ERROR line and returns null: get_fc names the
+// application itself, get_receiver_fc the sender of the message.
 static zeb_fc_t *get_fc(uint32_t app)
 {
     zeb_fc_t *fc = zeb_get_app_fc(app);
@@ -96,7 +92,7 @@ zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, zeb_inst_t src)
     });
 }
 
-// The one place that changes a send record's `unack`.
+// Only this function changes the `unack` of a send record, so blocked_num stays right.
 static void set_unack(zeb_fc_t *fc, zeb_send_app_fc_t *record, int32_t unack) ZEB_REQUIRES(fc->mutex)
 {
     bool blocks = zeb_fc_past_window(unack);
@@ -105,7 +101,7 @@ static void set_unack(zeb_fc_t *fc, zeb_send_app_fc_t *record, int32_t unack) ZE
     record->unack = unack;
 }
 
-// Calls visit(record) for each send record of `dst_app` that blocks.
+// Calls visit(record) for each send record of `dst_app` that is past its window.
 template <typename Visit>
 static void each_blocking(zeb_fc_t *fc, uint32_t dst_app, Visit visit) ZEB_REQUIRES(fc->mutex)
 {
@@ -120,8 +116,8 @@ static void log_accepted(const zeb_fc_t *fc, uint32_t dst_app)
     ZEB_VERBOSE("ZEB app %d accept new msg to %d.\n", fc->app_id, dst_app);
 }
 
-// Per destination application, not per instance: one congested node blocks sending to that application on every node.
-// The list is walked only while some destination blocks.
+// The window is per instance, but the check is per destination application: one congested node blocks sending to that
+// application on every node.
 bool zeb_fc_accept_msg(zeb_fc_t *fc, uint32_t dst_app)
 {
     bool blocked = false;
@@ -150,8 +146,8 @@ static void zeb_fc_reload_peer(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->
     });
 }
 
-// Waits until the destination is accepted, without an overall limit. A sender without relief logs and diagnoses after
-// 1, 2, 4, 8... periods and asks the peer to abort after the third.
+// Waits without an overall limit until the destination is accepted. After 1, 2, 4, 8... periods without success it logs
+// and diagnoses; after ZEB_FC_RELOAD_ROUND periods it asks the blocking peers to abort.
 static void zeb_fc_wait_for_send(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex)
 {
     unsigned count = 0;
@@ -177,7 +173,7 @@ int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags)
 {
     if (fc == nullptr)
         return -ENOENT;
-    // Without the lock while nobody blocks, as nearly always: the same as having asked a moment earlier.
+    // In the common case no destination blocks, and no lock is needed: the result is that of a check a moment earlier.
     if (fc->blocked_num.load(std::memory_order_relaxed) == 0) {
         log_accepted(fc, dst_app);
         return 0;
@@ -193,7 +189,7 @@ int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags)
     return ZEB_FC_WAITED;
 }
 
-// Totals wrap: several peers' absurd acknowledgements may take them past either end.
+// Totals wrap: false acknowledgements of several peers may take them past either limit.
 static int32_t minus(int32_t value, uint32_t amount)
 {
     return (int32_t)((uint32_t)value - amount);
@@ -204,7 +200,7 @@ static int32_t plus_1(int32_t value)
     return (int32_t)((uint32_t)value + 1);
 }
 
-// Sender's side.
+// Sender.
 
 void zeb_fc_update_sent_ok(zeb_fc_t *fc, zeb_inst_t dst)
 {
@@ -243,7 +239,7 @@ void zeb_fc_update_rpc_reply_exception(uint32_t src_app, zeb_inst_t dst)
         fc->rpc_reply_exception++;
 }
 
-// How much of `ack_num` can be taken off `unack` without passing the lowest number: a peer may claim any count.
+// The part of `ack_num` that can be subtracted from `unack` without an overflow: a peer may claim any number.
 static uint32_t acknowledgeable(int32_t unack, uint32_t ack_num)
 {
     int64_t room = (int64_t)unack - INT32_MIN;
@@ -267,7 +263,7 @@ void zeb_fc_update_sent_ack(uint32_t my_app, zeb_inst_t dst, uint32_t ack_num)
     zeb_cond_broadcast(&fc->cond);
 }
 
-// Receiver's side.
+// Receiver.
 
 void zeb_fc_update_recv_ok(zeb_fc_t *fc, zeb_inst_t src)
 {
@@ -279,8 +275,8 @@ void zeb_fc_update_recv_ok(zeb_fc_t *fc, zeb_inst_t src)
     fc->total_recv_unack = plus_1(fc->total_recv_unack);
     record->recv++;
     record->unack = plus_1(record->unack);
-    // Under the mutex, so that no two acknowledgements of one batch go out. A failed one is tried with the next
-    // message.
+    // Sent under the mutex, so that a batch is never acknowledged twice. If the send fails, the next message tries it
+    // again.
     if (record->unack <= (int32_t)ZEB_FC_ACK_BATCH || zeb_send_fc_ack(my_app, src, ZEB_FC_ACK_BATCH) != 0)
         return;
     ZEB_VERBOSE("ZEB app %d sent recv num ack %d to %d/%d OK.\n", my_app, ZEB_FC_ACK_BATCH, src.app, src.node);
@@ -328,8 +324,8 @@ void zeb_fc_update_recv_exception(uint32_t my_app)
 
 // Joins and quits.
 
-// What was sent before the peer joined never arrived. The total drops by what was sent, not by what is unacknowledged;
-// that drift is meant.
+// Messages sent before the peer joined never arrived. The total is reduced by the number sent and not by the number
+// unacknowledged; the drift is intended, and unack_drift keeps it.
 static uint32_t reject_sent(zeb_fc_t *fc, zeb_inst_t dst) ZEB_REQUIRES(fc->mutex)
 {
     zeb_recv_app_fc_t *recv = __zeb_get_recv_app_fc(fc, dst);

@@ -1,6 +1,6 @@
-// The diagnosis of a peer that blocks its senders: the blocked side logs its counters and pings; the pinged side logs
-// its own view and answers. The diagnosis runs on the blocked sending thread with its record's mutex held; the ping
-// handlers run on the receive thread and take the mutex of the pinged application.
+// The diagnosis of a peer that blocks its senders. The blocked side logs its counters and pings; the pinged side logs
+// its own counters and echoes. The diagnosis runs on the blocked sending thread, which holds the mutex of its record.
+// The ping handlers run on the receive thread and take the mutex of the pinged application's record.
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_mng_msg_mng.h"
@@ -55,7 +55,7 @@ void zeb_fc_ping_request(uint32_t my_app, zeb_inst_t src, int unprocessed)
     log_receives(fc, src);
 }
 
-// The echo proves only that the peer's receive thread is alive; the blocked sender keeps waiting.
+// The echo only proves that the peer's receive thread is alive; the blocked sender goes on waiting.
 void zeb_fc_ping_echo(uint32_t my_app, zeb_inst_t src)
 {
     ZEB_ERROR("ZEB app %d recv ping echo from %d/%d.\n", my_app, src.app, src.node);

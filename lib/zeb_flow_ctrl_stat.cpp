@@ -1,5 +1,3 @@
-// Statistics of synchronisation messages, per application and peer instance. Counted on the receive thread as messages
-// are sent, received, fail and come back; cleared when the peer instance quits.
 #include "zeb_flow_ctrl_stat.h"
 
 #include <cstdlib>

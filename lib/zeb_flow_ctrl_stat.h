@@ -1,5 +1,6 @@
 // Statistics of synchronisation messages, per application and peer instance.
-// Counted on the receive thread; one mutex per record, under which nothing of ours is taken.
+// The receive thread counts messages that are sent, fail, are received or are returned; the quit of a peer instance
+// clears its counters. Each record has one mutex, under which no other lock of the library is taken.
 #ifndef ZEB_FLOW_CTRL_STAT_H
 #define ZEB_FLOW_CTRL_STAT_H
 
@@ -28,7 +29,7 @@ typedef struct zeb_recv_mng_stat_s {
     uint32_t recv_inst;
     uint32_t recv_inst_ack;
     uint32_t recv_inst_seq_ack;
-    uint32_t recv_ret_data; // sent to this peer and come back undelivered
+    uint32_t recv_ret_data; // sent to this peer and returned undelivered
 } zeb_recv_mng_stat_t;
 
 typedef struct zeb_mng_stat_s {

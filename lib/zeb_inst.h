@@ -1,5 +1,5 @@
-// One remote instance: an application on a node. Passed by value; a local application, where there is one, comes before
-// it.
+// One remote instance: an application on a node. Passed by value. Where a function takes a local application too, that
+// comes first.
 #ifndef ZEB_INST_H
 #define ZEB_INST_H
 
@@ -22,25 +22,24 @@ static inline bool zeb_valid_inst(zeb_inst_t inst)
     return zeb_valid_app_id(inst.app) && zeb_valid_node_id(inst.node);
 }
 
-// The key of an instance in an index.
 static inline uint64_t zeb_inst_key(zeb_inst_t inst)
 {
     return (uint64_t)inst.app << 32 | inst.node;
 }
 
-// Instance number of its TIPC name.
+// The instance number of its TIPC name.
 static inline uint32_t zeb_tipc_instance(zeb_inst_t inst)
 {
     return inst.app << 16 | (inst.node & 0xFFFF);
 }
 
-// Who sent a message in host order.
+// The sender of a message in host order.
 static inline zeb_inst_t zeb_msg_sender(const zeb_msg_t *msg)
 {
     return {msg->hdr.src_app, msg->hdr.src_node};
 }
 
-// To whom a message in host order is addressed.
+// The receiver of a message in host order.
 static inline zeb_inst_t zeb_msg_receiver(const zeb_msg_t *msg)
 {
     return {msg->hdr.dst_app, msg->hdr.dst_node};

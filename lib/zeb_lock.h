@@ -1,6 +1,6 @@
 // Mutexes and conditions, with the annotations that clang's -Wthread-safety checks.
-// A failing lock operation is a broken invariant and ends the process; a failing initialisation is reported to the
-// caller, which unwinds. All conditions run on the monotonic clock.
+// A lock operation that fails is a broken invariant and ends the process. A failed initialisation is reported to the
+// caller, which unwinds. All conditions use the monotonic clock.
 #ifndef ZEB_LOCK_H
 #define ZEB_LOCK_H
 
@@ -8,7 +8,7 @@
 #include <pthread.h>
 #include <time.h>
 
-#undef NDEBUG // assertions stay on in every build: they guard invariants that the library cannot continue without
+#undef NDEBUG // assertions stay on in every build: they guard invariants without which the library cannot continue
 #include <cassert>
 
 #if defined(__clang__)
@@ -79,7 +79,7 @@ class ZEB_SCOPED_CAPABILITY zeb_scoped_lock
     zeb_mutex_t *mutex_;
 };
 
-// The step at which making a mutex or a condition failed; each caller has a log line of its own for each.
+// The step at which creating a mutex or a condition failed. Each caller has its own log line for each step.
 typedef enum zeb_init_step_e : int {
     ZEB_INIT_STEP_MUTEX = 0,
     ZEB_INIT_STEP_ATTR = 1,
@@ -87,8 +87,8 @@ typedef enum zeb_init_step_e : int {
     ZEB_INIT_STEP_COND = 3,
 } zeb_init_step_t;
 
-// Makes a condition on the monotonic clock. Returns 0, or the error number after on_fail(step, error); nothing is left
-// of a failed attempt.
+// Creates a condition on the monotonic clock. Returns 0, or the error number after on_fail(step, error); a failed
+// attempt leaves nothing behind.
 template <typename OnFail>
 static inline int zeb_cond_init(zeb_cond_t *cond, OnFail on_fail)
 {
@@ -115,7 +115,8 @@ static inline void zeb_cond_destroy(zeb_cond_t *cond)
     (void)pthread_cond_destroy(&cond->impl);
 }
 
-// Makes a mutex and a condition that is waited for with it. False after on_fail(step, error); nothing is left then.
+// Creates a mutex and the condition that goes with it. False after on_fail(step, error); a failed attempt leaves
+// nothing behind.
 template <typename OnFail>
 static inline bool zeb_mutex_cond_init(zeb_mutex_t *mutex, zeb_cond_t *cond, OnFail on_fail)
 {
@@ -142,7 +143,7 @@ static inline void zeb_cond_broadcast(zeb_cond_t *cond)
     assert(ret == 0);
 }
 
-// Monotonic now plus `seconds`.
+// The monotonic time now plus `seconds`.
 static inline struct timespec zeb_deadline_in(unsigned seconds)
 {
     struct timespec deadline;

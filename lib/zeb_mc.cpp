@@ -1,5 +1,5 @@
-// An application's private fan-out lists. Both kinds work alike; `kind` below holds what differs: the list, the range
-// of ids, the empty place and the words of the log lines.
+// Both kinds of group work alike. app_kind and node_kind hold what differs: the list, the range of ids, the empty place
+// and the words of the log lines.
 #include "zeb_mc.h"
 
 #include <cerrno>
@@ -74,7 +74,6 @@ void zeb_mc_init(zeb_mc_t *mc)
     indexed_list_init(&mc->node_mc_list);
 }
 
-// A group as its owner names it.
 typedef struct group_id_s {
     uint32_t owner;
     uint32_t mc_id;
@@ -95,7 +94,7 @@ static typename Kind::group_t *find_group(zeb_mc_t *mc, uint32_t mc_id) ZEB_REQU
     return indexed_list_find(Kind::groups(mc), mc_id);
 }
 
-// The group, or null with the line that says so.
+// The group. If there is none, logs an ERROR line and returns null.
 template <typename Kind>
 static typename Kind::group_t *get_group(zeb_mc_t *mc, uint32_t mc_id) ZEB_REQUIRES(mc->mutex)
 {
@@ -114,7 +113,8 @@ static void wrap_cursor(int32_t *cursor)
     *cursor = Kind::first_id;
 }
 
-// Ascending, skipping ids in use, around the end of the range. Ends: there are far fewer groups than ids.
+// Ascending, skipping ids in use, and wrapping at the end of the range. The loop ends because there are far fewer
+// groups than ids.
 template <typename Kind>
 static int32_t get_new_mc_id(zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)
 {
@@ -172,7 +172,7 @@ static void clear_member(typename Kind::group_t *group, uint32_t member)
     }
 }
 
-// A member that is there already moves to the first empty place, so adding it never fails on a full group.
+// A member that is already present moves to the first empty place, so adding it succeeds even in a full group.
 template <typename Kind>
 static int add_member(group_id_t id, uint32_t member)
 {

@@ -1,6 +1,6 @@
-// An application's private fan-out lists: groups of applications and groups of nodes. They live in the application's
-// record and never travel.
-// Any application thread may call; the application record's mutex guards the group set. Queries return copies.
+// An application's private groups: groups of applications and groups of nodes. They live in the application's record
+// and are never sent to peers. Any application thread may enter; the mutex of the application's record guards the
+// groups. Queries return copies.
 #ifndef ZEB_MC_H
 #define ZEB_MC_H
 

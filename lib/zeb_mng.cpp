@@ -1,6 +1,3 @@
-// The manager record: application slots, library start, running state, sockets.
-// Registration runs on application threads and holds g_lib_mutex for all of it. Slots are claimed in order and never
-// freed; the application id is written last, so threads that look a slot up without the lock see it whole.
 #include "zeb_mng.h"
 
 #include <cerrno>
@@ -22,7 +19,7 @@
 
 static bool g_lib_inited ZEB_GUARDED_BY(g_lib_mutex);
 
-// There is nothing to tidy up: the kernel closes everything with the process.
+// Nothing to clean up: the kernel closes everything with the process.
 static void zeb_lib_atexit()
 {
 }
@@ -45,8 +42,8 @@ static void close_subscription_socket()
     g_zeb_mng.subscr_sd = -1;
 }
 
-// The receive thread passes once the start has succeeded. Until then it holds and wants no lock, so that a failed start
-// can cancel and join it under g_lib_mutex.
+// The receive thread waits here until the start has succeeded. Until then it holds and takes no lock, so that a failed
+// start can cancel and join it under g_lib_mutex.
 static sem_t s_start_gate;
 
 static void *receive_thread_fun(void *arg)
@@ -56,7 +53,7 @@ static void *receive_thread_fun(void *arg)
     return zeb_socket_msg_dist_thread_fun(arg);
 }
 
-// The child has no use for the library's sockets, and as long as it held them the names would outlive the parent.
+// A child cannot use the library's sockets. It closes them, since otherwise the bound names would outlive the parent.
 static void enter_child() ZEB_NO_THREAD_SAFETY_ANALYSIS
 {
     g_zeb_in_child = g_lib_inited;
@@ -70,10 +67,10 @@ static void enter_child() ZEB_NO_THREAD_SAFETY_ANALYSIS
         close_subscription_socket();
 }
 
-// Neither can be taken back, so they come last. Returns false with the line that says so.
+// Neither callback can be removed, so they are added last. On failure logs an ERROR line and returns false.
 static bool add_process_callbacks()
 {
-    static bool s_exit_added; // by an earlier start that failed afterwards
+    static bool s_exit_added; // by an earlier start that failed later
     if (!s_exit_added && atexit(zeb_lib_atexit) != 0) {
         ZEB_ERROR("ZEB add exit callback failed.\n");
         return false;
@@ -129,7 +126,7 @@ static int zeb_init_lib() ZEB_REQUIRES(g_lib_mutex)
     return 0;
 }
 
-// The first free slot; the last one is never handed out.
+// The last slot is never used: it ends every scan.
 static zeb_app_mng_t *free_slot()
 {
     for (int i = 0; i < ZEB_APP_SLOT_NUM - 1; i++) {
@@ -180,7 +177,7 @@ int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatc
     zeb_app_info_t *info = slot->info;
     zeb_mng_stat_t *mng_stat = slot->mng_stat;
     zeb_clear_slot(slot);
-    // The proxy thread waits for the running state under g_lib_mutex, which it needs to be cancelled.
+    // The proxy thread waits for the running state under g_lib_mutex, and needs that mutex to be cancelled.
     lock.unlock();
     zeb_del_app_info(info);
     zeb_del_mng_stat(mng_stat);

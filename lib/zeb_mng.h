@@ -1,10 +1,10 @@
-// Registration and the start of the library. Runs on application threads, all of it under g_lib_mutex.
+// Registration and the start of the library. Runs on application threads, under g_lib_mutex throughout.
 #ifndef ZEB_MNG_H
 #define ZEB_MNG_H
 
 #include <zeb/zeb.h>
 
-// Claims a slot for `app`, starting the library first if need be. The results of zeb_register.
+// Claims a slot for `app` and starts the library first if necessary. Returns the results of zeb_register.
 int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
                     const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event);
 void zeb_del_app_mng(uint32_t app);

@@ -1,5 +1,3 @@
-// The invariants, area by area. Each record is looked at under its own lock; between two records the library may move
-// on, so nothing is compared across locks.
 #include "zeb_mng_check.h"
 
 #include <csignal>
@@ -39,7 +37,7 @@ static void expect(report_t *report, bool holds, const char *format, ...)
         report->used += (size_t)len < report->size - report->used ? (size_t)len : report->size - report->used - 1;
 }
 
-// Follows the links both ways; the rest of the checks walks only lists that are whole.
+// Checks the links in both directions. Only a list that is whole may be walked by the other checks.
 static bool list_is_whole(report_t *report, const struct list_head *head, const char *name, uint32_t app)
 {
     for (const struct list_head *link = head; link->next != head; link = link->next) {

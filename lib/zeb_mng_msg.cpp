@@ -12,7 +12,6 @@
 #include "zeb_dbg.h"
 #include "zeb_tipc.h"
 
-// Guards the writing of the sequence number; nothing is taken under it.
 static zeb_mutex_t g_seq_mutex = {PTHREAD_MUTEX_INITIALIZER};
 static std::atomic<uint32_t> s_seq;
 
@@ -30,7 +29,7 @@ uint32_t zeb_get_seq()
         uint32_t seq = s_seq.load(std::memory_order_relaxed) + 1;
         s_seq.store(seq == 0 ? 1 : seq, std::memory_order_relaxed);
     }
-    // Read again without the lock: two callers that race may see the same number, which is how it is meant to be.
+    // Read without the lock: two racing callers may get the same number. This is intended.
     return s_seq.load(std::memory_order_relaxed);
 }
 

@@ -5,7 +5,6 @@
 #include "zeb_msg_guard.h"
 #include "zeb_wire.h"
 
-// Sends one element to one instance.
 static int send_element(uint32_t src_app, zeb_inst_t dst, zeb_msg_type_t type, const void *value, uint16_t len)
 {
     zeb_msg_guard_t msg(zeb_new_lib_msg(TLV_SPACE(len), ZEB_MSG_FLAG_MNG, src_app, dst));

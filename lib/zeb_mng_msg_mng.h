@@ -1,4 +1,4 @@
-// Management messages of flow control, as they are sent. Senders run wherever flow control needs them and take no lock.
+// Sending the management messages of flow control. Any thread may enter; no lock is taken.
 #ifndef ZEB_MNG_MSG_MNG_H
 #define ZEB_MNG_MSG_MNG_H
 
@@ -6,9 +6,9 @@
 
 #include "zeb_inst.h"
 
-constexpr uint16_t ZEB_PROC_NUM_ACK_LEN = 4; // of an acknowledgement's value: the number
+constexpr uint16_t ZEB_PROC_NUM_ACK_LEN = 4; // bytes of an acknowledgement's value, the number
 
-// The result of zeb_tipc_sendto.
+// Return the result of zeb_tipc_sendto.
 int zeb_send_fc_ack(uint32_t src_app, zeb_inst_t dst, uint32_t ack_num);
 int zeb_send_fc_ping(uint32_t src_app, zeb_inst_t dst);
 int zeb_send_fc_ping_echo(uint32_t src_app, zeb_inst_t dst);

@@ -4,9 +4,9 @@
 
 #include "zeb_mng_msg.h"
 
-constexpr uint16_t SYNC_INST_LEN = 20;     // of zeb_msg_sync_inst_t on the wire
-constexpr uint16_t SYNC_INST_ACK_LEN = 24; // of zeb_msg_sync_inst_ack_t on the wire
-constexpr uint32_t TTL_OFFSET = 16;        // of `ttl` in the value, all three types
+constexpr uint16_t SYNC_INST_LEN = 20;     // bytes of zeb_msg_sync_inst_t on the wire
+constexpr uint16_t SYNC_INST_ACK_LEN = 24; // bytes of zeb_msg_sync_inst_ack_t on the wire
+constexpr uint32_t TTL_OFFSET = 16;        // offset of `ttl` in the value, the same in all three types
 
 static void put_sync_inst(uint8_t *value, const zeb_msg_sync_inst_t *body)
 {

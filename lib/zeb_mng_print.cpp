@@ -1,5 +1,6 @@
-// Listings of the manager's state and of the applications' records into the print buffer, for the monitor timer and
-// management requests, and the answer to these. Run on the receive thread, under the lock of what is listed.
+// Listings of the library's state and of the applications' records in the print buffer, for the monitor timer and
+// management requests, and the reply to these requests. They run on the receive thread; each takes the lock of what it
+// lists.
 #include <cerrno>
 
 #include <zeb/zeb_diag.h>
@@ -12,7 +13,7 @@
 #include "zeb_rpc.h"
 #include "zeb_slot.h"
 
-// Prints for each online application, the nodes of one of its sets.
+// Prints, for each application, the nodes of one of its sets.
 static void print_sets(const char *what, zeb_app_set_t zeb_ol_app_t::*set) ZEB_REQUIRES(g_lib_mutex)
 {
     indexed_list_each(&g_zeb_handshake.ol_app, [&](zeb_ol_app_t *ol) {
@@ -33,7 +34,7 @@ static void print_subscribers() ZEB_REQUIRES(g_lib_mutex)
     });
 }
 
-// Prints the title and the entries of a list that is not empty.
+// Prints the title and the entries of a list, or nothing for an empty list.
 template <typename T, typename PrintEntry>
 static void print_pending(const char *title, struct list_head *head, PrintEntry print_entry)
 {

@@ -1,7 +1,3 @@
-// The receive thread: polls the topology connection and the application sockets, reads datagrams with their ancillary
-// data, and routes each to the area that takes it.
-// Only this thread reads those descriptors and uses the receive buffers, so they need no lock. Whatever a datagram
-// holds, the thread goes on: a bad one is logged and dropped here.
 #include "zeb_mng_recv.h"
 
 #include <cerrno>
@@ -23,12 +19,12 @@
 #include "zeb_slot.h"
 #include "zeb_tipc.h"
 
-constexpr int COPIED_LEN_MAX = 8192;
-constexpr int UNSIGNALLED_MAX = 64; // messages queued before a sleeping proxy thread is woken
-constexpr int RETDATA_MAX = 1024;   // the kernel returns at most the head of a message
+constexpr int COPIED_LEN_MAX = 8192; // bytes; a longer message is passed on in the receive buffer
+constexpr int UNSIGNALLED_MAX = 64;  // messages queued before the proxy threads are woken
+constexpr int RETDATA_MAX = 1024;    // bytes; the kernel returns at most this much of a message
 
-// The receive buffer: room for the longest datagram, which is read to where a zeb_msg_t keeps its header. A large
-// message is handed on in it, and the next read takes a new one.
+// The receive buffer. It holds the longest datagram, which is read to the place of the header in a zeb_msg_t. A long
+// message is passed on in the buffer itself, and the next read allocates a new one.
 static zeb_msg_t *s_recv_buf;
 
 static union {
@@ -42,11 +38,11 @@ typedef struct poll_set_s {
     nfds_t app_num;
 } poll_set_t;
 
-// Waking a proxy thread for each message of a stream costs more than the message where both share a CPU. So while the
-// receive thread has more to read, streams are queued unsignalled; it signals before it sleeps and before anything that
-// may take its time.
+// Where the two threads share a CPU, waking a proxy thread for each message of a stream costs more than the message. So
+// the receive thread queues streams without a signal while it has more to read. It signals before it sleeps and before
+// anything that may take long.
 static struct {
-    bool more;       // within the receive loop, which comes back to signal
+    bool more;       // the receive loop is running and will signal
     int unsignalled; // messages
 } s_stream;
 
@@ -80,7 +76,7 @@ int zeb_get_tipc_err_info(uint32_t app, int sd, uint32_t code, uint32_t size)
     return code == TIPC_CONN_SHUTDOWN ? 0 : -1;
 }
 
-// The kernel may return only the head of a message, and a peer may lie about its length.
+// The length is checked: the kernel may return only the head of a message, and a peer may write a wrong length.
 static void returned_sync(zeb_msg_t *msg, uint32_t returned_len)
 {
     if (msg->hdr.len < ZEB_MSG_HDR_LEN || msg->hdr.len > returned_len) {
@@ -91,7 +87,7 @@ static void returned_sync(zeb_msg_t *msg, uint32_t returned_len)
     zeb_process_return_sync(msg);
 }
 
-// Tells the area that sent it that a message came back.
+// Notifies the area that sent the returned message.
 static void settle_returned(uint32_t app, zeb_msg_t *msg, uint32_t returned_len)
 {
     zeb_inst_t peer = zeb_msg_receiver(msg);
@@ -115,7 +111,7 @@ void zeb_process_tipc_retdata(uint32_t app, struct cmsghdr *item)
         zeb_fc_update_recv_exception(app);
         return;
     }
-    // A copy: the item ends where the next one begins, and its bytes need not be aligned for a header.
+    // Copied, because the bytes of the item need not be aligned for a header, and the next item begins where it ends.
     static union {
         zeb_msg_t msg;
         uint8_t bytes[offsetof(zeb_msg_t, hdr) + RETDATA_MAX];
@@ -132,7 +128,7 @@ void zeb_process_tipc_retdata(uint32_t app, struct cmsghdr *item)
     zeb_dump_msg_hdr_info(&returned.msg);
 }
 
-// Handles one ancillary item. Returns 0, or -1 when the error info says that the read failed.
+// Handles one ancillary item. Returns -1 when the error info says that the read failed, else 0.
 static int process_anc_item(uint32_t app, int sd, struct cmsghdr *item)
 {
     uint32_t words[3] = {0, 0, 0};
@@ -151,7 +147,7 @@ static int process_anc_item(uint32_t app, int sd, struct cmsghdr *item)
     return 0;
 }
 
-// An item says itself how long it is; no more is believed than what was read.
+// Limits the length that an item claims to the bytes that were read.
 static void cut_item(uint32_t app, const struct msghdr *hdr, struct cmsghdr *item)
 {
     size_t left = hdr->msg_controllen - (size_t)((uint8_t *)item - (uint8_t *)hdr->msg_control);
@@ -209,7 +205,7 @@ void zeb_socket_recv_drop_msg(zeb_msg_t *msg)
     free(msg);
 }
 
-// No instance has such an address: records of it would never be removed.
+// Such a sender is not an instance, so its records would never be removed.
 static void refuse_sender(zeb_msg_t *msg, uint32_t app)
 {
     ZEB_ERROR("ZEB app %d recv msg from invalid %d/%d.\n", app, msg->hdr.src_app, msg->hdr.src_node);
@@ -238,7 +234,7 @@ static void queue_streamed(zeb_app_info_t *app_info, zeb_msg_t *msg)
         signal_queued();
 }
 
-// Hands a message to the area that takes it. True when it was queued without waking its proxy thread.
+// Routes a message to its area. True when it was queued without waking its proxy thread.
 static bool route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     zeb_inst_t src = zeb_msg_sender(msg);
@@ -258,7 +254,7 @@ static bool route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
         zeb_socket_recv_drop_msg(msg);
         return false;
     }
-    if (!sender.online) // the application is notified of the sender before it sees the message
+    if (!sender.online) // the application gets the join event before the message
         zeb_notify_app_join(msg->hdr.dst_app, src);
     if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0) {
         zeb_mng_msg_process(msg);
@@ -284,8 +280,8 @@ static zeb_msg_t *recv_buf()
     return s_recv_buf;
 }
 
-// A message of its own size of the `len` bytes in the receive buffer. Copying a large one would cost more than a new
-// buffer; nothing is zeroed that is written over at once.
+// Turns the `len` bytes in the receive buffer into a message of that size. A long message keeps the buffer: copying it
+// would cost more than a new buffer. Bytes that are about to be overwritten are not zeroed.
 static zeb_msg_t *take_received(int len)
 {
     int size = len + (int)offsetof(zeb_msg_t, hdr);
@@ -307,8 +303,8 @@ bool zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
     uint32_t app = app_info->app_id;
     ZEB_VERBOSE("ZEB app %d recv new msg.\n", app);
     zeb_msg_t *head = recv_buf();
-    // Without waiting: the kernel discards an empty datagram that woke the poll, and a read would wait for the next
-    // one.
+    // Non-blocking: the kernel discards an empty datagram that woke the poll, and a blocking read would then wait for
+    // the next datagram.
     int len = zeb_recv_anc(app, app_info->sd, &head->hdr, ZEB_RECV_BUF_LEN, MSG_DONTWAIT);
     if (len < 0) {
         ZEB_ERROR("ZEB recv app %d msg failed: %s.\n", app, strerror(errno));
@@ -316,7 +312,7 @@ bool zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
         return false;
     }
     if (len == 0)
-        return false; // a returned message, handled with the ancillary data
+        return false; // a returned message; its ancillary data is already handled
     constexpr int len_max = ZEB_MSG_HDR_LEN + ZEB_MSG_MAX_DATA;
     if (len < ZEB_MSG_HDR_LEN || head->hdr.len != (uint32_t)len || len > len_max) {
         ZEB_ERROR("ZEB app %d recv msg len %d, expectedly %d.\n", app, len, head->hdr.len);
@@ -368,16 +364,16 @@ static void build_poll_set(poll_set_t *set)
 static void close_topology_connection()
 {
     int sd = g_zeb_mng.subscr_sd;
-    g_zeb_mng.subscr_sd = -1; // first: a child forked now must not close the number a second time
+    g_zeb_mng.subscr_sd = -1; // cleared first: a child forked now must not close the descriptor again
     (void)shutdown(sd, SHUT_RDWR);
     (void)close(sd);
 }
 
-// Every instance that still exists is reported once more, at once: what a new connection has not reported after this
-// many seconds and with nothing left to read was withdrawn meanwhile.
+// Seconds. A new connection reports every existing instance at once. An instance that it has not reported after this
+// time, with nothing left to read, was withdrawn while the connection was down.
 constexpr unsigned REPORT_TIME = 2;
 
-static struct timespec s_report_deadline; // 0: nothing is awaited
+static struct timespec s_report_deadline; // 0: no reports are awaited
 
 static void reopen_topology_connection(poll_set_t *set)
 {
@@ -402,7 +398,7 @@ static void end_reports(bool event)
 }
 
 constexpr unsigned MINUTE = 60;           // seconds
-constexpr unsigned TURNS_OF_CLOCK = 1024; // a turn that leaves messages unsignalled reads the clock so seldom
+constexpr unsigned TURNS_OF_CLOCK = 1024; // how rarely a turn of a message stream reads the clock
 
 static struct timespec s_minute_end;
 
@@ -417,7 +413,7 @@ static void count_minutes(bool owing)
     zeb_handshake_minute();
 }
 
-// One datagram per readable socket and turn, so that a busy socket does not starve the others.
+// Reads one datagram per readable socket and turn, so that a busy socket does not starve the others.
 static void poll_once(poll_set_t *set)
 {
     bool topology = g_zeb_mng.subscr_sd != -1;
@@ -438,7 +434,7 @@ static void poll_once(poll_set_t *set)
         if (set->fds[i + 1].revents != 0 && !zeb_socket_recv_app_msg(set->app[i]))
             only_streams = false;
     }
-    if (!only_streams) // a socket that is kept readable by something else must not hold up what is queued
+    if (!only_streams) // a socket kept readable by other messages must not delay the queued streams
         signal_queued();
     end_reports(event);
     count_minutes(owing);
@@ -449,7 +445,7 @@ static void poll_once(poll_set_t *set)
 static void bind_app_sockets()
 {
     zeb_each_app_mng([](zeb_app_mng_t *slot) {
-        // An application that cannot take its name must not run half connected.
+        // An application that cannot bind its name must not run.
         if (zeb_bind_app_socket(slot->info->app_id, slot->info->sd) != 0)
             exit(1);
     });

@@ -1,6 +1,6 @@
-// The receive thread: polls the topology connection and the application sockets, reads datagrams with their ancillary
-// data, and routes each to the area that takes it.
-// Only this thread reads those descriptors and uses the two static buffers.
+// The receive thread. It polls the topology connection and the application sockets, reads datagrams with their
+// ancillary data, and routes each to its area. No datagram stops it: an invalid one is logged and dropped here. Only
+// this thread reads these descriptors and uses the static buffers, so they need no lock.
 #ifndef ZEB_MNG_RECV_H
 #define ZEB_MNG_RECV_H
 
@@ -9,12 +9,12 @@
 #include "zeb_app_info.h"
 
 constexpr int ZEB_RECV_BUF_LEN = 66000;  // largest datagram of TIPC
-constexpr int ZEB_TIPC_ANC_SPACE = 1096; // three ancillary items: error info, 1024 bytes returned, destination name
+constexpr int ZEB_TIPC_ANC_SPACE = 1096; // three ancillary items: error info, 1024 returned bytes, destination name
 constexpr int ZEB_POLL_TIMEOUT_MS = 2000;
 
 void *zeb_socket_msg_dist_thread_fun(void *arg);
 
-bool zeb_socket_recv_app_msg(zeb_app_info_t *app_info); // true: queued without waking the proxy thread
+bool zeb_socket_recv_app_msg(zeb_app_info_t *app_info); // true: queued without waking its proxy thread
 int zeb_socket_recv_tipc_event();
 int zeb_recvfrom_anc(uint32_t app, int sd, void *buf, size_t len, int flags, struct sockaddr *addr,
                      socklen_t *addr_len);

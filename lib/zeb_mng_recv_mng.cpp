@@ -22,10 +22,10 @@ constexpr unsigned RELOAD_GRACE = 2; // seconds between the notice and the abort
 // Debug switch, in the sender's byte order.
 typedef struct zeb_msg_dbg_cmd_s {
     int32_t level;  // zeb_dbg_level_t
-    int32_t dbg_on; // non-zero: on
+    int32_t dbg_on; // non-zero switches the level on
 } zeb_msg_dbg_cmd_t;
 
-// Answer to an information request, in the sender's byte order.
+// Reply to an information request, in the sender's byte order.
 typedef struct zeb_msg_app_info_s {
     uint32_t app_id;
     int32_t pid;
@@ -76,12 +76,12 @@ static void zeb_recv_get_app_stat_request(const zeb_msg_t *msg, uint32_t my_app)
 
 static void recv_ping(uint32_t my_app, zeb_inst_t src)
 {
-    // Counting walks the whole queue.
+    // Not counted unless it is logged: counting walks the whole queue.
     int unprocessed = zeb_log_on(ZEB_DBG_LEVEL_ERROR) ? zeb_unprocess_app_msg_num(my_app, src) : 0;
     zeb_fc_ping_request(my_app, src, unprocessed);
 }
 
-// A blocked sender asks this process to end itself so that it is started anew.
+// A blocked sender asks this process to abort, so that it is restarted.
 static void zeb_reload_process(uint32_t my_app, zeb_inst_t src)
 {
     if (!zeb_blocked_resume_enabled())
@@ -97,7 +97,8 @@ static void zeb_reload_process(uint32_t my_app, zeb_inst_t src)
     (void)protect_selfhealing_do_action(GVR_KILL_PROCESS_ACT, getpid(), "ZEB", notice);
 }
 
-// A message to the management daemon in its own process: it sees requests whole, in its own dispatcher.
+// Dispatches a message to the management daemon in the daemon's own process. Requests reach the daemon's dispatcher as
+// they are.
 static void zeb_mng_dispatch_zebd_msg(zeb_msg_t *msg)
 {
     if (zeb_is_rpc_reply(msg)) {
@@ -105,11 +106,11 @@ static void zeb_mng_dispatch_zebd_msg(zeb_msg_t *msg)
             free(msg);
         return;
     }
-    static const zeb_app_info_t *s_app_info; // found once; the record stays until the process ends
+    static const zeb_app_info_t *s_app_info; // looked up once; the record exists until the process ends
     static zeb_mismatch_info_t s_range;
     if (s_app_info == nullptr) {
         const zeb_app_info_t *app_info = zeb_get_app_info(ZEBD_APP_ID);
-        if (app_info == nullptr) { // a peer may address the daemon in a process that is none
+        if (app_info == nullptr) { // a peer may address the daemon in the wrong process
             ZEB_ERROR("ZEB app %d does not registered.\n", ZEBD_APP_ID);
             free(msg);
             return;

@@ -1,11 +1,11 @@
-// What the library does with the management messages that it receives. On the receive thread, at once: a ping is
-// answered and an acknowledgement wakes blocked senders without waiting for an application's queue.
+// Processing of received management messages. It runs on the receive thread, at once: the echo of a ping, and the
+// acknowledgement that wakes blocked senders, do not wait for an application's queue.
 #ifndef ZEB_MNG_RECV_MNG_H
 #define ZEB_MNG_RECV_MNG_H
 
 #include <zeb/zeb_msg.h>
 
-// Takes a received message with ZEB_MSG_FLAG_MNG; frees it.
+// Processes and frees a received message with ZEB_MSG_FLAG_MNG.
 void zeb_mng_msg_process(zeb_msg_t *msg);
 
 #endif

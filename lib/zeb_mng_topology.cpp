@@ -9,7 +9,8 @@
 #include "zeb_slot.h"
 #include "zeb_tipc.h"
 
-// Calls visit(instance) for each instance of the range, ascending; a range up to the highest number ends as well.
+// Calls visit(instance) for each instance of the range, ascending. The counter has 64 bits, so that a range up to the
+// highest number ends too.
 template <typename Visit>
 static void each_instance(const struct tipc_event *event, Visit visit)
 {
@@ -35,8 +36,8 @@ static void instances_withdrawn(const struct tipc_event *event)
     });
 }
 
-// An event names the whole published range, also where it goes beyond what was subscribed to. Anybody may publish all
-// there is: the instances of other applications are passed over, not walked.
+// An event carries the whole published range, even where it exceeds the subscribed one. Any process may publish the
+// full range, so the loop is limited to the instances of the subscription.
 static void clip_to_subscription(struct tipc_event *event)
 {
     const struct tipc_service_range *asked = &event->s.seq;

@@ -1,5 +1,5 @@
-// Events of the topology service: instances that are published and withdrawn, and timers that expire, each handed to
-// the area that takes it; and the monitor timer. Runs on the receive thread.
+// Events of the topology service: published and withdrawn instances and expired timers, each routed to its area; and
+// the monitor timer, which dumps the listings to the statistics file. Runs on the receive thread.
 #ifndef ZEB_MNG_TOPOLOGY_H
 #define ZEB_MNG_TOPOLOGY_H
 

@@ -1,4 +1,4 @@
-// A message that is freed at the end of the scope.
+// A message that is freed at the end of its scope.
 #ifndef ZEB_MSG_GUARD_H
 #define ZEB_MSG_GUARD_H
 

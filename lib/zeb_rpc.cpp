@@ -1,5 +1,3 @@
-// The RPC wait table, in the order in which a call travels: opened, its instances recorded, waited for, answers filed,
-// ended; then the answers that the library itself originates.
 #include "zeb_rpc.h"
 
 #include <cerrno>
@@ -91,7 +89,6 @@ int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, zeb_reply_msg_t *reply, uin
     return 0;
 }
 
-// The instance that a place holds.
 static zeb_inst_t inst_of(uint32_t code)
 {
     return {code >> 16, code & 0xFFFF};
@@ -138,7 +135,7 @@ int64_t zeb_rpc_wait_inst(zeb_app_rpc_wait_t *rpc, uint32_t seq, int index)
     return wait == nullptr || index >= wait->inst_num ? -ENOENT : (int64_t)wait->wait_inst[index];
 }
 
-// Clears the first place that holds the instance. False when none does.
+// Clears the first entry that holds the instance. False when there is none.
 static bool settle(zeb_rpc_wait_t *wait, zeb_inst_t src)
 {
     uint32_t code = zeb_tipc_instance(src);
@@ -160,13 +157,13 @@ static bool all_replied(const zeb_rpc_wait_t *wait)
     return true;
 }
 
-// The capacity of the buffer is that of the places, each of which is settled once.
+// Never full: the buffer has as many places as a call can have entries, and each entry is completed once.
 static void file(zeb_rpc_wait_t *wait, zeb_msg_t *msg)
 {
     wait->reply->msg[wait->reply->num++] = msg;
 }
 
-// Files a message without body in an instance's stead.
+// Stores a message without a body in place of the reply of an instance.
 static void file_substitute(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src, zeb_reply_stat_t status)
 {
     zeb_msg_t *reply_msg = zeb_msg_alloc(0, 1, 0);
@@ -189,8 +186,8 @@ static void file_timeouts(zeb_rpc_wait_t *wait, uint32_t app)
     }
 }
 
-// Waits until every place is settled, or for `timeout` seconds in which no filing of this application woke it: the
-// limit runs from the last wake-up, not from the call's start. Returns the last wait's result.
+// Waits until every entry is completed, or until `timeout` seconds pass in which no reply is stored for any call of the
+// application. Each stored reply wakes every caller, and the time starts anew. Returns the result of the last wait.
 static int wait_all_replied(zeb_app_rpc_wait_t *rpc, const zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
 {
     int ret = 0;
@@ -217,7 +214,8 @@ int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq)
         file_timeouts(wait, app);
         ret = 0;
     } else if (ret != 0) {
-        // A slice of the unlimited wait that ran out just as the last answer was filed counts as a failed call.
+        // An unlimited wait runs in slices of 1 s. A slice that ends just as the last reply is stored makes the call
+        // fail.
         ZEB_ERROR("ZEB app %d seq %d wait for RPC reply failed: %s.\n", app, seq, strerror(abs(ret)));
         zeb_reply_msg_free(wait->reply);
     } else {
@@ -311,7 +309,6 @@ void zeb_reply_msg_free(zeb_reply_msg_t *reply)
     reply->num = 0;
 }
 
-// Stamps `reply_msg` as the answer to `request` and sends it.
 static int send_answer(const zeb_msg_t *request, zeb_msg_t *reply_msg, zeb_reply_stat_t status)
 {
     const zeb_msg_hdr_t *hdr = &request->hdr;
@@ -348,7 +345,8 @@ int zeb_rpc_reply_error(const zeb_msg_t *request, zeb_reply_stat_t status)
     return send_answer(request, reply_msg.get(), status);
 }
 
-// The body travels in this host's byte order: only bodies of ZEB_MISMATCH are converted, and peers read it alike.
+// The body is sent in this host's byte order: only a ZEB_MISMATCH body is converted, and peers do not convert this one
+// either.
 int zeb_rpc_reply_app_mismatch(const zeb_msg_t *request, const zeb_mismatch_info_t *info)
 {
     ZEB_VERBOSE("ZEB app %d reply to %d/%d seq %d app ver range [%d, %d].\n", request->hdr.dst_app,

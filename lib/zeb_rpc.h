@@ -1,7 +1,7 @@
-// The RPC wait table: per application, the calls in progress and the instances that still owe an answer; and the
-// answers that the library itself originates. Callers wait in their own threads; the receive thread files answers and
-// ends waits on quit. Each place goes from its instance's code to 0 exactly once, by whoever settles it, and each
-// settlement files exactly one message.
+// The RPC wait table: per application, the calls in progress and the instances whose reply is pending; and the replies
+// that the library itself sends. Callers wait in their own threads. The receive thread stores replies and ends waits
+// when an instance quits. An entry holds the code of its instance until the reply, a failed write, a quit or a time-out
+// completes it, and 0 from then on. It is completed exactly once, and this stores exactly one message.
 #ifndef ZEB_RPC_H
 #define ZEB_RPC_H
 
@@ -17,8 +17,9 @@
 
 typedef struct zeb_app_rpc_wait_s {
     uint32_t app_id;
-    zeb_cond_t wait_cond; // broadcast on every filing
-    // Guards the list, every record on it and the reply buffers they point at. Nothing of ours is taken under it.
+    zeb_cond_t wait_cond; // broadcast when a message is stored
+    // Guards the list, every record on it and the reply buffers they point to. No other lock of the library is taken
+    // under it.
     zeb_mutex_t mutex;
     indexed_list<struct zeb_rpc_wait_s> wait_list ZEB_GUARDED_BY(mutex); // by sequence number
 } zeb_app_rpc_wait_t;
@@ -28,10 +29,10 @@ typedef struct zeb_rpc_wait_s {
     list_index_link_t index_link;
     uint32_t seq;
     uint32_t timeout;                      // seconds, 0: no limit
-    pid_t caller;                          // the waiting thread; 0 in builds that check no invariants
-    int inst_num;                          // places in use
-    uint32_t wait_inst[ZEB_RPC_REPLY_NUM]; // application << 16 | node; 0 once settled
-    zeb_reply_msg_t *reply;                // the caller's
+    pid_t caller;                          // the waiting thread; 0 in builds without ZEB_INVARIANTS
+    int inst_num;                          // entries in use
+    uint32_t wait_inst[ZEB_RPC_REPLY_NUM]; // application << 16 | node; 0 when completed
+    zeb_reply_msg_t *reply;                // belongs to the caller
 } zeb_rpc_wait_t;
 
 zeb_app_rpc_wait_t *zeb_add_app_rpc_wait(uint32_t app); // null on failure
@@ -44,28 +45,28 @@ static inline zeb_app_rpc_wait_t *zeb_get_app_rpc(uint32_t app)
     return slot == nullptr ? nullptr : slot->rpc;
 }
 
-// The caller's side: a call is opened by the application's id (-ENOENT when it is not registered here), and what
-// follows takes the application's record.
+// For callers. zeb_rpc_prepare_wait opens a call by the id of the application (-ENOENT when it is not registered here);
+// the others take the application's record.
 int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, zeb_reply_msg_t *reply, uint32_t timeout);
-zeb_rpc_wait_t *zeb_get_rpc_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq); // null without the call
+zeb_rpc_wait_t *zeb_get_rpc_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq); // null when there is no such call
 int zeb_rpc_set_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t dst);
 void zeb_rpc_del_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq);
 int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq);
 int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t src, zeb_reply_stat_t status);
 void zeb_rpc_print_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq);
 
-// The code at place `index`: 0 when it is settled already, -ENOENT past the last place or without the call.
+// The code of entry `index`: 0 when it is completed, -ENOENT past the last entry or when there is no such call.
 int64_t zeb_rpc_wait_inst(zeb_app_rpc_wait_t *rpc, uint32_t seq, int index);
 
-// The receive thread's side.
-int zeb_rpc_add_reply(zeb_msg_t *msg); // 0: the message is filed; -ENOENT: it stays the caller's
+// For the receive thread.
+int zeb_rpc_add_reply(zeb_msg_t *msg); // 0: takes the message; -ENOENT: the caller keeps it
 int zeb_terminate_rpc(uint32_t app, zeb_inst_t src);
 void zeb_reply_msg_free(zeb_reply_msg_t *reply);
 
-// What zeb_rpc_reply does, for the library's own threads.
+// Does what zeb_rpc_reply does, for the threads of the library.
 int zeb_rpc_answer(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags);
 
-// Answers of the library itself. The result of the send primitive.
+// Replies of the library itself. Return the result of the send primitive.
 int zeb_rpc_reply_error(const zeb_msg_t *request, zeb_reply_stat_t status);
 int zeb_rpc_reply_app_mismatch(const zeb_msg_t *request, const zeb_mismatch_info_t *info);
 

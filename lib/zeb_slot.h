@@ -1,6 +1,7 @@
-// The process's record: the slots of its applications, where each area asks for its own record of an application, and
-// the state of its life: started, running, or a forked child. Slots are claimed in order and never freed. Registration
-// writes under g_lib_mutex; the application id is written last, so a lookup without the lock sees a whole slot.
+// The record of the process: the slots of its applications and the state of the library (started, running, or in a
+// forked child). A slot holds each area's record of one application. Slots are claimed in order and never freed.
+// Registration writes a slot under g_lib_mutex and stores the application id last, so a lookup without the lock sees a
+// complete slot.
 #ifndef ZEB_SLOT_H
 #define ZEB_SLOT_H
 
@@ -13,25 +14,24 @@
 constexpr int ZEB_APP_SLOT_NUM = 32; // the last slot stays free and ends every scan
 
 // Guards the slots against a second writer, the running state, and the handshake's record. Recursive: registration
-// holds it while it calls code that takes it again. The outermost of our locks: every other may be taken under it. No
-// application callback runs under it.
+// holds it while it calls code that takes it again. It is the outermost lock: every other lock of the library may be
+// taken under it. No application callback runs under it.
 extern zeb_mutex_t g_lib_mutex;
 
-// One application of this process.
 typedef struct zeb_app_mng_s {
-    std::atomic<uint32_t> app_id; // 0: free. Written last, with release order
+    std::atomic<uint32_t> app_id; // 0: free. Stored last, with release order
     int sd;                       // the application's TIPC socket
     struct zeb_app_info_s *info;
     struct zeb_fc_s *fc;
     struct zeb_app_rpc_wait_s *rpc;
     struct zeb_mng_stat_s *mng_stat;
-    struct zeb_mc_s *mc; // inside `info`
+    struct zeb_mc_s *mc; // part of `info`
 } zeb_app_mng_t;
 
 typedef struct zeb_mng_s {
     bool running ZEB_GUARDED_BY(g_lib_mutex);
     std::atomic<bool> blocked_resume;
-    int subscr_sd; // topology connection, -1 when closed; the receive thread's once that has started
+    int subscr_sd; // topology connection, -1 when closed; owned by the receive thread once that has started
     pthread_t lib_tid;
     zeb_cond_t running_cond;
     zeb_app_mng_t app[ZEB_APP_SLOT_NUM];
@@ -39,7 +39,7 @@ typedef struct zeb_mng_s {
 
 extern zeb_mng_t g_zeb_mng;
 
-// The slot of an application, or null when it is not registered here.
+// The slot of an application; null when it is not registered here.
 static inline zeb_app_mng_t *zeb_get_app_mng(uint32_t app)
 {
     uint32_t id = 0;
@@ -58,17 +58,17 @@ static inline void zeb_each_app_mng(Visit visit)
         visit(slot);
 }
 
-void zeb_clear_slot(zeb_app_mng_t *slot); // one without application id
+void zeb_clear_slot(zeb_app_mng_t *slot); // the slot must have no application id
 void zeb_clear_mng() ZEB_REQUIRES(g_lib_mutex);
 
 void zeb_notify_running();
 void zeb_wait_for_running();
 
-// True in a child that a process with a started library forked. It has one thread, locks that others may have held at
-// the fork, and the parent's sockets: every exported call that needs any of these is refused.
+// True in a child that was forked after the library had started. The child has one thread, locks that other threads may
+// have held at the fork, and the parent's sockets, so every exported call that needs any of these is refused.
 extern bool g_zeb_in_child;
 
-bool zeb_refuse_child(const char *call); // with the line that says so
+bool zeb_refuse_child(const char *call); // logs an ERROR line; returns true
 
 static inline bool zeb_in_child(const char *call)
 {

@@ -13,7 +13,7 @@
 #include "zeb_inst.h"
 #include "zeb_slot.h"
 
-constexpr uint32_t TIMER_NAME_TYPE = 1; // the topology service's own type, of which nobody publishes instance 0
+constexpr uint32_t TIMER_NAME_TYPE = 1; // the type of the topology service; nobody publishes its instance 0
 
 int zeb_create_subscription_socket()
 {
@@ -35,8 +35,8 @@ int zeb_create_subscription_socket()
     return sd;
 }
 
-// With both droppable options off, a message that cannot be delivered comes back to its sender with its error code and
-// data instead of being lost.
+// With both droppable options off, TIPC returns an undeliverable message to its sender, with the error code and the
+// data, and does not drop it.
 static bool set_app_socket_options(uint32_t app, int sd, int priority)
 {
     if (setsockopt(sd, SOL_TIPC, TIPC_IMPORTANCE, &priority, sizeof(priority)) != 0) {

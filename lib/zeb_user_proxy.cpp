@@ -1,7 +1,3 @@
-// The exported calls: registration, life cycle, sending.
-// Entered by application threads. No lock of its own: server sets are copied under g_lib_mutex by the handshake's
-// shell. A server set is taken twice per send, so an instance that goes away in between is not written to, and one that
-// comes is.
 #include "zeb_user_proxy.h"
 
 #include <cerrno>

@@ -1,5 +1,5 @@
-// The exported RPC calls: a call is prepared (every instance recorded), its request written to each, its answers waited
-// for. Requests pass no flow control. Several calls of one application may be in progress at once, each with its own
+// The exported RPC calls. A call records every addressed instance, writes the request to each, and waits for the
+// replies. Requests bypass flow control. Several calls of one application may be in progress at once, each with its own
 // sequence number.
 #include "zeb_user_proxy.h"
 
@@ -12,7 +12,7 @@
 #include "zeb_mng_msg.h"
 #include "zeb_rpc.h"
 
-// Whatever becomes of the call, the caller finds no old messages.
+// The caller must find no old messages, whatever the result of the call.
 static void clear_replies(zeb_reply_msg_t *ret_buf)
 {
     if (ret_buf != nullptr)
@@ -30,9 +30,9 @@ static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, const zeb_r
     return 0;
 }
 
-// Records every addressed instance of the member at a place as waited for. Returns how many, or the failure of a
-// recording. A call to all nodes addresses them under the id that its caller gave (be it 0 or a group), a call to
-// chosen nodes under the member's.
+// Records every addressed instance of one member (`place` of `apps`) as pending. Returns their number, or the error of
+// a failed recording. A call to all nodes addresses the instances under the id that its caller gave, even if that is 0
+// or a group; a call to chosen nodes addresses them under the id of the member.
 static int set_member_waits(const zeb_dst_t *dst, int place, uint32_t seq)
 {
     uint32_t member = dst->apps.mbr[place];
@@ -53,7 +53,6 @@ static int set_member_waits(const zeb_dst_t *dst, int place, uint32_t seq)
     return num;
 }
 
-// Records the instances of every member.
 static int set_waits(const zeb_dst_t *dst, uint32_t seq)
 {
     int found = 0;
@@ -87,7 +86,7 @@ static void log_no_server(const zeb_dst_t *dst)
                     to.node);
 }
 
-// Opens the call and records its instances; closes it again when that fails.
+// Opens the call and records its instances. If the recording fails, closes the call again.
 static int zeb_prepare_rpc(zeb_dst_t *dst, uint32_t seq, zeb_reply_msg_t *ret_buf, uint32_t timeout)
 {
     int ret = zeb_get_app_mbrs(dst);
@@ -109,8 +108,8 @@ static int zeb_prepare_rpc(zeb_dst_t *dst, uint32_t seq, zeb_reply_msg_t *ret_bu
     return ret;
 }
 
-// Writes the request to one instance; a substitute answer stands in for one that could not be written. Non-zero only
-// when that could not be filed.
+// Writes the request to one instance. If the write fails, stores a substitute reply; returns non-zero only when the
+// substitute could not be stored.
 static int request_instance(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg, zeb_inst_t to)
 {
     uint32_t src_app = dst->src_app;
@@ -124,7 +123,7 @@ static int request_instance(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg, 
     return zeb_rpc_add_error_reply(dst->slot->rpc, seq, to, ZEB_SYSTEM_ERR);
 }
 
-// Writes the request to every recorded instance. An instance that quit meanwhile is settled already and passed over.
+// Writes the request to every recorded instance. The entry of an instance that quit meanwhile is completed and skipped.
 static int zeb_send_rpc(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg, zeb_reply_msg_t *ret_buf)
 {
     zeb_app_rpc_wait_t *rpc = dst->slot->rpc;

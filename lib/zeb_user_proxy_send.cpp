@@ -1,5 +1,5 @@
 // The exported one-way calls. A send resolves its destinations, passes flow control for every member application before
-// the first byte is written, and then writes the one message to each instance in turn.
+// it writes the first byte, and then writes the one message to each instance in turn.
 #include "zeb_user_proxy.h"
 
 #include <cerrno>
@@ -103,7 +103,7 @@ static bool zeb_has_app_node_server(const zeb_dst_t *dst)
     return false;
 }
 
-// True when the member has an instance that the call addresses.
+// True when the call addresses an instance of the member.
 static bool member_has_server(zeb_dst_t *dst, uint32_t member)
 {
     zeb_member_t found = zeb_get_member_servers(dst, member, &dst->servers);
@@ -112,7 +112,7 @@ static bool member_has_server(zeb_dst_t *dst, uint32_t member)
     return found == ZEB_MEMBER_SERVERS && (dst->all_nodes || zeb_has_app_node_server(dst));
 }
 
-// The line of a call that reaches nobody; `when` follows its last word.
+// Logs a call that reaches no instance; `when` is the end of the line.
 static void log_no_server(const zeb_dst_t *dst, const char *when)
 {
     zeb_inst_t to = dst->named;
@@ -123,8 +123,8 @@ static void log_no_server(const zeb_dst_t *dst, const char *when)
                     to.node, when);
 }
 
-// Asks flow control for every member that has a server; a refusal for one sends to none. -ENOENT when no member has
-// one.
+// Passes flow control for every member that has a server. If it refuses one member, nothing is sent to any. Returns
+// -ENOENT when no member has a server.
 static int check_members(zeb_dst_t *dst)
 {
     zeb_fc_t *fc = nullptr;
@@ -160,7 +160,7 @@ static int zeb_get_sendto_apps(zeb_dst_t *dst)
     return ret != 0 ? ret : check_members(dst);
 }
 
-// Writes the message to one instance and counts how that went.
+// Writes the message to one instance and counts the result.
 static int send_instance(const zeb_dst_t *dst, zeb_msg_t *msg, zeb_inst_t to)
 {
     uint32_t src_app = dst->src_app;
@@ -174,7 +174,7 @@ static int send_instance(const zeb_dst_t *dst, zeb_msg_t *msg, zeb_inst_t to)
     return ret;
 }
 
-// Writes the message to every instance. Returns how many were tried; `ret` becomes -1 when one failed.
+// Writes the message to every instance. Returns the number of attempts; `ret` becomes -1 when one fails.
 static int send_all(zeb_dst_t *dst, zeb_msg_t *msg, int *ret)
 {
     int tried = 0;
@@ -193,7 +193,7 @@ static int send_all(zeb_dst_t *dst, zeb_msg_t *msg, int *ret)
     return tried;
 }
 
-// A failure before the first write counts against what the caller named.
+// A failure before the first write is counted for the destination that the caller named.
 static int send_msg(uint32_t src_app, zeb_inst_t named, zeb_msg_t *msg, int flags)
 {
     zeb_dst_t dst;

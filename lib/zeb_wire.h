@@ -1,4 +1,4 @@
-// Reading and writing wire bytes: the one place for byte order and bounds of message bodies.
+// Reading and writing of wire bytes: the only code for the byte order and bounds of message bodies.
 // Works on the caller's buffer alone; nothing here locks or logs.
 #ifndef ZEB_WIRE_H
 #define ZEB_WIRE_H
@@ -41,17 +41,17 @@ static inline void zeb_wire_put_u32(uint8_t *bytes, uint32_t value)
 typedef struct zeb_tlv_item_s {
     uint16_t type;
     uint16_t len;   // bytes of the value
-    uint8_t *value; // inside the body
+    uint8_t *value; // points into the body
 } zeb_tlv_item_t;
 
 typedef enum zeb_tlv_step_e : int {
-    ZEB_TLV_END = 0,     // the body is used up
+    ZEB_TLV_END = 0,     // the body has no more elements
     ZEB_TLV_ITEM = 1,    // `item` is the next element
     ZEB_TLV_INVALID = 2, // the rest of the body is not a list of elements
 } zeb_tlv_step_t;
 
-// Takes the next element of a body and moves the cursor behind it. Beyond TLV_LIST_OK it refuses an element that is
-// shorter than its own header and one whose step would be 0: neither would ever let the walk end.
+// Takes the next element of a body and moves the cursor past it. Beyond what TLV_LIST_OK checks, it refuses an element
+// shorter than its own header and an element whose step would be 0, since then the walk would not end.
 static inline zeb_tlv_step_t zeb_tlv_next(struct tlv_list_desc *cursor, zeb_tlv_item_t *item)
 {
     if (TLV_LIST_EMPTY(cursor))
@@ -68,7 +68,7 @@ static inline zeb_tlv_step_t zeb_tlv_next(struct tlv_list_desc *cursor, zeb_tlv_
     return ZEB_TLV_ITEM;
 }
 
-// Cursor on the body of a message in host order.
+// A cursor on the body of a message in host order.
 static inline struct tlv_list_desc zeb_tlv_body(zeb_msg_t *msg)
 {
     struct tlv_list_desc cursor;

@@ -1,5 +1,5 @@
-/* The platform's process self-healing library, as far as ZEB calls it. platform/gvr holds a stand-in for systems
- * without one; CMake's ZEB_GVR_LIBRARY names the real library instead. */
+/* The calls of the platform's process self-healing library that ZEB uses. platform/gvr holds a stand-in for systems
+ * without that library; CMake's ZEB_GVR_LIBRARY names the real one instead. */
 #ifndef PLATFORM_GVR_H
 #define PLATFORM_GVR_H
 
@@ -9,8 +9,8 @@
 extern "C" {
 #endif
 
-/* Joins the calling process to the self-healing service. Returns 0, or non-zero when the service refuses. May be called
- * any number of times. */
+/* Connects the calling process to the self-healing service. May be called any number of times. Returns 0, or non-zero
+ * when the service refuses. */
 int gvr_lib_common_init(void);
 
 typedef enum gvr_action_e {
@@ -24,11 +24,11 @@ typedef enum gvr_action_e {
     GVR_ACT_MAX = 7
 } gvr_action_t;
 
-/* Carries out `action` on process `pid` on behalf of `module`, with `notice` as the reason on record. Returns 0, or
+/* Carries out `action` on process `pid` on behalf of `module` and records `notice` as the reason. Returns 0, or
  * non-zero when the service refuses. */
 int protect_selfhealing_do_action(int action, pid_t pid, const char *module, const char *notice);
 
-/* Forces the notices on record to where they survive the process. */
+/* Writes the recorded notices to storage that survives the process. */
 void protect_selfhealing_flush_buf_in_emergency(void);
 
 #ifdef __cplusplus

@@ -1,6 +1,5 @@
-// Searches over the intrusive list of list_head.h, for C++: walking, find-first, find-or-create, remove-matching.
-// The first match in list order wins everywhere.
-// The caller holds whatever lock guards the list.
+// Searches over the intrusive list of list_head.h, for C++: walk, find-first, find-or-create, remove-matching. Every
+// search takes the first match in list order. The caller holds the lock that guards the list.
 #ifndef PLATFORM_LIST_ALGO_H
 #define PLATFORM_LIST_ALGO_H
 
@@ -8,14 +7,14 @@
 
 #include "platform/list_head.h"
 
-// T: the record. Every record of ours calls its link `list`, so the template needs no further argument.
+// T is the record. Every record calls its link `list`, so the template needs no further argument.
 template <typename T>
 static inline T *list_record(struct list_head *link)
 {
     return list_entry(link, T, list);
 }
 
-// Calls visit(record) for each record in order. The visited record may be unlinked and freed by `visit`.
+// Calls visit(record) for each record in order. `visit` may unlink and free its record.
 template <typename T, typename Visit>
 static inline void list_each(struct list_head *head, Visit visit)
 {
@@ -38,7 +37,7 @@ static inline T *list_find(struct list_head *head, Match match)
     return nullptr;
 }
 
-// The first record that `match` accepts; when there is none, the one that `create` returns, appended at the tail.
+// The first record that `match` accepts. If there is none, appends and returns the record that `create` returns.
 template <typename T, typename Match, typename Create>
 static inline T *list_find_or_create(struct list_head *head, Match match, Create create)
 {
@@ -50,7 +49,7 @@ static inline T *list_find_or_create(struct list_head *head, Match match, Create
     return record;
 }
 
-// Takes the first record that `match` accepts off the list and returns it, or null.
+// Unlinks and returns the first record that `match` accepts; null if there is none.
 template <typename T, typename Match>
 static inline T *list_take_first(struct list_head *head, Match match)
 {
@@ -60,7 +59,8 @@ static inline T *list_take_first(struct list_head *head, Match match)
     return record;
 }
 
-// Unlinks and frees every record that `match` accepts; `before_free(record)` sees each first. Returns how many.
+// Unlinks and frees every record that `match` accepts, and calls before_free(record) before each is freed. Returns the
+// number of records.
 template <typename T, typename Match, typename BeforeFree>
 static inline int list_remove_matching(struct list_head *head, Match match, BeforeFree before_free)
 {

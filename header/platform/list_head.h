@@ -1,6 +1,6 @@
-/* Intrusive circular doubly linked list, shared by C and C++ code of the platform.
- * A record embeds a `struct list_head`; the head of a list is a bare `struct list_head` initialised with
- * INIT_LIST_HEAD. Nothing here locks or allocates. C++ code finds the usual searches in list_algo.h beside it. */
+/* Intrusive circular doubly linked list, shared by C and C++ code of the platform. A record embeds a `struct
+ * list_head`; the head of a list is a bare `struct list_head` initialised with INIT_LIST_HEAD. Nothing here locks or
+ * allocates. list_algo.h has the usual searches for C++. */
 #ifndef PLATFORM_LIST_HEAD_H
 #define PLATFORM_LIST_HEAD_H
 
@@ -48,7 +48,7 @@ static inline void list_add_tail(struct list_head *entry, struct list_head *head
     list_add_between(entry, head->prev, head);
 }
 
-/* Takes `entry` off the list it is on; its links are cleared. */
+/* Takes `entry` off its list and clears its links. */
 static inline void list_del(struct list_head *entry)
 {
     entry->next->prev = entry->prev;

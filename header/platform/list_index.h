@@ -1,10 +1,10 @@
-/* An index beside an intrusive list: finds a record by its key without walking the list.
- * The list stays the owner and keeps its order; the index refers to the same records by a link of its own. Among
- * records of one key the one added first is found, as on the list. A zeroed index is empty. Nothing here locks or
- * allocates: the number of chains is fixed, so a thousand records cost a few steps each and a hundred thousand some
- * hundreds. The caller holds whatever lock guards the list.
+/* An index beside an intrusive list: finds a record by its key without walking the list. The list owns the records and
+ * keeps their order; the index refers to the same records by a second link. Of several records with one key it finds
+ * the first one added, as a walk of the list would. A zeroed index is empty. Nothing here locks or allocates. The
+ * number of chains is fixed, so a search takes a few steps among a thousand records and some hundreds among a hundred
+ * thousand. The caller holds the lock that guards the list.
  *
- * The records are for C and C++, what works on them for C++ alone. */
+ * The types are for C and C++, the functions for C++ alone. */
 #ifndef PLATFORM_LIST_INDEX_H
 #define PLATFORM_LIST_INDEX_H
 
@@ -44,13 +44,13 @@ static inline uint64_t list_index_key(uint32_t high, uint32_t low)
     return (uint64_t)high << 32 | low;
 }
 
-// The upper bits of the product depend on every bit of the key: neighbouring node ids spread over all chains.
+// The upper bits of the product depend on every bit of the key, so neighbouring node ids spread over all chains.
 static inline unsigned list_index_chain(uint64_t key)
 {
     return (unsigned)(key * 0x9E3779B97F4A7C15ull >> (64 - LIST_INDEX_BITS));
 }
 
-// The first record of that key for which match(record), or null.
+// The first record of the key that `match` accepts, or null.
 template <typename T, typename Match>
 static inline T *list_index_find_if(const list_index_t *index, uint64_t key, Match match)
 {
@@ -62,14 +62,14 @@ static inline T *list_index_find_if(const list_index_t *index, uint64_t key, Mat
     return nullptr;
 }
 
-// The first record of that key, or null.
+// The first record of the key, or null.
 template <typename T>
 static inline T *list_index_find(const list_index_t *index, uint64_t key)
 {
     return list_index_find_if<T>(index, key, [](const T *) { return true; });
 }
 
-// Puts a record behind those of its chain.
+// Adds a record at the end of its chain.
 template <typename T>
 static inline void list_index_add(list_index_t *index, T *record, uint64_t key)
 {
@@ -82,7 +82,7 @@ static inline void list_index_add(list_index_t *index, T *record, uint64_t key)
     index->num++;
 }
 
-// Puts a record last on its list and in the index.
+// Appends a record to its list and adds it to the index.
 template <typename T>
 static inline void list_index_append(struct list_head *head, list_index_t *index, T *record, uint64_t key)
 {
@@ -90,7 +90,7 @@ static inline void list_index_append(struct list_head *head, list_index_t *index
     list_index_add(index, record, key);
 }
 
-// The first record of that key; when there is none, the one that `create` returns, appended.
+// The first record of the key. If there is none, appends and returns the record that `create` returns.
 template <typename T, typename Create>
 static inline T *list_index_find_or_create(struct list_head *head, list_index_t *index, uint64_t key, Create create)
 {
@@ -102,7 +102,7 @@ static inline T *list_index_find_or_create(struct list_head *head, list_index_t 
     return record;
 }
 
-// Takes a record out; one that is not in the index changes nothing.
+// Takes a record out of the index. A record that is not in the index changes nothing.
 template <typename T>
 static inline void list_index_del(list_index_t *index, T *record)
 {
@@ -123,7 +123,7 @@ static inline void list_index_remove(list_index_t *index, T *record)
     list_index_del(index, record);
 }
 
-// A list with its index: records are found by a key and keep their order. T has the links `list` and `index_link`.
+// A list with its index. T has the links `list` and `index_link`.
 template <typename T>
 struct indexed_list : list_indexed_t {
 };
@@ -141,14 +141,14 @@ static inline int indexed_list_num(const indexed_list<T> *records)
     return records->index.num;
 }
 
-// The first record of that key for which match(record), or null.
+// The first record of the key that `match` accepts, or null.
 template <typename T, typename Match>
 static inline T *indexed_list_find_if(const indexed_list<T> *records, uint64_t key, Match match)
 {
     return list_index_find_if<T>(&records->index, key, match);
 }
 
-// The first record of that key, or null.
+// The first record of the key, or null.
 template <typename T>
 static inline T *indexed_list_find(const indexed_list<T> *records, uint64_t key)
 {
@@ -161,7 +161,7 @@ static inline void indexed_list_append(indexed_list<T> *records, T *record, uint
     list_index_append(&records->list, &records->index, record, key);
 }
 
-// The first record of that key; when there is none, the one that `create` returns, appended.
+// The first record of the key. If there is none, appends and returns the record that `create` returns.
 template <typename T, typename Create>
 static inline T *indexed_list_find_or_create(indexed_list<T> *records, uint64_t key, Create create)
 {
@@ -175,7 +175,7 @@ static inline void indexed_list_remove(indexed_list<T> *records, T *record)
     list_index_remove(&records->index, record);
 }
 
-// Calls visit(record) for each record in order. The visited record may be removed and freed by `visit`.
+// Calls visit(record) for each record in order. `visit` may remove and free its record.
 template <typename T, typename Visit>
 static inline void indexed_list_each(const indexed_list<T> *records, Visit visit)
 {

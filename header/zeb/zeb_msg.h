@@ -2,8 +2,8 @@
  *
  * A message is one heap block: a list link, a 36-byte header and the payload. zeb_msg_alloc makes it, free() releases
  * it; whoever holds the pointer owns it. Inside the process the header is in host byte order; the library converts it
- * when it sends and receives. The functions here are inline, so every module has its own copy; none takes a lock, and
- * each works on the caller's message alone, so one message must not be used by two threads at once. */
+ * when it sends and receives. The functions here are inline, so every module has its own copy. They take no lock and
+ * work on the caller's message alone, so two threads must not use one message at once. */
 #ifndef ZEB_MSG_H
 #define ZEB_MSG_H
 
@@ -35,12 +35,12 @@ extern "C" {
 
 /* Status of an RPC reply, in zeb_msg_hdr_t.rpc_stat. */
 typedef enum zeb_reply_stat_e {
-    ZEB_SUCCESS = 0,      /* answered by the application */
+    ZEB_SUCCESS = 0,      /* a reply of the application */
     ZEB_MISMATCH = 1,     /* library version mismatch */
     ZEB_APP_UNAVAIL = 2,  /* the application does not know the caller's instance */
     ZEB_APP_MISMATCH = 3, /* no dispatcher for the request's version; body zeb_mismatch_info_t in the sender's order */
-    ZEB_SYSTEM_ERR = 4,   /* the request could not be written or was answered without a body, or the instance quit */
-    ZEB_TIMEOUT = 5,      /* no answer in time */
+    ZEB_SYSTEM_ERR = 4,   /* the request was not written, the server replied with null, or the instance quit */
+    ZEB_TIMEOUT = 5,      /* no reply in time */
     ZEB_REPLY_STAT_NUM = 6
 } zeb_reply_stat_t;
 
@@ -49,7 +49,7 @@ typedef struct zeb_msg_hdr_s {
     uint8_t zeb_ver;   /* library protocol version */
     uint8_t rsvd;      /* 0 */
     uint8_t flag;      /* ZEB_MSG_FLAG_... */
-    uint8_t qos;       /* carried as the application wrote it */
+    uint8_t qos;       /* sent as the application wrote it */
     uint32_t len;      /* header and payload, bytes */
     uint32_t src_node; /* sender's node id */
     uint32_t dst_node; /* addressee's node id */
@@ -57,7 +57,7 @@ typedef struct zeb_msg_hdr_s {
     uint32_t dst_app;  /* addressee's application id */
     uint32_t app_ver;  /* application message version; selects the receiver's dispatcher */
     uint32_t seq;      /* RPC sequence number; 0 in one-way messages */
-    int32_t rpc_stat;  /* zeb_reply_stat_t; 0 in everything that is not a reply */
+    int32_t rpc_stat;  /* zeb_reply_stat_t; 0 in any message that is not a reply */
 } zeb_msg_hdr_t;
 
 #if defined(__clang__) && defined(__cplusplus)
@@ -66,7 +66,7 @@ typedef struct zeb_msg_hdr_s {
 #endif
 
 typedef struct zeb_msg_s {
-    struct list_head list; /* for the holder's own queues; never sent */
+    struct list_head list; /* for the owner's queues; never sent */
     zeb_msg_hdr_t hdr;
     __extension__ uint8_t data[]; /* payload, hdr.len - ZEB_MSG_HDR_LEN bytes */
 } zeb_msg_t;
@@ -115,7 +115,7 @@ static inline int zeb_valid_node_mc_id(uint32_t node)
 /* Declared here because strict C99 hides it in <unistd.h>. */
 extern int usleep(unsigned int usec);
 
-/* A block of `size` bytes that holds anything, for a caller that writes all of it; otherwise as zeb_malloc(). */
+/* A block of `size` bytes, not zeroed, for a caller that writes all of it. In all else the same as zeb_malloc(). */
 static inline void *zeb_malloc_dirty(int size)
 {
     void *block = malloc((size_t)size);
@@ -126,7 +126,7 @@ static inline void *zeb_malloc_dirty(int size)
     return block;
 }
 
-/* A zero-filled block of `size` bytes, released with free(). Never fails: while memory is short it tries again every
+/* A zero-filled block of `size` bytes, released with free(). Never fails: while memory is short, it tries again every
  * 10 microseconds. */
 static inline void *zeb_malloc(int size)
 {
@@ -135,9 +135,9 @@ static inline void *zeb_malloc(int size)
     return block;
 }
 
-/* A new message with `size` (0..ZEB_MSG_MAX_DATA) zeroed payload bytes and application version `app_ver`; the caller
- * owns it and releases it with free(). `flags` is reserved: pass 0. Returns null when `size` is out of range, never for
- * want of memory. */
+/* A new message with `size` (0..ZEB_MSG_MAX_DATA) zeroed payload bytes and application version `app_ver`. The caller
+ * owns it and releases it with free(). `flags` is reserved: pass 0. Returns null only when `size` is out of range,
+ * never for lack of memory. */
 static inline zeb_msg_t *zeb_msg_alloc(int size, uint32_t app_ver, int flags)
 {
     zeb_msg_t *msg;
@@ -158,7 +158,7 @@ static inline uint32_t zeb_msg_data_len(const zeb_msg_t *msg)
     return msg->hdr.len - ZEB_MSG_HDR_LEN;
 }
 
-/* Stamps the addressing of a message. zeb_ver, rsvd, qos, len and app_ver keep what they hold. Used by the library. */
+/* Fills in the addressing of a message. zeb_ver, rsvd, qos, len and app_ver are left unchanged. Used by the library. */
 /* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the signature is public */
 static inline void zeb_encode_msg_hdr(zeb_msg_t *msg, uint8_t msg_flag, uint32_t src_app, uint32_t src_node,
                                       uint32_t dst_app, uint32_t dst_node, uint32_t seq, int rpc_stat)
@@ -172,8 +172,8 @@ static inline void zeb_encode_msg_hdr(zeb_msg_t *msg, uint8_t msg_flag, uint32_t
     msg->hdr.rpc_stat = rpc_stat;
 }
 
-/* The body of a ZEB_MISMATCH reply travels big-endian; bodies of every other status are left as they are. A payload too
- * short for it is left alone. */
+/* The body of a ZEB_MISMATCH reply is big-endian on the wire; the bodies of all other replies are not converted. A
+ * payload that is too short for it is left unchanged. */
 static inline void zeb_swap_mismatch_info(zeb_msg_t *msg, uint32_t len)
 {
     zeb_mismatch_info_t info;
@@ -204,8 +204,8 @@ static inline void zeb_convert_to_network(zeb_msg_t *msg)
         zeb_swap_mismatch_info(msg, len);
 }
 
-/* Converts the header from network to host byte order, in place. hdr.len bytes from hdr on must be there. Used by the
- * library. */
+/* Converts the header from network to host byte order, in place. The buffer must hold hdr.len bytes from hdr on. Used
+ * by the library. */
 static inline void zeb_convert_to_host(zeb_msg_t *msg)
 {
     msg->hdr.len = ntohl(msg->hdr.len);

@@ -1,12 +1,12 @@
 /* TLV elements: the bodies of synchronisation and management messages.
  *
  * An element is a 4-byte header (length and type, both big-endian 16 bit) followed by its value. The length counts the
- * header and the value but not the padding; the next element starts at this one's start plus its length rounded up to a
- * multiple of 4. The layout is the one of the kernel's TIPC configuration interface, and the operations have the same
- * names, so this header and <linux/tipc_config.h> cannot be included by one source file.
+ * header and the value but not the padding. The next element starts at this element's start plus its length rounded up
+ * to a multiple of 4. Layout and names are those of the kernel's TIPC configuration interface, so one source file
+ * cannot include both this header and <linux/tipc_config.h>.
  *
- * Nothing here locks or allocates; every operation works on the caller's buffer alone. A body that came from a peer is
- * walked only while TLV_LIST_OK holds. */
+ * Nothing here locks or allocates; every operation works on the caller's buffer alone. Walk a body that came from a
+ * peer only while TLV_LIST_OK holds. */
 #ifndef ZEB_TLV_H
 #define ZEB_TLV_H
 
@@ -56,7 +56,7 @@ static inline void *TLV_DATA(const void *tlv)
 }
 
 /* True when the element at `tlv` is 4-byte aligned, `space` holds at least a header, and the element's length does not
- * exceed `space`. A length below 4 passes: it is up to the reader to refuse it. */
+ * exceed `space`. A length below 4 passes: the reader must refuse it. */
 static inline int TLV_OK(const void *tlv, uint16_t space)
 {
     const struct tlv_desc *desc = (const struct tlv_desc *)tlv;
@@ -76,9 +76,9 @@ static inline uint16_t TLV_DATA_LENGTH(const void *tlv)
     return (uint16_t)(ntohs(((const struct tlv_desc *)tlv)->tlv_len) - sizeof(struct tlv_desc));
 }
 
-/* Writes an element of `type` with `len` (0..65531) value bytes at `tlv`, which must be 4-byte aligned and have room
- * for TLV_SPACE(len). The value is copied only when `len` is not 0 and `data` not null; padding is not written. Returns
- * the element's size with padding, by which the caller advances. */
+/* Writes an element of `type` with `len` (0..65531) value bytes at `tlv`, which must be 4-byte aligned with space for
+ * TLV_SPACE(len) bytes. The value is copied only when `len` is not 0 and `data` is not null; padding is not written.
+ * Returns the element's size with padding, by which the caller advances. */
 static inline uint32_t TLV_SET(void *tlv, uint16_t type, const void *data, uint16_t len)
 {
     struct tlv_desc *desc = (struct tlv_desc *)tlv;
@@ -102,7 +102,7 @@ static inline int TLV_LIST_EMPTY(const struct tlv_list_desc *list)
     return list->tlv_space == 0;
 }
 
-/* TLV_OK of the current element, with the low 16 bits of the space left. */
+/* TLV_OK of the current element, with the low 16 bits of the remaining space. */
 static inline int TLV_LIST_OK(const struct tlv_list_desc *list)
 {
     return TLV_OK(list->tlv_ptr, (uint16_t)list->tlv_space);
@@ -124,7 +124,7 @@ static inline void *TLV_LIST_DATA(const struct tlv_list_desc *list)
 }
 
 /* Moves the cursor to the next element. The step is computed in 16 bits, so it is 0 for a length of 0 or above 65532: a
- * reader refuses such an element instead of stepping over it. A last element whose padding is missing ends the list. */
+ * reader must refuse such an element and not step over it. A last element without its padding ends the list. */
 static inline void TLV_LIST_STEP(struct tlv_list_desc *list)
 {
     uint16_t step = (uint16_t)TLV_ALIGN(ntohs(list->tlv_ptr->tlv_len));

@@ -1,5 +1,5 @@
-// Stand-in for the platform's self-healing library: notices go to the system log and standard error, and an action that
-// ends a process kills it. Keeps no state; any thread may call.
+// Stand-in for the platform's self-healing library. A notice goes to the system log and standard error; an action that
+// ends a process kills it. Keeps no state; any thread may call it.
 #include "platform/gvr.h"
 
 #include <csignal>
