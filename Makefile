@@ -65,12 +65,14 @@ chaos: build ## processes and faults for MINUTES=n (10) with SEED=s (1), ON=sim,
 explore: build ## the handshake's core against a model of TIPC, at random for SECONDS=n (60) with SEED=s (1), and exhaustively
 	@$(BUILD)/tests/explore/zeb_explore --mode all --seconds $(SECONDS) --seed $(SEED) --depth 9 --faults 1
 
-docs: ## draw docs/handshake.svg from the handshake's table, with Graphviz
+docs: ## draw docs/*.svg from docs/*.dot, the handshake's and the floors' text made anew, with Graphviz
 	@scripts/setup docs
-	@$(MAKE) --no-print-directory build PRESET=release
+	@cmake --preset release >build/configure-release.log 2>&1 || { cat build/configure-release.log; exit 1; }
+	@cmake --build build/release -j$(JOBS) --target zeb_handshake_dot -- --no-print-directory >build/build-docs.log 2>&1 || { cat build/build-docs.log; exit 1; }
 	@build/release/tests/support/zeb_handshake_dot >docs/handshake.dot
-	@dot -Tsvg docs/handshake.dot -o docs/handshake.svg
-	@echo "drawn: docs/handshake.svg"
+	@scripts/floors --dot >docs/floors.dot
+	@set -e; for text in docs/*.dot; do dot -Tsvg $$text >build/drawn.svg; \
+		{ cat build/drawn.svg; echo "<!-- of $$(sha256sum <$$text | cut -c1-64) -->"; } >$${text%.dot}.svg; echo "drawn: $${text%.dot}.svg"; done
 
 bench: ## measure against raw TIPC, libzmq and nng (ROUNDS=7), in the lab and on the simulator; tables and a plot in bench/results
 	@scripts/setup bench
