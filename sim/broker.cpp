@@ -69,7 +69,7 @@ static void give_back(void *arg, const sim_record_t *record, const uint8_t *data
         return;
     if (sim_queue_open(&sender, g_broker.cluster.dir, record->src_port) != 0)
         return;
-    sim_queue_return(&sender, g_broker.cluster.dir, g_broker.bell, record, data, TIPC_ERR_NO_PORT, socket->port,
+    sim_queue_return(&sender, g_broker.cluster.dir, g_broker.notify_fd, record, data, TIPC_ERR_NO_PORT, socket->port,
                      state->nodes[socket->node]);
     sim_queue_unmap(&sender);
 }
@@ -167,12 +167,12 @@ static void put(const delayed_t &message)
     uint32_t err = TIPC_ERR_NO_PORT;
     sim_queue_t queue;
     if (sim_queue_open(&queue, g_broker.cluster.dir, message.port) == 0) {
-        err = sim_queue_put(&queue, g_broker.cluster.dir, g_broker.bell, &record, &part, 1);
+        err = sim_queue_put(&queue, g_broker.cluster.dir, g_broker.notify_fd, &record, &part, 1);
         sim_queue_unmap(&queue);
     }
     if (err == TIPC_OK || sim_queue_open(&queue, g_broker.cluster.dir, record.src_port) != 0)
         return;
-    sim_queue_return(&queue, g_broker.cluster.dir, g_broker.bell, &record, message.data.data(), err, message.port,
+    sim_queue_return(&queue, g_broker.cluster.dir, g_broker.notify_fd, &record, message.data.data(), err, message.port,
                      state->nodes[message.by_node]);
     sim_queue_unmap(&queue);
 }
@@ -567,7 +567,7 @@ int broker_main(const char *dir)
     go_to_background();
     write_pid(dir);
     g_broker.epoll = epoll_create1(EPOLL_CLOEXEC);
-    g_broker.bell = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    g_broker.notify_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     watch(g_broker.listener);
     {
         sim_guard_s guard(&g_broker.cluster.state->mutex);

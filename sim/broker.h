@@ -45,7 +45,7 @@ typedef struct broker_s {
     sim_cluster_t cluster;
     int epoll;
     int listener;
-    int bell;
+    int notify_fd;
     std::map<int, conn_t> conns;          // by descriptor
     std::map<uint32_t, member_t> members; // by port
     std::map<int32_t, int> owners;        // process id to pidfd

@@ -33,7 +33,7 @@ static sim_queue_t *s_peers[PEER_PLACES];
 
 static pthread_mutex_t s_broker_mutex = PTHREAD_MUTEX_INITIALIZER; // guards s_broker: one request at a time
 static int s_broker = -1;
-static int s_bell = -1; // made once
+static int s_notify_fd = -1; // made once
 
 static void before_fork()
 {
@@ -64,8 +64,8 @@ __attribute__((constructor)) static void prepare_forks()
 
 bool preload_hidden(int fd)
 {
-    return fd >= 0 &&
-           (fd == __atomic_load_n(&s_broker, __ATOMIC_RELAXED) || fd == __atomic_load_n(&s_bell, __ATOMIC_RELAXED));
+    return fd >= 0 && (fd == __atomic_load_n(&s_broker, __ATOMIC_RELAXED) ||
+                       fd == __atomic_load_n(&s_notify_fd, __ATOMIC_RELAXED));
 }
 
 int preload_hide(int fd)
@@ -198,15 +198,15 @@ static sim_queue_t *get_peer(uint32_t port)
     return peer;
 }
 
-static int the_bell()
+static int notify_fd()
 {
-    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; // guards the making of s_bell
+    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; // guards the making of s_notify_fd
     (void)pthread_mutex_lock(&mutex);
-    if (s_bell < 0)
-        __atomic_store_n(&s_bell, preload_hide((int)syscall(SYS_socket, AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+    if (s_notify_fd < 0)
+        __atomic_store_n(&s_notify_fd, preload_hide((int)syscall(SYS_socket, AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
                          __ATOMIC_RELAXED);
     (void)pthread_mutex_unlock(&mutex);
-    return s_bell;
+    return s_notify_fd;
 }
 
 // Handed to the broker, which keeps it for as long as the link is slow or cut. False when there is none to hand it to.
@@ -236,7 +236,7 @@ uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, c
     sim_queue_t *peer = get_peer(target->port);
     if (peer == nullptr)
         return TIPC_ERR_NO_PORT;
-    uint32_t err = sim_queue_put(peer, cluster->dir, the_bell(), record, data, num);
+    uint32_t err = sim_queue_put(peer, cluster->dir, notify_fd(), record, data, num);
     put_peer(peer);
     return err;
 }
@@ -250,7 +250,7 @@ void preload_give_back(const sim_record_t *record, const uint8_t *data, uint32_t
     sim_queue_t *sender = get_peer(record->src_port);
     if (sender == nullptr)
         return;
-    sim_queue_return(sender, cluster->dir, the_bell(), record, data, err, by_port, by_node);
+    sim_queue_return(sender, cluster->dir, notify_fd(), record, data, err, by_port, by_node);
     put_peer(sender);
 }
 

@@ -167,12 +167,12 @@ void preload_share(int fd, int copy)
     preload_put(entry);
 }
 
-static int open_doorbell(const sim_cluster_t *cluster, uint32_t port, int flags)
+static int open_wakeup_socket(const sim_cluster_t *cluster, uint32_t port, int flags)
 {
     struct sockaddr_un addr;
     memset(&addr, 0, sizeof(addr));
     addr.sun_family = AF_UNIX;
-    if (!sim_queue_doorbell_path(cluster->dir, port, addr.sun_path, sizeof(addr.sun_path)))
+    if (!sim_queue_wakeup_path(cluster->dir, port, addr.sun_path, sizeof(addr.sun_path)))
         return -ENAMETOOLONG;
     int fd = (int)syscall(SYS_socket, AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | flags, 0);
     if (fd < 0)
@@ -194,7 +194,7 @@ static int open_rdm(sim_cluster_t *cluster, preload_socket_t *entry, int flags)
             (void)sys_close(lock);
         return ret;
     }
-    int fd = open_doorbell(cluster, entry->queue.port, flags);
+    int fd = open_wakeup_socket(cluster, entry->queue.port, flags);
     if (fd < 0) {
         sim_queue_remove(cluster->dir, entry->queue.port);
         sim_queue_unmap(&entry->queue);
@@ -514,7 +514,7 @@ static void name_sender(const sim_record_t *record, struct msghdr *msg)
     msg->msg_namelen = sizeof(addr);
 }
 
-// Waits for the doorbell as a blocking read does. 0 or an errno.
+// Waits for the wake-up socket as a blocking read does. 0 or an errno.
 static int wait_readable(int fd, int flags)
 {
     if ((flags & MSG_DONTWAIT) != 0 || (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0)

@@ -28,7 +28,7 @@ static bool segment_path(const char *dir, uint32_t port, char *path, size_t size
     return sim_cluster_path(dir, name, path, size);
 }
 
-bool sim_queue_doorbell_path(const char *dir, uint32_t port, char *path, size_t size)
+bool sim_queue_wakeup_path(const char *dir, uint32_t port, char *path, size_t size)
 {
     char name[32];
     (void)snprintf(name, sizeof(name), "d.%u", port);
@@ -142,7 +142,7 @@ void sim_queue_remove(const char *dir, uint32_t port)
     char path[SIM_PATH_LEN];
     if (segment_path(dir, port, path, sizeof(path)))
         (void)unlink(path);
-    if (sim_queue_doorbell_path(dir, port, path, sizeof(path)))
+    if (sim_queue_wakeup_path(dir, port, path, sizeof(path)))
         (void)unlink(path);
 }
 
@@ -184,7 +184,7 @@ static void recount(sim_queue_t *queue)
         socket->charged += record_at(queue, at)->charge;
         at += record_at(queue, at)->size;
     }
-    socket->rung = 0; // one ring too many does no harm
+    socket->notified = 0; // one wake-up too many does no harm
 }
 
 struct queue_guard_s : sim_guard_s {
@@ -244,23 +244,23 @@ static bool back(sim_queue_t *queue, const char *dir, uint64_t end)
 }
 
 // False when nobody listens any more.
-static bool ring(sim_queue_t *queue, const char *dir, int bell)
+static bool notify(sim_queue_t *queue, const char *dir, int notify_fd)
 {
     struct sockaddr_un addr;
     memset(&addr, 0, sizeof(addr));
     addr.sun_family = AF_UNIX;
-    if (!sim_queue_doorbell_path(dir, queue->port, addr.sun_path, sizeof(addr.sun_path)))
+    if (!sim_queue_wakeup_path(dir, queue->port, addr.sun_path, sizeof(addr.sun_path)))
         return false;
     for (;;) {
-        if (sendto(bell, "", 1, MSG_DONTWAIT | MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr)) == 1)
+        if (sendto(notify_fd, "", 1, MSG_DONTWAIT | MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr)) == 1)
             return true;
         if (errno != EINTR)
             return errno == EAGAIN;
     }
 }
 
-uint32_t sim_queue_put(sim_queue_t *queue, const char *dir, int bell, sim_record_t *record, const struct iovec *data,
-                       size_t num)
+uint32_t sim_queue_put(sim_queue_t *queue, const char *dir, int notify_fd, sim_record_t *record,
+                       const struct iovec *data, size_t num)
 {
     sim_socket_t *socket = queue->socket;
     if (record->err == TIPC_OK)
@@ -280,21 +280,21 @@ uint32_t sim_queue_put(sim_queue_t *queue, const char *dir, int bell, sim_record
         memcpy(to, data[i].iov_base, data[i].iov_len);
         to += data[i].iov_len;
     }
-    if (socket->rung == 0 && !ring(queue, dir, bell))
+    if (socket->notified == 0 && !notify(queue, dir, notify_fd))
         return TIPC_ERR_NO_PORT;
-    socket->rung = 1;
+    socket->notified = 1;
     socket->tail = at + record->size;
     socket->num++;
     socket->charged += record->charge;
     return TIPC_OK;
 }
 
-static void silence(sim_socket_t *socket, int doorbell)
+static void drain(sim_socket_t *socket, int wakeup_fd)
 {
     char byte;
-    while (sys_recv(doorbell, &byte, 1, MSG_DONTWAIT) >= 0)
+    while (sys_recv(wakeup_fd, &byte, 1, MSG_DONTWAIT) >= 0)
         continue;
-    socket->rung = 0;
+    socket->notified = 0;
 }
 
 static void copy_out(const uint8_t *from, size_t len, const struct iovec *data, size_t num)
@@ -307,13 +307,13 @@ static void copy_out(const uint8_t *from, size_t len, const struct iovec *data, 
     }
 }
 
-int sim_queue_get(sim_queue_t *queue, int doorbell, bool peek, sim_record_t *record, const struct iovec *data,
+int sim_queue_get(sim_queue_t *queue, int wakeup_fd, bool peek, sim_record_t *record, const struct iovec *data,
                   size_t num)
 {
     sim_socket_t *socket = queue->socket;
     queue_guard_s guard(queue);
     if (socket->num == 0) {
-        silence(socket, doorbell);
+        drain(socket, wakeup_fd);
         return -EAGAIN;
     }
     uint32_t at = settle(queue, socket->head);
@@ -325,7 +325,7 @@ int sim_queue_get(sim_queue_t *queue, int doorbell, bool peek, sim_record_t *rec
     socket->num--;
     socket->charged -= record->charge;
     if (socket->num == 0)
-        silence(socket, doorbell);
+        drain(socket, wakeup_fd);
     return 0;
 }
 
@@ -344,7 +344,7 @@ void sim_queue_close(sim_queue_t *queue, sim_give_back_t give_back, void *arg)
     }
 }
 
-void sim_queue_return(sim_queue_t *to, const char *dir, int bell, const sim_record_t *record, const uint8_t *data,
+void sim_queue_return(sim_queue_t *to, const char *dir, int notify_fd, const sim_record_t *record, const uint8_t *data,
                       uint32_t err, uint32_t by_port, uint32_t by_node)
 {
     if (record->err != TIPC_OK || record->droppable != 0)
@@ -358,5 +358,5 @@ void sim_queue_return(sim_queue_t *to, const char *dir, int bell, const sim_reco
     answer.importance = TIPC_CRITICAL_IMPORTANCE; // as the kernel judges its room
     answer.charge = answer.len + 128;
     struct iovec part = {const_cast<uint8_t *>(data), answer.len};
-    (void)sim_queue_put(to, dir, bell, &answer, &part, 1);
+    (void)sim_queue_put(to, dir, notify_fd, &answer, &part, 1);
 }

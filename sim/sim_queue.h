@@ -1,7 +1,7 @@
 // A simulated socket: a file in the cluster's folder that its owner and every sender map, with the receive queue in it,
-// and beside it a Unix datagram socket, the doorbell, which is the descriptor that the application polls. A byte lies
-// in the doorbell exactly while the queue holds a message. The owner, and children that inherited the socket, hold a
-// lock on the file: who can take it knows that they are all gone.
+// and beside it a Unix datagram socket, the wake-up socket, which is the descriptor that the application polls. A byte
+// lies in the wake-up socket exactly while the queue holds a message. The owner, and children that inherited the
+// socket, hold a lock on the file: who can take it knows that they are all gone.
 #ifndef SIM_QUEUE_H
 #define SIM_QUEUE_H
 
@@ -25,9 +25,9 @@ typedef struct sim_socket_s { // the head of the file
 
     sim_mutex_t mutex; // guards all below; nothing is taken under it
     uint32_t closed;
-    uint32_t rung; // the doorbell holds a byte
-    uint32_t num;  // messages
-    uint32_t head; // offsets into the room
+    uint32_t notified; // the wake-up socket holds a byte
+    uint32_t num;      // messages
+    uint32_t head;     // offsets into the room
     uint32_t tail;
     uint64_t charged; // bytes, as the kernel would count them
     uint64_t backed;  // bytes of the room that the disk has given
@@ -63,20 +63,20 @@ int sim_queue_create(sim_queue_t *queue, const sim_cluster_t *cluster, uint32_t 
 int sim_queue_open(sim_queue_t *queue, const char *dir, uint32_t port);
 void sim_queue_unmap(sim_queue_t *queue);
 void sim_queue_remove(const char *dir, uint32_t port); // its two files
-bool sim_queue_doorbell_path(const char *dir, uint32_t port, char *path, size_t size);
+bool sim_queue_wakeup_path(const char *dir, uint32_t port, char *path, size_t size);
 bool sim_queue_abandoned(const char *dir, uint32_t port); // nobody holds it any more
 
-// Puts a message in. 0, or a TIPC error code why it is refused. `bell`: an unbound Unix datagram socket.
-uint32_t sim_queue_put(sim_queue_t *queue, const char *dir, int bell, sim_record_t *record, const struct iovec *data,
-                       size_t num);
+// Puts a message in. 0, or a TIPC error code why it is refused. `notify_fd`: an unbound Unix datagram socket.
+uint32_t sim_queue_put(sim_queue_t *queue, const char *dir, int notify_fd, sim_record_t *record,
+                       const struct iovec *data, size_t num);
 // Takes the first message out, or looks at it: its head, and its data as far as it fits. -EAGAIN when there is none.
-int sim_queue_get(sim_queue_t *queue, int doorbell, bool peek, sim_record_t *record, const struct iovec *data,
+int sim_queue_get(sim_queue_t *queue, int wakeup_fd, bool peek, sim_record_t *record, const struct iovec *data,
                   size_t num);
 // Closes it and hands every unread message to `give_back`.
 typedef void (*sim_give_back_t)(void *arg, const sim_record_t *record, const uint8_t *data);
 void sim_queue_close(sim_queue_t *queue, sim_give_back_t give_back, void *arg);
 // What a sender gets back of its own message, or of one that was never read. Nothing when it must not be returned.
-void sim_queue_return(sim_queue_t *to, const char *dir, int bell, const sim_record_t *record, const uint8_t *data,
+void sim_queue_return(sim_queue_t *to, const char *dir, int notify_fd, const sim_record_t *record, const uint8_t *data,
                       uint32_t err, uint32_t by_port, uint32_t by_node);
 
 uint32_t sim_queue_charge(uint32_t len); // bytes of queue that a message of `len` bytes takes in the kernel
