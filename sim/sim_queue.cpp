@@ -165,7 +165,7 @@ static sim_record_t *record_at(sim_queue_t *queue, uint32_t offset)
 }
 
 // The first record at or behind `offset`, over the end of the room if need be.
-static uint32_t settle(sim_queue_t *queue, uint32_t offset)
+static uint32_t next_record(sim_queue_t *queue, uint32_t offset)
 {
     if (offset + sizeof(sim_record_t) > queue->room_size || record_at(queue, offset)->size == 0)
         return 0;
@@ -179,7 +179,7 @@ static void recount(sim_queue_t *queue)
     socket->num = 0;
     socket->charged = 0;
     for (uint32_t at = socket->head; at != socket->tail;) {
-        at = settle(queue, at);
+        at = next_record(queue, at);
         socket->num++;
         socket->charged += record_at(queue, at)->charge;
         at += record_at(queue, at)->size;
@@ -316,7 +316,7 @@ int sim_queue_get(sim_queue_t *queue, int wakeup_fd, bool peek, sim_record_t *re
         drain(socket, wakeup_fd);
         return -EAGAIN;
     }
-    uint32_t at = settle(queue, socket->head);
+    uint32_t at = next_record(queue, socket->head);
     *record = *record_at(queue, at);
     copy_out(queue->room + at + sizeof(*record), record->len, data, num);
     if (peek)
@@ -337,7 +337,7 @@ void sim_queue_close(sim_queue_t *queue, sim_give_back_t give_back, void *arg)
         socket->closed = 1; // nobody puts anything in from here on
     }
     for (; socket->num != 0; socket->num--) {
-        uint32_t at = settle(queue, socket->head);
+        uint32_t at = next_record(queue, socket->head);
         const sim_record_t *record = record_at(queue, at);
         give_back(arg, record, queue->room + at + sizeof(*record));
         socket->head = at + record->size;
