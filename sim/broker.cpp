@@ -75,7 +75,7 @@ static void give_back(void *arg, const sim_record_t *record, const uint8_t *data
 }
 
 // A socket whose processes ended without closing it: what the kernel would do in their place.
-static void bury(uint32_t port)
+static void close_socket(uint32_t port)
 {
     sim_queue_t queue;
     if (sim_queue_open(&queue, g_broker.cluster.dir, port) == 0) {
@@ -86,7 +86,7 @@ static void bury(uint32_t port)
 }
 
 template <typename which_t>
-static void bury_abandoned(which_t which)
+static void close_abandoned(which_t which)
 {
     for (auto it = g_broker.members.begin(); it != g_broker.members.end();) {
         uint32_t port = it->first;
@@ -95,7 +95,7 @@ static void bury_abandoned(which_t which)
             continue;
         }
         drop_names(port, &it->second);
-        bury(port);
+        close_socket(port);
         it = g_broker.members.erase(it);
     }
 }
@@ -109,7 +109,7 @@ static void owner_ended(int fd)
     int32_t pid = it->first;
     (void)close(fd);
     g_broker.owners.erase(it);
-    bury_abandoned([pid](const member_t &member) { return member.pid == pid; });
+    close_abandoned([pid](const member_t &member) { return member.pid == pid; });
 }
 
 // Brings the table in line with what the socket says of itself.
@@ -392,7 +392,7 @@ static void adopt(const std::string &name)
 {
     uint32_t port = (uint32_t)strtoul(name.c_str() + 2, nullptr, 10);
     if (sim_queue_abandoned(g_broker.cluster.dir, port))
-        bury(port);
+        close_socket(port);
     else
         (void)sync_socket(port);
 }
@@ -455,7 +455,7 @@ static void pass_time(int64_t now)
     topology_time(now);
     if (now >= g_broker.next_look) {
         g_broker.next_look = now + LOOK_MS;
-        bury_abandoned([](const member_t &member) { // ended before it could be watched, or left the socket to a child
+        close_abandoned([](const member_t &member) { // ended before it could be watched, or left the socket to a child
             auto owner = g_broker.owners.find(member.pid);
             return owner == g_broker.owners.end() || owner->second < 0;
         });
