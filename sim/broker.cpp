@@ -330,7 +330,7 @@ static void close_conn(int fd)
     (void)close(fd);
 }
 
-static bool hear_request(conn_t *conn, const uint8_t *bytes, ssize_t len)
+static bool answer_request(conn_t *conn, const uint8_t *bytes, ssize_t len)
 {
     sim_request_t request;
     if (len < (ssize_t)sizeof(request))
@@ -349,7 +349,7 @@ static bool at_end(int fd)
     return recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
 }
 
-static void hear(int fd)
+static void read_conn(int fd)
 {
     static uint8_t s_bytes[SIM_MAX_DATA + 4096];
     auto it = g_broker.conns.find(fd);
@@ -369,7 +369,7 @@ static void hear(int fd)
         return close_conn(fd);
     if (conn->kind == CONN_TOPOLOGY)
         return topology_request(conn, s_bytes, len);
-    if (hear_request(conn, s_bytes, len))
+    if (answer_request(conn, s_bytes, len))
         return;
     fprintf(stderr, "tipcsim: broker: %zd bytes that are no request: connection closed\n", len);
     close_conn(fd);
@@ -487,7 +487,7 @@ static void loop()
             else if ((ready[i].events & EPOLLOUT) != 0)
                 topology_flush(&conn->second);
             if ((ready[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0)
-                hear(fd);
+                read_conn(fd);
         }
         pass_time(broker_now());
     }
