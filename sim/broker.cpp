@@ -375,7 +375,7 @@ static void read_conn(int fd)
     close_conn(fd);
 }
 
-static void welcome()
+static void accept_conn()
 {
     int fd = accept4(g_broker.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0)
@@ -481,7 +481,7 @@ static void loop()
             int fd = ready[i].data.fd;
             auto conn = g_broker.conns.find(fd);
             if (fd == g_broker.listener)
-                welcome();
+                accept_conn();
             else if (conn == g_broker.conns.end())
                 owner_ended(fd);
             else if ((ready[i].events & EPOLLOUT) != 0)
