@@ -60,7 +60,7 @@ static void drop_names(uint32_t port, member_t *member)
     member->ids.clear();
 }
 
-static void give_back(void *arg, const sim_record_t *record, const uint8_t *data)
+static void return_unread(void *arg, const sim_record_t *record, const uint8_t *data)
 {
     const sim_socket_t *socket = (const sim_socket_t *)arg;
     const sim_state_t *state = g_broker.cluster.state;
@@ -79,7 +79,7 @@ static void close_socket(uint32_t port)
 {
     sim_queue_t queue;
     if (sim_queue_open(&queue, g_broker.cluster.dir, port) == 0) {
-        sim_queue_close(&queue, give_back, queue.socket);
+        sim_queue_close(&queue, return_unread, queue.socket);
         sim_queue_unmap(&queue);
     }
     sim_queue_remove(g_broker.cluster.dir, port);

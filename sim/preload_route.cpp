@@ -241,8 +241,7 @@ uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, c
     return err;
 }
 
-void preload_give_back(const sim_record_t *record, const uint8_t *data, uint32_t err, uint32_t by_port,
-                       uint32_t by_node)
+void preload_return(const sim_record_t *record, const uint8_t *data, uint32_t err, uint32_t by_port, uint32_t by_node)
 {
     sim_cluster_t *cluster = preload_cluster();
     if (record->err != TIPC_OK || !sim_linked(cluster->state->cut, preload_node(), record->src_index))

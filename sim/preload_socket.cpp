@@ -90,10 +90,10 @@ preload_socket_t *preload_get(int fd)
     return entry;
 }
 
-static void give_back_unread(void *arg, const sim_record_t *record, const uint8_t *data)
+static void return_unread(void *arg, const sim_record_t *record, const uint8_t *data)
 {
     const sim_socket_t *socket = (const sim_socket_t *)arg;
-    preload_give_back(record, data, TIPC_ERR_NO_PORT, socket->port, s_cluster.state->nodes[socket->node]);
+    preload_return(record, data, TIPC_ERR_NO_PORT, socket->port, s_cluster.state->nodes[socket->node]);
 }
 
 bool preload_connected(int fd)
@@ -114,7 +114,7 @@ static void close_socket(preload_socket_t *entry)
     (void)sys_close(queue->fd); // our hold on it
     queue->fd = -1;
     if (sim_queue_abandoned(s_cluster.dir, queue->port)) {
-        sim_queue_close(queue, give_back_unread, queue->socket);
+        sim_queue_close(queue, return_unread, queue->socket);
         sim_queue_remove(s_cluster.dir, queue->port);
         (void)preload_tell_broker(SIM_GONE, queue->port, 0, nullptr, 0);
     } else { // another process has it still: its end is not ours
@@ -358,7 +358,7 @@ static void refuse_message(const sim_record_t *record, const struct msghdr *msg,
         memcpy(start + at, msg->msg_iov[i].iov_base, part);
         at += part;
     }
-    preload_give_back(record, start, err, by->port, s_cluster.state->nodes[by->node]);
+    preload_return(record, start, err, by->port, s_cluster.state->nodes[by->node]);
 }
 
 static uint32_t known_node(uint32_t id)

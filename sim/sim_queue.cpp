@@ -329,7 +329,7 @@ int sim_queue_get(sim_queue_t *queue, int wakeup_fd, bool peek, sim_record_t *re
     return 0;
 }
 
-void sim_queue_close(sim_queue_t *queue, sim_give_back_t give_back, void *arg)
+void sim_queue_close(sim_queue_t *queue, sim_return_t return_message, void *arg)
 {
     sim_socket_t *socket = queue->socket;
     {
@@ -339,7 +339,7 @@ void sim_queue_close(sim_queue_t *queue, sim_give_back_t give_back, void *arg)
     for (; socket->num != 0; socket->num--) {
         uint32_t at = next_record(queue, socket->head);
         const sim_record_t *record = record_at(queue, at);
-        give_back(arg, record, queue->room + at + sizeof(*record));
+        return_message(arg, record, queue->room + at + sizeof(*record));
         socket->head = at + record->size;
     }
 }

@@ -72,9 +72,9 @@ uint32_t sim_queue_put(sim_queue_t *queue, const char *dir, int notify_fd, sim_r
 // Takes the first message out, or looks at it: its head, and its data as far as it fits. -EAGAIN when there is none.
 int sim_queue_get(sim_queue_t *queue, int wakeup_fd, bool peek, sim_record_t *record, const struct iovec *data,
                   size_t num);
-// Closes it and hands every unread message to `give_back`.
-typedef void (*sim_give_back_t)(void *arg, const sim_record_t *record, const uint8_t *data);
-void sim_queue_close(sim_queue_t *queue, sim_give_back_t give_back, void *arg);
+// Closes it and hands every unread message to `return_message`.
+typedef void (*sim_return_t)(void *arg, const sim_record_t *record, const uint8_t *data);
+void sim_queue_close(sim_queue_t *queue, sim_return_t return_message, void *arg);
 // What a sender gets back of its own message, or of one that was never read. Nothing when it must not be returned.
 void sim_queue_return(sim_queue_t *to, const char *dir, int notify_fd, const sim_record_t *record, const uint8_t *data,
                       uint32_t err, uint32_t by_port, uint32_t by_node);
