@@ -51,7 +51,7 @@ bool preload_lookup(uint32_t type, uint32_t instance, uint32_t scope_node, prelo
 uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, const struct iovec *data, size_t num);
 void preload_return(const sim_record_t *record, const uint8_t *data, uint32_t err, uint32_t by_port, uint32_t by_node);
 bool preload_take_fault(sim_fault_kind_e kind, uint32_t *value);
-int preload_tell_broker(uint32_t op, uint32_t a, uint32_t b, const struct iovec *more, size_t num);
+int preload_ask_broker(uint32_t op, uint32_t a, uint32_t b, const struct iovec *more, size_t num);
 int preload_hide(int fd); // moves a descriptor of ours out of the application's way
 
 #endif

@@ -77,7 +77,7 @@ int preload_hide(int fd)
     return high;
 }
 
-int preload_tell_broker(uint32_t op, uint32_t a, uint32_t b, const struct iovec *more, size_t num)
+int preload_ask_broker(uint32_t op, uint32_t a, uint32_t b, const struct iovec *more, size_t num)
 {
     sim_cluster_t *cluster = preload_cluster();
     sim_request_t request = {SIM_MAGIC, op, cluster->state->nodes[preload_node()], a, b, 0};
@@ -219,7 +219,7 @@ static bool delivered_later(const preload_target_t *target, sim_record_t *record
         len += data[i].iov_len;
     }
     struct iovec more[2] = {{record, sizeof(*record)}, {s_bytes, len}};
-    return preload_tell_broker(SIM_DELIVER, target->port, target->node, more, 2) == 0;
+    return preload_ask_broker(SIM_DELIVER, target->port, target->node, more, 2) == 0;
 }
 
 uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, const struct iovec *data, size_t num)

@@ -116,10 +116,10 @@ static void close_socket(preload_socket_t *entry)
     if (sim_queue_abandoned(s_cluster.dir, queue->port)) {
         sim_queue_close(queue, return_unread, queue->socket);
         sim_queue_remove(s_cluster.dir, queue->port);
-        (void)preload_tell_broker(SIM_GONE, queue->port, 0, nullptr, 0);
+        (void)preload_ask_broker(SIM_GONE, queue->port, 0, nullptr, 0);
     } else { // another process has it still: its end is not ours
         queue->socket->pid = 0;
-        (void)preload_tell_broker(SIM_SYNC, queue->port, 0, nullptr, 0);
+        (void)preload_ask_broker(SIM_SYNC, queue->port, 0, nullptr, 0);
     }
     sim_queue_unmap(queue);
 }
@@ -230,7 +230,7 @@ int preload_socket(int type)
         return fail(err);
     }
     if (kind == SOCK_RDM) { // the broker watches over its end from here on
-        int ret = preload_tell_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
+        int ret = preload_ask_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
         if (ret != 0)
             preload_complain("no broker in %s: names will be known when there is one again", cluster->dir);
     }
@@ -270,9 +270,9 @@ static int change_names(sim_socket_t *socket, const sim_name_t *name, bool withd
     return removed != 0 || name == nullptr ? 0 : EINVAL;
 }
 
-static int told(preload_socket_t *entry)
+static int synchronise_names(preload_socket_t *entry)
 {
-    (void)preload_tell_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
+    (void)preload_ask_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
     return 0; // without a broker the name becomes known with the next one
 }
 
@@ -282,7 +282,7 @@ int preload_bind(preload_socket_t *entry, const struct sockaddr *generic, sockle
     if (entry->kind != PRELOAD_RDM)
         return preload_refuse("bind on SOCK_SEQPACKET");
     if (len == 0)
-        return change_names(entry->queue.socket, nullptr, true) == 0 ? told(entry) : -1;
+        return change_names(entry->queue.socket, nullptr, true) == 0 ? synchronise_names(entry) : -1;
     if (len < sizeof(*addr) || addr->family != AF_TIPC)
         return fail(EINVAL);
     if (addr->addrtype == TIPC_SOCKET_ADDR)
@@ -303,7 +303,7 @@ int preload_bind(preload_socket_t *entry, const struct sockaddr *generic, sockle
     if (name.lower > name.upper)
         return fail(EINVAL);
     int err = change_names(entry->queue.socket, &name, addr->scope < 0);
-    return err == 0 ? told(entry) : fail(err);
+    return err == 0 ? synchronise_names(entry) : fail(err);
 }
 
 int preload_connect(int fd, preload_socket_t *entry, const struct sockaddr *generic, socklen_t len)
