@@ -33,7 +33,7 @@ static void answer(int sd, const wire::header_t &to, const wire::bytes_t &body)
     (void)sendto(sd, bytes.data(), bytes.size(), 0, (struct sockaddr *)&addr, sizeof(addr));
 }
 
-static void shake_hands(int sd, const wire::bytes_t &message)
+static void handshake(int sd, const wire::bytes_t &message)
 {
     wire::header_t header = wire::header_of(message);
     wire::bytes_t body = wire::body_of(message);
@@ -67,6 +67,6 @@ int main(int argc, char **argv)
         if (len < 36)
             continue; // one that came back
         message.resize((size_t)len);
-        shake_hands(sd, message);
+        handshake(sd, message);
     }
 }
