@@ -1,5 +1,4 @@
-// TIPC sockets as the kernel makes them behave, on queues in shared memory. Each call is entered by whatever thread of
-// the application makes it.
+// The kernel's behaviour of TIPC sockets, on queues in shared memory.
 #include "preload.h"
 #include "sim_protocol.h"
 #include "sim_sys.h"
@@ -17,7 +16,7 @@
 constexpr int MAX_FDS = 65536;
 constexpr uint32_t FIRST_FREE_TYPE = TIPC_RESERVED_TYPES;
 
-static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER; // guards the table's changes and the entries' references
+static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER; // guards changes of s_table and the entries' references
 static preload_socket_t *s_table[MAX_FDS];
 
 static pthread_mutex_t s_cluster_mutex = PTHREAD_MUTEX_INITIALIZER; // guards the opening of the cluster
@@ -105,19 +104,19 @@ bool preload_connected(int fd)
     return connected;
 }
 
-// The last descriptor of this process is gone. A child or parent may still have the socket.
+// Called when the last reference of this process is gone. A child or the parent may still hold the socket.
 static void close_socket(preload_socket_t *entry)
 {
     sim_queue_t *queue = &entry->queue;
     if (entry->kind == PRELOAD_TOPOLOGY)
         return;
-    (void)sys_close(queue->fd); // our hold on it
+    (void)sys_close(queue->fd); // releases this process's share of the lock on the file
     queue->fd = -1;
     if (sim_queue_abandoned(s_cluster.dir, queue->port)) {
         sim_queue_close(queue, return_unread, queue->socket);
         sim_queue_remove(s_cluster.dir, queue->port);
         (void)preload_ask_broker(SIM_GONE, queue->port, 0, nullptr, 0);
-    } else { // another process has it still: its end is not ours
+    } else { // another process still has the socket, so it stays open
         queue->socket->pid = 0;
         (void)preload_ask_broker(SIM_SYNC, queue->port, 0, nullptr, 0);
     }
@@ -184,7 +183,7 @@ static int open_wakeup_socket(const sim_cluster_t *cluster, uint32_t port, int f
     return -err;
 }
 
-// Under the cluster's lock, so that the broker does not take the folder for unused meanwhile.
+// Takes the cluster's lock, so that the broker does not find the folder unused and remove it meanwhile.
 static int open_rdm(sim_cluster_t *cluster, preload_socket_t *entry, int flags)
 {
     int lock = sim_cluster_lock(cluster->dir);
@@ -229,7 +228,7 @@ int preload_socket(int type)
         free(entry);
         return fail(err);
     }
-    if (kind == SOCK_RDM) { // the broker watches over its end from here on
+    if (kind == SOCK_RDM) { // from here on the broker closes the socket when its processes end
         int ret = preload_ask_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
         if (ret != 0)
             preload_complain("no broker in %s: names will be known when there is one again", cluster->dir);
@@ -257,7 +256,7 @@ static int change_names(sim_socket_t *socket, const sim_name_t *name, bool withd
         return 0;
     }
     if (socket->name_num == 0)
-        return 0; // whatever is to be withdrawn
+        return 0; // with no names at all, every withdrawal succeeds
     uint32_t kept = 0;
     uint32_t removed = 0;
     for (uint32_t i = 0; i < socket->name_num; i++) {
@@ -273,7 +272,7 @@ static int change_names(sim_socket_t *socket, const sim_name_t *name, bool withd
 static int synchronise_names(preload_socket_t *entry)
 {
     (void)preload_ask_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
-    return 0; // without a broker the name becomes known with the next one
+    return 0; // when there is no broker, the next one reads the names from the socket
 }
 
 int preload_bind(preload_socket_t *entry, const struct sockaddr *generic, socklen_t len)
@@ -391,7 +390,7 @@ static ssize_t send_by_name(const struct sockaddr_tipc *addr, sim_record_t *reco
         if (err == TIPC_OK)
             return record->len;
         if (err == TIPC_ERR_NO_PORT && tries == 0)
-            continue; // the name may lie elsewhere as well
+            continue; // another socket may have the same name
         refuse_message(record, msg, err == TIPC_ERR_NO_PORT ? (uint32_t)TIPC_ERR_NO_NAME : err, &target);
         return record->len;
     }
@@ -409,7 +408,8 @@ static ssize_t send_by_port(const struct sockaddr_tipc *addr, sim_record_t *reco
     return record->len;
 }
 
-// What a fault makes of a send: -1 and errno, fewer bytes, or a message that comes straight back.
+// Takes a fault ordered with `tipcsim fail`, if there is one for this process: the send fails with an errno, reports
+// fewer bytes, or its message is returned at once.
 static bool faulted(sim_record_t *record, const struct msghdr *msg, ssize_t *result)
 {
     uint32_t value = 0;
@@ -514,7 +514,8 @@ static void name_sender(const sim_record_t *record, struct msghdr *msg)
     msg->msg_namelen = sizeof(addr);
 }
 
-// Waits for the wake-up socket as a blocking read does. 0 or an errno.
+// Waits until the wake-up socket holds a byte, as a blocking read would: not at all when the descriptor or the call is
+// non-blocking, else for SO_RCVTIMEO. 0 or an errno.
 static int wait_readable(int fd, int flags)
 {
     if ((flags & MSG_DONTWAIT) != 0 || (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0)
@@ -531,7 +532,8 @@ static int wait_readable(int fd, int flags)
     return ret < 0 ? errno : 0;
 }
 
-// A returned message's data goes into the control buffer, so it is read into one of ours first.
+// Receives one message. The data of a returned message goes into the control buffer, so it is first read into a buffer
+// of this function.
 static ssize_t hand_over(preload_socket_t *entry, int fd, struct msghdr *msg, int flags, bool *again)
 {
     uint8_t returned[SIM_MAX_RETURNED];
@@ -548,7 +550,7 @@ static ssize_t hand_over(preload_socket_t *entry, int fd, struct msghdr *msg, in
     if (ret != 0)
         return ret;
     if (!came_back && record.len == 0) {
-        *again = true; // the kernel, too, wakes for an empty datagram and then passes it over
+        *again = true; // the kernel wakes the receiver for an empty datagram, too, and then skips it
         if (peek)
             (void)sim_queue_get(&entry->queue, fd, false, &taken, nullptr, 0);
         return 0;

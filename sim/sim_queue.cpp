@@ -1,6 +1,4 @@
-// The queue in a simulated socket's file. Entered by its owner, by every sender and by the broker, each through a
-// mapping of its own; a process killed at any step leaves a queue that the next one finds whole: `tail` and `head` move
-// last, and the counts are made anew from them.
+// The files of a simulated socket and the queue in them.
 #include "sim_queue.h"
 #include "sim_sys.h"
 
@@ -19,7 +17,7 @@
 
 constexpr size_t HEAD_SIZE = 4096;
 constexpr size_t BACKING_STEP = 65536;
-static_assert(sizeof(sim_socket_t) <= HEAD_SIZE, "the head has a page");
+static_assert(sizeof(sim_socket_t) <= HEAD_SIZE, "the head fits into its page");
 
 static bool segment_path(const char *dir, uint32_t port, char *path, size_t size)
 {
@@ -44,14 +42,14 @@ uint32_t sim_queue_charge(uint32_t len)
     return size + 256;
 }
 
-// Room for what the highest importance admits, and one message that did not fit before the end.
+// Room for all that the highest importance admits, and for one message that does not fit before the end of the room.
 static size_t room_for(uint32_t rmem)
 {
     size_t room = ((size_t)rmem << 3) + 2 * sim_queue_charge(SIM_MAX_DATA);
     return (room + 4095) & ~(size_t)4095;
 }
 
-// Through a descriptor of its own: a mapping keeps the lock of the one that it was made with.
+// Opens a descriptor of its own: a mapping keeps the lock of the descriptor that it was made with.
 static int map_segment(sim_queue_t *queue, const char *path, size_t size)
 {
     int fd = open(path, O_RDWR | O_CLOEXEC);
@@ -113,7 +111,7 @@ int sim_queue_open(sim_queue_t *queue, const char *dir, uint32_t port)
         return -errno;
     int ret = fstat(queue->fd, &status) != 0 ? -errno : 0;
     if (ret == 0 && status.st_size <= (off_t)HEAD_SIZE)
-        ret = -EINVAL; // garbage, or its maker has not come further yet
+        ret = -EINVAL; // garbage, or a file that is still being made
     if (ret == 0)
         ret = map_segment(queue, path, (size_t)status.st_size);
     if (ret == 0 && __atomic_load_n(&queue->socket->magic, __ATOMIC_ACQUIRE) != SIM_MAGIC) {
@@ -121,7 +119,7 @@ int sim_queue_open(sim_queue_t *queue, const char *dir, uint32_t port)
         queue->socket = nullptr;
         ret = -EINVAL;
     }
-    (void)sys_close(queue->fd); // the owner alone keeps it
+    (void)sys_close(queue->fd); // only the owner keeps it
     queue->fd = -1;
     return ret;
 }
@@ -164,7 +162,7 @@ static sim_record_t *record_at(sim_queue_t *queue, uint32_t offset)
     return (sim_record_t *)(queue->room + offset);
 }
 
-// The first record at or behind `offset`, over the end of the room if need be.
+// The offset of the next record: `offset`, or 0 when that record is at the start of the room.
 static uint32_t next_record(sim_queue_t *queue, uint32_t offset)
 {
     if (offset + sizeof(sim_record_t) > queue->room_size || record_at(queue, offset)->size == 0)
@@ -172,7 +170,7 @@ static uint32_t next_record(sim_queue_t *queue, uint32_t offset)
     return offset;
 }
 
-// After a holder's death: the counts follow from head and tail.
+// Counts the messages again from head and tail, after a process died with the mutex held.
 static void recount(sim_queue_t *queue)
 {
     sim_socket_t *socket = queue->socket;
@@ -184,7 +182,7 @@ static void recount(sim_queue_t *queue)
         socket->charged += record_at(queue, at)->charge;
         at += record_at(queue, at)->size;
     }
-    socket->notified = 0; // one wake-up too many does no harm
+    socket->notified = 0; // may be wrong, but an additional wake-up does no harm
 }
 
 struct queue_guard_s : sim_guard_s {
@@ -195,7 +193,7 @@ struct queue_guard_s : sim_guard_s {
     }
 };
 
-// Where a record of `size` bytes goes, or UINT32_MAX when there is no room.
+// The offset for a new record of `size` bytes, or UINT32_MAX when there is no room.
 static uint32_t find_room(sim_queue_t *queue, uint32_t size)
 {
     sim_socket_t *socket = queue->socket;
@@ -226,7 +224,7 @@ static bool allocate(sim_queue_t *queue, const char *dir, uint64_t bytes)
     return err == 0;
 }
 
-// The disk must have given the room before it is written to.
+// Allocates the room on the disk up to `end` before it is written to. On a full disk the write would raise SIGBUS.
 static bool back(sim_queue_t *queue, const char *dir, uint64_t end)
 {
     sim_socket_t *socket = queue->socket;
@@ -243,7 +241,7 @@ static bool back(sim_queue_t *queue, const char *dir, uint64_t end)
     return true;
 }
 
-// False when nobody listens any more.
+// Writes the byte that wakes the receiver. False when nobody has the wake-up socket open any more.
 static bool notify(sim_queue_t *queue, const char *dir, int notify_fd)
 {
     struct sockaddr_un addr;
@@ -334,7 +332,7 @@ void sim_queue_close(sim_queue_t *queue, sim_return_t return_message, void *arg)
     sim_socket_t *socket = queue->socket;
     {
         queue_guard_s guard(queue);
-        socket->closed = 1; // nobody puts anything in from here on
+        socket->closed = 1; // no message is added from here on
     }
     for (; socket->num != 0; socket->num--) {
         uint32_t at = next_record(queue, socket->head);
@@ -355,7 +353,7 @@ void sim_queue_return(sim_queue_t *to, const char *dir, int notify_fd, const sim
     answer.src_port = by_port;
     answer.src_node = by_node;
     answer.droppable = 1;
-    answer.importance = TIPC_CRITICAL_IMPORTANCE; // as the kernel judges its room
+    answer.importance = TIPC_CRITICAL_IMPORTANCE; // the limit up to which the kernel admits returned messages
     answer.charge = answer.len + 128;
     struct iovec part = {const_cast<uint8_t *>(data), answer.len};
     (void)sim_queue_put(to, dir, notify_fd, &answer, &part, 1);
