@@ -1,4 +1,4 @@
-// The broker's loop: connections, the ends of processes, delayed messages, and its own end with the last client.
+// The broker's loop: connections, processes that end, delayed messages, and the broker's own end after the last client.
 #include "broker.h"
 
 #include <algorithm>
@@ -24,8 +24,8 @@
 
 broker_t g_broker;
 
-constexpr int64_t LOOK_MS = 200;          // how often what cannot be waited for is looked at
-constexpr int64_t FIRST_CLIENT_MS = 5000; // who started it comes at once
+constexpr int64_t LOOK_MS = 200;          // the interval of checks for what no descriptor reports
+constexpr int64_t FIRST_CLIENT_MS = 5000; // ample: the process that starts the broker connects at once
 constexpr int EVENTS = 64;
 
 int64_t broker_now()
@@ -47,7 +47,8 @@ static void watch_owner(int32_t pid)
 {
     if (pid <= 0 || g_broker.owners.count(pid) != 0)
         return;
-    int fd = (int)syscall(SYS_pidfd_open, pid, 0); // fails when it has ended: looked at by time then
+    // Fails when the process has ended; pass_time then checks its sockets.
+    int fd = (int)syscall(SYS_pidfd_open, pid, 0);
     g_broker.owners[pid] = fd;
     if (fd >= 0)
         watch(fd);
@@ -74,7 +75,7 @@ static void return_unread(void *arg, const sim_record_t *record, const uint8_t *
     sim_queue_unmap(&sender);
 }
 
-// A socket whose processes ended without closing it: what the kernel would do in their place.
+// Closes a socket whose processes ended without closing it, as the kernel would.
 static void close_socket(uint32_t port)
 {
     sim_queue_t queue;
@@ -112,7 +113,7 @@ static void owner_ended(int fd)
     close_abandoned([pid](const member_t &member) { return member.pid == pid; });
 }
 
-// Brings the table in line with what the socket says of itself.
+// Publishes and withdraws names until the name table holds those that the socket's file lists.
 static int sync_socket(uint32_t port)
 {
     sim_queue_t queue;
@@ -177,7 +178,7 @@ static void put(const delayed_t &message)
     sim_queue_unmap(&queue);
 }
 
-// A link that is cut keeps what it was given until it is missed.
+// A cut link keeps its messages until it is lost.
 static void deliver(const delayed_t &message)
 {
     const sim_state_t *state = g_broker.cluster.state;
@@ -187,7 +188,7 @@ static void deliver(const delayed_t &message)
         g_broker.held.push_back(message);
 }
 
-// Of the messages held for links between `a` and `b`: `put_them` or forget them.
+// Delivers the messages that are held for links between `a` and `b`, or with `put_them` false drops them.
 static void end_hold(uint32_t a, uint32_t b, bool put_them)
 {
     std::vector<delayed_t> kept;
@@ -232,7 +233,7 @@ static int take_delayed(const sim_request_t &request, const uint8_t *bytes, size
 static int set_delay(uint32_t a, uint32_t b, uint32_t ms)
 {
     sim_state_t *state = g_broker.cluster.state;
-    for (auto &entry : g_broker.delayed) // the order of a pair's messages must not depend on what comes now
+    for (auto &entry : g_broker.delayed) // at once: messages sent under the new delay must not overtake them
         deliver(entry.second);
     g_broker.delayed.clear();
     sim_guard_s guard(&state->mutex);
@@ -270,7 +271,7 @@ static void heal(uint32_t a, uint32_t b)
         bool same = (from == a && (b == SIM_ANY_NODE || to == b)) || (to == a && (b == SIM_ANY_NODE || from == b));
         it = same ? g_broker.breaking.erase(it) : std::next(it);
     }
-    end_hold(a, b, true); // first what was sent first
+    end_hold(a, b, true); // before the link takes new messages, so that they stay in order
     {
         sim_guard_s guard(&state->mutex);
         sim_break(state->cut, a, b, false);
@@ -287,7 +288,7 @@ static void drop_topology(uint32_t node)
 {
     for (auto &entry : g_broker.conns) {
         if (entry.second.kind == CONN_TOPOLOGY && (node == SIM_ANY_NODE || entry.second.node == index_of(node)))
-            (void)shutdown(entry.first, SHUT_RDWR); // its end is read like one of the other side
+            (void)shutdown(entry.first, SHUT_RDWR); // read_conn then closes it as if the client had
     }
 }
 
@@ -364,7 +365,7 @@ static void read_conn(int fd)
     if (len < 0 && (errno == EAGAIN || errno == EINTR))
         return;
     if (len == 0 && conn->kind == CONN_TOPOLOGY && !at_end(fd))
-        return; // an empty request is none
+        return; // an empty message is not the end of the connection, and no request
     if (len <= 0)
         return close_conn(fd);
     if (conn->kind == CONN_TOPOLOGY)
@@ -397,7 +398,7 @@ static void adopt(const std::string &name)
         (void)sync_socket(port);
 }
 
-// A process that was started in the cluster holds its file for as long as it, or a child, lives.
+// A process that was started in the cluster holds a lock on its "p." file as long as it, or a child of it, lives.
 static bool processes_live()
 {
     bool any = false;
@@ -419,7 +420,8 @@ static int remove_entry(const char *path, const struct stat * /*status*/, int /*
     return remove(path);
 }
 
-// Under the cluster's lock: nobody joins between the look and the removal.
+// Removes the folder when nothing uses it. The cluster's lock keeps processes from joining between the check and the
+// removal.
 static bool ended()
 {
     if (!g_broker.conns.empty() || !g_broker.members.empty() || broker_now() < g_broker.awaited)
@@ -433,7 +435,7 @@ static bool ended()
         used = used || !g_broker.members.empty();
     });
     struct epoll_event ready;
-    used = used || epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // somebody is at the door
+    used = used || epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // a client is connecting
     if (!used)
         (void)nftw(g_broker.cluster.dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
     (void)close(lock);
@@ -455,7 +457,8 @@ static void pass_time(int64_t now)
     topology_time(now);
     if (now >= g_broker.next_look) {
         g_broker.next_look = now + LOOK_MS;
-        close_abandoned([](const member_t &member) { // ended before it could be watched, or left the socket to a child
+        // Those whose maker ended before it could be watched, or closed the socket while another process holds it.
+        close_abandoned([](const member_t &member) {
             auto owner = g_broker.owners.find(member.pid);
             return owner == g_broker.owners.end() || owner->second < 0;
         });
@@ -500,13 +503,13 @@ static int listen_at(const char *dir)
     if (!sim_cluster_path(dir, "broker", addr.sun_path, sizeof(addr.sun_path)))
         return -ENAMETOOLONG;
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    (void)unlink(addr.sun_path); // left by one that was killed
+    (void)unlink(addr.sun_path); // left by a broker that was killed
     if (fd < 0 || bind(fd, (struct sockaddr *)&addr, sizeof(addr)) != 0 || listen(fd, 1024) != 0)
         return -errno;
     return fd;
 }
 
-// Its lock is held for as long as the broker lives. False when another one holds it.
+// Locks broker.pid; the lock is held as long as the broker runs. False when another broker holds it.
 static bool only_one(const char *dir)
 {
     char path[SIM_PATH_LEN];
@@ -526,7 +529,7 @@ static void write_pid(const char *dir)
     (void)fclose(fp);
 }
 
-// In the background, with nothing of its starter's but standard error.
+// Detaches from the starter. Standard error is kept with TIPCSIM_DEBUG only.
 static void go_to_background()
 {
     if (fork() != 0)
@@ -542,7 +545,7 @@ static void go_to_background()
 
 int broker_main(const char *dir)
 {
-    (void)syscall(SYS_close_range, 3, UINT_MAX, 0); // what the one that started it left open, its mark among them
+    (void)syscall(SYS_close_range, 3, UINT_MAX, 0); // inherited ones, among them the lock on the starter's "p." file
     const char *why = "";
     int ret = sim_cluster_open(&g_broker.cluster, dir, true, &why);
     if (ret != 0) {
@@ -571,7 +574,7 @@ int broker_main(const char *dir)
     watch(g_broker.listener);
     {
         sim_guard_s guard(&g_broker.cluster.state->mutex);
-        g_broker.cluster.state->name_num = 0; // made anew from the sockets that are there
+        g_broker.cluster.state->name_num = 0; // rebuilt below from the sockets that exist
         g_broker.cluster.state->generation++;
     }
     sim_each_file(g_broker.cluster.dir, "s.", adopt);

@@ -1,5 +1,5 @@
-// The topology service: subscriptions of every connection against the name table. A node sees its own names and those
-// of cluster scope on nodes that it is linked with.
+// The topology service: matches the subscriptions of every connection with the name table. A node sees its own names,
+// and the names of cluster scope on nodes that it has a link to.
 #include "broker.h"
 
 #include <algorithm>
@@ -55,7 +55,8 @@ void topology_flush(conn_t *conn)
         (void)shutdown(conn->fd, SHUT_RDWR);
 }
 
-// Whether a subscription of this kind hears of a name, when `others` names of the same range are seen from its node.
+// Whether a subscription is notified of a name. `others`: its node sees further names of the same range, so that the
+// event is not the first publication or the last withdrawal of the range.
 static bool concerns(const subscription_t &subscription, const sim_name_t &name, bool others)
 {
     if (!overlaps(subscription.request, name))
@@ -125,7 +126,8 @@ void topology_remove(uint32_t port, uint32_t id)
     notify_subscribers(name, TIPC_WITHDRAWN);
 }
 
-// What one node's subscriptions see of a change of its links.
+// Notifies one connection of the names that a change of links made visible or invisible. `before`: the lost links
+// before the change.
 static void notify_link_change(conn_t *conn, const sim_matrix_t before)
 {
     const sim_state_t *state = g_broker.cluster.state;
@@ -218,7 +220,7 @@ void topology_request(conn_t *conn, const void *bytes, ssize_t len)
         return refuse(conn, "lower bound above upper bound");
     if ((request.filter & kinds) == kinds)
         return refuse(conn, "both kinds of events asked for");
-    if (request.seq.type <= (uint32_t)TIPC_LINK_STATE && request.seq.upper != 0) // 0 is no node's and no link's
+    if (request.seq.type <= (uint32_t)TIPC_LINK_STATE && request.seq.upper != 0) // no node and no link has instance 0
         return refuse(conn, "node and link states are not simulated");
     subscription_t subscription = {request, INT64_MAX};
     if (request.timeout != (uint32_t)TIPC_WAIT_FOREVER)
