@@ -1,7 +1,7 @@
-// A simulated socket: a file in the cluster's folder that its owner and every sender map, with the receive queue in it,
-// and beside it a Unix datagram socket, the wake-up socket, which is the descriptor that the application polls. The
-// wake-up socket holds a byte exactly while the queue holds a message. The owner, and children that inherited the
-// socket, hold a lock on the file: whoever can take that lock knows that they are all gone.
+// A simulated socket. It consists of two files in the cluster's folder. One is mapped by its owner and by every sender,
+// and has the receive queue in it. The other is a Unix datagram socket, the wake-up socket, which is the descriptor
+// that the application polls. It holds a byte exactly while the queue holds a message. The owner, and children that
+// inherited the socket, hold a lock on the first file: whoever can take that lock knows that they are all gone.
 //
 // The owner, every sender and the broker enter the queue, each through a mapping of its own. A process may be killed at
 // any step: `tail` and `head` move last, and the next process that takes the mutex counts the messages again from them.
