@@ -1,4 +1,4 @@
-# The front door. `make help` lists what there is; every word is the same for a developer, a new user and CI.
+# The entry point for developers, users and CI. `make help` lists the targets.
 SHELL := /bin/bash
 PRESET ?= release
 BUILD := build/$(PRESET)
@@ -13,10 +13,10 @@ ON ?= sim
 
 .PHONY: bench chaos docs explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
 
-help: ## this list
+help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
 
-setup: ## install the packages that building and testing need (root), or say which are missing
+setup: ## install the packages that building and testing need (as root), or name those that are missing
 	@scripts/setup
 
 build: setup ## configure and build everything (PRESET=release, debug, asan or tsan)
@@ -24,34 +24,34 @@ build: setup ## configure and build everything (PRESET=release, debug, asan or t
 	@cmake --build $(BUILD) -j$(JOBS) -- --no-print-directory >build/build-$(PRESET).log 2>&1 || { cat build/build-$(PRESET).log; exit 1; }
 	@echo "built in $(BUILD)"
 
-demo: build ## three nodes, two servers and a client, and what they say to each other
+demo: build ## run two servers and a client on three nodes, and print what they do
 	@examples/demo/run
 
-demo-lab: build ## the same on a real kernel, in the lab
+demo-lab: build ## run the demo on a real kernel, in the lab
 	@examples/demo/run lab
 
-check: setup ## everything that must be green: build, lint, all tests; ends with "N passed, M failed"
+check: setup ## build, lint and run all tests; the last line is "N passed, M failed"
 	@scripts/check
 
-lint: setup ## formatting, clang-tidy, thread-safety annotations, house rules
+lint: setup ## check formatting, clang-tidy, thread-safety annotations and the project's own rules
 	@scripts/lint
 
-unit: build ## unit, wire and ABI tests
+unit: build ## run unit, wire and ABI tests
 	@scripts/ctest
 
-asan: ## unit tests under AddressSanitizer and UBSan
+asan: ## run unit tests under AddressSanitizer and UBSan
 	@$(MAKE) --no-print-directory unit PRESET=asan
 
-tsan: ## unit tests under ThreadSanitizer
+tsan: ## run unit tests under ThreadSanitizer
 	@$(MAKE) --no-print-directory unit PRESET=tsan
 
-integration: build ## real processes on real kernel TIPC, in the lab
+integration: build ## run integration tests, which are real processes, on a real kernel's TIPC, in the lab
 	@tests/integration/run lab
 
-integration-sim: build ## the same on the simulator (PRESET=release, asan or tsan)
+integration-sim: build ## run integration tests on the simulator (PRESET=release, asan or tsan)
 	@tests/integration/run sim
 
-conformance: build ## how TIPC behaves, on plain sockets: the simulator and the kernel give the same answers
+conformance: build ## check on plain sockets that the simulator behaves like the kernel's TIPC
 	@tests/conformance/run sim
 	@tests/conformance/run lab
 
@@ -59,10 +59,10 @@ fuzz: setup ## fuzz each target for SECONDS=n (60), two at a time; findings go t
 	@$(MAKE) --no-print-directory build PRESET=fuzz
 	@scripts/fuzz run $(SECONDS)
 
-chaos: build ## processes and faults for MINUTES=n (10) with SEED=s (1), ON=sim, lab or wire
+chaos: build ## run processes under random faults for MINUTES=n (10) with SEED=s (1), ON=sim, lab or wire
 	@tests/chaos/run $(ON) $$(($(MINUTES) * 60)) $(SEED)
 
-explore: build ## the handshake's core against a model of TIPC, at random for SECONDS=n (60) with SEED=s (1), and exhaustively
+explore: build ## run the handshake's core on a model of TIPC, at random for SECONDS=n (60) with SEED=s (1), and exhaustively
 	@$(BUILD)/tests/explore/zeb_explore --mode all --seconds $(SECONDS) --seed $(SEED) --depth 9 --faults 1
 
 docs: ## draw docs/*.svg from docs/*.dot, the handshake's and the floors' text made anew, with Graphviz
@@ -74,12 +74,12 @@ docs: ## draw docs/*.svg from docs/*.dot, the handshake's and the floors' text m
 	@set -e; for text in docs/*.dot; do dot -Tsvg $$text >build/drawn.svg; \
 		{ cat build/drawn.svg; echo "<!-- of $$(sha256sum <$$text | cut -c1-64) -->"; } >$${text%.dot}.svg; echo "drawn: $${text%.dot}.svg"; done
 
-bench: ## measure against raw TIPC, libzmq and nng (ROUNDS=7), in the lab and on the simulator; tables and a plot in bench/results
+bench: ## compare with raw TIPC, libzmq and nng (ROUNDS=7), in the lab and on the simulator; tables and plots go to bench/results
 	@scripts/setup bench
 	@$(MAKE) --no-print-directory build PRESET=release
 	@bench/run all $(ROUNDS)
 
-install: build ## install below DESTDIR and the prefix that CMake was configured with
+install: build ## install to DESTDIR and the prefix that CMake was configured with
 	@cmake --install $(BUILD)
 
 clean: ## remove all build output

@@ -1,10 +1,10 @@
-// One process of a measurement. A server answers until it is killed; a client reads orders from standard input, one per
+// One process of a measurement. A server answers until it is killed. A client reads orders from standard input, one per
 // line, and prints one line of `name=value` words for each.
 //   bench TRANSPORT serve|client INDEX SERVERS [WORK]
-//   oneway SIZE COUNT        COUNT messages to every server, to the last one processed
+//   oneway SIZE COUNT        COUNT messages to every server; ends when the last one is processed
 //   trip SIZE COUNT          COUNT calls, one after the other
-//   rate SIZE COUNT RATE     COUNT calls, RATE a second by the clock: a late one counts from when it was due
-//   burst SIZE COUNT         COUNT messages to every server, not more than the window has left, while they are stopped
+//   rate SIZE COUNT RATE     COUNT calls, RATE per second; the latency of a late call counts from the time it was due
+//   burst SIZE COUNT         COUNT messages to every server while the servers are stopped; COUNT must fit the window
 #include "bench.h"
 
 #include <algorithm>
@@ -48,7 +48,7 @@ static double now_us()
     return (double)now.tv_sec * 1e6 + (double)now.tv_nsec / 1e3;
 }
 
-// What this process has used.
+// The resources that this process has used since its start.
 static bench_count_t usage()
 {
     struct rusage used;
@@ -99,7 +99,7 @@ bool bench_received(int server, const void *data, size_t len, bench_count_t *ans
         work_on(data, len);
         return false;
     }
-    if (msg.seq == 0) { // no counts asked for: what a timed call gets
+    if (msg.seq == 0) { // a timed call: it asks for no counts
         *answer = {};
         answer->kind = BENCH_TRIP;
         return true;
@@ -127,8 +127,8 @@ static void plain_call(size_t size)
         bench_fail("call");
 }
 
-// The counts of all servers together, of what they had from this client. Asked again until everything has arrived:
-// transports that keep calls and one-way messages apart answer early.
+// The sum of all servers' counts of this client's messages. Asks again until all messages have arrived: in transports
+// with separate connections for calls and for one-way messages, a call can overtake messages sent before it.
 static bench_count_t counted()
 {
     bench_count_t answers[BENCH_SERVER_NUM];
@@ -141,7 +141,7 @@ static bench_count_t counted()
         for (int i = 0; i < s_conf.server_num; i++) {
             sum.received += answers[i].received;
             sum.disordered += answers[i].disordered;
-            sum.cpu_us += answers[i].cpu_us / (uint64_t)sharing; // each tells its whole process's
+            sum.cpu_us += answers[i].cpu_us / (uint64_t)sharing; // each server reports the figures of its whole process
             sum.switches += answers[i].switches / (uint64_t)sharing;
             sum.rss_kb = std::max(sum.rss_kb, answers[i].rss_kb);
         }
@@ -192,7 +192,7 @@ static void oneway(size_t size, int count)
     printf("\n");
 }
 
-// The next line tells that the servers stand still, or go on.
+// Prints `what` and waits for a line: measure.py writes it once the servers are stopped, or continued.
 static void say_and_wait(const char *what)
 {
     char line[128];
@@ -202,7 +202,7 @@ static void say_and_wait(const char *what)
         bench_fail("order");
 }
 
-// What sending costs by itself: nobody has to be woken, and nobody answers.
+// Measures sending alone: the servers are stopped, so no send wakes one and none answers.
 static void burst(size_t size, int count)
 {
     run_t run = begin_run();

@@ -1,5 +1,5 @@
-// nng over ipc, since it has no tipc: PUSH and PULL for one-way messages, REQ and REP for round trips. One node, one
-// server.
+// nng over ipc, because nng has no TIPC transport: PUSH and PULL for one-way messages, REQ and REP for round trips. It
+// measures one server on the client's node only.
 #include "bench.h"
 
 #include <cstdio>
@@ -30,7 +30,7 @@ static void check(int ret, const char *what)
         bench_fail(what);
 }
 
-static std::mutex s_mutex; // two threads of one server
+static std::mutex s_mutex; // serialises bench_received between the server's two threads
 
 static void *serve_oneway(void *)
 {
@@ -80,7 +80,7 @@ static void serve(const bench_conf_t *)
 static void dial(nng_socket sock, const char *purpose)
 {
     while (nng_dial(sock, endpoint(purpose), nullptr, 0) != 0)
-        (void)usleep(10000); // not listening yet
+        (void)usleep(10000); // the server does not listen yet
 }
 
 static void open(const bench_conf_t *)

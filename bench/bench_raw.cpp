@@ -1,7 +1,7 @@
-// The limits. "raw": TIPC sockets alone, with the same window and acknowledgements, one thread at each end. "threads":
-// the same over the library's threads and system calls and nothing else: a receive thread that polls before it reads
-// each datagram and copies it, and hands it over a queue to the thread that takes it, which it wakes once for one-way
-// messages that came together.
+// The limits that the library is compared with. "raw" uses plain TIPC sockets with the same window and
+// acknowledgements, and one thread at each end. "threads" adds only the library's threads and system calls: a receive
+// thread polls before it reads each datagram, copies it, and puts it on a queue for the dispatching thread. It wakes
+// that thread once for one-way messages that arrive together.
 #include "bench.h"
 
 #include <cerrno>
@@ -20,12 +20,12 @@
 
 constexpr uint32_t NAME_TYPE = 24000;
 constexpr uint32_t CLIENT_INSTANCE = 100000;
-constexpr int UNSIGNALLED_MAX = 64; // as the library
+constexpr int UNSIGNALLED_MAX = 64; // as in the library
 constexpr size_t STREAMED_LEN_MAX = 4096;
-constexpr size_t HEADER_LEN = 36; // as many bytes as the library's header has
+constexpr size_t HEADER_LEN = 36; // bytes, the same as the library's header
 
 static bench_conf_t s_conf;
-static uint32_t s_first; // server's instance; each transport here has its own
+static uint32_t s_first; // TIPC instance of the first server; different for each transport of this file
 static int s_sd[BENCH_SERVER_NUM];
 static int s_unacked[BENCH_SERVER_NUM];
 static char s_out[HEADER_LEN + BENCH_SIZE_MAX];
@@ -44,7 +44,7 @@ static uint32_t client_instance(int index)
     return CLIENT_INSTANCE + s_first + (uint32_t)index;
 }
 
-// Where an answer or an acknowledgement goes back to and comes from: the first words of each message.
+// The first words of each message. An answer or an acknowledgement is sent to `from` and repeats both.
 typedef struct raw_hdr_s {
     uint32_t from; // instance
     uint32_t server;
@@ -102,7 +102,8 @@ static void *serve_loop(void *)
     return nullptr;
 }
 
-// Servers of one process are 16 apart, so that one client numbers those of four processes without gaps.
+// The instances of a process start 16 after those of the process before it, so that 64 servers in four processes have
+// consecutive instances.
 static uint32_t server_instance(int process, int i)
 {
     return s_first + (uint32_t)(process * 16 + i);
@@ -118,7 +119,7 @@ static void serve(const bench_conf_t *conf)
         bench_fail("thread");
 }
 
-// In the library's order: one server of each process after the other.
+// The servers are numbered in the library's order: one of each process in turn.
 static uint32_t instance_of(int server)
 {
     int processes = s_conf.server_num / bench_servers_per_process(&s_conf);
@@ -159,7 +160,7 @@ static void open(const bench_conf_t *conf)
     for (int i = 0; i < conf->server_num; i++) {
         raw_hdr_t hdr = {client_instance(conf->index), (uint32_t)i};
         while (!try_send(s_sd[0], instance_of(i), hdr, &hello, sizeof(hello), sizeof(hello)))
-            (void)usleep(10000); // the name is not known here yet
+            (void)usleep(10000); // the name is not published on this node yet
         bench_count_t answer;
         (void)read_back(&answer);
     }
@@ -187,7 +188,7 @@ static int call(const void *data, size_t len, bench_count_t *answers)
 
 const bench_transport_t g_bench_raw = {"raw", serve, open, send, call};
 
-// With a receive thread.
+// The transports with a receive thread.
 
 typedef struct item_s {
     int server;
@@ -197,11 +198,11 @@ typedef struct item_s {
 
 static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t s_cond = PTHREAD_COND_INITIALIZER;
-static std::deque<item_t *> s_queue; // of a server; answers and acknowledgements of a client are filed at once
+static std::deque<item_t *> s_queue; // of a server; a client processes answers and acknowledgements at once
 static bench_count_t *s_answers;
 static int s_answered;
-static int s_socket_num;  // that the receive thread reads
-static int s_unsignalled; // of the receive thread: queued while there may be more to read
+static int s_socket_num;  // sockets that the receive thread reads
+static int s_unsignalled; // messages queued since the last wake-up; used by the receive thread only
 
 static item_t *read_item(int server)
 {
@@ -269,7 +270,7 @@ static void *receive_loop(void *arg)
     auto *take_item = (void (*)(item_t *))arg;
     struct pollfd fds[BENCH_SERVER_NUM + 1];
     int num = s_socket_num;
-    fds[num] = {eventfd(0, 0), POLLIN, 0}; // stands for the topology connection
+    fds[num] = {eventfd(0, 0), POLLIN, 0}; // in place of the library's topology connection
     for (int i = 0; i < num; i++)
         fds[i] = {s_sd[i], POLLIN, 0};
     for (;;) {
@@ -285,7 +286,7 @@ static void *receive_loop(void *arg)
     return nullptr;
 }
 
-// Under the mutex.
+// Called with s_mutex held.
 static void wait_a_second()
 {
     struct timespec deadline;

@@ -1,4 +1,4 @@
-// The library under measurement.
+// The library as a transport, in three configurations.
 #include "bench.h"
 
 #include <atomic>
@@ -10,12 +10,12 @@
 
 constexpr uint32_t CROWD_APP = 1000;
 
-static uint32_t s_server = 300; // and up: one application for each server of a process
-static uint32_t s_client = 200; // and up
+static uint32_t s_server = 300; // the first application id of a process's servers
+static uint32_t s_client = 200; // the application id of the first client
 static bool s_thread = true;
 static bench_conf_t s_conf;
 static std::atomic<int> s_joined{0};
-static int s_crowd; // further peers that both ends know
+static int s_crowd; // number of further peers that both ends know
 static uint32_t s_dst;
 static uint32_t s_dst_nodes = ZEB_NODE_ALL;
 
@@ -53,7 +53,7 @@ static void add_app(uint32_t app, bool thread)
         bench_fail("zeb_register");
 }
 
-// For the first application of the process: that one is told of them.
+// Called for one application of the process, which then gets the join events of the crowd.
 static void know_crowd(uint32_t app)
 {
     if (s_crowd > 0)
@@ -80,7 +80,7 @@ static void serve(const bench_conf_t *conf)
     wait_joined(s_crowd);
 }
 
-// Beside the other kinds in one cluster.
+// Other application ids, because all configurations run in one cluster at the same time.
 static void without_thread()
 {
     s_thread = false;
@@ -101,8 +101,9 @@ static void serve_without_thread(const bench_conf_t *conf)
     serve(conf);
 }
 
-// Up to four servers are instances of one application on as many nodes; more are 16 applications on each of four nodes,
-// addressed by a group of applications, and in calls, which take groups of applications only so, of nodes.
+// Up to four servers are instances of one application, each on a node of its own. More servers are 16 applications on
+// each of four nodes. They are addressed by a group of applications, and in calls also by a group of nodes, because a
+// call to a group of applications needs one.
 static void open(const bench_conf_t *conf)
 {
     s_conf = *conf;
@@ -125,12 +126,12 @@ static void open(const bench_conf_t *conf)
     wait_joined(conf->server_num + s_crowd);
 }
 
-// One buffer: the library leaves it to its sender.
+// The same buffer each time: a sent message stays the sender's.
 static zeb_msg_t *message(const void *data, size_t len)
 {
     static zeb_msg_t *s_msg = zeb_msg_alloc((int)BENCH_SIZE_MAX, 1, 0);
     s_msg->hdr.len = ZEB_MSG_HDR_LEN + (uint32_t)len;
-    memcpy(s_msg->data, data, sizeof(bench_msg_t)); // the rest is the same for all
+    memcpy(s_msg->data, data, sizeof(bench_msg_t)); // the rest of the payload never changes
     return s_msg;
 }
 

@@ -1,5 +1,5 @@
-// Many peers in one process, without the library: takes the names of NUMBER instances of APP on nodes of their own from
-// FIRST on, and shakes hands for each of them with whoever synchronises with it. Usage: crowd APP FIRST NUMBER
+// Many peers in one process, without the library: publishes the names of NUMBER instances of APP, on the nodes from
+// FIRST on, and answers every handshake with one of them. Usage: crowd APP FIRST NUMBER
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,14 +12,14 @@
 
 constexpr uint32_t NAME_TYPE = 2303;
 constexpr uint16_t SYNC_INST = 1;
-constexpr uint32_t SEQ = 1; // of every peer's own synchronisation
+constexpr uint32_t SEQ = 1; // the number of every peer's own synchronisation
 
 static struct sockaddr_tipc name_of(uint32_t app, uint32_t node)
 {
     return tipc_name(NAME_TYPE, app << 16 | node, TIPC_CLUSTER_SCOPE);
 }
 
-// A failed send is left to the other side's repetition.
+// A failed send needs no retry here: the other side retries its synchronisation.
 static void answer(int sd, const wire::header_t &to, const wire::bytes_t &body)
 {
     wire::header_t header;
@@ -33,7 +33,7 @@ static void answer(int sd, const wire::header_t &to, const wire::bytes_t &body)
     (void)sendto(sd, bytes.data(), bytes.size(), 0, (struct sockaddr *)&addr, sizeof(addr));
 }
 
-static void shake_hands(int sd, const wire::bytes_t &message)
+static void handshake(int sd, const wire::bytes_t &message)
 {
     wire::header_t header = wire::header_of(message);
     wire::bytes_t body = wire::body_of(message);
@@ -65,8 +65,8 @@ int main(int argc, char **argv)
         wire::bytes_t message(66000);
         ssize_t len = recv(sd, message.data(), message.size(), 0);
         if (len < 36)
-            continue; // one that came back
+            continue; // a returned message
         message.resize((size_t)len);
-        shake_hands(sd, message);
+        handshake(sd, message);
     }
 }

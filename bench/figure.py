@@ -1,4 +1,4 @@
-"""Which of a run's figures is compared, by the kind of work."""
+"""Chooses the figure of a run that is compared, by the kind of work."""
 
 
 def value(verb, run):

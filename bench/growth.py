@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""How the library's own work grows with what it knows: user-space instructions of one send, call, receive and handshake, counted
-by callgrind as the difference of two runs. Usage: growth.py BENCH-FOLDER RESULT.json (in a process of a node of its own)."""
+"""Measures how the library's own work grows with the number of peers, applications, groups and calls: the user-space instructions
+of one send, call, receive and handshake. callgrind counts two runs of different length, and their difference is divided. Usage, on
+a node of its own: growth.py BENCH-FOLDER RESULT.json"""
 import json
 import re
 import subprocess
@@ -22,8 +23,8 @@ def instructions(program, words):
 
 
 def each(program, words):
-    """Instructions of one step: `words` has None in the place of the number of steps. A receive runs in batches whose limits
-    differ from run to run: it is taken over more of them."""
+    """Instructions of one step. `words` has None in the place of the number of steps. Messages are received in batches whose sizes
+    differ from run to run, so a receive is averaged over more steps."""
     base, more = (10000, 30000) if program == "recv_cost" else (1000, 2000)
     few, many = ([n if w is None else w for w in words] for n in (base, base + more))
     return (instructions(program, many) - instructions(program, few)) / more

@@ -1,6 +1,6 @@
-// How many instructions one handshake costs with so many others known, for callgrind: every peer of a start at once is
-// published, synchronises and acknowledges. TIPC is interposed. Usage: handshake_cost PEERS HANDSHAKES: as many
-// handshakes, the last ones of peers that come again.
+// The instructions of one handshake while PEERS peers are known, to be counted by callgrind. Every peer is published,
+// synchronises and acknowledges. After PEERS handshakes each further one is of a peer that was withdrawn and is
+// published again. The calls on TIPC are interposed. Usage: handshake_cost PEERS HANDSHAKES
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -51,7 +51,7 @@ static void topology(uint32_t node, uint32_t what)
     zeb_process_tipc_subscr_event(event);
 }
 
-// True when the peer is online in the end.
+// True when the peer is online afterwards.
 static bool handshake(uint32_t node)
 {
     topology(node, TIPC_PUBLISHED);

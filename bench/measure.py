@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Measures every transport on every kind of work, in turns, inside the lab or a simulated cluster, and writes what it saw.
+"""Measures every transport on every kind of work, in turn, inside the lab or a simulated cluster, and writes the results.
 
-Usage: measure.py BENCH RESULT.json ROUNDS TRANSPORT…; `lab` (or the simulator) is named by the environment.
-Each round runs every transport once, raw twice: the second raw run shows how much two equal runs differ. On two machines each
-runs this: the servers are on the second, and the first measures.
+Usage: measure.py BENCH RESULT.json ROUNDS TRANSPORT…; the environment variable LAB names the lab's or the simulator's program.
+Each round runs every transport once, and raw twice: the second raw run shows how much two equal runs differ. On two machines both
+run this program: the second runs the servers, and the first measures.
 """
 import json
 import os
@@ -18,10 +18,10 @@ from figure import value
 BENCH, RESULT, ROUNDS = sys.argv[1], sys.argv[2], int(sys.argv[3])
 TRANSPORTS = sys.argv[4:]
 BEGIN = time.monotonic()
-MACHINE = int(os.environ.get("LAB_MACHINE", "0"))  # of two; 0: all nodes are here
-ONE_SERVER_ONLY = {"nng"}  # and one client, on one node
+MACHINE = int(os.environ.get("LAB_MACHINE", "0"))  # 1 or 2; 0: all nodes are on this machine
+ONE_SERVER_ONLY = {"nng"}  # also one client only, on the same node
 CPUS = [int(word) for word in os.environ.get("BENCH_CPUS", "1 2").split()]
-SLOW = float(os.environ.get("BENCH_SLOW", "1"))  # how much slower than a desk machine; scales the counts
+SLOW = float(os.environ.get("BENCH_SLOW", "1"))  # how many times slower than a desktop machine; divides the counts
 
 
 def count(number):
@@ -49,7 +49,7 @@ WIRE_STAGE = stage("1 to 1, two machines", ONEWAY + TRIPS)
 
 
 class Process:
-    """A program on a node, on a CPU."""
+    """A program that runs on one node and one CPU."""
 
     def __init__(self, node, cpu, words, program=BENCH):
         place = [] if MACHINE else [os.environ["LAB"], "exec", str(node), "--"]
@@ -71,7 +71,7 @@ class Process:
         self.child.stdin.flush()
 
     def stop(self):
-        if "TIPCSIM_CLUSTER" in os.environ:  # outside the locks that its senders need
+        if "TIPCSIM_CLUSTER" in os.environ:  # stall never stops a process that holds a lock which its senders need
             subprocess.run([os.environ["LAB"], "stall", "--pid", str(self.child.pid)], check=True)
         else:
             os.killpg(self.child.pid, signal.SIGSTOP)
@@ -92,7 +92,7 @@ def serve(name, plan, cpus):
 
 
 def start(name, plan, cpus):
-    """The processes of one transport; the clients."""
+    """Starts the processes of one transport. Returns the servers and the clients."""
     started = [] if MACHINE else serve(name, plan, cpus)
     for process in started:
         process.line()
@@ -113,7 +113,7 @@ def barrier(name):
 
 
 def serve_machine():
-    """The second machine's part."""
+    """Runs the servers of all transports on the second machine until the first has measured."""
     started = [process for name in TRANSPORTS if usable(name, WIRE_STAGE) for process in serve(name, WIRE_STAGE, 1)]
     for process in started:
         process.line()
@@ -124,7 +124,7 @@ def serve_machine():
 
 
 def ask(servers, clients, words):
-    """One run; the figures of all clients together."""
+    """Makes one run. Returns the figures of all clients together."""
     for client in clients:
         client.order(words)
     if words[0] == "burst":

@@ -1,6 +1,6 @@
-// How many instructions the receive thread and the proxy thread spend on one one-way message, for callgrind: the
-// difference between two runs of different length. TIPC is interposed, so only the library's own work is counted.
-// Usage: recv_cost [MESSAGES [PEERS [APPS]]]
+// The instructions of the receive thread and the proxy thread for one one-way message: callgrind counts two runs of
+// different length, and their difference is divided. The calls on TIPC are interposed, so that only the library's own
+// work is counted. Usage: recv_cost [MESSAGES [PEERS [APPS]]]
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,7 +26,7 @@ static int s_dispatched;
 static union {
     zeb_msg_t msg;
     char bytes[offsetof(zeb_msg_t, data) + 64];
-} s_wire; // in network order
+} s_wire; // in network byte order
 
 extern "C" {
 int socket(int, int, int)

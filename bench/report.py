@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Turns what bench/run saw into bench/results: tables in Markdown and a plot. Usage: report.py FOLDER-OF-JSON"""
+"""Makes Markdown tables and plots in bench/results from the measurements of bench/run. Usage: report.py FOLDER-OF-JSON"""
 import json
 import os
 import statistics
@@ -33,7 +33,7 @@ def load_lines(name):
 
 
 def ratios(result, name, base="raw"):
-    """Per round, against the first run of `base` in that round."""
+    """The ratio in each round to the first run of `base` in that round."""
     pairs = zip(result["runs"][name], result["runs"][base])
     return [value(result["verb"], mine) / value(result["verb"], other) for mine, other in pairs]
 
@@ -125,7 +125,7 @@ def core_table(starts):
 
 
 def write_growth(growth, start, cores):
-    """What was not measured anew stays."""
+    """Writes growth.md. A part that was not measured again stays as it is."""
     path = f"{OUT}/growth.md"
     text = ""
     if os.path.exists(path):

@@ -1,8 +1,8 @@
-// How many instructions one send, one send to a group, or one call costs, for callgrind: the difference between two
-// runs of different length. TIPC is a socket pair's worth of nothing: sendto is interposed, so only the library's own
-// work is counted; a call is answered within its sendto, so it never waits. Usage: send_cost [VERB [NUMBER [PEERS [APPS
-// [GROUPS [CALLS]]]]]] with VERB send, group, call or all (instances at once), PEERS instances online, APPS further
-// applications, GROUPS groups, and CALLS calls in progress.
+// The instructions of one send, one send to a group, or one call: callgrind counts two runs of different length, and
+// their difference is divided. The calls on TIPC are interposed, so that only the library's own work is counted. A call
+// is answered within its sendto, so it never waits. Usage: send_cost [VERB [NUMBER [PEERS [APPS [GROUPS [CALLS]]]]]]
+// with VERB send, group, call or all (one send to all instances), PEERS instances online, APPS further applications,
+// GROUPS groups, and CALLS calls in progress.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
@@ -42,7 +42,7 @@ static void *drop(zeb_msg_t *msg)
     return nullptr;
 }
 
-// Files the answer that the request would have brought.
+// Gives the library the answer that a server would have sent.
 static void answer(const zeb_msg_hdr_t *request)
 {
     zeb_msg_t *reply = zeb_msg_alloc(0, 1, 0);

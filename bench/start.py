@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Starts instances of one application at once, each on a node of its own, on the simulator; how long until every pair is online
-on both sides, how many messages that took, and the memory. Usage: start.py TIPCSIM PROGRAM RESULT.json NUMBER…"""
+"""Starts instances of one application at the same time, each on a node of its own, on the simulator. Measures how long it takes
+until every pair is online on both sides, how many messages that takes, and the memory. Usage: start.py TIPCSIM PROGRAM RESULT.json
+NUMBER…"""
 import json
 import os
 import subprocess

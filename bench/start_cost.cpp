@@ -1,6 +1,6 @@
-// One of many instances that start at once: prints when all its pairs are online, how many synchronisation messages it
-// sent and what memory it holds. Usage: start_cost INSTANCES; starts with the first line on standard input and ends
-// with the second.
+// One of many instances that start at the same time. It prints when all its pairs are online, how many synchronisation
+// messages it sent, and how much memory it uses. Usage: start_cost INSTANCES. It starts with the first line on standard
+// input and ends with the second.
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -15,7 +15,7 @@
 constexpr uint32_t APP = 100;
 
 static int s_instances;
-static int s_online; // of the proxy thread
+static int s_online; // pairs online; used by the proxy thread only
 static sem_t s_all_online;
 
 static void *drop(zeb_msg_t *msg)
@@ -39,7 +39,7 @@ static uint32_t messages_sent()
     return stat->total_send;
 }
 
-// Without what it shares: the simulator's queues lie in shared memory.
+// Without shared memory, in which the simulator's queues lie.
 static long anonymous_kb()
 {
     char line[128];
@@ -65,7 +65,7 @@ int main(int argc, char **argv)
     if (fgets(line, sizeof(line), stdin) == nullptr)
         return 1;
     zeb_run();
-    // Not by looking every now and then: hundreds of looking processes leave no time for the work.
+    // A semaphore instead of polling: hundreds of polling processes would leave no CPU time for the handshakes.
     while (sem_wait(&s_all_online) != 0) {
     }
     struct timespec now;
@@ -73,6 +73,6 @@ int main(int argc, char **argv)
     printf("online %.3f sent %u rss %ld\n", (double)now.tv_sec + (double)now.tv_nsec / 1e9, messages_sent(),
            anonymous_kb());
     (void)fflush(stdout);
-    (void)fgets(line, sizeof(line), stdin); // until all have what they need of this one
+    (void)fgets(line, sizeof(line), stdin); // the other instances need this one until all their pairs are online
     _exit(0);
 }

@@ -1,7 +1,9 @@
-/* A client of board_server, driven by lines on standard input:
- *   all TEXT       a message to every server            to NODE TEXT   a message to one
- *   ask SECONDS    a call to every server, with the outcome of each
- *   group N1 N2 …  a message to a group of nodes        end */
+/* A client of board_server. It reads commands from standard input:
+ *   all TEXT       sends TEXT to every server
+ *   to NODE TEXT   sends TEXT to the server on one node
+ *   ask SECONDS    calls every server with a time-out of SECONDS, and prints the outcome of each
+ *   group N1 N2 …  sends a message to a group of nodes
+ *   end            ends the program */
 #include <stdio.h>
 #include <string.h>
 #include <zeb/zeb.h>
@@ -61,7 +63,7 @@ static void print_outcome(const zeb_msg_t *reply)
     case ZEB_SUCCESS:
         printf("\"%s\"\n", (const char *)reply->data);
         break;
-    case ZEB_APP_MISMATCH: /* travels in the server's byte order */
+    case ZEB_APP_MISMATCH: /* the range is in the server's byte order */
         memcpy(&range, reply->data, sizeof(range));
         printf("serves versions %u to %u only\n", range.low, range.high);
         break;

@@ -1,7 +1,6 @@
-/* A server: prints who joins and quits and what arrives, and sends each one-way message back to its sender. Requests
- * are answered with the node's id; with `silent` as first argument they are not answered at all, with `version N` only
- * messages of version N are served. Ends when standard input does.
- * Usage: board_server [silent | version N] */
+/* A server. It prints which instances join and quit and which messages arrive. It sends each one-way message back to
+ * its sender, and answers each request with the node id. With `silent` it answers no request; with `version N` it
+ * serves only messages of version N. It ends with its standard input. Usage: board_server [silent | version N] */
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
-/* Two of these on two boards greet each other: `hello` registers application 100, waits for another instance of itself,
- * and sends it a message. */
+/* Registers application 100, waits for other instances of itself, and sends each of them a message. Start it on two
+ * boards. */
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -7,13 +7,13 @@
 
 #define HELLO_APP 100
 
-static int s_joined[2]; /* a pipe: events go from the library's thread to main */
+static int s_joined[2]; /* a pipe that passes join events from the library's thread to main */
 
 static void *on_message(zeb_msg_t *msg)
 {
     printf("from node %u: %s\n", msg->hdr.src_node, (const char *)msg->data);
     fflush(stdout);
-    free(msg); /* a received message is the dispatcher's */
+    free(msg); /* a received message belongs to the dispatcher */
     return NULL;
 }
 
@@ -36,7 +36,7 @@ int main(void)
         fprintf(stderr, "no TIPC, or no node id in /tmp/addr/.zeb_node_addr\n");
         return 1;
     }
-    zeb_run(); /* an application talks to its own id without being told */
+    zeb_run(); /* an application communicates with its own id without zeb_comm_with */
 
     msg = zeb_msg_alloc(sizeof(text), 1, 0);
     memcpy(msg->data, text, sizeof(text));
@@ -46,6 +46,6 @@ int main(void)
         if (zeb_sendto(HELLO_APP, (uint32_t)node, HELLO_APP, msg, 0) != 0)
             fprintf(stderr, "node %d is gone again\n", node);
     }
-    free(msg); /* a sent message stays the sender's */
+    free(msg); /* a sent message still belongs to the sender */
     return 0;
 }

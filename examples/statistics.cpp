@@ -1,5 +1,5 @@
-// A process that shows its inside to whoever asks, in C++: `statistics serve` answers each request with its statistics
-// text, `statistics ask` prints the text of every one that serves.
+// Reads the statistics of a running process, in C++. `statistics serve` answers each request with its own statistics as
+// text; `statistics ask` prints the text of every serving instance.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,8 +25,8 @@ static std::mutex s_mutex;
 static std::condition_variable s_changed;
 static bool s_joined;
 
-// Runs on the library's receive thread, to which the print buffer belongs: the application is registered without a
-// thread.
+// Runs on the library's receive thread, because the application is registered without a thread. Only that thread may
+// use the print buffer.
 static void *on_request(zeb_msg_t *msg)
 {
     message_ptr request(msg);

@@ -1,4 +1,4 @@
-# The host's side: chooses where to run, prepares the emulated machine, starts it and passes its output and status on.
+# The host's side: chooses where to run, prepares and starts the emulated machine, and passes on its output and status.
 # shellcheck shell=bash disable=SC2153
 
 PACKAGES='qemu-system-x86 busybox-static cpio kmod iproute2'
@@ -8,7 +8,7 @@ CRYPTO_MODULES='gf128mul ghash-generic gcm ctr'
 
 cache_dir() { echo "${LAB_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/tipc-lab}"; }
 
-host_has_tipc() { # the kernel has it, and we may make namespaces
+host_has_tipc() { # true when the kernel has TIPC and namespaces may be made
     python3 -c 'import socket; socket.socket(socket.AF_TIPC, socket.SOCK_RDM)' 2>/dev/null &&
         unshare --net --mount true 2>/dev/null
 }
@@ -31,11 +31,11 @@ install_packages() {
         >/dev/null || die "apt-get failed; needed: $PACKAGES"
 }
 
-kernel_package() { # what linux-image-amd64 stands for today
+kernel_package() { # prints the package that linux-image-amd64 depends on
     apt-cache depends linux-image-amd64 2>/dev/null | awk '/Depends: linux-image/ {print $2; exit}'
 }
 
-# Prints the folder with vmlinuz and initrd, made if need be.
+# Prints the folder with vmlinuz and initrd, and makes them when they are missing.
 prepare_guest() {
     local cache stamp dir work
     cache=$(cache_dir)
@@ -54,7 +54,7 @@ prepare_guest() {
     echo "$dir"
 }
 
-build_guest() { # DIR
+build_guest() { # DIR: makes vmlinuz and initrd from Debian's kernel package
     local work=$1 package release module
     package=$(kernel_package)
     if [ -z "$package" ] && [ "$(id -u)" = 0 ]; then
@@ -71,7 +71,7 @@ build_guest() { # DIR
     install -m 755 "$HERE/init" "$work/initrd/init"
     for module in $MODULES $CRYPTO_MODULES; do
         release=$(find "$work/kernel/lib/modules" -name "$module.ko*" | head -n 1)
-        [ -n "$release" ] || continue # built into this kernel
+        [ -n "$release" ] || continue # the module is built into this kernel
         case $release in
         *.xz) xz -dc "$release" >"$work/initrd/modules/$module.ko" ;;
         *) cp "$release" "$work/initrd/modules/$module.ko" ;;
@@ -131,7 +131,7 @@ parse_options() {
     die "no command (lab help)"
 }
 
-write_control() { # DIR: what the inside needs to know
+write_control() { # DIR: writes what inside.sh needs to know
     local ctl=$1 word
     mkdir -p "$ctl"
     echo "$HERE/inside.sh" >"$ctl/inside"
@@ -161,7 +161,7 @@ write_control() { # DIR: what the inside needs to know
     done | sort -u >"$ctl/binds"
 }
 
-start_guest() { # NUMBER CTL GUEST: a machine in the background, its output on descriptor 3; its pid in GUEST
+start_guest() { # NUMBER CTL GUEST: starts a machine in the background, with its output on descriptor 3; sets GUEST to its pid
     local number=$1 ctl=$2 guest=$3 accel='tcg,thread=multi' smp=2 more=()
     if [ -n "$VIRTUAL" ]; then
         accel='tcg,thread=single' smp=1
@@ -188,7 +188,7 @@ start_guest() { # NUMBER CTL GUEST: a machine in the background, its output on d
     GUEST=$!
 }
 
-guest_status() { # CTL: the command's status, or what became of the machine
+guest_status() { # CTL: returns the command's status; when the machine ended before the command, prints its kernel log
     local ctl=$1
     if [ -s "$ctl/status" ]; then
         return "$(cat "$ctl/status")"
@@ -198,7 +198,7 @@ guest_status() { # CTL: the command's status, or what became of the machine
     return 125
 }
 
-# Ends what this run started, whatever the reason.
+# Ends what this run started. It is the trap on EXIT, so it also runs on a signal and at the time limit.
 finish() {
     local pid
     for pid in ${STARTED[@]+"${STARTED[@]}"}; do
@@ -245,7 +245,7 @@ run_guest() {
     return "$status"
 }
 
-run_host() { # in namespaces of our own, which vanish with the last process
+run_host() { # runs the command in new namespaces, which the kernel removes with the last process
     export LAB_RUN=$RUN_DIR
     write_control "$RUN_DIR/ctl"
     # shellcheck disable=SC2016

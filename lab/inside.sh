@@ -1,5 +1,5 @@
-# Runs where the kernel has TIPC: makes the nodes, runs the command, tidies up. Also the commands that the command itself
-# may use (exec, cut, heal …). State lies in $LAB_RUN; ctl/ in it is shared with the host side.
+# The part that runs where the kernel has TIPC: makes the nodes, runs the command, and removes the nodes. It also has the
+# functions behind `lab exec`, `lab cut` and the like. The state is in $LAB_RUN; ctl/ in it is shared with the host's side.
 # shellcheck shell=bash
 
 LAB_RUN=${LAB_RUN:-/run/lab}
@@ -12,16 +12,16 @@ setting() { cat "$LAB_RUN/ctl/$1" 2>/dev/null; }
 node_pid() { cat "$LAB_RUN/nodes/$1/pid" 2>/dev/null; }
 node_ids() { setting node_ids; }
 is_node() { [ -n "$1" ] && [ -d "$LAB_RUN/nodes/$1" ]; }
-in_node() { # NODE COMMAND… : in the node's namespaces, as the very process
+in_node() { # NODE COMMAND… : runs COMMAND in the node's namespaces
     local node=$1
     shift
     nsenter -t "$(node_pid "$node")" -n -m -r --wdns="$PWD" -- "$@"
 }
 need_node() { is_node "$1" || die "no node '$1' (nodes: $(node_ids))"; }
-device() { echo "v$1_$2"; } # the end of link A-B that lies in A
+device() { echo "v$1_$2"; } # A B: the network device in A of the link between A and B
 
-# Files of one node: each folder that holds a per-node file is a folder of the node's own, with links to what the folder
-# holds otherwise.
+# Makes the files of one node. Each folder that holds a per-node file becomes a folder of the node's own, with symbolic links
+# to the other entries of the original folder.
 prepare_files() {
     local node=$1 path template dir mine
     while IFS='=' read -r path template; do
@@ -39,7 +39,7 @@ prepare_files() {
     done < <(setting node_files)
 }
 
-mount_files() { # inside the node's mount namespace
+mount_files() { # NODE; called in the node's mount namespace
     local node=$1 path template dir
     while IFS='=' read -r path template; do
         dir=$(dirname "$path")
@@ -49,7 +49,7 @@ mount_files() { # inside the node's mount namespace
     done < <(setting node_files)
 }
 
-start_node() { # NODE: the namespaces, held by one sleeping process, and the TIPC identity
+start_node() { # NODE: makes its namespaces, which one sleeping process holds, and sets its TIPC identity
     local node=$1 key value
     mkdir -p "$LAB_RUN/nodes/$node"
     prepare_files "$node"
@@ -85,7 +85,7 @@ link_nodes() { # A B
     done
 }
 
-link_to_others() { # NODE: to every node that is up and has a lower place in the list
+link_to_others() { # NODE: links it to every node before it in the list
     local node=$1 other
     for other in $(node_ids); do
         [ "$other" = "$node" ] && return
@@ -93,11 +93,11 @@ link_to_others() { # NODE: to every node that is up and has a lower place in the
     done
 }
 
-links_up() { # NODE: how many of its links are up
+links_up() { # NODE: prints how many of its links are up
     in_node "$1" tipc link list 2>/dev/null | grep -v '^broadcast-link' | grep -c ': up'
 }
 
-# On a loaded machine a link has been seen that did not come up again by itself: after 20 s it is taken down and up.
+# On a loaded machine a link was seen that did not come up by itself, so after 20 s the node's links are taken down and up.
 wait_links() {
     local ids node others since
     ids=$(node_ids)
@@ -118,7 +118,7 @@ wait_links() {
     done
 }
 
-each_link_end() { # A [B] : the (node, device) pairs of A's links, or of the one to B
+each_link_end() { # A [B] : prints node and device of both ends of A's links, or of the one to B
     local a=$1 b=$2 other
     for other in $(node_ids); do
         [ "$other" = "$a" ] && continue
@@ -136,7 +136,7 @@ set_links() { # up|down A [B]
     return 0
 }
 
-node_processes() { # NODE: the pids in its network namespace
+node_processes() { # NODE: prints the pids in its network namespace
     local ns pid
     ns=$(readlink "/proc/$(node_pid "$1")/ns/net") || return 0
     for pid in /proc/[0-9]*; do
@@ -144,7 +144,7 @@ node_processes() { # NODE: the pids in its network namespace
     done
 }
 
-node_down() { # a board that loses its power: nothing of it is heard any more
+node_down() { # NODE: as when a board loses its power. The links go down first, so that no message of dying processes leaves
     set_links down "$1"
     # shellcheck disable=SC2046
     kill -9 $(node_processes "$1") 2>/dev/null
@@ -157,7 +157,7 @@ node_up() {
     for other in $(node_ids); do
         [ "$other" = "$1" ] && continue
         [ -n "$(node_pid "$other")" ] || continue
-        # The old ends may linger until the dead namespace is gone.
+        # The old device stays until the kernel has removed the dead node's namespace.
         in_node "$other" ip link del "$(device "$other" "$1")" 2>/dev/null
         link_nodes "$other" "$1"
     done
@@ -171,7 +171,7 @@ show_links() {
     done
 }
 
-wire_up() { # one of two machines: the whole guest is one node
+wire_up() { # NODE: makes one of two machines, the whole of which is one node
     local node=$1 path template dir
     prepare_files "$node"
     echo 1 >"$LAB_RUN/nodes/$node/pid"
@@ -189,7 +189,7 @@ wire_up() { # one of two machines: the whole guest is one node
 
 make_cluster() {
     local node key value
-    # Some settings are the kernel's, not a network namespace's.
+    # Some settings belong to the kernel, not to a network namespace.
     while IFS='=' read -r key value; do
         sysctl -q -w "$key=$value" || die "sysctl $key"
     done < <(setting sysctls)
@@ -211,7 +211,7 @@ remove_cluster() {
     done
 }
 
-run_command() { # the command with the caller's folder, environment and words
+run_command() { # runs the command with the caller's folder, environment and arguments
     local words=() word
     while IFS= read -r -d '' word; do words+=("$word"); done <"$LAB_RUN/ctl/command"
     while IFS= read -r -d '' word; do export "${word?}"; done <"$LAB_RUN/ctl/environment"

@@ -1,4 +1,4 @@
-# Headers, libraries, the CMake package and the pkg-config file.
+# Installs the headers, the libraries, the CMake package and the pkg-config file.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zeb zeb_static EXPORT zebTargets

@@ -1,4 +1,4 @@
-// The broker's loop: connections, the ends of processes, delayed messages, and its own end with the last client.
+// The broker's loop: connections, processes that end, delayed messages, and the broker's own end after the last client.
 #include "broker.h"
 
 #include <algorithm>
@@ -24,8 +24,8 @@
 
 broker_t g_broker;
 
-constexpr int64_t LOOK_MS = 200;          // how often what cannot be waited for is looked at
-constexpr int64_t FIRST_CLIENT_MS = 5000; // who started it comes at once
+constexpr int64_t LOOK_MS = 200;          // the interval of checks for what no descriptor reports
+constexpr int64_t FIRST_CLIENT_MS = 5000; // ample: the process that starts the broker connects at once
 constexpr int EVENTS = 64;
 
 int64_t broker_now()
@@ -47,7 +47,8 @@ static void watch_owner(int32_t pid)
 {
     if (pid <= 0 || g_broker.owners.count(pid) != 0)
         return;
-    int fd = (int)syscall(SYS_pidfd_open, pid, 0); // fails when it has ended: looked at by time then
+    // Fails when the process has ended; pass_time then checks its sockets.
+    int fd = (int)syscall(SYS_pidfd_open, pid, 0);
     g_broker.owners[pid] = fd;
     if (fd >= 0)
         watch(fd);
@@ -60,7 +61,7 @@ static void drop_names(uint32_t port, member_t *member)
     member->ids.clear();
 }
 
-static void give_back(void *arg, const sim_record_t *record, const uint8_t *data)
+static void return_unread(void *arg, const sim_record_t *record, const uint8_t *data)
 {
     const sim_socket_t *socket = (const sim_socket_t *)arg;
     const sim_state_t *state = g_broker.cluster.state;
@@ -69,24 +70,24 @@ static void give_back(void *arg, const sim_record_t *record, const uint8_t *data
         return;
     if (sim_queue_open(&sender, g_broker.cluster.dir, record->src_port) != 0)
         return;
-    sim_queue_return(&sender, g_broker.cluster.dir, g_broker.bell, record, data, TIPC_ERR_NO_PORT, socket->port,
+    sim_queue_return(&sender, g_broker.cluster.dir, g_broker.notify_fd, record, data, TIPC_ERR_NO_PORT, socket->port,
                      state->nodes[socket->node]);
     sim_queue_unmap(&sender);
 }
 
-// A socket whose processes ended without closing it: what the kernel would do in their place.
-static void bury(uint32_t port)
+// Closes a socket whose processes ended without closing it, as the kernel would.
+static void close_socket(uint32_t port)
 {
     sim_queue_t queue;
     if (sim_queue_open(&queue, g_broker.cluster.dir, port) == 0) {
-        sim_queue_close(&queue, give_back, queue.socket);
+        sim_queue_close(&queue, return_unread, queue.socket);
         sim_queue_unmap(&queue);
     }
     sim_queue_remove(g_broker.cluster.dir, port);
 }
 
 template <typename which_t>
-static void bury_abandoned(which_t which)
+static void close_abandoned(which_t which)
 {
     for (auto it = g_broker.members.begin(); it != g_broker.members.end();) {
         uint32_t port = it->first;
@@ -95,7 +96,7 @@ static void bury_abandoned(which_t which)
             continue;
         }
         drop_names(port, &it->second);
-        bury(port);
+        close_socket(port);
         it = g_broker.members.erase(it);
     }
 }
@@ -109,10 +110,10 @@ static void owner_ended(int fd)
     int32_t pid = it->first;
     (void)close(fd);
     g_broker.owners.erase(it);
-    bury_abandoned([pid](const member_t &member) { return member.pid == pid; });
+    close_abandoned([pid](const member_t &member) { return member.pid == pid; });
 }
 
-// Brings the table in line with what the socket says of itself.
+// Publishes and withdraws names until the name table holds those that the socket's file lists.
 static int sync_socket(uint32_t port)
 {
     sim_queue_t queue;
@@ -167,17 +168,17 @@ static void put(const delayed_t &message)
     uint32_t err = TIPC_ERR_NO_PORT;
     sim_queue_t queue;
     if (sim_queue_open(&queue, g_broker.cluster.dir, message.port) == 0) {
-        err = sim_queue_put(&queue, g_broker.cluster.dir, g_broker.bell, &record, &part, 1);
+        err = sim_queue_put(&queue, g_broker.cluster.dir, g_broker.notify_fd, &record, &part, 1);
         sim_queue_unmap(&queue);
     }
     if (err == TIPC_OK || sim_queue_open(&queue, g_broker.cluster.dir, record.src_port) != 0)
         return;
-    sim_queue_return(&queue, g_broker.cluster.dir, g_broker.bell, &record, message.data.data(), err, message.port,
+    sim_queue_return(&queue, g_broker.cluster.dir, g_broker.notify_fd, &record, message.data.data(), err, message.port,
                      state->nodes[message.by_node]);
     sim_queue_unmap(&queue);
 }
 
-// A link that is cut keeps what it was given until it is missed.
+// A cut link keeps its messages until it is lost.
 static void deliver(const delayed_t &message)
 {
     const sim_state_t *state = g_broker.cluster.state;
@@ -187,7 +188,7 @@ static void deliver(const delayed_t &message)
         g_broker.held.push_back(message);
 }
 
-// Of the messages held for links between `a` and `b`: `put_them` or forget them.
+// Delivers the messages that are held for links between `a` and `b`, or with `put_them` false drops them.
 static void end_hold(uint32_t a, uint32_t b, bool put_them)
 {
     std::vector<delayed_t> kept;
@@ -232,7 +233,7 @@ static int take_delayed(const sim_request_t &request, const uint8_t *bytes, size
 static int set_delay(uint32_t a, uint32_t b, uint32_t ms)
 {
     sim_state_t *state = g_broker.cluster.state;
-    for (auto &entry : g_broker.delayed) // the order of a pair's messages must not depend on what comes now
+    for (auto &entry : g_broker.delayed) // at once: messages sent under the new delay must not overtake them
         deliver(entry.second);
     g_broker.delayed.clear();
     sim_guard_s guard(&state->mutex);
@@ -270,7 +271,7 @@ static void heal(uint32_t a, uint32_t b)
         bool same = (from == a && (b == SIM_ANY_NODE || to == b)) || (to == a && (b == SIM_ANY_NODE || from == b));
         it = same ? g_broker.breaking.erase(it) : std::next(it);
     }
-    end_hold(a, b, true); // first what was sent first
+    end_hold(a, b, true); // before the link takes new messages, so that they stay in order
     {
         sim_guard_s guard(&state->mutex);
         sim_break(state->cut, a, b, false);
@@ -287,7 +288,7 @@ static void drop_topology(uint32_t node)
 {
     for (auto &entry : g_broker.conns) {
         if (entry.second.kind == CONN_TOPOLOGY && (node == SIM_ANY_NODE || entry.second.node == index_of(node)))
-            (void)shutdown(entry.first, SHUT_RDWR); // its end is read like one of the other side
+            (void)shutdown(entry.first, SHUT_RDWR); // read_conn then closes it as if the client had
     }
 }
 
@@ -330,7 +331,7 @@ static void close_conn(int fd)
     (void)close(fd);
 }
 
-static bool hear_request(conn_t *conn, const uint8_t *bytes, ssize_t len)
+static bool answer_request(conn_t *conn, const uint8_t *bytes, ssize_t len)
 {
     sim_request_t request;
     if (len < (ssize_t)sizeof(request))
@@ -349,7 +350,7 @@ static bool at_end(int fd)
     return recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
 }
 
-static void hear(int fd)
+static void read_conn(int fd)
 {
     static uint8_t s_bytes[SIM_MAX_DATA + 4096];
     auto it = g_broker.conns.find(fd);
@@ -364,18 +365,18 @@ static void hear(int fd)
     if (len < 0 && (errno == EAGAIN || errno == EINTR))
         return;
     if (len == 0 && conn->kind == CONN_TOPOLOGY && !at_end(fd))
-        return; // an empty request is none
+        return; // an empty message is not the end of the connection, and no request
     if (len <= 0)
         return close_conn(fd);
     if (conn->kind == CONN_TOPOLOGY)
         return topology_request(conn, s_bytes, len);
-    if (hear_request(conn, s_bytes, len))
+    if (answer_request(conn, s_bytes, len))
         return;
     fprintf(stderr, "tipcsim: broker: %zd bytes that are no request: connection closed\n", len);
     close_conn(fd);
 }
 
-static void welcome()
+static void accept_conn()
 {
     int fd = accept4(g_broker.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0)
@@ -392,12 +393,12 @@ static void adopt(const std::string &name)
 {
     uint32_t port = (uint32_t)strtoul(name.c_str() + 2, nullptr, 10);
     if (sim_queue_abandoned(g_broker.cluster.dir, port))
-        bury(port);
+        close_socket(port);
     else
         (void)sync_socket(port);
 }
 
-// A process that was started in the cluster holds its file for as long as it, or a child, lives.
+// A process that was started in the cluster holds a lock on its "p." file as long as it, or a child of it, lives.
 static bool processes_live()
 {
     bool any = false;
@@ -419,7 +420,8 @@ static int remove_entry(const char *path, const struct stat * /*status*/, int /*
     return remove(path);
 }
 
-// Under the cluster's lock: nobody joins between the look and the removal.
+// Removes the folder when nothing uses it. The cluster's lock keeps processes from joining between the check and the
+// removal.
 static bool ended()
 {
     if (!g_broker.conns.empty() || !g_broker.members.empty() || broker_now() < g_broker.awaited)
@@ -433,7 +435,7 @@ static bool ended()
         used = used || !g_broker.members.empty();
     });
     struct epoll_event ready;
-    used = used || epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // somebody is at the door
+    used = used || epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // a client is connecting
     if (!used)
         (void)nftw(g_broker.cluster.dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
     (void)close(lock);
@@ -455,7 +457,8 @@ static void pass_time(int64_t now)
     topology_time(now);
     if (now >= g_broker.next_look) {
         g_broker.next_look = now + LOOK_MS;
-        bury_abandoned([](const member_t &member) { // ended before it could be watched, or left the socket to a child
+        // Those whose maker ended before it could be watched, or closed the socket while another process holds it.
+        close_abandoned([](const member_t &member) {
             auto owner = g_broker.owners.find(member.pid);
             return owner == g_broker.owners.end() || owner->second < 0;
         });
@@ -481,13 +484,13 @@ static void loop()
             int fd = ready[i].data.fd;
             auto conn = g_broker.conns.find(fd);
             if (fd == g_broker.listener)
-                welcome();
+                accept_conn();
             else if (conn == g_broker.conns.end())
                 owner_ended(fd);
             else if ((ready[i].events & EPOLLOUT) != 0)
                 topology_flush(&conn->second);
             if ((ready[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0)
-                hear(fd);
+                read_conn(fd);
         }
         pass_time(broker_now());
     }
@@ -500,13 +503,13 @@ static int listen_at(const char *dir)
     if (!sim_cluster_path(dir, "broker", addr.sun_path, sizeof(addr.sun_path)))
         return -ENAMETOOLONG;
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    (void)unlink(addr.sun_path); // left by one that was killed
+    (void)unlink(addr.sun_path); // left by a broker that was killed
     if (fd < 0 || bind(fd, (struct sockaddr *)&addr, sizeof(addr)) != 0 || listen(fd, 1024) != 0)
         return -errno;
     return fd;
 }
 
-// Its lock is held for as long as the broker lives. False when another one holds it.
+// Locks broker.pid; the lock is held as long as the broker runs. False when another broker holds it.
 static bool only_one(const char *dir)
 {
     char path[SIM_PATH_LEN];
@@ -526,7 +529,7 @@ static void write_pid(const char *dir)
     (void)fclose(fp);
 }
 
-// In the background, with nothing of its starter's but standard error.
+// Detaches from the starter. Standard error is kept with TIPCSIM_DEBUG only.
 static void go_to_background()
 {
     if (fork() != 0)
@@ -542,7 +545,7 @@ static void go_to_background()
 
 int broker_main(const char *dir)
 {
-    (void)syscall(SYS_close_range, 3, UINT_MAX, 0); // what the one that started it left open, its mark among them
+    (void)syscall(SYS_close_range, 3, UINT_MAX, 0); // inherited ones, among them the lock on the starter's "p." file
     const char *why = "";
     int ret = sim_cluster_open(&g_broker.cluster, dir, true, &why);
     if (ret != 0) {
@@ -567,11 +570,11 @@ int broker_main(const char *dir)
     go_to_background();
     write_pid(dir);
     g_broker.epoll = epoll_create1(EPOLL_CLOEXEC);
-    g_broker.bell = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    g_broker.notify_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     watch(g_broker.listener);
     {
         sim_guard_s guard(&g_broker.cluster.state->mutex);
-        g_broker.cluster.state->name_num = 0; // made anew from the sockets that are there
+        g_broker.cluster.state->name_num = 0; // rebuilt below from the sockets that exist
         g_broker.cluster.state->generation++;
     }
     sim_each_file(g_broker.cluster.dir, "s.", adopt);

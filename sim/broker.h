@@ -1,5 +1,6 @@
-// The broker of a cluster: keeps the name table, serves the topology service, notices ends. One thread, no locks of its
-// own but those of what is shared.
+// The broker of a cluster. It keeps the name table, provides the topology service, closes the sockets of processes that
+// ended, and delivers messages over slow and cut links. It has one thread and no locks of its own; it takes those of
+// the shared state and queues.
 #ifndef SIM_BROKER_H
 #define SIM_BROKER_H
 
@@ -24,19 +25,19 @@ typedef struct conn_s {
     conn_kind_e kind;
     uint32_t node; // index
     std::list<subscription_t> subscriptions;
-    std::deque<struct tipc_event> events; // not yet written
-    bool ending;                          // closed once the events are written
+    std::deque<struct tipc_event> events; // not sent yet
+    bool ending;                          // closed once the events are sent
 } conn_t;
 
 typedef struct member_s { // a socket
     int32_t pid;
     uint32_t node;
-    std::set<uint32_t> ids; // of its bindings
+    std::set<uint32_t> ids; // the ids of its bindings in the name table
 } member_t;
 
-typedef struct delayed_s {
-    uint32_t port;
-    uint32_t by_node; // index of the receiver's node
+typedef struct delayed_s { // a message that the broker delivers later
+    uint32_t port;         // the receiver's
+    uint32_t by_node;      // index of the receiver's node
     sim_record_t record;
     std::vector<uint8_t> data;
 } delayed_t;
@@ -45,15 +46,15 @@ typedef struct broker_s {
     sim_cluster_t cluster;
     int epoll;
     int listener;
-    int bell;
-    std::map<int, conn_t> conns;          // by descriptor
-    std::map<uint32_t, member_t> members; // by port
-    std::map<int32_t, int> owners;        // process id to pidfd
-    std::multimap<int64_t, delayed_t> delayed;
-    std::vector<delayed_t> held; // sent over links that were cut and are not missed yet, in order
-    std::multimap<int64_t, std::pair<uint32_t, uint32_t>> breaking; // links that were cut and are not missed yet
-    int64_t awaited;                                                // ms: until then the first client is waited for
-    int64_t next_look;                                              // ms: at sockets whose maker has ended
+    int notify_fd;
+    std::map<int, conn_t> conns;               // by descriptor
+    std::map<uint32_t, member_t> members;      // by port
+    std::map<int32_t, int> owners;             // process id to pidfd
+    std::multimap<int64_t, delayed_t> delayed; // by the time, in ms, at which they are due
+    std::vector<delayed_t> held;               // messages on links that are cut and not lost yet, in order
+    std::multimap<int64_t, std::pair<uint32_t, uint32_t>> breaking; // cut links, by the time, in ms, when they are lost
+    int64_t awaited;   // ms: the broker waits for its first client until then
+    int64_t next_look; // ms: when it next looks for sockets that nobody holds any more
 } broker_t;
 
 extern broker_t g_broker;

@@ -1,5 +1,5 @@
-// The topology service: subscriptions of every connection against the name table. A node sees its own names and those
-// of cluster scope on nodes that it is linked with.
+// The topology service: matches the subscriptions of every connection with the name table. A node sees its own names,
+// and the names of cluster scope on nodes that it has a link to.
 #include "broker.h"
 
 #include <algorithm>
@@ -55,7 +55,8 @@ void topology_flush(conn_t *conn)
         (void)shutdown(conn->fd, SHUT_RDWR);
 }
 
-// Whether a subscription of this kind hears of a name, when `others` names of the same range are seen from its node.
+// Whether a subscription is notified of a name. `others`: its node sees further names of the same range, so that the
+// event is not the first publication or the last withdrawal of the range.
 static bool concerns(const subscription_t &subscription, const sim_name_t &name, bool others)
 {
     if (!overlaps(subscription.request, name))
@@ -76,7 +77,7 @@ static bool others_seen(const sim_name_t &name, uint32_t node)
     return false;
 }
 
-static void tell_all(const sim_name_t &name, uint32_t what)
+static void notify_subscribers(const sim_name_t &name, uint32_t what)
 {
     for (auto &entry : g_broker.conns) {
         conn_t &conn = entry.second;
@@ -103,7 +104,7 @@ void topology_add(const sim_name_t *name)
         state->names[state->name_num++] = *name;
         __atomic_store_n(&state->generation, state->generation + 1, __ATOMIC_RELEASE);
     }
-    tell_all(*name, TIPC_PUBLISHED);
+    notify_subscribers(*name, TIPC_PUBLISHED);
 }
 
 void topology_remove(uint32_t port, uint32_t id)
@@ -122,30 +123,31 @@ void topology_remove(uint32_t port, uint32_t id)
         state->name_num--;
         __atomic_store_n(&state->generation, state->generation + 1, __ATOMIC_RELEASE);
     }
-    tell_all(name, TIPC_WITHDRAWN);
+    notify_subscribers(name, TIPC_WITHDRAWN);
 }
 
-// What one node's subscriptions see of a change of its links.
-static void tell_of_links(conn_t *conn, const sim_matrix_t before)
+// Notifies one connection of the names that a change of links made visible or invisible. `before`: the lost links
+// before the change.
+static void notify_link_change(conn_t *conn, const sim_matrix_t before)
 {
     const sim_state_t *state = g_broker.cluster.state;
     for (const subscription_t &subscription : conn->subscriptions) {
-        std::vector<const sim_name_t *> told;
+        std::vector<const sim_name_t *> notified;
         for (uint32_t i = 0; i < state->name_num; i++) {
             const sim_name_t &name = state->names[i];
             bool was = visible(name, conn->node, before);
             bool is = visible(name, conn->node, state->down);
             if (was == is || !overlaps(subscription.request, name))
                 continue;
-            bool others =
-                std::any_of(told.begin(), told.end(), [&](const sim_name_t *t) { return same_range(*t, name); });
+            bool others = std::any_of(notified.begin(), notified.end(),
+                                      [&](const sim_name_t *t) { return same_range(*t, name); });
             for (uint32_t j = 0; j < state->name_num && !others; j++)
                 others = same_range(state->names[j], name) && visible(state->names[j], conn->node, before) &&
                          visible(state->names[j], conn->node, state->down);
             if (!concerns(subscription, name, others))
                 continue;
             report(conn, subscription, is ? TIPC_PUBLISHED : TIPC_WITHDRAWN, &name);
-            told.push_back(&name);
+            notified.push_back(&name);
         }
     }
     topology_flush(conn);
@@ -163,7 +165,7 @@ void topology_links(uint32_t a, uint32_t b, bool down)
     }
     for (auto &entry : g_broker.conns) {
         if (!entry.second.subscriptions.empty())
-            tell_of_links(&entry.second, before);
+            notify_link_change(&entry.second, before);
     }
 }
 
@@ -186,17 +188,18 @@ static void cancel(conn_t *conn, struct tipc_subscr request)
     }
 }
 
-static void tell_of_present(conn_t *conn, const subscription_t &subscription)
+static void notify_existing(conn_t *conn, const subscription_t &subscription)
 {
     const sim_state_t *state = g_broker.cluster.state;
-    std::vector<const sim_name_t *> told;
+    std::vector<const sim_name_t *> notified;
     for (uint32_t i = 0; i < state->name_num; i++) {
         const sim_name_t &name = state->names[i];
-        bool others = std::any_of(told.begin(), told.end(), [&](const sim_name_t *t) { return same_range(*t, name); });
+        bool others =
+            std::any_of(notified.begin(), notified.end(), [&](const sim_name_t *t) { return same_range(*t, name); });
         if (!visible(name, conn->node, state->down) || !concerns(subscription, name, others))
             continue;
         report(conn, subscription, TIPC_PUBLISHED, &name);
-        told.push_back(&name);
+        notified.push_back(&name);
     }
 }
 
@@ -217,13 +220,13 @@ void topology_request(conn_t *conn, const void *bytes, ssize_t len)
         return refuse(conn, "lower bound above upper bound");
     if ((request.filter & kinds) == kinds)
         return refuse(conn, "both kinds of events asked for");
-    if (request.seq.type <= (uint32_t)TIPC_LINK_STATE && request.seq.upper != 0) // 0 is no node's and no link's
+    if (request.seq.type <= (uint32_t)TIPC_LINK_STATE && request.seq.upper != 0) // no node and no link has instance 0
         return refuse(conn, "node and link states are not simulated");
     subscription_t subscription = {request, INT64_MAX};
     if (request.timeout != (uint32_t)TIPC_WAIT_FOREVER)
         subscription.deadline = broker_now() + request.timeout;
     conn->subscriptions.push_back(subscription);
-    tell_of_present(conn, subscription);
+    notify_existing(conn, subscription);
     topology_flush(conn);
 }
 

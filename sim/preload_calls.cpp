@@ -1,5 +1,5 @@
-// The C library's calls, as the application finds them: what concerns a TIPC socket goes to the simulator, the rest on
-// to the next one in line. And files of which each node has its own.
+// The interposed calls of the C library. A call on a TIPC socket goes to the simulator; any other call goes to the next
+// definition, which dlsym finds. The calls that take a path open the node's own copy of a file when it has one.
 #include "preload.h"
 #include "sim_sys.h"
 
@@ -14,7 +14,7 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 
-// NEXT(call) is the call that ours stands before.
+// NEXT(name) looks the next definition of `name` up once; CALL(name) calls it.
 #define NEXT(name)                                                                                                     \
     static decltype(&::name) s_next_##name;                                                                            \
     if (s_next_##name == nullptr)                                                                                      \
@@ -23,7 +23,7 @@
 
 namespace
 {
-struct held_s { // an entry of the table for the length of a call
+struct held_s { // a reference to a descriptor's entry, held for one call
     explicit held_s(int fd) : entry(preload_get(fd))
     {
     }
@@ -37,7 +37,7 @@ struct held_s { // an entry of the table for the length of a call
     preload_socket_t *entry;
 };
 
-struct one_message_s { // the arguments of the simpler calls as those of the general one
+struct one_message_s { // the arguments of send, recv and the like, as a msghdr
     one_message_s(const void *data, size_t size, const void *addr, socklen_t len)
         : part{const_cast<void *>(data), size}, msg{}
     {
@@ -51,7 +51,7 @@ struct one_message_s { // the arguments of the simpler calls as those of the gen
 };
 } // namespace
 
-// Where a path leads on this node: to its own copy when the file is one that each node has, else to itself.
+// Returns the path of the node's own copy when TIPCSIM_FILES lists the file, else `path` itself.
 static const char *node_path(const char *path, char *own)
 {
     const char *list = getenv("TIPCSIM_FILES");
@@ -167,7 +167,8 @@ ssize_t recvmsg(int fd, struct msghdr *msg, int flags)
     return held.entry != nullptr ? preload_receive(fd, held.entry, msg, flags) : CALL(recvmsg)(fd, msg, flags);
 }
 
-// The end of a topology connection shows as the kernel's does, not as that of the Unix socket beneath.
+// Removes events that the Unix socket reports and the kernel's TIPC does not: POLLOUT and POLLRDHUP on a closed
+// topology connection, POLLHUP on a socket that was never connected.
 static void correct(struct pollfd *fds, nfds_t num)
 {
     for (nfds_t i = 0; i < num; i++) {
@@ -228,7 +229,8 @@ int close(int fd)
     }
     if (!preload_known(fd))
         return CALL(close)(fd);
-    // Closed before it is forgotten: a socket made meanwhile may get the same number.
+    // The entry leaves the table first: another thread may get the same number as soon as the descriptor is closed.
+    // `held` keeps the socket itself until after that.
     held_s held(fd);
     preload_forget(fd);
     return CALL(close)(fd);
@@ -265,7 +267,7 @@ int dup2(int fd, int copy)
     return ret;
 }
 
-// What would be something else on the descriptor beneath.
+// These calls are refused: on the Unix socket that stands for the TIPC socket they would do something else.
 int listen(int fd, int backlog)
 {
     NEXT(listen);

@@ -1,5 +1,5 @@
-// Socket options of simulated TIPC sockets. What is the descriptor's own business (time-outs and the like) goes on to
-// it.
+// Socket options of simulated TIPC sockets. Options of the descriptor itself, such as time-outs, are passed on to the C
+// library.
 #include "preload.h"
 
 #include <cerrno>
@@ -20,12 +20,12 @@ static int set_tipc(preload_socket_t *entry, int name, const void *value, sockle
     sim_socket_t *socket = entry->queue.socket;
     sim_socket_t none = {};
     if (socket == nullptr)
-        socket = &none; // a topology connection: taken and without effect, as it has no queue of ours
+        socket = &none; // a topology connection has no queue: the option is accepted and has no effect
     switch (name) {
     case TIPC_IMPORTANCE:
         if ((int32_t)number > TIPC_CRITICAL_IMPORTANCE)
             return fail(EINVAL);
-        if ((int32_t)number >= 0) // one below zero is taken, and changes nothing
+        if ((int32_t)number >= 0) // a negative value is accepted and changes nothing
             socket->importance = number;
         return 0;
     case TIPC_SRC_DROPPABLE:

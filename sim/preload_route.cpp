@@ -1,5 +1,6 @@
-// The sender's road: from a name to a socket's queue, with the faults that were ordered. Looked-up names and mapped
-// queues are kept until the cluster's generation changes.
+// The path of a sent message: from a name to a socket's queue, or to the broker when the link is slow or cut. Names
+// that were looked up are cached until the cluster's generation changes, mapped queues until their socket is closed or
+// another one needs the place. Faults ordered with `tipcsim fail` are taken here.
 #include "preload.h"
 #include "sim_protocol.h"
 #include "sim_sys.h"
@@ -11,7 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 
-constexpr uint32_t MAX_TARGETS = 8; // sockets on one name that are remembered
+constexpr uint32_t MAX_TARGETS = 8; // sockets cached for one name
 constexpr uint32_t NAME_PLACES = 512;
 constexpr uint32_t PEER_PLACES = 1024;
 
@@ -19,21 +20,23 @@ typedef struct known_name_s {
     uint32_t generation;
     uint32_t type;
     uint32_t instance;
-    uint32_t node; // looked up within this one only, or SIM_ANY_NODE
+    uint32_t node; // index; the lookup was limited to this node, or SIM_ANY_NODE
     uint32_t num;
     preload_target_t targets[MAX_TARGETS];
 } known_name_t;
 
-static pthread_mutex_t s_names_mutex = PTHREAD_MUTEX_INITIALIZER; // guards the two below; the state's mutex under it
+// Guards s_names and s_turn. The state's mutex may be taken under it.
+static pthread_mutex_t s_names_mutex = PTHREAD_MUTEX_INITIALIZER;
 static known_name_t s_names[NAME_PLACES];
-static uint32_t s_turn; // several sockets on one name take turns
+static uint32_t s_turn; // sockets that share a name take turns
 
 static pthread_mutex_t s_peers_mutex = PTHREAD_MUTEX_INITIALIZER; // guards s_peers and the references of its entries
 static sim_queue_t *s_peers[PEER_PLACES];
 
-static pthread_mutex_t s_broker_mutex = PTHREAD_MUTEX_INITIALIZER; // guards s_broker: one request at a time
+// Guards s_broker. It is held from a request to its reply.
+static pthread_mutex_t s_broker_mutex = PTHREAD_MUTEX_INITIALIZER;
 static int s_broker = -1;
-static int s_bell = -1; // made once
+static int s_notify_fd = -1; // made once, under a mutex in notify_fd
 
 static void before_fork()
 {
@@ -52,7 +55,7 @@ static void after_fork()
 static void after_fork_in_child()
 {
     if (s_broker >= 0)
-        (void)sys_close(s_broker); // the parent's conversation
+        (void)sys_close(s_broker); // the connection is the parent's
     s_broker = -1;
     after_fork();
 }
@@ -64,8 +67,8 @@ __attribute__((constructor)) static void prepare_forks()
 
 bool preload_hidden(int fd)
 {
-    return fd >= 0 &&
-           (fd == __atomic_load_n(&s_broker, __ATOMIC_RELAXED) || fd == __atomic_load_n(&s_bell, __ATOMIC_RELAXED));
+    return fd >= 0 && (fd == __atomic_load_n(&s_broker, __ATOMIC_RELAXED) ||
+                       fd == __atomic_load_n(&s_notify_fd, __ATOMIC_RELAXED));
 }
 
 int preload_hide(int fd)
@@ -77,7 +80,7 @@ int preload_hide(int fd)
     return high;
 }
 
-int preload_tell_broker(uint32_t op, uint32_t a, uint32_t b, const struct iovec *more, size_t num)
+int preload_ask_broker(uint32_t op, uint32_t a, uint32_t b, const struct iovec *more, size_t num)
 {
     sim_cluster_t *cluster = preload_cluster();
     sim_request_t request = {SIM_MAGIC, op, cluster->state->nodes[preload_node()], a, b, 0};
@@ -112,8 +115,8 @@ static bool matches(const sim_state_t *state, const sim_name_t *name, uint32_t t
     return name->scope != TIPC_NODE_SCOPE && sim_linked(state->down, me, name->node);
 }
 
-// Under s_names_mutex. The sockets on a name, newest first; of ranges that overlap the one with the lowest bound
-// counts.
+// Called with s_names_mutex held. Finds the sockets bound to a name, newest first. Of overlapping ranges the one with
+// the lowest lower bound is used.
 static void look_up(known_name_t *known, uint32_t type, uint32_t instance, uint32_t node)
 {
     sim_state_t *state = preload_cluster()->state;
@@ -132,7 +135,8 @@ static void look_up(known_name_t *known, uint32_t type, uint32_t instance, uint3
     }
 }
 
-// The upper bits of the product depend on every bit: instances often differ in their upper half alone.
+// The upper bits of the product are used, because every bit of the key affects them: instances often differ in their
+// upper half only.
 static uint32_t name_place(uint32_t type, uint32_t instance)
 {
     return (type * 31 + instance) * 2654435761U / (UINT32_MAX / NAME_PLACES + 1);
@@ -164,7 +168,7 @@ static void put_peer(sim_queue_t *peer)
     free(peer);
 }
 
-// Under s_peers_mutex: the place keeps one reference of its own.
+// Called with s_peers_mutex held. The place keeps one reference to its entry; the caller releases the returned one.
 static sim_queue_t *replace_peer(sim_queue_t **place, sim_queue_t *fresh)
 {
     sim_queue_t *old = *place;
@@ -172,7 +176,7 @@ static sim_queue_t *replace_peer(sim_queue_t **place, sim_queue_t *fresh)
     return old;
 }
 
-// The mapped queue of a socket; null when it is gone. To be given back with put_peer.
+// The mapped queue of a socket, null when the socket is gone. Release it with put_peer.
 static sim_queue_t *get_peer(uint32_t port)
 {
     sim_queue_t **place = &s_peers[port % PEER_PLACES];
@@ -198,18 +202,18 @@ static sim_queue_t *get_peer(uint32_t port)
     return peer;
 }
 
-static int the_bell()
+static int notify_fd()
 {
-    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; // guards the making of s_bell
+    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; // guards the creation of s_notify_fd
     (void)pthread_mutex_lock(&mutex);
-    if (s_bell < 0)
-        __atomic_store_n(&s_bell, preload_hide((int)syscall(SYS_socket, AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+    if (s_notify_fd < 0)
+        __atomic_store_n(&s_notify_fd, preload_hide((int)syscall(SYS_socket, AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
                          __ATOMIC_RELAXED);
     (void)pthread_mutex_unlock(&mutex);
-    return s_bell;
+    return s_notify_fd;
 }
 
-// Handed to the broker, which keeps it for as long as the link is slow or cut. False when there is none to hand it to.
+// Hands a message to the broker, which keeps it while the link is slow or cut. False when the broker did not take it.
 static bool delivered_later(const preload_target_t *target, sim_record_t *record, const struct iovec *data, size_t num)
 {
     static thread_local uint8_t s_bytes[SIM_MAX_DATA];
@@ -219,7 +223,7 @@ static bool delivered_later(const preload_target_t *target, sim_record_t *record
         len += data[i].iov_len;
     }
     struct iovec more[2] = {{record, sizeof(*record)}, {s_bytes, len}};
-    return preload_tell_broker(SIM_DELIVER, target->port, target->node, more, 2) == 0;
+    return preload_ask_broker(SIM_DELIVER, target->port, target->node, more, 2) == 0;
 }
 
 uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, const struct iovec *data, size_t num)
@@ -228,7 +232,7 @@ uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, c
     if (!sim_linked(cluster->state->cut, preload_node(), target->node)) {
         if (sim_linked(cluster->state->down, preload_node(), target->node))
             (void)delivered_later(target, record, data, num);
-        return TIPC_OK; // on the wire; lost with the link, or delivered when that is healed in time
+        return TIPC_OK; // the message is on the wire: lost with the link, or delivered when the link is healed in time
     }
     if (__atomic_load_n(&cluster->state->delay_num, __ATOMIC_RELAXED) != 0 &&
         delivered_later(target, record, data, num))
@@ -236,13 +240,12 @@ uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, c
     sim_queue_t *peer = get_peer(target->port);
     if (peer == nullptr)
         return TIPC_ERR_NO_PORT;
-    uint32_t err = sim_queue_put(peer, cluster->dir, the_bell(), record, data, num);
+    uint32_t err = sim_queue_put(peer, cluster->dir, notify_fd(), record, data, num);
     put_peer(peer);
     return err;
 }
 
-void preload_give_back(const sim_record_t *record, const uint8_t *data, uint32_t err, uint32_t by_port,
-                       uint32_t by_node)
+void preload_return(const sim_record_t *record, const uint8_t *data, uint32_t err, uint32_t by_port, uint32_t by_node)
 {
     sim_cluster_t *cluster = preload_cluster();
     if (record->err != TIPC_OK || !sim_linked(cluster->state->cut, preload_node(), record->src_index))
@@ -250,7 +253,7 @@ void preload_give_back(const sim_record_t *record, const uint8_t *data, uint32_t
     sim_queue_t *sender = get_peer(record->src_port);
     if (sender == nullptr)
         return;
-    sim_queue_return(sender, cluster->dir, the_bell(), record, data, err, by_port, by_node);
+    sim_queue_return(sender, cluster->dir, notify_fd(), record, data, err, by_port, by_node);
     put_peer(sender);
 }
 

@@ -1,5 +1,4 @@
-// TIPC sockets as the kernel makes them behave, on queues in shared memory. Each call is entered by whatever thread of
-// the application makes it.
+// The kernel's behaviour of TIPC sockets, on queues in shared memory.
 #include "preload.h"
 #include "sim_protocol.h"
 #include "sim_sys.h"
@@ -17,7 +16,7 @@
 constexpr int MAX_FDS = 65536;
 constexpr uint32_t FIRST_FREE_TYPE = TIPC_RESERVED_TYPES;
 
-static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER; // guards the table's changes and the entries' references
+static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER; // guards changes of s_table and the entries' references
 static preload_socket_t *s_table[MAX_FDS];
 
 static pthread_mutex_t s_cluster_mutex = PTHREAD_MUTEX_INITIALIZER; // guards the opening of the cluster
@@ -90,10 +89,10 @@ preload_socket_t *preload_get(int fd)
     return entry;
 }
 
-static void give_back_unread(void *arg, const sim_record_t *record, const uint8_t *data)
+static void return_unread(void *arg, const sim_record_t *record, const uint8_t *data)
 {
     const sim_socket_t *socket = (const sim_socket_t *)arg;
-    preload_give_back(record, data, TIPC_ERR_NO_PORT, socket->port, s_cluster.state->nodes[socket->node]);
+    preload_return(record, data, TIPC_ERR_NO_PORT, socket->port, s_cluster.state->nodes[socket->node]);
 }
 
 bool preload_connected(int fd)
@@ -105,21 +104,21 @@ bool preload_connected(int fd)
     return connected;
 }
 
-// The last descriptor of this process is gone. A child or parent may still have the socket.
+// Called when the last reference of this process is gone. A child or the parent may still hold the socket.
 static void close_socket(preload_socket_t *entry)
 {
     sim_queue_t *queue = &entry->queue;
     if (entry->kind == PRELOAD_TOPOLOGY)
         return;
-    (void)sys_close(queue->fd); // our hold on it
+    (void)sys_close(queue->fd); // releases this process's share of the lock on the file
     queue->fd = -1;
     if (sim_queue_abandoned(s_cluster.dir, queue->port)) {
-        sim_queue_close(queue, give_back_unread, queue->socket);
+        sim_queue_close(queue, return_unread, queue->socket);
         sim_queue_remove(s_cluster.dir, queue->port);
-        (void)preload_tell_broker(SIM_GONE, queue->port, 0, nullptr, 0);
-    } else { // another process has it still: its end is not ours
+        (void)preload_ask_broker(SIM_GONE, queue->port, 0, nullptr, 0);
+    } else { // another process still has the socket, so it stays open
         queue->socket->pid = 0;
-        (void)preload_tell_broker(SIM_SYNC, queue->port, 0, nullptr, 0);
+        (void)preload_ask_broker(SIM_SYNC, queue->port, 0, nullptr, 0);
     }
     sim_queue_unmap(queue);
 }
@@ -167,12 +166,12 @@ void preload_share(int fd, int copy)
     preload_put(entry);
 }
 
-static int open_doorbell(const sim_cluster_t *cluster, uint32_t port, int flags)
+static int open_wakeup_socket(const sim_cluster_t *cluster, uint32_t port, int flags)
 {
     struct sockaddr_un addr;
     memset(&addr, 0, sizeof(addr));
     addr.sun_family = AF_UNIX;
-    if (!sim_queue_doorbell_path(cluster->dir, port, addr.sun_path, sizeof(addr.sun_path)))
+    if (!sim_queue_wakeup_path(cluster->dir, port, addr.sun_path, sizeof(addr.sun_path)))
         return -ENAMETOOLONG;
     int fd = (int)syscall(SYS_socket, AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | flags, 0);
     if (fd < 0)
@@ -184,7 +183,7 @@ static int open_doorbell(const sim_cluster_t *cluster, uint32_t port, int flags)
     return -err;
 }
 
-// Under the cluster's lock, so that the broker does not take the folder for unused meanwhile.
+// Takes the cluster's lock, so that the broker does not find the folder unused and remove it meanwhile.
 static int open_rdm(sim_cluster_t *cluster, preload_socket_t *entry, int flags)
 {
     int lock = sim_cluster_lock(cluster->dir);
@@ -194,7 +193,7 @@ static int open_rdm(sim_cluster_t *cluster, preload_socket_t *entry, int flags)
             (void)sys_close(lock);
         return ret;
     }
-    int fd = open_doorbell(cluster, entry->queue.port, flags);
+    int fd = open_wakeup_socket(cluster, entry->queue.port, flags);
     if (fd < 0) {
         sim_queue_remove(cluster->dir, entry->queue.port);
         sim_queue_unmap(&entry->queue);
@@ -229,8 +228,8 @@ int preload_socket(int type)
         free(entry);
         return fail(err);
     }
-    if (kind == SOCK_RDM) { // the broker watches over its end from here on
-        int ret = preload_tell_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
+    if (kind == SOCK_RDM) { // from here on the broker closes the socket when its processes end
+        int ret = preload_ask_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
         if (ret != 0)
             preload_complain("no broker in %s: names will be known when there is one again", cluster->dir);
     }
@@ -257,7 +256,7 @@ static int change_names(sim_socket_t *socket, const sim_name_t *name, bool withd
         return 0;
     }
     if (socket->name_num == 0)
-        return 0; // whatever is to be withdrawn
+        return 0; // with no names at all, every withdrawal succeeds
     uint32_t kept = 0;
     uint32_t removed = 0;
     for (uint32_t i = 0; i < socket->name_num; i++) {
@@ -270,10 +269,10 @@ static int change_names(sim_socket_t *socket, const sim_name_t *name, bool withd
     return removed != 0 || name == nullptr ? 0 : EINVAL;
 }
 
-static int told(preload_socket_t *entry)
+static int synchronise_names(preload_socket_t *entry)
 {
-    (void)preload_tell_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
-    return 0; // without a broker the name becomes known with the next one
+    (void)preload_ask_broker(SIM_SYNC, entry->queue.port, 0, nullptr, 0);
+    return 0; // when there is no broker, the next one reads the names from the socket
 }
 
 int preload_bind(preload_socket_t *entry, const struct sockaddr *generic, socklen_t len)
@@ -282,7 +281,7 @@ int preload_bind(preload_socket_t *entry, const struct sockaddr *generic, sockle
     if (entry->kind != PRELOAD_RDM)
         return preload_refuse("bind on SOCK_SEQPACKET");
     if (len == 0)
-        return change_names(entry->queue.socket, nullptr, true) == 0 ? told(entry) : -1;
+        return change_names(entry->queue.socket, nullptr, true) == 0 ? synchronise_names(entry) : -1;
     if (len < sizeof(*addr) || addr->family != AF_TIPC)
         return fail(EINVAL);
     if (addr->addrtype == TIPC_SOCKET_ADDR)
@@ -303,7 +302,7 @@ int preload_bind(preload_socket_t *entry, const struct sockaddr *generic, sockle
     if (name.lower > name.upper)
         return fail(EINVAL);
     int err = change_names(entry->queue.socket, &name, addr->scope < 0);
-    return err == 0 ? told(entry) : fail(err);
+    return err == 0 ? synchronise_names(entry) : fail(err);
 }
 
 int preload_connect(int fd, preload_socket_t *entry, const struct sockaddr *generic, socklen_t len)
@@ -358,7 +357,7 @@ static void refuse_message(const sim_record_t *record, const struct msghdr *msg,
         memcpy(start + at, msg->msg_iov[i].iov_base, part);
         at += part;
     }
-    preload_give_back(record, start, err, by->port, s_cluster.state->nodes[by->node]);
+    preload_return(record, start, err, by->port, s_cluster.state->nodes[by->node]);
 }
 
 static uint32_t known_node(uint32_t id)
@@ -391,7 +390,7 @@ static ssize_t send_by_name(const struct sockaddr_tipc *addr, sim_record_t *reco
         if (err == TIPC_OK)
             return record->len;
         if (err == TIPC_ERR_NO_PORT && tries == 0)
-            continue; // the name may lie elsewhere as well
+            continue; // another socket may have the same name
         refuse_message(record, msg, err == TIPC_ERR_NO_PORT ? (uint32_t)TIPC_ERR_NO_NAME : err, &target);
         return record->len;
     }
@@ -409,7 +408,8 @@ static ssize_t send_by_port(const struct sockaddr_tipc *addr, sim_record_t *reco
     return record->len;
 }
 
-// What a fault makes of a send: -1 and errno, fewer bytes, or a message that comes straight back.
+// Takes a fault ordered with `tipcsim fail`, if there is one for this process: the send fails with an errno, reports
+// fewer bytes, or its message is returned at once.
 static bool faulted(sim_record_t *record, const struct msghdr *msg, ssize_t *result)
 {
     uint32_t value = 0;
@@ -514,7 +514,8 @@ static void name_sender(const sim_record_t *record, struct msghdr *msg)
     msg->msg_namelen = sizeof(addr);
 }
 
-// Waits for the doorbell as a blocking read does. 0 or an errno.
+// Waits until the wake-up socket holds a byte, as a blocking read would: not at all when the descriptor or the call is
+// non-blocking, else for SO_RCVTIMEO. 0 or an errno.
 static int wait_readable(int fd, int flags)
 {
     if ((flags & MSG_DONTWAIT) != 0 || (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0)
@@ -531,7 +532,8 @@ static int wait_readable(int fd, int flags)
     return ret < 0 ? errno : 0;
 }
 
-// A returned message's data goes into the control buffer, so it is read into one of ours first.
+// Receives one message. The data of a returned message goes into the control buffer, so it is first read into a buffer
+// of this function.
 static ssize_t hand_over(preload_socket_t *entry, int fd, struct msghdr *msg, int flags, bool *again)
 {
     uint8_t returned[SIM_MAX_RETURNED];
@@ -548,7 +550,7 @@ static ssize_t hand_over(preload_socket_t *entry, int fd, struct msghdr *msg, in
     if (ret != 0)
         return ret;
     if (!came_back && record.len == 0) {
-        *again = true; // the kernel, too, wakes for an empty datagram and then passes it over
+        *again = true; // the kernel wakes the receiver for an empty datagram, too, and then skips it
         if (peek)
             (void)sim_queue_get(&entry->queue, fd, false, &taken, nullptr, 0);
         return 0;

@@ -1,5 +1,4 @@
-// The shared folder and state of a cluster. Entered by processes under the preload library, the broker and the
-// launcher; no C++ runtime is needed.
+// The shared folder, state and locks of a cluster.
 #include "sim_cluster.h"
 #include "sim_sys.h"
 
@@ -37,8 +36,8 @@ void sim_mutex_unlock(sim_mutex_t *mutex)
     (void)pthread_mutex_unlock(&mutex->mutex);
 }
 
-// Out of the word that the kernel itself reads when a thread dies: a field of our own would be wrong for a moment
-// after each lock and before each unlock.
+// Reads the word that the kernel itself reads when a thread dies. A separate field would be wrong for a moment after
+// each lock and before each unlock.
 pid_t sim_mutex_holder(const sim_mutex_t *mutex)
 {
     return (pid_t)((unsigned)__atomic_load_n(&mutex->mutex.__data.__lock, __ATOMIC_RELAXED) & FUTEX_TID_MASK);
@@ -86,7 +85,7 @@ int sim_cluster_lock(const char *dir)
             (void)sys_close(fd);
             return -err;
         }
-        // The folder may have been removed, and made anew, while we waited.
+        // The folder may have been removed, and made again, during the wait.
         struct stat mine;
         struct stat there;
         if (fstat(fd, &mine) == 0 && stat(path, &there) == 0 && mine.st_ino == there.st_ino)
@@ -99,7 +98,7 @@ int sim_cluster_lock(const char *dir)
 
 static int create_state(int fd)
 {
-    int err = posix_fallocate(fd, 0, sizeof(sim_state_t)); // all of it now: a full disk must not show as SIGBUS later
+    int err = posix_fallocate(fd, 0, sizeof(sim_state_t)); // all of it now: a full disk would raise SIGBUS later
     if (err != 0)
         return -err;
     void *memory = mmap(nullptr, sizeof(sim_state_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -116,7 +115,7 @@ static int create_state(int fd)
     return 0;
 }
 
-// Under the cluster's lock.
+// Called with the cluster's lock held.
 static int map_state(sim_cluster_t *cluster, bool create, const char **why)
 {
     char path[SIM_PATH_LEN];
@@ -166,7 +165,7 @@ int sim_cluster_open(sim_cluster_t *cluster, const char *dir, bool create, const
         *why = "cannot lock it";
         int lock = sim_cluster_lock(dir);
         if (lock == -ENOENT && create)
-            continue; // removed by its broker between the two
+            continue; // the broker removed the folder between mkdir and the lock
         if (lock < 0)
             return lock;
         int ret = map_state(cluster, create, why);

@@ -1,4 +1,4 @@
-// The files of a folder, for the launcher and the broker.
+// Lists the files of a folder, for the launcher and the broker.
 #ifndef SIM_FILES_H
 #define SIM_FILES_H
 
@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-// Calls take(name) for each file of `dir` whose name begins with `prefix`; what it takes away is not met again.
+// Calls take(name) for each file of `dir_name` whose name begins with `prefix`. The names are collected first, so
+// `take` may remove files.
 template <typename take_t>
 static void sim_each_file(const char *dir_name, const char *prefix, take_t take)
 {

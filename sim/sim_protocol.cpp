@@ -1,4 +1,4 @@
-// The asking side of the broker's protocol.
+// The client's side of the broker's protocol.
 #include "sim_protocol.h"
 #include "sim_sys.h"
 
@@ -34,13 +34,13 @@ static int connect_once(const char *dir)
     return fd;
 }
 
-// The program returns when its broker listens, or when another one does already.
+// The program goes to the background once its broker listens, and ends at once when there is a broker already.
 static void start_broker(const char *dir, const char *tool)
 {
     char word[] = "broker";
     char option[] = "--cluster";
     char *argv[] = {const_cast<char *>(tool), word, option, const_cast<char *>(dir), nullptr};
-    char *plain[128]; // without what concerns the application alone
+    char *plain[128]; // the environment without LD_PRELOAD, which is for the application only
     size_t num = 0;
     for (char **entry = environ; *entry != nullptr && num < 127; entry++) {
         if (strncmp(*entry, "LD_PRELOAD=", 11) != 0)

@@ -1,6 +1,4 @@
-// The queue in a simulated socket's file. Entered by its owner, by every sender and by the broker, each through a
-// mapping of its own; a process killed at any step leaves a queue that the next one finds whole: `tail` and `head` move
-// last, and the counts are made anew from them.
+// The files of a simulated socket and the queue in them.
 #include "sim_queue.h"
 #include "sim_sys.h"
 
@@ -19,7 +17,7 @@
 
 constexpr size_t HEAD_SIZE = 4096;
 constexpr size_t BACKING_STEP = 65536;
-static_assert(sizeof(sim_socket_t) <= HEAD_SIZE, "the head has a page");
+static_assert(sizeof(sim_socket_t) <= HEAD_SIZE, "the head fits into its page");
 
 static bool segment_path(const char *dir, uint32_t port, char *path, size_t size)
 {
@@ -28,7 +26,7 @@ static bool segment_path(const char *dir, uint32_t port, char *path, size_t size
     return sim_cluster_path(dir, name, path, size);
 }
 
-bool sim_queue_doorbell_path(const char *dir, uint32_t port, char *path, size_t size)
+bool sim_queue_wakeup_path(const char *dir, uint32_t port, char *path, size_t size)
 {
     char name[32];
     (void)snprintf(name, sizeof(name), "d.%u", port);
@@ -44,14 +42,14 @@ uint32_t sim_queue_charge(uint32_t len)
     return size + 256;
 }
 
-// Room for what the highest importance admits, and one message that did not fit before the end.
+// Room for all that the highest importance admits, and for one message that does not fit before the end of the room.
 static size_t room_for(uint32_t rmem)
 {
     size_t room = ((size_t)rmem << 3) + 2 * sim_queue_charge(SIM_MAX_DATA);
     return (room + 4095) & ~(size_t)4095;
 }
 
-// Through a descriptor of its own: a mapping keeps the lock of the one that it was made with.
+// Opens a descriptor of its own: a mapping keeps the lock of the descriptor that it was made with.
 static int map_segment(sim_queue_t *queue, const char *path, size_t size)
 {
     int fd = open(path, O_RDWR | O_CLOEXEC);
@@ -113,7 +111,7 @@ int sim_queue_open(sim_queue_t *queue, const char *dir, uint32_t port)
         return -errno;
     int ret = fstat(queue->fd, &status) != 0 ? -errno : 0;
     if (ret == 0 && status.st_size <= (off_t)HEAD_SIZE)
-        ret = -EINVAL; // garbage, or its maker has not come further yet
+        ret = -EINVAL; // garbage, or a file that is still being made
     if (ret == 0)
         ret = map_segment(queue, path, (size_t)status.st_size);
     if (ret == 0 && __atomic_load_n(&queue->socket->magic, __ATOMIC_ACQUIRE) != SIM_MAGIC) {
@@ -121,7 +119,7 @@ int sim_queue_open(sim_queue_t *queue, const char *dir, uint32_t port)
         queue->socket = nullptr;
         ret = -EINVAL;
     }
-    (void)sys_close(queue->fd); // the owner alone keeps it
+    (void)sys_close(queue->fd); // only the owner keeps it
     queue->fd = -1;
     return ret;
 }
@@ -142,7 +140,7 @@ void sim_queue_remove(const char *dir, uint32_t port)
     char path[SIM_PATH_LEN];
     if (segment_path(dir, port, path, sizeof(path)))
         (void)unlink(path);
-    if (sim_queue_doorbell_path(dir, port, path, sizeof(path)))
+    if (sim_queue_wakeup_path(dir, port, path, sizeof(path)))
         (void)unlink(path);
 }
 
@@ -164,27 +162,27 @@ static sim_record_t *record_at(sim_queue_t *queue, uint32_t offset)
     return (sim_record_t *)(queue->room + offset);
 }
 
-// The first record at or behind `offset`, over the end of the room if need be.
-static uint32_t settle(sim_queue_t *queue, uint32_t offset)
+// The offset of the next record: `offset`, or 0 when that record is at the start of the room.
+static uint32_t next_record(sim_queue_t *queue, uint32_t offset)
 {
     if (offset + sizeof(sim_record_t) > queue->room_size || record_at(queue, offset)->size == 0)
         return 0;
     return offset;
 }
 
-// After a holder's death: the counts follow from head and tail.
+// Counts the messages again from head and tail, after a process died with the mutex held.
 static void recount(sim_queue_t *queue)
 {
     sim_socket_t *socket = queue->socket;
     socket->num = 0;
     socket->charged = 0;
     for (uint32_t at = socket->head; at != socket->tail;) {
-        at = settle(queue, at);
+        at = next_record(queue, at);
         socket->num++;
         socket->charged += record_at(queue, at)->charge;
         at += record_at(queue, at)->size;
     }
-    socket->rung = 0; // one ring too many does no harm
+    socket->notified = 0; // may be wrong, but an additional wake-up does no harm
 }
 
 struct queue_guard_s : sim_guard_s {
@@ -195,7 +193,7 @@ struct queue_guard_s : sim_guard_s {
     }
 };
 
-// Where a record of `size` bytes goes, or UINT32_MAX when there is no room.
+// The offset for a new record of `size` bytes, or UINT32_MAX when there is no room.
 static uint32_t find_room(sim_queue_t *queue, uint32_t size)
 {
     sim_socket_t *socket = queue->socket;
@@ -226,7 +224,7 @@ static bool allocate(sim_queue_t *queue, const char *dir, uint64_t bytes)
     return err == 0;
 }
 
-// The disk must have given the room before it is written to.
+// Allocates the room on the disk up to `end` before it is written to. On a full disk the write would raise SIGBUS.
 static bool back(sim_queue_t *queue, const char *dir, uint64_t end)
 {
     sim_socket_t *socket = queue->socket;
@@ -243,24 +241,24 @@ static bool back(sim_queue_t *queue, const char *dir, uint64_t end)
     return true;
 }
 
-// False when nobody listens any more.
-static bool ring(sim_queue_t *queue, const char *dir, int bell)
+// Writes the byte that wakes the receiver. False when nobody has the wake-up socket open any more.
+static bool notify(sim_queue_t *queue, const char *dir, int notify_fd)
 {
     struct sockaddr_un addr;
     memset(&addr, 0, sizeof(addr));
     addr.sun_family = AF_UNIX;
-    if (!sim_queue_doorbell_path(dir, queue->port, addr.sun_path, sizeof(addr.sun_path)))
+    if (!sim_queue_wakeup_path(dir, queue->port, addr.sun_path, sizeof(addr.sun_path)))
         return false;
     for (;;) {
-        if (sendto(bell, "", 1, MSG_DONTWAIT | MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr)) == 1)
+        if (sendto(notify_fd, "", 1, MSG_DONTWAIT | MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr)) == 1)
             return true;
         if (errno != EINTR)
             return errno == EAGAIN;
     }
 }
 
-uint32_t sim_queue_put(sim_queue_t *queue, const char *dir, int bell, sim_record_t *record, const struct iovec *data,
-                       size_t num)
+uint32_t sim_queue_put(sim_queue_t *queue, const char *dir, int notify_fd, sim_record_t *record,
+                       const struct iovec *data, size_t num)
 {
     sim_socket_t *socket = queue->socket;
     if (record->err == TIPC_OK)
@@ -280,21 +278,21 @@ uint32_t sim_queue_put(sim_queue_t *queue, const char *dir, int bell, sim_record
         memcpy(to, data[i].iov_base, data[i].iov_len);
         to += data[i].iov_len;
     }
-    if (socket->rung == 0 && !ring(queue, dir, bell))
+    if (socket->notified == 0 && !notify(queue, dir, notify_fd))
         return TIPC_ERR_NO_PORT;
-    socket->rung = 1;
+    socket->notified = 1;
     socket->tail = at + record->size;
     socket->num++;
     socket->charged += record->charge;
     return TIPC_OK;
 }
 
-static void silence(sim_socket_t *socket, int doorbell)
+static void drain(sim_socket_t *socket, int wakeup_fd)
 {
     char byte;
-    while (sys_recv(doorbell, &byte, 1, MSG_DONTWAIT) >= 0)
+    while (sys_recv(wakeup_fd, &byte, 1, MSG_DONTWAIT) >= 0)
         continue;
-    socket->rung = 0;
+    socket->notified = 0;
 }
 
 static void copy_out(const uint8_t *from, size_t len, const struct iovec *data, size_t num)
@@ -307,16 +305,16 @@ static void copy_out(const uint8_t *from, size_t len, const struct iovec *data, 
     }
 }
 
-int sim_queue_get(sim_queue_t *queue, int doorbell, bool peek, sim_record_t *record, const struct iovec *data,
+int sim_queue_get(sim_queue_t *queue, int wakeup_fd, bool peek, sim_record_t *record, const struct iovec *data,
                   size_t num)
 {
     sim_socket_t *socket = queue->socket;
     queue_guard_s guard(queue);
     if (socket->num == 0) {
-        silence(socket, doorbell);
+        drain(socket, wakeup_fd);
         return -EAGAIN;
     }
-    uint32_t at = settle(queue, socket->head);
+    uint32_t at = next_record(queue, socket->head);
     *record = *record_at(queue, at);
     copy_out(queue->room + at + sizeof(*record), record->len, data, num);
     if (peek)
@@ -325,26 +323,26 @@ int sim_queue_get(sim_queue_t *queue, int doorbell, bool peek, sim_record_t *rec
     socket->num--;
     socket->charged -= record->charge;
     if (socket->num == 0)
-        silence(socket, doorbell);
+        drain(socket, wakeup_fd);
     return 0;
 }
 
-void sim_queue_close(sim_queue_t *queue, sim_give_back_t give_back, void *arg)
+void sim_queue_close(sim_queue_t *queue, sim_return_t return_message, void *arg)
 {
     sim_socket_t *socket = queue->socket;
     {
         queue_guard_s guard(queue);
-        socket->closed = 1; // nobody puts anything in from here on
+        socket->closed = 1; // no message is added from here on
     }
     for (; socket->num != 0; socket->num--) {
-        uint32_t at = settle(queue, socket->head);
+        uint32_t at = next_record(queue, socket->head);
         const sim_record_t *record = record_at(queue, at);
-        give_back(arg, record, queue->room + at + sizeof(*record));
+        return_message(arg, record, queue->room + at + sizeof(*record));
         socket->head = at + record->size;
     }
 }
 
-void sim_queue_return(sim_queue_t *to, const char *dir, int bell, const sim_record_t *record, const uint8_t *data,
+void sim_queue_return(sim_queue_t *to, const char *dir, int notify_fd, const sim_record_t *record, const uint8_t *data,
                       uint32_t err, uint32_t by_port, uint32_t by_node)
 {
     if (record->err != TIPC_OK || record->droppable != 0)
@@ -355,8 +353,8 @@ void sim_queue_return(sim_queue_t *to, const char *dir, int bell, const sim_reco
     answer.src_port = by_port;
     answer.src_node = by_node;
     answer.droppable = 1;
-    answer.importance = TIPC_CRITICAL_IMPORTANCE; // as the kernel judges its room
+    answer.importance = TIPC_CRITICAL_IMPORTANCE; // the limit up to which the kernel admits returned messages
     answer.charge = answer.len + 128;
     struct iovec part = {const_cast<uint8_t *>(data), answer.len};
-    (void)sim_queue_put(to, dir, bell, &answer, &part, 1);
+    (void)sim_queue_put(to, dir, notify_fd, &answer, &part, 1);
 }

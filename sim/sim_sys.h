@@ -1,4 +1,5 @@
-// System calls that the preload library itself interposes, as the simulator's own code makes them: straight.
+// System calls that the preload library interposes. The simulator's own code makes them directly, so that it does not
+// enter the interposed ones.
 #ifndef SIM_SYS_H
 #define SIM_SYS_H
 

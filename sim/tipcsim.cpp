@@ -1,4 +1,4 @@
-// The launcher: processes of simulated nodes, whole clusters for the length of a command, and what befalls them.
+// The launcher. It starts processes on simulated nodes, makes a cluster for the length of a command, and orders faults.
 #include "sim_protocol.h"
 
 #include <algorithm>
@@ -25,27 +25,30 @@
 #include "sim_files.h"
 
 static const char USAGE[] =
-    R"(tipcsim run --node N [options] -- COMMAND [ARG...]      COMMAND as a process of node N
-  --cluster NAME      which cluster (default "default", or the one that this runs in)
-  --file PATH=TEMPLATE  the node's own file PATH; @NODE@ in TEMPLATE is its id (repeatable)
-tipcsim cluster [options] -- COMMAND [ARG...]           a cluster of its own for the length of COMMAND
-  --nodes N           nodes 1 to N are named in LAB_NODES and get their files (default 1)
-  --rmem BYTES        receive queue of a socket at importance 0 (default 2097152)
-  --tolerance MS      from a cut to the loss of the link (default 1500)
-  --timeout S         ends everything after that long, status 124
-  --file PATH=TEMPLATE
+    R"(tipcsim run --node N [options] -- COMMAND [ARG...]      run COMMAND as a process of node N
+  --cluster NAME        the cluster (default: the one that the caller runs in, else "default")
+  --file PATH=TEMPLATE  give the node its own file PATH; @NODE@ in TEMPLATE is the node id (repeatable)
+tipcsim cluster [options] -- COMMAND [ARG...]           make a cluster, run COMMAND, remove the cluster
+  --nodes N             name nodes 1 to N in LAB_NODES and make their files (default 1)
+  --rmem BYTES          size of a socket's receive queue at importance 0 (default 2097152)
+  --tolerance MS        time from a cut to the loss of the link (default 1500)
+  --timeout S           end everything after S seconds, with status 124
+  --file PATH=TEMPLATE  as for run
 
-While processes run; NODE and PID are those of the cluster that TIPCSIM_CLUSTER or --cluster names:
-tipcsim exec NODE -- COMMAND [ARG...]                   like run
-tipcsim cut A [B]     tipcsim heal A [B]                the links of A, or the one to B
-tipcsim node-down N   tipcsim node-up N                 a board loses its power, and comes back
-tipcsim kill N        tipcsim stall N      tipcsim resume N   a node's processes, or with --pid P one of them
-tipcsim drop-topology [N]                               its topology connections close
-tipcsim delay A B MS                                    what passes between them takes so long; 0 ends it
+While processes run, in the cluster that --cluster or TIPCSIM_CLUSTER names:
+tipcsim exec NODE -- COMMAND [ARG...]                   as run
+tipcsim cut A [B]     tipcsim heal A [B]                cut or heal all links of A, or the one to B
+tipcsim node-down N   tipcsim node-up N                 a board loses its power: its links are lost at once and its
+                                                        processes killed; node-up heals the links
+tipcsim kill N        tipcsim stall N      tipcsim resume N
+                                                        kill, stop or continue a node's processes, or one with --pid P
+tipcsim drop-topology [N]                               close all topology connections, or those of node N
+tipcsim delay A B MS                                    delay messages between A and B, in both directions; 0 ends it
 tipcsim fail --node N | --pid P  --sends COUNT  --errno E | --short BYTES | --return CODE
-tipcsim broker-stop   tipcsim broker-start              none until it is started again
-tipcsim links | names | wait-links
-tipcsim broker --cluster DIR                            the broker itself; started when it is needed
+                                                        make the next COUNT sends fail (default 1)
+tipcsim broker-stop   tipcsim broker-start              kill the broker, so that there is none until broker-start
+tipcsim links | names | wait-links                      print the links or the names; wait-links returns at once
+tipcsim broker --cluster DIR                            run the broker; clients start it when they need it
 )";
 
 typedef std::vector<std::string> words_t;
@@ -63,7 +66,7 @@ typedef struct options_s {
     std::string bytes;
     std::string code;
     words_t files;
-    words_t words; // what is no option
+    words_t words; // arguments that are not options
     char **command = nullptr;
 } options_t;
 
@@ -145,7 +148,7 @@ static int ask(uint32_t op, uint32_t a, uint32_t b, uint32_t value, bool keep = 
     return -1;
 }
 
-// PATH=TEMPLATE of every file that each node has of its own: the cluster's and the caller's.
+// PATH=TEMPLATE of every file that each node has a copy of: from the caller's options, the cluster's, and the defaults.
 static words_t node_files(const options_t &options)
 {
     words_t files = options.files;
@@ -178,7 +181,8 @@ static std::string filled(const std::string &path, const std::string &from, cons
     return text;
 }
 
-// Once for each node: what its processes change or remove stays so.
+// Makes the node's files once, when the node is first used. What its processes change or remove stays changed or
+// removed.
 static void make_node_files(const options_t &options, const std::string &node)
 {
     std::string root = in_cluster("nodes/" + node);
@@ -202,7 +206,8 @@ static void make_node_files(const options_t &options, const std::string &node)
     }
 }
 
-// The process's mark in the cluster, held by an inherited descriptor: while it, or a child, lives.
+// Makes the process's "p." file and locks it. The descriptor is inherited, so the lock is held as long as the process,
+// or a child of it, lives.
 static void mark_process(const std::string &node)
 {
     int lock = sim_cluster_lock(s_cluster.dir);
@@ -240,7 +245,7 @@ static int run(const options_t &options)
     make_node_files(options, node);
     if (sim_node_index(s_cluster.state, (uint32_t)atol(node.c_str())) == SIM_ANY_NODE)
         die("a cluster has at most " + std::to_string(SIM_MAX_NODES) + " nodes");
-    if (s_cluster.state->held == 0) { // it also tidies up, whether the command ever opens a socket or not
+    if (s_cluster.state->held == 0) { // the broker removes the cluster, even when the command never opens a socket
         int fd = sim_broker_connect(&s_cluster, self().c_str());
         if (fd < 0)
             die("no broker in " + std::string(s_cluster.dir) + ": " + strerror(-fd));
@@ -254,7 +259,7 @@ static int run(const options_t &options)
     (void)setenv("TIPCSIM_NODE", node.c_str(), 1);
     (void)setenv("TIPCSIM_TOOL", self().c_str(), 1);
     add_option("LD_PRELOAD", preload_library());
-    add_option("ASAN_OPTIONS", "verify_asan_link_order=0"); // the sanitizer need not come before us
+    add_option("ASAN_OPTIONS", "verify_asan_link_order=0"); // the preload library is loaded before the sanitizer
     become(options.command);
 }
 
@@ -290,7 +295,7 @@ static std::vector<process_t> processes()
         uint32_t node = 0;
         std::ifstream(in_cluster(name)) >> node;
         int fd = open(in_cluster(name).c_str(), O_RDWR | O_CLOEXEC);
-        if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0) // else it is nobody's any more
+        if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0) // when the lock is free, the process has ended
             found.push_back({(pid_t)atol(name.c_str() + 2), node});
         if (fd >= 0)
             (void)close(fd);
@@ -306,13 +311,13 @@ static void signal_node(uint32_t node, int signal)
     }
 }
 
-// 0 when none is named.
+// The process of --pid, or 0 without the option.
 static pid_t pid_option(const options_t &options)
 {
     return options.pid.empty() ? 0 : (pid_t)number(options.pid, "--pid", 1, 1L << 22);
 }
 
-// The processes of the node that is named first, or that of --pid.
+// Calls visit(pid) for the process of --pid, or for every process of the node in the first word.
 template <typename Visit>
 static void each_chosen(const options_t &options, Visit visit)
 {
@@ -348,7 +353,8 @@ static bool holds_a_lock(pid_t pid)
     return holds;
 }
 
-// Each of its threads: the first may stop while another is still on its way there. A process that is gone counts too.
+// Whether all threads of the process have stopped: they do not stop at the same time. A process that has ended counts
+// as stopped.
 static bool stopped(pid_t pid)
 {
     std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
@@ -363,7 +369,7 @@ static bool stopped(pid_t pid)
     return all;
 }
 
-// Stops a process, not inside a lock that others need.
+// Stops a process, but never while it holds a lock of the cluster, for which other processes would wait.
 static void stall(pid_t pid)
 {
     do {
@@ -524,7 +530,7 @@ static int cluster(options_t options)
         continue;
     signal_node(SIM_ANY_NODE, SIGKILL);
     s_cluster.state->held = 0;
-    (void)ask(SIM_KEEP, 0, 0, 0); // there must be one to tidy up
+    (void)ask(SIM_KEEP, 0, 0, 0); // starts a broker when there is none, since the broker removes the folder
     (void)close(keep);
     wait_for_removal();
     return command_status(status);

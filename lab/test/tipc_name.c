@@ -1,5 +1,6 @@
-/* One datagram by name: `tipc_name receive INSTANCE` waits for one, `tipc_name send INSTANCE` sends until the name is
- * known, `tipc_name timeout SECONDS` waits for a topology subscription's time-out and prints how long that took. */
+/* Plain TIPC by name. `tipc_name receive INSTANCE` waits for one datagram, `tipc_name send INSTANCE` retries a datagram
+ * until the name is published, and `tipc_name timeout SECONDS` waits for the time-out of a topology subscription and
+ * prints how long that took. */
 #include <linux/tipc.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -47,6 +48,6 @@ int main(int argc, char **argv)
         return 0;
     }
     while (sendto(sd, text, sizeof(text), 0, (struct sockaddr *)&addr, sizeof(addr)) < 0)
-        usleep(10000); /* until the name is known here */
+        usleep(10000); /* the name is not published on this node yet */
     return 0;
 }
