@@ -5,7 +5,7 @@ install(TARGETS zeb zeb_static EXPORT zebTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY header/zeb DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES header/platform/list_head.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform)
+install(FILES header/platform/list_head.h header/platform/list_index.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform)
 
 set(ZEB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zeb)
 install(EXPORT zebTargets NAMESPACE zeb:: DESTINATION ${ZEB_CMAKE_DIR})
