@@ -84,7 +84,7 @@ static void random_config(uint64_t *rng, const random_options_t *options, config
     }
 }
 
-// A run. What happens is written down as it is done.
+// A run. It records every action, as a script.
 
 typedef struct run_s {
     world_t *world;
@@ -107,8 +107,8 @@ static bool overlaps(const world_t *world)
     return false;
 }
 
-// A restart beside the old process does not last: nothing tells the peers which of the two has gone, and they ask again
-// once, after the resume time-out.
+// How long a restarted process and the old one run at once. No event tells the peers which of the two has gone, and
+// they ask again only once, after the resume time-out.
 constexpr uint32_t OVERLAP_MAX = 30000;
 
 static void end_overlap(run_t *run)
@@ -152,7 +152,7 @@ static void let_time_pass(run_t *run, uint32_t ms)
         (void)act(run, {OP_WAIT, 0, 0, 0, ms});
 }
 
-// One of the few ways in which a message to a process that has gone may end.
+// A message to a process that has gone is read by another one, is lost, or is returned.
 static action_t random_end(run_t *run, action_t action)
 {
     action_t other = action;
@@ -192,15 +192,15 @@ static uint8_t random_proc(run_t *run)
 
 constexpr uint32_t OVERLAP_PERIOD = 20000; // ms from a start or the end of an overlap to the next overlap
 
-// Not two at once, and not while a process is becoming known: a synchronisation with one that has just gone is lost,
-// and no event brings the pair back.
+// One overlap at a time, and none while a peer learns of a process: a synchronisation with a process that has just gone
+// is lost, and no event brings the pair back.
 static bool may_overlap(const run_t *run)
 {
     return !left_out(run, OP_PICK) && !overlaps(run->world) && run->world->now >= run->start_at + OVERLAP_PERIOD &&
            (run->overlap_at == 0 || run->world->now - run->overlap_at >= OVERLAP_PERIOD);
 }
 
-// Of the processes of a place one starts, dies, or starts beside another.
+// A process of a place starts, dies, or starts beside the other one.
 static void start_or_kill(run_t *run)
 {
     uint8_t index = random_proc(run);
@@ -211,7 +211,7 @@ static void start_or_kill(run_t *run)
     } else if (!left_out(run, OP_START) && (!other_lives || may_overlap(run))) {
         (void)act(run, {OP_START, index, 0, 0, 0});
     }
-    // Many restarts take no time at all.
+    // In many restarts the successor starts in the same moment.
     if (other_lives || !run->world->proc[index].alive || !chance(&run->rng, 50))
         return;
     if (may_overlap(run))
@@ -226,7 +226,7 @@ static void cut_or_heal(run_t *run, op_t op)
     uint8_t b = (uint8_t)(1 + below(&run->rng, (uint32_t)run->places));
     if (!act(run, {op, a, b, 0, 0}) || op != OP_CUT)
         return;
-    // What was still on the wire is lost with the link.
+    // Some of what was still on the wire is lost with the link.
     for (int tries = (int)below(&run->rng, 8); tries > 0; tries--) {
         action_t lost = {OP_DROP_LAST, random_proc(run), random_proc(run), (uint8_t)below(&run->rng, APP_NUM), 0};
         (void)act(run, lost);
@@ -235,7 +235,8 @@ static void cut_or_heal(run_t *run, op_t op)
 
 static void send_some(run_t *run)
 {
-    // With two applications a message may bring a server online before it is known as one: then no join is told.
+    // With two applications a message may bring a server online before it is known as a server. No join is notified
+    // then.
     if (run->world->config.early)
         return;
     uint8_t from = (uint8_t)(random_proc(run) * APP_NUM + below(&run->rng, APP_NUM));
@@ -277,7 +278,7 @@ static void run_faults(run_t *run)
         (void)act(run, {OP_START, (uint8_t)(2 * place), 0, 0, 0});
         let_time_pass(run, chance(&run->rng, 50) ? below(&run->rng, 3000) : 0);
     }
-    // In half of the runs all is well before the first fault.
+    // In half of the runs all pairs are online before the first fault.
     int steps = chance(&run->rng, 50) ? 60 : 0;
     for (; steps > 0 && run->world->violation == VIOLATION_NONE; steps--)
         step(run);
@@ -297,8 +298,8 @@ static int place_num(const config_t *config)
     return num;
 }
 
-// Runs have two processes at one name, or lost connections, names that go and sends that fail; not both. A peer that
-// forgets a pair forgets who had the name, and some orders of both leave it with a process that has gone.
+// A run has either two processes at one name, or lost connections, withdrawn names and sends that fail. A peer that
+// forgets a pair forgets which process had the name, and some orders of both leave it with a process that has gone.
 static uint32_t without_in(uint64_t *rng, const random_options_t *options)
 {
     constexpr uint32_t BESIDE_NO_OVERLAP = 1u << OP_LOSE | 1u << OP_FAIL_OPEN | 1u << OP_UNBIND | 1u << OP_FAIL_SEND;
