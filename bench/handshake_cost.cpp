@@ -1,42 +1,22 @@
 // The instructions of one handshake while PEERS peers are known, to be counted by callgrind. Every peer is published,
 // synchronises and acknowledges. After PEERS handshakes each further one is of a peer that was withdrawn and is
-// published again. The calls on TIPC are interposed. Usage: handshake_cost PEERS HANDSHAKES
+// published again. The calls on TIPC do nothing (interpose_bare.h). Usage: handshake_cost PEERS HANDSHAKES
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <linux/tipc.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
 
 #include <zeb/zeb.h>
 
 #include "handshake_core.h"
+#include "interpose_bare.h"
 #include "zeb_mng_msg.h"
 
 constexpr uint32_t APP = 100;
 constexpr uint32_t PEER = 200;
 
-extern "C" {
-int socket(int, int, int)
+static void bare::on_sendto(const void *)
 {
-    return eventfd(0, 0);
-}
-int connect(int, const struct sockaddr *, socklen_t)
-{
-    return 0;
-}
-int setsockopt(int, int, int, const void *, socklen_t)
-{
-    return 0;
-}
-ssize_t send(int, const void *, size_t len, int)
-{
-    return (ssize_t)len;
-}
-ssize_t sendto(int, const void *, size_t len, int, const struct sockaddr *, socklen_t)
-{
-    return (ssize_t)len;
-}
 }
 
 static void topology(uint32_t node, uint32_t what)

@@ -1,18 +1,15 @@
 // The instructions of the receive thread and the proxy thread for one one-way message: callgrind counts two runs of
-// different length, and their difference is divided. The calls on TIPC are interposed, so that only the library's own
-// work is counted. Usage: recv_cost [MESSAGES [PEERS [APPS]]]
+// different length, and their difference is divided. The calls on TIPC do nothing (interpose_bare.h), so that only the
+// library's own work is counted. Usage: recv_cost [MESSAGES [PEERS [APPS]]]
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
 #include <unistd.h>
-#include <arpa/inet.h>
 
 #include <zeb/zeb.h>
 
 #include "handshake_core.h"
+#include "interpose_bare.h"
 #include "zeb_cfg.h"
 
 constexpr uint32_t APP = 100;
@@ -20,56 +17,10 @@ constexpr uint32_t PEER = 200;
 
 static uint32_t s_peers = 10;
 static int s_messages = 1000;
-static int s_left;
 static int s_dispatched;
 
-static union {
-    zeb_msg_t msg;
-    char bytes[offsetof(zeb_msg_t, data) + 64];
-} s_wire; // in network byte order
-
-extern "C" {
-int socket(int, int, int)
+static void bare::on_sendto(const void *)
 {
-    return eventfd(0, 0);
-}
-int connect(int, const struct sockaddr *, socklen_t)
-{
-    return 0;
-}
-int bind(int, const struct sockaddr *, socklen_t)
-{
-    return 0;
-}
-int setsockopt(int, int, int, const void *, socklen_t)
-{
-    return 0;
-}
-ssize_t send(int, const void *, size_t len, int)
-{
-    return (ssize_t)len;
-}
-ssize_t sendto(int, const void *, size_t len, int, const struct sockaddr *, socklen_t)
-{
-    return (ssize_t)len;
-}
-int poll(struct pollfd *fds, nfds_t num, int)
-{
-    while (s_left == 0)
-        (void)pause();
-    fds[0].revents = 0;
-    fds[num - 1].revents = POLLIN;
-    return 1;
-}
-ssize_t recvmsg(int, struct msghdr *hdr, int)
-{
-    constexpr size_t len = ZEB_MSG_HDR_LEN + 64;
-    s_wire.msg.hdr.src_node = htonl(1 + (uint32_t)s_left % s_peers);
-    memcpy(hdr->msg_iov[0].iov_base, &s_wire.msg.hdr, len);
-    hdr->msg_controllen = 0;
-    s_left--;
-    return (ssize_t)len;
-}
 }
 
 static void *count(zeb_msg_t *msg)
@@ -81,6 +32,18 @@ static void *count(zeb_msg_t *msg)
         _exit(0);
     }
     return nullptr;
+}
+
+// The datagrams of the receive thread: one-way messages of 64 bytes from all peers in turn.
+static void feed()
+{
+    zeb_msg_t *msg = zeb_msg_alloc(64, 1, 0);
+    zeb_encode_msg_hdr(msg, 0, PEER, 1, APP, (uint32_t)zeb_get_my_node_id(), 0, 0);
+    zeb_convert_to_network(msg);
+    memcpy(bare::s_datagram, &msg->hdr, bare::DATAGRAM_LEN);
+    free(msg);
+    bare::s_nodes = s_peers;
+    bare::s_left = s_messages;
 }
 
 int main(int argc, char **argv)
@@ -104,12 +67,7 @@ int main(int argc, char **argv)
         zeb_set_app_inst_ack(PEER, node);
         zeb_try_notify_app_join(APP, PEER, node);
     }
-    zeb_msg_t *msg = &s_wire.msg;
-    msg->hdr.len = ZEB_MSG_HDR_LEN + 64;
-    msg->hdr.app_ver = 1;
-    zeb_encode_msg_hdr(msg, 0, PEER, 1, APP, (uint32_t)zeb_get_my_node_id(), 0, 0);
-    zeb_convert_to_network(msg);
-    s_left = s_messages;
+    feed();
     zeb_run();
     for (;;)
         (void)pause();

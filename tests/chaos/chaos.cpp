@@ -1,6 +1,6 @@
-// The chaos test: processes on four nodes send, call and fan out while faults of a seeded order hit them. After each
-// round and a quiet time all living pairs must be online, every call must have ended, and every message must be
-// accounted for. CHAOS_SECONDS and CHAOS_SEED say how long and which.
+// The chaos test: processes on four nodes send, call and fan out while faults happen in a seeded order. After each
+// round traffic stops. Then all living pairs must come online, every call must have ended, and every message must be
+// accounted for. CHAOS_SECONDS is how long the test runs, CHAOS_SEED which faults it draws.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -22,14 +22,14 @@ using cluster::process;
 
 namespace
 {
-constexpr int QUIET_SECONDS = 120; // within which all must be well again
+constexpr int QUIET_SECONDS = 120; // in which everything must recover
 
-struct member_t { // one place for a process, whoever fills it now
+struct member_t { // a place for a process; a killed one is replaced
     int node;
     std::vector<std::string> apps;
     std::unique_ptr<process> program;
     const ledger_t *ledger;
-    bool fresh; // began in this round
+    bool fresh; // it began in this round
 };
 
 struct totals_t {
@@ -72,8 +72,8 @@ class chaos_test : public testing::Test
     const ledger_t *map_ledger(const std::string &path);
     void end(member_t *member);
 
-    // The faults. Each says what it did and leaves in `undo_` how it is made good; who was killed is started again
-    // after that.
+    // The faults. Each prints what it does, and adds to `undo_` what ends it. Killed processes are started again after
+    // that.
     void kill_one();
     void kill_and_start_at_once();
     void cut_node();
@@ -84,7 +84,7 @@ class chaos_test : public testing::Test
     void delay();
     void fail_sends();
     void lose_node_file();
-    void hurt();
+    void inject_fault();
     bool is_down(int node) const
     {
         return down_ != 0 && (node == 0 || node == down_);
@@ -96,7 +96,7 @@ class chaos_test : public testing::Test
     bool all_idle();
     bool all_online();
     void quiet();
-    void settle();
+    void check_accounts();
     bool explained(const member_t &from, const member_t &to, uint32_t peer, uint32_t app, uint32_t missing) const;
     uint32_t judge_pair(const member_t &from, uint32_t app, const member_t &to, uint32_t peer,
                         std::string *trouble) const;
@@ -143,7 +143,7 @@ const ledger_t *chaos_test::map_ledger(const std::string &path)
     return (const ledger_t *)at;
 }
 
-// A process that is dead has told all it will.
+// A dead process's ledger is complete.
 void chaos_test::end(member_t *member)
 {
     member->program->kill();
@@ -162,7 +162,7 @@ void chaos_test::order(const std::string &words)
 
 void chaos_test::pause(uint32_t ms)
 {
-    usleep(ms * 1000); // how long a fault lasts is part of it
+    usleep(ms * 1000); // no condition ends it: how long traffic runs and a fault lasts is what is tested
 }
 
 void chaos_test::kill_one()
@@ -196,7 +196,7 @@ void chaos_test::cut_node()
     pause(500 + draw(3000));
 }
 
-// Shorter than the tolerance of the link where that is kept.
+// Shorter than the tolerance of the link, where there is one.
 void chaos_test::blink_node()
 {
     int node = 1 + (int)draw(NODE_NUM);
@@ -268,7 +268,7 @@ void chaos_test::fail_sends()
     order(words);
 }
 
-// A process that starts meanwhile cannot know where it is, and says so; one that runs has read it.
+// A process that starts without the file cannot register. One that runs has read it.
 void chaos_test::lose_node_file()
 {
     member_t *member = &members_[draw((uint32_t)members_.size())];
@@ -282,7 +282,7 @@ void chaos_test::lose_node_file()
     cluster::write_file(member->node, "/tmp/addr/.zeb_node_addr", std::to_string(member->node) + "\n");
 }
 
-void chaos_test::hurt()
+void chaos_test::inject_fault()
 {
     typedef void (chaos_test::*fault_t)();
     static const std::pair<const char *, fault_t> everywhere[] = {{"kill", &chaos_test::kill_one},
@@ -326,18 +326,18 @@ bool chaos_test::all_online()
     return true;
 }
 
-// Calls what holds again and again until it does, or reports `what` after the quiet time.
+// Calls `holds` until it is true. Reports `what` when it is not after the quiet time.
 template <typename Holds>
 static void until(Holds holds, const char *what)
 {
-    // By the clock: a look at all processes takes its time in an emulated machine.
+    // By the clock, not by the number of looks: in an emulated machine a look takes long.
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(QUIET_SECONDS);
     while (!holds()) {
         if (std::chrono::steady_clock::now() >= end || testing::Test::HasFailure()) {
             ADD_FAILURE() << what;
             return;
         }
-        usleep(100000); // between two looks at the processes
+        usleep(100000); // between two looks
     }
 }
 
@@ -356,7 +356,7 @@ void chaos_test::quiet()
     tell_all("count");
 }
 
-// What a process knows of quits, of the process itself or of the round's start, and what came back.
+// Whether one of these explains that messages are missing: a process began in this round, a quit, or returned messages.
 bool chaos_test::explained(const member_t &from, const member_t &to, uint32_t app, uint32_t peer,
                            uint32_t missing) const
 {
@@ -380,7 +380,8 @@ static const source_t *find_row(const source_t *rows, uint32_t number, uint32_t 
     return &none;
 }
 
-// The messages of `app` at `from` that did not reach `peer` at `to` in this round; trouble when nothing explains it.
+// The messages of `app` at `from` that did not reach `peer` at `to` in this round. Adds to `trouble` when nothing
+// explains them.
 uint32_t chaos_test::judge_pair(const member_t &from, uint32_t app, const member_t &to, uint32_t peer,
                                 std::string *trouble) const
 {
@@ -451,8 +452,8 @@ void chaos_test::judge_calls()
     }
 }
 
-// What was sent last is on its way: it has the quiet time to arrive.
-void chaos_test::settle()
+// The last messages are still on their way: they have the quiet time to arrive.
+void chaos_test::check_accounts()
 {
     std::string trouble;
     until(
@@ -460,7 +461,7 @@ void chaos_test::settle()
             trouble = judge_pairs();
             return trouble.empty();
         },
-        "messages are lost without a quit or a return that tells of it");
+        "messages are lost without a quit or a return that explains it");
     printf("%s", trouble.c_str());
     judge_order();
     judge_calls();
@@ -475,18 +476,18 @@ void chaos_test::round()
     tell_all("on");
     pause(300 + draw(700));
     for (uint32_t num = 1 + draw(3); num > 0 && !HasFailure(); num--) {
-        hurt();
+        inject_fault();
         pause(100 + draw(1200));
     }
-    for (auto &mend : undo_)
-        mend();
+    for (auto &undo : undo_)
+        undo();
     undo_.clear();
     for (member_t &member : members_) {
         if (member.ledger == nullptr)
             launch(&member);
     }
     quiet();
-    settle();
+    check_accounts();
     printf("  round %llu: %llu messages to instances that quit or began, or returned; %s\n",
            (unsigned long long)totals_.rounds, (unsigned long long)totals_.to_quit,
            HasFailure() ? "NOT well" : "all well");

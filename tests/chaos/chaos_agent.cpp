@@ -1,5 +1,5 @@
-// One process of the chaos test: chaos_agent LEDGER NUMBER SEED APP[:nothread]... Its applications send to all others,
-// one thread each, while traffic is on. Commands come on standard input, a line each.
+// One process of the chaos test: chaos_agent LEDGER NUMBER SEED APP[:nothread]... Each of its applications has a thread
+// that sends to all others while traffic is on. It reads commands on standard input, one line each.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -62,7 +62,7 @@ static bool body_is_whole(const zeb_msg_t *msg, const stamp_t &stamp)
     return true;
 }
 
-// Only the application's own dispatching thread comes here for it.
+// One application's messages are entered by its dispatching thread alone.
 static void enter(const zeb_msg_t *msg, const stamp_t &stamp)
 {
     app_t *app = mine(msg->hdr.dst_app);
@@ -86,7 +86,7 @@ static void answer(const zeb_msg_t *request, const stamp_t &stamp)
         return;
     }
     if (stamp.answer == 3)
-        usleep(20000);
+        usleep(20000); // how late an answer is, is what is tested
     zeb_msg_t *reply = zeb_msg_alloc(8, 1, 0);
     (void)zeb_rpc_reply(request, reply, 0);
     free(reply);
@@ -138,7 +138,7 @@ static void send_one(uint32_t app, random_t *random)
     int index = instance_index(peer, node);
     app_t *own = mine(app);
     zeb_msg_t *msg = new_msg(1, app, own->sent[index] + 1, draw(random, 8) == 0 ? 5000 : draw(random, 200), 0);
-    // Entered before the write: a process that is killed in between has told of one more than it sent.
+    // Counted before it is sent: a process that is killed in between has counted one more than it sent, never one less.
     own->sent[index]++;
     if (zeb_sendto(app, node, peer, msg, ZEB_SEND_NOWAIT) != 0) {
         own->sent[index]--;
@@ -235,7 +235,7 @@ static void traffic(uint32_t app, uint32_t seed)
             }
         }
         s_busy--;
-        usleep(s_pace); // the pace of the traffic, and a look whether it is on
+        usleep(s_pace); // the pace is what is tested; an idle application also looks this often for "on"
     }
 }
 
@@ -276,7 +276,7 @@ static void print_state()
     say((const char *)g_print_msg->data);
 }
 
-// Which instances cannot be written to, as " app>peer/node".
+// The instances that cannot be written to, as "app>peer/node app>peer/node".
 static std::string unreachable()
 {
     std::string missing;
@@ -285,7 +285,8 @@ static std::string unreachable()
             for (uint32_t peer = FIRST_APP; peer < FIRST_APP + APP_NUM; peer++) {
                 zeb_msg_t *msg = zeb_msg_alloc(0, 1, 0);
                 if (zeb_sendto(app, node, peer, msg, ZEB_SEND_NOWAIT) != 0)
-                    missing += " " + std::to_string(app) + ">" + std::to_string(peer) + "/" + std::to_string(node);
+                    missing += (missing.empty() ? "" : " ") + std::to_string(app) + ">" + std::to_string(peer) + "/" +
+                               std::to_string(node);
                 free(msg);
             }
         }
@@ -304,12 +305,7 @@ static std::string obey(const std::string &command)
     else if (command == "off")
         s_on = false;
     else if (command == "idle") {
-        bool idle = true;
-        for (int looks = 0; looks < 20; looks++) {
-            idle = idle && s_busy == 0;
-            usleep(1000);
-        }
-        return idle ? " yes" : " no";
+        return s_busy == 0 ? "yes" : "no"; // after "off": who becomes busy from now on finds traffic off
     } else if (command == "probe")
         return unreachable();
     else if (command == "count")
@@ -317,7 +313,7 @@ static std::string obey(const std::string &command)
     else if (command == "check") {
         static char text[65536] = "";
         if (zeb_check_invariants != nullptr && zeb_check_invariants(text, sizeof(text)) != 0)
-            return std::string(" ") + text;
+            return text;
     } else if (command == "state") {
         print_state();
     }
@@ -360,10 +356,7 @@ int main(int argc, char **argv)
     while (fgets(line, sizeof(line), stdin) != nullptr) {
         std::string command(line, strcspn(line, "\n"));
         std::string said = obey(command);
-        say("done " + command.substr(0, command.find(' ')) + " " +
-            said.substr(said.empty()     ? 0
-                        : said[0] == ' ' ? 1
-                                         : 0));
+        say("done " + command.substr(0, command.find(' ')) + " " + said);
     }
     _exit(0);
 }

@@ -11,7 +11,7 @@ const char IMPORTANCE[] = "127";
 const char SRC_DROPPABLE[] = "128";
 const char DEST_DROPPABLE[] = "129";
 
-// One process per node serves all tests: starting one takes longer than most tests do.
+// One process per node serves all tests: its start takes longer than most tests do.
 static std::map<int, std::unique_ptr<probe>> s_probes;
 static unsigned s_next_type = 20000;
 
@@ -83,7 +83,7 @@ void tipc::SetUp()
 void tipc::TearDown()
 {
     if (HasFailure())
-        s_probes.clear(); // an answer that came late must not be taken for the next test's
+        s_probes.clear(); // the next test must not take a late answer for its own
     cluster::reset();
 }
 

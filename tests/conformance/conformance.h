@@ -1,4 +1,4 @@
-// What the tests on TIPC itself share: a probe (tipc_probe.cpp) on each node, and a name type of each test's own.
+// What the tests of TIPC share: a probe (tipc_probe.cpp) on each node. Each test has a name type of its own.
 #ifndef TESTS_CONFORMANCE_CONFORMANCE_H
 #define TESTS_CONFORMANCE_CONFORMANCE_H
 
@@ -8,11 +8,11 @@
 
 #include "cluster.h"
 
-// A line of the probe: its first word, and what follows as key=value.
+// A line of the probe: its first word, and the key=value words after it.
 struct answer {
     std::string head;
     std::map<std::string, std::string> of;
-    std::string text; // all of it, for messages of failed tests
+    std::string text; // the whole line, for messages of failed tests
 
     long num(const std::string &key) const;
     bool has(const std::string &key) const
@@ -28,11 +28,11 @@ class probe : public cluster::process
     {
     }
     answer get(const std::string &command);
-    void ok(const std::string &command); // fails the test unless it is answered with 0
+    void ok(const std::string &command); // fails the test unless the answer is 0
 
-    // Sockets in the state that most tests want.
+    // Sockets in the state that most tests need.
     void open_receiver(const std::string &socket, const std::string &address, const std::string &scope = "2");
-    void open_sender(const std::string &socket); // what nobody takes comes back to it
+    void open_sender(const std::string &socket); // undeliverable messages are returned to it
     void open_watch(const std::string &socket);  // connected to the topology service
 };
 
@@ -42,9 +42,9 @@ class tipc : public testing::Test
     void SetUp() override;
     void TearDown() override;
 
-    // The node's probe; it has no sockets when a test begins.
+    // The node's probe. It has no sockets when a test begins.
     probe &on(int node);
-    void drop(int node); // it is dead: the next use starts another
+    void drop(int node); // the probe is dead: the next use starts another
 
     std::string type() const
     {
@@ -54,7 +54,7 @@ class tipc : public testing::Test
     std::string range(unsigned lower, unsigned upper) const;
     std::string await(unsigned instance, const std::string &state = "up") const; // the command for it
 
-    // A subscription on the test's own type, as the probe wants it. It never times out.
+    // The command for a subscription to the test's own type. It never times out.
     std::string subscribe(unsigned lower, unsigned upper, const std::string &filter,
                           const std::string &handle = "watch") const;
 

@@ -4,7 +4,7 @@
 class links : public tipc
 {
   protected:
-    // Node n binds instance n and watches the others; all see all.
+    // Node n binds instance n and watches all three. Every node has seen all three when this returns.
     void SetUp() override
     {
         tipc::SetUp();
@@ -26,7 +26,7 @@ class links : public tipc
             heal_between(1, 2);
         tipc::TearDown();
     }
-    // The next events at the node are of these nodes' names, in any order.
+    // The node's next events are those of these nodes' names, in any order.
     void expect_events(int node, const std::string &kind, const std::set<int> &of)
     {
         std::set<std::string> ports;
@@ -52,7 +52,7 @@ class links : public tipc
         EXPECT_EQ(on(from).ask("send s " + id_[to] + " 7 10"), "EHOSTUNREACH")
             << from << " to " << to << ", by address";
     }
-    // Nothing waits at the node's watch: a name of its own node is the next.
+    // No event waits at the node's watch: that of a subscription which times out at once is the next.
     void expect_no_event(int node)
     {
         EXPECT_EQ(on(node).ask("subscribe t " + type() + " 99999 99999 1 2 fence"), "28");
@@ -136,7 +136,7 @@ TEST_F(links, a_name_of_two_nodes_stays_when_one_is_cut_off)
     on(3).open_receiver("both", name(9));
     on(2).ok("bind r " + name(10) + " 2");
     on(3).ok("bind r " + name(11) + " 2");
-    on(2).ok(await(11)); // bound after node 3's other name, which is known too then
+    on(2).ok(await(11)); // it was bound after node 3's other name, so that one is known too
     cluster::cut(1);
     expect_events(2, "withdrawn", {1});
     on(2).ok(await(9));

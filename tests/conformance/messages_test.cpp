@@ -1,4 +1,4 @@
-// What recvmsg tells of a message besides its data.
+// What recvmsg gives of a message besides its data.
 #include "conformance.h"
 
 class recvmsg_of : public tipc

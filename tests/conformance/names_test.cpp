@@ -1,4 +1,4 @@
-// Binding names, and who gets what is sent to them.
+// Binding names, and which socket receives what is sent to them.
 #include "conformance.h"
 
 class names : public tipc
@@ -58,7 +58,7 @@ TEST_F(names, a_node_scope_name_is_known_on_its_own_node_only)
 {
     on(1).open_receiver("r", name(1), "3");
     on(1).ok("bind r " + name(2) + " 2");
-    on(2).ok(await(2)); // bound later: so the first would be known too
+    on(2).ok(await(2)); // it was bound later, so the first one would be known too
     on(2).open_sender("s");
     EXPECT_EQ(on(2).ask("send s " + name(1) + " 1 10"), "EHOSTUNREACH");
     EXPECT_EQ(on(2).ask("send s " + name(2) + " 2 10"), "10");
@@ -77,12 +77,12 @@ TEST_F(names, scopes_zero_and_zone_mean_the_cluster)
     on(2).ok(await(2));
 }
 
-// Sends 60 messages from node 3 to a name that `receivers` sockets have, and adds up what each got.
+// Sends 60 messages from node 3 to a name that `receivers` sockets have, and counts what each of them received.
 static void expect_shared(probe &from, const std::string &to, const std::vector<std::pair<probe *, std::string>> &them)
 {
     from.open_sender("s");
     EXPECT_EQ(from.ask("send s " + to + " 0 10 count=60"), "60 10");
-    // A last one to each tells that all before it have arrived.
+    // A last message to each shows that all before it have arrived.
     long total = 0;
     for (auto &one : them) {
         EXPECT_EQ(from.ask("send s " + one.first->ask("name " + one.second) + " 0 10"), "10");

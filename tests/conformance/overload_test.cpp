@@ -1,4 +1,4 @@
-// A receiver that does not read. How much it holds depends on the kernel: only relations are stated.
+// A receiver that does not read. How much its queue holds depends on the kernel, so the tests state relations alone.
 #include "conformance.h"
 
 class overload : public tipc
@@ -11,7 +11,7 @@ class overload : public tipc
         on(1).open_receiver("r", name(1));
         on(2).ok(await(1));
     }
-    // Sends `count` messages from the node, and returns how many came back. Each is either held or returned.
+    // Sends `count` messages from the node, and returns how many were returned. The receiver holds the others.
     long fill(int node, int importance, int len, int count, const std::string &how = "")
     {
         std::string number = std::to_string(count);
@@ -19,7 +19,7 @@ class overload : public tipc
         on(node).open_sender("s");
         on(node).ok(std::string("opt s tipc ") + IMPORTANCE + " " + std::to_string(importance));
         EXPECT_EQ(on(node).ask("send s " + name(1) + " 0 " + size + " count=" + number + how), number + " " + size);
-        // The last message of all comes back, when those before it have.
+        // The last message is returned after all others that are.
         answer got;
         long back = 0;
         do {

@@ -1,4 +1,4 @@
-// What poll says, and sockets that are in two processes.
+// What poll reports, and sockets that two processes share.
 #include "conformance.h"
 
 class polls : public tipc

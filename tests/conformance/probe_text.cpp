@@ -59,7 +59,7 @@ struct sockaddr_tipc address(const std::string &text)
     } else {
         addr.addrtype = p[0] == "name" ? TIPC_ADDR_NAME : p[0] == "range" ? TIPC_ADDR_NAMESEQ : TIPC_ADDR_ID;
     }
-    // The three kinds of address are up to three numbers in the same place.
+    // Each of the three kinds of address has up to three numbers, in the same place.
     addr.addr.nameseq.type = number(p[at]);
     addr.addr.nameseq.lower = number(p[at + 1]);
     addr.addr.nameseq.upper = number(p[at + 2]);

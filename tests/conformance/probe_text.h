@@ -1,4 +1,4 @@
-// The probe's words: what its commands and answers are made of.
+// The words of the probe's commands and answers.
 #ifndef TESTS_CONFORMANCE_PROBE_TEXT_H
 #define TESTS_CONFORMANCE_PROBE_TEXT_H
 
@@ -23,10 +23,10 @@ words split(const std::string &text, char by);
 struct sockaddr_tipc address(const std::string &text);
 std::string id_text(const struct tipc_portid &id);
 
-// A message is known by its number: its first four bytes, and the rest follows from it.
+// A message begins with its number, in four bytes. All other bytes follow from the number.
 bytes message(uint32_t num, size_t len);
 
-// What a message, or its beginning, is: its number and whether every byte is right.
+// Of a message or of its beginning: its number, and whether every byte is right.
 std::string described(const unsigned char *data, size_t len, const std::string &prefix);
 
 #endif

@@ -19,7 +19,7 @@ class requests : public tipc
         EXPECT_EQ(got.head, kind) << got.text;
         EXPECT_EQ(got.of["handle"], handle) << got.text;
     }
-    // All requests so far were dealt with, and no event is left.
+    // The service has handled all requests so far, and no event is left.
     void expect_quiet()
     {
         request("99999 99999 1 2 fence");
@@ -183,7 +183,7 @@ TEST_F(requests, a_short_request_closes_the_connection)
     on(1).open_receiver("r", name(5));
     request("5 5 0xffffffff 2 good");
     request("5 5 0xffffffff 2 short bytes=27", "27");
-    expect_event("published", "good"); // what was sent before is read before the end
+    expect_event("published", "good"); // an event that was sent before the end is still read
     expect_closed();
 }
 

@@ -1,4 +1,4 @@
-// Messages that come back to their sender.
+// Messages that are returned to their sender.
 #include "conformance.h"
 
 static const char NO_PORT[] = "2";
@@ -11,7 +11,7 @@ class returns : public tipc
         std::string size = std::to_string(len);
         ASSERT_EQ(on(node).ask("send s " + to + " " + std::to_string(num) + " " + size), size);
     }
-    // The next thing that the node's sender reads is message `num` of `len` bytes, back from a socket that is gone.
+    // The node's sender reads next that message `num` of `len` bytes was returned: the socket is gone.
     void expect_back(int node, unsigned num, unsigned len, const std::string &from)
     {
         answer got = on(node).get("recv s wait=10000");
@@ -38,7 +38,7 @@ TEST_F(returns, a_receiver_that_closes_gives_back_what_it_has_not_read)
     }
     EXPECT_EQ(on(1).get("recv r wait=10000").num("num"), 1) << "read, and so not returned";
     EXPECT_EQ(on(1).ask("recv s"), "EAGAIN") << "nothing comes back while it is open";
-    // The last message to arrive from each node is known to be there.
+    // The last message from each node has arrived.
     EXPECT_EQ(on(1).get("recv r wait=10000").num("num"), 2);
     EXPECT_EQ(on(1).get("recv r wait=10000").num("num"), 3);
     EXPECT_EQ(on(1).get("recv r wait=10000").num("num"), 1);
@@ -87,7 +87,7 @@ TEST_F(returns, at_most_1024_bytes_of_a_message_come_back)
         for (unsigned len : {1023U, 1024U, 1025U, 66000U})
             send(node, name(1), len, len);
     }
-    for (int i = 0; i < 4; i++) // the first four to arrive are node 1's
+    for (int i = 0; i < 4; i++) // the first four are node 1's
         EXPECT_NE(on(1).get("recv r wait=10000").head, "nothing");
     EXPECT_EQ(on(1).ask("poll r in wait=10000"), "in");
     on(1).ok("close r");

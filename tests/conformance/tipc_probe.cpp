@@ -1,5 +1,5 @@
-// Sockets on a string: a program that makes the system calls which its standard input names, one line each, and answers
-// each with one line, `done VERB RESULT`. A failed call's result is the name of its errno. It judges nothing.
+// Makes the system calls on sockets that its standard input names, one line each, and answers each with one line, `done
+// VERB RESULT`. The result of a failed call is the name of its errno. The program judges nothing.
 //   S is a socket's name. ADDR is an address as probe_text.h writes it, or none.
 #include "probe_text.h"
 
@@ -76,7 +76,7 @@ static std::string connect_to(const words &w)
 }
 
 // send S ADDR NUMBER LENGTH [dontwait] [count=MAX] [msg] [len=BYTES]: `count` sends more, numbered upwards, until one
-// fails; it answers how many went and how the last one fared. `msg` uses sendmsg and two pieces.
+// fails; the answer is how many were sent and the last call's result. `msg` uses sendmsg and two pieces.
 static std::string send_to(const words &w)
 {
     struct sockaddr_tipc addr = address(w.at(2));
@@ -168,8 +168,9 @@ static std::string receive(const words &w)
     return text + ancillary(&hdr);
 }
 
-// drain S [until=COUNT]: reads all there is, and waits until that many were read. Answers how many were messages, in
-// order from the first one's number or not, and how many came back, with the last one's error.
+// drain S [until=COUNT]: reads all there is, and waits until that many were read. Answers how many messages were
+// received, the first one's number, how many were out of order or damaged, and how many were returned, with the last
+// one's error.
 static std::string drain(const words &w)
 {
     long plain = 0, back = 0, bad = 0;
@@ -261,7 +262,7 @@ static std::string read_event(const words &w)
            " handle=" + std::string(e.s.usr_handle, strnlen(e.s.usr_handle, sizeof(e.s.usr_handle)));
 }
 
-// Whether a name is there, as the topology service says it.
+// Whether the topology service knows a name. Takes 20 ms.
 static bool is_published(uint32_t type, uint32_t instance)
 {
     struct sockaddr_tipc addr = address("name:1:1");
@@ -270,7 +271,7 @@ static bool is_published(uint32_t type, uint32_t instance)
     struct tipc_subscr request;
     memset(&request, 0, sizeof(request));
     request.seq = {type, instance, instance};
-    request.timeout = 20; // what is there already is said at once; the time-out is the end of it
+    request.timeout = 20; // ms; a name that exists is reported at once, and the time-out ends the report
     request.filter = TIPC_SUB_SERVICE;
     bool there = false;
     struct tipc_event event;
@@ -282,11 +283,12 @@ static bool is_published(uint32_t type, uint32_t instance)
     return there;
 }
 
-// await TYPE INSTANCE up|gone: until the name is, or is not, known here.
+// await TYPE INSTANCE up|gone: until the name is, or is not, known here. The test that asks bounds the wait.
 static std::string await_name(const words &w)
 {
-    while (is_published(number(w.at(1)), number(w.at(2))) != (w.at(3) == "up"))
-        (void)usleep(10000);
+    bool up = w.at(3) == "up";
+    while (is_published(number(w.at(1)), number(w.at(2))) != up)
+        continue;
     return "0";
 }
 

@@ -8,7 +8,7 @@ class topology : public tipc
     {
         ASSERT_EQ(on(node).ask(subscribe(lower, upper, filter, handle)), "28");
     }
-    // Of names that do not exist yet. Returns when the service has the request.
+    // Subscribes to names that do not exist yet. Returns when the service has the request.
     void watch_for(int node, unsigned lower, unsigned upper, const std::string &filter)
     {
         watch(node, lower, upper, filter);
@@ -21,7 +21,7 @@ class topology : public tipc
         EXPECT_EQ(got.of["found"], found) << got.text;
         EXPECT_EQ(got.of["handle"], handle) << got.text;
     }
-    // No event waits on the connection: that of a subscription that times out at once is the next.
+    // No event waits on the connection: that of a subscription which times out at once is the next.
     void expect_quiet(int node)
     {
         EXPECT_EQ(on(node).ask("subscribe t " + type() + " 99999 99999 1 2 fence"), "28");
@@ -65,7 +65,7 @@ TEST_F(topology, an_event_holds_the_socket_and_the_request)
     EXPECT_EQ(got.of["timeout"], "100000000");
     EXPECT_EQ(got.of["filter"], SERVICE);
     EXPECT_EQ(got.of["handle"], "handle7");
-    // The same address is what a receiver sees of it.
+    // A receiver sees the same address as the sender's.
     on(2).open_receiver("r", name(6));
     on(1).ok(await(6));
     EXPECT_EQ(on(1).ask("send r " + name(6) + " 1 10"), "10");
@@ -135,7 +135,7 @@ TEST_F(topology, the_service_filter_tells_of_the_first_and_the_last_socket_only)
     on(1).open_receiver("first", name(5));
     on(1).open_receiver("second", name(5));
     on(1).ok("close first");
-    on(1).open_receiver("other", name(6)); // its event comes after any of those before
+    on(1).open_receiver("other", name(6)); // its event comes after all earlier ones
     on(1).ok("close second");
     for (int node : {1, 2}) {
         expect_event(node, "published", "5:5");

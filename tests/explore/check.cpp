@@ -15,7 +15,7 @@ static void do_op(world_t *world, op_t op, int a, int b)
     (void)apply(world, {op, (uint8_t)a, (uint8_t)b, 0, 0});
 }
 
-// The older of two processes at one place goes: it was the newer one that was to stay.
+// Kills the older of two processes at one place: the newer one was to stay.
 static void end_overlap(world_t *world, int place)
 {
     proc_t *first = &world->proc[2 * place];
@@ -41,7 +41,7 @@ static void end_faults(world_t *world)
     }
 }
 
-// Lets everything happen as early as it can, until `end` or until nothing is left to happen.
+// Lets everything happen as early as it can, until `end` or until nothing more can happen.
 static void run_until(world_t *world, uint32_t end)
 {
     while (world->violation == VIOLATION_NONE) {
@@ -66,8 +66,8 @@ typedef struct pair_s {
     int peer_name;
 } pair_t;
 
-// By its last synchronisation: an acknowledgement without a pseq, of a second process that has gone since, may have
-// left another identity in sync_ack_id of a pair that is online.
+// Finds the pair by its last synchronisation. Its sync_ack_id may hold another identity although the pair is online: an
+// acknowledgement without a pseq, of a second process that has gone since, leaves it there.
 static const zeb_inst_id_t *find_inst_id(const zeb_handshake_t *hs, zeb_inst_t peer, uint32_t pid)
 {
     return indexed_list_find_if(&hs->inst_id, zeb_inst_key(peer),

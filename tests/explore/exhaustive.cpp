@@ -1,5 +1,5 @@
-// Breadth first, so that the first violation has the shortest script. A state is reached again by doing its actions
-// again. From each new one the world is also left to calm down, with no more faults.
+// Breadth first, so that the first violation has the shortest script. A state is reached again by repeating its
+// actions. From each new state the world also calms down, without more faults, and is checked.
 #include "exhaustive.h"
 
 #include <unordered_set>
@@ -70,8 +70,7 @@ static void add_messages(const search_t *search, std::vector<action_t> *actions)
     }
 }
 
-constexpr uint32_t OVERLAP_WAIT_MAX =
-    30000; // two processes at one name for as long as the resume time-out: see random.cpp
+constexpr uint32_t OVERLAP_WAIT_MAX = 30000; // ms in which two processes may have one name: see random.cpp
 
 static bool overlaps(const world_t *world, uint8_t proc)
 {
@@ -109,7 +108,7 @@ static void add_faults(const search_t *search, std::vector<action_t> *actions)
     add_if_enabled(search, {OP_CUT, 1, 2, 0, 0}, actions);
 }
 
-// What may happen next. The ends of faults are free: a name is bound again, a link is healed.
+// What may happen next. The end of a fault does not count as one: a name is bound again, a link is healed.
 static std::vector<action_t> next_actions(const search_t *search, int faults)
 {
     std::vector<action_t> actions;
@@ -151,7 +150,7 @@ static bool fail(search_t *search, std::vector<action_t> *actions)
     return search->options->go_on;
 }
 
-// Goes to a new state; false when something went wrong there.
+// Goes to a new state. False to end the search.
 static bool visit(search_t *search, uint32_t from, action_t action, std::vector<action_t> *path)
 {
     search->result->transitions++;
@@ -199,7 +198,7 @@ static void add_place(config_t *config, int place, uint32_t app, uint32_t peer, 
     config->place[place].app[0].peer[0] = peer;
 }
 
-// Lets everything happen in its order, until nothing is left.
+// Lets everything happen in its order, until nothing more can happen.
 static void get_online(search_t *search)
 {
     run_path(search, &search->prefix);
@@ -216,7 +215,7 @@ static void get_online(search_t *search)
     }
 }
 
-// From two processes that have just started, or that are online. False when something went wrong.
+// Begins with two processes that have just started, or that are online. False to end the search.
 static bool search_from(search_t *search, bool online)
 {
     search->config = {};

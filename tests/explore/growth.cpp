@@ -1,11 +1,11 @@
-// zeb_explore_growth: how the handshake grows with the number of instances that start at once. As many cores as asked
-// for run in one process and in virtual time: instances of one application, each on a node of its own, that bind their
-// names at time 0. It plays the library's shell: a core reads its topology connection and its socket in turns, each in
-// order; the two are not ordered with each other; what an effect may do later is done after the event.
+// zeb_explore_growth: how the handshake's cost grows with the number of instances that start at once. The cores run in
+// one process and in virtual time: instances of one application, each on a node of its own, that bind their names at
+// time 0. The program replaces the library's shell: a core reads its topology connection and its socket in turns, each
+// in order; the two are not ordered with each other; what an effect may do later is done after the event.
 //
-// A step is 1 ms, and a message takes at least one: within a step cores do not depend on each other, so each does all
-// that it has to do before the next has its turn, and finds its records in the cache. Messages take all the same time,
-// and so do timers of a type: every queue is in the order of time by itself.
+// A step is 1 ms, and a message takes at least one step. Within a step the cores do not depend on each other, so each
+// does all its work before the next one, and finds its records in the cache. All messages take the same time, and all
+// timers of a type, so every queue is ordered by time.
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -30,7 +30,7 @@ typedef struct options_s {
     uint32_t instances;
     uint32_t delay; // of a message, ms
     uint32_t work;  // of what is read, a message or an event, µs
-    uint32_t skew;  // of a report, at most, ms
+    uint32_t skew;  // most delay of a report, ms
     uint64_t seed;
     bool json;
 } options_t;
@@ -72,7 +72,7 @@ typedef struct core_s {
     zeb_handshake_t hs;
     uint32_t index;
     uint32_t seq;
-    uint64_t busy; // until then it does what it has read, µs
+    uint64_t busy; // the core works until then, µs
     bool socket_next;
     size_t reports_read;
     std::vector<report_t> reports;
@@ -85,7 +85,7 @@ typedef struct world_s {
     uint32_t now;
     std::vector<core_t> core;
     std::vector<later_t> later;   // of the present event
-    std::vector<uint32_t> joined; // when, for each pair; NEVER: it is not online
+    std::vector<uint32_t> joined; // time of each pair's join; NEVER: it is not online
     uint64_t syncs;               // SYNC_INSTs that were sent for the first time
     uint64_t again;               // and again
     uint64_t acks;
@@ -171,7 +171,7 @@ static void send_ack(void *ctx, uint32_t, zeb_inst_t dst, const zeb_msg_sync_ins
     core->world->later.push_back({new_message(core, KIND_ACK, body->sync.seq, body->pseq), dst.node - 1});
 }
 
-// All names are bound from the beginning: nothing comes back.
+// All names are bound from the beginning: no message is returned.
 static int resend_ack(void *, const zeb_returned_ack_t *)
 {
     return -ENOTSUP;
@@ -231,7 +231,7 @@ static uint64_t next_random(uint64_t *state)
     return *state;
 }
 
-// Its own name is reported to an instance as well.
+// An instance's own name is reported to it too.
 static void draw_reports(core_t *core, uint64_t *rng)
 {
     const options_t *options = &core->world->options;
@@ -294,7 +294,7 @@ static uint32_t socket_due(const core_t *core)
     return core->socket.empty() ? NEVER : core->socket.front().due;
 }
 
-// When a core has something to do again.
+// When a core has something to do next.
 static uint32_t core_due(core_t *core)
 {
     return std::max(std::min(topology_due(core), socket_due(core)), (uint32_t)(core->busy / STEP));
@@ -337,7 +337,7 @@ static void carry_out_later(world_t *world)
     world->later.clear();
 }
 
-// Reads one message or event, in turns when there are both. False when there is neither, or no time left in this step.
+// Reads one message or event, in turns when both wait. False when neither waits, or no time is left in this step.
 static bool read_one(core_t *core)
 {
     world_t *world = core->world;
@@ -357,13 +357,13 @@ static bool read_one(core_t *core)
     return true;
 }
 
-// Until nothing is left that could happen: nothing is sent after that. False at the limit of time.
+// Runs until nothing more can happen, so nothing more is sent. False at the limit of time.
 static bool run(world_t *world)
 {
     uint64_t rng = world->options.seed;
     size_t num = world->core.size();
     while (world->now < TIME_LIMIT) {
-        size_t first = next_random(&rng) % num; // none is always served before the others
+        size_t first = next_random(&rng) % num; // no core is always the first
         for (size_t i = 0; i < num; i++) {
             while (read_one(&world->core[(first + i) % num]))
                 continue;
@@ -378,9 +378,9 @@ static bool run(world_t *world)
     return false;
 }
 
-// What came of it.
+// The result.
 
-// Pairs that are not online with a server, or of which the application was not told.
+// Pairs that are not online with a server, or whose join was not notified.
 static uint64_t missing_pairs(const world_t *world)
 {
     uint64_t missing = 0;
@@ -395,7 +395,7 @@ static uint64_t missing_pairs(const world_t *world)
     return missing;
 }
 
-// Seconds after which so many of a thousand pairs were online; sorts.
+// Seconds after which so many of a thousand pairs were online. Changes the order of `joined`.
 static double joined_after(std::vector<uint32_t> *joined, size_t share)
 {
     size_t at = (joined->size() * share + 999) / 1000 - 1;

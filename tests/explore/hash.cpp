@@ -1,4 +1,4 @@
-// A world's hash. Sequence numbers and process ids are numbered in the order in which they are met; times are relative.
+// A world's hash. Sequence numbers and process ids are numbered in the order in which they occur; times are relative.
 #include "exhaustive.h"
 
 typedef struct hash_s {

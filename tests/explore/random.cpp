@@ -84,7 +84,7 @@ static void random_config(uint64_t *rng, const random_options_t *options, config
     }
 }
 
-// A run. What happens is written down as it is done.
+// A run. It records every action, as a script.
 
 typedef struct run_s {
     world_t *world;
@@ -106,9 +106,9 @@ static bool overlaps(const world_t *world)
     return false;
 }
 
-// A restart beside the old process does not last: nothing tells the peers which of the two has gone, and they ask again
-// once, after the resume time-out.
-constexpr uint32_t OVERLAP_MAX = 50000; // ms
+// How long a restarted process and the old one run at once, in ms. No event tells the peers which of the two has gone,
+// and they ask again only once, after the resume time-out.
+constexpr uint32_t OVERLAP_MAX = 50000;
 
 static void end_overlap(run_t *run)
 {
@@ -149,7 +149,7 @@ static void let_time_pass(run_t *run, uint32_t ms)
         (void)act(run, {OP_WAIT, 0, 0, 0, ms});
 }
 
-// One of the few ways in which a message to a process that has gone may end.
+// A message to a process that has gone is read by another one, is lost, or is returned.
 static action_t random_end(run_t *run, action_t action)
 {
     action_t other = action;
@@ -189,15 +189,15 @@ static uint8_t random_proc(run_t *run)
 
 constexpr uint32_t OVERLAP_PERIOD = 20000; // ms from the end of an overlap to the next one
 
-// Not at two places at once: the second process of each may know the first of the other alone, and both of these then
-// go without an event.
+// One overlap at a time. With two, the second process of each place may know only the first of the other one, and no
+// event tells when both of these go.
 static bool may_overlap(const run_t *run)
 {
     return !left_out(run, OP_PICK) && !overlaps(run->world) &&
            (run->overlap_at == 0 || run->world->now - run->overlap_at >= OVERLAP_PERIOD);
 }
 
-// Of the processes of a place one starts, dies, or starts beside another.
+// A process of a place starts, dies, or starts beside the other one.
 static void start_or_kill(run_t *run)
 {
     uint8_t index = random_proc(run);
@@ -208,7 +208,7 @@ static void start_or_kill(run_t *run)
     } else if (!left_out(run, OP_START) && (!other_lives || may_overlap(run))) {
         (void)act(run, {OP_START, index, 0, 0, 0});
     }
-    // Many restarts take no time at all.
+    // In many restarts the successor starts in the same moment.
     if (other_lives || !run->world->proc[index].alive || !chance(&run->rng, 50))
         return;
     if (may_overlap(run))
@@ -223,7 +223,7 @@ static void cut_or_heal(run_t *run, op_t op)
     uint8_t b = (uint8_t)(1 + below(&run->rng, (uint32_t)run->places));
     if (!act(run, {op, a, b, 0, 0}) || op != OP_CUT)
         return;
-    // What was still on the wire is lost with the link.
+    // Some of what was still on the wire is lost with the link.
     for (int tries = (int)below(&run->rng, 8); tries > 0; tries--) {
         action_t lost = {OP_DROP_LAST, random_proc(run), random_proc(run), (uint8_t)below(&run->rng, APP_NUM), 0};
         (void)act(run, lost);
@@ -232,7 +232,8 @@ static void cut_or_heal(run_t *run, op_t op)
 
 static void send_some(run_t *run)
 {
-    // With two applications a message may bring a server online before it is known as one: then no join is told.
+    // With two applications a message may bring a server online before it is known as a server. No join is notified
+    // then.
     if (run->world->config.early)
         return;
     uint8_t from = (uint8_t)(random_proc(run) * APP_NUM + below(&run->rng, APP_NUM));
@@ -274,7 +275,7 @@ static void run_faults(run_t *run)
         (void)act(run, {OP_START, (uint8_t)(2 * place), 0, 0, 0});
         let_time_pass(run, chance(&run->rng, 50) ? below(&run->rng, 3000) : 0);
     }
-    // In half of the runs all is well before the first fault.
+    // In half of the runs all pairs are online before the first fault.
     int steps = chance(&run->rng, 50) ? 60 : 0;
     for (; steps > 0 && run->world->violation == VIOLATION_NONE; steps--)
         step(run);
@@ -294,8 +295,8 @@ static int place_num(const config_t *config)
     return num;
 }
 
-// Runs have two processes at one name, or lost connections, names that go and sends that fail; not both. A peer that
-// forgets a pair forgets who had the name, and some orders of both leave it with a process that has gone.
+// A run has either two processes at one name, or lost connections, withdrawn names and sends that fail. A peer that
+// forgets a pair forgets which process had the name, and some orders of both leave it with a process that has gone.
 static uint32_t without_in(uint64_t *rng, const random_options_t *options)
 {
     constexpr uint32_t BESIDE_NO_OVERLAP = 1u << OP_LOSE | 1u << OP_FAIL_OPEN | 1u << OP_UNBIND | 1u << OP_FAIL_SEND;

@@ -8,7 +8,7 @@ typedef struct random_options_s {
     uint64_t seed;
     uint64_t steps;   // end after so many; 0: no limit
     double seconds;   // likewise
-    int finds;        // go on until so many violations were found; the shortest script counts
+    int finds;        // end after so many violations; the shortest script is kept
     violation_t only; // other violations do not count; VIOLATION_NONE: all do
     uint32_t without; // faults left out: bits of op_t
     bool old_peers;   // some processes are of version 1
@@ -16,7 +16,7 @@ typedef struct random_options_s {
     bool one_way;     // applications that name others which do not name them
     bool notconn;     // a timer's start on a lost connection says -ENOTCONN, never -1
     bool slow;        // every message takes at least 2.6 s
-    bool together;    // overlaps and the other faults in the same runs
+    bool together;    // overlaps and other faults in the same runs
     int places;       // at most
     int apps;         // of a place, at most
 } random_options_t;
@@ -31,7 +31,7 @@ typedef struct random_result_s {
     uint64_t first_runs; // until the first one
     uint64_t first_steps;
     double first_seconds;
-    uint64_t run_seed; // of the run that went wrong
+    uint64_t run_seed; // of the run with the violation
     std::string text;
     script_t script; // shrunk
 } random_result_t;

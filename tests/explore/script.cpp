@@ -65,7 +65,7 @@ static void add_place(const place_config_t *place, char letter, std::string *tex
         const app_config_t *app = &place->app[i];
         if (app->app == 0)
             continue;
-        // The second slot is named when the first one is empty: actions count slots.
+        // The second slot is written when the first one is empty: actions count slots.
         std::string slot = i != 0 && place->app[0].app == 0 ? "." + std::to_string(i) : "";
         *text += std::string("place ") + letter + slot + " node " + std::to_string(place->node) + " ver " +
                  std::to_string(place->ver) + " app " + std::to_string(app->app) +
@@ -251,7 +251,7 @@ typedef struct phases_s {
     zeb_pair_phase_t of[PROC_NUM][APP_NUM][NAME_NUM];
 } phases_t;
 
-// Which pairs an action has brought to another phase.
+// The pairs whose phase an action changes.
 static void print_phases(const world_t *world, phases_t *known)
 {
     for (int proc = 0; proc < PROC_NUM; proc++) {
@@ -293,7 +293,7 @@ uint32_t script_run(world_t *world, const script_t *script)
     return end;
 }
 
-// Shrinking: ever smaller pieces are left out, as long as it still goes wrong in the same way.
+// Shrinking: leaves out ever smaller pieces while the script has the same violation.
 
 static bool fails_alike(world_t *world, const script_t *script)
 {
@@ -341,7 +341,7 @@ static void remove_peer(app_config_t *app, uint32_t peer)
     }
 }
 
-// Neither names the other any more: a pair of which one names the other is another matter.
+// Removes both names: a pair of which only one names the other is another situation.
 static void part(config_t *config, int place, int app, int peer)
 {
     app_config_t *first = &config->place[place].app[app];

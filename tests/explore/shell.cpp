@@ -16,7 +16,7 @@ static int place_of(const proc_t *proc)
     return proc->index / 2;
 }
 
-// Which application of the process; there always is one.
+// The application's place in its process. It always has one.
 static int app_index(const proc_t *proc, uint32_t app)
 {
     const place_config_t *place = &proc->world->config.place[place_of(proc)];
@@ -148,9 +148,8 @@ const zeb_hs_effects_t g_effects = {
 
 static void receive_traffic(proc_t *proc, uint32_t my_app, int from)
 {
-    // A message that was sent before the withdrawal and is read after it brings the instance online until the name is
-    // published again: any ordinary message of a known instance counts as its acknowledgement. That is not checked
-    // here.
+    // Not checked here: any ordinary message of a known instance counts as its acknowledgement, so one that was sent
+    // before the withdrawal and is read after it brings the instance online until the name is published again.
     if (proc->withdrawn[from])
         return;
     zeb_inst_t sender = name_inst(proc->world, from);
@@ -197,7 +196,7 @@ void receive(proc_t *proc, message_t *message)
     const world_t *world = proc->world;
     uint32_t my_app = name_app(world, message->to)->app;
     zeb_inst_t peer = name_inst(world, message->from);
-    // A process of the older version understands the older forms alone.
+    // A process of version 1 reads only the older forms.
     uint8_t ver = world->config.place[place_of(proc)].ver == 1 ? 1 : message->ver;
     switch (message->kind) {
     case KIND_SYNC:

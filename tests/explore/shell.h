@@ -1,5 +1,5 @@
-// What the library's shell does around a core: effects, routing of what a process reads. And the parts of the world
-// that it sends to.
+// What the library's shell does around a core: effects, and routing of what a process reads. Also the parts of the
+// world that it sends to.
 #ifndef EXPLORE_SHELL_H
 #define EXPLORE_SHELL_H
 

@@ -261,7 +261,7 @@ static void tell_all_names(world_t *world, uint32_t from, uint32_t to)
     }
 }
 
-// A link that both sides still take for good goes on where it was.
+// A link that neither side takes for lost continues where it was.
 void heal(world_t *world, uint32_t a, uint32_t b)
 {
     bool lost = world->noticed[a][b] || world->noticed[b][a];
@@ -349,7 +349,7 @@ void kill_proc(proc_t *proc)
     zeb_hs_clear(&proc->hs);
 }
 
-// Events that were told before may still be read.
+// Earlier events may still be read.
 void lose_connection(proc_t *proc, bool says_notconn, bool with_events)
 {
     proc->connection = CONNECTION_DYING;

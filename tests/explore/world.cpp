@@ -56,7 +56,7 @@ static bool is_dead_end(const world_t *world, int dst, const message_t *message)
     return !world->proc[dst].alive || world->proc[dst].pid != message->dst_pid;
 }
 
-// What comes back stands in line on its sender's socket. Only acknowledgements matter to anyone.
+// A returned message queues on its sender's socket. The core reads only returned acknowledgements.
 static void give_back(world_t *world, int src, int dst, message_t *message)
 {
     if (message->kind != KIND_ACK || !world->proc[src].alive || message->src_pid != world->proc[src].pid)
@@ -134,7 +134,7 @@ static bool may_drop_last(const world_t *world, action_t action)
     return world->cut[src][dst] && !message_at(world, action, false)->doomed;
 }
 
-// The link keeps what it carried until it is taken for lost: a cut that is healed before loses nothing.
+// The link keeps what it carries until it is taken for lost: a cut that is healed before that loses nothing.
 static void doom_last(ring<message_t> *queue)
 {
     uint32_t last = queue->num - 1;
@@ -484,7 +484,7 @@ static void expire_at(world_t *world, uint32_t when)
     }
 }
 
-// What is overdue happens on the way, and timers expire.
+// On the way timers expire, and what is overdue happens.
 static void wait_for(world_t *world, uint32_t ms)
 {
     uint32_t to = world->now + ms;

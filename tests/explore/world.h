@@ -1,6 +1,6 @@
-// A few processes with the handshake's core, over a model of TIPC that does what the kernel does. Time is virtual, and
-// whatever may happen in one order or another is an action: who runs the world chooses. The same actions in the same
-// order give the same world.
+// A few processes with the handshake's core, over a model of TIPC that does what the kernel does. Time is virtual.
+// Whatever may happen in more than one order is an action, and the caller chooses the order. The same actions in the
+// same order give the same world.
 #ifndef EXPLORE_WORLD_H
 #define EXPLORE_WORLD_H
 
@@ -15,7 +15,7 @@ constexpr int PROC_NUM = 2 * PLACE_NUM; // process p runs at place p / 2
 constexpr int APP_NUM = 2;              // of a place
 constexpr int NAME_NUM = PLACE_NUM * APP_NUM;
 constexpr int NODE_NUM = 5; // nodes 1 to 4
-constexpr int PEER_NUM = 7; // applications that one names
+constexpr int PEER_NUM = 7; // applications that one application names
 constexpr int CHANNEL_NUM = PROC_NUM * PROC_NUM * APP_NUM;
 constexpr int QUEUE_ROOM = 64;
 constexpr int TIMER_ROOM = 128;
@@ -45,9 +45,9 @@ typedef struct config_s {
     bool self;          // each application names itself too, as it does in the library
     uint32_t delay_min; // of a message, ms
     uint32_t delay_max;
-    bool untimed; // until faults end, nothing is overdue
-    // A server's message may be read before its join: applications of one process read sockets of their own, and what
-    // one of them reads of a pair that begins anew may overtake what was sent to another.
+    bool untimed; // nothing is overdue until faults end
+    // A server's message may be read before its join: each application of a process reads a socket of its own. What one
+    // of them reads of a pair that begins anew may overtake what was sent to another.
     bool early;
 } config_t;
 
@@ -72,7 +72,7 @@ typedef enum op_e : uint8_t {
     OP_FAIL_TIMER, // a, b: the next b starts of timers on an open connection
     OP_FAIL_SEND,  // a, b: the next b sends of synchronisations
     OP_FAIL_ACK,   // a, b: the next b sends of acknowledgements
-    OP_PICK,       // a, b: of two processes that have a name of place a, process b of them gets what is sent to it
+    OP_PICK,       // a, b: of two processes that have a name of place a, the b-th receives what is sent to it
     OP_NUM,
 } op_t;
 
@@ -172,7 +172,7 @@ typedef struct proc_s {
     int fail_send;
     int fail_ack;
     bool joined[NAME_NUM];
-    bool withdrawn[NAME_NUM]; // said the last event
+    bool withdrawn[NAME_NUM]; // by the last event of the name
 } proc_t;
 
 typedef enum violation_e : int {
@@ -220,23 +220,24 @@ typedef struct world_s {
     char text[160];        // of it
 } world_t;
 
-// The world is large: made once, used for many runs.
+// The world is large: it is made once and used for many runs.
 world_t *world_new();
 void world_free(world_t *world);
 void world_init(world_t *world, const config_t *config);
 
-// Does it, if it can happen now; false if not.
+// Does the action. False: it cannot happen now.
 bool apply(world_t *world, action_t action);
 bool is_enabled(const world_t *world, action_t action);
 
-// Which time counts for what waits: when it should be read, the earliest possible, or the latest.
+// When what waits is read: when it is due, as early as possible, or as late as possible.
 typedef enum order_e : int {
     ORDER_DUE,
     ORDER_EARLIEST,
     ORDER_LATEST,
 } order_t;
 
-// What happens next by itself, and when: NEVER when nothing waits. Timers are not among it: they expire in OP_WAIT.
+// What happens next without a choice of the caller, and when; NEVER: nothing waits. Timers are not included: they
+// expire in OP_WAIT.
 uint32_t next_by_itself(world_t *world, order_t order, action_t *action);
 uint32_t next_timer(const world_t *world);
 bool has_unanswered(const proc_t *proc); // a synchronisation that zeb_hs_minute may send again
@@ -259,7 +260,7 @@ static inline zeb_inst_t name_inst(const world_t *world, int name)
     return {name_app(world, name)->app, world->config.place[name / APP_NUM].node};
 }
 
-int name_index(const world_t *world, zeb_inst_t inst);        // -1: nobody's
+int name_index(const world_t *world, zeb_inst_t inst);        // -1: no name
 bool app_names(const world_t *world, int name, uint32_t app); // whether the name's application names another
 uint32_t proc_node(const proc_t *proc);
 const char *proc_text(int proc); // "A0"

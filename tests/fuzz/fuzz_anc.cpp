@@ -6,6 +6,7 @@
 
 #include "fuzz_peers.h"
 #include "zeb_dbg.h"
+#include "zeb_timer.h"
 
 static void add_item(world::bytes_t *control, int type, const world::bytes_t &value, size_t len)
 {
@@ -21,7 +22,7 @@ static void add_item(world::bytes_t *control, int type, const world::bytes_t &va
         memcpy(control->data() + at + CMSG_LEN(0), value.data(), value.size());
 }
 
-// A message of ours that comes back.
+// A message of ours that is returned.
 static world::bytes_t returned(FuzzedDataProvider *input)
 {
     wire::header_t header;
@@ -58,6 +59,22 @@ static void add_items(FuzzedDataProvider *input, world::bytes_t *control)
     }
 }
 
+// Lets every timer of a returned acknowledgement expire: the library sends it again.
+static void resend_returned()
+{
+    while (!world::timers().empty()) {
+        world::timer_t_ timer = world::timers().front();
+        world::timers().erase(world::timers().begin());
+        if (timer.type != ZEB_TIMER_TYPE_INST)
+            continue;
+        struct tipc_event event;
+        memset(&event, 0, sizeof(event));
+        event.event = TIPC_SUBSCR_TIMEOUT;
+        memcpy(event.s.usr_handle, &timer, sizeof(timer));
+        world::event(event);
+    }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzedDataProvider input(data, size);
@@ -72,16 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         add_items(&input, &control);
     world::receive_anc((mode & 64) != 0 ? world::DAEMON : world::SERVER, control.data(), control.size());
     world::check();
-    while (!world::timers().empty()) { // what was returned is sent again
-        struct tipc_event event;
-        memset(&event, 0, sizeof(event));
-        event.event = TIPC_SUBSCR_TIMEOUT;
-        memcpy(event.s.usr_handle, world::timers().data(), sizeof(world::timers()[0]));
-        uint32_t type = world::timers()[0].type;
-        world::timers().erase(world::timers().begin());
-        if (type == 1)
-            world::event(event);
-    }
+    resend_returned();
     world::check();
     return 0;
 }

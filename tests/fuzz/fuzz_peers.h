@@ -1,4 +1,4 @@
-// Peers of the world in every state of the handshake, and messages of theirs.
+// Peers of the world in every state of the handshake, and the numbers that their messages need.
 #ifndef TESTS_FUZZ_PEERS_H
 #define TESTS_FUZZ_PEERS_H
 
@@ -21,10 +21,10 @@ enum state_t : uint32_t {
 constexpr uint32_t PID = 0xABCD;
 constexpr uint32_t SEQ = 5000; // of each peer's last synchronisation
 
-void set_up(); // all of them, with SERVER
+void set_up(); // brings each node's PEER into its state, with SERVER
 
-uint32_t pending_seq(uint32_t app, uint32_t peer, uint32_t node); // of ours, 0 without one
-uint32_t known_seq(uint32_t app, uint32_t peer, uint32_t node);   // the peer's last that we know
+uint32_t pending_seq(uint32_t app, uint32_t peer, uint32_t node); // of our pending synchronisation; 0: there is none
+uint32_t known_seq(uint32_t app, uint32_t peer, uint32_t node);   // of the peer's last synchronisation
 } // namespace peers
 
 #endif

@@ -1,4 +1,4 @@
-// The print buffer, the log line on both its ways, the dumps and the texts of codes.
+// The print buffer, log lines to standard output and to a file, the dumps and the texts of codes.
 #include <cstdlib>
 #include <cstring>
 #include <fuzzer/FuzzedDataProvider.h>
@@ -19,7 +19,7 @@ static void check_buffer()
     require(len >= 1 && offsetof(zeb_msg_t, data) + len <= ZEB_PRINT_BUF_LEN);
     const char *text = (const char *)g_print_msg->data;
     require(text[len - 1] == '\0');
-    // The line that says so ends a text that did not fit.
+    // A text that did not fit ends with the line that says so.
     require(strlen(text) == len - 1 || strcmp(text, "*** PRINT BUFFER STRING OVERFLOW ***\n") == 0);
 }
 

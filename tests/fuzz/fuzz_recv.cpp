@@ -1,7 +1,7 @@
-// One datagram through the whole receive road, with peers in every state of the handshake and a call in progress.
+// One datagram through the whole receive path, with peers in every state of the handshake and a call in progress.
 //
-// The first byte says who receives and what is put right in the datagram, so that it gets past the first checks; the
-// rest is the datagram.
+// The first byte says which application receives, and what is corrected in the datagram so that it passes the first
+// checks. The rest is the datagram.
 #include <cstring>
 
 #include "by_number.h"
@@ -18,7 +18,7 @@ static void put(uint8_t *at, uint32_t value)
     memcpy(at, &value, sizeof(value));
 }
 
-// Places of the header.
+// Offsets in the header.
 static constexpr size_t LEN = 4;
 static constexpr size_t SRC_NODE = 8;
 static constexpr size_t DST_NODE = 12;
@@ -26,7 +26,7 @@ static constexpr size_t SRC_APP = 16;
 static constexpr size_t DST_APP = 20;
 static constexpr size_t MSG_SEQ = 28;
 
-static void put_right(uint8_t mode, uint32_t app, world::bytes_t *datagram)
+static void correct(uint8_t mode, uint32_t app, world::bytes_t *datagram)
 {
     if (datagram->size() < HEADER)
         return;
@@ -74,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static const uint32_t apps[] = {world::SERVER, world::SERVER, world::CLIENT, world::DAEMON};
     uint32_t app = apps[data[0] & 3];
     world::bytes_t datagram(data + 1, data + size);
-    put_right(data[0], app, &datagram);
+    correct(data[0], app, &datagram);
     receive(data[0], app, datagram);
     return 0;
 }

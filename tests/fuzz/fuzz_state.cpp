@@ -1,6 +1,6 @@
-// The state machine: datagrams, topology events, timer expiries, sends, calls and failures in any order, with the
-// invariants checked after each step. Messages take their sequence numbers and identities from what the library itself
-// sent, so that handshakes and calls complete.
+// The state machine: datagrams, topology events, timer expiries, sends, calls and failures in any order. The invariants
+// are checked after each step. Messages take their sequence numbers and identities from what the library sent, so that
+// handshakes and calls complete.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -17,7 +17,7 @@ using world::bytes_t;
 using wire::operator+;
 
 static FuzzedDataProvider *s_input;
-static bool s_one_way; // no calls yet
+static bool s_one_way; // no call was made yet
 static int s_depth;    // of calls inside calls
 
 static const uint32_t PEERS[] = {world::PEER, world::PEER2, world::SERVER, world::CLIENT, world::DAEMON};
@@ -35,7 +35,7 @@ static uint32_t small(uint32_t last)
     return s_input->ConsumeIntegralInRange<uint32_t>(0, last);
 }
 
-// One of a pair's sides.
+// A pair: an application of ours and its peer.
 typedef struct peer_s {
     uint32_t app; // ours
     uint32_t peer;
@@ -91,7 +91,7 @@ static void step_acknowledge()
             small(4) == 0 ? 1 : 2);
 }
 
-// All of a handshake at once.
+// A whole handshake.
 static void step_join()
 {
     peer_t from = pick_peer();
@@ -158,7 +158,7 @@ static void step_acknowledge_messages()
     receive(from, wire::MNG, wire::tlv(0, wire::words({num})));
 }
 
-// An answer to a request that the library wrote, or to none.
+// An answer to a request that the library sent, or to none.
 static void step_answer()
 {
     peer_t from = pick_peer();
@@ -214,7 +214,7 @@ static void step_send()
 {
     zeb_msg_t *msg = zeb_msg_alloc((int)small(64), 1, 0);
     uint32_t app = pick(LOCALS);
-    int flags = (int)small(3) | ZEB_SEND_NOWAIT; // nothing would ever let a blocked sender go on
+    int flags = (int)small(3) | ZEB_SEND_NOWAIT; // a blocked sender would wait for ever
     uint32_t num = small(15) == 0 ? small(1200) : 1;
     uint32_t destination = pick_destination();
     uint32_t node = pick_destination_node();
@@ -325,7 +325,7 @@ static void (*const s_steps[])() = {
     world::run_proxy,
 };
 
-// One-way traffic alone never takes a pair past its window.
+// With one-way traffic alone no pair passes its window.
 static void check_windows()
 {
     zeb_each_app_mng([](const zeb_app_mng_t *slot) {
@@ -360,7 +360,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     zeb_store_relaxed(&g_zeb_dbg_level, small(31) == 0 ? 15u : 0u);
     for (int steps = 0; steps < 32 && step(); steps++) {
         if (steps == 4)
-            zeb_store_relaxed(&g_zeb_dbg_level, 0u); // lines cost more than the steps that they tell of
+            zeb_store_relaxed(&g_zeb_dbg_level, 0u); // log lines cost more than the steps
     }
     world::run_proxy();
     world::check();

@@ -1,4 +1,4 @@
-// The walk over the elements of a body: it ends, and touches nothing outside.
+// The iteration over the elements of a body: it ends, and touches nothing outside.
 #include <cstdlib>
 #include <cstring>
 
@@ -10,7 +10,7 @@ static void require(bool holds)
         abort();
 }
 
-static void walk_as_the_library(uint8_t *body, uint32_t size)
+static void iterate_as_the_library(uint8_t *body, uint32_t size)
 {
     struct tlv_list_desc cursor;
     TLV_LIST_INIT(&cursor, body, size);
@@ -27,7 +27,7 @@ static void walk_as_the_library(uint8_t *body, uint32_t size)
 }
 
 // The macros alone, as a program may use them on a body that TLV_LIST_OK accepts.
-static void walk_as_a_program(uint8_t *body, uint32_t size)
+static void iterate_as_a_program(uint8_t *body, uint32_t size)
 {
     struct tlv_list_desc cursor;
     TLV_LIST_INIT(&cursor, body, size);
@@ -46,11 +46,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size > 65535)
         return 0;
-    uint8_t *body = (uint8_t *)malloc(size == 0 ? 1 : size); // of its exact size, so that a step outside is found
+    uint8_t *body = (uint8_t *)malloc(size == 0 ? 1 : size); // of the exact size, so that an access outside is found
     if (size != 0)
         memcpy(body, data, size);
-    walk_as_the_library(body, (uint32_t)size);
-    walk_as_a_program(body, (uint32_t)size);
+    iterate_as_the_library(body, (uint32_t)size);
+    iterate_as_a_program(body, (uint32_t)size);
     free(body);
     return 0;
 }

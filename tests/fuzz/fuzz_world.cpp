@@ -26,6 +26,9 @@ namespace world
 {
 std::function<bool()> g_while_waiting;
 
+// The applications that SERVER and CLIENT communicate with.
+static constexpr uint32_t PARTNERS[] = {SERVER, CLIENT, PEER, PEER2, DAEMON};
+
 static constexpr size_t SENT_MAX = 64; // datagrams that are kept
 static constexpr int FIRST_SD = 1000;  // descriptors of ours, above any real one
 static int s_next_sd = FIRST_SD;
@@ -42,7 +45,7 @@ static std::map<std::string, bytes_t> s_files;
 static void *(*s_proxy_fun)(void *);
 static void *s_proxy_arg;
 
-struct idle_t { // thrown where the proxy thread would wait
+struct idle_t { // thrown where a thread would wait
 };
 static bool s_in_proxy;
 
@@ -61,7 +64,7 @@ static void *take_event(zeb_event_t)
     return nullptr;
 }
 
-// Answers every second request, as its sequence number says.
+// Answers the requests of even sequence numbers.
 static void *take_msg(zeb_msg_t *msg)
 {
     if ((msg->hdr.flag & ZEB_MSG_FLAG_REQUEST) != 0 && (msg->hdr.seq & 1) == 0) {
@@ -106,7 +109,7 @@ void start()
     add_app(CLIENT, true);
     add_app(DAEMON, false);
     for (uint32_t app : {SERVER, CLIENT}) {
-        for (uint32_t peer : {SERVER, CLIENT, PEER, PEER2, DAEMON})
+        for (uint32_t peer : PARTNERS)
             (void)zeb_comm_with(app, peer);
     }
     zeb_run();
@@ -142,27 +145,23 @@ static void reset_app(zeb_app_mng_t *slot)
         fail("a call is left without its caller");
 }
 
-// All of the handshake but who talks to whom.
+// The handshake as start() left it: nothing is known but who communicates with whom, in the same order.
 static void reset_handshake()
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    zeb_handshake_t *hs = &g_zeb_handshake;
-    indexed_list_clear(&hs->inst_id);
-    indexed_list_clear(&hs->inst_sync);
-    indexed_list_clear(&hs->inst_retry);
-    free_all<zeb_resume_comm_t>(&hs->resume_comm_list);
-    list_each<zeb_returned_ack_t>(&hs->sync_inst_ack_list,
-                                  [&](zeb_returned_ack_t *ack) { zeb_drop_returned_ack(hs, ack); });
-    indexed_list_each(&hs->ol_app, [](zeb_ol_app_t *ol) {
-        for (zeb_app_set_t *set : {&ol->srv_bmp, &ol->inst_bmp, &ol->inst_ack_bmp, &ol->ol_bmp, &ol->unreported_bmp})
-            set->blocks = 0;
-    });
-    hs->timer_inst_retry_open = false;
+    zeb_hs_clear(&g_zeb_handshake);
+    for (uint32_t app : {SERVER, CLIENT, DAEMON})
+        zeb_hs_add_comm_app(&g_zeb_handshake, app, app); // as its registration does
+    for (uint32_t app : {SERVER, CLIENT}) {
+        for (uint32_t peer : PARTNERS)
+            zeb_hs_add_comm_app(&g_zeb_handshake, app, peer);
+    }
 }
 
 void reset()
 {
     start();
+    zeb_store_relaxed(&g_zeb_dbg_level, 0u);
     reset_handshake();
     zeb_each_app_mng(reset_app);
     s_sent.clear();
@@ -170,7 +169,6 @@ void reset()
     s_fail_num = 0;
     s_topology_lost = false;
     g_while_waiting = nullptr;
-    zeb_store_relaxed(&g_zeb_dbg_level, 0u);
 }
 
 void check()
@@ -226,7 +224,7 @@ void fail_sends(int num, int err)
     s_fail_err = err;
 }
 
-// One turn of the receive thread finds the connection gone, the next has a new one.
+// One turn of the receive thread finds the connection lost, the next one has another.
 void lose_topology()
 {
     s_timers.clear();
@@ -241,7 +239,7 @@ void lose_topology()
 
 using namespace world;
 
-// In place of the system's, for the objects of the library (the linker's --wrap).
+// In place of libc's, for the objects of the library (the linker's --wrap): the fuzzer itself calls libc.
 extern "C" {
 int __real_close(int fd);
 unsigned __real_sleep(unsigned seconds);
@@ -291,7 +289,7 @@ int __wrap_fcntl(int, int, ...)
     return 0;
 }
 
-// Timers alone; the subscriptions to applications are of no interest.
+// Remembers timers. Nothing needs the subscriptions to applications.
 ssize_t __wrap_send(int, const void *data, size_t len, int)
 {
     struct tipc_subscr request;
@@ -363,7 +361,7 @@ FILE *__wrap_fopen(const char *path, const char *mode)
         errno = ENOENT;
         return nullptr;
     }
-    // An empty one cannot be made.
+    // fmemopen makes no empty file.
     return found->second.empty() ? __real_fopen("/dev/null", "r")
                                  : fmemopen(found->second.data(), found->second.size(), "r");
 }

@@ -1,5 +1,5 @@
-// The process that the fuzz targets feed: three local applications of the library, what it knows of the peers, and the
-// system calls below it, all in one thread. Made once; reset() brings it back to its start between two inputs.
+// The process that the fuzz targets feed: three local applications of the library, and the system calls below it, in
+// one thread. It is made once; reset() restores its first state between two inputs.
 #ifndef TESTS_FUZZ_WORLD_H
 #define TESTS_FUZZ_WORLD_H
 
@@ -16,14 +16,14 @@ namespace world
 {
 constexpr uint32_t NODE = 7;
 constexpr uint32_t SERVER = 100; // without a proxy thread: its callbacks run while a datagram is received
-constexpr uint32_t CLIENT = 101; // with a proxy thread, which runs when a target lets it
+constexpr uint32_t CLIENT = 101; // with a proxy thread, which runs in run_proxy()
 constexpr uint32_t DAEMON = 1;   // the management daemon, without a thread
 constexpr uint32_t PEER = 200;
 constexpr uint32_t PEER2 = 16384;
 
 typedef std::vector<uint8_t> bytes_t;
 
-struct sent_t { // one datagram that the library wrote
+struct sent_t { // one datagram that the library sent
     uint32_t app;
     bytes_t bytes;
 };
@@ -33,7 +33,7 @@ struct timer_t_ { // one that is pending on the topology connection
     uint32_t seq;
 };
 
-void start(); // registers and runs; further calls do nothing
+void start(); // registers the applications and runs; further calls do nothing
 void reset();
 
 // Stops with a message when an invariant of the library is broken.
@@ -44,15 +44,15 @@ void receive(uint32_t app, const uint8_t *data, size_t size);        // one data
 void receive_anc(uint32_t app, const uint8_t *control, size_t size); // an empty one with these control bytes
 void event(const struct tipc_event &event);                          // a topology event
 void run_proxy();                                                    // CLIENT's thread, until its queue is empty
-void serve_file(const char *path, const uint8_t *data, size_t size); // null data: there is none
+void serve_file(const char *path, const uint8_t *data, size_t size); // null data: no such file
 void fail_sends(int num, int err);                                   // the next datagrams
 
-// Runs while the library waits on a condition; false when nothing more will come, so that the wait times out.
+// Runs while the library waits on a condition. False: nothing more will come, and the wait times out.
 extern std::function<bool()> g_while_waiting;
 
-std::vector<sent_t> &sent();     // not yet taken by the target
+std::vector<sent_t> &sent();     // those that the target has not taken
 std::vector<timer_t_> &timers(); // in order of their start
-void lose_topology();            // the connection with its timers; opened again at once
+void lose_topology();            // the connection and its timers; the library opens another at once
 } // namespace world
 
 #endif

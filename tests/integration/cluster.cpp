@@ -147,7 +147,7 @@ process::~process()
     (void)close(in_);
     (void)close(out_);
     if (testing::Test::HasFailure()) {
-        printf("--- what is left of node %d's process:\n", node_);
+        printf("--- lines of node %d's process that no test took:\n", node_);
         for (const std::string &line : lines_)
             printf("    %s\n", line.c_str());
     }
@@ -246,8 +246,8 @@ void process::kill()
     pid_ = -1;
 }
 
-// On the simulator not inside a lock that the senders need, as the kernel's TIPC has none to be stopped in. Returns
-// when every thread stands still.
+// Returns when every thread has stopped. The simulator stops a process only outside the locks that senders need: in the
+// kernel's TIPC a stopped process holds none.
 void process::stop()
 {
     if (getenv("TIPCSIM_CLUSTER") != nullptr) {

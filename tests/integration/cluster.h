@@ -1,5 +1,5 @@
-// How tests start processes on nodes and hurt the cluster. The tests know nothing of what lies below: the lab or the
-// simulator, whichever $LAB is.
+// How tests start processes on nodes and inject faults into the cluster. $LAB is the command of the lab or of the
+// simulator; the tests do not know which.
 #ifndef TESTS_INTEGRATION_CLUSTER_H
 #define TESTS_INTEGRATION_CLUSTER_H
 
@@ -18,38 +18,38 @@ void cut(int node);
 void heal(int node); // returns when the links are up again
 void node_down(int node);
 void node_up(int node);
-void write_file(int node, const std::string &path, const std::string &text); // the node's own
+void write_file(int node, const std::string &path, const std::string &text); // the node's own file
 void remove_file(int node, const std::string &path);
-void reset(); // every node up, linked and with its first files
+void reset(); // every node is up, linked, and has the files that it began with
 
 extern const char CONF[];
 
 // Every limit of a wait is multiplied by this. In virtual time the clock also jumps while the machine waits for its
-// host.
+// host, so the limits must be longer there.
 extern int patience;
 
-// A process on a node, spoken to in lines.
+// A process on a node. The test writes commands to its standard input and reads lines from its standard output.
 class process
 {
   public:
-    // `program` with its arguments lies beside the test. `board`: the node id that the process itself goes by, when it
-    // is not its node's.
+    // `program` has its arguments, and lies in the folder of the test. `board` is the node id that the process reads,
+    // when that is not its node's.
     process(int node, const std::string &program, int board = 0);
     ~process();
     process(const process &) = delete;
     process &operator=(const process &) = delete;
 
-    // Gives a command and returns what is said of it. Waits up to `seconds`.
+    // Gives a command and returns its result. Waits up to `seconds`.
     std::string ask(const std::string &command, int seconds = 60);
     void tell(const std::string &command);
 
-    // The first line not yet taken that contains `text`; lines before it stay. Fails the test after `seconds`.
+    // Takes the first line that contains `text`; other lines stay. Fails the test after `seconds`.
     std::string wait(const std::string &text, int seconds = 60);
-    bool saw(const std::string &text); // among what has arrived, without taking it
+    bool saw(const std::string &text); // among the lines that have arrived; takes none
     int count(const std::string &text);
 
     void kill(); // -9
-    void stop(); // stalls it
+    void stop(); // until resume
     void resume();
     bool ended(int seconds); // by itself, within that time
     int node() const

@@ -35,7 +35,7 @@ TEST_F(join_quit, both_sides_see_each_other_whoever_starts_first)
         std::string a = server_first ? "100" : "101";
         std::string b = server_first ? "200" : "201";
         start(server_first ? first : second, a, b);
-        (server_first ? first : second).wait("join " + a + " " + a + "/"); // the first is up and bound
+        (server_first ? first : second).wait("join " + a + " " + a + "/"); // it is bound
         start(server_first ? second : first, b, a);
         (server_first ? first : second).wait("join " + a + " " + b + "/");
         (server_first ? second : first).wait("join " + b + " " + a + "/");
@@ -165,7 +165,7 @@ TEST_F(join_quit, of_two_local_subscribers_one_sees_the_join_and_the_first_the_q
     local.wait(" 162/2");
     remote.wait("join 162 160/1");
     remote.wait("join 162 161/1");
-    // Both may send, whoever was told.
+    // Both may send, although only one was notified.
     EXPECT_EQ(local.ask("send 160 162 all 4 1 0"), "0");
     EXPECT_EQ(local.ask("send 161 162 all 4 1 0"), "0");
     remote.wait("msg 162 160/1");

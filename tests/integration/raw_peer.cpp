@@ -1,5 +1,5 @@
-// A peer without the library: a TIPC socket of its own, driven by lines on standard input. What it receives is printed
-// in hex with the milliseconds of the monotonic clock.
+// A peer without the library: a TIPC socket that commands on standard input drive. It prints what it receives in hex,
+// with the milliseconds of the monotonic clock.
 //   bind APP NODE      take the name        send APP NODE HEX   send a datagram        unbind   close the socket
 #include <cstdio>
 #include <cstdlib>

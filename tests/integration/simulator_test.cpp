@@ -1,5 +1,5 @@
-// What only the simulator can do to processes: its broker stopped, topology connections dropped, sends that fail, are
-// short or come back, slow links, stalled nodes.
+// Faults that only the simulator can inject: a stopped broker, dropped topology connections, sends that fail, are short
+// or are returned, slow links, stalled nodes.
 #include "cluster.h"
 
 using cluster::process;
@@ -55,15 +55,15 @@ TEST_F(simulator, a_dropped_topology_connection_is_opened_again_and_the_pair_joi
     one.wait("join 610 611/2");
     two.wait("join 611 610/1");
     order("drop-topology 1");
-    one.wait("quit 610 611/2"); // published once more on the new connection, so it is synchronised with anew
-    two.wait("quit 611 610/1"); // its own connection stayed: it is asked to begin anew
+    one.wait("quit 610 611/2"); // the new connection reports the peer, which is then synchronised with again
+    two.wait("quit 611 610/1"); // its own connection stayed: the peer asks it to begin anew
     one.wait("join 610 611/2");
     two.wait("join 611 610/1");
     EXPECT_EQ(one.ask("send 610 611 all 10 1 0"), "0");
     two.wait("msg 611 610/1 len 10");
 }
 
-TEST_F(simulator, a_cut_that_is_healed_before_the_link_is_missed_loses_and_reorders_nothing)
+TEST_F(simulator, a_cut_that_is_healed_before_the_link_is_lost_loses_and_reorders_nothing)
 {
     process one(1, "zeb_agent");
     process two(2, "zeb_agent");

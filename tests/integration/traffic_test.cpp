@@ -88,8 +88,8 @@ TEST_F(traffic, a_thousand_messages_keep_their_order)
     EXPECT_EQ(receiver.ask("counts"), "241 240/1 3001 bad 1") << "only the call breaks the numbers";
 }
 
-// Four senders on two nodes send `num` messages each to one receiver that is slower than they are. Returns how many
-// arrived and how many came back, after each sender's call that travels behind its messages.
+constexpr int SENDER_NUM = 4;
+
 struct load_t {
     int received;
     int returned;
@@ -97,73 +97,105 @@ struct load_t {
     int peak; // the highest unacknowledged count of a pair
 };
 
-static void run_load(const std::string &base, int num, load_t *load)
+// The load of four senders on two nodes to one receiver on the third, which is slower than they are. The receiver is
+// application `base`, the senders are the four after it.
+class load
 {
-    int first = atoi(base.c_str());
-    std::string target = std::to_string(first);
-    process receiver(3, "zeb_agent");
-    ASSERT_EQ(receiver.ask("register " + target + " thread 1"), "0");
-    for (int i = 1; i <= 4; i++)
-        ASSERT_EQ(receiver.ask("comm " + target + " " + std::to_string(first + i)), "0");
-    ASSERT_EQ(receiver.ask("quiet"), "0");
-    ASSERT_EQ(receiver.ask("run"), "0");
-    std::vector<std::unique_ptr<process>> senders;
-    for (int i = 0; i < 4; i++) {
-        senders.push_back(std::make_unique<process>(1 + i % 2, "zeb_agent"));
-        start(*senders.back(), std::to_string(first + 1 + i), target);
+  public:
+    explicit load(int base);
+    load_t run(int num); // of messages for each sender
+
+  private:
+    std::string app_of(int sender) const
+    {
+        return std::to_string(base_ + 1 + sender);
     }
-    for (int i = 0; i < 4; i++) {
-        std::string app = std::to_string(first + 1 + i);
-        senders[(size_t)i]->wait("join " + app + " " + target + "/3");
-        receiver.wait("join " + target + " " + app + "/");
+    void flood(int num);
+    void count_messages();
+
+    int base_;
+    std::string target_;
+    process receiver_;
+    std::vector<std::unique_ptr<process>> senders_;
+    load_t load_ = {};
+};
+
+load::load(int base) : base_(base), target_(std::to_string(base)), receiver_(3, "zeb_agent")
+{
+    EXPECT_EQ(receiver_.ask("register " + target_ + " thread 1"), "0");
+    for (int i = 0; i < SENDER_NUM; i++)
+        EXPECT_EQ(receiver_.ask("comm " + target_ + " " + app_of(i)), "0");
+    EXPECT_EQ(receiver_.ask("quiet"), "0");
+    EXPECT_EQ(receiver_.ask("run"), "0");
+    for (int i = 0; i < SENDER_NUM; i++) {
+        senders_.push_back(std::make_unique<process>(1 + i % 2, "zeb_agent"));
+        start(*senders_.back(), app_of(i), target_);
     }
-    for (int i = 0; i < 4; i++)
-        senders[(size_t)i]->tell("flood " + std::to_string(first + 1 + i) + " " + target + " 1 " + std::to_string(num));
-    for (auto &sender : senders) {
+    for (int i = 0; i < SENDER_NUM; i++) {
+        senders_[(size_t)i]->wait("join " + app_of(i) + " " + target_ + "/3");
+        receiver_.wait("join " + target_ + " " + app_of(i) + "/");
+    }
+}
+
+void load::flood(int num)
+{
+    for (int i = 0; i < SENDER_NUM; i++)
+        senders_[(size_t)i]->tell("flood " + app_of(i) + " " + target_ + " 1 " + std::to_string(num));
+    for (auto &sender : senders_) {
         std::string result = sender->wait("done flood", 600);
         EXPECT_EQ(result.substr(0, result.find(',')), "done flood 0 failed");
-        load->peak = std::max(load->peak, atoi(result.c_str() + result.rfind(' ')));
+        load_.peak = std::max(load_.peak, atoi(result.c_str() + result.rfind(' ')));
     }
-    for (int tries = 0; tries < 300 && load->received + load->returned < 4 * num; tries++) {
-        *load = {0, 0, 0, load->peak};
-        std::string counts = receiver.ask("counts");
-        for (int i = 0; i < 4; i++) {
-            std::string app = std::to_string(first + 1 + i);
-            (void)senders[(size_t)i]->ask("fc " + app);
-            std::string line = senders[(size_t)i]->wait("text     Receive from application " + target + "/3:");
-            load->returned += atoi(line.c_str() + line.rfind(' '));
-            std::string head = target + " " + app + "/" + std::to_string(1 + i % 2) + " ";
-            size_t at = counts.find(head);
-            if (at == std::string::npos)
-                continue;
-            load->received += atoi(counts.c_str() + at + head.size());
-            load->bad += atoi(counts.c_str() + counts.find(" bad ", at) + 5);
-        }
+}
+
+// Asks the receiver what it received, and each sender what was returned to it.
+void load::count_messages()
+{
+    load_ = {0, 0, 0, load_.peak};
+    std::string counts = receiver_.ask("counts");
+    for (int i = 0; i < SENDER_NUM; i++) {
+        (void)senders_[(size_t)i]->ask("fc " + app_of(i));
+        std::string line = senders_[(size_t)i]->wait("text     Receive from application " + target_ + "/3:");
+        load_.returned += atoi(line.c_str() + line.rfind(' '));
+        std::string head = target_ + " " + app_of(i) + "/" + std::to_string(1 + i % 2) + " ";
+        size_t at = counts.find(head);
+        if (at == std::string::npos)
+            continue;
+        load_.received += atoi(counts.c_str() + at + head.size());
+        load_.bad += atoi(counts.c_str() + counts.find(" bad ", at) + 5);
     }
+}
+
+// Counts until every message is received or returned, at most so many times.
+load_t load::run(int num)
+{
+    flood(num);
+    for (int tries = 0; tries < 300 && load_.received + load_.returned < SENDER_NUM * num; tries++)
+        count_messages();
+    return load_;
 }
 
 TEST_F(traffic, with_the_default_queue_every_message_arrives_or_is_counted_as_returned)
 {
-    // Within the window: what was returned is never acknowledged, and more of it would block its sender for good.
-    load_t load = {};
-    run_load("250", 1000, &load);
-    EXPECT_EQ(load.received + load.returned, 4 * 1000) << load.received << " + " << load.returned;
+    // No more than the window: a returned message is never acknowledged, so more of them would block their sender for
+    // ever.
+    load_t seen = load(250).run(1000);
+    EXPECT_EQ(seen.received + seen.returned, 4 * 1000) << seen.received << " + " << seen.returned;
 }
 
-// Runs where the receive queue is sized as operations.md advises.
+// Runs where the receive queue has the size that operations.md advises.
 class sized_traffic : public traffic
 {
 };
 
 TEST_F(sized_traffic, a_hundred_thousand_messages_of_each_of_four_senders_arrive_once_and_in_order)
 {
-    load_t load = {};
-    run_load("270", 100000, &load);
-    EXPECT_EQ(load.received, 4 * 100000);
-    EXPECT_EQ(load.returned, 0);
-    EXPECT_EQ(load.bad, 0);
-    EXPECT_GT(load.peak, 0);
-    EXPECT_LE(load.peak, 1024 + 1) << "the window and the one message that each thread may send past it";
+    load_t seen = load(270).run(100000);
+    EXPECT_EQ(seen.received, 4 * 100000);
+    EXPECT_EQ(seen.returned, 0);
+    EXPECT_EQ(seen.bad, 0);
+    EXPECT_GT(seen.peak, 0);
+    EXPECT_LE(seen.peak, 1024 + 1) << "the window and the one message that each thread may send past it";
 }
 
 TEST_F(traffic, blocked_senders_wake_when_their_receiver_is_killed)

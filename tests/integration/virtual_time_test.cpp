@@ -1,5 +1,5 @@
-// The long waits, in a machine whose clock jumps over idle time. The kernel's timers are coarse on long waits, hence
-// the wide bounds above; nothing may come early.
+// The long waits, in a machine whose clock jumps over idle time. The upper bounds are wide because the kernel's timers
+// are coarse on long waits. Nothing may come early.
 #include <ctime>
 
 #include "cluster.h"
@@ -11,7 +11,8 @@ using wire::operator+;
 class virtual_time : public testing::Test
 {
   protected:
-    // Once from the host's disk: a start that has to read waits for the host, and the clock jumps meanwhile.
+    // Reads both programs from the host's disk once: a start that has to read waits for the host, and the clock jumps
+    // meanwhile.
     static void SetUpTestSuite()
     {
         cluster::patience = 60;
@@ -122,6 +123,7 @@ TEST_F(virtual_time, a_synchronisation_is_sent_again_every_2_s_until_acknowledge
     }
     send(peer, 510, wire::message(header(511, 510), wire::sync_seq_ack(word(sync, 0), 42, 1, 700)));
     agent.wait("join 510 511/2", 300);
+    // The time is what is tested: no condition shows that nothing more is sent.
     double joined = now();
     while (now() < joined + 20)
         (void)peer.saw("nothing"); // takes in what arrives
@@ -146,8 +148,8 @@ TEST_F(virtual_time, a_synchronisation_that_nobody_answers_is_sent_again_once_in
     EXPECT_EQ(peer.count("recv "), 0);
 }
 
-// The acknowledgement of `seq` lies unread in the queue of a socket that closes, and so comes back to its sender. True
-// when it then came again, to another socket of the name, with its ttl one lower. That socket may be too late for it.
+// The acknowledgement of `seq` lies unread in the queue of a socket that closes, and so is returned to its sender. True
+// when it then arrives again, at another socket of the name, with its ttl one lower. That socket may be bound too late.
 static bool acknowledged_again(uint32_t seq)
 {
     process peer(2, "raw_peer");
@@ -157,6 +159,8 @@ static bool acknowledged_again(uint32_t seq)
     (void)other.ask("unbind");
     peer.stop();
     send(other, 520, wire::message(header(521, 520), wire::sync_inst(seq, 42, 1, 0)));
+    // Nothing shows that the acknowledgement has reached the stopped process. When this time is too short, the caller
+    // tries again.
     double sent = now();
     while (now() < sent + 0.3)
         (void)other.saw("nothing");
@@ -223,7 +227,7 @@ TEST_F(virtual_time, a_blocked_sender_pings_at_300_600_1200_s_and_asks_for_a_rel
         process sender(1, "zeb_agent");
         start(sender, b, a);
         sender.wait("join " + b + " " + a + "/2", 300);
-        ASSERT_EQ(receiver.ask("slow 2000000000"), "0"); // its dispatcher hangs; its receive thread lives
+        ASSERT_EQ(receiver.ask("slow 2000000000"), "0"); // its dispatcher hangs, its receive thread goes on
         EXPECT_EQ(sender.ask("send " + b + " " + a + " all 8 1025 0"), "0");
         double begin = now();
         sender.tell("send " + b + " " + a + " all 8 1 0");

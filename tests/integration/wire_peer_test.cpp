@@ -1,4 +1,5 @@
-// A peer that is not the library, byte by byte: old and new handshakes, and what a broken or hostile one can send.
+// A peer without the library that sends byte by byte: old and new handshakes, and what a broken or hostile peer can
+// send.
 #include "cluster.h"
 #include "wire.h"
 
@@ -65,7 +66,7 @@ TEST_F(wire_peer, an_old_and_a_new_peer_each_complete_the_handshake)
     for (uint8_t ver : {1, 2}) {
         process peer(2, "raw_peer");
         ASSERT_EQ(peer.ask("bind 411 2"), "0");
-        wire::bytes_t sync = received(peer); // it was published, so it is synchronised with
+        wire::bytes_t sync = received(peer); // the agent synchronises with what was published
         wire::header_t got = wire::header_of(sync);
         EXPECT_EQ(got.ver, 2);
         EXPECT_EQ(got.flag, wire::SYNC);

@@ -1,10 +1,11 @@
-// A scriptable application: commands on standard input, what happens on standard output, one line each. Public headers
-// alone, as an application is written.
+// A scriptable application: it reads commands on standard input and prints what happens, one line each. It includes
+// public headers alone, as an application does.
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <poll.h>
@@ -18,7 +19,7 @@
 
 typedef struct from_s { // what came from one sender
     uint32_t num;
-    uint32_t next; // expected number
+    uint32_t next; // the expected number
     uint32_t bad;  // out of order, twice or damaged
 } from_t;
 
@@ -28,7 +29,7 @@ static std::map<std::string, from_t> s_from;
 static std::string s_answer = "echo";
 static std::atomic<bool> s_quiet{false};
 static std::atomic<unsigned> s_slow{0}; // microseconds per message
-static std::atomic<zeb_msg_t *> s_kept; // a request to be answered late
+static std::atomic<zeb_msg_t *> s_kept; // a request that is answered late
 
 static void say(const std::string &line)
 {
@@ -68,6 +69,12 @@ static bool intact(const zeb_msg_t *msg, uint32_t number)
     return true;
 }
 
+static std::string answer_of_requests()
+{
+    std::lock_guard<std::mutex> lock(s_mutex);
+    return s_answer;
+}
+
 static void answer(const zeb_msg_t *request, const std::string &how)
 {
     if (how == "silent")
@@ -84,48 +91,65 @@ static void answer(const zeb_msg_t *request, const std::string &how)
     free(reply);
 }
 
+// The message's number. Adds the message to what came from its sender.
+static uint32_t enter(const zeb_msg_t *msg, const std::string &from)
+{
+    uint32_t number = 0;
+    memcpy(&number, msg->data, zeb_msg_data_len(msg) >= 4 ? 4 : 0);
+    std::lock_guard<std::mutex> lock(s_mutex);
+    from_t &entry = s_from[str(msg->hdr.dst_app) + " " + from];
+    bool good = number == entry.next && intact(msg, number);
+    entry.bad += good ? 0 : 1;
+    entry.next = number + 1;
+    entry.num++;
+    return number;
+}
+
+// A call from inside a dispatcher.
+static void call_inside(uint32_t app, uint32_t peer)
+{
+    zeb_msg_t *request = zeb_msg_alloc(4, 1, 0);
+    zeb_reply_msg_t replies;
+    int ret = zeb_rpc(app, peer, request, 0, 5, &replies);
+    say("inner " + str(ret) + " " + str(replies.num));
+    for (int i = 0; i < replies.num; i++)
+        free(replies.msg[i]);
+    free(request);
+}
+
+// False when the request is kept.
+static bool serve(zeb_msg_t *request, const std::string &how)
+{
+    if (how == "keep") {
+        s_kept = request;
+        return false;
+    }
+    if (how.rfind("call ", 0) == 0) {
+        call_inside(request->hdr.dst_app, (uint32_t)atoi(how.c_str() + 5));
+        answer(request, "echo");
+    } else {
+        answer(request, how);
+    }
+    return true;
+}
+
 static void *on_msg(zeb_msg_t *msg)
 {
     if (s_slow != 0)
-        (void)usleep(s_slow);
-    uint32_t number = 0;
-    memcpy(&number, msg->data, zeb_msg_data_len(msg) >= 4 ? 4 : 0);
+        (void)usleep(s_slow); // how slow the dispatcher is, is what is tested
     std::string from = str(msg->hdr.src_app) + "/" + str(msg->hdr.src_node);
-    std::string how;
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        from_t &entry = s_from[str(msg->hdr.dst_app) + " " + from];
-        bool good = number == entry.next && intact(msg, number);
-        entry.bad += good ? 0 : 1;
-        entry.next = number + 1;
-        entry.num++;
-        how = s_answer;
-    }
+    uint32_t number = enter(msg, from);
+    std::string how = answer_of_requests();
     if (!s_quiet)
         say("msg " + str(msg->hdr.dst_app) + " " + from + " len " + str(zeb_msg_data_len(msg)) + " ver " +
             str(msg->hdr.app_ver) + (intact(msg, number) ? " intact" : " damaged"));
-    if ((msg->hdr.flag & ZEB_MSG_FLAG_REQUEST) != 0) {
-        if (how == "keep") {
-            s_kept = msg;
-            return nullptr;
-        }
-        if (how.rfind("call ", 0) == 0) { // the dispatcher makes a call itself
-            zeb_msg_t *request = zeb_msg_alloc(4, 1, 0);
-            zeb_reply_msg_t replies;
-            int ret = zeb_rpc(msg->hdr.dst_app, (uint32_t)atoi(how.c_str() + 5), request, 0, 5, &replies);
-            say("inner " + str(ret) + " " + str(replies.num));
-            for (int i = 0; i < replies.num; i++)
-                free(replies.msg[i]);
-            free(request);
-            how = "echo";
-        }
-        answer(msg, how);
-    }
-    free(msg);
+    if ((msg->hdr.flag & ZEB_MSG_FLAG_REQUEST) == 0 || serve(msg, how))
+        free(msg);
     return nullptr;
 }
 
-static int do_register(std::istringstream &in)
+// register APP thread|nothread [VERSION...]
+static std::string do_register(std::istringstream &in)
 {
     uint32_t app = 0;
     std::string thread;
@@ -134,8 +158,8 @@ static int do_register(std::istringstream &in)
     for (uint32_t version; in >> version;)
         table.push_back({version, on_msg});
     table.push_back({0, nullptr});
-    return thread == "thread" ? zeb_register(app, "agent", table.data(), on_event)
-                              : zeb_register_without_thread(app, "agent", table.data(), on_event);
+    return str(thread == "thread" ? zeb_register(app, "agent", table.data(), on_event)
+                                  : zeb_register_without_thread(app, "agent", table.data(), on_event));
 }
 
 // The highest unacknowledged count that the flow control listing shows of an application's pairs.
@@ -153,8 +177,8 @@ static int unacknowledged(uint32_t app)
     return highest;
 }
 
-// flood SRC DST THREADS COUNT: each thread sends `count` messages and watches the unacknowledged count. Says how many
-// sends failed and the highest count seen.
+// flood SRC DST THREADS COUNT: each thread sends COUNT messages and looks at the unacknowledged count. The result is
+// how many sends failed, and the highest count seen.
 static std::string do_flood(std::istringstream &in)
 {
     uint32_t src = 0;
@@ -183,7 +207,7 @@ static std::string do_flood(std::istringstream &in)
 }
 
 // send SRC DST NODE|all|local LEN COUNT FLAGS [FIRST]
-static int do_send(std::istringstream &in)
+static std::string do_send(std::istringstream &in)
 {
     uint32_t src = 0;
     uint32_t dst = 0;
@@ -195,7 +219,7 @@ static int do_send(std::istringstream &in)
     in >> src >> dst >> node >> len >> count >> flags >> first;
     zeb_msg_t *msg = zeb_msg_alloc(len, 1, 0);
     if (msg == nullptr)
-        return -1000;
+        return "-1000";
     int failed = 0;
     int ret = 0;
     for (uint32_t i = 0; i < count; i++) {
@@ -208,7 +232,7 @@ static int do_send(std::istringstream &in)
         failed += ret != 0 ? 1 : 0;
     }
     free(msg);
-    return failed > 1 ? -2000 - failed : ret;
+    return str(failed > 1 ? -2000 - failed : ret);
 }
 
 static std::string one_call(uint32_t src, uint32_t dst, const std::string &node, uint32_t timeout, uint32_t version)
@@ -256,13 +280,13 @@ static std::string do_rpc(std::istringstream &in)
     return out;
 }
 
-// fork: a child that lives until nobody speaks to the agent any more, whether that lives itself or not.
-static int do_fork()
+// fork: a child that lives until the agent's standard input is closed, whether the agent lives or not.
+static std::string do_fork(std::istringstream &)
 {
     pid_t pid = fork();
     if (pid != 0)
-        return pid > 0 ? 0 : -1;
-    struct pollfd commands = {0, 0, 0}; // reads none: they are the parent's
+        return str(pid > 0 ? 0 : -1);
+    struct pollfd commands = {0, 0, 0}; // it reads none: they are the parent's
     while ((commands.revents & POLLHUP) == 0)
         (void)poll(&commands, 1, -1);
     _exit(0);
@@ -275,91 +299,118 @@ static void print_text()
         say("text " + line);
 }
 
+// comm APP PEER
+static std::string do_comm(std::istringstream &in)
+{
+    uint32_t app = 0;
+    uint32_t peer = 0;
+    in >> app >> peer;
+    return str(zeb_comm_with(app, peer));
+}
+
+static std::string do_run(std::istringstream &)
+{
+    zeb_run();
+    return "0";
+}
+
+// unack APP
+static std::string do_unack(std::istringstream &in)
+{
+    uint32_t app = 0;
+    in >> app;
+    return str(unacknowledged(app));
+}
+
+// answer echo|silent|null|twice|keep|call PEER: how requests are answered from now on
+static std::string do_answer(std::istringstream &in)
+{
+    std::lock_guard<std::mutex> lock(s_mutex);
+    std::getline(in >> std::ws, s_answer);
+    return "0";
+}
+
+// late: answers the kept request
+static std::string do_late(std::istringstream &)
+{
+    answer(s_kept, "echo");
+    return "0";
+}
+
+// quiet: received messages are counted, not printed
+static std::string do_quiet(std::istringstream &)
+{
+    s_quiet = true;
+    return "0";
+}
+
+// slow MICROSECONDS
+static std::string do_slow(std::istringstream &in)
+{
+    unsigned slow = 0;
+    in >> slow;
+    s_slow = slow;
+    return "0";
+}
+
+// counts: what came from each sender
+static std::string do_counts(std::istringstream &)
+{
+    std::lock_guard<std::mutex> lock(s_mutex);
+    std::string out;
+    for (const auto &entry : s_from)
+        out += (out.empty() ? "" : ", ") + entry.first + " " + str(entry.second.num) + " bad " + str(entry.second.bad);
+    return out;
+}
+
+// blocked on|off
+static std::string do_blocked(std::istringstream &in)
+{
+    std::string on;
+    in >> on;
+    if (on == "on")
+        zeb_enable_blocked_resume();
+    else
+        zeb_disable_blocked_resume();
+    return "0";
+}
+
+// fc APP: the flow control listing, in lines that begin with "text"
+static std::string do_fc(std::istringstream &in)
+{
+    uint32_t app = 0;
+    in >> app;
+    std::lock_guard<std::mutex> lock(s_print_mutex);
+    zeb_buf_printf_reset();
+    zeb_cli_print_fc_stat(app);
+    print_text();
+    return "0";
+}
+
+// memory: the resident set
+static std::string do_memory(std::istringstream &)
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0)
+            return line.substr(6);
+    }
+    return "";
+}
+
 static std::string run_command(const std::string &line)
 {
+    static const std::map<std::string, std::string (*)(std::istringstream &)> verbs = {
+        {"register", do_register}, {"comm", do_comm},       {"run", do_run},     {"fork", do_fork},
+        {"send", do_send},         {"flood", do_flood},     {"unack", do_unack}, {"rpc", do_rpc},
+        {"answer", do_answer},     {"late", do_late},       {"quiet", do_quiet}, {"slow", do_slow},
+        {"counts", do_counts},     {"blocked", do_blocked}, {"fc", do_fc},       {"memory", do_memory},
+    };
     std::istringstream in(line);
     std::string verb;
     in >> verb;
-    uint32_t a = 0;
-    uint32_t b = 0;
-    if (verb == "register")
-        return str(do_register(in));
-    if (verb == "comm") {
-        in >> a >> b;
-        return str(zeb_comm_with(a, b));
-    }
-    if (verb == "run") {
-        zeb_run();
-        return "0";
-    }
-    if (verb == "fork")
-        return str(do_fork());
-    if (verb == "send")
-        return str(do_send(in));
-    if (verb == "flood")
-        return do_flood(in);
-    if (verb == "unack") {
-        in >> a;
-        return str(unacknowledged(a));
-    }
-    if (verb == "rpc")
-        return do_rpc(in);
-    if (verb == "answer") {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        std::getline(in >> std::ws, s_answer);
-        return "0";
-    }
-    if (verb == "late") { // answers the kept request
-        answer(s_kept, "echo");
-        return "0";
-    }
-    if (verb == "quiet") {
-        s_quiet = true;
-        return "0";
-    }
-    if (verb == "slow") {
-        in >> a;
-        s_slow = a;
-        return "0";
-    }
-    if (verb == "counts") {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        std::string out;
-        for (const auto &entry : s_from)
-            out +=
-                (out.empty() ? "" : ", ") + entry.first + " " + str(entry.second.num) + " bad " + str(entry.second.bad);
-        return out;
-    }
-    if (verb == "blocked") {
-        std::string on;
-        in >> on;
-        if (on == "on")
-            zeb_enable_blocked_resume();
-        else
-            zeb_disable_blocked_resume();
-        return "0";
-    }
-    if (verb == "fc") {
-        in >> a;
-        std::lock_guard<std::mutex> lock(s_print_mutex);
-        zeb_buf_printf_reset();
-        zeb_cli_print_fc_stat(a);
-        print_text();
-        return "0";
-    }
-    if (verb == "memory") {
-        FILE *fp = fopen("/proc/self/status", "r");
-        char text[256];
-        std::string rss;
-        while (fp != nullptr && fgets(text, sizeof(text), fp) != nullptr) {
-            if (strncmp(text, "VmRSS:", 6) == 0)
-                rss = std::string(text + 6, strlen(text) - 7);
-        }
-        if (fp != nullptr)
-            (void)fclose(fp);
-        return rss;
-    }
-    return "unknown";
+    auto found = verbs.find(verb);
+    return found == verbs.end() ? "unknown" : found->second(in);
 }
 
 int main()

@@ -1,5 +1,5 @@
-// TIPC inside the test process: sockets of AF_TIPC are descriptors that a test feeds and looks at. Just enough for unit
-// tests; what the kernel itself does is shown in the lab.
+// TIPC inside the test process: sockets of AF_TIPC are descriptors that a test feeds and looks at. It does only what
+// unit tests need; the lab shows what the kernel does. Programs that count instructions use interpose_bare.h instead.
 #ifndef TESTS_SUPPORT_FAKE_TIPC_H
 #define TESTS_SUPPORT_FAKE_TIPC_H
 
