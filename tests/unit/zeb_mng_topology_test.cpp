@@ -1,70 +1,101 @@
-// Timers over the topology service, and the monitor's dump.
+// Events of the topology connection: published and withdrawn ranges, timers, and the monitor.
 #include "handshake_core.h"
 #include "lib_test.h"
+#include "node_sets.h"
+
 #include "zeb_dbg.h"
 #include "zeb_slot.h"
 
-class zeb_mng_timer : public lib_test
+class zeb_mng_topology : public lib_test
 {
   protected:
     void SetUp() override
     {
         lib_test::SetUp();
         start_app();
+        (void)fake_tipc::take_sent();
         (void)fake_tipc::take_subscriptions();
-    }
-
-    static std::vector<uint32_t> words(const wire::bytes_t &bytes)
-    {
-        std::vector<uint32_t> out(7);
-        EXPECT_EQ(bytes.size(), 28u);
-        memcpy(out.data(), bytes.data(), 28);
-        return out;
     }
 };
 
-typedef std::vector<uint32_t> words_t;
-
-TEST_F(zeb_mng_timer, a_timer_is_a_subscription_that_nobody_answers)
+TEST_F(zeb_mng_topology, a_published_range_is_handled_instance_by_instance)
 {
-    EXPECT_EQ(logged(V,
-                     [] {
-                         EXPECT_EQ(zeb_subscr_timer_event(60, {ZEB_TIMER_TYPE_RESUME, 77}), 0);
-                     }),
-              lines_t({"0 ZEB add timer event type 0, seq 77."}));
-    EXPECT_EQ(words(fake_tipc::take_subscriptions().at(0)), words_t({1, 0, 0, 60000, 2, 0, 77}));
+    lines_t lines = logged(V | W, [] {
+        zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_PUBLISHED, PEER << 16 | 3, PEER << 16 | 5));
+    });
+    EXPECT_EQ(lines[0], "0 ZEB perceived app [0xc80003, 0xc80005] join.");
+    lines_t perceived;
+    for (const std::string &line : lines) {
+        if (line[0] == '2')
+            perceived.push_back(line);
+    }
+    EXPECT_EQ(perceived, lines_t({"2 ZEB perceived app 200/3 join.", "2 ZEB perceived app 200/4 join.",
+                                  "2 ZEB perceived app 200/5 join."}));
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 3u);
+    for (uint32_t i = 0; i < 3; i++)
+        EXPECT_EQ(wire::header_of(sent[i].bytes).dst_node, 3 + i);
 }
 
-TEST_F(zeb_mng_timer, the_time_out_is_cut_to_32_bits)
+TEST_F(zeb_mng_topology, each_instance_of_a_published_range_is_quit_before_its_join)
 {
-    EXPECT_EQ(zeb_subscr_timer_event(4294968, {ZEB_TIMER_TYPE_MONITOR, 1}), 0);
-    EXPECT_EQ(words(fake_tipc::take_subscriptions().at(0))[3], 704u);
+    peer_online(3);
+    peer_online(4);
+    (void)take_seen();
+    lines_t lines = logged(I, [] {
+        zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_PUBLISHED, PEER << 16 | 3, PEER << 16 | 4));
+    });
+    const lines_t steps = {"1 ZEB notify app 100 of 200/3 quit.", "1 ZEB ADD INST app 100 sync inst to 200/3, seq ",
+                           "1 ZEB notify app 100 of 200/4 quit.", "1 ZEB ADD INST app 100 sync inst to 200/4, seq "};
+    EXPECT_EQ(pick(lines, steps), steps);
+    EXPECT_EQ(take_seen().events.size(), 2u);
+    EXPECT_EQ(servers_of(PEER), nodes_t({}));
 }
 
-TEST_F(zeb_mng_timer, starting_a_retry_timer_while_one_is_pending_sends_nothing)
+TEST_F(zeb_mng_topology, a_withdrawn_range_is_quit_ascending)
 {
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
-    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
+    for (uint32_t node : {5u, 3u, 4u})
+        peer_online(node);
+    (void)take_seen();
+    zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_WITHDRAWN, PEER << 16 | 3, PEER << 16 | 5));
+    std::vector<uint32_t> nodes;
+    for (const zeb_event_t &event : take_seen().events)
+        nodes.push_back(event.event.app.node);
+    EXPECT_EQ(nodes, nodes_t({3, 4, 5}));
 }
 
-TEST_F(zeb_mng_timer, a_start_is_repeated_on_passing_errors_and_fails_on_others)
+TEST_F(zeb_mng_topology, a_range_up_to_the_highest_number_ends)
 {
-    fault::reset();
-    fault::fail_next("send", EINTR, 20);
-    fault::fail_next("send", ENOMEM, 20);
-    fault::fail_next("send", ENOBUFS, 20);
-    EXPECT_EQ(zeb_subscr_timer_event(1, {ZEB_TIMER_TYPE_INST, 1}), 0);
-    EXPECT_EQ(fault::count("send"), 61);
-    fault::fail_next("send", EPIPE);
-    EXPECT_EQ(logged(E,
-                     [] {
-                         EXPECT_EQ(zeb_subscr_timer_event(1, {ZEB_TIMER_TYPE_INST, 1}), -1);
-                     }),
-              lines_t({"3 ZEB send timer subscription msg failed: Broken pipe.", ","}));
+    zeb_process_tipc_subscr_event(fake_tipc::range_event(TIPC_WITHDRAWN, 0xFFFFFFFE, 0xFFFFFFFF));
+    zeb_process_tipc_subscr_event(fake_tipc::range_event(99, 0, 0xFFFFFFFF));
 }
 
-TEST_F(zeb_mng_timer, an_unknown_timer_is_ignored)
+TEST_F(zeb_mng_topology, a_range_beyond_what_was_subscribed_to_is_not_walked)
+{
+    struct tipc_event event = fake_tipc::range_event(TIPC_PUBLISHED, 0, 0xFFFFFFFF);
+    event.s.seq.type = wire::NAME_TYPE;
+    event.s.seq.lower = PEER << 16 | 8;
+    event.s.seq.upper = PEER << 16 | 10;
+    lines_t lines = logged(W, [&] { zeb_process_tipc_subscr_event(event); });
+    EXPECT_EQ(lines, lines_t({"2 ZEB perceived app 200/8 join.", "2 ZEB perceived app 200/9 join.",
+                              "2 ZEB perceived app 200/10 join."}));
+    event.event = TIPC_WITHDRAWN;
+    EXPECT_EQ(logged(W, [&] { zeb_process_tipc_subscr_event(event); }).size(), 3u);
+}
+
+TEST_F(zeb_mng_topology, events_of_applications_that_nobody_talks_to_do_nothing)
+{
+    EXPECT_EQ(
+        logged(I | W | E,
+               [&] {
+                   peer_published(9, 300);
+                   peer_withdrawn(9, 300);
+               }),
+        lines_t({"2 ZEB perceived app 300/9 join.", "1 ZEB app 300/9 ol is NULL.", "2 ZEB perceived app 300/9 quit."}));
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+}
+
+TEST_F(zeb_mng_topology, an_unknown_timer_is_ignored)
 {
     EXPECT_EQ(logged(15,
                      [] {
@@ -73,28 +104,28 @@ TEST_F(zeb_mng_timer, an_unknown_timer_is_ignored)
               lines_t({"0 ZEB perceived timer event of type 4 seq 9."}));
 }
 
-TEST_F(zeb_mng_timer, the_monitor_follows_1800_3600_7200_14400_seconds)
+TEST_F(zeb_mng_topology, the_monitor_follows_1800_3600_7200_14400_seconds)
 {
     uint32_t seq = 1;
     for (uint32_t seconds : {3600u, 7200u, 14400u}) {
-        zeb_process_tipc_subscr_event(fake_tipc::timer_event(ZEB_TIMER_TYPE_MONITOR, seq));
-        words_t timer = words(fake_tipc::take_subscriptions().at(0));
-        EXPECT_EQ(timer[3], seconds * 1000);
-        EXPECT_EQ(timer[5], (uint32_t)ZEB_TIMER_TYPE_MONITOR);
-        EXPECT_EQ(timer[6], seq * 2);
-        seq = timer[6];
+        timer_expires(wire::MONITOR_TIMER, seq);
+        started_t timer = take_timers().at(0);
+        EXPECT_EQ(timer.ms, seconds * 1000);
+        EXPECT_EQ(timer.type, wire::MONITOR_TIMER);
+        EXPECT_EQ(timer.seq, seq * 2);
+        seq = timer.seq;
     }
 }
 
-TEST_F(zeb_mng_timer, a_monitor_sequence_of_0_counts_as_1)
+TEST_F(zeb_mng_topology, a_monitor_sequence_of_0_counts_as_1)
 {
     zeb_process_monitor_timer_event(0);
-    EXPECT_EQ(words(fake_tipc::take_subscriptions().at(0))[6], 2u);
+    EXPECT_EQ(take_timers().at(0).seq, 2u);
     zeb_process_monitor_timer_event(0x80000000);
-    EXPECT_EQ(words(fake_tipc::take_subscriptions().at(0))[6], 0u) << "it wraps";
+    EXPECT_EQ(take_timers().at(0).seq, 0u) << "it wraps";
 }
 
-TEST_F(zeb_mng_timer, the_monitor_prints_the_time_and_dumps_the_first_application)
+TEST_F(zeb_mng_topology, the_monitor_prints_the_time_and_dumps_the_first_application)
 {
     lines_t lines = logged(V, [] { zeb_process_monitor_timer_event(1); });
     EXPECT_THAT(lines[0], testing::StartsWith("0 ZEB monitor timer: "));
@@ -109,85 +140,7 @@ TEST_F(zeb_mng_timer, the_monitor_prints_the_time_and_dumps_the_first_applicatio
     }
 }
 
-TEST_F(zeb_mng_timer, a_short_start_is_a_failure)
-{
-    fault::fail_next("send", fault::SHORT);
-    errno = EIO;
-    EXPECT_EQ(logged(E,
-                     [] {
-                         EXPECT_EQ(zeb_subscr_timer_event(1, {ZEB_TIMER_TYPE_INST, 1}), -1);
-                     }),
-              lines_t({"3 ZEB send timer subscription msg failed: Input/output error.", ","}));
-}
-
-TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_not_started_again_on_the_same_connection)
-{
-    fault::fail_next("send", EPIPE);
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
-    EXPECT_TRUE(g_zeb_handshake.timer_inst_retry_open);
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0) << "taken for pending";
-    EXPECT_TRUE(fake_tipc::take_subscriptions().empty());
-}
-
-// Whether a retry timer can be started on the connection that follows.
-static void expect_start_on_a_new_connection()
-{
-    zeb_topology_reopened();
-    (void)fake_tipc::take_subscriptions();
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
-    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 1u);
-}
-
-TEST_F(zeb_mng_timer, a_retry_timer_whose_start_failed_is_started_on_a_new_connection)
-{
-    fault::fail_next("send", EPIPE);
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
-    expect_start_on_a_new_connection();
-}
-
-TEST_F(zeb_mng_timer, a_retry_timer_lost_with_its_connection_can_be_started_again)
-{
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), 0);
-    expect_start_on_a_new_connection();
-}
-
-TEST_F(zeb_mng_timer, a_retry_timer_that_found_no_connection_can_be_started_on_the_next_one)
-{
-    int sd = g_zeb_mng.subscr_sd;
-    g_zeb_mng.subscr_sd = -1;
-    EXPECT_EQ(zeb_subscr_timer_event(2, {ZEB_TIMER_TYPE_INST_RETRY, 0}), -1);
-    g_zeb_mng.subscr_sd = sd;
-    expect_start_on_a_new_connection();
-}
-
-TEST_F(zeb_mng_timer, timers_of_the_other_types_are_started_side_by_side)
-{
-    for (uint32_t seq : {1u, 2u}) {
-        EXPECT_EQ(zeb_subscr_timer_event(60, {ZEB_TIMER_TYPE_RESUME, seq}), 0);
-        EXPECT_EQ(zeb_subscr_timer_event(1, {ZEB_TIMER_TYPE_INST, seq}), 0);
-    }
-    EXPECT_EQ(fake_tipc::take_subscriptions().size(), 4u);
-}
-
-TEST_F(zeb_mng_timer, a_resume_time_out_after_the_join_does_nothing)
-{
-    peer_syncs(); // arms the resume
-    words_t resume;
-    for (const wire::bytes_t &bytes : fake_tipc::take_subscriptions()) {
-        if (words(bytes)[5] == (uint32_t)ZEB_TIMER_TYPE_RESUME)
-            resume = words(bytes);
-    }
-    ASSERT_EQ(resume.size(), 7u);
-    peer_online();
-    (void)take_seen();
-    EXPECT_EQ(logged(15, [&] { zeb_process_tipc_subscr_event(fake_tipc::timer_event(0, resume[6])); }),
-              lines_t({"0 ZEB perceived timer event of type 0 seq " + std::to_string((int)resume[6]) + "."}));
-    EXPECT_TRUE(zeb_app_online(PEER, PEER_NODE));
-    EXPECT_TRUE(fake_tipc::take_sent().empty());
-    EXPECT_TRUE(take_seen().events.empty());
-}
-
-TEST_F(zeb_mng_timer, a_monitor_that_cannot_be_started_again_ends)
+TEST_F(zeb_mng_topology, a_monitor_that_cannot_be_started_again_ends)
 {
     fault::fail_next("send", EPIPE);
     EXPECT_THAT(logged(E, [] { zeb_process_monitor_timer_event(1); }),
