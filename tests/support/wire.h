@@ -32,9 +32,11 @@ struct header_t {
 
 // Sizes in bytes.
 constexpr size_t HEADER_LEN = 36;
-constexpr size_t ELEMENT_LEN = 4;                                // of an element's own header
-constexpr size_t SYNC_LEN = HEADER_LEN + ELEMENT_LEN + 5 * 4;    // one element of five words
-constexpr size_t BOTH_ACKS_LEN = SYNC_LEN + ELEMENT_LEN + 6 * 4; // and one with a pseq behind it
+constexpr size_t ELEMENT_LEN = 4;           // of an element's own header
+constexpr size_t SYNC_VALUE_LEN = 5 * 4;    // of a synchronisation and of the older acknowledgement
+constexpr size_t SEQ_ACK_VALUE_LEN = 6 * 4; // the same with the pseq
+constexpr size_t SYNC_LEN = HEADER_LEN + ELEMENT_LEN + SYNC_VALUE_LEN;
+constexpr size_t BOTH_ACKS_LEN = SYNC_LEN + ELEMENT_LEN + SEQ_ACK_VALUE_LEN;
 constexpr size_t BODY_MAX = 61440;
 constexpr size_t MESSAGE_MAX = HEADER_LEN + BODY_MAX;
 

@@ -82,8 +82,8 @@ TEST_F(zeb_handshake_shell, an_empty_list_of_elements_is_no_error)
 TEST_F(zeb_handshake_shell, a_last_element_without_its_padding_is_whole)
 {
     wire::bytes_t body = wire::tlv(wire::SYNC_INST, wire::words({PEER_SEQ, PEER_PID, 1, 0, 600}) + wire::bytes_t{7});
-    ASSERT_EQ(body.size(), 28u);
-    body.resize(25);
+    ASSERT_EQ(body.size(), wire::ELEMENT_LEN + wire::SYNC_VALUE_LEN + 4);
+    body.resize(wire::ELEMENT_LEN + wire::SYNC_VALUE_LEN + 1);
     EXPECT_EQ(logged(E | W, [&] { receive(wire::message(from_peer(wire::SYNC), body)); }), lines_t({}));
     EXPECT_TRUE(zeb_app_instance(PEER, PEER_NODE));
 }
@@ -101,22 +101,23 @@ TEST_F(zeb_handshake_shell, as_many_elements_as_fit_are_walked_to_the_end)
 TEST_F(zeb_handshake_shell, a_bad_element_list_is_one_error_and_the_thread_serves_on)
 {
     const std::string error = "3 ZEB recv invalid TLV section for 100 from 200/9 .";
+    const wire::bytes_t value(wire::SYNC_VALUE_LEN, 0);
     const wire::bytes_t bodies[] = {
-        {0, 4},                                               // no room for a header
-        wire::tlv(wire::SYNC_INST, wire::bytes_t(20, 0), 0),  // would never end
-        wire::tlv(wire::SYNC_INST, wire::bytes_t(20, 0), 3),  // shorter than its header
-        wire::tlv(wire::SYNC_INST, wire::bytes_t(20, 0), 25), // longer than the body
-        wire::tlv(wire::SYNC_INST, wire::bytes_t(16, 0)),     // shorter than its record
-        wire::tlv(wire::SYNC_SEQ_ACK, wire::bytes_t(20, 0)),  // the same
+        {0, 4},                                                                 // no room for a header
+        wire::tlv(wire::SYNC_INST, value, 0),                                   // would never end
+        wire::tlv(wire::SYNC_INST, value, 3),                                   // shorter than its header
+        wire::tlv(wire::SYNC_INST, value, 25),                                  // longer than the body
+        wire::tlv(wire::SYNC_INST, wire::bytes_t(wire::SYNC_VALUE_LEN - 4, 0)), // shorter than its record
+        wire::tlv(wire::SYNC_SEQ_ACK, value),                                   // the same
         wire::sync_inst(1, 2, 1, 0) + wire::bytes_t{0, 0, 0, 1},
         wire::sync_inst(1, 2, 1, 0) + wire::bytes_t{0}, // less than a header is left
         wire::sync_inst(1, 2, 1, 0) + wire::bytes_t{0, 4, 0},
-        wire::tlv(wire::SYNC_INST, wire::bytes_t(20, 0), 65532), // the step would be 0 from 65533 on
-        wire::tlv(wire::SYNC_INST, wire::bytes_t(20, 0), 65533),
-        wire::tlv(wire::SYNC_INST, wire::bytes_t(20, 0), 65534),
-        wire::tlv(wire::SYNC_INST, wire::bytes_t(20, 0), 65535),
+        wire::tlv(wire::SYNC_INST, value, 65532), // the step would be 0 from 65533 on
+        wire::tlv(wire::SYNC_INST, value, 65533),
+        wire::tlv(wire::SYNC_INST, value, 65534),
+        wire::tlv(wire::SYNC_INST, value, 65535),
         wire::tlv(wire::PING, wire::bytes_t(wire::BODY_MAX - wire::ELEMENT_LEN, 0), 65535), // in the largest body
-        wire::tlv(wire::SYNC_SEQ_ACK, wire::bytes_t(23, 0)), // one byte short of its record
+        wire::tlv(wire::SYNC_SEQ_ACK, wire::bytes_t(wire::SEQ_ACK_VALUE_LEN - 1, 0)), // one byte short of its record
     };
     for (const wire::bytes_t &body : bodies) {
         lines_t lines = logged(E, [&] { receive(wire::message(from_peer(wire::SYNC), body)); });

@@ -11,10 +11,10 @@ TEST_F(zeb_mng_msg_sync, an_element_shorter_than_its_record_is_refused_only_wher
     wire::header_t old = from_peer(wire::SYNC);
     old.ver = 1;
     const lines_t refused = {"3 ZEB recv invalid TLV section for 100 from 200/9 ."};
-    wire::bytes_t body = wire::tlv(wire::SYNC_ACK, wire::bytes_t(16, 0));
+    wire::bytes_t body = wire::tlv(wire::SYNC_ACK, wire::bytes_t(wire::SYNC_VALUE_LEN - 4, 0));
     EXPECT_EQ(logged(E, [&] { receive(wire::message(old, body)); }), refused);
     EXPECT_EQ(logged(E, [&] { receive(wire::message(from_peer(wire::SYNC), body)); }), lines_t({})) << "skipped";
-    body = wire::tlv(wire::SYNC_SEQ_ACK, wire::bytes_t(20, 0));
+    body = wire::tlv(wire::SYNC_SEQ_ACK, wire::bytes_t(wire::SEQ_ACK_VALUE_LEN - 4, 0));
     EXPECT_EQ(logged(E, [&] { receive(wire::message(from_peer(wire::SYNC), body)); }), refused);
     EXPECT_EQ(logged(E, [&] { receive(wire::message(old, body)); }), lines_t({})) << "skipped";
 }
@@ -30,8 +30,9 @@ TEST_F(zeb_mng_msg_sync, a_returned_synchronisation_with_a_bad_element_is_left_a
 {
     (void)fake_tipc::take_subscriptions();
     for (int len : {0, 3, 4, 23, 25, 65532, 65533, 65535}) {
-        (void)returned(V, TIPC_ERR_NO_PORT,
-                       wire::message(to_peer(wire::SYNC), wire::tlv(wire::SYNC_ACK, wire::bytes_t(20, 1), len)));
+        (void)returned(
+            V, TIPC_ERR_NO_PORT,
+            wire::message(to_peer(wire::SYNC), wire::tlv(wire::SYNC_ACK, wire::bytes_t(wire::SYNC_VALUE_LEN, 1), len)));
         EXPECT_TRUE(fake_tipc::take_subscriptions().empty()) << len;
     }
 }

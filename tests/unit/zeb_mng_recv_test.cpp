@@ -44,9 +44,11 @@ TEST_F(zeb_mng_recv, a_datagram_whose_length_differs_is_discarded)
 {
     peer_online();
     (void)take_seen();
-    for (uint32_t len : {35u, 39u, 41u, 0u, 0xFFFFFFFFu, 61477u}) {
+    const uint32_t whole = wire::HEADER_LEN + 4;
+    for (uint32_t len :
+         {(uint32_t)wire::HEADER_LEN - 1, whole - 1, whole + 1, 1u, 0xFFFFFFFFu, (uint32_t)wire::MESSAGE_MAX + 1}) {
         wire::header_t header = from_peer();
-        header.len = len == 0 ? 1 : len;
+        header.len = len;
         lines_t lines = logged(E, [&] { receive(wire::message(header, {1, 2, 3, 4})); });
         EXPECT_EQ(lines[0], "3 ZEB app 100 recv msg len 40, expectedly " + std::to_string((int)header.len) + ".");
     }

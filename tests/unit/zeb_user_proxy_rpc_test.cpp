@@ -412,7 +412,7 @@ TEST_F(zeb_user_proxy_rpc, an_empty_answer_is_a_system_error)
 
 TEST_F(zeb_user_proxy_rpc, only_requests_are_answered)
 {
-    for (uint8_t flag : {0x00, 0x06, 0x04}) {
+    for (uint8_t flag : {0, wire::REQUEST | wire::ACK, (int)wire::ACK}) {
         zeb_msg_t *request = new_request(flag);
         EXPECT_EQ(logged(W, [&] { EXPECT_EQ(zeb_rpc_reply(request, msg_, 0), -EINVAL); }),
                   lines_t({"2 ZEB reply msg src is not RPC."}));
