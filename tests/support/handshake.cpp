@@ -6,42 +6,36 @@
 
 #include <zeb/zeb_diag.h>
 
-using wire::operator+;
-
-static wire::header_t from(pair_t pair, uint8_t flag, uint8_t ver = 2)
+static peer_t of(pair_t pair, uint8_t ver = 2)
 {
-    wire::header_t header = from_peer(flag, PEER_NODE, pair.second, pair.first);
-    header.ver = ver;
-    return header;
+    peer_t peer;
+    peer.app = pair.second;
+    peer.my_app = pair.first;
+    peer.ver = ver;
+    return peer;
 }
 
 void handshake_test::sync(pair_t pair, uint32_t seq, uint32_t resume, uint8_t ver)
 {
-    receive(wire::message(from(pair, wire::SYNC, ver), wire::sync_inst(seq, PEER_PID, 1, resume)), pair.first);
+    peer_syncs(seq, of(pair, ver), resume);
 }
 
 void handshake_test::ack(pair_t pair, uint32_t seq, uint32_t pseq, uint32_t id, uint32_t server)
 {
-    receive(wire::message(from(pair, wire::SYNC),
-                          wire::sync_ack(seq, id, server) + wire::sync_seq_ack(seq, id, server, pseq)),
-            pair.first);
+    peer_t peer = of(pair);
+    peer.id = id;
+    peer.server = server != 0;
+    peer_acks(seq, pseq, peer);
 }
 
 void handshake_test::ack_old(pair_t pair)
 {
-    receive(wire::message(from(pair, wire::SYNC, 1), wire::sync_ack(my_seq(pair), PEER_PID, 1)), pair.first);
+    peer_acks(my_seq(pair), 0, of(pair, 1));
 }
 
 void handshake_test::message(pair_t pair)
 {
-    receive(wire::message(from(pair, 0), {1}), pair.first);
-}
-
-static std::string listing()
-{
-    zeb_buf_printf_reset();
-    zeb_cli_print_lib_info(APP);
-    return buffer_text();
+    receive(wire::message(from_peer(0, PEER_NODE, pair.second, pair.first), {1}), pair.first);
 }
 
 typedef struct entry_s {
@@ -54,7 +48,7 @@ typedef struct entry_s {
 static std::vector<entry_t> entries(const std::string &title)
 {
     std::vector<entry_t> found;
-    std::string text = listing();
+    std::string text = listing(zeb_cli_print_lib_info);
     size_t at = text.find("  " + title + "(");
     if (at == std::string::npos)
         return found;
@@ -73,13 +67,13 @@ static std::vector<entry_t> entries(const std::string &title)
 
 void handshake_test::retry_timer()
 {
-    timer_expires(3, 0);
+    timer_expires(wire::RETRY_TIMER, 0);
 }
 
 void handshake_test::resume_timer()
 {
     std::vector<entry_t> pending = entries("Communication resume info");
-    timer_expires(0, pending.empty() ? 0x7FFFFFFF : pending[0].seq);
+    timer_expires(wire::RESUME_TIMER, pending.empty() ? 0x7FFFFFFF : pending[0].seq);
 }
 
 words_t handshake_test::sent()
@@ -88,10 +82,10 @@ words_t handshake_test::sent()
     for (const fake_tipc::sent_t &one : fake_tipc::take_sent()) {
         wire::header_t header = wire::header_of(one.bytes);
         pair_t pair(header.src_app, header.dst_app);
-        uint32_t pseq = one.bytes.size() == 88 ? wire::get32(one.bytes, 84) : 0;
-        if (wire::get16(one.bytes, 38) == 1) {
-            my_seq_[pair] = sync_word(one.bytes, 0);
-            words.push_back({pair, sync_word(one.bytes, 3) != 0 ? "resume" : "sync"});
+        uint32_t pseq = one.bytes.size() == wire::BOTH_ACKS_LEN ? wire::get32(one.bytes, wire::PSEQ_AT) : 0;
+        if (wire::get16(one.bytes, wire::TYPE_AT) == wire::SYNC_INST) {
+            my_seq_[pair] = sync_word(one.bytes, wire::SEQ);
+            words.push_back({pair, sync_word(one.bytes, wire::RESUME) != 0 ? "resume" : "sync"});
         } else if (pseq == 0) {
             words.push_back({pair, "ack"});
         } else {
@@ -116,8 +110,8 @@ std::string handshake_test::timers()
 {
     const char *names[] = {"resume", "resend", "monitor", "retry"};
     lines_t words;
-    for (const wire::bytes_t &bytes : fake_tipc::take_subscriptions())
-        words.emplace_back(names[bytes.at(20) % 4]);
+    for (const started_t &timer : take_timers())
+        words.emplace_back(names[timer.type % 4]);
     return join(words);
 }
 
@@ -127,7 +121,7 @@ std::string handshake_test::bits(uint32_t peer)
         const char *what;
         char letter;
     } sets[] = {{"instance", 'I'}, {"instance acked", 'A'}, {"instance online", 'O'}, {"server", 'S'}};
-    std::string text = listing();
+    std::string text = listing(zeb_cli_print_lib_info);
     std::string bits;
     for (const auto &set : sets) {
         std::string title = "    Application " + std::to_string(peer) + " " + set.what + " on nodes:";

@@ -68,11 +68,11 @@ static bool lost()
 #endif
 }
 
-void expect_nothing_left(const std::function<void()> &road, size_t own)
+void expect_nothing_left(const std::function<void()> &path, size_t own)
 {
     auto walk = [&] {
         forget();
-        road();
+        path();
         return undestroyed() == 0 && !testing::Test::HasFailure();
     };
     for (int i = 0; i < 40; i++) { // until everything that is kept is there

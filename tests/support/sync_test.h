@@ -17,30 +17,13 @@ class sync_test : public lib_test
         (void)fake_tipc::take_subscriptions();
     }
 
-    // The sequence of the one SYNC_INST that was sent since the last look.
-    static uint32_t sent_seq()
-    {
-        auto sent = fake_tipc::take_sent();
-        for (const fake_tipc::sent_t &message : sent) {
-            if (wire::get16(message.bytes, 38) == 1)
-                return sync_word(message.bytes, 0);
-        }
-        return 0;
-    }
-
-    void ack(uint32_t seq, uint32_t pseq, uint32_t id = PEER_PID, uint32_t server = 1)
-    {
-        receive(wire::message(from_peer(wire::SYNC), wire::operator+(wire::sync_ack(seq, id, server),
-                                                                     wire::sync_seq_ack(seq, id, server, pseq))));
-    }
-
     // pseq of the last acknowledgement that was sent; -1 when there is none.
     static int64_t sent_pseq()
     {
         int64_t pseq = -1;
         for (const fake_tipc::sent_t &message : fake_tipc::take_sent()) {
-            if (message.bytes.size() == 88)
-                pseq = wire::get32(message.bytes, 36 + 24 + 4 + 20);
+            if (message.bytes.size() == wire::BOTH_ACKS_LEN)
+                pseq = wire::get32(message.bytes, wire::PSEQ_AT);
         }
         return pseq;
     }
@@ -56,26 +39,6 @@ static inline lines_t retries()
                       std::to_string(retry->dst.node));
     });
     return out;
-}
-
-// Started timers by type, each with its sequence and milliseconds.
-typedef struct started_s {
-    uint32_t type;
-    uint32_t seq;
-    uint32_t ms;
-} started_t;
-
-static inline std::vector<started_t> take_timers()
-{
-    std::vector<started_t> timers;
-    for (const wire::bytes_t &bytes : fake_tipc::take_subscriptions()) {
-        started_t timer;
-        memcpy(&timer.ms, bytes.data() + 12, 4);
-        memcpy(&timer.type, bytes.data() + 20, 4);
-        memcpy(&timer.seq, bytes.data() + 24, 4);
-        timers.push_back(timer);
-    }
-    return timers;
 }
 
 #endif

@@ -38,7 +38,7 @@ bytes_t message(const header_t &header, const bytes_t &body)
     put8(&out, 0);
     put8(&out, header.flag);
     put8(&out, 0);
-    put32(&out, header.len != 0 ? header.len : static_cast<uint32_t>(36 + body.size()));
+    put32(&out, header.len != 0 ? header.len : static_cast<uint32_t>(HEADER_LEN + body.size()));
     put32(&out, header.src_node);
     put32(&out, header.dst_node);
     put32(&out, header.src_app);
@@ -54,26 +54,26 @@ header_t header_of(const bytes_t &message)
     header_t header;
     header.ver = message.at(0);
     header.flag = message.at(2);
-    header.len = get32(message, 4);
+    header.len = get32(message, LEN_AT);
     header.src_node = get32(message, 8);
     header.dst_node = get32(message, 12);
     header.src_app = get32(message, 16);
     header.dst_app = get32(message, 20);
     header.app_ver = get32(message, 24);
-    header.seq = get32(message, 28);
+    header.seq = get32(message, SEQ_AT);
     header.stat = get32(message, 32);
     return header;
 }
 
 bytes_t body_of(const bytes_t &message)
 {
-    return bytes_t(message.begin() + 36, message.end());
+    return bytes_t(message.begin() + HEADER_LEN, message.end());
 }
 
 bytes_t tlv(uint16_t type, const bytes_t &value, int len)
 {
     bytes_t out;
-    put16(&out, static_cast<uint16_t>(len >= 0 ? static_cast<size_t>(len) : value.size() + 4));
+    put16(&out, static_cast<uint16_t>(len >= 0 ? static_cast<size_t>(len) : value.size() + ELEMENT_LEN));
     put16(&out, type);
     out = out + value;
     while (out.size() % 4 != 0)
@@ -98,17 +98,22 @@ bytes_t words(const std::vector<uint32_t> &values)
 
 bytes_t sync_inst(uint32_t seq, uint32_t id, uint32_t is_server, uint32_t resume, uint32_t ttl)
 {
-    return tlv(1, words({seq, id, is_server, resume, ttl}));
+    return tlv(SYNC_INST, words({seq, id, is_server, resume, ttl}));
 }
 
 bytes_t sync_ack(uint32_t seq, uint32_t id, uint32_t is_server, uint32_t ttl)
 {
-    return tlv(2, words({seq, id, is_server, 0, ttl}));
+    return tlv(SYNC_ACK, words({seq, id, is_server, 0, ttl}));
 }
 
 bytes_t sync_seq_ack(uint32_t seq, uint32_t id, uint32_t is_server, uint32_t pseq, uint32_t ttl)
 {
-    return tlv(9, words({seq, id, is_server, 0, ttl, pseq}));
+    return tlv(SYNC_SEQ_ACK, words({seq, id, is_server, 0, ttl, pseq}));
+}
+
+bytes_t both_acks(uint32_t seq, uint32_t id, uint32_t is_server, uint32_t pseq, uint32_t ttl)
+{
+    return sync_ack(seq, id, is_server, ttl) + sync_seq_ack(seq, id, is_server, pseq, ttl);
 }
 
 std::string hex(const bytes_t &bytes)

@@ -30,6 +30,42 @@ struct header_t {
     uint32_t len = 0; // 0: filled from the body
 };
 
+// Sizes in bytes.
+constexpr size_t HEADER_LEN = 36;
+constexpr size_t ELEMENT_LEN = 4;           // of an element's own header
+constexpr size_t SYNC_VALUE_LEN = 5 * 4;    // of a synchronisation and of the older acknowledgement
+constexpr size_t SEQ_ACK_VALUE_LEN = 6 * 4; // the same with the pseq
+constexpr size_t SYNC_LEN = HEADER_LEN + ELEMENT_LEN + SYNC_VALUE_LEN;
+constexpr size_t BOTH_ACKS_LEN = SYNC_LEN + ELEMENT_LEN + SEQ_ACK_VALUE_LEN;
+constexpr size_t BODY_MAX = 61440;
+constexpr size_t MESSAGE_MAX = HEADER_LEN + BODY_MAX;
+
+// Where the parts of a message stand.
+constexpr size_t LEN_AT = 4;
+constexpr size_t SEQ_AT = 28;
+constexpr size_t TYPE_AT = HEADER_LEN + 2;            // of the first element
+constexpr size_t VALUE_AT = HEADER_LEN + ELEMENT_LEN; // the same
+constexpr size_t PSEQ_AT = BOTH_ACKS_LEN - 4;         // the last word of both forms of an acknowledgement
+
+// Words of a handshake element's value.
+constexpr size_t SEQ = 0;
+constexpr size_t SERVER = 2;
+constexpr size_t RESUME = 3;
+constexpr size_t TTL = 4;
+
+// Types of elements.
+constexpr uint16_t NUM_ACK = 0;
+constexpr uint16_t SYNC_INST = 1;
+constexpr uint16_t SYNC_ACK = 2;
+constexpr uint16_t DEBUG_SWITCH = 3;
+constexpr uint16_t APP_INFO = 4;
+constexpr uint16_t APP_STAT = 5;
+constexpr uint16_t PING = 6;
+constexpr uint16_t PING_ECHO = 7;
+constexpr uint16_t RELOAD = 8;
+constexpr uint16_t SYNC_SEQ_ACK = 9;
+
+// Bits of the header's flag.
 constexpr uint8_t SYNC = 0x01;
 constexpr uint8_t REQUEST = 0x02;
 constexpr uint8_t ACK = 0x04;
@@ -48,6 +84,21 @@ bytes_t words(const std::vector<uint32_t> &values);
 bytes_t sync_inst(uint32_t seq, uint32_t id, uint32_t is_server, uint32_t resume, uint32_t ttl = 600);
 bytes_t sync_ack(uint32_t seq, uint32_t id, uint32_t is_server, uint32_t ttl = 600);
 bytes_t sync_seq_ack(uint32_t seq, uint32_t id, uint32_t is_server, uint32_t pseq, uint32_t ttl = 600);
+bytes_t both_acks(uint32_t seq, uint32_t id, uint32_t is_server, uint32_t pseq, uint32_t ttl = 600);
+
+// The name of every instance has this type, and its application and node for instance.
+constexpr uint32_t NAME_TYPE = 2303;
+
+// A subscription to the topology service, in this host's byte order: where its parts stand.
+constexpr size_t SUBSCRIPTION_LEN = 28;
+constexpr size_t TIMER_TYPE_AT = 20; // its handle: which kind of timer
+constexpr size_t TIMER_SEQ_AT = 24;  // and the number of that timer
+
+// Kinds of timer.
+constexpr uint32_t RESUME_TIMER = 0;
+constexpr uint32_t RESEND_TIMER = 1;
+constexpr uint32_t MONITOR_TIMER = 2;
+constexpr uint32_t RETRY_TIMER = 3;
 
 std::string hex(const bytes_t &bytes);
 } // namespace wire

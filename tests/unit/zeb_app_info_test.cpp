@@ -73,10 +73,23 @@ TEST_F(zeb_app_info, a_request_without_dispatcher_is_answered_with_the_version_r
     EXPECT_EQ(header.dst_app, PEER);
     EXPECT_EQ(header.dst_node, PEER_NODE);
     uint32_t range[2];
-    ASSERT_EQ(sent[0].bytes.size(), 44u);
-    memcpy(range, sent[0].bytes.data() + 36, sizeof(range));
+    wire::bytes_t body = wire::body_of(sent[0].bytes);
+    ASSERT_EQ(body.size(), sizeof(range));
+    memcpy(range, body.data(), sizeof(range));
     EXPECT_EQ(range[0], 2u) << "in this host's byte order";
     EXPECT_EQ(range[1], 8u);
+}
+
+TEST_F(zeb_app_info, a_version_mismatch_that_is_answered_says_nothing)
+{
+    start_app();
+    peer_online();
+    wire::header_t request = from_peer(wire::REQUEST);
+    request.app_ver = 9;
+    EXPECT_EQ(logged(W | E, [&] { receive(wire::message(request, {})); }), lines_t({}));
+    auto sent = fake_tipc::take_sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(wire::header_of(sent[0].bytes).stat, (uint32_t)ZEB_APP_MISMATCH);
 }
 
 TEST_F(zeb_app_info, a_mismatch_answer_that_cannot_be_sent_is_logged)
@@ -98,9 +111,7 @@ TEST_F(zeb_app_info, a_message_without_dispatcher_counts_as_processed)
 {
     start_app(APP, {1});
     zeb_dispatch_app_msg(zeb_get_app_info(APP), new_msg(9));
-    zeb_buf_printf_reset();
-    zeb_cli_print_fc_stat(APP);
-    EXPECT_THAT(buffer_text(), testing::HasSubstr("  total receive 1, unack 1, exception 0\n"));
+    EXPECT_THAT(listing(zeb_cli_print_fc_stat), testing::HasSubstr("  total receive 1, unack 1, exception 0\n"));
 }
 
 TEST_F(zeb_app_info, an_application_without_dispatchers_is_no_server)
@@ -117,15 +128,13 @@ TEST_F(zeb_app_info, an_application_without_dispatchers_is_no_server)
 
 TEST_F(zeb_app_info, a_long_name_is_stored_as_its_first_31_characters)
 {
-    const zeb_msg_dispatcher_t none[] = {{0, nullptr}};
-    ASSERT_EQ(zeb_register_without_thread(APP, "0123456789012345678901234567890123456789", none, nullptr), 0);
+    ASSERT_EQ(zeb_register_without_thread(APP, "0123456789012345678901234567890123456789", NO_DISPATCHER, nullptr), 0);
     EXPECT_STREQ(zeb_get_app_info(APP)->name, "0123456789012345678901234567890");
 }
 
 TEST_F(zeb_app_info, an_event_without_callback_or_record_is_not_taken)
 {
-    const zeb_msg_dispatcher_t none[] = {{0, nullptr}};
-    ASSERT_EQ(zeb_register_without_thread(APP, "x", none, nullptr), 0);
+    ASSERT_EQ(zeb_register_without_thread(APP, "x", NO_DISPATCHER, nullptr), 0);
     zeb_msg_t *event = zeb_new_event_msg(APP, ZEB_APP_JOIN, {2, 1});
     EXPECT_EQ(zeb_enqueue_event_msg(APP, event), -1);
     EXPECT_EQ(zeb_enqueue_event_msg(999, event), -1);

@@ -285,8 +285,8 @@ TEST_F(zeb_dbg, two_hundred_pieces_of_100_characters_stop_at_16368_with_the_over
     EXPECT_EQ(buffer_text(), "*** PRINT BUFFER STRING OVERFLOW ***\n");
     zeb_buf_printf("more");
     EXPECT_EQ(g_print_msg->hdr.len, 16368u);
-    EXPECT_EQ(g_print_msg->data[16368 - 36 - 1], 0);
-    EXPECT_EQ(g_print_msg->data[16368 - 36 - 2], 'x');
+    EXPECT_EQ(g_print_msg->data[16368 - wire::HEADER_LEN - 1], 0);
+    EXPECT_EQ(g_print_msg->data[16368 - wire::HEADER_LEN - 2], 'x');
 }
 
 TEST_F(zeb_dbg, the_piece_that_overflows_is_cut_to_the_room)

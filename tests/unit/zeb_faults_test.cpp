@@ -1,6 +1,6 @@
 // Each call that the library makes fails once at each place, in turn: a process starts, joins, exchanges, is listed and
 // loses its topology connection, with the k-th call of one name failing. Whatever fails, the process neither crashes
-// nor hangs, what could not be done is reported, and the next attempt works.
+// nor hangs, what could not be done is reported, and the next attempt works. Cuts across the sources.
 #include "handshake_core.h"
 #include "lib_test.h"
 #include "zeb_dbg.h"
@@ -42,14 +42,13 @@ class zeb_faults : public lib_test, public testing::WithParamInterface<fault_cas
     // Registers, again when a part failed. What fails at the start is told by the result, and nothing of it is left.
     static bool start_twice()
     {
-        static const zeb_msg_dispatcher_t table[] = {{1, see_msg}, {0, nullptr}};
         static const struct {
             uint32_t app;
             decltype(&zeb_register) call;
         } apps[] = {{APP, zeb_register_without_thread}, {APP + 1, zeb_register}};
         for (const auto &one : apps) {
-            int ret = one.call(one.app, "test", table, see_event);
-            if (ret != 0 && one.call(one.app, "test", table, see_event) != 0)
+            int ret = one.call(one.app, "test", ONE_DISPATCHER, see_event);
+            if (ret != 0 && one.call(one.app, "test", ONE_DISPATCHER, see_event) != 0)
                 return false;
             if (zeb_comm_with(one.app, PEER) != 0)
                 return false;
@@ -78,17 +77,11 @@ class zeb_faults : public lib_test, public testing::WithParamInterface<fault_cas
         (void)zeb_sendto(APP, PEER_NODE, PEER, msg, ZEB_SEND_NOWAIT);
         free(msg);
         wire::header_t request = from_peer(wire::REQUEST | wire::MNG);
-        fake_tipc::queue_data(sd(), wire::message(request, wire::tlv(5, {}) + wire::tlv(4, {})));
+        fake_tipc::queue_data(sd(),
+                              wire::message(request, wire::tlv(wire::APP_STAT, {}) + wire::tlv(wire::APP_INFO, {})));
         fake_tipc::wait_read(sd());
-        fake_tipc::item_t returned;
-        wire::header_t ours;
-        ours.flag = wire::SYNC;
-        ours.src_app = APP;
-        ours.src_node = NODE;
-        ours.dst_app = PEER;
-        ours.dst_node = PEER_NODE;
-        returned.anc.push_back({TIPC_RETDATA, wire::message(ours, wire::sync_ack(5, 6, 1, 3))});
-        fake_tipc::queue_item(sd(), returned);
+        wire::bytes_t ours = wire::message(to_peer(wire::SYNC), wire::sync_ack(5, 6, 1, 3));
+        fake_tipc::queue_item(sd(), returned_item(ours));
         fake_tipc::wait_read(sd());
         zeb_process_monitor_timer_event(1);
     }
@@ -210,18 +203,17 @@ TEST_F(zeb_shortage, without_descriptors_a_registration_fails_and_later_succeeds
     int next = dup(0); // the lowest that is free
     (void)close(next);
     struct rlimit none = {(rlim_t)next, before.rlim_max};
-    static const zeb_msg_dispatcher_t table[] = {{1, see_msg}, {0, nullptr}};
     ASSERT_EQ(zeb_get_my_node_id(), (int)NODE);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    int ret = zeb_register_without_thread(APP, "test", table, see_event);
+    int ret = zeb_register_without_thread(APP, "test", ONE_DISPATCHER, see_event);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_EQ(ret, -1);
     start_app();
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    ret = zeb_register_without_thread(APP + 1, "test", table, see_event);
+    ret = zeb_register_without_thread(APP + 1, "test", ONE_DISPATCHER, see_event);
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_EQ(ret, -EAGAIN) << "a part of the application";
-    EXPECT_EQ(zeb_register_without_thread(APP + 1, "test", table, see_event), 0);
+    EXPECT_EQ(zeb_register_without_thread(APP + 1, "test", ONE_DISPATCHER, see_event), 0);
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they take their memory before
@@ -246,13 +238,13 @@ TEST_F(zeb_shortage, without_memory_an_allocation_waits_and_goes_on)
     short_of = true;
     zeb_msg_t *messages[64];
     for (zeb_msg_t *&msg : messages)
-        msg = zeb_msg_alloc(61440, 1, 0);
+        msg = zeb_msg_alloc((int)wire::BODY_MAX, 1, 0);
     done = true;
     relief.join();
     EXPECT_FALSE(early) << "there was memory for all";
     for (zeb_msg_t *msg : messages) {
         ASSERT_NE(msg, nullptr);
-        EXPECT_EQ(msg->hdr.len, 61476u);
+        EXPECT_EQ(msg->hdr.len, wire::MESSAGE_MAX);
         free(msg);
     }
 }

@@ -2,9 +2,14 @@
 // handshake, a failed send, a returned message and a quit.
 #include "lib_test.h"
 
+#include "zeb_flow_ctrl_stat.h"
+
 #include <zeb/zeb_diag.h>
 
-using wire::operator+;
+static std::string stat_text(uint32_t app = APP)
+{
+    return listing(zeb_cli_print_mng_stat, app);
+}
 
 class zeb_flow_ctrl_stat : public lib_test
 {
@@ -16,12 +21,10 @@ class zeb_flow_ctrl_stat : public lib_test
     }
 
     // The listing without its title.
-    static std::string listing(uint32_t app = APP)
+    static std::string counts(uint32_t app = APP)
     {
-        zeb_buf_printf_reset();
-        zeb_cli_print_mng_stat(app);
         std::string title = "Application " + std::to_string(app) + " mng msg statistics:\n";
-        std::string text = buffer_text();
+        std::string text = stat_text(app);
         EXPECT_EQ(text.substr(0, title.size()), title);
         return text.substr(title.size());
     }
@@ -49,118 +52,101 @@ class zeb_flow_ctrl_stat : public lib_test
     {
         (void)fake_tipc::take_sent();
         peer_published();
-        auto sent = fake_tipc::take_sent();
-        return sent.empty() ? 0 : sync_word(sent[0].bytes, 0);
-    }
-
-    void acknowledge(uint32_t seq, uint8_t ver = 2)
-    {
-        wire::header_t header = from_peer(wire::SYNC);
-        header.ver = ver;
-        receive(wire::message(header, wire::sync_ack(seq, PEER_PID, 1) +
-                                          wire::sync_seq_ack(seq, PEER_PID, 1, ver == 2 ? PEER_SEQ : 0)));
+        return take_sync_seq();
     }
 
     // Our own message comes back.
-    void returned(const wire::bytes_t &body, uint8_t flag = wire::SYNC, uint32_t peer = PEER)
+    void come_back(const wire::bytes_t &body, uint8_t flag = wire::SYNC, uint32_t peer = PEER)
     {
-        wire::header_t header;
-        header.flag = flag;
-        header.src_app = APP;
-        header.src_node = NODE;
-        header.dst_app = peer;
-        header.dst_node = PEER_NODE;
-        fake_tipc::item_t item;
-        item.anc.push_back({TIPC_RETDATA, wire::message(header, body)});
-        receive_item(item);
+        receive_item(returned_item(wire::message(::to_peer(flag, PEER_NODE, peer), body)));
     }
 
     // Runs out the timer that the last returned acknowledgement started.
     static void resend_timer()
     {
-        uint32_t words[7] = {};
-        for (const wire::bytes_t &bytes : fake_tipc::take_subscriptions())
-            memcpy(words, bytes.data(), sizeof(words));
-        ASSERT_EQ(words[5], 1u) << "the resend timer";
-        timer_expires(1, words[6]);
+        std::vector<started_t> timers = take_timers(wire::RESEND_TIMER);
+        ASSERT_FALSE(timers.empty());
+        timer_expires(wire::RESEND_TIMER, timers.back().seq);
     }
 };
 
 TEST_F(zeb_flow_ctrl_stat, an_application_begins_with_nothing)
 {
-    EXPECT_EQ(listing(), totals(0, 0));
+    EXPECT_EQ(counts(), totals(0, 0));
 }
 
 TEST_F(zeb_flow_ctrl_stat, each_message_of_a_handshake_is_counted_once)
 {
     uint32_t seq = publish();
-    EXPECT_EQ(listing(), totals(1, 0) + to_peer(1, 0, 0, 0));
+    EXPECT_EQ(counts(), totals(1, 0) + to_peer(1, 0, 0, 0));
     peer_syncs();
-    EXPECT_EQ(listing(), totals(2, 1) + to_peer(1, 0, 1, 0) + of_peer(1, 0, 0, 0));
-    acknowledge(seq);
-    EXPECT_EQ(listing(), totals(2, 2) + to_peer(1, 0, 1, 0) + of_peer(1, 0, 1, 0));
+    EXPECT_EQ(counts(), totals(2, 1) + to_peer(1, 0, 1, 0) + of_peer(1, 0, 0, 0));
+    peer_acks(seq, PEER_SEQ);
+    EXPECT_EQ(counts(), totals(2, 2) + to_peer(1, 0, 1, 0) + of_peer(1, 0, 1, 0));
     EXPECT_EQ(take_seen().events.size(), 1u);
     peer_syncs();
-    EXPECT_EQ(listing(), totals(3, 3) + to_peer(1, 0, 2, 0) + of_peer(2, 0, 1, 0)) << "a repetition";
+    EXPECT_EQ(counts(), totals(3, 3) + to_peer(1, 0, 2, 0) + of_peer(2, 0, 1, 0)) << "a repetition";
 }
 
 TEST_F(zeb_flow_ctrl_stat, the_acknowledgement_of_the_older_version_has_its_own_count)
 {
+    wire::header_t old = from_peer(wire::SYNC);
+    old.ver = 1;
     uint32_t seq = publish();
-    acknowledge(seq, 1);
-    EXPECT_EQ(listing(), totals(1, 1) + to_peer(1, 0, 0, 0) + of_peer(0, 1, 0, 0));
+    receive(wire::message(old, wire::both_acks(seq, PEER_PID, 1, 0))); // of which it knows the first
+    EXPECT_EQ(counts(), totals(1, 1) + to_peer(1, 0, 0, 0) + of_peer(0, 1, 0, 0));
 }
 
 TEST_F(zeb_flow_ctrl_stat, a_retry_counts_like_the_first_synchronisation)
 {
     (void)publish();
-    timer_expires(3, 0);
-    EXPECT_EQ(listing(), totals(2, 0) + to_peer(2, 0, 0, 0));
+    timer_expires(wire::RETRY_TIMER, 0);
+    EXPECT_EQ(counts(), totals(2, 0) + to_peer(2, 0, 0, 0));
     fault::fail_next("sendto", EHOSTUNREACH);
-    timer_expires(3, 0);
-    EXPECT_EQ(listing(), totals(2, 0) + to_peer(2, 0, 0, 1));
+    timer_expires(wire::RETRY_TIMER, 0);
+    EXPECT_EQ(counts(), totals(2, 0) + to_peer(2, 0, 0, 1));
 }
 
 TEST_F(zeb_flow_ctrl_stat, what_cannot_be_sent_counts_as_failed_and_nothing_else)
 {
     fault::fail_next("sendto", EHOSTUNREACH);
     (void)publish();
-    EXPECT_EQ(listing(), totals(0, 0) + to_peer(0, 0, 0, 1));
+    EXPECT_EQ(counts(), totals(0, 0) + to_peer(0, 0, 0, 1));
     fault::fail_next("sendto", EHOSTUNREACH);
     peer_syncs();
-    EXPECT_EQ(listing(), totals(0, 1) + to_peer(0, 0, 0, 2) + of_peer(1, 0, 0, 0));
+    EXPECT_EQ(counts(), totals(0, 1) + to_peer(0, 0, 0, 2) + of_peer(1, 0, 0, 0));
 }
 
 TEST_F(zeb_flow_ctrl_stat, an_acknowledgement_that_comes_back_counts_as_rejected_and_as_sent_once_more)
 {
     peer_syncs();
     (void)fake_tipc::take_subscriptions();
-    returned(wire::sync_ack(5, 6, 1) + wire::sync_seq_ack(5, 6, 1, 0));
-    EXPECT_EQ(listing(), totals(1, 1) + to_peer(0, 0, 1, 0) + of_peer(1, 0, 0, 1));
+    come_back(wire::both_acks(5, 6, 1, 0));
+    EXPECT_EQ(counts(), totals(1, 1) + to_peer(0, 0, 1, 0) + of_peer(1, 0, 0, 1));
     resend_timer();
-    EXPECT_EQ(listing(), totals(2, 1) + to_peer(0, 1, 1, 0) + of_peer(1, 0, 0, 1));
-    returned(wire::sync_seq_ack(5, 6, 1, 0));
+    EXPECT_EQ(counts(), totals(2, 1) + to_peer(0, 1, 1, 0) + of_peer(1, 0, 0, 1));
+    come_back(wire::sync_seq_ack(5, 6, 1, 0));
     resend_timer();
-    EXPECT_EQ(listing(), totals(3, 1) + to_peer(0, 1, 2, 0) + of_peer(1, 0, 0, 2));
-    returned(wire::sync_ack(5, 6, 1));
+    EXPECT_EQ(counts(), totals(3, 1) + to_peer(0, 1, 2, 0) + of_peer(1, 0, 0, 2));
+    come_back(wire::sync_ack(5, 6, 1));
     fault::fail_next("sendto", EHOSTUNREACH);
     resend_timer();
-    EXPECT_EQ(listing(), totals(3, 1) + to_peer(0, 1, 2, 1) + of_peer(1, 0, 0, 3));
+    EXPECT_EQ(counts(), totals(3, 1) + to_peer(0, 1, 2, 1) + of_peer(1, 0, 0, 3));
 }
 
 TEST_F(zeb_flow_ctrl_stat, a_synchronisation_that_comes_back_counts_as_rejected)
 {
     (void)publish();
-    returned(wire::sync_inst(5, 6, 1, 0));
-    EXPECT_EQ(listing(), totals(1, 0) + to_peer(1, 0, 0, 0) + of_peer(0, 0, 0, 1));
+    come_back(wire::sync_inst(5, 6, 1, 0));
+    EXPECT_EQ(counts(), totals(1, 0) + to_peer(1, 0, 0, 0) + of_peer(0, 0, 0, 1));
 }
 
 TEST_F(zeb_flow_ctrl_stat, other_messages_that_come_back_and_those_to_the_daemon_do_not_count)
 {
-    returned({1, 2, 3}, 0);
-    returned({1, 2, 3}, wire::MNG);
-    returned(wire::sync_inst(5, 6, 1, 0), wire::SYNC, 1);
-    EXPECT_EQ(listing(), totals(0, 0));
+    come_back({1, 2, 3}, 0);
+    come_back({1, 2, 3}, wire::MNG);
+    come_back(wire::sync_inst(5, 6, 1, 0), wire::SYNC, 1);
+    EXPECT_EQ(counts(), totals(0, 0));
 }
 
 TEST_F(zeb_flow_ctrl_stat, peers_and_applications_have_counts_of_their_own)
@@ -169,24 +155,115 @@ TEST_F(zeb_flow_ctrl_stat, peers_and_applications_have_counts_of_their_own)
     peer_published(3);
     peer_published(4);
     peer_syncs(PEER_SEQ, 4, PEER, APP + 1);
-    EXPECT_EQ(listing(), totals(2, 0) + to_peer(1, 0, 0, 0, "200/3") + to_peer(1, 0, 0, 0, "200/4"));
-    EXPECT_EQ(listing(APP + 1), totals(3, 1) + to_peer(1, 0, 0, 0, "200/3") + to_peer(1, 0, 1, 0, "200/4") +
-                                    of_peer(1, 0, 0, 0, "200/4"));
+    EXPECT_EQ(counts(), totals(2, 0) + to_peer(1, 0, 0, 0, "200/3") + to_peer(1, 0, 0, 0, "200/4"));
+    EXPECT_EQ(counts(APP + 1), totals(3, 1) + to_peer(1, 0, 0, 0, "200/3") + to_peer(1, 0, 1, 0, "200/4") +
+                                   of_peer(1, 0, 0, 0, "200/4"));
 }
 
 TEST_F(zeb_flow_ctrl_stat, a_quit_clears_the_counts_of_the_instance_and_takes_them_off_the_totals)
 {
     uint32_t seq = publish();
     fault::fail_next("sendto", EHOSTUNREACH);
-    timer_expires(3, 0); // a failed one
+    timer_expires(wire::RETRY_TIMER, 0); // a failed one
     peer_syncs();
-    acknowledge(seq);
-    acknowledge(seq, 1);
+    peer_acks(seq, PEER_SEQ);
+    peer_acks(seq, 0, older_peer());
     (void)fake_tipc::take_subscriptions();
-    returned(wire::sync_ack(5, 6, 1));
+    come_back(wire::sync_ack(5, 6, 1));
     resend_timer();
     peer_published(4);
-    EXPECT_EQ(listing(), totals(4, 3) + to_peer(1, 1, 1, 1) + to_peer(1, 0, 0, 0, "200/4") + of_peer(1, 1, 1, 1));
+    EXPECT_EQ(counts(), totals(4, 3) + to_peer(1, 1, 1, 1) + to_peer(1, 0, 0, 0, "200/4") + of_peer(1, 1, 1, 1));
     peer_withdrawn();
-    EXPECT_EQ(listing(), totals(1, 0) + to_peer(0, 0, 0, 0) + to_peer(1, 0, 0, 0, "200/4") + of_peer(0, 0, 0, 0));
+    EXPECT_EQ(counts(), totals(1, 0) + to_peer(0, 0, 0, 0) + to_peer(1, 0, 0, 0, "200/4") + of_peer(0, 0, 0, 0));
+}
+
+// The counters by the calls that count.
+
+TEST_F(zeb_flow_ctrl_stat, synchronisation_messages_are_counted_by_type)
+{
+    for (int type : {1, 1, 1, 2, 9})
+        zeb_mng_stat_update_sent(APP, {PEER, 9}, type);
+    for (int type : {1, 2, 9, 9})
+        zeb_mng_stat_update_recv(APP, {PEER, 9}, type);
+    zeb_mng_stat_update_send_fail(APP, {PEER, 9});
+    zeb_mng_stat_update_recv_reject(APP, {PEER, 9});
+    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
+                           "  total send 5, total recv 4\n"
+                           "    Send to application 200/9: inst 3, inst ack 1, inst seq ack 1, failed 1\n"
+                           "    Receive from application 200/9: inst 1, inst ack 1, inst seq ack 2,reject 1\n");
+    EXPECT_EQ(logged(I,
+                     [] {
+                         zeb_clean_mng_msg_stat(APP, {PEER, 9});
+                     }),
+              lines_t({"1 ZEB clean mng msg stat between app 100 and 200/9."}));
+    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
+                           "  total send 0, total recv 0\n"
+                           "    Send to application 200/9: inst 0, inst ack 0, inst seq ack 0, failed 0\n"
+                           "    Receive from application 200/9: inst 0, inst ack 0, inst seq ack 0,reject 0\n");
+}
+
+TEST_F(zeb_flow_ctrl_stat, cleaning_lowers_the_total_by_what_was_counted)
+{
+    for (int type : {1, 1, 1, 2})
+        zeb_mng_stat_update_sent(APP, {PEER, 9}, type);
+    zeb_mng_stat_update_sent(APP, {PEER, 10}, 1);
+    zeb_clean_mng_msg_stat(APP, {PEER, 9});
+    EXPECT_THAT(stat_text(), testing::HasSubstr("total send 1, total recv 0\n"));
+}
+
+TEST_F(zeb_flow_ctrl_stat, another_type_is_warned_about_but_makes_the_record)
+{
+    EXPECT_EQ(logged(W,
+                     [] {
+                         zeb_mng_stat_update_sent(APP, {PEER, 9}, 0);
+                     }),
+              lines_t({"2 ZEB app 100 update send mng msg stat type 0 not support."}));
+    EXPECT_EQ(logged(W,
+                     [] {
+                         zeb_mng_stat_update_recv(APP, {PEER, 9}, 3);
+                     }),
+              lines_t({"2 ZEB app 100 update recv mng msg stat type 3 not support."}));
+    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
+                           "  total send 0, total recv 0\n"
+                           "    Send to application 200/9: inst 0, inst ack 0, inst seq ack 0, failed 0\n"
+                           "    Receive from application 200/9: inst 0, inst ack 0, inst seq ack 0,reject 0\n");
+}
+
+TEST_F(zeb_flow_ctrl_stat, a_synchronisation_returned_by_application_1_changes_no_counter)
+{
+    zeb_mng_stat_update_recv_reject(APP, {1, 9});
+    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n  total send 0, total recv 0\n");
+}
+
+TEST_F(zeb_flow_ctrl_stat, statistics_of_an_unknown_application_are_one_error)
+{
+    const std::function<void()> calls[] = {
+        [] { zeb_mng_stat_update_sent(999, {PEER, 9}, 1); },   [] { zeb_mng_stat_update_recv(999, {PEER, 9}, 1); },
+        [] { zeb_mng_stat_update_send_fail(999, {PEER, 9}); }, [] { zeb_mng_stat_update_recv_reject(999, {PEER, 9}); },
+        [] { zeb_clean_mng_msg_stat(999, {PEER, 9}); },
+    };
+    for (const auto &call : calls)
+        EXPECT_EQ(logged(E, call), lines_t({"3 ZEB app 999 get mng msg stat failed."}));
+    EXPECT_EQ(listing(zeb_cli_print_mng_stat, 999), "");
+}
+
+TEST_F(zeb_flow_ctrl_stat, the_lines_of_the_statistics_are_these)
+{
+    EXPECT_EQ(logged(15,
+                     [] {
+                         zeb_mng_stat_update_sent(APP, {PEER, 9}, 2);
+                         zeb_mng_stat_update_recv(APP, {PEER, 9}, 9);
+                         zeb_mng_stat_update_send_fail(APP, {PEER, 9});
+                         zeb_mng_stat_update_recv_reject(APP, {PEER, 9});
+                         zeb_clean_mng_msg_stat(APP, {PEER, 10});
+                     }),
+              lines_t({"0 ZEB app 100 update send mng msg stat to 200/9, type 2.",
+                       "0 ZEB app 100 add new send mng msg stat to 200/9.",
+                       "0 ZEB app 100 update recv mng msg stat to 200/9, type 9.",
+                       "0 ZEB app 100 add new recv mng msg stat from 200/9.",
+                       "0 ZEB app 100 update send fail mng msg to 200/9.",
+                       "0 ZEB app 100 update recv reject mng msg from 200/9.",
+                       "1 ZEB clean mng msg stat between app 100 and 200/10.",
+                       "0 ZEB app 100 add new recv mng msg stat from 200/10.",
+                       "0 ZEB app 100 add new send mng msg stat to 200/10."}));
 }

@@ -1,64 +1,11 @@
-// Flow control: windows, acknowledgements, blocked senders, counters, diagnosis.
-#include <thread>
+// Flow control: windows, acknowledgements, blocked senders, counters.
+#include "flow_test.h"
 
-#include "by_number.h"
-#include "lib_test.h"
-#include <sched.h>
-#include "zeb_app_info.h"
-#include "zeb_rpc.h"
-#include "zeb_dbg.h"
-#include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
-#include "zeb_slot.h"
-#include "zeb_mng_msg.h"
+#include "zeb_rpc.h"
 
-class zeb_flow_ctrl : public lib_test
+class zeb_flow_ctrl : public flow_test
 {
-  protected:
-    void SetUp() override
-    {
-        lib_test::SetUp();
-        start_app();
-    }
-
-    static std::string text()
-    {
-        zeb_buf_printf_reset();
-        zeb_cli_print_fc_stat(APP);
-        return buffer_text();
-    }
-
-    static void sent(int num, uint32_t node = 9)
-    {
-        for (int i = 0; i < num; i++)
-            zeb_fc_update_sent_ok(APP, {PEER, node});
-    }
-
-    static void received(int num, uint32_t node = 9)
-    {
-        for (int i = 0; i < num; i++)
-            zeb_fc_update_recv_ok(APP, {PEER, node});
-    }
-
-    static pthread_cond_t *cond()
-    {
-        return &zeb_get_app_fc(APP)->cond.impl;
-    }
-
-    // A sender that is held back, waiting when this returns.
-    static std::thread blocked_sender()
-    {
-        int before = fault::waits(cond());
-        std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
-        while (fault::waits(cond()) == before)
-            (void)sched_yield();
-        return sender;
-    }
-
-    static bool accepts()
-    {
-        return zeb_fc_check(APP, PEER, ZEB_SEND_NOWAIT) == 0;
-    }
 };
 
 TEST_F(zeb_flow_ctrl, the_listing_is_this_text)
@@ -78,9 +25,7 @@ TEST_F(zeb_flow_ctrl, the_listing_is_this_text)
                       "    Send to application 200/9: send 3, unack 3, reject 1, RPC reply reject 1\n"
                       "    Send to application 200/10: send 2, unack 2, reject 0, RPC reply reject 0\n"
                       "    Receive from application 200/9: receive 4, unack 4, drop 5, return 1\n");
-    zeb_buf_printf_reset();
-    zeb_cli_print_fc_stat(999);
-    EXPECT_EQ(buffer_text(), "");
+    EXPECT_EQ(listing(zeb_cli_print_fc_stat, 999), "");
 }
 
 TEST_F(zeb_flow_ctrl, a_destination_is_blocked_from_the_1025th_unacknowledged_message_on)
@@ -170,24 +115,9 @@ static bool tells_of_block(const std::string &line)
            line.find(" send to application") != std::string::npos;
 }
 
-TEST_F(zeb_flow_ctrl, a_blocked_sender_logs_and_pings_after_1_2_4_and_8_periods_and_asks_for_a_reload_after_3)
+// What nine periods of a block of 200/9 and 200/11 say: after 1, 2, 4 and 8 of them, and after 3.
+static lines_t lines_of_periods()
 {
-    sent(1025, 9);
-    sent(5, 10);
-    sent(1026, 11);
-    (void)fake_tipc::take_sent();
-    lines_t lines = logged(E, [] {
-        fault::end_waits(cond(), ETIMEDOUT, 9);
-        int begun = fault::waits(cond());
-        std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
-        while (fault::waits(cond()) < begun + 10)
-            (void)sched_yield();
-        zeb_fc_update_sent_ack(APP, {PEER, 9}, 512);
-        zeb_fc_update_sent_ack(APP, {PEER, 11}, 512);
-        sender.join();
-    });
-    lines.erase(std::remove_if(lines.begin(), lines.end(), [](const std::string &l) { return !tells_of_block(l); }),
-                lines.end());
     const lines_t period = {
         "3 ZEB app 100 to 200/9 was blocked for too long.", "3 ZEB app 100 to 200/11 was blocked for too long.",
         "3 ZEB app 100 send to application 200/9: send 1025, unack 1025, reject 0, RPC reply reject 0",
@@ -201,7 +131,27 @@ TEST_F(zeb_flow_ctrl, a_blocked_sender_logs_and_pings_after_1_2_4_and_8_periods_
         expected.emplace_back("3 ZEB app 100 try to reload 200/9 to resume communication.");
         expected.emplace_back("3 ZEB app 100 try to reload 200/11 to resume communication.");
     }
-    EXPECT_EQ(lines, expected);
+    return expected;
+}
+
+TEST_F(zeb_flow_ctrl, a_blocked_sender_logs_and_pings_after_1_2_4_and_8_periods_and_asks_for_a_reload_after_3)
+{
+    sent(1025, 9);
+    sent(5, 10);
+    sent(1026, 11);
+    (void)fake_tipc::take_sent();
+    lines_t lines = logged(E, [] {
+        fault::end_waits(cond(), ETIMEDOUT, 9);
+        int begun = fault::waits(cond());
+        std::thread sender([] { EXPECT_EQ(zeb_fc_check(APP, PEER, 0), 0); });
+        wait_until([&] { return fault::waits(cond()) >= begun + 10; });
+        zeb_fc_update_sent_ack(APP, {PEER, 9}, 512);
+        zeb_fc_update_sent_ack(APP, {PEER, 11}, 512);
+        sender.join();
+    });
+    lines.erase(std::remove_if(lines.begin(), lines.end(), [](const std::string &l) { return !tells_of_block(l); }),
+                lines.end());
+    EXPECT_EQ(lines, lines_of_periods());
     lines_t messages;
     for (const fake_tipc::sent_t &message : fake_tipc::take_sent())
         messages.push_back(std::to_string(wire::header_of(message.bytes).dst_node) + " " +
@@ -221,8 +171,7 @@ TEST_F(zeb_flow_ctrl, waking_early_counts_as_no_period)
                          for (int i = 0; i < 5; i++) {
                              int begun = fault::waits(cond());
                              zeb_fc_update_sent_ack(APP, {PEER, 9}, 1); // not enough
-                             while (fault::waits(cond()) == begun)
-                                 (void)sched_yield();
+                             wait_until([&] { return fault::waits(cond()) != begun; });
                          }
                          zeb_fc_update_sent_ack(APP, {PEER, 9}, 1000);
                          sender.join();
@@ -364,168 +313,25 @@ TEST_F(zeb_flow_ctrl, an_acknowledgement_of_an_absurd_count_neither_blocks_nor_o
 
 TEST_F(zeb_flow_ctrl, without_a_record_there_is_one_error)
 {
+    static constexpr zeb_inst_t peer = {PEER, PEER_NODE};
     EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_fc_check(999, PEER, 0), -ENOENT); }),
               lines_t({"3 ZEB app 999 get flow control failed."}));
-    EXPECT_EQ(logged(E,
-                     [] {
-                         zeb_fc_update_recv_drop(999, {PEER, 9}, 1);
-                     }),
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(999, peer, 1); }),
               lines_t({"3 ZEB app 200 get flow control failed."}));
-    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(999, {PEER, 9}, 0); }), lines_t({}));
-    EXPECT_EQ(logged(E,
-                     [] {
-                         zeb_fc_update_recv_retdata(999, {PEER, 9});
-                     }),
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_drop(999, peer, 0); }), lines_t({}));
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_recv_retdata(999, peer); }),
               lines_t({"3 ZEB app 200 get flow control failed."}));
     const std::function<void()> others[] = {
-        [] {
-            zeb_fc_update_sent_reject(999, {PEER, 9});
-        },
-        [] {
-            zeb_fc_update_rpc_reply_exception(999, {PEER, 9});
-        },
-        [] {
-            zeb_fc_adjust_statistics(999, {PEER, 9});
-        },
+        [] { zeb_fc_update_sent_reject(999, peer); },
+        [] { zeb_fc_update_rpc_reply_exception(999, peer); },
+        [] { zeb_fc_adjust_statistics(999, peer); },
         [] { zeb_fc_update_recv_exception(999); },
     };
     for (const auto &call : others)
         EXPECT_EQ(logged(15, call), lines_t({"3 ZEB app 999 get flow control failed."}));
-    EXPECT_EQ(logged(E,
-                     [] {
-                         zeb_fc_reset_unack(999, {PEER, 9});
-                     }),
-              lines_t({"3 ZEB get app 999 flow ctrl info failed."}));
-    EXPECT_EQ(logged(E,
-                     [] {
-                         zeb_fc_update_sent_ack(999, {PEER, 9}, 1);
-                     }),
+    EXPECT_EQ(logged(E, [] { zeb_fc_reset_unack(999, peer); }), lines_t({"3 ZEB get app 999 flow ctrl info failed."}));
+    EXPECT_EQ(logged(E, [] { zeb_fc_update_sent_ack(999, peer, 1); }),
               lines_t({"3 ZEB app 999 get flow control failed."}));
-}
-
-TEST_F(zeb_flow_ctrl, a_diagnosis_pings_only_the_node_that_blocks)
-{
-    sent(5, 8);
-    sent(1025, 9);
-    received(2, 9);
-    lines_t lines = logged(E, []() ZEB_NO_THREAD_SAFETY_ANALYSIS {
-        zeb_fc_t *fc = zeb_get_app_fc(APP);
-        zeb_scoped_lock lock(&fc->mutex);
-        zeb_fc_diagnose_destination(fc, PEER);
-    });
-    EXPECT_EQ(lines,
-              lines_t({"3 ZEB app 100 total send 1030, unack 1030, mcast reject 0, RPC reply exception 0",
-                       "3 ZEB app 100 total receive 2, unack 2, exception 0",
-                       "3 ZEB app 100 send to application 200/9: send 1025, unack 1025, reject 0, RPC reply reject 0",
-                       "3 ZEB app 100 receive from application 200/9: receive 2, unack 2, drop 0, return 0"}));
-    auto pings = fake_tipc::take_sent();
-    ASSERT_EQ(pings.size(), 1u);
-    EXPECT_EQ(wire::header_of(pings[0].bytes).dst_node, 9u);
-    EXPECT_EQ(wire::hex(wire::body_of(pings[0].bytes)), "00040006");
-}
-
-TEST_F(zeb_flow_ctrl, a_ping_is_answered_with_the_own_view_and_an_echo)
-{
-    sent(2, 9);
-    received(3, 9);
-    EXPECT_EQ(logged(E,
-                     [] {
-                         zeb_fc_ping_request(APP, {PEER, 9});
-                     }),
-              lines_t({"3 ZEB app 100 recv ping request from 200/9.", "3 ZEB app 100 from 200/9 unprocess num: 0.",
-                       "3 ZEB app 100 total send 2, unack 2, mcast reject 0, RPC reply exception 0",
-                       "3 ZEB app 100 total receive 3, unack 3, exception 0",
-                       "3 ZEB app 100 send to application 200/9: send 2, unack 2, reject 0, RPC reply reject 0",
-                       "3 ZEB app 100 receive from application 200/9: receive 3, unack 3, drop 0, return 0"}));
-    auto echo = fake_tipc::take_sent();
-    ASSERT_EQ(echo.size(), 1u);
-    EXPECT_EQ(wire::hex(wire::body_of(echo[0].bytes)), "00040007");
-    EXPECT_EQ(logged(0, [] { zeb_fc_ping_request(APP, {PEER, 9}); }), lines_t({}));
-    EXPECT_EQ(fake_tipc::take_sent().size(), 1u) << "the echo goes out all the same";
-    EXPECT_EQ(logged(E,
-                     [] {
-                         zeb_fc_ping_echo(APP, {PEER, 9});
-                     }),
-              lines_t({"3 ZEB app 100 recv ping echo from 200/9."}));
-}
-
-TEST_F(zeb_flow_ctrl, a_ping_tells_how_many_messages_of_the_sender_are_still_queued)
-{
-    const zeb_msg_dispatcher_t table[] = {{1, see_msg}, {0, nullptr}};
-    ASSERT_EQ(zeb_register(300, "queued", table, see_event), 0); // its thread waits for the library to run
-    ASSERT_EQ(zeb_comm_with(300, PEER), 0);
-    peer_online(9, true, PEER, 300);
-    peer_online(10, true, PEER, 300);
-    for (uint32_t node : {9u, 10u, 9u})
-        receive(wire::message(from_peer(0, node, PEER, 300), {1}), 300);
-    lines_t lines = logged(E, [] { zeb_fc_ping_request(300, {PEER, 9}); });
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[1], "3 ZEB app 300 from 200/9 unprocess num: 2.");
-}
-
-// Statistics of synchronisation messages.
-
-static std::string stat_text()
-{
-    zeb_buf_printf_reset();
-    zeb_cli_print_mng_stat(APP);
-    return buffer_text();
-}
-
-TEST_F(zeb_flow_ctrl, synchronisation_messages_are_counted_by_type)
-{
-    for (int type : {1, 1, 1, 2, 9})
-        zeb_mng_stat_update_sent(APP, {PEER, 9}, type);
-    for (int type : {1, 2, 9, 9})
-        zeb_mng_stat_update_recv(APP, {PEER, 9}, type);
-    zeb_mng_stat_update_send_fail(APP, {PEER, 9});
-    zeb_mng_stat_update_recv_reject(APP, {PEER, 9});
-    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
-                           "  total send 5, total recv 4\n"
-                           "    Send to application 200/9: inst 3, inst ack 1, inst seq ack 1, failed 1\n"
-                           "    Receive from application 200/9: inst 1, inst ack 1, inst seq ack 2,reject 1\n");
-    EXPECT_EQ(logged(I,
-                     [] {
-                         zeb_clean_mng_msg_stat(APP, {PEER, 9});
-                     }),
-              lines_t({"1 ZEB clean mng msg stat between app 100 and 200/9."}));
-    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
-                           "  total send 0, total recv 0\n"
-                           "    Send to application 200/9: inst 0, inst ack 0, inst seq ack 0, failed 0\n"
-                           "    Receive from application 200/9: inst 0, inst ack 0, inst seq ack 0,reject 0\n");
-}
-
-TEST_F(zeb_flow_ctrl, cleaning_lowers_the_total_by_what_was_counted)
-{
-    for (int type : {1, 1, 1, 2})
-        zeb_mng_stat_update_sent(APP, {PEER, 9}, type);
-    zeb_mng_stat_update_sent(APP, {PEER, 10}, 1);
-    zeb_clean_mng_msg_stat(APP, {PEER, 9});
-    EXPECT_THAT(stat_text(), testing::HasSubstr("total send 1, total recv 0\n"));
-}
-
-TEST_F(zeb_flow_ctrl, another_type_is_warned_about_but_makes_the_record)
-{
-    EXPECT_EQ(logged(W,
-                     [] {
-                         zeb_mng_stat_update_sent(APP, {PEER, 9}, 0);
-                     }),
-              lines_t({"2 ZEB app 100 update send mng msg stat type 0 not support."}));
-    EXPECT_EQ(logged(W,
-                     [] {
-                         zeb_mng_stat_update_recv(APP, {PEER, 9}, 3);
-                     }),
-              lines_t({"2 ZEB app 100 update recv mng msg stat type 3 not support."}));
-    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n"
-                           "  total send 0, total recv 0\n"
-                           "    Send to application 200/9: inst 0, inst ack 0, inst seq ack 0, failed 0\n"
-                           "    Receive from application 200/9: inst 0, inst ack 0, inst seq ack 0,reject 0\n");
-}
-
-TEST_F(zeb_flow_ctrl, a_synchronisation_returned_by_application_1_changes_no_counter)
-{
-    zeb_mng_stat_update_recv_reject(APP, {1, 9});
-    EXPECT_EQ(stat_text(), "Application 100 mng msg statistics:\n  total send 0, total recv 0\n");
 }
 
 TEST_F(zeb_flow_ctrl, unknown_senders_are_counted_up_to_a_limit)
@@ -575,39 +381,4 @@ TEST_F(zeb_flow_ctrl, a_record_with_peers_is_removed_whole)
     zeb_del_app_fc(fc); // a leak would be found under AddressSanitizer
     zeb_del_mng_stat(stat);
     zeb_del_app_rpc_wait(rpc);
-}
-
-TEST_F(zeb_flow_ctrl, statistics_of_an_unknown_application_are_one_error)
-{
-    const std::function<void()> calls[] = {
-        [] { zeb_mng_stat_update_sent(999, {PEER, 9}, 1); },   [] { zeb_mng_stat_update_recv(999, {PEER, 9}, 1); },
-        [] { zeb_mng_stat_update_send_fail(999, {PEER, 9}); }, [] { zeb_mng_stat_update_recv_reject(999, {PEER, 9}); },
-        [] { zeb_clean_mng_msg_stat(999, {PEER, 9}); },
-    };
-    for (const auto &call : calls)
-        EXPECT_EQ(logged(E, call), lines_t({"3 ZEB app 999 get mng msg stat failed."}));
-    zeb_buf_printf_reset();
-    zeb_cli_print_mng_stat(999);
-    EXPECT_EQ(buffer_text(), "");
-}
-
-TEST_F(zeb_flow_ctrl, the_lines_of_the_statistics_are_these)
-{
-    EXPECT_EQ(logged(15,
-                     [] {
-                         zeb_mng_stat_update_sent(APP, {PEER, 9}, 2);
-                         zeb_mng_stat_update_recv(APP, {PEER, 9}, 9);
-                         zeb_mng_stat_update_send_fail(APP, {PEER, 9});
-                         zeb_mng_stat_update_recv_reject(APP, {PEER, 9});
-                         zeb_clean_mng_msg_stat(APP, {PEER, 10});
-                     }),
-              lines_t({"0 ZEB app 100 update send mng msg stat to 200/9, type 2.",
-                       "0 ZEB app 100 add new send mng msg stat to 200/9.",
-                       "0 ZEB app 100 update recv mng msg stat to 200/9, type 9.",
-                       "0 ZEB app 100 add new recv mng msg stat from 200/9.",
-                       "0 ZEB app 100 update send fail mng msg to 200/9.",
-                       "0 ZEB app 100 update recv reject mng msg from 200/9.",
-                       "1 ZEB clean mng msg stat between app 100 and 200/10.",
-                       "0 ZEB app 100 add new recv mng msg stat from 200/10.",
-                       "0 ZEB app 100 add new send mng msg stat to 200/10."}));
 }

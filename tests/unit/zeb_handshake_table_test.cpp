@@ -1,5 +1,6 @@
-// lib/zeb_handshake_table.h against the core itself: from nothing known, every event in every state that the core can
-// get into, and what it does then is what the table says. The core stands alone here, with effects that record.
+// lib/zeb_handshake_table.h, with the phases of lib/zeb_handshake_state.cpp, against the core itself: from nothing
+// known, every event in every state that the core can get into, and what it does then is what the table says. The core
+// stands alone here, with effects that record.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -540,12 +541,12 @@ expected_t expected_of(const core_t *core, const input_t &input, const zeb_pair_
     return expected;
 }
 
-typedef std::vector<input_t> road_t;
+typedef std::vector<input_t> path_t;
 
-std::string text_of(const road_t &road)
+std::string text_of(const path_t &path)
 {
     std::string text;
-    for (const input_t &input : road)
+    for (const input_t &input : path)
         text += std::string("\n  ") + input.text +
                 (input.send_error != 0 ? " (sends fail: " + std::string(strerrorname_np(input.send_error)) + ")" : "");
     return text;
@@ -573,13 +574,13 @@ void remove_action(std::vector<unsigned> *done, unsigned action)
     done->erase(std::remove(done->begin(), done->end(), action), done->end());
 }
 
-// Takes the road, and checks its last step. False when that cannot happen.
-bool check_road(core_t *core, const road_t &road, uint32_t server, std::set<const zeb_pair_row_t *> *used)
+// Takes the path, and checks its last step. False when that cannot happen.
+bool check_path(core_t *core, const path_t &path, uint32_t server, std::set<const zeb_pair_row_t *> *used)
 {
     begin(core, server);
-    for (size_t i = 0; i + 1 < road.size(); i++)
-        happen(core, road[i]);
-    const input_t &input = road.back();
+    for (size_t i = 0; i + 1 < path.size(); i++)
+        happen(core, path[i]);
+    const input_t &input = path.back();
     zeb_pair_phase_t phase = phase_of(core);
     if (input.kind == IN_MESSAGE && phase == ZEB_PAIR_ONLINE)
         return false;
@@ -596,11 +597,11 @@ bool check_road(core_t *core, const road_t &road, uint32_t server, std::set<cons
         retry_starts = indexed_list_num(&core->hs.inst_retry) != 0 ? 1 : 0;
     if (row != nullptr && input.send_error == 0 && (server == 0 || is_whole(expected.done, row->actions)))
         used->insert(row);
-    EXPECT_LE((uint32_t)is_server_known(core), server) << text_of(road);
-    EXPECT_STREQ(zeb_pair_phase_text(phase_of(core)), zeb_pair_phase_text(expected.next)) << text_of(road);
-    EXPECT_EQ(text_of(core->done), text_of(expected.done)) << text_of(road);
-    EXPECT_EQ(core->retry_starts, retry_starts) << text_of(road);
-    EXPECT_NE(zeb_hs_inst_phase(&core->hs, THE_PEER), ZEB_INST_BOTH) << text_of(road);
+    EXPECT_LE((uint32_t)is_server_known(core), server) << text_of(path);
+    EXPECT_STREQ(zeb_pair_phase_text(phase_of(core)), zeb_pair_phase_text(expected.next)) << text_of(path);
+    EXPECT_EQ(text_of(core->done), text_of(expected.done)) << text_of(path);
+    EXPECT_EQ(core->retry_starts, retry_starts) << text_of(path);
+    EXPECT_NE(zeb_hs_inst_phase(&core->hs, THE_PEER), ZEB_INST_BOTH) << text_of(path);
     return true;
 }
 } // namespace
@@ -620,17 +621,17 @@ TEST_P(zeb_handshake_table, is_what_the_core_does_in_every_state_that_it_can_rea
 {
     core_t core;
     std::set<const zeb_pair_row_t *> used;
-    std::map<state_t, road_t> known;
-    std::vector<road_t> next = {{}};
+    std::map<state_t, path_t> known;
+    std::vector<path_t> next = {{}};
     begin(&core, GetParam());
     known[state_of(&core)] = {};
     zeb_hs_clear(&core.hs);
     for (size_t i = 0; i < next.size() && i < STATE_NUM_MAX && !HasFailure(); i++) {
         for (const input_t &input : inputs()) {
-            road_t road = next[i];
-            road.push_back(input);
-            if (check_road(&core, road, GetParam(), &used) && known.emplace(state_of(&core), road).second)
-                next.push_back(road);
+            path_t path = next[i];
+            path.push_back(input);
+            if (check_path(&core, path, GetParam(), &used) && known.emplace(state_of(&core), path).second)
+                next.push_back(path);
             zeb_hs_clear(&core.hs);
         }
     }

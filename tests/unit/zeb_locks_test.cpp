@@ -1,8 +1,7 @@
 // Locks between a thread that reads records and one that changes them. Each pair of calls runs in turn on two threads,
 // in both orders: under ThreadSanitizer a lock that one of them does not take is a race, always, since nothing else
-// orders the two. Other builds see only that the calls get along.
+// orders the two. Other builds see only that the calls get along. Cuts across the sources.
 #include <atomic>
-#include <sched.h>
 #include <thread>
 
 #include "internals.h"
@@ -21,8 +20,7 @@ static void in_turn(const call_t &first, const call_t &second)
         done.store(true, std::memory_order_relaxed);
     });
     std::thread other([&] {
-        while (!done.load(std::memory_order_relaxed))
-            (void)sched_yield();
+        wait_until([&] { return done.load(std::memory_order_relaxed); });
         second();
     });
     one.join();
@@ -34,10 +32,10 @@ class zeb_locks : public lib_test
   protected:
     void SetUp() override
     {
-        static const zeb_msg_dispatcher_t table[] = {{1, see_msg}, {0, nullptr}};
         lib_test::SetUp();
         start_app();
-        ASSERT_EQ(zeb_register(QUEUED, "test", table, see_event), 0); // its thread waits for the process to run
+        ASSERT_EQ(zeb_register(QUEUED, "test", ONE_DISPATCHER, see_event),
+                  0); // its thread waits for the process to run
         ASSERT_EQ(zeb_comm_with(APP, OFFLINE), 0);
         peer_online();
         fault::arm(false); // the lock of the interposed calls would order the threads
@@ -63,12 +61,9 @@ class zeb_locks : public lib_test
     }
 
     // Listings share the one print buffer, so only one thread may list.
-    static call_t listing(void (*list)(uint32_t), uint32_t app = APP)
+    static call_t list_of(void (*print)(uint32_t), uint32_t app = APP)
     {
-        return [list, app] {
-            zeb_buf_printf_reset();
-            list(app);
-        };
+        return [print, app] { (void)listing(print, app); };
     }
 
     uint32_t next()
@@ -84,50 +79,41 @@ class zeb_locks : public lib_test
 
 TEST_F(zeb_locks, the_library_listing_and_instances_that_come_and_go)
 {
-    in_both_orders(listing(zeb_cli_print_lib_info), [&] { peer_published(next()); });
-    in_both_orders(listing(zeb_cli_print_lib_info), [&] { peer_syncs(PEER_SEQ, next()); });
-    in_both_orders(listing(zeb_cli_print_lib_info), [&] { peer_withdrawn(); });
+    in_both_orders(list_of(zeb_cli_print_lib_info), [&] { peer_published(next()); });
+    in_both_orders(list_of(zeb_cli_print_lib_info), [&] { peer_syncs(PEER_SEQ, next()); });
+    in_both_orders(list_of(zeb_cli_print_lib_info), [&] { peer_withdrawn(); });
 }
 
 TEST_F(zeb_locks, the_library_listing_and_new_peer_applications)
 {
-    in_both_orders(listing(zeb_cli_print_lib_info), [&] { EXPECT_EQ(zeb_comm_with(APP, next()), 0); });
+    in_both_orders(list_of(zeb_cli_print_lib_info), [&] { EXPECT_EQ(zeb_comm_with(APP, next()), 0); });
 }
 
 TEST_F(zeb_locks, the_library_listing_and_returned_acknowledgements)
 {
-    wire::header_t ours;
-    ours.flag = wire::SYNC;
-    ours.src_app = APP;
-    ours.src_node = NODE;
-    ours.dst_app = PEER;
-    ours.dst_node = PEER_NODE;
-    fake_tipc::item_t item;
-    item.anc.push_back({TIPC_RETDATA, wire::message(ours, wire::sync_ack(5, 6, 1))});
-    in_both_orders(listing(zeb_cli_print_lib_info), [&] { receive_item(item); });
-    in_both_orders(listing(zeb_cli_print_lib_info),
+    fake_tipc::item_t item = returned_item(wire::message(to_peer(wire::SYNC), wire::sync_ack(5, 6, 1)));
+    in_both_orders(list_of(zeb_cli_print_lib_info), [&] { receive_item(item); });
+    in_both_orders(list_of(zeb_cli_print_lib_info),
                    [&] { EXPECT_EQ(zeb_sendto(APP, PEER_NODE, PEER, msg_, ZEB_SEND_NOWAIT), 0); });
 }
 
 TEST_F(zeb_locks, the_listing_of_peers_and_new_peer_applications)
 {
-    in_both_orders(listing(zeb_cli_print_app_comm), [&] { EXPECT_EQ(zeb_comm_with(APP, next()), 0); });
+    in_both_orders(list_of(zeb_cli_print_app_comm), [&] { EXPECT_EQ(zeb_comm_with(APP, next()), 0); });
 }
 
 TEST_F(zeb_locks, the_listing_of_an_application_and_its_queue)
 {
-    in_both_orders(listing(zeb_cli_print_app_info, QUEUED),
+    in_both_orders(list_of(zeb_cli_print_app_info, QUEUED),
                    [&] { receive(wire::message(from_peer(0, 5, 1, QUEUED), {1}), QUEUED); });
-    zeb_buf_printf_reset();
-    zeb_cli_print_app_info(QUEUED);
-    EXPECT_THAT(buffer_text(), testing::HasSubstr("  Unprocessed message number 6\n"));
+    EXPECT_THAT(listing(zeb_cli_print_app_info, QUEUED), testing::HasSubstr("  Unprocessed message number 6\n"));
 }
 
 TEST_F(zeb_locks, the_listing_of_an_application_and_its_groups)
 {
     uint32_t apps = (uint32_t)zeb_create_app_mcast(APP);
     uint32_t nodes = (uint32_t)zeb_create_node_mcast(APP);
-    call_t list = listing(zeb_cli_print_app_info);
+    call_t list = list_of(zeb_cli_print_app_info);
     in_both_orders(list, [&] { EXPECT_EQ(zeb_add_app_mcast(APP, apps, next()), 0); });
     in_both_orders(list, [&] { EXPECT_EQ(zeb_add_node_mcast(APP, nodes, next()), 0); });
     in_both_orders(list, [&] { zeb_del_app_mcast(APP, apps, 1001); });
@@ -198,11 +184,11 @@ TEST_F(zeb_locks, a_sender_that_looks_for_servers_and_instances_that_join)
 
 TEST_F(zeb_locks, the_flow_control_listing_and_traffic)
 {
-    call_t list = listing(zeb_cli_print_fc_stat);
+    call_t list = list_of(zeb_cli_print_fc_stat);
     in_both_orders(list, [&] { EXPECT_EQ(zeb_sendto(APP, PEER_NODE, PEER, msg_, ZEB_SEND_NOWAIT), 0); });
     in_both_orders(list, [&] { EXPECT_EQ(zeb_sendto(APP, 3, OFFLINE, msg_, ZEB_SEND_NOWAIT), -ENOENT); });
     in_both_orders(list, [&] { receive(wire::message(from_peer(), {1})); });
-    in_both_orders(list, [&] { receive(wire::message(from_peer(wire::MNG), wire::tlv(0, {0, 0, 0, 1}))); });
+    in_both_orders(list, [&] { receive(wire::message(from_peer(wire::MNG), wire::tlv(wire::NUM_ACK, {0, 0, 0, 1}))); });
     in_both_orders(list, [&] { receive(wire::message(from_peer(0, 77), {1})); }); // dropped
     in_both_orders(list, [&] { receive({1, 2, 3}); });                            // no message
     in_both_orders(list, [&] { peer_withdrawn(); });
@@ -210,10 +196,10 @@ TEST_F(zeb_locks, the_flow_control_listing_and_traffic)
 
 TEST_F(zeb_locks, the_listing_of_synchronisation_messages_and_a_handshake)
 {
-    call_t list = listing(zeb_cli_print_mng_stat);
+    call_t list = list_of(zeb_cli_print_mng_stat);
     in_both_orders(list, [&] { peer_syncs(); });
     in_both_orders(list, [&] { peer_published(next()); });
-    in_both_orders(list, [&] { timer_expires(3, 0); });
+    in_both_orders(list, [&] { timer_expires(wire::RETRY_TIMER, 0); });
     in_both_orders(list, [&] { peer_withdrawn(); });
 }
 
@@ -224,14 +210,13 @@ TEST_F(zeb_locks, the_listing_of_calls_and_their_answers)
     fault::arm(true); // counts the waits
     zeb_reply_msg_t reply;
     std::thread caller([&] { EXPECT_EQ(zeb_rpc(APP, PEER, msg_, 0, 0, &reply), 0); });
-    while (fault::waits(internals::answer_cond(APP)) == 0)
-        (void)sched_yield();
+    wait_until([&] { return fault::waits(internals::answer_cond(APP)) != 0; });
     fault::arm(false);
     auto sent = fake_tipc::take_sent();
     wire::header_t header = from_peer(wire::REQUEST | wire::ACK);
     header.seq = wire::header_of(sent.at(0).bytes).seq;
     header.src_node = 2;
-    in_both_orders(listing(zeb_cli_print_rpc_stat), [&] {
+    in_both_orders(list_of(zeb_cli_print_rpc_stat), [&] {
         header.src_node++;
         receive(wire::message(header, {}));
     });
@@ -250,13 +235,9 @@ TEST_F(zeb_locks, the_listing_of_calls_and_a_quit)
     for (bool list_first : {true, false}) {
         peer_online(3);
         std::thread caller([&] { EXPECT_EQ(zeb_rpc(APP, PEER, msg_, 0, 0, &reply), 0); });
-        size_t requests = 0;
-        while (requests < 2) {
-            requests += fake_tipc::take_sent().size();
-            (void)sched_yield();
-        }
+        (void)wait_requests(2);
         fault::arm(false);
-        call_t list = listing(zeb_cli_print_rpc_stat);
+        call_t list = list_of(zeb_cli_print_rpc_stat);
         call_t quit = [&] { peer_withdrawn(3); };
         in_turn(list_first ? list : quit, list_first ? quit : list);
         peer_withdrawn();

@@ -121,10 +121,8 @@ TEST_F(zeb_mc, a_destroyed_group_is_gone)
     zeb_destroy_node_mcast(APP, nodes);
     EXPECT_EQ(zeb_add_app_mcast(APP, apps, 5), -ENOENT);
     EXPECT_EQ(zeb_add_node_mcast(APP, nodes, 5), -ENOENT);
-    zeb_buf_printf_reset();
-    zeb_cli_print_app_info(APP);
-    EXPECT_THAT(buffer_text(), testing::EndsWith("  Private application multicast number 0:\n"
-                                                 "  Private node multicast number 0:\n"));
+    EXPECT_THAT(listing(zeb_cli_print_app_info), testing::EndsWith("  Private application multicast number 0:\n"
+                                                                   "  Private node multicast number 0:\n"));
 }
 
 TEST_F(zeb_mc, adding_twice_leaves_one_place)
@@ -248,12 +246,10 @@ TEST_F(zeb_mc, the_listing_is_this_text)
     (void)zeb_create_app_mcast(APP);
     uint32_t nodes = (uint32_t)zeb_create_node_mcast(APP);
     ASSERT_EQ(zeb_add_node_mcast(APP, nodes, 0), 0);
-    zeb_buf_printf_reset();
-    zeb_cli_print_app_info(APP);
-    EXPECT_THAT(buffer_text(), testing::EndsWith("  Unprocessed message number 0\n\n"
-                                                 "  Private application multicast number 2:\n"
-                                                 "    ID 0x3000, members: 5 7\n"
-                                                 "    ID 0x3001, members:\n"
-                                                 "  Private node multicast number 1:\n"
-                                                 "    ID 0x80000, members: 0\n"));
+    EXPECT_THAT(listing(zeb_cli_print_app_info), testing::EndsWith("  Unprocessed message number 0\n\n"
+                                                                   "  Private application multicast number 2:\n"
+                                                                   "    ID 0x3000, members: 5 7\n"
+                                                                   "    ID 0x3001, members:\n"
+                                                                   "  Private node multicast number 1:\n"
+                                                                   "    ID 0x80000, members: 0\n"));
 }

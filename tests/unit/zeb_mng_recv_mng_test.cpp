@@ -1,11 +1,10 @@
-// Management messages.
+// Management messages that are received.
 #include "by_number.h"
 #include "lib_test.h"
 #include "platform/gvr.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
-#include "zeb_mng_msg_mng.h"
 #include "zeb_rpc.h"
 
 using wire::operator+;
@@ -50,63 +49,20 @@ class zeb_mng_recv_mng : public lib_test
     }
 };
 
-TEST_F(zeb_mng_recv_mng, the_four_senders_write_one_element)
-{
-    struct {
-        std::function<int()> send;
-        const char *body;
-        const char *line;
-    } rows[] = {
-        {[] {
-             return zeb_send_fc_ack(APP, {PEER, 9}, 512);
-         },
-         "0008000000000200", "0 ZEB app 100 send msg ack num 512 to 200/9."},
-        {[] {
-             return zeb_send_fc_ping(APP, {PEER, 9});
-         },
-         "00040006", "0 ZEB app 100 ping to 200/9."},
-        {[] {
-             return zeb_send_fc_ping_echo(APP, {PEER, 9});
-         },
-         "00040007", "0 ZEB app 100 ping echo to 200/9."},
-        {[] {
-             return zeb_send_fc_reload(APP, {PEER, 9});
-         },
-         "00040008", "0 ZEB app 100 try to reload 200/9."},
-    };
-    for (const auto &row : rows) {
-        EXPECT_EQ(logged(V, [&] { EXPECT_EQ(row.send(), 0); })[0], row.line);
-        wire::bytes_t bytes = fake_tipc::take_sent().at(0).bytes;
-        EXPECT_EQ(wire::hex(bytes), "02000800000000" + std::string(strlen(row.body) == 8 ? "28" : "2c") +
-                                        "00000007"
-                                        "00000009"
-                                        "00000064"
-                                        "000000c8"
-                                        "00000001"
-                                        "00000000"
-                                        "00000000" +
-                                        row.body);
-        fault::fail_next("sendto", EHOSTUNREACH);
-        EXPECT_EQ(row.send(), -1);
-    }
-}
-
 TEST_F(zeb_mng_recv_mng, an_acknowledgement_of_512_lowers_the_count_by_512)
 {
     for (int i = 0; i < 600; i++)
         zeb_fc_update_sent_ok(APP, {PEER, 9});
-    lines_t lines = manage(V, wire::tlv(0, {0, 0, 2, 0}));
+    lines_t lines = manage(V, wire::tlv(wire::NUM_ACK, {0, 0, 2, 0}));
     EXPECT_THAT(lines, testing::IsSupersetOf(
                            {"0 ZEB app 100 recv mgmt msg from 200/9, data len 4, type processed message num ack.",
                             "0 ZEB recv ack num 512 for 100 from 200/9."}));
-    zeb_buf_printf_reset();
-    zeb_cli_print_fc_stat(APP);
-    EXPECT_THAT(buffer_text(), testing::HasSubstr("Send to application 200/9: send 600, unack 88,"));
+    EXPECT_THAT(listing(zeb_cli_print_fc_stat), testing::HasSubstr("Send to application 200/9: send 600, unack 88,"));
 }
 
 TEST_F(zeb_mng_recv_mng, two_elements_run_both_handlers_in_order)
 {
-    lines_t lines = manage(V | E, wire::tlv(0, {0, 0, 0, 1}) + wire::tlv(6, {}));
+    lines_t lines = manage(V | E, wire::tlv(wire::NUM_ACK, {0, 0, 0, 1}) + wire::tlv(wire::PING, {}));
     auto ack = std::find(lines.begin(), lines.end(), "0 ZEB recv ack num 1 for 100 from 200/9.");
     auto ping = std::find(lines.begin(), lines.end(), "3 ZEB app 100 recv ping request from 200/9.");
     ASSERT_NE(ack, lines.end());
@@ -119,7 +75,7 @@ TEST_F(zeb_mng_recv_mng, with_errors_neither_printed_nor_recorded_a_ping_does_no
 {
     zeb_app_info_t *info = zeb_get_app_info(APP);
     zeb_mutex_lock(&info->mutex); // counting would wait for it
-    EXPECT_EQ(manage(I | W, wire::tlv(6, {})), lines_t({}));
+    EXPECT_EQ(manage(I | W, wire::tlv(wire::PING, {})), lines_t({}));
     zeb_mutex_unlock(&info->mutex);
     EXPECT_EQ(fake_tipc::take_sent().size(), 1u);
 }
@@ -127,8 +83,8 @@ TEST_F(zeb_mng_recv_mng, with_errors_neither_printed_nor_recorded_a_ping_does_no
 TEST_F(zeb_mng_recv_mng, a_malformed_second_element_ends_the_walk_after_the_first)
 {
     for (const wire::bytes_t &bad : {wire::bytes_t{0, 3, 0, 6}, wire::bytes_t{0, 9, 0, 6}, wire::bytes_t{0, 4},
-                                     wire::tlv(0, {1, 2}), wire::tlv(3, {1, 2, 3, 4})}) {
-        lines_t lines = manage(E, wire::tlv(7, {}) + bad);
+                                     wire::tlv(wire::NUM_ACK, {1, 2}), wire::tlv(wire::DEBUG_SWITCH, {1, 2, 3, 4})}) {
+        lines_t lines = manage(E, wire::tlv(wire::PING_ECHO, {}) + bad);
         EXPECT_EQ(lines, lines_t({"3 ZEB app 100 recv ping echo from 200/9.",
                                   "3 ZEB recv invalid TLV section for 100 from 200/9 ."}))
             << wire::hex(bad);
@@ -137,7 +93,7 @@ TEST_F(zeb_mng_recv_mng, a_malformed_second_element_ends_the_walk_after_the_firs
 
 TEST_F(zeb_mng_recv_mng, synchronisation_and_unknown_elements_are_only_warned_about)
 {
-    for (uint16_t type : {1, 2, 9, 10, 65535})
+    for (uint16_t type : {(int)wire::SYNC_INST, (int)wire::SYNC_ACK, (int)wire::SYNC_SEQ_ACK, 10, 65535})
         EXPECT_EQ(manage(W | E, wire::tlv(type, wire::bytes_t(24, 0))),
                   lines_t({"2 ZEB app 100 recv unexpected data type " + std::to_string(type) + " from 200/9."}));
     EXPECT_TRUE(fake_tipc::take_sent().empty());
@@ -147,10 +103,10 @@ TEST_F(zeb_mng_recv_mng, the_debug_switch_is_in_the_senders_byte_order)
 {
     int32_t cmd[2] = {3, 1};
     const uint8_t *bytes = (const uint8_t *)cmd;
-    receive(wire::message(from_peer(wire::MNG), wire::tlv(3, wire::bytes_t(bytes, bytes + 8))));
+    receive(wire::message(from_peer(wire::MNG), wire::tlv(wire::DEBUG_SWITCH, wire::bytes_t(bytes, bytes + 8))));
     EXPECT_EQ(g_zeb_dbg_level, 8u);
     cmd[1] = 0;
-    receive(wire::message(from_peer(wire::MNG), wire::tlv(3, wire::bytes_t(bytes, bytes + 8))));
+    receive(wire::message(from_peer(wire::MNG), wire::tlv(wire::DEBUG_SWITCH, wire::bytes_t(bytes, bytes + 8))));
     EXPECT_EQ(g_zeb_dbg_level, 0u);
 }
 
@@ -161,7 +117,8 @@ TEST_F(zeb_mng_recv_mng, the_debug_switch_reaches_every_level)
         for (int32_t on : {1, 0}) {
             int32_t cmd[2] = {level, on};
             const uint8_t *bytes = (const uint8_t *)cmd;
-            receive(wire::message(from_peer(wire::MNG), wire::tlv(3, wire::bytes_t(bytes, bytes + 8))));
+            receive(
+                wire::message(from_peer(wire::MNG), wire::tlv(wire::DEBUG_SWITCH, wire::bytes_t(bytes, bytes + 8))));
             EXPECT_EQ(g_zeb_dbg_level, on != 0 ? 1u << level : 0u) << level;
         }
     }
@@ -170,14 +127,14 @@ TEST_F(zeb_mng_recv_mng, the_debug_switch_reaches_every_level)
 
 TEST_F(zeb_mng_recv_mng, an_answered_request_says_nothing)
 {
-    for (uint16_t type : {4, 5})
+    for (uint16_t type : {wire::APP_INFO, wire::APP_STAT})
         EXPECT_EQ(manage(W | E, wire::tlv(type, {}), wire::MNG | wire::REQUEST), lines_t({})) << type;
     EXPECT_EQ(fake_tipc::take_sent().size(), 2u);
 }
 
 TEST_F(zeb_mng_recv_mng, an_information_request_is_answered)
 {
-    EXPECT_THAT(manage(V, wire::tlv(4, {}), wire::MNG | wire::REQUEST),
+    EXPECT_THAT(manage(V, wire::tlv(wire::APP_INFO, {}), wire::MNG | wire::REQUEST),
                 testing::Contains("0 ZEB recv get app 100 info request."));
     auto sent = fake_tipc::take_sent();
     ASSERT_EQ(sent.size(), 1u);
@@ -189,21 +146,21 @@ TEST_F(zeb_mng_recv_mng, an_information_request_is_answered)
     EXPECT_EQ(wire::get16(body, 0), 16);
     EXPECT_EQ(wire::get16(body, 2), 4);
     uint32_t words[3];
-    memcpy(words, body.data() + 4, sizeof(words));
+    memcpy(words, body.data() + wire::ELEMENT_LEN, sizeof(words));
     EXPECT_THAT(words, testing::ElementsAre(APP, (uint32_t)getpid(), 1u));
 }
 
 TEST_F(zeb_mng_recv_mng, an_information_message_that_is_no_request_is_an_error)
 {
-    EXPECT_THAT(manage(E, wire::tlv(4, {})),
+    EXPECT_THAT(manage(E, wire::tlv(wire::APP_INFO, {})),
                 testing::Contains("3 ZEB app 100 reply app info failed: Invalid argument."));
-    EXPECT_THAT(manage(E, wire::tlv(5, {})),
+    EXPECT_THAT(manage(E, wire::tlv(wire::APP_STAT, {})),
                 testing::Contains("3 ZEB app 100 reply app statistics failed: Invalid argument."));
 }
 
 TEST_F(zeb_mng_recv_mng, a_statistics_request_is_answered_with_all_listings)
 {
-    EXPECT_THAT(manage(V, wire::tlv(5, {}), wire::MNG | wire::REQUEST),
+    EXPECT_THAT(manage(V, wire::tlv(wire::APP_STAT, {}), wire::MNG | wire::REQUEST),
                 testing::Contains("0 ZEB recv get app 100 statistics request."));
     wire::bytes_t body = wire::body_of(fake_tipc::take_sent().at(0).bytes);
     EXPECT_EQ(body.back(), 0) << "the text with its NUL";
@@ -221,13 +178,13 @@ TEST_F(zeb_mng_recv_mng, a_statistics_request_is_answered_with_all_listings)
 
 TEST_F(zeb_mng_recv_mng, a_reload_is_ignored_unless_both_switches_are_on)
 {
-    EXPECT_EQ(manage(15 & ~V, wire::tlv(8, {})).size(), 2u)
+    EXPECT_EQ(manage(15 & ~V, wire::tlv(wire::RELOAD, {})).size(), 2u)
         << "only the two lines about the missing configuration file";
     write_conf("[MISC_CONF]\nzeb_blocked_resume_enabled=true\n");
-    EXPECT_EQ(manage(15 & ~V, wire::tlv(8, {})), lines_t({}));
+    EXPECT_EQ(manage(15 & ~V, wire::tlv(wire::RELOAD, {})), lines_t({}));
     write_conf("[MISC_CONF]\nzeb_blocked_resume_enabled=false\n");
     zeb_enable_blocked_resume();
-    EXPECT_EQ(manage(15 & ~V, wire::tlv(8, {})), lines_t({}));
+    EXPECT_EQ(manage(15 & ~V, wire::tlv(wire::RELOAD, {})), lines_t({}));
     EXPECT_TRUE(s_actions.empty());
 }
 
@@ -235,7 +192,7 @@ TEST_F(zeb_mng_recv_mng, a_reload_with_both_switches_on_aborts_through_the_self_
 {
     write_conf("[MISC_CONF]\nzeb_blocked_resume_enabled=true\n");
     zeb_enable_blocked_resume();
-    EXPECT_EQ(manage(E, wire::tlv(8, {})), lines_t({"3 ZEB app 100 abort the process requested by 200/9."}));
+    EXPECT_EQ(manage(E, wire::tlv(wire::RELOAD, {})), lines_t({"3 ZEB app 100 abort the process requested by 200/9."}));
     const std::string notice = "self ZEB app:100 abort the process requested by 200/9.\n";
     EXPECT_EQ(s_actions, lines_t({"1 " + notice, "flush", "2 " + notice}));
     EXPECT_EQ(fault::count("sleep"), 1);
@@ -255,7 +212,7 @@ TEST_F(zeb_mng_recv_mng, the_daemon_sees_whole_messages_in_its_dispatcher)
     start_app(1, {4, 6});
     wire::header_t header = from_peer(wire::MNG, 9, PEER, 1);
     header.app_ver = 6;
-    receive(wire::message(header, wire::tlv(5, {1, 2})), 1);
+    receive(wire::message(header, wire::tlv(wire::APP_STAT, {1, 2})), 1);
     seen_t seen = take_seen();
     ASSERT_EQ(seen.bodies.size(), 1u);
     EXPECT_EQ(seen.bodies[0].size(), 8u);
@@ -297,7 +254,7 @@ TEST_F(zeb_mng_recv_mng, an_answer_to_the_daemon_is_filed_in_its_call)
 
 TEST_F(zeb_mng_recv_mng, the_handlers_lines_are_these)
 {
-    EXPECT_EQ(manage(15, wire::tlv(7, {}) + wire::tlv(9, {1, 2})),
+    EXPECT_EQ(manage(15, wire::tlv(wire::PING_ECHO, {}) + wire::tlv(wire::SYNC_SEQ_ACK, {1, 2})),
               lines_t({"0 ZEB app 100 recv new msg.",
                        "0 ZEB app 100 recv mgmt msg from 200/9, data len 0, type application ping echo.",
                        "3 ZEB app 100 recv ping echo from 200/9.",
@@ -307,12 +264,12 @@ TEST_F(zeb_mng_recv_mng, the_handlers_lines_are_these)
 
 TEST_F(zeb_mng_recv_mng, an_answer_that_cannot_be_written_is_one_error)
 {
-    for (uint16_t type : {4, 5}) {
+    for (uint16_t type : {wire::APP_INFO, wire::APP_STAT}) {
         fault::fail_next("sendto", EHOSTUNREACH);
         lines_t lines = manage(E, wire::tlv(type, {}), wire::MNG | wire::REQUEST);
         ASSERT_EQ(lines.size(), 2u);
         EXPECT_EQ(lines[0], "3 ZEB sendto failed: No route to host.");
-        EXPECT_EQ(lines[1], std::string("3 ZEB app 100 reply app ") + (type == 4 ? "info" : "statistics") +
+        EXPECT_EQ(lines[1], std::string("3 ZEB app 100 reply app ") + (type == wire::APP_INFO ? "info" : "statistics") +
                                 " failed: Operation not permitted.");
     }
 }
@@ -320,6 +277,6 @@ TEST_F(zeb_mng_recv_mng, an_answer_that_cannot_be_written_is_one_error)
 TEST_F(zeb_mng_recv_mng, a_message_to_the_daemon_in_a_process_that_is_none_is_refused)
 {
     wire::header_t header = from_peer(wire::MNG, 9, PEER, 1);
-    EXPECT_EQ(logged(E, [&] { receive(wire::message(header, wire::tlv(5, {}))); }),
+    EXPECT_EQ(logged(E, [&] { receive(wire::message(header, wire::tlv(wire::APP_STAT, {}))); }),
               lines_t({"3 ZEB app 1 does not registered."}));
 }

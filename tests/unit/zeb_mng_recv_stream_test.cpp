@@ -1,10 +1,10 @@
-// When the receive thread wakes a proxy thread: once for what came together, and before it does anything else.
+// When the receive thread of lib/zeb_mng_recv.cpp wakes a proxy thread: once for what came together, and before it does
+// anything else.
 #include "lib_test.h"
 #include "zeb_app_info.h"
 #include "zeb_slot.h"
 
 #include <atomic>
-#include <sched.h>
 
 constexpr uint32_t STREAM = 300; // an application with a proxy thread
 constexpr uint32_t INLINE = 301; // one without
@@ -20,8 +20,7 @@ class zeb_mng_recv_stream : public lib_test
     void SetUp() override
     {
         lib_test::SetUp();
-        const zeb_msg_dispatcher_t table[] = {{1, see_msg}, {0, nullptr}};
-        ASSERT_EQ(zeb_register(STREAM, "stream", table, see_event), 0);
+        ASSERT_EQ(zeb_register(STREAM, "stream", ONE_DISPATCHER, see_event), 0);
         ASSERT_EQ(zeb_comm_with(STREAM, PEER), 0);
     }
 
@@ -41,11 +40,11 @@ class zeb_mng_recv_stream : public lib_test
     {
         zeb_run();
         std::vector<uint32_t> lengths;
-        while (lengths.size() < num) {
+        wait_until([&] {
             for (const zeb_msg_hdr_t &header : take_seen().headers)
                 lengths.push_back(header.len);
-            (void)sched_yield();
-        }
+            return lengths.size() >= num;
+        });
         return lengths;
     }
 };
@@ -57,7 +56,7 @@ TEST_F(zeb_mng_recv_stream, messages_that_came_together_wake_the_thread_once)
     std::vector<uint32_t> sent;
     for (uint32_t len = 1; len <= 20; len++) {
         arrive(message(0, STREAM, len));
-        sent.push_back(ZEB_MSG_HDR_LEN + len);
+        sent.push_back(wire::HEADER_LEN + len);
     }
     EXPECT_EQ(delivered(20), sent);
     EXPECT_EQ(signals() - before, 1);
@@ -87,8 +86,8 @@ TEST_F(zeb_mng_recv_stream, a_large_message_wakes_the_thread_at_once)
 {
     peer_online(PEER_NODE, true, PEER, STREAM);
     int before = signals();
-    arrive(message(0, STREAM, 4096 - ZEB_MSG_HDR_LEN));
-    arrive(message(0, STREAM, 4097 - ZEB_MSG_HDR_LEN), 2);
+    arrive(message(0, STREAM, 4096 - wire::HEADER_LEN));
+    arrive(message(0, STREAM, 4097 - wire::HEADER_LEN), 2);
     EXPECT_EQ(delivered(3), std::vector<uint32_t>({4096, 4097, 4097}));
     EXPECT_EQ(signals() - before, 3);
 }
@@ -123,8 +122,7 @@ static void *see_quit(zeb_event_t event)
 
 TEST_F(zeb_mng_recv_stream, the_thread_is_woken_before_a_topology_event_is_handled)
 {
-    const zeb_msg_dispatcher_t none[] = {{0, nullptr}};
-    ASSERT_EQ(zeb_register_without_thread(INLINE, "inline", none, see_quit), 0);
+    ASSERT_EQ(zeb_register_without_thread(INLINE, "inline", NO_DISPATCHER, see_quit), 0);
     ASSERT_EQ(zeb_comm_with(INLINE, PEER + 1), 0);
     peer_online(PEER_NODE, true, PEER, STREAM);
     peer_online(PEER_NODE, true, PEER + 1, INLINE);
@@ -136,8 +134,7 @@ TEST_F(zeb_mng_recv_stream, the_thread_is_woken_before_a_topology_event_is_handl
         fake_tipc::queue_event(fake_tipc::range_event(TIPC_WITHDRAWN, gone, gone));
     });
     zeb_run();
-    while (s_signals_before_event == 0)
-        (void)sched_yield();
+    wait_until([&] { return s_signals_before_event != 0; });
     EXPECT_EQ(s_signals_before_event - before, 1);
 }
 
@@ -174,9 +171,7 @@ static fake_tipc::item_t from_nobody()
 
 static fake_tipc::item_t come_back()
 {
-    wire::header_t ours = from_peer(0, NODE, STREAM + 2, PEER);
-    ours.dst_node = PEER_NODE;
-    return {{}, {{TIPC_RETDATA, wire::message(ours, {1})}}};
+    return returned_item(wire::message(to_peer(0, PEER_NODE, PEER, STREAM + 2), {1}));
 }
 
 class zeb_mng_recv_stream_turn : public zeb_mng_recv_stream, public testing::WithParamInterface<other_t>
@@ -185,8 +180,7 @@ class zeb_mng_recv_stream_turn : public zeb_mng_recv_stream, public testing::Wit
 
 TEST_P(zeb_mng_recv_stream_turn, ends_with_the_thread_woken)
 {
-    const zeb_msg_dispatcher_t table[] = {{1, see_msg}, {0, nullptr}};
-    ASSERT_EQ(zeb_register(STREAM + 2, "other", table, nullptr), 0);
+    ASSERT_EQ(zeb_register(STREAM + 2, "other", ONE_DISPATCHER, nullptr), 0);
     ASSERT_EQ(zeb_comm_with(STREAM + 2, PEER), 0);
     peer_online(PEER_NODE, true, PEER, STREAM);
     int before = signals();
@@ -196,8 +190,7 @@ TEST_P(zeb_mng_recv_stream_turn, ends_with_the_thread_woken)
     fault::run_next("poll", [] {}); // this one finds both
     fault::run_next("poll", [&] { at_next_poll = signals(); });
     EXPECT_EQ(delivered(1).size(), 1u);
-    while (at_next_poll == -1)
-        (void)sched_yield();
+    wait_until([&] { return at_next_poll != -1; });
     EXPECT_EQ(at_next_poll - before, 1);
 }
 

@@ -1,29 +1,18 @@
-// Registration and library start.
-#include <fcntl.h>
-
-#include "handshake_core.h"
+// The library's start, and the parts of an application that it makes.
 #include "lib_test.h"
+
 #include "zeb_mng.h"
 #include "zeb_slot.h"
 #include "zeb_tipc.h"
-#include "zeb_mng_recv.h"
 
 class zeb_mng : public lib_test
 {
 };
 
-static const zeb_msg_dispatcher_t s_one[] = {{1, see_msg}, {0, nullptr}};
-static const zeb_msg_dispatcher_t s_none[] = {{0, nullptr}};
-
-static int add(uint32_t app)
-{
-    return zeb_register_without_thread(app, "test", s_one, see_event);
-}
-
 TEST_F(zeb_mng, a_first_registration_starts_the_library)
 {
     ASSERT_EQ(zeb_cfg_init(), 0); // the first registration would set the masks
-    lines_t lines = logged(I | W | E, [] { EXPECT_EQ(add(APP), 0); });
+    lines_t lines = logged(I | W | E, [] { EXPECT_EQ(add_app(APP), 0); });
     EXPECT_EQ(lines, lines_t({"1 ZEB init lib on first app registeration.", "1 ZEB add new app 100 mgmt.",
                               "3 ZEB open config file /etc/zeb.conf failed: No such file or directory.",
                               "1 ZEB app 100 add comm with 100.", "1 ZEB app 100 add comm with 100 OK.",
@@ -36,34 +25,11 @@ TEST_F(zeb_mng, a_first_registration_starts_the_library)
     EXPECT_EQ(topology.bound[0].scope, 0);
 }
 
-TEST_F(zeb_mng, an_application_socket_returns_what_cannot_be_delivered)
-{
-    write_conf("[APP_INFO_TBL]\n100 , a , 3 , x\n");
-    ASSERT_EQ(add(APP), 0);
-    auto socket = fake_tipc::sockets()[sd()];
-    EXPECT_EQ(socket.type, SOCK_RDM);
-    ASSERT_EQ(socket.options.size(), 3u);
-    const int names[] = {127, 128, 129};
-    const int values[] = {3, 0, 0};
-    for (int i = 0; i < 3; i++) {
-        EXPECT_EQ(socket.options[(size_t)i].level, 271);
-        EXPECT_EQ(socket.options[(size_t)i].name, names[i]);
-        EXPECT_EQ(socket.options[(size_t)i].value, values[i]);
-    }
-}
-
-TEST_F(zeb_mng, every_descriptor_is_close_on_exec)
-{
-    ASSERT_EQ(add(APP), 0);
-    for (const auto &entry : fake_tipc::sockets())
-        EXPECT_EQ(fcntl(entry.first, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-}
-
 TEST_F(zeb_mng, registering_twice_yields_eexist_and_changes_nothing)
 {
-    ASSERT_EQ(add(APP), 0);
+    ASSERT_EQ(add_app(APP), 0);
     int before = sd();
-    EXPECT_EQ(logged(I | W | E, [] { EXPECT_EQ(add(APP), -EEXIST); }),
+    EXPECT_EQ(logged(I | W | E, [] { EXPECT_EQ(add_app(APP), -EEXIST); }),
               lines_t({"3 ZEB app 100 has already registered.",
                        "1 ZEB registeration for app 100 [test] failed: File exists."}));
     EXPECT_EQ(sd(), before);
@@ -74,109 +40,19 @@ TEST_F(zeb_mng, registering_twice_yields_eexist_and_changes_nothing)
 TEST_F(zeb_mng, only_31_applications_fit)
 {
     for (uint32_t i = 0; i < 31; i++)
-        ASSERT_EQ(add(1000 + i), 0) << i;
-    EXPECT_EQ(logged(W, [] { EXPECT_EQ(add(2000), -ENOBUFS); }), lines_t({"2 ZEB lib's app registeration full."}));
+        ASSERT_EQ(add_app(1000 + i), 0) << i;
+    EXPECT_EQ(logged(W, [] { EXPECT_EQ(add_app(2000), -ENOBUFS); }), lines_t({"2 ZEB lib's app registeration full."}));
     EXPECT_EQ(zeb_get_app_mng(2000), nullptr);
     EXPECT_EQ(g_zeb_mng.app[31].app_id, 0u);
 }
 
 TEST_F(zeb_mng, registering_after_run_is_refused)
 {
-    ASSERT_EQ(add(APP), 0);
+    ASSERT_EQ(add_app(APP), 0);
     EXPECT_EQ(zeb_app_ready(5), 0);
-    EXPECT_EQ(logged(E, [] { EXPECT_EQ(add(101), -1); }),
+    EXPECT_EQ(logged(E, [] { EXPECT_EQ(add_app(101), -1); }),
               lines_t({"3 ZEB had already running, and app 101 can not be registered."}));
     zeb_run();
-}
-
-TEST_F(zeb_mng, ids_and_names_are_checked)
-{
-    ASSERT_EQ(zeb_cfg_init(), 0); // the first registration would set the masks
-    for (uint32_t app : {0u, 8192u, 12288u, 16383u, 20480u}) {
-        EXPECT_EQ(logged(E, [&] { EXPECT_EQ(add(app), -EINVAL); }),
-                  lines_t({"3 ZEB app registered with invalid ID " + std::to_string(app) + "."}));
-    }
-    for (uint32_t app : {8191u, 16384u, 20479u})
-        EXPECT_EQ(add(app), 0) << app;
-    EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_register(APP, nullptr, s_one, nullptr), -EINVAL); }),
-              lines_t({"3 ZEB app 100 registered name NULL."}));
-    EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_register(APP, "x", nullptr, nullptr), -EINVAL); }),
-              lines_t({"3 ZEB app 100 registered dispatcher NULL."}));
-}
-
-TEST_F(zeb_mng, without_a_node_id_registration_fails_and_later_succeeds)
-{
-    no_node();
-    EXPECT_EQ(add(APP), -1);
-    write_node("7");
-    EXPECT_EQ(add(APP), 0);
-}
-
-TEST_F(zeb_mng, unregistering_answers_0_and_keeps_the_application)
-{
-    ASSERT_EQ(add(APP), 0);
-    EXPECT_EQ(logged(I | E, [] { EXPECT_EQ(zeb_unregister(APP), 0); }), lines_t({"1 ZEB app 100 unregister service."}));
-    EXPECT_NE(zeb_get_app_mng(APP), nullptr);
-    EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_unregister(8192), -EINVAL); }),
-              lines_t({"3 ZEB app unregistered with invalid ID 8192."}));
-}
-
-TEST_F(zeb_mng, blocked_resume_before_the_first_registration_is_lost)
-{
-    write_conf("[MISC_CONF]\nzeb_blocked_resume_enabled=true\n");
-    zeb_enable_blocked_resume();
-    EXPECT_TRUE(zeb_blocked_resume_enabled());
-    ASSERT_EQ(add(APP), 0);
-    EXPECT_FALSE(zeb_blocked_resume_enabled());
-    zeb_enable_blocked_resume();
-    EXPECT_TRUE(zeb_blocked_resume_enabled());
-    no_conf();
-    EXPECT_FALSE(zeb_blocked_resume_enabled()) << "both switches are needed";
-    write_conf("[MISC_CONF]\nzeb_blocked_resume_enabled=true\n");
-    zeb_disable_blocked_resume();
-    EXPECT_FALSE(zeb_blocked_resume_enabled());
-}
-
-TEST_F(zeb_mng, comm_with_wants_valid_ids_and_a_registered_application)
-{
-    ASSERT_EQ(add(APP), 0);
-    EXPECT_EQ(zeb_comm_with(0, PEER), -EINVAL);
-    EXPECT_EQ(zeb_comm_with(APP, 8192), -EINVAL);
-    EXPECT_EQ(logged(E, [] { EXPECT_EQ(zeb_comm_with(101, PEER), -ENOENT); }),
-              lines_t({"3 ZEB app 101 does not registered."}));
-    EXPECT_EQ(zeb_comm_with(APP, PEER), 0);
-}
-
-TEST_F(zeb_mng, a_bind_without_memory_yields_and_is_repeated)
-{
-    ASSERT_EQ(add(APP), 0);
-    fault::reset();
-    fault::fail_next("bind", ENOMEM, 3);
-    int fd = sd();
-    lines_t lines = logged(E, [&] { EXPECT_EQ(zeb_bind_app_socket(APP, fd), 0); });
-    EXPECT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0], "3 ZEB app 100 bind socket " + std::to_string(fd) + " failed: Cannot allocate memory.");
-    EXPECT_EQ(fault::count("sched_yield"), 3);
-    auto bound = fake_tipc::sockets()[fd].bound;
-    ASSERT_EQ(bound.size(), 1u);
-    EXPECT_EQ(bound[0].addr.name.name.type, 2303u);
-    EXPECT_EQ(bound[0].addr.name.name.instance, APP << 16 | NODE);
-    EXPECT_EQ(bound[0].scope, 2);
-    fault::fail_next("bind", EADDRINUSE);
-    EXPECT_EQ(zeb_bind_app_socket(APP, fd), -1);
-}
-
-TEST_F(zeb_mng, a_descriptor_whose_flags_fail_is_closed)
-{
-    fault::fail_next("fcntl(F_GETFD)", EBADF);
-    lines_t lines = logged(E, [] { EXPECT_EQ(zeb_create_subscription_socket(), -1); });
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_THAT(lines[0], testing::MatchesRegex("3 ZEB get file [0-9]+ flags error: Bad file descriptor\\."));
-    fault::fail_next("fcntl(F_SETFD)", EBADF);
-    lines = logged(E, [] { EXPECT_EQ(zeb_create_app_socket(APP, 0), -1); });
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_THAT(lines[0], testing::MatchesRegex("3 ZEB set file [0-9]+ flags error: Bad file descriptor\\."));
-    EXPECT_TRUE(fake_tipc::sockets().empty());
 }
 
 // Each step of the library's start fails in turn.
@@ -202,12 +78,12 @@ TEST_P(zeb_mng_start, is_undone_and_can_be_tried_again)
     ASSERT_EQ(zeb_cfg_init(), 0); // the first registration would set the masks
     const start_fault_t &param = GetParam();
     fault::fail_next(param.call, param.err, 1, param.skip);
-    lines_t lines = logged(E, [&] { EXPECT_EQ(add(APP), param.result); });
+    lines_t lines = logged(E, [&] { EXPECT_EQ(add_app(APP), param.result); });
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[0], std::string("3 ") + param.line);
     EXPECT_EQ(lines.back(), "3 ZEB init lib failed.");
     EXPECT_TRUE(fake_tipc::sockets().empty());
-    EXPECT_EQ(add(APP), 0);
+    EXPECT_EQ(add_app(APP), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -236,7 +112,7 @@ static int calls_in_failed_starts(const std::string &call, const std::string &fa
     for (int i = 0; i < num; i++) {
         if (i % round == 0)
             fault::fail_next(failing, ENOMEM, round);
-        EXPECT_LT(add(APP), 0);
+        EXPECT_LT(add_app(APP), 0);
         if (i % round != round - 1)
             continue;
         calls += fault::count(call) - (call == failing ? fault::failed(call) : 0);
@@ -252,7 +128,7 @@ TEST_F(zeb_mng, starts_that_fail_leave_no_handler_behind)
     EXPECT_EQ(calls_in_failed_starts("pthread_atfork", "atexit", 1000), 0);
     EXPECT_EQ(calls_in_failed_starts("atexit", "pthread_atfork", 2000), 1) << "the first stays, for the next start";
     EXPECT_EQ(calls_in_failed_starts("pthread_atfork", "pthread_atfork", 1000), 0);
-    EXPECT_EQ(add(APP), 0);
+    EXPECT_EQ(add_app(APP), 0);
     EXPECT_EQ(fault::count("pthread_atfork"), 1);
     EXPECT_EQ(fault::count("atexit"), 0);
 }
@@ -260,7 +136,7 @@ TEST_F(zeb_mng, starts_that_fail_leave_no_handler_behind)
 TEST_F(zeb_mng, a_failed_exit_hook_cancels_and_joins_the_receive_thread)
 {
     fault::fail_next("atexit", 1);
-    EXPECT_EQ(add(APP), -1);
+    EXPECT_EQ(add_app(APP), -1);
     EXPECT_THAT(fault::log(),
                 testing::IsSupersetOf({"pthread_cancel", "pthread_join", "pthread_cond_destroy", "close"}));
 }
@@ -272,16 +148,16 @@ class zeb_mng_slot : public lib_test, public testing::WithParamInterface<start_f
 
 TEST_P(zeb_mng_slot, is_undone_in_order)
 {
-    ASSERT_EQ(add(101), 0);
+    ASSERT_EQ(add_app(101), 0);
     size_t sockets = fake_tipc::sockets().size();
     const start_fault_t &param = GetParam();
     fault::fail_next(param.call, param.err, 1, param.skip);
-    lines_t lines = logged(E, [&] { EXPECT_EQ(zeb_register(APP, "test", s_one, see_event), -EAGAIN); });
+    lines_t lines = logged(E, [&] { EXPECT_EQ(zeb_register(APP, "test", ONE_DISPATCHER, see_event), -EAGAIN); });
     EXPECT_THAT(lines, testing::Contains(std::string("3 ") + param.line));
     EXPECT_EQ(fake_tipc::sockets().size(), sockets);
     EXPECT_EQ(zeb_get_app_mng(APP), nullptr);
     EXPECT_EQ(g_zeb_mng.app[1].app_id, 0u);
-    EXPECT_EQ(zeb_register(APP, "test", s_one, see_event), 0);
+    EXPECT_EQ(zeb_register(APP, "test", ONE_DISPATCHER, see_event), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -324,10 +200,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(zeb_mng, a_last_part_that_fails_has_the_others_undone_in_reverse)
 {
-    ASSERT_EQ(add(101), 0);
+    ASSERT_EQ(add_app(101), 0);
     fault::reset();
     fault::fail_next("pthread_mutex_init", ENOMEM, 1, 3); // the statistics come last, after the proxy thread
-    lines_t lines = logged(V | I | E, [] { EXPECT_EQ(zeb_register(APP, "test", s_one, see_event), -EAGAIN); });
+    lines_t lines = logged(V | I | E, [] { EXPECT_EQ(zeb_register(APP, "test", ONE_DISPATCHER, see_event), -EAGAIN); });
     lines_t undone;
     for (const std::string &line : lines) {
         if (line.find("delete") != std::string::npos || line.find("destroy") != std::string::npos ||
@@ -342,10 +218,10 @@ TEST_F(zeb_mng, a_last_part_that_fails_has_the_others_undone_in_reverse)
 
 TEST_F(zeb_mng, a_proxy_thread_that_does_not_start_is_unwound_in_reverse)
 {
-    ASSERT_EQ(add(101), 0);
+    ASSERT_EQ(add_app(101), 0);
     fault::reset();
     fault::fail_next("pthread_create", EAGAIN);
-    EXPECT_EQ(zeb_register(APP, "test", s_one, see_event), -EAGAIN);
+    EXPECT_EQ(zeb_register(APP, "test", ONE_DISPATCHER, see_event), -EAGAIN);
     auto log = fault::log();
     auto failed = std::find(log.begin(), log.end(), "pthread_create");
     ASSERT_NE(failed, log.end());
@@ -354,18 +230,4 @@ TEST_F(zeb_mng, a_proxy_thread_that_does_not_start_is_unwound_in_reverse)
     EXPECT_EQ(after[0], "pthread_cond_destroy");
     EXPECT_EQ(after[1], "pthread_mutex_destroy");
     EXPECT_EQ(after[2], "close");
-}
-
-TEST_F(zeb_mng, a_table_ends_at_the_first_row_without_version_or_function)
-{
-    ASSERT_EQ(zeb_cfg_init(), 0); // the first registration would set the masks
-    const zeb_msg_dispatcher_t holes[] = {{3, see_msg}, {5, nullptr}, {7, see_msg}, {0, nullptr}};
-    lines_t lines = logged(V, [&] { EXPECT_EQ(zeb_register_without_thread(APP, "n", holes, nullptr), 0); });
-    EXPECT_THAT(lines,
-                testing::Contains(testing::HasSubstr("ZEB app 100 [n] registered: 1 dispatcher version, event")));
-    EXPECT_NE(zeb_get_dispatch_fun(zeb_get_app_info(APP), 3), nullptr);
-    EXPECT_EQ(zeb_get_dispatch_fun(zeb_get_app_info(APP), 7), nullptr);
-    EXPECT_TRUE(zeb_is_app_server(APP));
-    EXPECT_EQ(zeb_register_without_thread(101, "n", s_none, nullptr), 0);
-    EXPECT_FALSE(zeb_is_app_server(101));
 }

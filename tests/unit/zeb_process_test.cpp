@@ -1,4 +1,4 @@
-// Fork, exec and signals.
+// Fork, exec and signals. Cuts across the sources.
 #include "lib_test.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
@@ -42,10 +42,9 @@ static int every_call()
     static zeb_reply_msg_t s_reply_to;
     s_reply.num = s_reply_to.num = 1; // left by an earlier call
     s_reply.msg[0] = s_reply_to.msg[0] = &s_msg;
-    static const zeb_msg_dispatcher_t none[] = {{0, nullptr}};
     const int results[] = {
-        zeb_register(300, "child", none, nullptr),
-        zeb_register_without_thread(300, "child", none, nullptr),
+        zeb_register(300, "child", NO_DISPATCHER, nullptr),
+        zeb_register_without_thread(300, "child", NO_DISPATCHER, nullptr),
         zeb_unregister(APP),
         zeb_app_ready(APP),
         zeb_comm_with(APP, PEER),
@@ -155,9 +154,8 @@ TEST_F(zeb_process, a_child_from_before_the_first_registration_may_have_a_librar
 TEST_F(zeb_process, a_child_after_a_start_that_failed_may_try_itself)
 {
     fault::fail_next("socket", EMFILE);
-    static const zeb_msg_dispatcher_t none[] = {{0, nullptr}};
-    EXPECT_NE(zeb_register_without_thread(APP, "test", none, nullptr), 0);
-    EXPECT_EQ(in_child([] { return zeb_register_without_thread(APP, "test", none, nullptr); }), 0);
+    EXPECT_NE(zeb_register_without_thread(APP, "test", NO_DISPATCHER, nullptr), 0);
+    EXPECT_EQ(in_child([] { return zeb_register_without_thread(APP, "test", NO_DISPATCHER, nullptr); }), 0);
 }
 
 TEST_F(zeb_process, children_of_a_busy_process_are_refused_and_end)
@@ -234,8 +232,7 @@ TEST_F(zeb_process, under_a_storm_of_signals_the_library_starts_and_receives)
     for (int i = 0; i < 50; i++) {
         fake_tipc::queue_data(sd(), wire::message(from_peer(0, 5, 1), {1}));
         fake_tipc::wait_read(sd());
-        while (take_seen().headers.empty())
-            (void)sched_yield();
+        wait_until([&] { return !take_seen().headers.empty(); });
     }
 }
 
@@ -254,8 +251,7 @@ TEST_F(zeb_process, under_a_storm_of_signals_a_blocked_sender_waits_and_goes_on)
             (void)sched_yield();
         EXPECT_EQ(result, 1) << "no signal lets it through";
         zeb_fc_update_sent_ack(APP, {PEER, PEER_NODE}, 1);
-        while (result == 1)
-            (void)sched_yield();
+        wait_until([&] { return result != 1; });
     }
     blocked.join();
     EXPECT_EQ(result, 0);

@@ -41,9 +41,7 @@ class zeb_user_proxy_send : public lib_test
 
     static std::string fc_text()
     {
-        zeb_buf_printf_reset();
-        zeb_cli_print_fc_stat(APP);
-        return buffer_text();
+        return listing(zeb_cli_print_fc_stat);
     }
 
     // This node's own instance of APP comes online.
@@ -214,7 +212,7 @@ TEST_F(zeb_user_proxy_send, the_message_stays_the_callers_in_host_order)
     peer_online(3);
     memcpy(msg_->data, "abcd", 4);
     EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), 0);
-    EXPECT_EQ(msg_->hdr.len, 40u);
+    EXPECT_EQ(msg_->hdr.len, wire::HEADER_LEN + 4);
     EXPECT_EQ(msg_->hdr.dst_node, 3u) << "its last destination";
     EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), 0);
     EXPECT_EQ(wire::body_of(fake_tipc::take_sent().at(1).bytes), wire::bytes_t({'a', 'b', 'c', 'd'}));
@@ -346,8 +344,9 @@ class zeb_user_proxy_send_gone : public zeb_user_proxy_send
         zeb_store_relaxed(&g_zeb_dbg_level, V);
         int ret = 0;
         std::thread sender([&] { ret = call(); });
-        while (printed.text().find("ZEB app 100 to 200 wait for flow ctrl condition.") == std::string::npos)
-            (void)sched_yield();
+        wait_until([&] {
+            return printed.text().find("ZEB app 100 to 200 wait for flow ctrl condition.") != std::string::npos;
+        });
         peer_withdrawn(3);
         sender.join();
         zeb_store_relaxed(&g_zeb_dbg_level, 0u);

@@ -8,6 +8,11 @@ using wire::bytes_t;
 
 constexpr uint32_t DAEMON = 1; // messages of application 1 are taken from anybody
 
+// The kernel's ancillary items of a returned message, and the size of an event of the topology service.
+constexpr int ERROR_INFO = 1;
+constexpr int RETURNED_DATA = 2;
+constexpr size_t EVENT_LEN = 48;
+
 bytes_t native(const std::vector<uint32_t> &words)
 {
     const uint8_t *bytes = (const uint8_t *)words.data();
@@ -62,7 +67,7 @@ void wire_test::collect()
 
 // A mark behind what was fed: the thread reads the topology connection before the sockets, and each in order. Needs a
 // dispatcher of version 1.
-void wire_test::settle()
+void wire_test::wait_handled()
 {
     if (fake_tipc::topology_sd() != -1)
         fake_tipc::wait_read(fake_tipc::topology_sd());
@@ -79,30 +84,30 @@ void wire_test::settle()
 void wire_test::feed(const bytes_t &datagram)
 {
     fake_tipc::queue_data(sd(MY_APP), datagram);
-    settle();
+    wait_handled();
 }
 
 void wire_test::feed_returned(uint32_t code, const bytes_t &datagram)
 {
     fake_tipc::item_t item;
-    item.anc.push_back({1, native({code, (uint32_t)datagram.size()})});
-    item.anc.push_back({2, datagram});
+    item.anc.push_back({ERROR_INFO, native({code, (uint32_t)datagram.size()})});
+    item.anc.push_back({RETURNED_DATA, datagram});
     fake_tipc::queue_item(sd(MY_APP), item);
-    settle();
+    wait_handled();
 }
 
 void wire_test::feed_event(const bytes_t &event)
 {
-    ASSERT_EQ(event.size(), 48u);
+    ASSERT_EQ(event.size(), EVENT_LEN);
     fake_tipc::queue_data(fake_tipc::topology_sd(), event);
-    settle();
+    wait_handled();
 }
 
 static bytes_t instance_event(uint32_t event, uint32_t app, uint32_t node)
 {
     uint32_t instance = app << 16 | node;
-    return native(
-        {event, instance, instance, 0x11223344, 0x01001001, 0x8FF, app << 16, app << 16 | 0xFFFF, 0xFFFFFFFF, 2, 0, 0});
+    return native({event, instance, instance, 0x11223344, 0x01001001, wire::NAME_TYPE, app << 16, app << 16 | 0xFFFF,
+                   0xFFFFFFFF, 2, 0, 0});
 }
 
 void wire_test::publish()
@@ -135,11 +140,12 @@ wire::header_t wire_test::from_other(uint8_t flag, uint8_t ver)
 
 std::vector<bytes_t> wire_test::take_datagrams()
 {
-    settle();
+    wait_handled();
     std::vector<bytes_t> datagrams;
     for (const fake_tipc::sent_t &sent : fake_tipc::take_sent()) {
         EXPECT_EQ(sent.sd, sd(MY_APP));
-        EXPECT_EQ(wire::hex(bytes_of(sent.dst)), wire::hex(tipc_name(2, 2303, OTHER_APP << 16 | OTHER_NODE)));
+        EXPECT_EQ(wire::hex(bytes_of(sent.dst)),
+                  wire::hex(tipc_name(2, wire::NAME_TYPE, OTHER_APP << 16 | OTHER_NODE)));
         datagrams.push_back(sent.bytes);
     }
     return datagrams;
@@ -147,19 +153,29 @@ std::vector<bytes_t> wire_test::take_datagrams()
 
 std::vector<bytes_t> wire_test::take_subscriptions()
 {
-    settle();
+    wait_handled();
     return fake_tipc::take_subscriptions();
+}
+
+bytes_t timer_handle(const bytes_t &subscription)
+{
+    return bytes_t(subscription.begin() + wire::TIMER_SEQ_AT, subscription.end());
+}
+
+bool is_timer(const bytes_t &subscription, uint32_t type)
+{
+    bytes_t handle_type(subscription.begin() + wire::TIMER_TYPE_AT, subscription.begin() + wire::TIMER_SEQ_AT);
+    bytes_t name_type(subscription.begin(), subscription.begin() + 4);
+    return name_type == native({1}) && handle_type == native({type});
 }
 
 bytes_t wire_test::timer(const std::vector<bytes_t> &subscriptions, uint32_t type)
 {
     std::vector<bytes_t> found;
     for (const bytes_t &subscription : subscriptions) {
-        bytes_t handle_type(subscription.begin() + 20, subscription.begin() + 24);
-        bytes_t name_type(subscription.begin(), subscription.begin() + 4);
-        if (name_type == native({1}) && handle_type == native({type}))
+        if (is_timer(subscription, type))
             found.push_back(subscription);
     }
     EXPECT_EQ(found.size(), 1u) << "timers of type " << type;
-    return found.empty() ? bytes_t(28, 0) : found[0];
+    return found.empty() ? bytes_t(wire::SUBSCRIPTION_LEN, 0) : found[0];
 }

@@ -12,12 +12,18 @@ constexpr uint32_t MY_APP = 0x4321;
 constexpr uint32_t OTHER_APP = 0x1ABC;
 constexpr uint32_t OTHER_NODE = 0xFEDC;
 
+constexpr uint32_t NO_PORT = 2; // why a message comes back: nobody has the name any more
+
 // A record that stays on the machine: words in its own byte order.
 wire::bytes_t native(const std::vector<uint32_t> &words);
 
 // A TIPC name as the system calls take it: 16 bytes.
 wire::bytes_t tipc_name(int8_t scope, uint32_t type, uint32_t instance);
 wire::bytes_t bytes_of(const struct sockaddr_tipc &addr);
+
+// Whether a subscription is a timer of `type`, and the number of that timer, 4 bytes.
+bool is_timer(const wire::bytes_t &subscription, uint32_t type);
+wire::bytes_t timer_handle(const wire::bytes_t &subscription);
 
 class wire_test : public lib_test
 {
@@ -28,7 +34,7 @@ class wire_test : public lib_test
     void run(const std::vector<uint32_t> &versions = {1});
 
     // Returns once everything that was fed before has been handled.
-    void settle();
+    void wait_handled();
 
     void feed(const wire::bytes_t &datagram);
     void feed_returned(uint32_t code, const wire::bytes_t &datagram);

@@ -45,7 +45,7 @@ class zeb_wire_bytes : public wire_test
     // The first word of the first element, where a SYNC_INST has its sequence.
     static uint32_t seq_of(const bytes_t &datagram)
     {
-        return wire::get32(datagram, 40);
+        return wire::get32(datagram, wire::VALUE_AT);
     }
 
     // The whole handshake with a peer of this version.
@@ -92,7 +92,7 @@ TEST_F(zeb_wire_bytes, the_smallest_and_the_largest_message)
 {
     run();
     come_online();
-    for (int size : {0, 61440}) {
+    for (int size : {0, (int)wire::BODY_MAX}) {
         zeb_msg_t *msg = zeb_msg_alloc(size, 7, 0);
         bytes_t body;
         for (int i = 0; i < size; i++) {
@@ -108,7 +108,7 @@ TEST_F(zeb_wire_bytes, the_smallest_and_the_largest_message)
         auto datagrams = take_datagrams();
         ASSERT_EQ(datagrams.size(), 1u);
         EXPECT_TRUE(datagrams[0] == wire::message(header, body)) << size;
-        EXPECT_EQ(datagrams[0].size(), (size_t)size + 36);
+        EXPECT_EQ(datagrams[0].size(), (size_t)size + wire::HEADER_LEN);
     }
 }
 
@@ -189,7 +189,7 @@ TEST_F(zeb_wire_bytes, the_acknowledgement_of_the_older_version_alone)
 TEST_F(zeb_wire_bytes, names_that_are_connected_and_bound_to)
 {
     run();
-    settle();
+    wait_handled();
     auto sockets = fake_tipc::sockets();
     ASSERT_EQ(sockets.size(), 2u);
     const fake_tipc::socket_t &topology = sockets[fake_tipc::topology_sd()];
@@ -199,7 +199,7 @@ TEST_F(zeb_wire_bytes, names_that_are_connected_and_bound_to)
     const fake_tipc::socket_t &mine = sockets[sd(MY_APP)];
     EXPECT_EQ(mine.type, SOCK_RDM);
     ASSERT_EQ(mine.bound.size(), 1u);
-    EXPECT_EQ(wire::hex(bytes_of(mine.bound[0])), wire::hex(tipc_name(2, 2303, 0x43211234)));
+    EXPECT_EQ(wire::hex(bytes_of(mine.bound[0])), wire::hex(tipc_name(2, wire::NAME_TYPE, 0x43211234)));
 }
 
 TEST_F(zeb_wire_bytes, subscriptions_at_the_start)
@@ -207,9 +207,11 @@ TEST_F(zeb_wire_bytes, subscriptions_at_the_start)
     run();
     auto subscriptions = take_subscriptions();
     ASSERT_EQ(subscriptions.size(), 3u);
-    EXPECT_EQ(wire::hex(subscriptions[0]), wire::hex(native({2303, 0x43210000, 0x4321FFFF, 0xFFFFFFFF, 2, 0, 0})))
+    EXPECT_EQ(wire::hex(subscriptions[0]),
+              wire::hex(native({wire::NAME_TYPE, 0x43210000, 0x4321FFFF, 0xFFFFFFFF, 2, 0, 0})))
         << "its own application";
-    EXPECT_EQ(wire::hex(subscriptions[1]), wire::hex(native({2303, 0x1ABC0000, 0x1ABCFFFF, 0xFFFFFFFF, 2, 0, 0})));
+    EXPECT_EQ(wire::hex(subscriptions[1]),
+              wire::hex(native({wire::NAME_TYPE, 0x1ABC0000, 0x1ABCFFFF, 0xFFFFFFFF, 2, 0, 0})));
     EXPECT_EQ(wire::hex(subscriptions[2]), wire::hex(native({1, 0, 0, 1800000, 2, 2, 1}))) << "the monitor timer";
 }
 
@@ -218,10 +220,10 @@ TEST_F(zeb_wire_bytes, a_lost_topology_connection_is_subscribed_to_with_the_same
     run();
     auto first = take_subscriptions();
     fake_tipc::lose_topology();
-    settle();
+    wait_handled();
     while (fake_tipc::topology_sd() == -1)
-        settle();
-    settle();
+        wait_handled();
+    wait_handled();
     auto second = take_subscriptions();
     first.pop_back(); // no timer is started again
     EXPECT_EQ(second, first);
@@ -238,8 +240,8 @@ TEST_F(zeb_wire_bytes, a_cancelled_subscription)
     }
     auto cancels = fake_tipc::take_subscriptions();
     ASSERT_EQ(cancels.size(), 2u);
-    EXPECT_EQ(wire::hex(cancels[0]), wire::hex(native({2303, 0x43210000, 0x4321FFFF, 0, 6, 0, 0})));
-    EXPECT_EQ(wire::hex(cancels[1]), wire::hex(native({2303, 0x1ABC0000, 0x1ABCFFFF, 0, 6, 0, 0})));
+    EXPECT_EQ(wire::hex(cancels[0]), wire::hex(native({wire::NAME_TYPE, 0x43210000, 0x4321FFFF, 0, 6, 0, 0})));
+    EXPECT_EQ(wire::hex(cancels[1]), wire::hex(native({wire::NAME_TYPE, 0x1ABC0000, 0x1ABCFFFF, 0, 6, 0, 0})));
 }
 
 TEST_F(zeb_wire_bytes, a_retry_is_the_same_synchronisation_every_2_s)
@@ -251,7 +253,7 @@ TEST_F(zeb_wire_bytes, a_retry_is_the_same_synchronisation_every_2_s)
     feed(wire::message(from_other(), wire::sync_inst(OTHER_SEQ, OTHER_PID, 1, 0)));
     (void)take_datagrams();
     for (int i = 0; i < 3; i++) {
-        bytes_t retry = timer(take_subscriptions(), 3);
+        bytes_t retry = timer(take_subscriptions(), wire::RETRY_TIMER);
         EXPECT_EQ(wire::hex(retry), wire::hex(native({1, 0, 0, 2000, 2, 3, 0})));
         expire(retry);
         EXPECT_EQ(take_datagrams(), std::vector<bytes_t>({sync}));
@@ -263,8 +265,8 @@ TEST_F(zeb_wire_bytes, a_resumed_synchronisation_after_60_s)
     run();
     feed(wire::message(from_other(), wire::sync_inst(OTHER_SEQ, OTHER_PID, 1, 0)));
     (void)take_datagrams();
-    bytes_t resume = timer(take_subscriptions(), 0);
-    bytes_t handle(resume.begin() + 24, resume.end());
+    bytes_t resume = timer(take_subscriptions(), wire::RESUME_TIMER);
+    bytes_t handle = timer_handle(resume);
     EXPECT_EQ(wire::hex(resume), wire::hex(native({1, 0, 0, 60000, 2, 0}) + handle));
     EXPECT_NE(handle, native({0}));
     expire(resume);
@@ -280,10 +282,10 @@ TEST_F(zeb_wire_bytes, a_returned_acknowledgement_leaves_again_with_its_ttl_one_
     bytes_t ack = take_datagrams().at(0);
     for (uint32_t ttl : {599u, 598u}) {
         (void)take_subscriptions();
-        feed_returned(2, ack);
+        feed_returned(NO_PORT, ack);
         EXPECT_TRUE(take_datagrams().empty());
-        bytes_t resend = timer(take_subscriptions(), 1);
-        bytes_t handle(resend.begin() + 24, resend.end());
+        bytes_t resend = timer(take_subscriptions(), wire::RESEND_TIMER);
+        bytes_t handle = timer_handle(resend);
         EXPECT_EQ(wire::hex(resend), wire::hex(native({1, 0, 0, 1000, 2, 1}) + handle));
         expire(resend);
         auto datagrams = take_datagrams();
@@ -293,8 +295,8 @@ TEST_F(zeb_wire_bytes, a_returned_acknowledgement_leaves_again_with_its_ttl_one_
         memcpy(&seq, handle.data(), 4);
         bytes_t seq_bytes = wire::words({seq});
         bytes_t ttl_bytes = wire::words({ttl});
-        std::copy(seq_bytes.begin(), seq_bytes.end(), expected.begin() + 28);
-        std::copy(ttl_bytes.begin(), ttl_bytes.end(), expected.begin() + 56);
+        std::copy(seq_bytes.begin(), seq_bytes.end(), expected.begin() + wire::SEQ_AT);
+        std::copy(ttl_bytes.begin(), ttl_bytes.end(), expected.begin() + wire::VALUE_AT + 4 * wire::TTL);
         EXPECT_EQ(wire::hex(datagrams[0]), wire::hex(expected));
         ack = datagrams[0];
     }

@@ -54,17 +54,17 @@ struct raw_peer {
     // One element: its words. Returns what the peer answers, or nothing.
     bytes_t element(uint16_t type, const std::vector<uint32_t> &words)
     {
-        if (type == 1) {
+        if (type == wire::SYNC_INST) {
             inst = true;
             recv_seq = words.at(0);
             sync_id = words.at(1);
             return answer();
         }
-        if (type == 2 && ver == 1 && words.at(0) == seq) {
+        if (type == wire::SYNC_ACK && ver == 1 && words.at(0) == seq) {
             ack_id = words.at(1);
             acked = true;
         }
-        if (type == 9 && ver == 2) {
+        if (type == wire::SYNC_SEQ_ACK && ver == 2) {
             uint32_t pseq = words.at(5);
             if (pseq == 0 || pseq == recv_seq)
                 ack_id = words.at(1);
@@ -80,14 +80,14 @@ struct raw_peer {
         wire::header_t header = wire::header_of(in);
         ASSERT_EQ(header.flag, wire::SYNC);
         ASSERT_EQ(header.len, in.size());
-        size_t at = 36;
+        size_t at = wire::HEADER_LEN;
         while (at < in.size()) {
             uint16_t len = wire::get16(in, at);
             uint16_t type = wire::get16(in, at + 2);
-            ASSERT_GE(len, 4);
+            ASSERT_GE(len, wire::ELEMENT_LEN);
             ASSERT_LE(at + len, in.size());
             std::vector<uint32_t> words;
-            for (size_t i = at + 4; i + 4 <= at + len; i += 4)
+            for (size_t i = at + wire::ELEMENT_LEN; i + 4 <= at + len; i += 4)
                 words.push_back(wire::get32(in, i));
             bytes_t reply = element(type, words);
             if (!reply.empty())
@@ -121,7 +121,7 @@ class zeb_wire_peer : public wire_test
     {
         auto started = take_subscriptions();
         for (const bytes_t &subscription : started) {
-            if (bytes_t(subscription.begin(), subscription.begin() + 24) == native({1, 0, 0, 2000, 2, 3}))
+            if (subscription == native({1, 0, 0, 2000, 2, wire::RETRY_TIMER}) + timer_handle(subscription))
                 expire(subscription);
         }
         if (peer->ver == 2 && !peer->acked)
@@ -173,7 +173,7 @@ TEST_F(zeb_wire_peer, an_old_peer_whose_synchronisation_crosses_ours_completes)
     exchange(&peer);
     expect_online(peer);
     for (const bytes_t &subscription : take_subscriptions())
-        EXPECT_NE(bytes_t(subscription.begin() + 20, subscription.begin() + 24), native({3})) << "no retry timer";
+        EXPECT_FALSE(is_timer(subscription, wire::RETRY_TIMER));
 }
 
 TEST_F(zeb_wire_peer, a_new_peer_that_is_seen_first_completes)

@@ -1,8 +1,8 @@
-// The handshake's state table, every cell of it, the illegal ones too: for each state and event the bits, the lists,
-// what is sent, which timers start and what the application sees.
+// The handshake's states through the whole library, every cell of state and event, the illegal ones too: the bits, the
+// lists, what is sent, which timers start and what the application sees.
 #include "handshake.h"
 
-class zeb_mng_sync_table : public handshake_test, public testing::WithParamInterface<cell_t>
+class zeb_handshake_state : public handshake_test, public testing::WithParamInterface<cell_t>
 {
   protected:
     void SetUp() override
@@ -31,7 +31,7 @@ class zeb_mng_sync_table : public handshake_test, public testing::WithParamInter
     }
 };
 
-void zeb_mng_sync_table::happen(const std::string &event)
+void zeb_handshake_state::happen(const std::string &event)
 {
     pair_t pair(APP, PEER);
     uint32_t seq = my_seq(pair);
@@ -57,9 +57,9 @@ void zeb_mng_sync_table::happen(const std::string &event)
 }
 
 // Each state by the events that lead there from idle.
-void zeb_mng_sync_table::enter(const std::string &state)
+void zeb_handshake_state::enter(const std::string &state)
 {
-    const std::map<std::string, lines_t> roads = {
+    const std::map<std::string, lines_t> paths = {
         {"idle", {}},
         {"waiting", {"publish"}},
         {"half", {"sync same"}},
@@ -74,7 +74,7 @@ void zeb_mng_sync_table::enter(const std::string &state)
         {"online by message", {"sync same", "message"}},
         {"online client", {"publish", "sync same", "ack client"}},
     };
-    for (const std::string &event : roads.at(state)) {
+    for (const std::string &event : paths.at(state)) {
         happen(event);
         (void)sent(); // notes our sequence
     }
@@ -82,7 +82,7 @@ void zeb_mng_sync_table::enter(const std::string &state)
     (void)seen();
 }
 
-TEST_P(zeb_mng_sync_table, cell)
+TEST_P(zeb_handshake_state, cell)
 {
     const cell_t &cell = GetParam();
     enter(cell.state);
@@ -320,4 +320,4 @@ static const cell_t cells[] = {
 };
 // clang-format on
 
-INSTANTIATE_TEST_SUITE_P(handshake, zeb_mng_sync_table, testing::ValuesIn(cells), cell_name);
+INSTANTIATE_TEST_SUITE_P(handshake, zeb_handshake_state, testing::ValuesIn(cells), cell_name);

@@ -1,4 +1,4 @@
-// The handshake's state table where pairs meet: two local applications that talk to one remote application, which share
+// The handshake's states where pairs meet: two local applications that talk to one remote application, which share
 // its bits, and one local application that talks to two remote ones, which share nothing but the timers and the lists.
 #include "handshake.h"
 
@@ -9,10 +9,10 @@ constexpr uint32_t SECOND = PEER + 1; // a second remote one
 static const std::map<char, pair_t> PAIRS = {
     {'a', {APP, PEER}}, {'b', {OTHER, PEER}}, {'p', {APP, PEER}}, {'q', {APP, SECOND}}};
 
-class zeb_mng_sync_pairs : public handshake_test, public testing::WithParamInterface<cell_t>
+class zeb_handshake_pairs : public handshake_test, public testing::WithParamInterface<cell_t>
 {
   protected:
-    explicit zeb_mng_sync_pairs(const std::string &letters) : letters_(letters)
+    explicit zeb_handshake_pairs(const std::string &letters) : letters_(letters)
     {
     }
 
@@ -29,7 +29,7 @@ class zeb_mng_sync_pairs : public handshake_test, public testing::WithParamInter
     }
 
     void happen(const std::string &event);
-    void enter(const lines_t &road);
+    void enter(const lines_t &path);
     void check(const cell_t &cell);
 
     std::string texts(const words_t &words) const
@@ -68,7 +68,7 @@ class zeb_mng_sync_pairs : public handshake_test, public testing::WithParamInter
 };
 
 // "<what> <letter>"; a timer has no letter.
-void zeb_mng_sync_pairs::happen(const std::string &event)
+void zeb_handshake_pairs::happen(const std::string &event)
 {
     char letter = event.back();
     std::string what = event.substr(0, event.size() - 2);
@@ -93,9 +93,9 @@ void zeb_mng_sync_pairs::happen(const std::string &event)
     events.at(what)();
 }
 
-void zeb_mng_sync_pairs::enter(const lines_t &road)
+void zeb_handshake_pairs::enter(const lines_t &path)
 {
-    for (const std::string &event : road) {
+    for (const std::string &event : path) {
         happen(event);
         (void)sent(); // notes our sequences
     }
@@ -103,7 +103,7 @@ void zeb_mng_sync_pairs::enter(const lines_t &road)
     (void)seen();
 }
 
-void zeb_mng_sync_pairs::check(const cell_t &cell)
+void zeb_handshake_pairs::check(const cell_t &cell)
 {
     happen(cell.event);
     EXPECT_EQ(letters_ == "ab" ? bits(PEER) : bits(PEER) + " " + bits(SECOND), cell.bits);
@@ -114,17 +114,17 @@ void zeb_mng_sync_pairs::check(const cell_t &cell)
 }
 
 // Two local applications. A publication or withdrawal names the remote application alone.
-class zeb_mng_sync_two_local : public zeb_mng_sync_pairs
+class zeb_handshake_two_local : public zeb_handshake_pairs
 {
   protected:
-    zeb_mng_sync_two_local() : zeb_mng_sync_pairs("ab")
+    zeb_handshake_two_local() : zeb_handshake_pairs("ab")
     {
     }
 };
 
-TEST_P(zeb_mng_sync_two_local, cell)
+TEST_P(zeb_handshake_two_local, cell)
 {
-    const std::map<std::string, lines_t> roads = {
+    const std::map<std::string, lines_t> paths = {
         {"idle", {}},
         {"waiting", {"publish a"}},
         {"half a", {"sync same a"}},
@@ -140,22 +140,22 @@ TEST_P(zeb_mng_sync_two_local, cell)
         {"online a by message", {"sync same a", "message a"}},
         {"online a retrying both", {"publish a", "sync same a", "sync same b", "message a"}},
     };
-    enter(roads.at(GetParam().state));
+    enter(paths.at(GetParam().state));
     check(GetParam());
 }
 
 // Two remote applications.
-class zeb_mng_sync_two_remote : public zeb_mng_sync_pairs
+class zeb_handshake_two_remote : public zeb_handshake_pairs
 {
   protected:
-    zeb_mng_sync_two_remote() : zeb_mng_sync_pairs("pq")
+    zeb_handshake_two_remote() : zeb_handshake_pairs("pq")
     {
     }
 };
 
-TEST_P(zeb_mng_sync_two_remote, cell)
+TEST_P(zeb_handshake_two_remote, cell)
 {
-    const std::map<std::string, lines_t> roads = {
+    const std::map<std::string, lines_t> paths = {
         {"idle", {}},
         {"waiting p", {"publish p"}},
         {"waiting both", {"publish p", "publish q"}},
@@ -167,7 +167,7 @@ TEST_P(zeb_mng_sync_two_remote, cell)
         {"online p waiting q", {"publish p", "publish q", "sync same p", "ack right p"}},
         {"online both", {"publish p", "publish q", "sync same p", "sync same q", "ack right p", "ack right q"}},
     };
-    enter(roads.at(GetParam().state));
+    enter(paths.at(GetParam().state));
     check(GetParam());
 }
 
@@ -657,5 +657,5 @@ static const cell_t two_remote[] = {
 };
 // clang-format on
 
-INSTANTIATE_TEST_SUITE_P(handshake, zeb_mng_sync_two_local, testing::ValuesIn(two_local), cell_name);
-INSTANTIATE_TEST_SUITE_P(handshake, zeb_mng_sync_two_remote, testing::ValuesIn(two_remote), cell_name);
+INSTANTIATE_TEST_SUITE_P(handshake, zeb_handshake_two_local, testing::ValuesIn(two_local), cell_name);
+INSTANTIATE_TEST_SUITE_P(handshake, zeb_handshake_two_remote, testing::ValuesIn(two_remote), cell_name);
