@@ -402,6 +402,8 @@ constexpr unsigned TURNS_OF_CLOCK = 1024; // how rarely a turn of a message stre
 
 static struct timespec s_minute_end;
 
+// Counts minutes for the handshake in the loop that runs anyway, so no timer is needed. While messages stream
+// (`owing`), turns follow one another without waiting, and only one in TURNS_OF_CLOCK reads the clock.
 static void count_minutes(bool owing)
 {
     static unsigned s_turns;
