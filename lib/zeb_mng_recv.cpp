@@ -88,7 +88,7 @@ static void returned_sync(zeb_msg_t *msg, uint32_t returned_len)
 }
 
 // Notifies the area that sent the returned message.
-static void settle_returned(uint32_t app, zeb_msg_t *msg, uint32_t returned_len)
+static void notify_returned(uint32_t app, zeb_msg_t *msg, uint32_t returned_len)
 {
     zeb_inst_t peer = zeb_msg_receiver(msg);
     if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
@@ -124,7 +124,7 @@ void zeb_process_tipc_retdata(uint32_t app, struct cmsghdr *item)
         zeb_fc_update_recv_exception(app);
         return;
     }
-    settle_returned(app, &returned.msg, (uint32_t)size);
+    notify_returned(app, &returned.msg, (uint32_t)size);
     zeb_dump_msg_hdr_info(&returned.msg);
 }
 
