@@ -1,5 +1,6 @@
-// The handshake, in the order in which it travels: an instance is reported, we synchronise, the peer's synchronisation
-// arrives, it is acknowledged, our acknowledgement arrives; then what is sent again, and what begins anew.
+// The steps of the handshake in their order: an instance is reported, we synchronise, the peer's synchronisation
+// arrives and is acknowledged, the acknowledgement of ours arrives. Then follows what is sent again, and what begins
+// anew.
 #include "zeb_handshake.h"
 
 #include <cerrno>
@@ -7,7 +8,7 @@
 
 #include "zeb_handshake_record.h"
 
-// Of no sequence yet, and without a resume.
+// A body without a sequence number and without the resume mark.
 static zeb_msg_sync_inst_t my_sync_inst(const zeb_handshake_t *hs, uint32_t my_app)
 {
     zeb_msg_sync_inst_t body;
@@ -19,7 +20,7 @@ static zeb_msg_sync_inst_t my_sync_inst(const zeb_handshake_t *hs, uint32_t my_a
     return body;
 }
 
-// Sends a SYNC_INST and keeps it as pending. 0, or the error, after which nothing is pending.
+// Sends a SYNC_INST and keeps it as pending. Returns 0, or the error; then it is not pending.
 int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume)
 {
     uint32_t seq = hs->effects->get_seq(hs->ctx);
@@ -35,19 +36,20 @@ int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uin
     }
     zeb_get_or_add_inst_id(hs, src_app, dst)->send_seq = seq;
     hs->effects->count(hs->ctx, ZEB_HS_SENT, src_app, dst, ZEB_MSG_SYNC_INST);
-    // The request to begin anew is made once: each repetition would end what the other applications have completed.
+    // The resume mark is sent once: each repetition would end the handshakes that other applications have completed.
     body.resume = 0;
     zeb_add_inst_sync(hs, src_app, dst, &body);
     HS_INFO(hs, "ZEB ADD INST app %d sync inst to %d/%d, seq %d.\n", src_app, dst.app, dst.node, seq);
     return 0;
 }
 
-// What could not be sent is sent after the time-out. When nobody has the name, an event tells when somebody has.
+// A synchronisation that cannot be sent is sent after the resume time-out. When nobody has the name, an event tells
+// when somebody has it.
 static void sync_or_ask_later(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume)
 {
     zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, dst.app);
     if (ol == nullptr || zeb_find_subscr_app(ol, src_app) == nullptr)
-        return; // it has left meanwhile
+        return; // the application has left meanwhile
     int ret = zeb_sync_app_inst(hs, src_app, dst, resume);
     if (ret == 0)
         return;
@@ -88,14 +90,15 @@ static void begin_anew(zeb_handshake_t *hs, zeb_inst_t inst, uint32_t resume)
 
 void zeb_hs_published(zeb_handshake_t *hs, zeb_inst_t inst)
 {
-    // A peer whose own connection held still takes us for known, and would take ours for a repetition.
+    // A peer that kept its own connection still knows us. Without the resume mark it would take our synchronisation for
+    // a repetition.
     uint32_t resume = zeb_take_unreported(hs, inst) ? 1 : 0;
     begin_anew(hs, inst, resume);
 }
 
 void zeb_hs_withdrawn(zeb_handshake_t *hs, zeb_inst_t inst)
 {
-    zeb_forget_holder(hs, inst); // another process may follow
+    zeb_forget_holder(hs, inst); // another process may take the name
     (void)zeb_take_unreported(hs, inst);
     zeb_app_inst_quit(hs, inst);
 }
@@ -122,7 +125,7 @@ void zeb_hs_topology_reported(zeb_handshake_t *hs)
 
 // A SYNC_INST arrives.
 
-// With entries on the list the timer is pending already, unless it was lost with its connection.
+// While the retry list has entries, the timer is pending already, unless it was lost with the topology connection.
 void zeb_start_retry_inst_timer(zeb_handshake_t *hs, uint8_t peer_version, uint32_t src_app, zeb_inst_t dst)
 {
     if (peer_version == 1)
@@ -135,7 +138,7 @@ void zeb_start_retry_inst_timer(zeb_handshake_t *hs, uint8_t peer_version, uint3
         HS_VERBOSE(hs, "no instance msg need retry.\n");
 }
 
-// What a SYNC_INST means for what we knew of the peer.
+// Decides whether a SYNC_INST ends what we know of the peer, and whether the handshake begins anew.
 static void update_peer_state(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_t *body,
                               bool other_process)
 {
@@ -157,14 +160,15 @@ static void update_peer_state(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t p
     begin_anew(hs, peer, 0);
 }
 
-// A peer that has synchronised and never comes online is synchronised with anew after the time-out.
+// If a peer has synchronised but does not come online, we synchronise with it anew after the resume time-out.
 void zeb_try_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst)
 {
     if (!zeb_hs_get_inst_state(hs, dst).online && !zeb_has_sync_inst(hs, dst))
         zeb_ask_later(hs, dst, ZEB_RESUME_PEER, 0);
 }
 
-// After the resume time-out. A name that two processes have used is kept without a timer, for the next connection.
+// Synchronises after the resume time-out. If the timer cannot be started, only a name that two processes have had is
+// remembered: the next topology connection starts its timer.
 void zeb_ask_later(zeb_handshake_t *hs, zeb_inst_t dst, zeb_resume_kind_t kind, uint32_t unsent_app)
 {
     if (!zeb_has_room_for_resume(hs, dst)) {
@@ -189,14 +193,15 @@ static void send_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint
     hs->effects->send_ack(hs->ctx, my_app, peer, &ack);
 }
 
-// True when the instance is online and another process than that one now holds its name.
+// True when the instance is online and `process_id` is that of another process, which has its name now.
 static bool is_other_process(const zeb_handshake_t *hs, zeb_inst_t peer, const zeb_inst_id_t *id, uint32_t process_id)
 {
     return zeb_hs_get_inst_state(hs, peer).online && id->sync_id == id->sync_ack_id && id->sync_id != 0 &&
            process_id != 0 && process_id != id->sync_id;
 }
 
-// Two processes may have the name at once for a while, and no event says which of them stays.
+// Two processes may have the name at the same time for a while, and no event says which of them stays: the one that
+// stays is asked after the resume time-out.
 static void note_holder(zeb_handshake_t *hs, zeb_inst_t peer, zeb_inst_id_t *id, uint32_t process_id)
 {
     uint32_t holder = id->holder;
@@ -221,7 +226,7 @@ void zeb_recv_inst_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, c
                body->resume, body->seq);
     update_peer_state(hs, my_app, peer, body, other_process);
     zeb_set_app_inst(hs, peer);
-    // The record may be another than above: a quit frees it.
+    // The record is looked up again, because a quit may have freed it.
     zeb_inst_id_t *id = zeb_get_or_add_inst_id(hs, my_app, peer);
     id->recv_seq = body->seq;
     id->sync_server = body->is_server;
@@ -238,7 +243,7 @@ void zeb_hs_recv_sync(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uin
     zeb_start_retry_inst_timer(hs, ver, my_app, peer);
     hs->effects->count(hs->ctx, ZEB_HS_RECEIVED, my_app, peer, ZEB_MSG_SYNC_INST);
     zeb_recv_inst_sync(hs, my_app, peer, body);
-    // When the pair begins anew, our synchronisation is pending only now.
+    // If the pair has begun anew, our synchronisation is pending only now.
     if (zeb_has_sync_inst_of(hs, my_app, peer))
         zeb_start_retry_inst_timer(hs, ver, my_app, peer);
 }
@@ -259,7 +264,7 @@ void zeb_hs_recv_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, cons
     zeb_try_notify_app_join(hs, my_app, peer);
 }
 
-// True when the instance is online and the pair's last synchronisation was another process's.
+// True when the instance is online and the pair's last synchronisation came from another process.
 static bool is_other_holder(const zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint32_t process_id)
 {
     const zeb_inst_id_t *id = zeb_get_inst_id(hs, my_app, peer);
@@ -272,7 +277,7 @@ static void begin_pair_anew(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t pee
     sync_or_ask_later(hs, my_app, peer, 1);
 }
 
-// True when the process has not synchronised, or another one is online in its place.
+// True when the instance has not synchronised, or another process than `process_id` is online in its place.
 static bool is_unknown(const zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, uint32_t process_id)
 {
     const zeb_inst_state_t state = zeb_hs_get_inst_state(hs, peer);
@@ -280,7 +285,8 @@ static bool is_unknown(const zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t pe
     return !state.instance || (id != nullptr && is_other_process(hs, peer, id, process_id));
 }
 
-// One without a pseq tells who the peer is and whether it is a server; only one with the right pseq completes.
+// An acknowledgement without a pseq says which process the peer is and whether it is a server. Only one with the right
+// pseq completes our synchronisation.
 void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, const zeb_msg_sync_inst_ack_t *body)
 {
     hs->effects->count(hs->ctx, ZEB_HS_RECEIVED, my_app, peer, ZEB_MSG_SYNC_INST_SEQ_ACK);
@@ -298,13 +304,13 @@ void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, 
     if (pseq == 0 || pseq != recv_seq) {
         HS_VERBOSE(hs, "ZEB app %d recv from %d/%d ack pseq %d invalid, need seq %d.\n", my_app, peer.app, peer.node,
                    pseq, recv_seq);
-        // The peer knows us and took our synchronisation for a repetition; its own we have forgotten.
+        // The peer knows us and took our synchronisation for a repetition; we have forgotten the peer's.
         if (pseq == 0 || !zeb_has_sync_inst_seq(hs, my_app, peer, seq))
             return;
         if (is_unknown(hs, my_app, peer, body->sync.id))
             begin_anew(hs, peer, 1);
         else if (recv_seq == 0 || is_other_holder(hs, my_app, peer, body->sync.id))
-            begin_pair_anew(hs, my_app, peer); // online with another of our applications
+            begin_pair_anew(hs, my_app, peer); // online through another local application
         return;
     }
     if (zeb_del_inst_sync(hs, my_app, peer, seq) != 0) {
@@ -320,7 +326,7 @@ void zeb_hs_recv_seq_ack(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer, 
     zeb_try_notify_app_join(hs, my_app, peer);
 }
 
-// An ordinary message arrives first.
+// An ordinary message arrives before the acknowledgement.
 void zeb_hs_recv_traffic(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer)
 {
     zeb_hs_del_reject_acks(hs, my_app, peer);
@@ -331,7 +337,7 @@ void zeb_hs_recv_traffic(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t peer)
     zeb_inst_id_t *id = zeb_get_inst_id(hs, my_app, peer);
     if (id != nullptr) {
         id->sync_ack_id = id->sync_id;
-        // No acknowledgement will come any more to say so.
+        // No acknowledgement will follow to say that the peer is a server.
         if (id->sync_server != 0 && known_app)
             zeb_set_app_server(hs, peer);
     }
@@ -365,7 +371,7 @@ void zeb_hs_del_reject_acks(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t ds
     });
 }
 
-// One that cannot be sent stays on the list until traffic to or from the peer makes it needless.
+// An acknowledgement that cannot be sent stays on the list until traffic to or from the peer makes it unnecessary.
 void zeb_process_resend_inst_timer_event(zeb_handshake_t *hs, uint32_t seq)
 {
     list_each<zeb_returned_ack_t>(&hs->sync_inst_ack_list, [&](zeb_returned_ack_t *ack) {
@@ -382,8 +388,8 @@ void zeb_process_resend_inst_timer_event(zeb_handshake_t *hs, uint32_t seq)
 
 // Time-outs.
 
-// A peer that has acknowledged ours and takes us for known may never synchronise by itself: a late report has made us
-// forget its synchronisation after that.
+// A peer that has acknowledged our synchronisation and already knows us may never synchronise by itself. We lack its
+// synchronisation because a late report has made us forget it.
 static void await_sync(zeb_handshake_t *hs, zeb_retry_inst_t *retry)
 {
     if (zeb_has_sync_inst_of(hs, retry->src_app, retry->dst))
@@ -398,7 +404,7 @@ static void await_sync(zeb_handshake_t *hs, zeb_retry_inst_t *retry)
         begin_anew(hs, dst, 1);
 }
 
-// Every pending synchronisation is sent again, not only those of the peers in the retry list.
+// Sends every pending synchronisation again, not only those to peers in the retry list.
 void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t)
 {
     hs->timer_inst_retry_open = false;
@@ -410,8 +416,9 @@ void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t)
         (void)zeb_hs_start_timer(hs, ZEB_INST_RETRY_TIMEOUT, {ZEB_TIMER_TYPE_INST_RETRY, 0});
 }
 
-// A peer that runs acknowledges at once, and the retry timer runs once it has synchronised. What is still pending was
-// lost: the process that got it has ended, and no event tells of that while another one has the same name.
+// A running peer acknowledges at once, and once it has synchronised, the retry timer runs. A synchronisation that is
+// still pending was lost: the process that received it has ended, and no event tells of that while another process has
+// the same name.
 void zeb_hs_minute(zeb_handshake_t *hs)
 {
     indexed_list_each(&hs->inst_sync, [&](zeb_pending_sync_t *pending) {
@@ -420,7 +427,8 @@ void zeb_hs_minute(zeb_handshake_t *hs)
     });
 }
 
-// Changes nothing when the process is the one that is online. What is pending asks already.
+// Asks the process that has the name by a synchronisation, which changes nothing if that process is the one online. A
+// pending synchronisation asks already.
 static void ask_holder(zeb_handshake_t *hs, zeb_inst_t inst)
 {
     zeb_each_subscr_app(zeb_hs_get_ol_app(hs, inst.app), [&](uint32_t subscr) {
@@ -433,7 +441,7 @@ void zeb_process_resume_timer_event(zeb_handshake_t *hs, uint32_t seq)
 {
     zeb_resume_comm_t resume = zeb_del_resume_comm(hs, seq);
     if (resume.seq == 0)
-        return; // a join or a quit has dropped it meanwhile
+        return; // a join or a quit has dropped the resume meanwhile
     HS_ERROR(hs, "ZEB resume communication to %d/%d.\n", resume.dst.app, resume.dst.node);
     if (resume.again)
         zeb_ask_later(hs, resume.dst, ZEB_RESUME_OTHER_PROCESS, 0);
@@ -451,7 +459,7 @@ int zeb_hs_start_timer(zeb_handshake_t *hs, unsigned seconds, zeb_timer_t timer)
     if (retry && hs->timer_inst_retry_open)
         return 0;
     if (retry)
-        hs->timer_inst_retry_open = true; // stays set when the start fails, until the connection is a new one
+        hs->timer_inst_retry_open = true; // stays set if the start fails, until the topology connection is reopened
     return hs->effects->start_timer(hs->ctx, seconds, timer);
 }
 

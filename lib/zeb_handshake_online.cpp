@@ -1,4 +1,4 @@
-// Which instances are online, and the decisions that make it so: join, and the three kinds of quit.
+// The sets of online instances, and the decisions that change them: the join and the three kinds of quit.
 #include <cstdlib>
 
 #include "zeb_handshake_record.h"
@@ -57,7 +57,7 @@ zeb_inst_state_t zeb_hs_get_inst_state(const zeb_handshake_t *hs, zeb_inst_t ins
     return zeb_ol_app_inst_state(zeb_hs_get_ol_app(hs, inst.app), inst.node);
 }
 
-// Setters and clearers: one of each for each bit.
+// Each bit has one setter and one clearer.
 
 void zeb_set_app_server(zeb_handshake_t *hs, zeb_inst_t inst)
 {
@@ -102,7 +102,7 @@ static void clear_online(zeb_handshake_t *hs, zeb_ol_app_t *ol, uint32_t node)
     zeb_app_set_del(&ol->ol_bmp, node);
 }
 
-// Clears the server bit; true when it was set. The first subscriber that asks gets the answer.
+// Clears the server bit and returns whether it was set, so only the first subscriber that asks gets true.
 static bool take_server(zeb_ol_app_t *ol, uint32_t node)
 {
     bool server = zeb_app_set_test(&ol->srv_bmp, node);
@@ -110,7 +110,7 @@ static bool take_server(zeb_ol_app_t *ol, uint32_t node)
     return server;
 }
 
-// What a new topology connection has still to report.
+// What a new topology connection has yet to report.
 
 static void add_nodes(zeb_app_set_t *to, const zeb_app_set_t *from)
 {
@@ -163,8 +163,8 @@ void zeb_try_notify_app_join(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t in
 
 // Quit.
 
-// The server bit is shared: only the first subscriber that finds it set is notified, as only the one whose handshake
-// completed first saw the join.
+// All subscribers share the server bit. Only the first one that finds it set is notified of the quit, just as only the
+// one whose handshake completed first was notified of the join.
 static void quit_online(zeb_handshake_t *hs, zeb_ol_app_t *ol, zeb_inst_t inst)
 {
     zeb_clear_sync_inst_retry(hs, inst);

@@ -38,7 +38,7 @@ void zeb_hs_clear(zeb_handshake_t *hs)
     zeb_hs_init(hs, hs->effects, hs->ctx);
 }
 
-// Pairs. The indexes are by remote instance: a process has few local applications, and a quit concerns all of them.
+// Pairs. All indexes are by remote instance, because a process has few local applications and a quit concerns them all.
 
 zeb_inst_id_t *zeb_get_inst_id(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst)
 {
@@ -89,7 +89,7 @@ void zeb_forget_holder(zeb_handshake_t *hs, zeb_inst_t dst)
 {
     (void)indexed_list_find_if(&hs->inst_id, zeb_inst_key(dst), [](zeb_inst_id_t *id) {
         id->holder = 0;
-        return false; // and the next one
+        return false; // go on to the next pair
     });
 }
 
@@ -113,7 +113,7 @@ void zeb_add_inst_sync(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, co
     indexed_list_append(&hs->inst_sync, pending, zeb_inst_key(dst));
 }
 
-// The first pending synchronisation with an instance for which match(pending), or null.
+// The first pending synchronisation with the instance for which match(pending) is true, or null.
 template <typename Match>
 static zeb_pending_sync_t *find_pending(const zeb_handshake_t *hs, zeb_inst_t dst, Match match)
 {
@@ -246,8 +246,8 @@ zeb_resume_comm_t *zeb_get_resume_comm(const zeb_handshake_t *hs, zeb_inst_t dst
     return nullptr;
 }
 
-// The first of an instance's entries to expire ends the others: a peer that repeats itself gains nothing by more, and
-// each is a subscription of the kernel's.
+// The first entry of an instance to expire ends the others. A peer that repeats itself gains nothing from more entries,
+// and each one is a subscription in the kernel.
 bool zeb_has_room_for_resume(const zeb_handshake_t *hs, zeb_inst_t dst)
 {
     int all = 0;

@@ -1,5 +1,5 @@
-// What the handshake's core remembers: pairs, pending synchronisations, retries, resumes, returned
-// acknowledgements, and the sets of who is online. For the core's own files.
+// What the core of the handshake remembers: pairs, pending synchronisations, retries, resumes, returned
+// acknowledgements and the sets of online instances. For the core's own files.
 #ifndef ZEB_HANDSHAKE_RECORD_H
 #define ZEB_HANDSHAKE_RECORD_H
 
@@ -17,14 +17,14 @@
 #define HS_WARN(hs, ...) HS_LOG(hs, ZEB_DBG_LEVEL_WARN, __VA_ARGS__)
 #define HS_ERROR(hs, ...) HS_LOG(hs, ZEB_DBG_LEVEL_ERROR, __VA_ARGS__)
 
-// Pairs. The second makes the record when there is none.
+// Pairs. zeb_get_inst_id returns null when there is no record; zeb_get_or_add_inst_id makes one.
 zeb_inst_id_t *zeb_get_inst_id(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 zeb_inst_id_t *zeb_get_or_add_inst_id(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 bool zeb_inst_id_equal(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 uint32_t zeb_get_inst_recv_seq(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 uint32_t zeb_get_pseq_for_inst_ack(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 void zeb_forget_holder(zeb_handshake_t *hs, zeb_inst_t dst); // of every pair with the instance
-void zeb_clear_inst_id(zeb_handshake_t *hs, zeb_inst_t dst); // the first one, whichever application's
+void zeb_clear_inst_id(zeb_handshake_t *hs, zeb_inst_t dst); // the first pair alone, of whichever application
 
 // Pending synchronisations.
 void zeb_add_inst_sync(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body);
@@ -39,21 +39,21 @@ bool zeb_has_sync_inst_of(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_
 zeb_retry_inst_t *zeb_get_sync_inst_retry(const zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst); // or null
 void zeb_add_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 void zeb_del_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
-void zeb_clear_sync_inst_retry(zeb_handshake_t *hs, zeb_inst_t dst); // the first one, whichever application's
+void zeb_clear_sync_inst_retry(zeb_handshake_t *hs, zeb_inst_t dst); // the first one alone, of whichever application
 
-// Resumes. zeb_del_resume_comm gives the instance of the timer, or {0, 0} when it has been dropped.
+// Resumes. zeb_del_resume_comm returns what was pending for the timer; all is 0 when that has been dropped.
 zeb_resume_comm_t *zeb_add_resume_comm(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t dst);
 bool zeb_has_room_for_resume(const zeb_handshake_t *hs, zeb_inst_t dst);
 zeb_resume_comm_t *zeb_get_resume_comm(const zeb_handshake_t *hs, zeb_inst_t dst, zeb_resume_kind_t kind); // or null
 void zeb_clear_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst,
-                           zeb_resume_kind_t last); // of that kind and those before
+                           zeb_resume_kind_t last); // of kind `last` and those before it
 zeb_resume_comm_t zeb_del_resume_comm(zeb_handshake_t *hs, uint32_t seq);
 
-// Returned acknowledgements. Both free the record and its message.
+// Returned acknowledgements. Both functions free the record and its message.
 void zeb_drop_returned_ack(zeb_handshake_t *hs, zeb_returned_ack_t *ack);
-void zeb_free_returned_ack(zeb_returned_ack_t *ack); // one that is not on the list
+void zeb_free_returned_ack(zeb_returned_ack_t *ack); // for one that is not on the list
 
-// Who talks to whom, or null.
+// Who talks to whom. Null when `subscr_app` does not talk to the application.
 zeb_subscr_app_t *zeb_find_subscr_app(zeb_ol_app_t *ol, uint32_t subscr_app);
 
 // Who is online.
@@ -61,11 +61,11 @@ void zeb_set_app_server(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_set_app_inst(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_set_app_inst_ack(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_try_notify_app_join(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t inst);
-void zeb_expect_reports(zeb_handshake_t *hs); // of every instance that is known or was synchronised with
-bool zeb_take_unreported(zeb_handshake_t *hs, zeb_inst_t inst);     // true when it was; it is reported now
-void zeb_app_inst_quit(zeb_handshake_t *hs, zeb_inst_t inst);       // withdrawn
-void zeb_app_inst_force_quit(zeb_handshake_t *hs, zeb_inst_t inst); // before a synchronisation
-void zeb_app_inst_try_quit(zeb_handshake_t *hs, zeb_inst_t inst);   // only when it is online
+void zeb_expect_reports(zeb_handshake_t *hs);                   // of each instance that is known or has a pending SYNC
+bool zeb_take_unreported(zeb_handshake_t *hs, zeb_inst_t inst); // true when it was unreported; it is reported now
+void zeb_app_inst_quit(zeb_handshake_t *hs, zeb_inst_t inst);   // it was withdrawn
+void zeb_app_inst_force_quit(zeb_handshake_t *hs, zeb_inst_t inst); // before we synchronise with it
+void zeb_app_inst_try_quit(zeb_handshake_t *hs, zeb_inst_t inst);   // only if it is online
 
 // The steps of the handshake.
 int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume);

@@ -71,7 +71,7 @@ static int send_sync(void *, uint32_t src_app, zeb_inst_t dst, const zeb_msg_syn
 {
     zeb_msg_t *msg = zeb_new_sync_inst_msg(src_app, dst, body);
     int ret = zeb_tipc_sendto(src_app, msg, dst, 0);
-    if (ret == -1) // of a failed write, which errno tells more about
+    if (ret == -1) // a write failed, and errno says why
         ret = -errno;
     free(msg);
     return ret;
@@ -176,7 +176,7 @@ static void resend_sync(const later_t *later)
     zeb_mng_stat_update_sent(app, peer, ZEB_MSG_SYNC_INST);
 }
 
-// Sends an acknowledgement and counts it.
+// Sends an acknowledgement, counts it and frees it.
 static int send_ack_msg(uint32_t src_app, zeb_inst_t dst, zeb_msg_t *msg, zeb_msg_type_t type)
 {
     int ret = zeb_tipc_sendto(src_app, msg, dst, 0);
@@ -238,7 +238,7 @@ void zeb_handshake_start()
     zeb_hs_init(&g_zeb_handshake, &s_effects, nullptr);
 }
 
-// An application may send or list before it registers: it finds nobody.
+// An application may send or list before it registers. It then finds nobody.
 __attribute__((constructor)) static void start_at_load() ZEB_NO_THREAD_SAFETY_ANALYSIS
 {
     zeb_handshake_start();
@@ -292,7 +292,7 @@ zeb_inst_state_t zeb_get_inst_state(zeb_inst_t inst)
     return zeb_hs_get_inst_state(&g_zeb_handshake, inst);
 }
 
-// The record of the application that sent last, valid while no application has come or gone.
+// The record of the application that sent last. It is valid until an application comes or goes.
 static struct {
     uint32_t changes;
     uint32_t app;
@@ -360,7 +360,7 @@ void zeb_handshake_minute()
     zeb_handshake_event([](zeb_handshake_t *hs) { zeb_hs_minute(hs); });
 }
 
-// Handles one element of a synchronisation message. False when its value is shorter than its record.
+// Handles one element of a synchronisation message. Returns false when the value is too short for its type.
 static bool process_sync_item(const zeb_msg_hdr_t *hdr, const zeb_tlv_item_t *item)
 {
     uint32_t my_app = hdr->dst_app;
@@ -392,7 +392,7 @@ static bool process_sync_item(const zeb_msg_hdr_t *hdr, const zeb_tlv_item_t *it
     }
 }
 
-// A sender or an addressee that cannot exist would leave records behind that nothing ever removes.
+// False when the sender or the receiver cannot exist: nothing would ever remove the records of such a pair.
 static bool is_pair(const zeb_msg_t *msg)
 {
     return zeb_get_app_mng(msg->hdr.dst_app) != nullptr && zeb_valid_inst(zeb_msg_sender(msg));
@@ -452,7 +452,7 @@ void zeb_process_return_sync(zeb_msg_t *msg)
     zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_ack_returned(hs, ack); });
 }
 
-// Every send asks: without the lock when there is none at all, as there nearly always is.
+// Every send calls this. In the common case there is no returned acknowledgement, and no lock is needed.
 void zeb_del_reject_sync_inst_ack(uint32_t src_app, zeb_inst_t dst) ZEB_NO_THREAD_SAFETY_ANALYSIS
 {
     if (g_zeb_handshake.sync_inst_ack_num.load(std::memory_order_relaxed) == 0)

@@ -1,7 +1,8 @@
-// The library's one handshake: locks, calls the core, and carries its effects out. Events come in on the receive
-// thread; queries, zeb_comm_with and zeb_del_reject_sync_inst_ack on any. What the core wants notified or sent without
-// waiting for the result is gathered under g_lib_mutex and carried out once it is released, in order: no callback and
-// no acknowledgement goes out under it. SYNC_INSTs do, since their result decides what is remembered.
+// The library's one handshake: it locks g_lib_mutex, calls the core and carries out the core's effects. Events enter on
+// the receive thread; queries, zeb_comm_with and zeb_del_reject_sync_inst_ack on any thread. Notifications, and
+// messages whose result the core does not need, are gathered under g_lib_mutex and carried out in order once it is
+// released: no callback runs under it, and no acknowledgement is sent under it the first time. A new SYNC_INST and a
+// returned acknowledgement are sent under it, because their result decides what is remembered.
 #ifndef ZEB_HANDSHAKE_SHELL_H
 #define ZEB_HANDSHAKE_SHELL_H
 
@@ -13,7 +14,7 @@ extern zeb_handshake_t g_zeb_handshake ZEB_GUARDED_BY(g_lib_mutex);
 
 void zeb_handshake_start() ZEB_REQUIRES(g_lib_mutex); // forgets everything
 
-// Does what the core left for later, and empties the list. Not to be called under a lock.
+// Carries out what the core left for later, and empties the list. Must not be called under a lock.
 void zeb_carry_out(struct list_head *later);
 
 // Calls event(core) under the lock, then carries out what it left for later.
@@ -30,21 +31,22 @@ static inline void zeb_handshake_event(Event event)
     zeb_carry_out(&later);
 }
 
-// Who talks to whom. zeb_add_comm_app gives 0, or -ENOENT when `src_app` is not registered here.
+// Who talks to whom. zeb_add_comm_app returns 0, or -ENOENT when `src_app` is not registered here.
 int zeb_add_comm_app(uint32_t src_app, uint32_t dst_app);
-int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app) ZEB_REQUIRES(g_lib_mutex); // 0
+int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app) ZEB_REQUIRES(g_lib_mutex); // returns 0
 void zeb_del_comm_app(uint32_t src_app) ZEB_REQUIRES(g_lib_mutex);
 
 // Who is online.
 void zeb_get_app_server(uint32_t app, zeb_app_set_t *ol_srv);
-bool zeb_has_app_server(const zeb_app_set_t *ol_srv); // no lock
+bool zeb_has_app_server(const zeb_app_set_t *ol_srv); // takes no lock
 
-// Only those of `num` nodes that are online servers; returns whether the application has one on any node at all. For a
-// call to few nodes: nothing is copied that it does not ask for.
+// Gives those of `num` nodes that have an online server, and returns whether any node at all has one. For a call to few
+// nodes: it copies only what is asked for.
 bool zeb_get_app_server_on(uint32_t app, const uint32_t *nodes, int num, zeb_app_set_t *ol_srv);
 zeb_inst_state_t zeb_get_inst_state(zeb_inst_t inst);
 
-// The same for the receive thread alone, without the lock: no other thread changes the sets.
+// zeb_get_sender_state is for the receive thread alone. It reads the sets without the lock, because no other thread
+// changes them.
 zeb_inst_state_t zeb_get_sender_state(zeb_inst_t inst);
 bool zeb_app_online(zeb_inst_t inst);
 bool zeb_app_instance(zeb_inst_t inst);
@@ -55,24 +57,25 @@ void zeb_inst_published(zeb_inst_t inst);
 void zeb_inst_withdrawn(zeb_inst_t inst);
 void zeb_topology_reopened();
 void zeb_handshake_minute();  // another minute has passed
-void zeb_topology_reported(); // everything that exists, by a connection that was opened anew
+void zeb_topology_reported(); // a reopened connection has reported every instance that exists
 
-// Takes a received message with ZEB_MSG_FLAG_SYNC; frees it.
+// Takes a received message with ZEB_MSG_FLAG_SYNC, and frees it.
 void zeb_sync_msg_process(zeb_msg_t *msg);
 
-// An ordinary message of a peer that is not online, before it is handed on.
+// An ordinary message has arrived from a peer that is not online. Called before the message is handed on.
 void zeb_notify_app_join(uint32_t my_app, zeb_inst_t peer);
 
-// Acknowledgements that came back: a copy of `msg`, whose time to live is counted down, is sent again after a second
-// while that lasts. Traffic to or from the peer makes them needless.
+// Returned acknowledgements. The time to live of `msg` is counted down; while it lasts, a copy is sent again after a
+// second. Traffic to or from the peer makes the copies unnecessary.
 void zeb_process_return_sync(zeb_msg_t *msg);
 void zeb_del_reject_sync_inst_ack(uint32_t src_app, zeb_inst_t dst);
 
-// Timers. `timeout` is in seconds. 0, also for a retry timer while one is pending; -1 when it could not be started.
+// Timers. `timeout` is in seconds. Returns -1 when the timer cannot be started, and else 0, also for a retry timer
+// while one is pending.
 int zeb_subscr_timer_event(uint64_t timeout, zeb_timer_t timer);
-void zeb_process_sync_timer_event(zeb_timer_t timer); // resume, inst and retry
+void zeb_process_sync_timer_event(zeb_timer_t timer); // of type resume, inst or retry
 
-// The acknowledgement of the older version; no path of the library calls it. 0, or the error.
+// Sends the acknowledgement of the older version. Nothing in the library calls it. Returns 0, or the error.
 int zeb_sync_app_inst_ack(uint32_t src_app, zeb_inst_t dst, uint32_t seq, bool is_server);
 
 #endif

@@ -179,13 +179,13 @@ static void check_mng_stat(report_t *report, zeb_mng_stat_t *stat)
 
 static void check_call(report_t *report, uint32_t app, const zeb_rpc_wait_t *wait)
 {
-    expect(report, wait->inst_num >= 0 && wait->inst_num <= ZEB_RPC_REPLY_NUM, "%u: a call of %d places\n", app,
+    expect(report, wait->inst_num >= 0 && wait->inst_num <= ZEB_RPC_REPLY_NUM, "%u: a call of %d entries\n", app,
            wait->inst_num);
-    int settled = 0;
+    int completed = 0;
     for (int i = 0; i < wait->inst_num && i < ZEB_RPC_REPLY_NUM; i++)
-        settled += wait->wait_inst[i] == 0 ? 1 : 0;
-    expect(report, wait->reply->num == settled, "%u: a call with %d places settled and %d answers\n", app, settled,
-           wait->reply->num);
+        completed += wait->wait_inst[i] == 0 ? 1 : 0;
+    expect(report, wait->reply->num == completed, "%u: a call with %d entries completed and %d replies\n", app,
+           completed, wait->reply->num);
     expect(report, wait->caller == 0 || syscall(SYS_tgkill, getpid(), wait->caller, 0) == 0,
            "%u: the caller of call %u is gone\n", app, wait->seq);
 }

@@ -88,7 +88,7 @@ static void returned_sync(zeb_msg_t *msg, uint32_t returned_len)
 }
 
 // Notifies the area that sent the returned message.
-static void settle_returned(uint32_t app, zeb_msg_t *msg, uint32_t returned_len)
+static void notify_returned(uint32_t app, zeb_msg_t *msg, uint32_t returned_len)
 {
     zeb_inst_t peer = zeb_msg_receiver(msg);
     if ((msg->hdr.flag & ZEB_MSG_FLAG_SYNC) != 0) {
@@ -124,7 +124,7 @@ void zeb_process_tipc_retdata(uint32_t app, struct cmsghdr *item)
         zeb_fc_update_recv_exception(app);
         return;
     }
-    settle_returned(app, &returned.msg, (uint32_t)size);
+    notify_returned(app, &returned.msg, (uint32_t)size);
     zeb_dump_msg_hdr_info(&returned.msg);
 }
 
@@ -402,6 +402,8 @@ constexpr unsigned TURNS_OF_CLOCK = 1024; // how rarely a turn of a message stre
 
 static struct timespec s_minute_end;
 
+// Counts minutes for the handshake in the loop that runs anyway, so no timer is needed. While messages stream
+// (`owing`), turns follow one another without waiting, and only one in TURNS_OF_CLOCK reads the clock.
 static void count_minutes(bool owing)
 {
     static unsigned s_turns;

@@ -135,8 +135,8 @@ int64_t zeb_rpc_wait_inst(zeb_app_rpc_wait_t *rpc, uint32_t seq, int index)
     return wait == nullptr || index >= wait->inst_num ? -ENOENT : (int64_t)wait->wait_inst[index];
 }
 
-// Clears the first entry that holds the instance. False when there is none.
-static bool settle(zeb_rpc_wait_t *wait, zeb_inst_t src)
+// Completes the first entry that holds the instance. False when there is none.
+static bool complete_entry(zeb_rpc_wait_t *wait, zeb_inst_t src)
 {
     uint32_t code = zeb_tipc_instance(src);
     for (int i = 0; i < wait->inst_num; i++) {
@@ -225,9 +225,9 @@ int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq)
     return ret;
 }
 
-static bool settle_or_log(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src)
+static bool complete_or_log(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src)
 {
-    if (settle(wait, src))
+    if (complete_entry(wait, src))
         return true;
     ZEB_ERROR("ZEB app %d seq %d clear wait for app %d/%d not exist.\n", app, wait->seq, src.app, src.node);
     return false;
@@ -252,7 +252,7 @@ int zeb_rpc_add_reply(zeb_msg_t *msg)
             ZEB_VERBOSE("ZEB app %d seq %d to %d/%d RPC wait not exist.\n", app, seq, src.app, src.node);
             return -ENOENT;
         }
-        if (!settle_or_log(wait, app, src))
+        if (!complete_or_log(wait, app, src))
             return -ENOENT;
         file(wait, msg);
     }
@@ -274,7 +274,7 @@ int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t sr
             ZEB_VERBOSE("ZEB app %d seq %d RPC wait not exist.\n", app, seq);
             return -ENOENT;
         }
-        if (!settle_or_log(wait, app, src))
+        if (!complete_or_log(wait, app, src))
             return -ENOENT;
         file_substitute(wait, app, src, status);
     }
@@ -290,7 +290,7 @@ int zeb_terminate_rpc(uint32_t app, zeb_inst_t src)
     {
         zeb_scoped_lock lock(&rpc->mutex);
         indexed_list_each(&rpc->wait_list, [&](zeb_rpc_wait_t *wait) {
-            if (!settle(wait, src))
+            if (!complete_entry(wait, src))
                 return;
             ZEB_WARN("ZEB terminate app %d seq %d RPC to %d/%d.\n", app, wait->seq, src.app, src.node);
             file_substitute(wait, app, src, ZEB_SYSTEM_ERR);

@@ -102,14 +102,14 @@ TEST_F(zeb_mng_check, a_group_count_that_disagrees_with_its_list_is_found)
     EXPECT_EQ(broken_with(&zeb_get_app_info(APP)->mc.app_mc_num, 1), "100: counts 1 application groups\n");
 }
 
-TEST_F(zeb_mng_check, a_call_whose_answers_disagree_with_its_places_or_whose_caller_is_gone_is_found)
+TEST_F(zeb_mng_check, a_call_whose_replies_disagree_with_its_entries_or_whose_caller_is_gone_is_found)
 {
     zeb_reply_msg_t reply;
     memset(&reply, 0, sizeof(reply));
     ASSERT_EQ(zeb_rpc_prepare_wait(APP, 5, &reply, 1), 0);
     ASSERT_EQ(zeb_rpc_set_wait(APP, 5, {PEER, PEER_NODE}), 0);
     zeb_rpc_wait_t *wait = zeb_get_rpc_wait(APP, 5);
-    EXPECT_EQ(broken_with(&wait->wait_inst[0], 0u), "100: a call with 1 places settled and 0 answers\n");
+    EXPECT_EQ(broken_with(&wait->wait_inst[0], 0u), "100: a call with 1 entries completed and 0 replies\n");
     EXPECT_EQ(broken_with(&wait->caller, 0x3FFFFFFF), "100: the caller of call 5 is gone\n");
     zeb_rpc_del_wait(APP, 5);
 }
