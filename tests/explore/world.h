@@ -159,7 +159,7 @@ typedef struct proc_s {
     zeb_handshake_t hs;
     connection_t connection;
     bool dying_says_notconn;
-    uint32_t retry_at;  // of reading a connection that is not open
+    uint32_t retry_at; // of reading a connection that is not open
     uint32_t started;
     uint32_t minute_at; // of the last call of zeb_hs_minute
     uint32_t report_at; // from when on, with nothing left to read, a new connection has reported all; NEVER: it has
