@@ -94,7 +94,7 @@ TEST_F(zeb_mng_recv, an_empty_datagram_does_not_hang_the_thread)
     EXPECT_EQ(logged(E, [] { read_once(); })[0], "3 ZEB recv app 100 msg failed: Resource temporarily unavailable.");
 }
 
-TEST_F(zeb_mng_recv, a_message_from_an_unknown_instance_is_dropped_and_credited)
+TEST_F(zeb_mng_recv, a_message_from_an_unknown_instance_is_dropped_and_counted)
 {
     lines_t lines = logged(V, [&] { receive(wire::message(from_peer(), {1})); });
     EXPECT_THAT(lines, testing::IsSupersetOf({"0 ZEB app 100 recv msg from 200/9 had already quit.",
@@ -119,7 +119,7 @@ TEST_F(zeb_mng_recv, a_request_from_an_unknown_instance_is_answered_unavailable)
     EXPECT_EQ(answer.dst_node, PEER_NODE);
 }
 
-TEST_F(zeb_mng_recv, management_messages_and_replies_of_unknown_instances_are_dropped_without_credit)
+TEST_F(zeb_mng_recv, management_messages_and_replies_of_unknown_instances_are_dropped_and_not_counted)
 {
     for (uint8_t flag : {wire::MNG, (uint8_t)(wire::REQUEST | wire::ACK)}) {
         lines_t lines = logged(V, [&] { receive(wire::message(from_peer(flag), wire::tlv(wire::PING, {}))); });
@@ -220,7 +220,7 @@ TEST_F(zeb_mng_recv, a_returned_message_leaves_the_read_at_0)
     EXPECT_THAT(fc_text(), testing::HasSubstr("exception 0\n"));
 }
 
-TEST_F(zeb_mng_recv, a_returned_head_of_a_longer_message_is_credited)
+TEST_F(zeb_mng_recv, a_returned_head_of_a_longer_message_is_counted)
 {
     // The kernel returns the first 1024 bytes at most, and the header alone of an empty message.
     wire::bytes_t message = wire::message(to_peer(), wire::bytes_t(wire::BODY_MAX, 'x'));
