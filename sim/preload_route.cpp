@@ -13,7 +13,7 @@
 #include <fcntl.h>
 
 constexpr uint32_t MAX_TARGETS = 8; // sockets cached for one name
-constexpr uint32_t NAME_PLACES = 512;
+constexpr uint32_t NAME_SLOTS = 512;
 constexpr uint32_t PEER_SLOTS = 1024;
 
 typedef struct known_name_s {
@@ -27,7 +27,7 @@ typedef struct known_name_s {
 
 // Guards s_names and s_turn. The state's mutex may be taken under it.
 static pthread_mutex_t s_names_mutex = PTHREAD_MUTEX_INITIALIZER;
-static known_name_t s_names[NAME_PLACES];
+static known_name_t s_names[NAME_SLOTS];
 static uint32_t s_turn; // sockets that share a name take turns
 
 static pthread_mutex_t s_peers_mutex = PTHREAD_MUTEX_INITIALIZER; // guards s_peers and the references of its entries
@@ -139,7 +139,7 @@ static void look_up(known_name_t *known, uint32_t type, uint32_t instance, uint3
 // upper half only.
 static uint32_t name_place(uint32_t type, uint32_t instance)
 {
-    return (type * 31 + instance) * 2654435761U / (UINT32_MAX / NAME_PLACES + 1);
+    return (type * 31 + instance) * 2654435761U / (UINT32_MAX / NAME_SLOTS + 1);
 }
 
 bool preload_lookup(uint32_t type, uint32_t instance, uint32_t node, preload_target_t *target)
