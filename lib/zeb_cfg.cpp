@@ -155,7 +155,7 @@ int zeb_get_app_cfg(uint32_t app, zeb_app_cfg_t *out)
         [app] { ZEB_ERROR("ZEB get app %d config failed.\n", app); });
 }
 
-// Reads the numbers of a member list, separated by any non-digits. Numbers past the last place are ignored.
+// Reads the numbers of a member list, separated by any non-digits. Numbers past the last member are ignored.
 static void parse_members(const char *text, zeb_app_mc_cfg_t *out)
 {
     while (*text != '\0' && out->mbr_num < ZEB_CFG_MC_MBR_NUM) {

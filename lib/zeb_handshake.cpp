@@ -1,6 +1,6 @@
 // The steps of the handshake in their order: an instance is reported, we synchronise, the peer's synchronisation
 // arrives and is acknowledged, the acknowledgement of ours arrives. Then follows what is sent again, and what begins
-// anew.
+// anew: a quit, when the instance was online, and a new SYNC_INST.
 #include "zeb_handshake.h"
 
 #include <cerrno>
@@ -43,7 +43,7 @@ int zeb_sync_app_inst(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uin
     return 0;
 }
 
-// A synchronisation that cannot be sent is sent after the resume time-out. When nobody has the name, an event tells
+// A synchronisation that cannot be sent is sent after the resume time-out. When nobody has the name, an event says
 // when somebody has it.
 static void sync_or_ask_later(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst, uint32_t resume)
 {
@@ -125,7 +125,7 @@ void zeb_hs_topology_reported(zeb_handshake_t *hs)
 
 // A SYNC_INST arrives.
 
-// While the retry list has entries, the timer is pending already, unless it was lost with the topology connection.
+// While the retry list has entries, the timer is running already, unless it was lost with the topology connection.
 void zeb_start_retry_inst_timer(zeb_handshake_t *hs, uint8_t peer_version, uint32_t src_app, zeb_inst_t dst)
 {
     if (peer_version == 1)
@@ -160,7 +160,7 @@ static void update_peer_state(zeb_handshake_t *hs, uint32_t my_app, zeb_inst_t p
     begin_anew(hs, peer, 0);
 }
 
-// If a peer has synchronised but does not come online, we synchronise with it anew after the resume time-out.
+// If a peer has synchronised but does not come online, we synchronise with it again after the resume time-out.
 void zeb_try_resume_comm(zeb_handshake_t *hs, zeb_inst_t dst)
 {
     if (!zeb_hs_get_inst_state(hs, dst).online && !zeb_has_sync_inst(hs, dst))
@@ -201,7 +201,7 @@ static bool is_other_process(const zeb_handshake_t *hs, zeb_inst_t peer, const z
 }
 
 // Two processes may have the name at the same time for a while, and no event says which of them stays: the one that
-// stays is asked after the resume time-out.
+// stays gets a synchronisation after the resume time-out.
 static void note_holder(zeb_handshake_t *hs, zeb_inst_t peer, zeb_inst_id_t *id, uint32_t process_id)
 {
     uint32_t holder = id->holder;
@@ -417,7 +417,7 @@ void zeb_process_inst_retry_timer_event(zeb_handshake_t *hs, uint32_t)
 }
 
 // A running peer acknowledges at once, and once it has synchronised, the retry timer runs. A synchronisation that is
-// still pending was lost: the process that received it has ended, and no event tells of that while another process has
+// still pending was lost: the process that received it has ended, and no event reports that while another process has
 // the same name.
 void zeb_hs_minute(zeb_handshake_t *hs)
 {
@@ -427,8 +427,8 @@ void zeb_hs_minute(zeb_handshake_t *hs)
     });
 }
 
-// Asks the process that has the name by a synchronisation, which changes nothing if that process is the one online. A
-// pending synchronisation asks already.
+// Sends a synchronisation to the process that has the name. It changes nothing if that process is the one online. A
+// pending synchronisation does the same.
 static void ask_holder(zeb_handshake_t *hs, zeb_inst_t inst)
 {
     zeb_each_subscr_app(zeb_hs_get_ol_app(hs, inst.app), [&](uint32_t subscr) {

@@ -52,14 +52,14 @@ typedef struct zeb_retry_inst_s {
     int unknown_rounds; // retry time-outs without a synchronisation from the peer, although it has acknowledged ours
 } zeb_retry_inst_t;
 
-// Why a resume is pending.
+// What a resume waits to do, and why.
 typedef enum zeb_resume_kind_e : int {
     ZEB_RESUME_PEER,          // the peer has synchronised but has not come online
     ZEB_RESUME_UNSENT,        // a synchronisation of one local application could not be sent
     ZEB_RESUME_OTHER_PROCESS, // two processes had the instance's name at the same time: the one that stays is asked
 } zeb_resume_kind_t;
 
-// A peer for which a resume is pending.
+// A resume that waits for its timer, and its peer.
 typedef struct zeb_resume_comm_s {
     struct list_head list;
     uint32_t seq;     // number of the resume timer
@@ -153,7 +153,7 @@ typedef struct zeb_hs_effects_s {
 typedef struct zeb_handshake_s {
     const zeb_hs_effects_t *effects;
     void *ctx;                                  // handed to each effect
-    bool timer_inst_retry_open;                 // a retry timer is pending; there is at most one
+    bool timer_inst_retry_open;                 // a retry timer is running; there is at most one
     std::atomic<uint32_t> ol_app_changes;       // counts the changes of ol_app; may be read without the caller's lock
     indexed_list<zeb_ol_app_t> ol_app;          // by application
     indexed_list<zeb_inst_id_t> inst_id;        // by instance, as are the two below
@@ -172,7 +172,7 @@ constexpr int ZEB_UNANSWERED_MINUTES = 2;      // calls of zeb_hs_minute; the fi
 
 // Limits on what a peer can make grow.
 constexpr int ZEB_PAIR_NUM_MAX = 65536;   // pair records in a process
-constexpr int ZEB_RESUME_NUM_MAX = 16384; // pending resumes
+constexpr int ZEB_RESUME_NUM_MAX = 16384; // resumes that wait for their timer
 constexpr int ZEB_RESUME_PER_INSTANCE_MAX = 16;
 constexpr int ZEB_ACK_RESEND_NUM_MAX = 16384; // returned acknowledgements that wait to be sent again
 
@@ -210,7 +210,7 @@ zeb_inst_state_t zeb_hs_get_inst_state(const zeb_handshake_t *hs, zeb_inst_t ins
 void zeb_hs_published(zeb_handshake_t *hs, zeb_inst_t inst);
 void zeb_hs_withdrawn(zeb_handshake_t *hs, zeb_inst_t inst);
 
-// The topology connection was lost and has been reopened. Timers that were pending never expire, and each instance that
+// The topology connection was lost and has been reopened. Timers that were running never expire, and each instance that
 // still exists is reported once more. zeb_hs_topology_reported follows once all are reported: the others were
 // withdrawn meanwhile.
 void zeb_hs_topology_reopened(zeb_handshake_t *hs);
@@ -234,7 +234,7 @@ void zeb_hs_ack_returned(zeb_handshake_t *hs, zeb_returned_ack_t *ack);
 // Drops the returned acknowledgements of version 2: traffic to or from the peer makes them unnecessary.
 void zeb_hs_del_reject_acks(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 
-// Timers. While a retry timer is pending, starting another one does nothing and returns 0.
+// Timers. While a retry timer is running, starting another one does nothing and returns 0.
 int zeb_hs_start_timer(zeb_handshake_t *hs, unsigned seconds, zeb_timer_t timer);
 void zeb_hs_timer(zeb_handshake_t *hs, zeb_timer_t timer); // of type resume, inst or retry
 

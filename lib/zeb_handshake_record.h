@@ -41,7 +41,7 @@ void zeb_add_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t d
 void zeb_del_sync_inst_retry(zeb_handshake_t *hs, uint32_t src_app, zeb_inst_t dst);
 void zeb_clear_sync_inst_retry(zeb_handshake_t *hs, zeb_inst_t dst); // the first one alone, of whichever application
 
-// Resumes. zeb_del_resume_comm returns what was pending for the timer; all is 0 when that has been dropped.
+// Resumes. zeb_del_resume_comm returns the resume that waited for the timer; all is 0 when it has been dropped.
 zeb_resume_comm_t *zeb_add_resume_comm(zeb_handshake_t *hs, uint32_t seq, zeb_inst_t dst);
 bool zeb_has_room_for_resume(const zeb_handshake_t *hs, zeb_inst_t dst);
 zeb_resume_comm_t *zeb_get_resume_comm(const zeb_handshake_t *hs, zeb_inst_t dst, zeb_resume_kind_t kind); // or null

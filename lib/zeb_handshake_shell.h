@@ -1,8 +1,8 @@
 // The library's one handshake: it locks g_lib_mutex, calls the core and carries out the core's effects. Events enter on
 // the receive thread; queries, zeb_comm_with and zeb_del_reject_sync_inst_ack on any thread. Notifications, and
 // messages whose result the core does not need, are gathered under g_lib_mutex and carried out in order once it is
-// released: no callback runs under it, and no acknowledgement is sent under it the first time. A new SYNC_INST and a
-// returned acknowledgement are sent under it, because their result decides what is remembered.
+// released: no callback runs under it. Two kinds of message are sent under it, because their result decides what is
+// remembered: a first SYNC_INST, and a returned acknowledgement that is sent again.
 #ifndef ZEB_HANDSHAKE_SHELL_H
 #define ZEB_HANDSHAKE_SHELL_H
 
@@ -71,7 +71,7 @@ void zeb_process_return_sync(zeb_msg_t *msg);
 void zeb_del_reject_sync_inst_ack(uint32_t src_app, zeb_inst_t dst);
 
 // Timers. `timeout` is in seconds. Returns -1 when the timer cannot be started, and else 0, also for a retry timer
-// while one is pending.
+// while one is running.
 int zeb_subscr_timer_event(uint64_t timeout, zeb_timer_t timer);
 void zeb_process_sync_timer_event(zeb_timer_t timer); // of type resume, inst or retry
 

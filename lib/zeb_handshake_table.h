@@ -7,7 +7,7 @@
 // These rules hold for every row and appear in none:
 // - A SYNC that cannot be sent is not pending: the pair is then idle where the row says waiting, and half where the row
 //   says crossed. Instead of the SYNC, the resume timer is started for another attempt, unless nobody has the name:
-//   then an event tells when somebody has it. If the event is a SYNC of the peer's, the resume timer for a peer that
+//   then an event says when somebody has it. If the event is a SYNC of the peer's, the resume timer for a peer that
 //   has synchronised is started as well.
 // - The resume timer of a row is not started while a SYNC of ours is pending.
 // - A SYNC from another process than that of the last SYNC, with no withdrawal in between, starts a resume timer before
@@ -17,7 +17,7 @@
 // - A join or a quit is notified only of a server: of an instance that is known to be one by then.
 // - An acknowledgement that we send carries as its pseq the sequence number of our last SYNC, once the process that
 //   synchronised is also the one that acknowledged. Until then its pseq is 0.
-// - A SYNC from a peer of version 2 starts the retry timer unless the timer is pending, and puts the pair in the retry
+// - A SYNC from a peer of version 2 starts the retry timer unless the timer is running, and puts the pair in the retry
 //   list if a SYNC of ours is pending then. An acknowledgement of version 2 before the peer's SYNC starts the timer
 //   too, and puts the pair in the list. At its time-out the timer is started again while a pair is in the list.
 // - A retry time-out sends every pending SYNC of the pair again. A minute sends each SYNC that is that old again, once.

@@ -1,5 +1,5 @@
-// Both kinds of group work alike. app_kind and node_kind hold what differs: the list, the range of ids, the empty place
-// and the words of the log lines.
+// Both kinds of group work alike. app_kind and node_kind hold what differs: the list, the range of ids, what an
+// empty member slot holds, and the words of the log lines.
 #include "zeb_mc.h"
 
 #include <cerrno>
@@ -19,7 +19,7 @@ struct app_kind {
     static constexpr const char *name = "app";
     static constexpr int32_t first_id = APP_MC_ID_FIRST;
     static constexpr int32_t last_id = APP_MC_ID_LAST;
-    static constexpr int places = ZEB_APP_MC_MBR_NUM;
+    static constexpr int slots = ZEB_APP_MC_MBR_NUM;
     static constexpr uint32_t empty = 0;
     static bool is_empty(uint32_t mbr)
     {
@@ -44,7 +44,7 @@ struct node_kind {
     static constexpr const char *name = "node";
     static constexpr int32_t first_id = NODE_MC_ID_FIRST;
     static constexpr int32_t last_id = NODE_MC_ID_LAST;
-    static constexpr int places = ZEB_NODE_MC_MBR_NUM;
+    static constexpr int slots = ZEB_NODE_MC_MBR_NUM;
     static constexpr uint32_t empty = 0xFFFFFFFFu;
     static bool is_empty(uint32_t mbr)
     {
@@ -172,7 +172,7 @@ static void clear_member(typename Kind::group_t *group, uint32_t member)
     }
 }
 
-// A member that is already present moves to the first empty place, so adding it succeeds even in a full group.
+// A member that is already present moves to the first empty member slot, so adding it succeeds even in a full group.
 template <typename Kind>
 static int add_member(group_id_t id, uint32_t member)
 {
@@ -190,7 +190,7 @@ static int add_member(group_id_t id, uint32_t member)
             return 0;
         }
     }
-    ZEB_ERROR("ZEB app %d %s-private-mcast 0x%x member reach to %d.\n", id.owner, Kind::name, id.mc_id, Kind::places);
+    ZEB_ERROR("ZEB app %d %s-private-mcast 0x%x member reach to %d.\n", id.owner, Kind::name, id.mc_id, Kind::slots);
     return -ENOBUFS;
 }
 

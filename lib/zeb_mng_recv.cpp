@@ -397,17 +397,18 @@ static void end_reports(bool event)
     zeb_topology_reported();
 }
 
-constexpr unsigned MINUTE = 60;           // seconds
-constexpr unsigned TURNS_OF_CLOCK = 1024; // how rarely a turn of a message stream reads the clock
+constexpr unsigned MINUTE = 60;            // seconds
+constexpr unsigned PASSES_OF_CLOCK = 1024; // while messages stream, one pass of the loop in so many reads the clock
 
 static struct timespec s_minute_end;
 
-// Counts minutes for the handshake in the loop that runs anyway, so no timer is needed. While messages stream
-// (`owing`), turns follow one another without waiting, and only one in TURNS_OF_CLOCK reads the clock.
-static void count_minutes(bool owing)
+// Counts minutes for the handshake in the loop that runs anyway, so no timer is needed. While messages stream, a
+// wake-up is due: the passes of the loop follow one another without waiting, and only one in PASSES_OF_CLOCK reads the
+// clock.
+static void count_minutes(bool wakeup_due)
 {
-    static unsigned s_turns;
-    if (owing && ++s_turns % TURNS_OF_CLOCK != 0)
+    static unsigned s_passes;
+    if (wakeup_due && ++s_passes % PASSES_OF_CLOCK != 0)
         return;
     if (!zeb_deadline_passed(&s_minute_end))
         return;
@@ -415,13 +416,14 @@ static void count_minutes(bool owing)
     zeb_handshake_minute();
 }
 
-// Reads one datagram per readable socket and turn, so that a busy socket does not starve the others.
+// One pass of the loop. It reads one datagram from every readable socket, so that a busy socket does not starve the
+// others.
 static void poll_once(poll_set_t *set)
 {
     bool topology = g_zeb_mng.subscr_sd != -1;
     struct pollfd *fds = topology ? set->fds : set->fds + 1;
-    bool owing = s_stream.unsignalled > 0;
-    int ready = poll(fds, topology ? set->app_num + 1 : set->app_num, owing ? 0 : ZEB_POLL_TIMEOUT_MS);
+    bool wakeup_due = s_stream.unsignalled > 0;
+    int ready = poll(fds, topology ? set->app_num + 1 : set->app_num, wakeup_due ? 0 : ZEB_POLL_TIMEOUT_MS);
     if (ready < 0)
         ZEB_WARN("ZEB polling error: %d:%s.\n", errno, strerror(errno));
     bool event = ready > 0 && topology && set->fds[0].revents != 0;
@@ -439,7 +441,7 @@ static void poll_once(poll_set_t *set)
     if (!only_streams) // a socket kept readable by other messages must not delay the queued streams
         signal_queued();
     end_reports(event);
-    count_minutes(owing);
+    count_minutes(wakeup_due);
     if (g_zeb_mng.subscr_sd == -1)
         reopen_topology_connection(set);
 }

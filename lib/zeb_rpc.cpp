@@ -157,22 +157,22 @@ static bool all_replied(const zeb_rpc_wait_t *wait)
     return true;
 }
 
-// Never full: the buffer has as many places as a call can have entries, and each entry is completed once.
-static void file(zeb_rpc_wait_t *wait, zeb_msg_t *msg)
+// Never full: the buffer has room for one message per entry, and each entry is completed once.
+static void store(zeb_rpc_wait_t *wait, zeb_msg_t *msg)
 {
     wait->reply->msg[wait->reply->num++] = msg;
 }
 
 // Stores a message without a body in place of the reply of an instance.
-static void file_substitute(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src, zeb_reply_stat_t status)
+static void store_substitute(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src, zeb_reply_stat_t status)
 {
     zeb_msg_t *reply_msg = zeb_msg_alloc(0, 1, 0);
     assert(reply_msg != NULL);
     zeb_encode_msg_hdr(reply_msg, 0, src.app, src.node, app, (uint32_t)zeb_get_my_node_id(), wait->seq, status);
-    file(wait, reply_msg);
+    store(wait, reply_msg);
 }
 
-static void file_timeouts(zeb_rpc_wait_t *wait, uint32_t app)
+static void store_timeouts(zeb_rpc_wait_t *wait, uint32_t app)
 {
     ZEB_INFO("ZEB app %d seq %d wait for RPC reply timeout.\n", app, wait->seq);
     for (int i = 0; i < wait->inst_num; i++) {
@@ -182,12 +182,12 @@ static void file_timeouts(zeb_rpc_wait_t *wait, uint32_t app)
         zeb_inst_t inst = inst_of(code);
         ZEB_INFO("ZEB app %d seq %d wait for %d/%d timeout.\n", app, wait->seq, inst.app, inst.node);
         wait->wait_inst[i] = 0;
-        file_substitute(wait, app, inst, ZEB_TIMEOUT);
+        store_substitute(wait, app, inst, ZEB_TIMEOUT);
     }
 }
 
-// Waits until every entry is completed, or until `timeout` seconds pass in which no reply is stored for any call of the
-// application. Each stored reply wakes every caller, and the time starts anew. Returns the result of the last wait.
+// Waits until every entry is completed, or until `timeout` seconds pass in which no caller of the application is woken.
+// Each wake-up wakes them all, and the time starts again. Returns the result of the last wait.
 static int wait_all_replied(zeb_app_rpc_wait_t *rpc, const zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
 {
     int ret = 0;
@@ -211,7 +211,7 @@ int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq)
 
     int ret = wait_all_replied(rpc, wait);
     if (ret == ETIMEDOUT && wait->timeout != 0) {
-        file_timeouts(wait, app);
+        store_timeouts(wait, app);
         ret = 0;
     } else if (ret != 0) {
         // An unlimited wait runs in slices of 1 s. A slice that ends just as the last reply is stored makes the call
@@ -254,7 +254,7 @@ int zeb_rpc_add_reply(zeb_msg_t *msg)
         }
         if (!complete_or_log(wait, app, src))
             return -ENOENT;
-        file(wait, msg);
+        store(wait, msg);
     }
     ZEB_VERBOSE("ZEB app %d seq %d to %d/%d RPC replied.\n", app, seq, src.app, src.node);
     zeb_cond_broadcast(&rpc->wait_cond);
@@ -276,7 +276,7 @@ int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t sr
         }
         if (!complete_or_log(wait, app, src))
             return -ENOENT;
-        file_substitute(wait, app, src, status);
+        store_substitute(wait, app, src, status);
     }
     zeb_cond_broadcast(&rpc->wait_cond);
     return 0;
@@ -293,7 +293,7 @@ int zeb_terminate_rpc(uint32_t app, zeb_inst_t src)
             if (!complete_entry(wait, src))
                 return;
             ZEB_WARN("ZEB terminate app %d seq %d RPC to %d/%d.\n", app, wait->seq, src.app, src.node);
-            file_substitute(wait, app, src, ZEB_SYSTEM_ERR);
+            store_substitute(wait, app, src, ZEB_SYSTEM_ERR);
         });
     }
     zeb_cond_broadcast(&rpc->wait_cond);

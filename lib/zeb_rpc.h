@@ -1,7 +1,7 @@
-// The RPC wait table: per application, the calls in progress and the instances whose reply is pending; and the replies
-// that the library itself sends. Callers wait in their own threads. The receive thread stores replies and ends waits
-// when an instance quits. An entry holds the code of its instance until the reply, a failed write, a quit or a time-out
-// completes it, and 0 from then on. It is completed exactly once, and this stores exactly one message.
+// The RPC wait table: per application, the calls in progress and the instances that have not replied yet; and the
+// replies that the library itself sends. Callers wait in their own threads. The receive thread stores replies and ends
+// waits when an instance quits. An entry holds the code of its instance until the reply, a failed write, a quit or a
+// time-out completes it, and 0 from then on. It is completed exactly once, and this stores exactly one message.
 #ifndef ZEB_RPC_H
 #define ZEB_RPC_H
 
@@ -17,7 +17,9 @@
 
 typedef struct zeb_app_rpc_wait_s {
     uint32_t app_id;
-    zeb_cond_t wait_cond; // broadcast when a message is stored
+    // Broadcast when a reply or a substitute for a failed request is stored, and when a server quits, even if no call
+    // waits for it.
+    zeb_cond_t wait_cond;
     // Guards the list, every record on it and the reply buffers they point to. No other lock of the library is taken
     // under it.
     zeb_mutex_t mutex;

@@ -21,10 +21,10 @@ typedef struct zeb_dst_s {
     zeb_inst_t named;    // ZEB_NODE_ALL for a call to all nodes
     int flags;
     bool all_nodes;
-    int app_num;         // places of `apps` in use: one, or all places of a group
-    int node_num;        // places of `nodes` in use, likewise
-    zeb_app_mc_t apps;   // 0 is an empty place
-    zeb_node_mc_t nodes; // not set for all_nodes; above 65535 is an empty place
+    int app_num;         // member slots of `apps` in use: one, or all of a group
+    int node_num;        // member slots of `nodes` in use, likewise
+    zeb_app_mc_t apps;   // 0 is an empty member slot
+    zeb_node_mc_t nodes; // not set for all_nodes; above 65535 is an empty member slot
     bool servers_fresh;  // `servers` is the set of the only member, and flow control did not wait
     zeb_app_set_t servers;
 } zeb_dst_t;

@@ -30,12 +30,12 @@ static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, const zeb_r
     return 0;
 }
 
-// Records every addressed instance of one member (`place` of `apps`) as pending. Returns their number, or the error of
-// a failed recording. A call to all nodes addresses the instances under the id that its caller gave, even if that is 0
-// or a group; a call to chosen nodes addresses them under the id of the member.
-static int set_member_waits(const zeb_dst_t *dst, int place, uint32_t seq)
+// Opens an entry for every addressed instance of the member with this index in `apps`. Returns their number, or the
+// error of an entry that could not be opened. A call to all nodes addresses the instances under the id that its caller
+// gave, even if that is 0 or a group; a call to chosen nodes addresses them under the id of the member.
+static int set_member_waits(const zeb_dst_t *dst, int index, uint32_t seq)
 {
-    uint32_t member = dst->apps.mbr[place];
+    uint32_t member = dst->apps.mbr[index];
     uint32_t as_app = dst->all_nodes ? dst->named.app : member;
     zeb_app_set_t servers;
     zeb_member_t found = zeb_get_member_servers(dst, member, &servers);

@@ -1,6 +1,6 @@
 // The path of a sent message: from a name to a socket's queue, or to the broker when the link is slow or cut. Names
 // that were looked up are cached until the cluster's generation changes, mapped queues until their socket is closed or
-// another one needs the place. Faults ordered with `tipcsim fail` are taken here.
+// another one needs the slot. Faults ordered with `tipcsim fail` are taken here.
 #include "preload.h"
 #include "sim_protocol.h"
 #include "sim_sys.h"
@@ -13,8 +13,8 @@
 #include <fcntl.h>
 
 constexpr uint32_t MAX_TARGETS = 8; // sockets cached for one name
-constexpr uint32_t NAME_PLACES = 512;
-constexpr uint32_t PEER_PLACES = 1024;
+constexpr uint32_t NAME_SLOTS = 512;
+constexpr uint32_t PEER_SLOTS = 1024;
 
 typedef struct known_name_s {
     uint32_t generation;
@@ -27,11 +27,11 @@ typedef struct known_name_s {
 
 // Guards s_names and s_turn. The state's mutex may be taken under it.
 static pthread_mutex_t s_names_mutex = PTHREAD_MUTEX_INITIALIZER;
-static known_name_t s_names[NAME_PLACES];
+static known_name_t s_names[NAME_SLOTS];
 static uint32_t s_turn; // sockets that share a name take turns
 
 static pthread_mutex_t s_peers_mutex = PTHREAD_MUTEX_INITIALIZER; // guards s_peers and the references of its entries
-static sim_queue_t *s_peers[PEER_PLACES];
+static sim_queue_t *s_peers[PEER_SLOTS];
 
 // Guards s_broker. It is held from a request to its reply.
 static pthread_mutex_t s_broker_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -139,7 +139,7 @@ static void look_up(known_name_t *known, uint32_t type, uint32_t instance, uint3
 // upper half only.
 static uint32_t name_place(uint32_t type, uint32_t instance)
 {
-    return (type * 31 + instance) * 2654435761U / (UINT32_MAX / NAME_PLACES + 1);
+    return (type * 31 + instance) * 2654435761U / (UINT32_MAX / NAME_SLOTS + 1);
 }
 
 bool preload_lookup(uint32_t type, uint32_t instance, uint32_t node, preload_target_t *target)
@@ -168,20 +168,20 @@ static void put_peer(sim_queue_t *peer)
     free(peer);
 }
 
-// Called with s_peers_mutex held. The place keeps one reference to its entry; the caller releases the returned one.
-static sim_queue_t *replace_peer(sim_queue_t **place, sim_queue_t *fresh)
+// Called with s_peers_mutex held. The slot keeps one reference to its entry; the caller releases the returned one.
+static sim_queue_t *replace_peer(sim_queue_t **slot, sim_queue_t *fresh)
 {
-    sim_queue_t *old = *place;
-    *place = fresh;
+    sim_queue_t *old = *slot;
+    *slot = fresh;
     return old;
 }
 
 // The mapped queue of a socket, null when the socket is gone. Release it with put_peer.
 static sim_queue_t *get_peer(uint32_t port)
 {
-    sim_queue_t **place = &s_peers[port % PEER_PLACES];
+    sim_queue_t **slot = &s_peers[port % PEER_SLOTS];
     (void)pthread_mutex_lock(&s_peers_mutex);
-    sim_queue_t *peer = *place;
+    sim_queue_t *peer = *slot;
     if (peer != nullptr && peer->port == port && __atomic_load_n(&peer->socket->closed, __ATOMIC_RELAXED) == 0) {
         peer->refs++;
         (void)pthread_mutex_unlock(&s_peers_mutex);
@@ -195,7 +195,7 @@ static sim_queue_t *get_peer(uint32_t port)
     }
     peer->refs = 2;
     (void)pthread_mutex_lock(&s_peers_mutex);
-    sim_queue_t *old = replace_peer(place, peer);
+    sim_queue_t *old = replace_peer(slot, peer);
     (void)pthread_mutex_unlock(&s_peers_mutex);
     if (old != nullptr)
         put_peer(old);

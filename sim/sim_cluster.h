@@ -84,7 +84,7 @@ typedef struct sim_state_s {
     uint32_t generation; // changes with the names and links, and makes cached lookups invalid
     uint32_t name_num;
     uint32_t node_num;
-    uint32_t fault_num; // places in use, including spent faults
+    uint32_t fault_num; // entries in use, including spent faults
     uint32_t delay_num;
     uint32_t nodes[SIM_MAX_NODES]; // index to id
     sim_fault_t faults[SIM_MAX_FAULTS];

@@ -150,7 +150,8 @@ typedef struct zeb_reply_msg_s {
  * dst_app  an application id. For 0 and groups use zeb_rpcto: here the request would go to that number itself
  * msg      the request, not null. The caller keeps it; its header is overwritten
  * flags    ZEB_SEND_EXCLUDE_SELF or 0
- * timeout  seconds that may pass without a reply to any call of `src_app`; 0 waits without limit
+ * timeout  limit in seconds; 0 waits without limit. It restarts whenever a caller of `src_app` is woken: by a reply, a
+ *          failed request or a server's quit, also in another call
  * ret_buf  not null; cleared at entry. On return the caller owns its messages and releases each with free()
  *
  * Each outcome is the rpc_stat of one message in `ret_buf`:
@@ -217,7 +218,7 @@ int zeb_get_my_node_id(void);
 /* The priority (TIPC importance) that the configuration file gives `app` (an application id), or 0. */
 int zeb_get_app_priority(uint32_t app);
 
-/* Copies the members of the multicast entry `app_mc` of the configuration file to `mbrs`, all 16 places, and returns
+/* Copies the members of the multicast entry `app_mc` of the configuration file to `mbrs`, all 16 elements, and returns
  * the number in use. Returns 0 and leaves `mbrs` unchanged when there is no such entry. */
 int zeb_get_app_mc_members(uint32_t app_mc, uint32_t mbrs[16]);
 

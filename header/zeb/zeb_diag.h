@@ -78,22 +78,22 @@ void zeb_cli_print_fc_stat(uint32_t app);  /* flow control counters */
 void zeb_cli_print_mng_stat(uint32_t app); /* synchronisation messages */
 void zeb_cli_print_rpc_stat(uint32_t app); /* calls in progress */
 
-#define ZEB_APP_MC_MBR_NUM 16  /* places of an application group */
-#define ZEB_NODE_MC_MBR_NUM 64 /* places of a node group */
+#define ZEB_APP_MC_MBR_NUM 16  /* member slots of an application group */
+#define ZEB_NODE_MC_MBR_NUM 64 /* member slots of a node group */
 
 /* A private group, handed out as a copy; its links belong to the library. */
 typedef struct zeb_app_mc_s {
     struct list_head list;
     list_index_link_t index_link;
     int32_t mc_id;
-    uint32_t mbr[ZEB_APP_MC_MBR_NUM]; /* 0 is an empty place */
+    uint32_t mbr[ZEB_APP_MC_MBR_NUM]; /* 0 is an empty member slot */
 } zeb_app_mc_t;
 
 typedef struct zeb_node_mc_s {
     struct list_head list;
     list_index_link_t index_link;
     int32_t mc_id;
-    uint32_t mbr[ZEB_NODE_MC_MBR_NUM]; /* above 65535 is an empty place; node 0 is a member like any other */
+    uint32_t mbr[ZEB_NODE_MC_MBR_NUM]; /* above 65535 is an empty member slot; node 0 is a member like any other */
 } zeb_node_mc_t;
 
 /* The groups of one application. `mutex` points to the mutex of the application's record, which guards all fields below
@@ -113,7 +113,7 @@ typedef struct zeb_mc_s {
 void zeb_mc_init(zeb_mc_t *mc);
 
 /* Copy a group of `src_app` to `out`, under the lock of the application's record. When the application is not
- * registered here or has no such group, and in a forked child, all places of `out` are empty and an ERROR line is
+ * registered here or has no such group, and in a forked child, all member slots of `out` are empty and an ERROR line is
  * logged. */
 void zeb_get_app_mc_mbr(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out);
 void zeb_get_node_mc_mbr(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out);

@@ -49,7 +49,7 @@ TEST_F(polls, a_topology_connection_closed_by_the_service_hangs_up)
     on(1).open_watch("t");
     EXPECT_EQ(on(1).ask(subscribe(1, 1, SERVICE) + " bytes=20"), "20");
     EXPECT_EQ(on(1).ask("poll t in wait=10000"), "in hup");
-    EXPECT_EQ(on(1).ask("event t"), "0") << "the end, told once";
+    EXPECT_EQ(on(1).ask("event t"), "0") << "the end, reported once";
     EXPECT_EQ(on(1).ask("event t"), "EAGAIN");
     EXPECT_EQ(on(1).ask("poll t"), "in hup");
     EXPECT_EQ(on(1).ask(subscribe(1, 1, SERVICE)), "EPIPE");

@@ -106,8 +106,8 @@ static bool overlaps(const world_t *world)
     return false;
 }
 
-// How long a restarted process and the old one run at once, in ms. No event tells the peers which of the two has gone,
-// and they ask again only once, after the resume time-out.
+// How long a restarted process and the old one run at once, in ms. No event says which of the two has gone,
+// and the peers ask only once more, after the resume time-out.
 constexpr uint32_t OVERLAP_MAX = 50000;
 
 static void end_overlap(run_t *run)
@@ -190,7 +190,7 @@ static uint8_t random_proc(run_t *run)
 constexpr uint32_t OVERLAP_PERIOD = 20000; // ms from the end of an overlap to the next one
 
 // One overlap at a time. With two, the second process of each place may know only the first of the other one, and no
-// event tells when both of these go.
+// event says when both of these go.
 static bool may_overlap(const run_t *run)
 {
     return !left_out(run, OP_PICK) && !overlaps(run->world) &&

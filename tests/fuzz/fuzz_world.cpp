@@ -224,7 +224,7 @@ void fail_sends(int num, int err)
     s_fail_err = err;
 }
 
-// One turn of the receive thread finds the connection lost, the next one has another.
+// One pass of the receive thread's loop finds the connection lost, the next one has another.
 void lose_topology()
 {
     s_timers.clear();

@@ -142,7 +142,7 @@ TEST_F(wire_peer, garbage_neither_stops_nor_confuses_a_process)
     agent.wait("3: ZEB recv invalid TLV section for 420 from 421/65538 .");
 }
 
-TEST_F(wire_peer, a_message_of_a_stranger_is_dropped_and_a_request_answered_unavailable)
+TEST_F(wire_peer, a_message_of_an_unknown_instance_is_dropped_and_a_request_answered_unavailable)
 {
     process agent(1, "zeb_agent");
     start(agent, "430", "431");

@@ -1,5 +1,5 @@
 // An event that leads from several phases to the same one, with the same actions but for a quit, is drawn once, from
-// `any`; what leads nowhere else stands in its phase.
+// `any`; what leads nowhere else is in its phase.
 #include "handshake_dot.h"
 
 #include <map>

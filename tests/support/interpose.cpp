@@ -215,7 +215,7 @@ static std::atomic<bool> s_armed{false};
 
 void arm(bool on)
 {
-    // At exit the leak check stops all threads and calls some of what stands in here, which then must not allocate.
+    // At exit the leak check stops all threads and calls some of what is in here, which then must not allocate.
     static const int s_disarmed_at_exit = atexit([] { s_armed = false; });
     // The library's own handler calls some of it in a child, which must not find the mutex taken.
     static const int s_whole_at_fork =

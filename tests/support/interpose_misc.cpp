@@ -55,7 +55,7 @@ int fsync(int fd)
 extern void *__dso_handle;
 int __register_atfork(void (*prepare)(void), void (*parent)(void), void (*child)(void), void *dso);
 
-// libc's own stands in the binary as well, for the sake of this handle.
+// libc's own is in the binary as well, for the sake of this handle.
 int pthread_atfork(void (*prepare)(void), void (*parent)(void), void (*child)(void)) noexcept
 {
     int err = fault::take("pthread_atfork");

@@ -94,5 +94,5 @@ void expect_nothing_left(const std::function<void()> &path, size_t own)
     }
     EXPECT_EQ(open_descriptors(), descriptors);
     EXPECT_LT(more, most) << "of memory with every " << WALKS << " walks";
-    EXPECT_FALSE(lost()) << "told above";
+    EXPECT_FALSE(lost()) << "reported above";
 }

@@ -40,7 +40,7 @@ constexpr size_t BOTH_ACKS_LEN = SYNC_LEN + ELEMENT_LEN + SEQ_ACK_VALUE_LEN;
 constexpr size_t BODY_MAX = 61440;
 constexpr size_t MESSAGE_MAX = HEADER_LEN + BODY_MAX;
 
-// Where the parts of a message stand.
+// Where the parts of a message are.
 constexpr size_t LEN_AT = 4;
 constexpr size_t SEQ_AT = 28;
 constexpr size_t TYPE_AT = HEADER_LEN + 2;            // of the first element
@@ -89,7 +89,7 @@ bytes_t both_acks(uint32_t seq, uint32_t id, uint32_t is_server, uint32_t pseq, 
 // The name of every instance has this type, and its application and node for instance.
 constexpr uint32_t NAME_TYPE = 2303;
 
-// A subscription to the topology service, in this host's byte order: where its parts stand.
+// A subscription to the topology service, in this host's byte order: where its parts are.
 constexpr size_t SUBSCRIPTION_LEN = 28;
 constexpr size_t TIMER_TYPE_AT = 20; // its handle: which kind of timer
 constexpr size_t TIMER_SEQ_AT = 24;  // and the number of that timer

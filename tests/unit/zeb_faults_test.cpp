@@ -39,7 +39,7 @@ enum ending_t : int {
 class zeb_faults : public lib_test, public testing::WithParamInterface<fault_case_t>
 {
   protected:
-    // Registers, again when a part failed. What fails at the start is told by the result, and nothing of it is left.
+    // Registers, again when a part failed. What fails at the start shows in the result, and nothing of it is left.
     static bool start_twice()
     {
         static const struct {
@@ -104,7 +104,7 @@ ending_t zeb_faults::run()
     for (int looks = 0; fake_tipc::topology_sd() == -1 || looks < 10; looks++) {
         if (looks > 100000)
             return NO_TOPOLOGY;
-        (void)receives(); // turns of the thread
+        (void)receives(); // passes of the thread's loop
     }
     return receives() ? WELL : LOST_A_MESSAGE;
 }

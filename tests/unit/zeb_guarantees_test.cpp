@@ -1,4 +1,4 @@
-// Promises and limits of docs/guarantees.md that stand between areas and have no test in one of them.
+// Promises and limits of docs/guarantees.md that concern several areas and have no test in one of them.
 #include <algorithm>
 #include <atomic>
 #include <sched.h>

@@ -134,7 +134,7 @@ TEST_F(zeb_handshake_recovery, a_name_that_nobody_has_is_not_asked_later)
     fault::fail_next("sendto", EHOSTUNREACH);
     peer_published();
     EXPECT_FALSE(zeb_has_sync_inst_msg(PEER, PEER_NODE));
-    EXPECT_TRUE(take_timers().empty()) << "an event tells when somebody has it";
+    EXPECT_TRUE(take_timers().empty()) << "an event says when somebody has it";
 }
 
 TEST_F(zeb_handshake_recovery, a_peer_that_acknowledges_and_is_forgotten_is_asked_after_3_time_outs)

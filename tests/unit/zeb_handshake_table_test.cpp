@@ -1,6 +1,6 @@
 // lib/zeb_handshake_table.h, with the phases of lib/zeb_handshake_state.cpp, against the core itself: from nothing
 // known, every event in every state that the core can get into, and what it does then is what the table says. The core
-// stands alone here, with effects that record.
+// is alone here, with effects that record.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -659,5 +659,5 @@ TEST(zeb_handshake_table_rows, are_what_the_picture_shows)
     std::ifstream file(ZEB_DOCS "/handshake.dot");
     std::ostringstream text;
     text << file.rdbuf();
-    EXPECT_EQ(text.str(), handshake_dot()) << "`make docs` draws it anew";
+    EXPECT_EQ(text.str(), handshake_dot()) << "`make docs` draws it again";
 }

@@ -148,7 +148,7 @@ TEST_F(zeb_mng_recv_stream, the_thread_is_woken_when_the_next_poll_fails)
     EXPECT_EQ(signals() - before, 1);
 }
 
-// What another application's socket gives in the same turn, and the receive thread queues nothing of.
+// What another application's socket gives in the same pass of the loop, and the receive thread queues nothing of.
 struct other_t {
     const char *what;
     fake_tipc::item_t (*item)();

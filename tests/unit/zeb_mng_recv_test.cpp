@@ -94,7 +94,7 @@ TEST_F(zeb_mng_recv, an_empty_datagram_does_not_hang_the_thread)
     EXPECT_EQ(logged(E, [] { read_once(); })[0], "3 ZEB recv app 100 msg failed: Resource temporarily unavailable.");
 }
 
-TEST_F(zeb_mng_recv, a_message_from_an_unknown_instance_is_dropped_and_credited)
+TEST_F(zeb_mng_recv, a_message_from_an_unknown_instance_is_dropped_and_counted)
 {
     lines_t lines = logged(V, [&] { receive(wire::message(from_peer(), {1})); });
     EXPECT_THAT(lines, testing::IsSupersetOf({"0 ZEB app 100 recv msg from 200/9 had already quit.",
@@ -119,7 +119,7 @@ TEST_F(zeb_mng_recv, a_request_from_an_unknown_instance_is_answered_unavailable)
     EXPECT_EQ(answer.dst_node, PEER_NODE);
 }
 
-TEST_F(zeb_mng_recv, management_messages_and_replies_of_unknown_instances_are_dropped_without_credit)
+TEST_F(zeb_mng_recv, management_messages_and_replies_of_unknown_instances_are_dropped_and_not_counted)
 {
     for (uint8_t flag : {wire::MNG, (uint8_t)(wire::REQUEST | wire::ACK)}) {
         lines_t lines = logged(V, [&] { receive(wire::message(from_peer(flag), wire::tlv(wire::PING, {}))); });
@@ -220,7 +220,7 @@ TEST_F(zeb_mng_recv, a_returned_message_leaves_the_read_at_0)
     EXPECT_THAT(fc_text(), testing::HasSubstr("exception 0\n"));
 }
 
-TEST_F(zeb_mng_recv, a_returned_head_of_a_longer_message_is_credited)
+TEST_F(zeb_mng_recv, a_returned_head_of_a_longer_message_is_counted)
 {
     // The kernel returns the first 1024 bytes at most, and the header alone of an empty message.
     wire::bytes_t message = wire::message(to_peer(), wire::bytes_t(wire::BODY_MAX, 'x'));
@@ -388,8 +388,8 @@ TEST_F(zeb_mng_recv, a_poll_error_is_logged_and_survived)
     EXPECT_GE(fault::count("poll"), 4);
 }
 
-// The thread in its loop, and gone through one more turn of it.
-static void turn(int fd)
+// The thread in its loop, and one more pass through it.
+static void pass_once(int fd)
 {
     fake_tipc::queue_data(fd, wire::message(from_peer(0, 5, 1), {1}));
     fake_tipc::wait_read(fd);
@@ -404,15 +404,15 @@ TEST_F(zeb_mng_recv, a_topology_connection_that_cannot_be_reopened_says_why_each
         const char *why;
     } rows[] = {{"socket", EMFILE, "24:Too many open files"}, {"connect", ECONNREFUSED, "111:Connection refused"}};
     zeb_run();
-    turn(sd());
+    pass_once(sd());
     for (const auto &row : rows) {
         fault::fail_next(row.call, row.err, 2);
         lines_t lines = logged(E, [&] {
             fake_tipc::lose_topology();
             do {
-                turn(sd());
+                pass_once(sd());
             } while (fake_tipc::topology_sd() == -1);
-            turn(sd());
+            pass_once(sd());
         });
         std::string failed = std::string("3 ZEB create subscription socket failed(ret:-1, err:") + row.why + ")";
         EXPECT_THAT(lines[0], testing::StartsWith("3 ZEB recv subscription event failed:ret:0, "));
@@ -423,16 +423,16 @@ TEST_F(zeb_mng_recv, a_topology_connection_that_cannot_be_reopened_says_why_each
 TEST_F(zeb_mng_recv, timers_and_events_are_served_again_on_a_reopened_connection)
 {
     zeb_run();
-    turn(sd());
+    pass_once(sd());
     fake_tipc::lose_topology();
     do {
-        turn(sd());
+        pass_once(sd());
     } while (fake_tipc::topology_sd() == -1);
-    turn(sd());
+    pass_once(sd());
     (void)fake_tipc::take_sent();
     fake_tipc::queue_event(fake_tipc::range_event(TIPC_PUBLISHED, PEER << 16 | PEER_NODE, PEER << 16 | PEER_NODE));
     fake_tipc::wait_read(fake_tipc::topology_sd());
-    turn(sd());
+    pass_once(sd());
     EXPECT_EQ(fake_tipc::take_sent().size(), 1u) << "a synchronisation";
 }
 
@@ -448,13 +448,13 @@ TEST_F(zeb_mng_recv, a_busy_socket_does_not_starve_another)
         for (const zeb_msg_hdr_t &header : take_seen().headers)
             order.push_back(header.dst_app);
     }
-    EXPECT_EQ(order, std::vector<uint32_t>({APP, 101, APP, APP})) << "one datagram per socket and turn, in slot order";
+    EXPECT_EQ(order, std::vector<uint32_t>({APP, 101, APP, APP})) << "one datagram per socket and pass, in slot order";
 }
 
 TEST_F(zeb_mng_recv, the_thread_is_named_after_the_process)
 {
     zeb_run();
-    turn(sd());
+    pass_once(sd());
     std::string wanted = ("zeb_lib_" + std::to_string(getpid())).substr(0, 15);
     std::vector<std::string> names;
     DIR *stream = opendir("/proc/self/task");

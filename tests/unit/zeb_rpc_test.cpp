@@ -1,4 +1,4 @@
-// The wait table: what is filed in a call, when it ends, and the answers of the library's own.
+// The wait table: what is stored for a call, when it ends, and the answers of the library's own.
 #include <thread>
 
 #include "by_number.h"
@@ -110,7 +110,7 @@ TEST_F(zeb_rpc_table, the_limit_runs_from_the_last_wake_up)
     std::thread caller([&] { EXPECT_EQ(zeb_rpc(APP, PEER, msg_, 0, 2, &reply_), 0); });
     uint32_t seq = wait_requests(4);
     wait_until([] { return fault::waits(cond()) != 0; });
-    // What is filed for this application wakes the caller, until one limit has passed since its first wait began.
+    // Quits wake the caller, although no call waits for them, until one limit has passed since its first wait began.
     struct timespec limit = zeb_deadline_in(2);
     while (!zeb_deadline_passed(&limit)) {
         int begun = fault::waits(cond());

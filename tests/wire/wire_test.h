@@ -52,7 +52,7 @@ class wire_test : public lib_test
     // The one subscription among `subscriptions` that is a timer of `type`.
     static wire::bytes_t timer(const std::vector<wire::bytes_t> &subscriptions, uint32_t type);
 
-    std::vector<zeb_event_t> events_; // told to MY_APP so far
+    std::vector<zeb_event_t> events_; // that MY_APP has been notified of
     std::vector<std::string> bodies_; // delivered to MY_APP so far
     uint32_t pid_ = 0;                // of this process
 
