@@ -1,6 +1,13 @@
 # Installs the headers, the libraries, the CMake package and the pkg-config file.
 include(CMakePackageConfigHelpers)
 
+# Who links the static library from a project in C alone does not get the C++ runtime from a compiler driver.
+set(ZEB_CXX_RUNTIME stdc++)
+if("c++" IN_LIST CMAKE_CXX_IMPLICIT_LINK_LIBRARIES)
+    set(ZEB_CXX_RUNTIME c++)
+endif()
+target_link_libraries(zeb_static INTERFACE $<INSTALL_INTERFACE:${ZEB_CXX_RUNTIME}> $<INSTALL_INTERFACE:m>)
+
 install(TARGETS zeb zeb_static EXPORT zebTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
