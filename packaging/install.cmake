@@ -1,7 +1,7 @@
 # Installs the headers, the libraries, the CMake package and the pkg-config file.
 include(CMakePackageConfigHelpers)
 
-# Who links the static library from a project in C alone does not get the C++ runtime from a compiler driver.
+# What a C++ driver adds by itself, and a C driver does not: a project in C alone links the static library too.
 set(ZEB_CXX_RUNTIME stdc++)
 if("c++" IN_LIST CMAKE_CXX_IMPLICIT_LINK_LIBRARIES)
     set(ZEB_CXX_RUNTIME c++)
