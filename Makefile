@@ -16,7 +16,7 @@ ON ?= sim
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
 
-setup: ## install the packages that building and testing need (as root), or name those that are missing
+setup: ## install what developers need, compilers, tests and lab (as root), or name the packages that are missing
 	@scripts/setup
 
 build: setup ## configure and build everything (PRESET=release, debug, asan or tsan)
@@ -24,7 +24,12 @@ build: setup ## configure and build everything (PRESET=release, debug, asan or t
 	@cmake --build $(BUILD) -j$(JOBS) -- --no-print-directory >build/build-$(PRESET).log 2>&1 || { cat build/build-$(PRESET).log; exit 1; }
 	@echo "built in $(BUILD)"
 
-demo: build ## run two servers and a client on three nodes, and print what they do
+demo: export ZEB_BUILD := $(CURDIR)/build/demo
+demo: ## run two servers and a client on three nodes, and print what they do (builds only what that needs)
+	@scripts/setup demo
+	@echo "building the library, the simulator and the examples in build/demo"
+	@cmake -S . -B build/demo >build/configure-demo.log 2>&1 || { cat build/configure-demo.log; exit 1; }
+	@cmake --build build/demo -j$(JOBS) >build/build-demo.log 2>&1 || { cat build/build-demo.log; exit 1; }
 	@examples/demo/run
 
 demo-lab: build ## run the demo on a real kernel, in the lab

@@ -1,6 +1,13 @@
 # Installs the headers, the libraries, the CMake package and the pkg-config file.
 include(CMakePackageConfigHelpers)
 
+# What a C++ driver adds by itself, and a C driver does not: a project in C alone links the static library too.
+set(ZEB_CXX_RUNTIME stdc++)
+if("c++" IN_LIST CMAKE_CXX_IMPLICIT_LINK_LIBRARIES)
+    set(ZEB_CXX_RUNTIME c++)
+endif()
+target_link_libraries(zeb_static INTERFACE $<INSTALL_INTERFACE:${ZEB_CXX_RUNTIME}> $<INSTALL_INTERFACE:m>)
+
 install(TARGETS zeb zeb_static EXPORT zebTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
