@@ -9,6 +9,7 @@
 #include <pthread.h>
 
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_dm.h"
 #include "zeb_lock.h"
 
@@ -305,17 +306,17 @@ int zeb_read_my_node_id()
 {
     cfg_file_t file(ZEB_NODE_ADDR_FILE);
     if (file.fp == nullptr) {
-        ZEB_WARN("ZEB open node address config file %s failed: %s.\n", ZEB_NODE_ADDR_FILE, strerror(errno));
+        ZEB_WARN_WHY("ZEB open node address config file %s failed: %s.\n", ZEB_NODE_ADDR_FILE, strerror(errno));
         return NODE_ID_UNKNOWN;
     }
     int node = NODE_ID_UNKNOWN;
     // NOLINTNEXTLINE(cert-err34-c): the range is checked below
     if (fscanf(file.fp, "%d", &node) != 1) {
-        ZEB_ERROR("ZEB get node address config failed.\n");
+        ZEB_ERROR_WHY("ZEB get node address config failed.\n");
         return NODE_ID_UNKNOWN;
     }
     if (node < 0 || node >= (int)ZEB_NODE_NUM) {
-        ZEB_ERROR("ZEB get node address %d invalid.\n", node);
+        ZEB_ERROR_WHY("ZEB get node address %d invalid.\n", node);
         return NODE_ID_UNKNOWN;
     }
     ZEB_VERBOSE("ZEB get self node config ID %d.\n", node);
@@ -343,9 +344,15 @@ static void init_masks()
     zeb_set_log_size(zeb_get_log_size());
 }
 
-int zeb_cfg_init(void)
+int zeb_load_cfg()
 {
     int ret = pthread_once(&s_cfg_once, init_masks);
     assert(ret == 0);
     return zeb_get_my_node_id() == NODE_ID_UNKNOWN ? -1 : 0;
+}
+
+int zeb_cfg_init(void)
+{
+    zeb_clear_last_error();
+    return zeb_load_cfg();
 }

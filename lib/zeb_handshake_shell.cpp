@@ -9,6 +9,7 @@
 #include "platform/list_algo.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
 #include "zeb_mng_msg.h"
@@ -255,7 +256,7 @@ int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
 int zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
 {
     if (zeb_get_app_mng(src_app) == nullptr) {
-        ZEB_ERROR("ZEB app %d does not registered.\n", src_app);
+        ZEB_ERROR_WHY("ZEB app %d does not registered.\n", src_app);
         return -ENOENT;
     }
     zeb_scoped_lock lock(&g_lib_mutex);

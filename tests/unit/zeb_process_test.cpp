@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <zeb/zeb_diag.h>
+#include <zeb/zeb_ext.h>
 
 class zeb_process : public lib_test
 {
@@ -64,7 +65,10 @@ static int every_call()
         if (results[i] != -EPERM)
             return (int)i + 1;
     }
+    const char why[] = "ZEB zeb_run called in a child of the process that runs the library.";
     zeb_run();
+    if (strcmp(zeb_last_error(), why) != 0 || strcmp(zeb_strerror(-EINVAL), "a bad argument") != 0)
+        return 100;
     zeb_del_app_mcast(APP, 12288, PEER);
     zeb_destroy_app_mcast(APP, 12288);
     zeb_del_node_mcast(APP, 0x80000, 1);

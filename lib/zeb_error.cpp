@@ -1,0 +1,100 @@
+#include "zeb_error.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+// Plain data without a constructor, so that a thread's copy needs no set-up and no release.
+typedef struct last_error_s {
+    char text[ZEB_DBG_LINE_LEN];
+    const char *format; // of a text that is not formatted yet, or null
+    zeb_error_args_t args;
+} last_error_t;
+
+static thread_local last_error_t s_last;
+
+static void cut_line_end(char *text)
+{
+    size_t len = strlen(text);
+    while (len != 0 && (text[len - 1] == '\n' || text[len - 1] == '\r'))
+        text[--len] = '\0';
+}
+
+void zeb_set_last_error(const char *format, ...)
+{
+    int saved_errno = errno;
+    va_list args;
+    va_start(args, format);
+    if (vsnprintf(s_last.text, sizeof(s_last.text), format, args) < 0)
+        s_last.text[0] = '\0';
+    va_end(args);
+    cut_line_end(s_last.text);
+    s_last.format = nullptr;
+    errno = saved_errno;
+}
+
+void zeb_note_error(const char *format, zeb_error_args_t args)
+{
+    s_last.format = format;
+    s_last.args = args;
+}
+
+void zeb_clear_last_error()
+{
+    s_last.text[0] = '\0';
+    s_last.format = nullptr;
+}
+
+const char *zeb_last_error(void)
+{
+    if (s_last.format == nullptr)
+        return s_last.text;
+    const uint32_t *arg = s_last.args.arg;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    zeb_set_last_error(s_last.format, arg[0], arg[1], arg[2], arg[3]);
+#pragma GCC diagnostic pop
+    return s_last.text;
+}
+
+typedef struct result_text_s {
+    int result;
+    const char *text;
+} result_text_t;
+
+static const result_text_t RESULT_TEXTS[] = {
+    {0, "success"},
+    {-EPERM, "a socket or system call failed, the node id is unknown, it is too late to register, or a forked child "
+             "called"},
+    {-ENOENT, "not registered, no such group, or no online server"},
+    {-EAGAIN, "would block, or a part of the application could not be created"},
+    {-EEXIST, "already registered, or the number of the RPC call is in use"},
+    {-EINVAL, "a bad argument"},
+    {-ENOBUFS, "a fixed table is full"},
+    {ETIMEDOUT, "the wait of an RPC call ended just as its last reply came"},
+};
+
+static const char *other_result_text(int result)
+{
+    static thread_local char s_text[96];
+    if (result > 0) {
+        (void)snprintf(s_text, sizeof(s_text), "%d: no error", result);
+        return s_text;
+    }
+    char buf[64];
+    int saved_errno = errno;
+    (void)snprintf(s_text, sizeof(s_text), "%d: %s", result,
+                   strerror_r((int)(0u - (unsigned)result), buf, sizeof(buf)));
+    errno = saved_errno;
+    return s_text;
+}
+
+const char *zeb_strerror(int result)
+{
+    for (const result_text_t &entry : RESULT_TEXTS) {
+        if (entry.result == result)
+            return entry.text;
+    }
+    return other_result_text(result);
+}

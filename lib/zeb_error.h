@@ -1,0 +1,34 @@
+// What the library says of itself to its application: texts of results, and why a call failed.
+// Any thread may enter; there is no lock. The last error is per thread. A failure sets it at the place that logs the
+// reason, whatever the masks are; the road of a send that succeeds never touches it.
+#ifndef ZEB_ERROR_H
+#define ZEB_ERROR_H
+
+#include <cstdint>
+
+#include <zeb/zeb_ext.h>
+
+#include "zeb_dbg.h"
+
+// Sets this thread's last error, without the line end. errno is preserved.
+void zeb_set_last_error(const char *format, ...) __attribute__((format(printf, 1, 2), cold));
+
+// The same for failures that a program may meet in a loop: the text is formatted only when somebody asks. `format` is a
+// literal that takes up to four numbers of 32 bits.
+typedef struct zeb_error_args_s {
+    uint32_t arg[4];
+} zeb_error_args_t;
+void zeb_note_error(const char *format, zeb_error_args_t args) __attribute__((cold));
+
+void zeb_clear_last_error();
+
+// A log line that says why a call fails. Its text becomes the last error.
+#define ZEB_LOG_WHY(level, ...)                                                                                        \
+    do {                                                                                                               \
+        zeb_set_last_error(__VA_ARGS__);                                                                               \
+        ZEB_LOG(level, __VA_ARGS__);                                                                                   \
+    } while (0)
+#define ZEB_ERROR_WHY(...) ZEB_LOG_WHY(ZEB_DBG_LEVEL_ERROR, __VA_ARGS__)
+#define ZEB_WARN_WHY(...) ZEB_LOG_WHY(ZEB_DBG_LEVEL_WARN, __VA_ARGS__)
+
+#endif
