@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <unistd.h>
 
 // Plain data without a constructor, so that a thread's copy needs no set-up and no release.
 typedef struct last_error_s {
@@ -14,13 +15,6 @@ typedef struct last_error_s {
 
 static thread_local last_error_t s_last;
 
-static void cut_line_end(char *text)
-{
-    size_t len = strlen(text);
-    while (len != 0 && (text[len - 1] == '\n' || text[len - 1] == '\r'))
-        text[--len] = '\0';
-}
-
 void zeb_set_last_error(const char *format, ...)
 {
     int saved_errno = errno;
@@ -29,7 +23,7 @@ void zeb_set_last_error(const char *format, ...)
     if (vsnprintf(s_last.text, sizeof(s_last.text), format, args) < 0)
         s_last.text[0] = '\0';
     va_end(args);
-    cut_line_end(s_last.text);
+    zeb_cut_line_end(s_last.text);
     s_last.format = nullptr;
     errno = saved_errno;
 }
@@ -38,6 +32,23 @@ void zeb_note_error(const char *format, zeb_error_args_t args)
 {
     s_last.format = format;
     s_last.args = args;
+}
+
+void zeb_say(const char *format, ...)
+{
+    int saved_errno = errno;
+    char text[ZEB_SAY_LEN + 1]; // and the line end of a text that was cut
+    va_list args;
+    va_start(args, format);
+    int len = vsnprintf(text, ZEB_SAY_LEN, format, args);
+    va_end(args);
+    if (len > 0) {
+        zeb_cut_line_end(text);
+        size_t end = strlen(text);
+        text[end++] = '\n';
+        (void)!write(STDERR_FILENO, text, end);
+    }
+    errno = saved_errno;
 }
 
 void zeb_clear_last_error()
@@ -72,6 +83,7 @@ static const result_text_t RESULT_TEXTS[] = {
     {-EEXIST, "already registered, or the number of the RPC call is in use"},
     {-EINVAL, "a bad argument"},
     {-ENOBUFS, "a fixed table is full"},
+    {-EDEADLK, "called by the log handler"},
     {ETIMEDOUT, "the wait of an RPC call ended just as its last reply came"},
 };
 

@@ -22,6 +22,12 @@ void zeb_note_error(const char *format, zeb_error_args_t args) __attribute__((co
 
 void zeb_clear_last_error();
 
+constexpr int ZEB_SAY_LEN = 640; // bytes of a line on standard error, with the terminator
+
+// Writes one line to standard error in one write, without the stream and its lock: a forked child may do it too. errno
+// is preserved.
+void zeb_say(const char *format, ...) __attribute__((format(printf, 1, 2), cold));
+
 // A log line that says why a call fails. Its text becomes the last error.
 #define ZEB_LOG_WHY(level, ...)                                                                                        \
     do {                                                                                                               \

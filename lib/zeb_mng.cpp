@@ -12,6 +12,7 @@
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
 #include "zeb_handshake_shell.h"
+#include "zeb_log_handler.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_recv.h"
 #include "zeb_rpc.h"
@@ -58,6 +59,7 @@ static void *receive_thread_fun(void *arg)
 static void enter_child() ZEB_NO_THREAD_SAFETY_ANALYSIS
 {
     g_zeb_in_child = g_lib_inited;
+    zeb_log_handler_enter_child();
     if (!g_lib_inited)
         return;
     zeb_each_app_mng([](zeb_app_mng_t *slot) {

@@ -30,7 +30,7 @@ class zeb_error : public lib_test
 TEST_F(zeb_error, every_documented_result_has_a_text_of_its_own)
 {
     std::set<std::string> texts;
-    const int results[] = {0, -1, -ENOENT, -EAGAIN, -EEXIST, -EINVAL, -ENOBUFS, ETIMEDOUT};
+    const int results[] = {0, -1, -ENOENT, -EAGAIN, -EEXIST, -EINVAL, -ENOBUFS, -EDEADLK, ETIMEDOUT};
     for (int result : results)
         texts.insert(zeb_strerror(result));
     EXPECT_EQ(texts.size(), sizeof(results) / sizeof(results[0]));
