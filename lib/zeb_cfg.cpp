@@ -20,6 +20,9 @@ static const char APP_SECTION[] = "[APP_INFO_TBL]";
 static const char APP_MC_SECTION[] = "[APP_MCAST_TBL]";
 static const char MISC_SECTION[] = "[MISC_CONF]";
 
+static const char NODE_ADVICE[] =
+    " Type: mkdir -p /tmp/addr && echo 1 >" ZEB_NODE_ADDR_FILE ", with this node's number 0 to 65535 for 1";
+
 static const char DBG_VARIABLE[] = "ZEB_DEBUG"; // of the environment; comes before the key
 static const char DBG_KEY[] = "zeb_dbg_cfg";
 static const char LOG_SIZE_KEY[] = "zeb_log_size";
@@ -308,16 +311,19 @@ int zeb_read_my_node_id()
     cfg_file_t file(ZEB_NODE_ADDR_FILE);
     if (file.fp == nullptr) {
         ZEB_WARN_WHY("ZEB open node address config file %s failed: %s.\n", ZEB_NODE_ADDR_FILE, strerror(errno));
+        zeb_advise(NODE_ADVICE);
         return NODE_ID_UNKNOWN;
     }
     int node = NODE_ID_UNKNOWN;
     // NOLINTNEXTLINE(cert-err34-c): the range is checked below
     if (fscanf(file.fp, "%d", &node) != 1) {
         ZEB_ERROR_WHY("ZEB get node address config failed.\n");
+        zeb_advise(NODE_ADVICE);
         return NODE_ID_UNKNOWN;
     }
     if (node < 0 || node >= (int)ZEB_NODE_NUM) {
         ZEB_ERROR_WHY("ZEB get node address %d invalid.\n", node);
+        zeb_advise(NODE_ADVICE);
         return NODE_ID_UNKNOWN;
     }
     ZEB_VERBOSE("ZEB get self node config ID %d.\n", node);

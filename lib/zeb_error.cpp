@@ -11,6 +11,7 @@ typedef struct last_error_s {
     char text[ZEB_DBG_LINE_LEN];
     const char *format; // of a text that is not formatted yet, or null
     zeb_error_args_t args;
+    const char *advice; // or null
 } last_error_t;
 
 static thread_local last_error_t s_last;
@@ -25,6 +26,7 @@ void zeb_set_last_error(const char *format, ...)
     va_end(args);
     zeb_cut_line_end(s_last.text);
     s_last.format = nullptr;
+    s_last.advice = nullptr;
     errno = saved_errno;
 }
 
@@ -32,6 +34,7 @@ void zeb_note_error(const char *format, zeb_error_args_t args)
 {
     s_last.format = format;
     s_last.args = args;
+    s_last.advice = nullptr;
 }
 
 void zeb_say(const char *format, ...)
@@ -55,6 +58,17 @@ void zeb_clear_last_error()
 {
     s_last.text[0] = '\0';
     s_last.format = nullptr;
+    s_last.advice = nullptr;
+}
+
+void zeb_advise(const char *advice)
+{
+    s_last.advice = advice;
+}
+
+const char *zeb_advice()
+{
+    return s_last.advice != nullptr ? s_last.advice : "";
 }
 
 const char *zeb_last_error(void)

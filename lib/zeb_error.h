@@ -9,6 +9,7 @@
 #include <zeb/zeb_ext.h>
 
 #include "zeb_dbg.h"
+#include "zeb_log_handler.h"
 
 // Sets this thread's last error, without the line end. errno is preserved.
 void zeb_set_last_error(const char *format, ...) __attribute__((format(printf, 1, 2), cold));
@@ -22,11 +23,25 @@ void zeb_note_error(const char *format, zeb_error_args_t args) __attribute__((co
 
 void zeb_clear_last_error();
 
+// Adds to this thread's last error what to do about it: a literal that begins with a blank, for
+// people alone. The next error takes it away.
+void zeb_advise(const char *advice);
+
+// The advice, which begins with a blank; empty without one.
+const char *zeb_advice();
+
 constexpr int ZEB_SAY_LEN = 640; // bytes of a line on standard error, with the terminator
 
 // Writes one line to standard error in one write, without the stream and its lock: a forked child may do it too. errno
 // is preserved.
 void zeb_say(const char *format, ...) __attribute__((format(printf, 1, 2), cold));
+
+// The same, unless the application takes the log lines itself.
+#define ZEB_SAY_UNHANDLED(...)                                                                                         \
+    do {                                                                                                               \
+        if (!zeb_has_log_handler())                                                                                    \
+            zeb_say(__VA_ARGS__);                                                                                      \
+    } while (0)
 
 // A log line that says why a call fails. Its text becomes the last error.
 #define ZEB_LOG_WHY(level, ...)                                                                                        \

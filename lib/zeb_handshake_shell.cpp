@@ -1,5 +1,6 @@
 #include "zeb_handshake_shell.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -361,6 +362,20 @@ void zeb_handshake_minute()
     zeb_handshake_event([](zeb_handshake_t *hs) { zeb_hs_minute(hs); });
 }
 
+// Two processes of this node may have registered one application: TIPC lets both have its name. A synchronisation of
+// the other one that reaches this process gives both away. Said once.
+static void tell_shared_name(zeb_inst_t peer, uint32_t process_id)
+{
+    static std::atomic<bool> s_told;
+    if (process_id == 0 || process_id == (uint32_t)getpid() || zeb_get_app_mng(peer.app) == nullptr ||
+        peer.node != (uint32_t)zeb_get_my_node_id() || s_told.exchange(true))
+        return;
+    ZEB_SAY_UNHANDLED(
+        "zeb: processes %u and %u of node %u have both registered application %u: end one of them, or give "
+        "it another id. Type: ps -p %u,%u",
+        (uint32_t)getpid(), process_id, peer.node, peer.app, (uint32_t)getpid(), process_id);
+}
+
 // Handles one element of a synchronisation message. Returns false when the value is too short for its type.
 static bool process_sync_item(const zeb_msg_hdr_t *hdr, const zeb_tlv_item_t *item)
 {
@@ -371,6 +386,7 @@ static bool process_sync_item(const zeb_msg_hdr_t *hdr, const zeb_tlv_item_t *it
     case ZEB_MSG_SYNC_INST:
         if (!zeb_get_sync_inst(item, &body.sync))
             return false;
+        tell_shared_name(peer, body.sync.id);
         zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_recv_sync(hs, my_app, peer, hdr->zeb_ver, &body.sync); });
         return true;
     case ZEB_MSG_SYNC_INST_ACK:

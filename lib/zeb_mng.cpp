@@ -150,10 +150,12 @@ int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatc
     }
     if (g_zeb_mng.running) {
         ZEB_ERROR_WHY("ZEB had already running, and app %d can not be registered.\n", app);
+        zeb_advise(" Register it before zeb_run.");
         return -1;
     }
     if (zeb_get_app_mng(app) != nullptr) {
         ZEB_ERROR_WHY("ZEB app %d has already registered.\n", app);
+        zeb_advise(" This process registers it twice: give each application an id of its own.");
         return -EEXIST;
     }
     ZEB_INFO("ZEB add new app %d mgmt.\n", app);

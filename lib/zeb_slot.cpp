@@ -52,6 +52,7 @@ void zeb_wait_for_running()
 bool zeb_refuse_child(const char *call)
 {
     ZEB_ERROR_WHY("ZEB %s called in a child of the process that runs the library.\n", call);
+    zeb_advise(" Let the child exec, or fork before the first registration.");
     return true;
 }
 

@@ -16,11 +16,22 @@
 
 constexpr uint32_t TIMER_NAME_TYPE = 1; // the type of the topology service; nobody publishes its instance 0
 
+// What to do about a socket that cannot be made.
+static void advise(int err)
+{
+    if (err == EAFNOSUPPORT)
+        zeb_advise(" The kernel has no TIPC. Type: modprobe tipc");
+    else if (err == EMFILE)
+        zeb_advise(" The process has too many files open. Type before you start it: ulimit -n 4096");
+}
+
 int zeb_create_subscription_socket()
 {
     int sd = socket(AF_TIPC, SOCK_SEQPACKET, 0);
     if (sd == -1) {
-        ZEB_ERROR_WHY("ZEB create subscription socket descriptor failed: %s.\n", strerror(errno));
+        int err = errno;
+        ZEB_ERROR_WHY("ZEB create subscription socket descriptor failed: %s.\n", strerror(err));
+        advise(err);
         return -1;
     }
     if (zeb_set_fd_close_on_exec(sd) != 0) {
@@ -60,7 +71,9 @@ int zeb_create_app_socket(uint32_t app, int priority)
 {
     int sd = socket(AF_TIPC, SOCK_RDM, 0);
     if (sd == -1) {
-        ZEB_ERROR_WHY("ZEB create app %d socket failed: %s.\n", app, strerror(errno));
+        int err = errno;
+        ZEB_ERROR_WHY("ZEB create app %d socket failed: %s.\n", app, strerror(err));
+        advise(err);
         return -1;
     }
     if (zeb_set_fd_close_on_exec(sd) != 0 || !set_app_socket_options(app, sd, priority)) {

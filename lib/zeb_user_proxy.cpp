@@ -50,12 +50,20 @@ static int zeb_app_register(uint32_t app, const char *app_name, const zeb_msg_di
     return 0;
 }
 
+// Tells people who see neither log lines nor results why the application does not come up.
+static int tell_result(uint32_t app, int ret)
+{
+    if (ret != 0)
+        ZEB_SAY_UNHANDLED("zeb: application %u is not registered: %s%s", app, zeb_last_error(), zeb_advice());
+    return ret;
+}
+
 int zeb_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
 {
     zeb_clear_last_error();
     if (zeb_in_child("zeb_register"))
-        return -EPERM;
-    return zeb_app_register(app, app_name, dispatcher, event, true);
+        return tell_result(app, -EPERM);
+    return tell_result(app, zeb_app_register(app, app_name, dispatcher, event, true));
 }
 
 int zeb_register_without_thread(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
@@ -63,8 +71,8 @@ int zeb_register_without_thread(uint32_t app, const char *app_name, const zeb_ms
 {
     zeb_clear_last_error();
     if (zeb_in_child("zeb_register_without_thread"))
-        return -EPERM;
-    return zeb_app_register(app, app_name, dispatcher, event, false);
+        return tell_result(app, -EPERM);
+    return tell_result(app, zeb_app_register(app, app_name, dispatcher, event, false));
 }
 
 int zeb_unregister(uint32_t app)

@@ -1,4 +1,4 @@
-// Texts of results, and why a call failed.
+// Texts of results, why a call failed, and what standard error says of it.
 #include "lib_test.h"
 
 #include "zeb_error.h"
@@ -6,6 +6,7 @@
 
 #include <set>
 #include <thread>
+#include <unistd.h>
 
 using testing::HasSubstr;
 
@@ -255,4 +256,138 @@ TEST_F(zeb_error, a_text_is_cut_at_255_characters_and_keeps_errno)
     zeb_set_last_error("%s\n", std::string(400, 'x').c_str());
     EXPECT_EQ(errno, EHOSTUNREACH);
     EXPECT_EQ(std::string(zeb_last_error()), std::string(255, 'x'));
+}
+
+// What `run` has the library write to standard error.
+static std::string said(const std::function<void()> &run)
+{
+    testing::internal::CaptureStderr();
+    run();
+    return testing::internal::GetCapturedStderr();
+}
+
+class zeb_error_said : public lib_test
+{
+};
+
+TEST_F(zeb_error_said, a_kernel_without_tipc_is_one_line_that_names_modprobe)
+{
+    fault::fail_next("socket", EAFNOSUPPORT);
+    EXPECT_EQ(
+        said([] { EXPECT_EQ(add_app(APP), -1); }),
+        "zeb: application 100 is not registered: ZEB create subscription socket descriptor failed: Address family "
+        "not supported by protocol. The kernel has no TIPC. Type: modprobe tipc\n");
+    fault::fail_next("socket", EAFNOSUPPORT, 1, 1);
+    EXPECT_THAT(said([] { EXPECT_EQ(add_app(APP), -EAGAIN); }),
+                testing::AllOf(HasSubstr("ZEB create app 100 socket failed"), HasSubstr("Type: modprobe tipc\n")));
+    fault::fail_next("socket", EMFILE);
+    EXPECT_THAT(said([] { EXPECT_EQ(add_app(APP), -EAGAIN); }), HasSubstr("ulimit -n"));
+    fault::fail_next("setsockopt", EINVAL);
+    EXPECT_EQ(said([] { EXPECT_EQ(add_app(APP), -EAGAIN); }),
+              "zeb: application 100 is not registered: ZEB set app 100 socket priority 0 failed: Invalid argument.\n")
+        << "the advice is not that of an earlier failure";
+    EXPECT_EQ(said([] { EXPECT_EQ(add_app(APP), 0); }), "") << "a registration that succeeds says nothing";
+}
+
+TEST_F(zeb_error_said, a_missing_node_id_is_one_line_with_its_path)
+{
+    no_node();
+    EXPECT_EQ(
+        said([] { EXPECT_EQ(zeb_register(APP, "test", NO_DISPATCHER, nullptr), -1); }),
+        "zeb: application 100 is not registered: ZEB open node address config file /tmp/addr/.zeb_node_addr failed: "
+        "No such file or directory. Type: mkdir -p /tmp/addr && echo 1 >/tmp/addr/.zeb_node_addr, with this node's "
+        "number 0 to 65535 for 1\n");
+    write_node("70000");
+    EXPECT_THAT(said([] { EXPECT_EQ(add_app(APP), -1); }),
+                testing::AllOf(HasSubstr("ZEB get node address 70000 invalid. Type: "), testing::EndsWith(" for 1\n")));
+    EXPECT_EQ(said([] { EXPECT_EQ(zeb_cfg_init(), -1); }), "") << "only a registration says so";
+}
+
+TEST_F(zeb_error_said, a_registration_that_is_refused_is_one_line)
+{
+    EXPECT_EQ(said([] { EXPECT_EQ(add_app(8192), -EINVAL); }),
+              "zeb: application 8192 is not registered: ZEB app registered with invalid ID 8192.\n");
+    ASSERT_EQ(add_app(APP), 0);
+    EXPECT_EQ(said([] { EXPECT_EQ(add_app(APP), -EEXIST); }),
+              "zeb: application 100 is not registered: ZEB app 100 has already registered. This process registers it "
+              "twice: give each application an id of its own.\n");
+    zeb_run();
+    EXPECT_EQ(said([] { EXPECT_EQ(add_app(101), -1); }),
+              "zeb: application 101 is not registered: ZEB had already running, and app 101 can not be registered. "
+              "Register it before zeb_run.\n");
+}
+
+TEST_F(zeb_error_said, a_log_handler_keeps_standard_error_silent)
+{
+    auto handler = [](void *, int, const char *, int, const struct timespec *, const char *) {};
+    ASSERT_EQ(zeb_set_log_handler(handler, nullptr), 0);
+    EXPECT_EQ(said([] { EXPECT_EQ(add_app(8192), -EINVAL); }), "");
+    ASSERT_EQ(zeb_set_log_handler(nullptr, nullptr), 0);
+    EXPECT_NE(said([] { EXPECT_EQ(add_app(8192), -EINVAL); }), "");
+}
+
+TEST_F(zeb_error_said, a_name_that_cannot_be_taken_is_said_before_the_process_ends)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe"; // there are threads, which a fork would leave half-way
+    EXPECT_EXIT(
+        {
+            start_app();
+            fault::fail_next("bind", EACCES);
+            zeb_run();
+            for (;;)
+                (void)pause(); // the library's own thread ends the process
+        },
+        testing::ExitedWithCode(1),
+        "zeb: application 100 cannot take its name, and the process ends: ZEB app 100 bind socket [0-9]+ failed: "
+        "Permission denied\\.");
+}
+
+TEST_F(zeb_error_said, two_processes_of_a_node_that_share_an_application_are_named_once)
+{
+    start_app();
+    peer_published(NODE, APP);
+    peer_t other = other_process(4711);
+    other.node = NODE;
+    other.app = APP;
+    std::string pid = std::to_string(getpid());
+    EXPECT_EQ(said([&] {
+                  peer_syncs(1, other);
+                  peer_syncs(2, other);
+              }),
+              "zeb: processes " + pid +
+                  " and 4711 of node 7 have both registered application 100: end one of them, or "
+                  "give it another id. Type: ps -p " +
+                  pid + ",4711\n");
+}
+
+TEST_F(zeb_error_said, nothing_is_said_of_peers_and_of_this_process_itself)
+{
+    start_app();
+    peer_published(NODE, APP);
+    peer_t self = other_process((uint32_t)getpid());
+    self.node = NODE;
+    self.app = APP;
+    peer_t unnamed = self;
+    unnamed.id = 0;
+    peer_t elsewhere = other_process(4711);
+    elsewhere.app = APP;
+    peer_t neighbour = other_process(4711);
+    neighbour.node = NODE;
+    EXPECT_EQ(said([&] {
+                  for (const peer_t &peer : {self, unnamed, elsewhere, neighbour})
+                      peer_syncs(1, peer);
+              }),
+              "");
+}
+
+TEST_F(zeb_error_said, a_line_is_cut_and_ends_its_line)
+{
+    std::string line = said([] { zeb_say("%s\n", std::string(2000, 'x').c_str()); });
+    EXPECT_EQ(line, std::string(639, 'x') + "\n");
+    EXPECT_EQ(said([] {
+                  errno = EHOSTUNREACH;
+                  zeb_say("ZEB %d.\n", 5);
+                  EXPECT_EQ(errno, EHOSTUNREACH);
+              }),
+              "ZEB 5.\n");
 }
