@@ -215,13 +215,16 @@ void zeb_dump_msg_raw(const void *data, int len)
         return;
     const signed char *bytes = (const signed char *)data;
     printf("=== ZEB message raw data len %d ===\n", len);
-    for (int i = 0; i < len; i++) {
+    int shown = len < ZEB_DUMP_LEN ? len : ZEB_DUMP_LEN;
+    for (int i = 0; i < shown; i++) {
         // Signed on purpose: 0x9c prints as ffffff9c.
         printf(" %02x", (unsigned)bytes[i]);
         if (i % 16 == 15)
             printf("\n");
     }
     printf("\n");
+    if (shown < len)
+        printf("=== cut after %d bytes ===\n", shown);
 }
 
 void zeb_buf_printf_reset(void)

@@ -11,6 +11,7 @@
 
 constexpr int ZEB_DBG_LINE_LEN = 256;     // a log line or one zeb_buf_printf text, with the terminator
 constexpr int ZEB_PRINT_BUF_LEN = 16384;  // the print buffer, with its list link
+constexpr int ZEB_DUMP_LEN = 256;         // bytes of a raw dump: a peer must not fill the output
 constexpr uint32_t ZEB_DBG_MASK_ALL = 15; // mask of ZEB_DBG_LEVEL_ALL
 
 extern "C" {

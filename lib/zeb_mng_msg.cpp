@@ -34,6 +34,12 @@ uint32_t zeb_get_seq()
     return s_seq.load(std::memory_order_relaxed);
 }
 
+bool zeb_refuse_msg_len(uint32_t src_app, uint32_t len)
+{
+    ZEB_ERROR_WHY("ZEB app %d msg len %u invalid, not %d to %d.\n", src_app, len, ZEB_MSG_HDR_LEN, ZEB_MSG_LEN_MAX);
+    return false;
+}
+
 static bool write_again(int err)
 {
     return err == EINTR || err == ENOMEM || err == ENOBUFS;

@@ -335,6 +335,8 @@ int zeb_rpc_answer(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags)
         ZEB_WARN_WHY("ZEB reply msg src is not RPC.\n");
         return -EINVAL;
     }
+    if (reply_msg != nullptr && !zeb_check_msg_len(src_msg->hdr.dst_app, reply_msg))
+        return -EINVAL;
     int ret = reply_msg != nullptr ? send_answer(src_msg, reply_msg, ZEB_SUCCESS)
                                    : zeb_rpc_reply_error(src_msg, ZEB_SYSTEM_ERR);
     if (ret != 0)

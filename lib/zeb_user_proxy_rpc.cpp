@@ -28,7 +28,7 @@ static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, const zeb_r
         ZEB_ERROR_WHY("ZEB app %d RPC msg or reply buffer NULL.\n", src_app);
         return -EINVAL;
     }
-    return 0;
+    return zeb_check_msg_len(src_app, msg) ? 0 : -EINVAL;
 }
 
 // Records every addressed instance of one member (`place` of `apps`) as pending. Returns their number, or the error of

@@ -27,7 +27,7 @@ static int zeb_check_send_arg(uint32_t src_app, const zeb_msg_t *msg)
         ZEB_ERROR_WHY("ZEB app %d send msg NULL.\n", src_app);
         return -EINVAL;
     }
-    return 0;
+    return zeb_check_msg_len(src_app, msg) ? 0 : -EINVAL;
 }
 
 void zeb_name_dst(zeb_dst_t *dst, uint32_t src_app, zeb_inst_t named, int flags)
