@@ -254,6 +254,8 @@ int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
     return 0;
 }
 
+static bool s_subscribed ZEB_GUARDED_BY(g_lib_mutex); // to the applications that were named by then
+
 int zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
 {
     if (zeb_get_app_mng(src_app) == nullptr) {
@@ -261,7 +263,13 @@ int zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
         return -ENOENT;
     }
     zeb_scoped_lock lock(&g_lib_mutex);
-    return __zeb_add_comm_app(src_app, dst_app);
+    uint32_t before = g_zeb_handshake.ol_app_changes.load(std::memory_order_relaxed);
+    int ret = __zeb_add_comm_app(src_app, dst_app);
+    if (s_subscribed && g_zeb_handshake.ol_app_changes.load(std::memory_order_relaxed) != before)
+        ZEB_WARN(
+            "ZEB app %d named %d after the start: not subscribed to until the topology connection is next opened.\n",
+            src_app, dst_app);
+    return ret;
 }
 
 void zeb_del_comm_app(uint32_t src_app)
@@ -335,6 +343,7 @@ void zeb_subscr_tipc_events()
         (void)zeb_subscr_app_events(zeb_tipc_instance({ol->app_id, 0}), zeb_tipc_instance({ol->app_id, 0xFFFF}),
                                     TIPC_WAIT_FOREVER);
     });
+    s_subscribed = true;
 }
 
 void zeb_inst_published(zeb_inst_t inst)
