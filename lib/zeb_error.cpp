@@ -1,5 +1,6 @@
 #include "zeb_error.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -37,16 +38,26 @@ void zeb_note_error(const char *format, zeb_error_args_t args)
     s_last.advice = nullptr;
 }
 
+// True when the line is the one that was said last. A program that tries again and again must not fill its output.
+static bool said_last(const char *text)
+{
+    static std::atomic<uint64_t> s_last_said;
+    uint64_t hash = 14695981039346656037u; // FNV-1a
+    for (const char *p = text; *p != '\0'; p++)
+        hash = (hash ^ (unsigned char)*p) * 1099511628211u;
+    return s_last_said.exchange(hash, std::memory_order_relaxed) == hash;
+}
+
 void zeb_say(const char *format, ...)
 {
     int saved_errno = errno;
-    char text[ZEB_SAY_LEN + 1]; // and the line end of a text that was cut
+    char text[ZEB_SAY_LEN + 1] = ""; // and the line end of a text that was cut
     va_list args;
     va_start(args, format);
     int len = vsnprintf(text, ZEB_SAY_LEN, format, args);
     va_end(args);
-    if (len > 0) {
-        zeb_cut_line_end(text);
+    zeb_cut_line_end(text);
+    if (len > 0 && !said_last(text)) {
         size_t end = strlen(text);
         text[end++] = '\n';
         (void)!write(STDERR_FILENO, text, end);

@@ -32,8 +32,8 @@ const char *zeb_advice();
 
 constexpr int ZEB_SAY_LEN = 640; // bytes of a line on standard error, with the terminator
 
-// Writes one line to standard error in one write, without the stream and its lock: a forked child may do it too. errno
-// is preserved.
+// Writes one line to standard error, unless it is the one that was written last. In one write, without the stream and
+// its lock: a forked child may do it too. errno is preserved.
 void zeb_say(const char *format, ...) __attribute__((format(printf, 1, 2), cold));
 
 // The same, unless the application takes the log lines itself.

@@ -14,8 +14,9 @@ extern "C" {
 /* Errors and log lines. These calls work before the first registration, after it, and in a forked child.
  *
  * Without any of them, a registration or a start that fails and a name that cannot be taken put one line on standard
- * error that says why and what to type, unless there is a log handler. ZEB_DEBUG=error,warn in the environment of the
- * process sets the first debug mask by the names of the levels: error, warn, info, verbose, none. */
+ * error that says why and what to type, unless there is a log handler; the same line is not repeated.
+ * ZEB_DEBUG=error,warn in the environment of the process sets the first debug mask by the names of the levels: error,
+ * warn, info, verbose, none. */
 
 /* The text of a result as this library means it: for -2 it speaks of a missing registration or server, not of a
  * file. `result` is any number; an unknown one has a text too. Never null. The text belongs to the library and is valid

@@ -4,6 +4,7 @@
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 
+#include <algorithm>
 #include <set>
 #include <thread>
 #include <unistd.h>
@@ -324,6 +325,17 @@ TEST_F(zeb_error_said, a_log_handler_keeps_standard_error_silent)
     EXPECT_EQ(said([] { EXPECT_EQ(add_app(8192), -EINVAL); }), "");
     ASSERT_EQ(zeb_set_log_handler(nullptr, nullptr), 0);
     EXPECT_NE(said([] { EXPECT_EQ(add_app(8192), -EINVAL); }), "");
+}
+
+TEST_F(zeb_error_said, a_registration_that_is_tried_again_and_again_is_said_once)
+{
+    no_node();
+    std::string once = said([] {
+        for (int i = 0; i < 3; i++)
+            EXPECT_EQ(add_app(APP), -1);
+    });
+    EXPECT_EQ(std::count(once.begin(), once.end(), '\n'), 1) << once;
+    EXPECT_NE(said([] { EXPECT_EQ(add_app(101), -1); }), "") << "another one is news";
 }
 
 TEST_F(zeb_error_said, a_name_that_cannot_be_taken_is_said_before_the_process_ends)
