@@ -68,7 +68,7 @@ TEST_F(zeb_log_handler, is_given_level_place_time_and_text_and_the_line_is_print
     ASSERT_EQ(given_.size(), 1u);
     EXPECT_EQ(given_[0].level, 3);
     EXPECT_EQ(given_[0].file, "zeb_log_handler_test.cpp");
-    EXPECT_EQ(given_[0].line, line);
+    EXPECT_EQ(given_[0].line, line + 1);
     EXPECT_EQ(given_[0].text, "ZEB 50% of it");
     EXPECT_GE(given_[0].time.tv_sec, before.tv_sec);
     EXPECT_LE(given_[0].time.tv_sec, after.tv_sec);
