@@ -10,6 +10,7 @@
 #include "platform/list_algo.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_tipc.h"
 #include "zeb_rpc.h"
@@ -68,13 +69,13 @@ static bool init_queue(zeb_app_info_t *app_info)
     uint32_t app = app_info->app_id;
     return zeb_mutex_cond_init(&app_info->mutex, &app_info->msg_cond, [app](zeb_init_step_t step, int err) {
         if (step == ZEB_INIT_STEP_MUTEX)
-            ZEB_ERROR("ZEB init app %d info mutex failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d info mutex failed: %s.\n", app, strerror(err));
         else if (step == ZEB_INIT_STEP_ATTR)
-            ZEB_ERROR("ZEB init app %d condition attribute failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d condition attribute failed: %s.\n", app, strerror(err));
         else if (step == ZEB_INIT_STEP_CLOCK)
-            ZEB_ERROR("ZEB set app %d condition clock attribute failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB set app %d condition clock attribute failed: %s.\n", app, strerror(err));
         else
-            ZEB_ERROR("ZEB init app %d msg distribute condition failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d msg distribute condition failed: %s.\n", app, strerror(err));
     });
 }
 
@@ -83,7 +84,7 @@ static bool start_proxy_thread(zeb_app_info_t *app_info)
     int ret = pthread_create(&app_info->tid, nullptr, zeb_proxy_thread_fun, app_info);
     if (ret == 0)
         return true;
-    ZEB_ERROR("ZEB create app %d proxy thread failed: %s.\n", app_info->app_id, strerror(ret));
+    ZEB_ERROR_WHY("ZEB create app %d proxy thread failed: %s.\n", app_info->app_id, strerror(ret));
     zeb_cond_destroy(&app_info->msg_cond);
     zeb_mutex_destroy(&app_info->mutex);
     return false;

@@ -9,6 +9,7 @@
 #include <pthread.h>
 
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_dm.h"
 #include "zeb_lock.h"
 
@@ -19,6 +20,10 @@ static const char APP_SECTION[] = "[APP_INFO_TBL]";
 static const char APP_MC_SECTION[] = "[APP_MCAST_TBL]";
 static const char MISC_SECTION[] = "[MISC_CONF]";
 
+static const char NODE_ADVICE[] =
+    " Type: mkdir -p /tmp/addr && echo 1 >" ZEB_NODE_ADDR_FILE ", with this node's number 0 to 65535 for 1";
+
+static const char DBG_VARIABLE[] = "ZEB_DEBUG"; // of the environment; comes before the key
 static const char DBG_KEY[] = "zeb_dbg_cfg";
 static const char LOG_SIZE_KEY[] = "zeb_log_size";
 static const char LOG_KEY[] = "zeb_log_cfg";
@@ -305,17 +310,20 @@ int zeb_read_my_node_id()
 {
     cfg_file_t file(ZEB_NODE_ADDR_FILE);
     if (file.fp == nullptr) {
-        ZEB_WARN("ZEB open node address config file %s failed: %s.\n", ZEB_NODE_ADDR_FILE, strerror(errno));
+        ZEB_WARN_WHY("ZEB open node address config file %s failed: %s.\n", ZEB_NODE_ADDR_FILE, strerror(errno));
+        zeb_advise(NODE_ADVICE);
         return NODE_ID_UNKNOWN;
     }
     int node = NODE_ID_UNKNOWN;
     // NOLINTNEXTLINE(cert-err34-c): the range is checked below
     if (fscanf(file.fp, "%d", &node) != 1) {
-        ZEB_ERROR("ZEB get node address config failed.\n");
+        ZEB_ERROR_WHY("ZEB get node address config failed.\n");
+        zeb_advise(NODE_ADVICE);
         return NODE_ID_UNKNOWN;
     }
     if (node < 0 || node >= (int)ZEB_NODE_NUM) {
-        ZEB_ERROR("ZEB get node address %d invalid.\n", node);
+        ZEB_ERROR_WHY("ZEB get node address %d invalid.\n", node);
+        zeb_advise(NODE_ADVICE);
         return NODE_ID_UNKNOWN;
     }
     ZEB_VERBOSE("ZEB get self node config ID %d.\n", node);
@@ -333,19 +341,69 @@ int zeb_get_my_node_id(void)
     return node;
 }
 
+typedef struct mask_word_s {
+    const char *word;
+    uint32_t mask;
+} mask_word_t;
+
+static const mask_word_t MASK_WORDS[] = {{"verbose", 1u << ZEB_DBG_LEVEL_VERBOSE},
+                                         {"info", 1u << ZEB_DBG_LEVEL_INFO},
+                                         {"warn", 1u << ZEB_DBG_LEVEL_WARN},
+                                         {"error", 1u << ZEB_DBG_LEVEL_ERROR},
+                                         {"none", 0}};
+
+// Adds what a word of ZEB_DEBUG stands for. An unknown word is named on standard error; false.
+static bool add_mask_word(const char *word, int len, uint32_t *mask)
+{
+    for (const mask_word_t &entry : MASK_WORDS) {
+        if (strlen(entry.word) == (size_t)len && strncmp(entry.word, word, (size_t)len) == 0) {
+            *mask |= entry.mask;
+            return true;
+        }
+    }
+    zeb_say("zeb: ZEB_DEBUG does not know \"%.*s\": write error, warn, info, verbose or none, with commas between", len,
+            word);
+    return false;
+}
+
+// The debug mask that the environment asks for. False when it names no level.
+static bool get_env_mask(uint32_t *mask)
+{
+    static const char separators[] = ", ";
+    const char *text = getenv(DBG_VARIABLE);
+    bool named = false;
+    *mask = 0;
+    while (text != nullptr && *text != '\0') {
+        size_t len = strcspn(text, separators);
+        if (len != 0 && add_mask_word(text, (int)len, mask))
+            named = true;
+        text += len + (text[len] != '\0' ? 1 : 0);
+    }
+    return named;
+}
+
 // Loads the debug mask first, so that it applies to the log lines of the later lookups.
 static void init_masks()
 {
-    zeb_store_relaxed(&g_zeb_dbg_level, zeb_get_dbg_cfg() & ZEB_DBG_MASK_ALL);
+    uint32_t mask = 0;
+    if (!get_env_mask(&mask))
+        mask = zeb_get_dbg_cfg() & ZEB_DBG_MASK_ALL;
+    zeb_store_relaxed(&g_zeb_dbg_level, mask);
     zeb_store_relaxed(&g_zeb_log_level, zeb_get_log_cfg() & ZEB_DBG_MASK_ALL);
     if (zeb_load_relaxed(&g_zeb_log_level) != 0)
         zeb_dm_init();
     zeb_set_log_size(zeb_get_log_size());
 }
 
-int zeb_cfg_init(void)
+int zeb_load_cfg()
 {
     int ret = pthread_once(&s_cfg_once, init_masks);
     assert(ret == 0);
     return zeb_get_my_node_id() == NODE_ID_UNKNOWN ? -1 : 0;
+}
+
+int zeb_cfg_init(void)
+{
+    zeb_clear_last_error();
+    return zeb_load_cfg();
 }

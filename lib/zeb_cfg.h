@@ -40,6 +40,9 @@ int zeb_get_misc_cfg(const char *key, char *out, size_t len);
 // Returns the node id that the node-address file holds now, or -1.
 int zeb_read_my_node_id();
 
+// zeb_cfg_init for a caller whose last error it must not empty.
+int zeb_load_cfg();
+
 // Return the numeric value of their key, 0 when it is absent.
 uint32_t zeb_get_dbg_cfg();
 uint32_t zeb_get_log_cfg();

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "zeb_log_handler.h"
 #include "zeb_wire.h"
 
 uint32_t g_zeb_dbg_level;
@@ -42,10 +43,17 @@ void zeb_set_log_sink(zeb_log_sink_t sink)
     s_sink.store(sink, std::memory_order_release);
 }
 
+void zeb_cut_line_end(char *text)
+{
+    size_t len = strlen(text);
+    while (len != 0 && (text[len - 1] == '\n' || text[len - 1] == '\r'))
+        text[--len] = '\0';
+}
+
 void zeb_vlog_line(zeb_dbg_level_t level, const char *file, int line, const char *format, va_list args)
 {
     int saved_errno = errno;
-    char text[ZEB_DBG_LINE_LEN];
+    char text[ZEB_DBG_LINE_LEN] = "";
     int prefix = snprintf(text, sizeof(text), "<%s, %d> %d: ", file, line, (int)level);
     if (prefix >= 0 && prefix < ZEB_DBG_LINE_LEN)
         (void)vsnprintf(text + prefix, sizeof(text) - (size_t)prefix, format, args);
@@ -54,6 +62,10 @@ void zeb_vlog_line(zeb_dbg_level_t level, const char *file, int line, const char
     zeb_log_sink_t sink = s_sink.load(std::memory_order_acquire);
     if (sink != nullptr && (zeb_load_relaxed(&g_zeb_log_level) & (1u << level)) != 0)
         sink(text);
+    if (prefix >= 0 && prefix < ZEB_DBG_LINE_LEN && zeb_log_on(level)) {
+        zeb_cut_line_end(text + prefix);
+        zeb_handle_log_line(level, file, line, text + prefix);
+    }
     errno = saved_errno;
 }
 
@@ -203,13 +215,16 @@ void zeb_dump_msg_raw(const void *data, int len)
         return;
     const signed char *bytes = (const signed char *)data;
     printf("=== ZEB message raw data len %d ===\n", len);
-    for (int i = 0; i < len; i++) {
+    int shown = len < ZEB_DUMP_LEN ? len : ZEB_DUMP_LEN;
+    for (int i = 0; i < shown; i++) {
         // Signed on purpose: 0x9c prints as ffffff9c.
         printf(" %02x", (unsigned)bytes[i]);
         if (i % 16 == 15)
             printf("\n");
     }
     printf("\n");
+    if (shown < len)
+        printf("=== cut after %d bytes ===\n", shown);
 }
 
 void zeb_buf_printf_reset(void)

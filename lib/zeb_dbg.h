@@ -11,6 +11,7 @@
 
 constexpr int ZEB_DBG_LINE_LEN = 256;     // a log line or one zeb_buf_printf text, with the terminator
 constexpr int ZEB_PRINT_BUF_LEN = 16384;  // the print buffer, with its list link
+constexpr int ZEB_DUMP_LEN = 256;         // bytes of a raw dump: a peer must not fill the output
 constexpr uint32_t ZEB_DBG_MASK_ALL = 15; // mask of ZEB_DBG_LEVEL_ALL
 
 extern "C" {
@@ -36,11 +37,15 @@ static inline bool zeb_log_on(zeb_dbg_level_t level)
     return (mask & (1u << level)) != 0;
 }
 
-// Format one line and pass it to the outputs whose mask has `level`. errno is preserved.
+// Format one line and pass it to the outputs whose mask has `level`, and to the application's handler. errno is
+// preserved.
 void zeb_log_line(zeb_dbg_level_t level, const char *file, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5), cold));
 void zeb_vlog_line(zeb_dbg_level_t level, const char *file, int line, const char *format, va_list args)
     __attribute__((format(printf, 4, 0), cold));
+
+// Takes the line end off a text.
+void zeb_cut_line_end(char *text);
 
 // Records a formatted line of a recorded level. The sink is set once there is a file to record in.
 typedef void (*zeb_log_sink_t)(const char *line);

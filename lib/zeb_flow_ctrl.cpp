@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_msg_mng.h"
 
@@ -12,13 +13,13 @@ static bool init_waiting(zeb_fc_t *fc, uint32_t app)
 {
     return zeb_mutex_cond_init(&fc->mutex, &fc->cond, [app](zeb_init_step_t step, int err) {
         if (step == ZEB_INIT_STEP_MUTEX)
-            ZEB_ERROR("ZEB init app %d flow ctrl condition mutex failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d flow ctrl condition mutex failed: %s.\n", app, strerror(err));
         else if (step == ZEB_INIT_STEP_ATTR)
-            ZEB_ERROR("ZEB init app %d flow ctrl condition attribute failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d flow ctrl condition attribute failed: %s.\n", app, strerror(err));
         else if (step == ZEB_INIT_STEP_CLOCK)
-            ZEB_ERROR("ZEB init app %d flow ctrl condition clock attribute failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d flow ctrl condition clock attribute failed: %s.\n", app, strerror(err));
         else
-            ZEB_ERROR("ZEB init app %d flow ctrl condition failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d flow ctrl condition failed: %s.\n", app, strerror(err));
     });
 }
 

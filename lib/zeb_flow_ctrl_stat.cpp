@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_slot.h"
 #include "zeb_wire.h"
 
@@ -13,7 +14,7 @@ zeb_mng_stat_t *zeb_add_mng_stat(uint32_t app)
     zeb_mng_stat_t *stat = (zeb_mng_stat_t *)zeb_malloc(sizeof(zeb_mng_stat_t));
     int ret = zeb_mutex_init(&stat->mutex);
     if (ret != 0) {
-        ZEB_ERROR("ZEB init app %d flow ctrl condition mutex failed: %s.\n", app, strerror(ret));
+        ZEB_ERROR_WHY("ZEB init app %d flow ctrl condition mutex failed: %s.\n", app, strerror(ret));
         free(stat);
         return nullptr;
     }

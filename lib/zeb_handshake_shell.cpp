@@ -1,5 +1,6 @@
 #include "zeb_handshake_shell.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -9,6 +10,7 @@
 #include "platform/list_algo.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
 #include "zeb_mng_msg.h"
@@ -252,14 +254,22 @@ int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
     return 0;
 }
 
+static bool s_subscribed ZEB_GUARDED_BY(g_lib_mutex); // to the applications that were named by then
+
 int zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
 {
     if (zeb_get_app_mng(src_app) == nullptr) {
-        ZEB_ERROR("ZEB app %d does not registered.\n", src_app);
+        ZEB_ERROR_WHY("ZEB app %d does not registered.\n", src_app);
         return -ENOENT;
     }
     zeb_scoped_lock lock(&g_lib_mutex);
-    return __zeb_add_comm_app(src_app, dst_app);
+    uint32_t before = g_zeb_handshake.ol_app_changes.load(std::memory_order_relaxed);
+    int ret = __zeb_add_comm_app(src_app, dst_app);
+    if (s_subscribed && g_zeb_handshake.ol_app_changes.load(std::memory_order_relaxed) != before)
+        ZEB_WARN(
+            "ZEB app %d named %d after the start: not subscribed to until the topology connection is next opened.\n",
+            src_app, dst_app);
+    return ret;
 }
 
 void zeb_del_comm_app(uint32_t src_app)
@@ -333,6 +343,7 @@ void zeb_subscr_tipc_events()
         (void)zeb_subscr_app_events(zeb_tipc_instance({ol->app_id, 0}), zeb_tipc_instance({ol->app_id, 0xFFFF}),
                                     TIPC_WAIT_FOREVER);
     });
+    s_subscribed = true;
 }
 
 void zeb_inst_published(zeb_inst_t inst)
@@ -360,6 +371,20 @@ void zeb_handshake_minute()
     zeb_handshake_event([](zeb_handshake_t *hs) { zeb_hs_minute(hs); });
 }
 
+// Two processes of this node may have registered one application: TIPC lets both have its name. A synchronisation of
+// the other one that reaches this process gives both away. Said once.
+static void tell_shared_name(zeb_inst_t peer, uint32_t process_id)
+{
+    static std::atomic<bool> s_told;
+    if (process_id == 0 || process_id == (uint32_t)getpid() || zeb_get_app_mng(peer.app) == nullptr ||
+        peer.node != (uint32_t)zeb_get_my_node_id() || s_told.exchange(true))
+        return;
+    ZEB_SAY_UNHANDLED(
+        "zeb: processes %u and %u of node %u have both registered application %u: end one of them, or give "
+        "it another id. Type: ps -p %u,%u",
+        (uint32_t)getpid(), process_id, peer.node, peer.app, (uint32_t)getpid(), process_id);
+}
+
 // Handles one element of a synchronisation message. Returns false when the value is too short for its type.
 static bool process_sync_item(const zeb_msg_hdr_t *hdr, const zeb_tlv_item_t *item)
 {
@@ -370,6 +395,7 @@ static bool process_sync_item(const zeb_msg_hdr_t *hdr, const zeb_tlv_item_t *it
     case ZEB_MSG_SYNC_INST:
         if (!zeb_get_sync_inst(item, &body.sync))
             return false;
+        tell_shared_name(peer, body.sync.id);
         zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_recv_sync(hs, my_app, peer, hdr->zeb_ver, &body.sync); });
         return true;
     case ZEB_MSG_SYNC_INST_ACK:

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_slot.h"
 
 constexpr int32_t APP_MC_ID_FIRST = 12288;
@@ -84,7 +85,7 @@ static zeb_mc_t *get_mc(uint32_t src_app)
     zeb_app_mng_t *slot = zeb_get_app_mng(src_app);
     if (slot != nullptr)
         return slot->mc;
-    ZEB_ERROR("ZEB app %d does not registered.\n", src_app);
+    ZEB_ERROR_WHY("ZEB app %d does not registered.\n", src_app);
     return nullptr;
 }
 
@@ -100,7 +101,7 @@ static typename Kind::group_t *get_group(zeb_mc_t *mc, uint32_t mc_id) ZEB_REQUI
 {
     typename Kind::group_t *group = find_group<Kind>(mc, mc_id);
     if (group == nullptr)
-        ZEB_ERROR("ZEB app %d does not create %s-private-mcast 0x%x.\n", mc->app_id, Kind::name, mc_id);
+        ZEB_ERROR_WHY("ZEB app %d does not create %s-private-mcast 0x%x.\n", mc->app_id, Kind::name, mc_id);
     return group;
 }
 
@@ -148,7 +149,7 @@ static int create_group(uint32_t src_app, int32_t (*get_new_id)(zeb_mc_t *mc))
     {
         zeb_scoped_lock lock(mc->mutex);
         if (*Kind::count(mc) >= ZEB_MC_NUM) {
-            ZEB_ERROR("ZEB app %d %s-private-mcast creation reach to %d.\n", src_app, Kind::name, ZEB_MC_NUM);
+            ZEB_ERROR_WHY("ZEB app %d %s-private-mcast creation reach to %d.\n", src_app, Kind::name, ZEB_MC_NUM);
             return -ENOBUFS;
         }
         group_t *group = (group_t *)zeb_malloc(sizeof(group_t));
@@ -190,7 +191,8 @@ static int add_member(group_id_t id, uint32_t member)
             return 0;
         }
     }
-    ZEB_ERROR("ZEB app %d %s-private-mcast 0x%x member reach to %d.\n", id.owner, Kind::name, id.mc_id, Kind::slots);
+    ZEB_ERROR_WHY("ZEB app %d %s-private-mcast 0x%x member reach to %d.\n", id.owner, Kind::name, id.mc_id,
+                  Kind::slots);
     return -ENOBUFS;
 }
 
@@ -232,11 +234,12 @@ static void get_members(group_id_t id, typename Kind::group_t *out)
     if (group != nullptr)
         *out = *group;
     else
-        ZEB_ERROR("ZEB app %d does not create %s-private-mcast %d.\n", id.owner, Kind::name, id.mc_id);
+        ZEB_ERROR_WHY("ZEB app %d does not create %s-private-mcast %d.\n", id.owner, Kind::name, id.mc_id);
 }
 
 int zeb_create_app_mcast(uint32_t src_app)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_create_app_mcast"))
         return -EPERM;
     return create_group<app_kind>(src_app, zeb_get_new_app_mc_id);
@@ -244,10 +247,11 @@ int zeb_create_app_mcast(uint32_t src_app)
 
 int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_add_app_mcast"))
         return -EPERM;
     if (!zeb_valid_app_id(new_app)) {
-        ZEB_ERROR("ZEB app ID %d invalid.\n", new_app);
+        ZEB_ERROR_WHY("ZEB app ID %d invalid.\n", new_app);
         return -EINVAL;
     }
     return add_member<app_kind>({src_app, mc_app}, new_app);
@@ -255,6 +259,7 @@ int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
 
 void zeb_del_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t del_app)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_del_app_mcast"))
         return;
     del_member<app_kind>({src_app, mc_app}, del_app);
@@ -262,6 +267,7 @@ void zeb_del_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t del_app)
 
 void zeb_destroy_app_mcast(uint32_t src_app, uint32_t mc_app)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_destroy_app_mcast"))
         return;
     destroy_group<app_kind>({src_app, mc_app});
@@ -269,6 +275,7 @@ void zeb_destroy_app_mcast(uint32_t src_app, uint32_t mc_app)
 
 int zeb_create_node_mcast(uint32_t src_app)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_create_node_mcast"))
         return -EPERM;
     return create_group<node_kind>(src_app, zeb_get_new_node_mc_id);
@@ -276,10 +283,11 @@ int zeb_create_node_mcast(uint32_t src_app)
 
 int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_add_node_mcast"))
         return -EPERM;
     if (!zeb_valid_node_id(new_node)) {
-        ZEB_ERROR("ZEB node ID %d invalid.\n", new_node);
+        ZEB_ERROR_WHY("ZEB node ID %d invalid.\n", new_node);
         return -EINVAL;
     }
     return add_member<node_kind>({src_app, mc_node}, new_node);
@@ -287,6 +295,7 @@ int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
 
 void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_del_node_mcast"))
         return;
     del_member<node_kind>({src_app, mc_node}, del_node);
@@ -294,6 +303,7 @@ void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node)
 
 void zeb_destroy_node_mcast(uint32_t src_app, uint32_t mc_node)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_destroy_node_mcast"))
         return;
     destroy_group<node_kind>({src_app, mc_node});

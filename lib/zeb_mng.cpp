@@ -8,9 +8,11 @@
 
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
 #include "zeb_handshake_shell.h"
+#include "zeb_log_handler.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_recv.h"
 #include "zeb_rpc.h"
@@ -28,11 +30,11 @@ static bool init_running_cond()
 {
     return zeb_cond_init(&g_zeb_mng.running_cond, [](zeb_init_step_t step, int err) {
                if (step == ZEB_INIT_STEP_ATTR)
-                   ZEB_ERROR("ZEB init running condition attribute failed: %s.\n", strerror(err));
+                   ZEB_ERROR_WHY("ZEB init running condition attribute failed: %s.\n", strerror(err));
                else if (step == ZEB_INIT_STEP_CLOCK)
-                   ZEB_ERROR("ZEB set running condition clock attribute failed: %s.\n", strerror(err));
+                   ZEB_ERROR_WHY("ZEB set running condition clock attribute failed: %s.\n", strerror(err));
                else
-                   ZEB_ERROR("ZEB init running condition failed: %s.\n", strerror(err));
+                   ZEB_ERROR_WHY("ZEB init running condition failed: %s.\n", strerror(err));
            }) == 0;
 }
 
@@ -57,6 +59,7 @@ static void *receive_thread_fun(void *arg)
 static void enter_child() ZEB_NO_THREAD_SAFETY_ANALYSIS
 {
     g_zeb_in_child = g_lib_inited;
+    zeb_log_handler_enter_child();
     if (!g_lib_inited)
         return;
     zeb_each_app_mng([](zeb_app_mng_t *slot) {
@@ -72,13 +75,13 @@ static bool add_process_callbacks()
 {
     static bool s_exit_added; // by an earlier start that failed later
     if (!s_exit_added && atexit(zeb_lib_atexit) != 0) {
-        ZEB_ERROR("ZEB add exit callback failed.\n");
+        ZEB_ERROR_WHY("ZEB add exit callback failed.\n");
         return false;
     }
     s_exit_added = true;
     int err = pthread_atfork(nullptr, nullptr, enter_child);
     if (err != 0)
-        ZEB_ERROR("ZEB add fork callback failed: %s.\n", strerror(err));
+        ZEB_ERROR_WHY("ZEB add fork callback failed: %s.\n", strerror(err));
     return err == 0;
 }
 
@@ -87,7 +90,7 @@ static int start_receive_thread()
     (void)sem_init(&s_start_gate, 0, 0);
     int ret = pthread_create(&g_zeb_mng.lib_tid, nullptr, receive_thread_fun, nullptr);
     if (ret != 0) {
-        ZEB_ERROR("ZEB create socket msg distribute thread failed: %s.\n", strerror(ret));
+        ZEB_ERROR_WHY("ZEB create socket msg distribute thread failed: %s.\n", strerror(ret));
         return -ret;
     }
     if (!add_process_callbacks()) {
@@ -146,17 +149,19 @@ int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatc
         return ret;
     }
     if (g_zeb_mng.running) {
-        ZEB_ERROR("ZEB had already running, and app %d can not be registered.\n", app);
+        ZEB_ERROR_WHY("ZEB had already running, and app %d can not be registered.\n", app);
+        zeb_advise(" Register it before zeb_run.");
         return -1;
     }
     if (zeb_get_app_mng(app) != nullptr) {
-        ZEB_ERROR("ZEB app %d has already registered.\n", app);
+        ZEB_ERROR_WHY("ZEB app %d has already registered.\n", app);
+        zeb_advise(" This process registers it twice: give each application an id of its own.");
         return -EEXIST;
     }
     ZEB_INFO("ZEB add new app %d mgmt.\n", app);
     zeb_app_mng_t *slot = free_slot();
     if (slot == nullptr) {
-        ZEB_WARN("ZEB lib's app registeration full.\n");
+        ZEB_WARN_WHY("ZEB lib's app registeration full.\n");
         return -ENOBUFS;
     }
     slot->fc = zeb_add_app_fc(app);

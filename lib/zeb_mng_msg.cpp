@@ -10,6 +10,7 @@
 
 #include "platform/tipc_name.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_tipc.h"
 
 static zeb_mutex_t g_seq_mutex = {PTHREAD_MUTEX_INITIALIZER};
@@ -31,6 +32,12 @@ uint32_t zeb_get_seq()
     }
     // Read without the lock: two racing callers may get the same number. This is intended.
     return s_seq.load(std::memory_order_relaxed);
+}
+
+bool zeb_refuse_msg_len(uint32_t src_app, uint32_t len)
+{
+    ZEB_ERROR_WHY("ZEB app %d msg len %u invalid, not %d to %d.\n", src_app, len, ZEB_MSG_HDR_LEN, ZEB_MSG_LEN_MAX);
+    return false;
 }
 
 static bool write_again(int err)
@@ -60,8 +67,8 @@ int zeb_tipc_write(const zeb_app_mng_t *slot, zeb_msg_t *msg, zeb_inst_t dst, in
     } while (sent < 0 && write_again(err));
 
     zeb_convert_to_host(msg);
-    ZEB_WARN("ZEB app %d sent to %d/%d failed: %s, msg len %d, sent %d.\n", src_app, dst.app, dst.node, strerror(err),
-             len, (int)sent);
+    ZEB_WARN_WHY("ZEB app %d sent to %d/%d failed: %s, msg len %d, sent %d.\n", src_app, dst.app, dst.node,
+                 strerror(err), len, (int)sent);
     return -1;
 }
 
@@ -70,7 +77,7 @@ int zeb_tipc_sendto(uint32_t src_app, zeb_msg_t *msg, zeb_inst_t dst, int flags)
     const zeb_app_mng_t *slot = zeb_get_app_mng(src_app);
     if (slot != nullptr)
         return zeb_tipc_write(slot, msg, dst, flags);
-    ZEB_ERROR("ZEB app %d socket descriptor invalid.\n", src_app);
+    ZEB_ERROR_WHY("ZEB app %d socket descriptor invalid.\n", src_app);
     return -EINVAL;
 }
 

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
 #include "zeb_handshake_shell.h"
@@ -450,8 +451,12 @@ static void bind_app_sockets()
 {
     zeb_each_app_mng([](zeb_app_mng_t *slot) {
         // An application that cannot bind its name must not run.
-        if (zeb_bind_app_socket(slot->info->app_id, slot->info->sd) != 0)
-            exit(1);
+        if (zeb_bind_app_socket(slot->info->app_id, slot->info->sd) == 0)
+            return;
+        ZEB_SAY_UNHANDLED(
+            "zeb: application %u cannot take its name, and the process ends: %s Type: dmesg | grep -i tipc",
+            slot->info->app_id, zeb_last_error());
+        exit(1);
     });
 }
 

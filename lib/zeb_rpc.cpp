@@ -8,6 +8,7 @@
 
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_mng_msg.h"
 #include "zeb_msg_guard.h"
@@ -17,13 +18,13 @@ static bool init_waiting(zeb_app_rpc_wait_t *rpc)
     uint32_t app = rpc->app_id;
     return zeb_mutex_cond_init(&rpc->mutex, &rpc->wait_cond, [app](zeb_init_step_t step, int err) {
         if (step == ZEB_INIT_STEP_MUTEX)
-            ZEB_ERROR("ZEB init app %d RPC wait mutex failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d RPC wait mutex failed: %s.\n", app, strerror(err));
         else if (step == ZEB_INIT_STEP_ATTR)
-            ZEB_ERROR("ZEB init app %d RPC wait condition attribute failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d RPC wait condition attribute failed: %s.\n", app, strerror(err));
         else if (step == ZEB_INIT_STEP_CLOCK)
-            ZEB_ERROR("ZEB set app %d RPC wait condition clock attribute failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB set app %d RPC wait condition clock attribute failed: %s.\n", app, strerror(err));
         else
-            ZEB_ERROR("ZEB init app %d RPC wait condition failed: %s.\n", app, strerror(err));
+            ZEB_ERROR_WHY("ZEB init app %d RPC wait condition failed: %s.\n", app, strerror(err));
     });
 }
 
@@ -72,11 +73,15 @@ int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, zeb_reply_msg_t *reply, uin
 {
     ZEB_VERBOSE("ZEB app %d seq %d RPC prepare wait.\n", app, seq);
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
-    if (rpc == nullptr)
+    if (rpc == nullptr) {
+        zeb_note_error("ZEB app %d is not registered in this process.\n", {{app}});
         return -ENOENT;
+    }
     zeb_scoped_lock lock(&rpc->mutex);
-    if (__find_wait(rpc, seq) != nullptr)
+    if (__find_wait(rpc, seq) != nullptr) {
+        zeb_note_error("ZEB app %d seq %d is the number of another RPC call: call again.\n", {{app, seq}});
         return -EEXIST;
+    }
     ZEB_VERBOSE("ZEB add new app %d seq %d RPC wait.\n", app, seq);
     zeb_rpc_wait_t *wait = (zeb_rpc_wait_t *)zeb_malloc(sizeof(zeb_rpc_wait_t));
     wait->seq = seq;
@@ -103,7 +108,7 @@ int zeb_rpc_set_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t dst)
     uint32_t dst_node = dst.node;
     assert(zeb_valid_node_id(dst_node));
     if (wait->inst_num == ZEB_RPC_REPLY_NUM) {
-        ZEB_ERROR("ZEB RPC wait reply num exceeds limit %d.\n", ZEB_RPC_REPLY_NUM);
+        ZEB_ERROR_WHY("ZEB RPC wait reply num exceeds limit %d.\n", ZEB_RPC_REPLY_NUM);
         return -ENOBUFS;
     }
     wait->wait_inst[wait->inst_num++] = zeb_tipc_instance(dst);
@@ -216,7 +221,7 @@ int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq)
     } else if (ret != 0) {
         // An unlimited wait runs in slices of 1 s. A slice that ends just as the last reply is stored makes the call
         // fail.
-        ZEB_ERROR("ZEB app %d seq %d wait for RPC reply failed: %s.\n", app, seq, strerror(abs(ret)));
+        ZEB_ERROR_WHY("ZEB app %d seq %d wait for RPC reply failed: %s.\n", app, seq, strerror(abs(ret)));
         zeb_reply_msg_free(wait->reply);
     } else {
         ZEB_VERBOSE("ZEB app %d seq %d RPC all replied.\n", app, seq);
@@ -229,7 +234,7 @@ static bool complete_or_log(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src)
 {
     if (complete_entry(wait, src))
         return true;
-    ZEB_ERROR("ZEB app %d seq %d clear wait for app %d/%d not exist.\n", app, wait->seq, src.app, src.node);
+    ZEB_ERROR_WHY("ZEB app %d seq %d clear wait for app %d/%d not exist.\n", app, wait->seq, src.app, src.node);
     return false;
 }
 
@@ -271,6 +276,7 @@ int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t sr
         zeb_scoped_lock lock(&rpc->mutex);
         zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
         if (wait == nullptr) {
+            zeb_note_error("ZEB app %d seq %d RPC wait not exist.\n", {{app, seq}});
             ZEB_VERBOSE("ZEB app %d seq %d RPC wait not exist.\n", app, seq);
             return -ENOENT;
         }
@@ -322,13 +328,15 @@ int zeb_rpc_answer(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags)
     ZEB_VERBOSE("ZEB user rpc reply, src_msg %p, reply_msg %p, flags 0x%x.\n", (const void *)src_msg, (void *)reply_msg,
                 flags);
     if (src_msg == nullptr) {
-        ZEB_ERROR("ZEB RPC reply invalid argument.\n");
+        ZEB_ERROR_WHY("ZEB RPC reply invalid argument.\n");
         return -EINVAL;
     }
     if (!zeb_is_rpc_request(src_msg)) {
-        ZEB_WARN("ZEB reply msg src is not RPC.\n");
+        ZEB_WARN_WHY("ZEB reply msg src is not RPC.\n");
         return -EINVAL;
     }
+    if (reply_msg != nullptr && !zeb_check_msg_len(src_msg->hdr.dst_app, reply_msg))
+        return -EINVAL;
     int ret = reply_msg != nullptr ? send_answer(src_msg, reply_msg, ZEB_SUCCESS)
                                    : zeb_rpc_reply_error(src_msg, ZEB_SYSTEM_ERR);
     if (ret != 0)

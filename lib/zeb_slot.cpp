@@ -3,6 +3,7 @@
 #include <zeb/zeb.h>
 
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 
 zeb_mutex_t g_lib_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
 zeb_mng_t g_zeb_mng;
@@ -50,7 +51,8 @@ void zeb_wait_for_running()
 
 bool zeb_refuse_child(const char *call)
 {
-    ZEB_ERROR("ZEB %s called in a child of the process that runs the library.\n", call);
+    ZEB_ERROR_WHY("ZEB %s called in a child of the process that runs the library.\n", call);
+    zeb_advise(" Let the child exec, or fork before the first registration.");
     return true;
 }
 

@@ -9,17 +9,29 @@
 #include "platform/tipc_name.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_fd.h"
 #include "zeb_inst.h"
 #include "zeb_slot.h"
 
 constexpr uint32_t TIMER_NAME_TYPE = 1; // the type of the topology service; nobody publishes its instance 0
 
+// What to do about a socket that cannot be made.
+static void advise(int err)
+{
+    if (err == EAFNOSUPPORT)
+        zeb_advise(" The kernel has no TIPC. Type: modprobe tipc");
+    else if (err == EMFILE)
+        zeb_advise(" The process has too many files open. Type before you start it: ulimit -n 4096");
+}
+
 int zeb_create_subscription_socket()
 {
     int sd = socket(AF_TIPC, SOCK_SEQPACKET, 0);
     if (sd == -1) {
-        ZEB_ERROR("ZEB create subscription socket descriptor failed: %s.\n", strerror(errno));
+        int err = errno;
+        ZEB_ERROR_WHY("ZEB create subscription socket descriptor failed: %s.\n", strerror(err));
+        advise(err);
         return -1;
     }
     if (zeb_set_fd_close_on_exec(sd) != 0) {
@@ -28,7 +40,7 @@ int zeb_create_subscription_socket()
     }
     struct sockaddr_tipc addr = tipc_name(TIPC_TOP_SRV, TIPC_TOP_SRV, 0);
     if (connect(sd, (struct sockaddr *)&addr, sizeof(addr)) != 0) {
-        ZEB_ERROR("ZEB connect to TIPC topology server failed: %s.\n", strerror(errno));
+        ZEB_ERROR_WHY("ZEB connect to TIPC topology server failed: %s.\n", strerror(errno));
         (void)close(sd);
         return -1;
     }
@@ -40,16 +52,16 @@ int zeb_create_subscription_socket()
 static bool set_app_socket_options(uint32_t app, int sd, int priority)
 {
     if (setsockopt(sd, SOL_TIPC, TIPC_IMPORTANCE, &priority, sizeof(priority)) != 0) {
-        ZEB_ERROR("ZEB set app %d socket priority %d failed: %s.\n", app, priority, strerror(errno));
+        ZEB_ERROR_WHY("ZEB set app %d socket priority %d failed: %s.\n", app, priority, strerror(errno));
         return false;
     }
     int off = 0;
     if (setsockopt(sd, SOL_TIPC, TIPC_SRC_DROPPABLE, &off, sizeof(off)) != 0) {
-        ZEB_ERROR("ZEB set app %d socket TIPC_SRC_DROPPABLE failed: %s.\n", app, strerror(errno));
+        ZEB_ERROR_WHY("ZEB set app %d socket TIPC_SRC_DROPPABLE failed: %s.\n", app, strerror(errno));
         return false;
     }
     if (setsockopt(sd, SOL_TIPC, TIPC_DEST_DROPPABLE, &off, sizeof(off)) != 0) {
-        ZEB_ERROR("ZEB set app %d socket TIPC_DEST_DROPPABLE failed: %s.\n", app, strerror(errno));
+        ZEB_ERROR_WHY("ZEB set app %d socket TIPC_DEST_DROPPABLE failed: %s.\n", app, strerror(errno));
         return false;
     }
     return true;
@@ -59,7 +71,9 @@ int zeb_create_app_socket(uint32_t app, int priority)
 {
     int sd = socket(AF_TIPC, SOCK_RDM, 0);
     if (sd == -1) {
-        ZEB_ERROR("ZEB create app %d socket failed: %s.\n", app, strerror(errno));
+        int err = errno;
+        ZEB_ERROR_WHY("ZEB create app %d socket failed: %s.\n", app, strerror(err));
+        advise(err);
         return -1;
     }
     if (zeb_set_fd_close_on_exec(sd) != 0 || !set_app_socket_options(app, sd, priority)) {
@@ -76,7 +90,7 @@ int zeb_bind_app_socket(uint32_t app, int sd)
     struct sockaddr_tipc addr = tipc_name(ZEB_TIPC_NAME_TYPE, instance, TIPC_CLUSTER_SCOPE);
     while (bind(sd, (struct sockaddr *)&addr, sizeof(addr)) != 0) {
         int err = errno;
-        ZEB_ERROR("ZEB app %d bind socket %d failed: %s.\n", app, sd, strerror(err));
+        ZEB_ERROR_WHY("ZEB app %d bind socket %d failed: %s.\n", app, sd, strerror(err));
         if (err != ENOMEM)
             return -1;
         (void)sched_yield();

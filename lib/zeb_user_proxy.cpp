@@ -6,6 +6,7 @@
 #include "platform/gvr.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_mng.h"
 #include "zeb_slot.h"
 #include "zeb_handshake_shell.h"
@@ -21,18 +22,18 @@ static int count_dispatchers(const zeb_msg_dispatcher_t *dispatcher)
 static int zeb_app_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
                             zeb_app_event_fun_t event, bool thread)
 {
-    if (zeb_cfg_init() != 0)
+    if (zeb_load_cfg() != 0)
         return -1;
     if (!zeb_valid_app_id(app)) {
-        ZEB_ERROR("ZEB app registered with invalid ID %d.\n", app);
+        ZEB_ERROR_WHY("ZEB app registered with invalid ID %d.\n", app);
         return -EINVAL;
     }
     if (app_name == nullptr) {
-        ZEB_ERROR("ZEB app %d registered name NULL.\n", app);
+        ZEB_ERROR_WHY("ZEB app %d registered name NULL.\n", app);
         return -EINVAL;
     }
     if (dispatcher == nullptr) {
-        ZEB_ERROR("ZEB app %d registered dispatcher NULL.\n", app);
+        ZEB_ERROR_WHY("ZEB app %d registered dispatcher NULL.\n", app);
         return -EINVAL;
     }
     int num = count_dispatchers(dispatcher);
@@ -49,27 +50,38 @@ static int zeb_app_register(uint32_t app, const char *app_name, const zeb_msg_di
     return 0;
 }
 
+// Tells people who see neither log lines nor results why the application does not come up.
+static int tell_result(uint32_t app, int ret)
+{
+    if (ret != 0)
+        ZEB_SAY_UNHANDLED("zeb: application %u is not registered: %s%s", app, zeb_last_error(), zeb_advice());
+    return ret;
+}
+
 int zeb_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_register"))
-        return -EPERM;
-    return zeb_app_register(app, app_name, dispatcher, event, true);
+        return tell_result(app, -EPERM);
+    return tell_result(app, zeb_app_register(app, app_name, dispatcher, event, true));
 }
 
 int zeb_register_without_thread(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
                                 zeb_app_event_fun_t event)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_register_without_thread"))
-        return -EPERM;
-    return zeb_app_register(app, app_name, dispatcher, event, false);
+        return tell_result(app, -EPERM);
+    return tell_result(app, zeb_app_register(app, app_name, dispatcher, event, false));
 }
 
 int zeb_unregister(uint32_t app)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_unregister"))
         return -EPERM;
     if (!zeb_valid_app_id(app)) {
-        ZEB_ERROR("ZEB app unregistered with invalid ID %d.\n", app);
+        ZEB_ERROR_WHY("ZEB app unregistered with invalid ID %d.\n", app);
         return -EINVAL;
     }
     ZEB_INFO("ZEB app %d unregister service.\n", app);
@@ -79,6 +91,7 @@ int zeb_unregister(uint32_t app)
 
 void zeb_run(void)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_run"))
         return;
     zeb_notify_running();
@@ -86,17 +99,21 @@ void zeb_run(void)
 
 int zeb_app_ready(uint32_t)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_app_ready"))
         return -EPERM;
-    zeb_run();
+    zeb_notify_running();
     return 0;
 }
 
 int zeb_comm_with(uint32_t src_app, uint32_t dst_app)
 {
+    zeb_clear_last_error();
     if (zeb_in_child("zeb_comm_with"))
         return -EPERM;
-    if (!zeb_valid_app_id(src_app) || !zeb_valid_app_id(dst_app))
+    if (!zeb_valid_app_id(src_app) || !zeb_valid_app_id(dst_app)) {
+        zeb_note_error("ZEB app %d comm with %d: invalid ID.\n", {{src_app, dst_app}});
         return -EINVAL;
+    }
     return zeb_add_comm_app(src_app, dst_app);
 }

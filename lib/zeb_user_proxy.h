@@ -34,6 +34,10 @@ bool zeb_check_src_app(uint32_t src_app);
 // Stores what the caller named. The member lists remain unset.
 void zeb_name_dst(zeb_dst_t *dst, uint32_t src_app, zeb_inst_t named, int flags);
 
+// Set the last error of a call that reaches no instance, and of a caller that is not registered here.
+void zeb_note_no_server(const zeb_dst_t *dst);
+void zeb_note_not_registered(uint32_t src_app);
+
 // Fill the member lists from what the caller named. Return 0 or -EINVAL.
 int zeb_get_app_mbrs(zeb_dst_t *dst);
 int zeb_get_node_mbrs(zeb_dst_t *dst);

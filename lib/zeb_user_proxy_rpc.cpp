@@ -8,6 +8,7 @@
 
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_mng_msg.h"
 #include "zeb_rpc.h"
@@ -24,10 +25,10 @@ static int zeb_check_rpc_arg(uint32_t src_app, const zeb_msg_t *msg, const zeb_r
     if (!zeb_check_src_app(src_app))
         return -EINVAL;
     if (msg == nullptr || ret_buf == nullptr) {
-        ZEB_ERROR("ZEB app %d RPC msg or reply buffer NULL.\n", src_app);
+        ZEB_ERROR_WHY("ZEB app %d RPC msg or reply buffer NULL.\n", src_app);
         return -EINVAL;
     }
-    return 0;
+    return zeb_check_msg_len(src_app, msg) ? 0 : -EINVAL;
 }
 
 // Opens an entry for every addressed instance of the member with this index in `apps`. Returns their number, or the
@@ -79,6 +80,7 @@ static void log_not_prepared(const zeb_dst_t *dst, int ret)
 static void log_no_server(const zeb_dst_t *dst)
 {
     zeb_inst_t to = dst->named;
+    zeb_note_no_server(dst);
     if (dst->all_nodes)
         ZEB_VERBOSE("ZEB app %d rpc %d(0x%x) has no server.\n", dst->src_app, to.app, to.app);
     else
@@ -128,8 +130,10 @@ static int zeb_send_rpc(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg, zeb_
 {
     zeb_app_rpc_wait_t *rpc = dst->slot->rpc;
     zeb_rpc_print_wait(rpc, seq);
-    if (zeb_get_rpc_wait(rpc, seq) == nullptr)
+    if (zeb_get_rpc_wait(rpc, seq) == nullptr) {
+        zeb_note_error("ZEB app %d seq %d RPC wait not exist.\n", {{dst->src_app, seq}});
         return -ENOENT;
+    }
     int64_t code = 0;
     for (int i = 0; (code = zeb_rpc_wait_inst(rpc, seq, i)) >= 0; i++) {
         if (code == 0)

@@ -7,6 +7,7 @@
 
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_mng_msg.h"
 
@@ -14,7 +15,7 @@ bool zeb_check_src_app(uint32_t src_app)
 {
     if (zeb_valid_app_id(src_app))
         return true;
-    ZEB_ERROR("ZEB src app ID %d invalid.\n", src_app);
+    ZEB_ERROR_WHY("ZEB src app ID %d invalid.\n", src_app);
     return false;
 }
 
@@ -23,10 +24,10 @@ static int zeb_check_send_arg(uint32_t src_app, const zeb_msg_t *msg)
     if (!zeb_check_src_app(src_app))
         return -EINVAL;
     if (msg == nullptr) {
-        ZEB_ERROR("ZEB app %d send msg NULL.\n", src_app);
+        ZEB_ERROR_WHY("ZEB app %d send msg NULL.\n", src_app);
         return -EINVAL;
     }
-    return 0;
+    return zeb_check_msg_len(src_app, msg) ? 0 : -EINVAL;
 }
 
 void zeb_name_dst(zeb_dst_t *dst, uint32_t src_app, zeb_inst_t named, int flags)
@@ -53,7 +54,7 @@ int zeb_get_app_mbrs(zeb_dst_t *dst)
         dst->app_num = 1;
         return 0;
     }
-    ZEB_ERROR("ZEB app %d to dst app ID %d invalid.\n", dst->src_app, dst->named.app);
+    ZEB_ERROR_WHY("ZEB app %d to dst app ID %d invalid.\n", dst->src_app, dst->named.app);
     return -EINVAL;
 }
 
@@ -70,7 +71,7 @@ int zeb_get_node_mbrs(zeb_dst_t *dst)
         dst->node_num = 1;
         return 0;
     }
-    ZEB_ERROR("ZEB app %d to dst node ID %d invalid.\n", dst->src_app, node);
+    ZEB_ERROR_WHY("ZEB app %d to dst node ID %d invalid.\n", dst->src_app, node);
     return -EINVAL;
 }
 
@@ -112,10 +113,26 @@ static bool member_has_server(zeb_dst_t *dst, uint32_t member)
     return found == ZEB_MEMBER_SERVERS && (dst->all_nodes || zeb_has_app_node_server(dst));
 }
 
+void zeb_note_no_server(const zeb_dst_t *dst)
+{
+    zeb_inst_t to = dst->named;
+    const char *why = dst->all_nodes ? "ZEB app %d to %d(0x%x): no server is online on any node.\n"
+                                     : "ZEB app %d to %d(0x%x) on node 0x%x: no server is online there.\n";
+    if (zeb_valid_app_mc_id(to.app) || (!dst->all_nodes && zeb_valid_node_mc_id(to.node)))
+        why = "ZEB app %d to %d(0x%x) on node 0x%x: a group is unknown or empty, or no server is online.\n";
+    zeb_note_error(why, {{dst->src_app, to.app, to.app, to.node}});
+}
+
+void zeb_note_not_registered(uint32_t src_app)
+{
+    zeb_note_error("ZEB app %d is not registered in this process.\n", {{src_app}});
+}
+
 // Logs a call that reaches no instance; `when` is the end of the line.
 static void log_no_server(const zeb_dst_t *dst, const char *when)
 {
     zeb_inst_t to = dst->named;
+    zeb_note_no_server(dst);
     if (dst->all_nodes)
         ZEB_VERBOSE("ZEB app %d send %d(0x%x) has no server%s.\n", dst->src_app, to.app, to.app, when);
     else
@@ -138,6 +155,11 @@ static int check_members(zeb_dst_t *dst)
         if (ret >= 0)
             continue;
         ZEB_WARN("ZEB app %d to %d check msg flow ctrl failed: %s.\n", dst->src_app, member, strerror(-ret));
+        if (fc == nullptr)
+            zeb_note_not_registered(dst->src_app);
+        else
+            zeb_note_error("ZEB app %d to %d: an instance has not acknowledged more than %d messages.\n",
+                           {{dst->src_app, member, ZEB_FC_SEND_WINDOW}});
         return ret;
     }
     if (fc != nullptr)

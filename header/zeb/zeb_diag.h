@@ -62,7 +62,8 @@ int zeb_buf_printf_reply(const zeb_msg_t *request);
 extern zeb_msg_t *g_print_msg;
 
 /* Print to standard output. The first prints the header of a message in host order, when VERBOSE lines are printed; the
- * second prints `len` bytes at `data` in hex, when ERROR lines are printed. A byte of 0x80 or more has eight digits. */
+ * second prints `len` bytes at `data` in hex, 256 at most, when ERROR lines are printed. A byte of 0x80 or more has
+ * eight digits. */
 void zeb_dump_msg_hdr_info(const zeb_msg_t *msg);
 void zeb_dump_msg_raw(const void *data, int len);
 

@@ -6,6 +6,7 @@
 #include "fuzz_world.h"
 #include "zeb_dbg.h"
 #include "zeb_dm.h"
+#include "zeb_error.h"
 
 static void require(bool holds)
 {
@@ -63,6 +64,7 @@ static void name_codes(FuzzedDataProvider *input)
     require(strlen(zeb_get_msg_flags_str((uint8_t)code, flags)) < sizeof(flags));
     require(strlen(zeb_get_dbg_status_str((uint32_t)code, status)) < sizeof(status));
     require(zeb_tipc_err_string((uint32_t)code) != nullptr && zeb_reply_stat_string(code) != nullptr);
+    require(zeb_strerror(code)[0] != '\0');
     require(zeb_msg_type_string(code) != nullptr && zeb_event_type_string(code) != nullptr);
     zeb_dbg_update_level((code & 1) != 0, code >> 1);
     zeb_msg_t msg;

@@ -10,6 +10,7 @@
 #include "fuzz_peers.h"
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"
+#include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_slot.h"
 
@@ -210,6 +211,15 @@ static uint32_t pick_destination_node()
     return small(1) == 0 ? pick(NODES) : pick(special);
 }
 
+// A call that has failed says why.
+static void require_reason()
+{
+    if (zeb_last_error()[0] != '\0')
+        return;
+    fprintf(stderr, "a failed call does not say why\n");
+    abort();
+}
+
 static void step_send()
 {
     zeb_msg_t *msg = zeb_msg_alloc((int)small(64), 1, 0);
@@ -221,8 +231,10 @@ static void step_send()
     bool all = small(1) == 0;
     for (; num > 0; num--) {
         int ret = all ? zeb_send(app, destination, msg, flags) : zeb_sendto(app, node, destination, msg, flags);
-        if (ret < 0)
-            break;
+        if (ret >= 0)
+            continue;
+        require_reason();
+        break;
     }
     free(msg);
 }
@@ -245,6 +257,8 @@ static void step_call()
                   ? zeb_rpc(app, pick_destination(), msg, (int)small(3), 1, &reply)
                   : zeb_rpcto(app, pick_destination_node(), pick_destination(), msg, (int)small(3), 1, &reply);
     world::g_while_waiting = before;
+    if (ret != 0)
+        require_reason();
     if (ret != 0 && reply.num != 0) {
         fprintf(stderr, "a failed call leaves answers\n");
         abort();

@@ -239,3 +239,67 @@ TEST_F(zeb_cfg, a_node_id_out_of_range_is_not_kept)
     write_node("65535");
     EXPECT_EQ(zeb_get_my_node_id(), 65535);
 }
+
+// The configuration is loaded with ZEB_DEBUG as it is given; what standard error says.
+static std::string load_with(const char *words)
+{
+    if (words != nullptr)
+        EXPECT_EQ(setenv("ZEB_DEBUG", words, 1), 0);
+    else
+        EXPECT_EQ(unsetenv("ZEB_DEBUG"), 0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(zeb_cfg_init(), 0);
+    EXPECT_EQ(zeb_cfg_init(), 0) << "the words are read once";
+    (void)fflush(stdout);
+    (void)testing::internal::GetCapturedStdout();
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST_F(zeb_cfg, the_environment_sets_the_first_debug_mask_and_not_the_log_mask)
+{
+    write_conf("[MISC_CONF]\nzeb_dbg_cfg=1\n");
+    EXPECT_EQ(load_with("error,warn"), "");
+    EXPECT_EQ(g_zeb_dbg_level, W | E);
+    EXPECT_EQ(g_zeb_log_level, 0u);
+    g_zeb_dbg_level = 0;
+}
+
+TEST_F(zeb_cfg, the_environment_knows_all_levels)
+{
+    EXPECT_EQ(load_with("verbose, info,,error,"), "");
+    EXPECT_EQ(g_zeb_dbg_level, V | I | E);
+    g_zeb_dbg_level = 0;
+}
+
+TEST_F(zeb_cfg, none_in_the_environment_prints_nothing)
+{
+    write_conf("[MISC_CONF]\nzeb_dbg_cfg=15\n");
+    EXPECT_EQ(load_with("none"), "");
+    EXPECT_EQ(g_zeb_dbg_level, 0u);
+}
+
+TEST_F(zeb_cfg, an_unknown_word_in_the_environment_is_named_once)
+{
+    EXPECT_EQ(load_with("eror,warn"),
+              "zeb: ZEB_DEBUG does not know \"eror\": write error, warn, info, verbose or none, "
+              "with commas between\n");
+    EXPECT_EQ(g_zeb_dbg_level, W);
+    g_zeb_dbg_level = 0;
+}
+
+TEST_F(zeb_cfg, an_environment_without_a_level_leaves_the_mask_to_the_file)
+{
+    write_conf("[MISC_CONF]\nzeb_dbg_cfg=8\n");
+    EXPECT_THAT(load_with("1"), testing::HasSubstr("\"1\""));
+    EXPECT_EQ(g_zeb_dbg_level, E);
+    g_zeb_dbg_level = 0;
+}
+
+TEST_F(zeb_cfg, without_the_variable_the_mask_is_that_of_the_file)
+{
+    write_conf("[MISC_CONF]\nzeb_dbg_cfg=12\n");
+    EXPECT_EQ(load_with(nullptr), "");
+    EXPECT_EQ(g_zeb_dbg_level, W | E);
+    g_zeb_dbg_level = 0;
+}

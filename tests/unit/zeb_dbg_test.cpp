@@ -262,6 +262,22 @@ TEST_F(zeb_dbg, the_raw_dump_takes_bytes_as_signed)
     EXPECT_TRUE(logged(V, [&] { zeb_dump_msg_raw(bytes, 18); }).empty());
 }
 
+TEST_F(zeb_dbg, the_raw_dump_is_cut_after_256_bytes_and_says_so)
+{
+    std::vector<uint8_t> bytes(257, 1);
+    std::string row;
+    for (int i = 0; i < 16; i++)
+        row += " 01";
+    lines_t whole({"=== ZEB message raw data len 256 ==="});
+    whole.insert(whole.end(), 16, row);
+    whole.emplace_back("");
+    EXPECT_EQ(logged(E, [&] { zeb_dump_msg_raw(bytes.data(), 256); }), whole);
+    lines_t cut = whole;
+    cut[0] = "=== ZEB message raw data len 257 ===";
+    cut.emplace_back("=== cut after 256 bytes ===");
+    EXPECT_EQ(logged(E, [&] { zeb_dump_msg_raw(bytes.data(), 257); }), cut);
+}
+
 TEST_F(zeb_dbg, the_print_buffer_is_a_message_of_its_text)
 {
     zeb_buf_printf_reset();

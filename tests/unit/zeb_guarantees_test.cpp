@@ -214,6 +214,24 @@ TEST_F(zeb_guarantees, a_peer_named_after_the_start_is_subscribed_to_with_the_ne
     EXPECT_EQ(fake_tipc::take_subscriptions().size(), 3u) << "itself, PEER and the new one";
 }
 
+TEST_F(zeb_guarantees, a_peer_named_after_the_start_is_a_warning)
+{
+    start_app();
+    EXPECT_EQ(logged(W | E, [] { EXPECT_EQ(zeb_comm_with(APP, 399), 0); }), lines_t());
+    zeb_subscr_tipc_events();
+    EXPECT_EQ(
+        logged(W | E, [] { EXPECT_EQ(zeb_comm_with(APP, 400), 0); }),
+        lines_t({"2 ZEB app 100 named 400 after the start: not subscribed to until the topology connection is next "
+                 "opened."}));
+    EXPECT_EQ(logged(W | E,
+                     [] {
+                         EXPECT_EQ(zeb_comm_with(APP, 400), 0);
+                         EXPECT_EQ(zeb_comm_with(APP, PEER), 0);
+                     }),
+              lines_t())
+        << "those that are named already are no news";
+}
+
 TEST_F(zeb_guarantees, a_header_in_the_other_byte_order_is_discarded)
 {
     start_app();

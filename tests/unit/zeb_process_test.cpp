@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <zeb/zeb_diag.h>
+#include <zeb/zeb_ext.h>
 
 class zeb_process : public lib_test
 {
@@ -64,7 +65,10 @@ static int every_call()
         if (results[i] != -EPERM)
             return (int)i + 1;
     }
+    const char why[] = "ZEB zeb_run called in a child of the process that runs the library.";
     zeb_run();
+    if (strcmp(zeb_last_error(), why) != 0 || strcmp(zeb_strerror(-EINVAL), "a bad argument") != 0)
+        return 100;
     zeb_del_app_mcast(APP, 12288, PEER);
     zeb_destroy_app_mcast(APP, 12288);
     zeb_del_node_mcast(APP, 0x80000, 1);
@@ -111,6 +115,29 @@ TEST_F(zeb_process, a_refused_call_says_which_it_was)
                                    0);
                      }),
               lines_t({"3 ZEB zeb_comm_with called in a child of the process that runs the library."}));
+}
+
+TEST_F(zeb_process, a_child_may_change_the_log_handler_though_it_ran_in_another_thread)
+{
+    struct state_t {
+        std::promise<void> entered;
+        std::promise<void> done;
+    } state;
+    start_app();
+    auto handler = [](void *context, int, const char *, int, const struct timespec *, const char *) {
+        state_t *running = (state_t *)context;
+        running->entered.set_value();
+        running->done.get_future().wait();
+    };
+    ASSERT_EQ(zeb_set_log_handler(handler, &state), 0);
+    g_zeb_log_level = E;
+    std::thread other([] { ZEB_ERROR("ZEB x\n"); });
+    state.entered.get_future().wait();
+    g_zeb_log_level = 0;
+    EXPECT_EQ(in_child([] { return zeb_set_log_handler(nullptr, nullptr); }), 0);
+    state.done.set_value();
+    other.join();
+    EXPECT_EQ(zeb_set_log_handler(nullptr, nullptr), 0);
 }
 
 TEST_F(zeb_process, the_parent_goes_on_after_a_fork)

@@ -44,6 +44,22 @@ TEST_F(zeb_user_proxy_rpc, bad_arguments_are_refused)
                        "2 ZEB app 100 to 200/65536 prepare RPC wait failed: Invalid argument."}));
 }
 
+TEST_F(zeb_user_proxy_rpc, a_request_and_an_answer_with_a_spoilt_header_length_are_refused)
+{
+    peer_online();
+    zeb_msg_t *request = new_request();
+    (void)fake_tipc::take_sent();
+    for (uint32_t len : {35u, 61477u}) {
+        msg_->hdr.len = len;
+        lines_t line({"3 ZEB app 100 msg len " + std::to_string(len) + " invalid, not 36 to 61476."});
+        EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_rpc(APP, PEER, msg_, 0, 1, &reply_), -EINVAL); }), line);
+        EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_rpcto(APP, PEER_NODE, PEER, msg_, 0, 1, &reply_), -EINVAL); }), line);
+        EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_rpc_reply(request, msg_, 0), -EINVAL); }), line);
+    }
+    EXPECT_TRUE(fake_tipc::take_sent().empty());
+    free(request);
+}
+
 TEST_F(zeb_user_proxy_rpc, without_a_server_the_call_is_closed_with_enoent)
 {
     lines_t lines = logged(V, [&] { EXPECT_EQ(zeb_rpc(APP, PEER, msg_, 0, 1, &reply_), -ENOENT); });

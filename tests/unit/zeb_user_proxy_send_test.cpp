@@ -75,6 +75,33 @@ TEST_F(zeb_user_proxy_send, bad_destinations_are_refused_and_counted)
     EXPECT_THAT(fc_text(), testing::HasSubstr("mcast reject 8,"));
 }
 
+TEST_F(zeb_user_proxy_send, a_spoilt_header_length_is_refused_and_nothing_is_sent)
+{
+    peer_online();
+    (void)fake_tipc::take_sent();
+    for (uint32_t len : {0u, 35u, 61477u, 0x24000000u}) {
+        msg_->hdr.len = len;
+        lines_t line({"3 ZEB app 100 msg len " + std::to_string(len) + " invalid, not 36 to 61476."});
+        EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), -EINVAL); }), line);
+        EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_sendto(APP, PEER_NODE, PEER, msg_, 0), -EINVAL); }), line);
+        EXPECT_EQ(msg_->hdr.len, len) << "the message stays as it is";
+    }
+    EXPECT_TRUE(destinations().empty());
+    EXPECT_THAT(fc_text(), testing::HasSubstr("mcast reject 0,")) << "not counted";
+}
+
+TEST_F(zeb_user_proxy_send, the_shortest_and_the_longest_message_are_sent)
+{
+    peer_online();
+    (void)fake_tipc::take_sent();
+    for (int size : {0, ZEB_MSG_MAX_DATA}) {
+        zeb_msg_t *msg = zeb_msg_alloc(size, 1, 0);
+        EXPECT_EQ(zeb_send(APP, PEER, msg, 0), 0);
+        free(msg);
+    }
+    EXPECT_EQ(destinations(), lines_t({"200/9", "200/9"}));
+}
+
 TEST_F(zeb_user_proxy_send, without_a_server_the_result_is_enoent)
 {
     EXPECT_EQ(logged(V, [&] { EXPECT_EQ(zeb_send(APP, PEER, msg_, 0), -ENOENT); })[1],
