@@ -6,6 +6,7 @@
 
 #include <zeb/zeb.h>
 #include <zeb/zeb_diag.h>
+#include <zeb/zeb_ext.h>
 #include <zeb/zeb_tlv.h>
 
 _Static_assert(sizeof(zeb_msg_hdr_t) == 36, "wire header");
