@@ -32,6 +32,51 @@ void zeb_reply_free(zeb_reply_msg_t *reply);
  * never null. */
 const char *zeb_reply_status_text(int status);
 
+/* Peers: how far a remote instance is, who is online, and waiting until somebody is. The state is that of the process:
+ * whichever of its applications has named the peer application with zeb_comm_with, all of them see the same. What
+ * nobody has named is unknown. These calls take the library's lock for a short time; zeb_peer_state takes that of flow
+ * control too.
+ *
+ * app   a registered application of this process
+ * peer  the remote application's id, 1..8191 or 16384..20479
+ *
+ * They return -EINVAL for a bad argument; -ENOENT when `app` is not registered in this process; -EPERM in a child. */
+
+/* How far an instance is. */
+typedef enum zeb_peer_phase_e {
+    ZEB_PEER_UNKNOWN = 0,     /* not seen, or gone */
+    ZEB_PEER_HANDSHAKING = 1, /* its name is published, and its handshake is not complete */
+    ZEB_PEER_ONLINE = 2,      /* its handshake is complete */
+    ZEB_PEER_BLOCKED = 3, /* online, and more than 1024 messages of `app` to it are not acknowledged: sends of `app` to
+                             its application wait, on every node */
+    ZEB_PEER_PHASE_NUM = 4
+} zeb_peer_phase_t;
+
+typedef struct zeb_peer_state_s {
+    uint32_t phase;  /* zeb_peer_phase_t */
+    uint32_t server; /* 1 when it is online and has dispatchers: sends and calls reach it; else 0 */
+    uint64_t since;  /* when the phase began: milliseconds of CLOCK_MONOTONIC. 0: never seen, or not known because the
+                        process has seen more than 65536 instances */
+} zeb_peer_state_t;
+
+/* Stores how far the instance of `peer` on `node` is: a node id 0..65535, or ZEB_NODE_LOCAL. A moment later it may be
+ * otherwise. Returns 0 and fills `state`, which must not be null; after an error all of it is 0. */
+int zeb_peer_state(uint32_t app, uint32_t peer, uint32_t node, zeb_peer_state_t *state);
+
+/* Stores in `nodes` the nodes on which a server of `peer` is online, ascending, `max` (not negative) at most. `nodes`
+ * may be null when `max` is 0. Returns their number, which may be more than `max`. */
+int zeb_online_nodes(uint32_t app, uint32_t peer, uint32_t *nodes, int max);
+
+/* Waits until servers of `peer` are online: on `node` (a node id or ZEB_NODE_LOCAL; `count` must be 1), or, with
+ * ZEB_NODE_ALL, on `count` nodes (1..65536) at least.
+ *
+ * milliseconds  how long to wait at most; 0 waits without limit
+ *
+ * Any number of threads may wait. Nothing is online before zeb_run. A callback of an application with a thread may
+ * wait, which delays its next callbacks. Returns 0; -ETIMEDOUT; -EDEADLK, without a wait, on the receive thread, that
+ * is in a callback of an application without a thread: nobody can come online while it waits. */
+int zeb_wait_online(uint32_t app, uint32_t peer, uint32_t node, uint32_t count, uint32_t milliseconds);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

@@ -27,7 +27,24 @@ void fault::hold_time(time_t seconds)
     s_held = seconds;
 }
 
+static std::atomic<int64_t> s_clock{-1};
+
+void fault::hold_clock(int64_t milliseconds)
+{
+    s_clock = milliseconds;
+}
+
 extern "C" {
+int clock_gettime(clockid_t clock, struct timespec *time) noexcept
+{
+    static const auto real = next<int (*)(clockid_t, struct timespec *)>("clock_gettime");
+    int64_t held = clock == CLOCK_MONOTONIC ? s_clock.load() : -1;
+    if (held < 0)
+        return real(clock, time);
+    *time = {held / 1000, held % 1000 * 1000000};
+    return 0;
+}
+
 ssize_t readlink(const char *path, char *buf, size_t len)
 {
     int err = fault::take("readlink");

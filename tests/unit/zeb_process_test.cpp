@@ -41,6 +41,7 @@ static int every_call()
     static zeb_msg_t s_msg;
     static zeb_reply_msg_t s_reply;
     static zeb_reply_msg_t s_reply_to;
+    static zeb_peer_state_t s_state;
     s_reply.num = s_reply_to.num = 1; // left by an earlier call
     s_reply.msg[0] = s_reply_to.msg[0] = &s_msg;
     const int results[] = {
@@ -58,6 +59,9 @@ static int every_call()
         zeb_add_app_mcast(APP, 12288, PEER),
         zeb_create_node_mcast(APP),
         zeb_add_node_mcast(APP, 0x80000, 1),
+        zeb_peer_state(APP, PEER, PEER_NODE, &s_state),
+        zeb_online_nodes(APP, PEER, nullptr, 0),
+        zeb_wait_online(APP, PEER, PEER_NODE, 1, 0),
     };
     if (s_reply.num != 0 || s_reply.msg[0] != nullptr || s_reply_to.num != 0 || s_reply_to.msg[0] != nullptr)
         return 100;
