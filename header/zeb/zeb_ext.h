@@ -77,6 +77,55 @@ int zeb_online_nodes(uint32_t app, uint32_t peer, uint32_t *nodes, int max);
  * is in a callback of an application without a thread: nobody can come online while it waits. */
 int zeb_wait_online(uint32_t app, uint32_t peer, uint32_t node, uint32_t count, uint32_t milliseconds);
 
+/* Calls without a blocked thread. zeb_rpc_async asks the same instances as zeb_rpc and zeb_rpcto, by the same bytes,
+ * and gathers the same outcomes; but it returns when the requests are written, and a function of the caller's is called
+ * with the outcomes. Any number of calls may be in progress, as far as memory goes: about 1 KiB each, and the replies.
+ */
+
+/* Is given the outcomes of a call: once for each call that zeb_rpc_async took, unless that is cancelled. It runs on the
+ * application's own thread in turn with its other callbacks, or on the receive thread when the application has none; it
+ * must not block there. No lock of the library is held. The functions of one application run one at a time, in the
+ * order in which its calls were completed. It may make calls, this one too, and cancel others. It may run before
+ * zeb_rpc_async returns.
+ *
+ * call     the number that zeb_rpc_async gave
+ * replies  one message for each instance, as in the buffer of zeb_rpc: answers in the order of their arrival, then
+ *          time-outs in the order of asking. The library owns it and frees it afterwards with the messages that are
+ *          still in it. To keep a message, set its place to null; it is then the function's, and released with free()
+ *          or zeb_msg_free()
+ * context  as it was given */
+typedef void (*zeb_call_done_fun_t)(uint32_t call, zeb_reply_msg_t *replies, void *context);
+
+/* Begins a call.
+ *
+ * src_app       a registered application of this process
+ * dst_node      ZEB_NODE_ALL: the instances that zeb_rpc would ask. A node id 0..65535, ZEB_NODE_LOCAL or a
+ * node-private group: those that zeb_rpcto would ask dst_app       as for zeb_rpc and zeb_rpcto msg           the
+ * request, not null. The caller keeps it and may free it when this returns; its header is overwritten flags
+ * ZEB_SEND_EXCLUDE_SELF or 0 milliseconds  how long the call may last from now on. Other than that of zeb_rpc, this
+ * limit does not begin anew with an answer. 0: no limit done          not null; see above context       handed to
+ * `done`; the library does not look at it call          may be null. Gets the number of the call, not 0, before `done`
+ * can be called; after an error 0
+ *
+ * Waits for no credit and no answer; writing a request waits while TIPC is congested. Returns 0, and `done` is called;
+ * or an error, and it is not: -EINVAL for a bad argument; -ENOENT when no server is online or `src_app` is not
+ * registered; -ENOBUFS past 64 instances; -1 when the process has no descriptor left for the first such call; -EPERM in
+ * a child. */
+int zeb_rpc_async(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags,
+                  uint32_t milliseconds, zeb_call_done_fun_t done, void *context, uint32_t *call);
+
+/* Ends a call of `src_app` without its function. Returns
+ *
+ * - 0: the function has not been called and will not be; the outcomes are freed
+ * - -EALREADY: it has been called and has returned, or there was no such call. If it was running on another thread,
+ * this waited for its return: the caller must not hold a lock that the function takes
+ * - -EINPROGRESS: it is running and this does not wait, because it is called from that function itself, or on the
+ *   receive thread
+ * - -EINVAL for a bad id; -ENOENT when `src_app` is not registered; -EPERM in a child
+ *
+ * After 0 and -EALREADY the context is the caller's again. Requests that were written are not taken back. */
+int zeb_rpc_cancel(uint32_t src_app, uint32_t call);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

@@ -56,6 +56,11 @@ void hold_time(time_t seconds);
 // The monotonic clock stands still at `milliseconds`; a negative number lets it run.
 void hold_clock(int64_t milliseconds);
 
+// The time-outs of all calls of poll from now on, in order; take_polls forgets them.
+void watch_polls();
+std::vector<int> take_polls();
+void note_poll(int timeout);
+
 // Used by the interposed calls: counts `call` and returns the error it is to fail with, or 0.
 int take(const char *call);
 const char *redirected(const char *path, bool *missing);

@@ -42,6 +42,7 @@ static int every_call()
     static zeb_reply_msg_t s_reply;
     static zeb_reply_msg_t s_reply_to;
     static zeb_peer_state_t s_state;
+    static uint32_t s_call;
     s_reply.num = s_reply_to.num = 1; // left by an earlier call
     s_reply.msg[0] = s_reply_to.msg[0] = &s_msg;
     const int results[] = {
@@ -62,6 +63,9 @@ static int every_call()
         zeb_peer_state(APP, PEER, PEER_NODE, &s_state),
         zeb_online_nodes(APP, PEER, nullptr, 0),
         zeb_wait_online(APP, PEER, PEER_NODE, 1, 0),
+        zeb_rpc_async(
+            APP, PEER_NODE, PEER, &s_msg, 0, 1, [](uint32_t, zeb_reply_msg_t *, void *) {}, nullptr, &s_call),
+        zeb_rpc_cancel(APP, 1),
     };
     if (s_reply.num != 0 || s_reply.msg[0] != nullptr || s_reply_to.num != 0 || s_reply_to.msg[0] != nullptr)
         return 100;
