@@ -9,12 +9,13 @@
 #include "platform/list_algo.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
+#include "zeb_mng_msg.h"
 #include "zeb_tipc.h"
 
 constexpr int64_t NS_PER_MS = 1000000;
 
 static struct {
-    zeb_mutex_t mutex = {PTHREAD_MUTEX_INITIALIZER}; // no other lock is taken under it
+    zeb_mutex_t mutex = {PTHREAD_MUTEX_INITIALIZER}; // only that of the sequence number is taken under it
     zeb_heap_t heap ZEB_GUARDED_BY(mutex);           // by deadline: monotonic, nanoseconds
     int64_t looks_at ZEB_GUARDED_BY(mutex);          // when the receive thread looks next, by itself or woken
 } s_deadlines;
@@ -60,6 +61,14 @@ zeb_rpc_async_t *zeb_rpc_async_new(zeb_call_done_fun_t fun, void *context)
     async->fun = fun;
     async->context = context;
     return async;
+}
+
+// Two threads that draw at once may get one number. A caller of zeb_rpc does not see that once the other call is gone;
+// but here the number is the handle by which a call is cancelled. So these callers draw one after the other.
+uint32_t zeb_rpc_async_number()
+{
+    zeb_scoped_lock lock(&s_deadlines.mutex);
+    return zeb_get_seq();
 }
 
 static zeb_rpc_async_t *async_of(const zeb_rpc_wait_t *wait)

@@ -25,7 +25,8 @@ typedef struct zeb_rpc_async_s {
 
 // For callers. The record is freed with free() when its call could not be prepared; zeb_rpc_async_start takes it. After
 // that it may be gone at any time.
-int zeb_rpc_async_prepare(); // makes the descriptor that wakes the receive thread. 0, or -1 after an ERROR line
+int zeb_rpc_async_prepare();     // makes the descriptor that wakes the receive thread. 0, or -1 after an ERROR line
+uint32_t zeb_rpc_async_number(); // a sequence number that no other call of this kind has drawn
 zeb_rpc_async_t *zeb_rpc_async_new(zeb_call_done_fun_t fun, void *context);
 void zeb_rpc_async_start(zeb_app_rpc_wait_t *rpc, zeb_rpc_async_t *async, uint32_t seq, uint32_t milliseconds);
 int zeb_rpc_async_cancel(zeb_app_rpc_wait_t *rpc, uint32_t seq); // as zeb_rpc_cancel

@@ -203,14 +203,14 @@ static void request_all(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg)
     }
 }
 
-// Opens the call under a new number. Two threads may draw one number; the later one draws again.
+// Opens the call under a new number. A caller of zeb_rpc may have drawn the same one; then this one draws again.
 static int prepare_async(zeb_dst_t *dst, zeb_rpc_async_t *async, uint32_t milliseconds, uint32_t *seq)
 {
     int ret = zeb_rpc_async_prepare();
     if (ret != 0)
         return ret;
     do {
-        *seq = zeb_get_seq();
+        *seq = zeb_rpc_async_number();
         ret = zeb_prepare_rpc(dst, *seq, &async->replies, milliseconds / 1000 + (milliseconds % 1000 != 0 ? 1 : 0));
     } while (ret == -EEXIST);
     if (ret != 0)

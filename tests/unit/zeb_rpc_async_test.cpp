@@ -9,6 +9,7 @@
 #include "rpc_test.h"
 
 #include "zeb_app_info.h"
+#include "zeb_mng_msg.h"
 #include "zeb_mng_recv.h"
 #include "zeb_rpc_async.h"
 #include "zeb_timer.h"
@@ -308,6 +309,19 @@ TEST_F(zeb_rpc_async_test, a_call_of_zeb_rpc_is_not_cancelled)
     answer(3, seq);
     caller.join();
     EXPECT_EQ(outcomes(), lines_t({"200/3 0"}));
+}
+
+TEST_F(zeb_rpc_async_test, a_number_that_a_caller_of_zeb_rpc_waits_for_is_not_drawn)
+{
+    peer_online(3);
+    zeb_reply_msg_t other = {};
+    uint32_t taken = zeb_get_seq() + 1;
+    ASSERT_EQ(zeb_rpc_prepare_wait(APP, taken, &other, 9), 0);
+    uint32_t number = call();
+    EXPECT_NE(number, taken);
+    answer(3, number);
+    EXPECT_EQ(take_finished().size(), 1u);
+    zeb_rpc_del_wait(zeb_get_app_rpc(APP), taken);
 }
 
 // Answers to other calls neither wake the callers of zeb_rpc nor prolong their limits.
