@@ -17,6 +17,17 @@
 
 constexpr int THREAD_NAME_LEN = 16; // the kernel's limit, with the terminator
 
+// The flags of a queued task. Messages that are queued have no ZEB_MSG_FLAG_MNG, events nothing else.
+constexpr uint8_t TASK_FLAGS = ZEB_MSG_FLAG_MNG | ZEB_MSG_FLAG_ACK;
+
+static void run_task(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    zeb_app_task_t fun = nullptr;
+    memcpy(&fun, msg->data, sizeof(fun));
+    free(msg);
+    fun(app_info);
+}
+
 // Dispatches one event record and frees it.
 static void zeb_dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
@@ -26,6 +37,15 @@ static void zeb_dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
              zeb_event_type_string((int)event.type));
     (void)app_info->event_fun(event);
     free(msg);
+}
+
+// What the library itself has queued.
+static void dispatch_own(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    if (msg->hdr.flag == TASK_FLAGS)
+        run_task(app_info, msg);
+    else
+        zeb_dispatch_app_event(app_info, msg);
 }
 
 static zeb_msg_t *first_item(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mutex)
@@ -57,7 +77,7 @@ static void *zeb_proxy_thread_fun(void *arg)
     for (;;) {
         zeb_msg_t *msg = take_item(app_info);
         if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
-            zeb_dispatch_app_event(app_info, msg);
+            dispatch_own(app_info, msg);
         else
             zeb_dispatch_app_msg(app_info, msg);
     }
@@ -199,6 +219,15 @@ int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg)
     else
         zeb_dispatch_app_event(app_info, msg);
     return 0;
+}
+
+void zeb_enqueue_task(zeb_app_info_t *app_info, zeb_app_task_t fun)
+{
+    zeb_msg_t *msg = zeb_msg_alloc(sizeof(fun), 1, 0);
+    assert(msg != NULL);
+    msg->hdr.flag = TASK_FLAGS;
+    memcpy(msg->data, &fun, sizeof(fun));
+    enqueue(app_info, msg);
 }
 
 static void reply_app_mismatch(const zeb_app_info_t *app_info, const zeb_msg_t *msg)

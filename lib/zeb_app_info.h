@@ -68,6 +68,10 @@ void zeb_signal_queued(zeb_app_info_t *app_info);
 // callback; the caller then keeps the message. Must not be called under a lock.
 int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg);
 
+// Has the proxy thread call `fun(app_info)` in its turn. The application must have a proxy thread.
+typedef void (*zeb_app_task_t)(zeb_app_info_t *app_info);
+void zeb_enqueue_task(zeb_app_info_t *app_info, zeb_app_task_t fun);
+
 void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg);
 zeb_msg_dispatcher_fun_t zeb_get_dispatch_fun(const zeb_app_info_t *app_info, uint32_t ver);
 zeb_mismatch_info_t zeb_get_app_ver_range(const zeb_app_info_t *app_info);

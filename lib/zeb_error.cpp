@@ -108,7 +108,10 @@ static const result_text_t RESULT_TEXTS[] = {
     {-EEXIST, "already registered, or the number of the RPC call is in use"},
     {-EINVAL, "a bad argument"},
     {-ENOBUFS, "a fixed table is full"},
-    {-EDEADLK, "called by the log handler"},
+    {-EDEADLK, "called where it would wait for itself: by the log handler, or in a callback"},
+    {-ETIMEDOUT, "not enough servers came online in time"},
+    {-EALREADY, "the function of the call has been called, or there is no such call"},
+    {-EINPROGRESS, "the function of the call is running"},
     {ETIMEDOUT, "the wait of an RPC call ended just as its last reply came"},
 };
 

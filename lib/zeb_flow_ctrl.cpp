@@ -93,12 +93,20 @@ zeb_recv_app_fc_t *__zeb_get_recv_app_fc(zeb_fc_t *fc, zeb_inst_t src)
     });
 }
 
+// Apart, because a window is passed once in a thousand messages.
+__attribute__((noinline, cold)) static void pass_window(zeb_fc_t *fc, zeb_send_app_fc_t *record, bool blocks)
+    ZEB_REQUIRES(fc->mutex)
+{
+    fc->blocked_num.fetch_add(blocks ? 1 : -1, std::memory_order_relaxed);
+    record->blocked_since = zeb_monotonic_ns();
+}
+
 // Only this function changes the `unack` of a send record, so blocked_num stays right.
 static void set_unack(zeb_fc_t *fc, zeb_send_app_fc_t *record, int32_t unack) ZEB_REQUIRES(fc->mutex)
 {
     bool blocks = zeb_fc_past_window(unack);
     if (blocks != zeb_fc_past_window(record->unack))
-        fc->blocked_num.fetch_add(blocks ? 1 : -1, std::memory_order_relaxed);
+        pass_window(fc, record, blocks);
     record->unack = unack;
 }
 
@@ -110,6 +118,13 @@ static void each_blocking(zeb_fc_t *fc, uint32_t dst_app, Visit visit) ZEB_REQUI
         if (zeb_fc_blocks(record, dst_app))
             visit(record);
     });
+}
+
+int64_t zeb_fc_blocked_since(zeb_fc_t *fc, zeb_inst_t dst)
+{
+    zeb_scoped_lock lock(&fc->mutex);
+    const zeb_send_app_fc_t *record = indexed_list_find(&fc->send_list, zeb_inst_key(dst));
+    return record != nullptr && zeb_fc_past_window(record->unack) ? record->blocked_since : 0;
 }
 
 static void log_accepted(const zeb_fc_t *fc, uint32_t dst_app)

@@ -32,6 +32,7 @@ typedef struct zeb_send_app_fc_s {
     int32_t unack;             // sent, not yet acknowledged
     uint32_t reject;           // sends refused or failed
     uint32_t rpc_reply_reject; // RPC replies that failed
+    int64_t blocked_since;     // monotonic, nanoseconds; when it last went past its window
 } zeb_send_app_fc_t;
 
 // What the application received from one source instance.
@@ -79,6 +80,7 @@ static inline zeb_fc_t *zeb_get_app_fc(uint32_t app)
 // -EAGAIN instead of a wait; -ENOENT when `fc` is null.
 constexpr int ZEB_FC_WAITED = 1;
 int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags);
+int64_t zeb_fc_blocked_since(zeb_fc_t *fc, zeb_inst_t dst); // monotonic, nanoseconds; 0: it is not past its window
 void zeb_fc_update_sent_ok(zeb_fc_t *fc, zeb_inst_t dst);
 void zeb_fc_update_recv_ok(zeb_fc_t *fc, zeb_inst_t src); // may send an acknowledgement
 

@@ -69,7 +69,7 @@ static int start_timer(void *, unsigned seconds, zeb_timer_t timer)
     return zeb_start_timer(seconds, timer);
 }
 
-static int send_sync(void *, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body)
+static int write_sync(uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body)
 {
     zeb_msg_t *msg = zeb_new_sync_inst_msg(src_app, dst, body);
     int ret = zeb_tipc_sendto(src_app, msg, dst, 0);
@@ -77,6 +77,12 @@ static int send_sync(void *, uint32_t src_app, zeb_inst_t dst, const zeb_msg_syn
         ret = -errno;
     free(msg);
     return ret;
+}
+
+static int send_sync(void *, uint32_t src_app, zeb_inst_t dst, const zeb_msg_sync_inst_t *body)
+{
+    zeb_since_touch(dst);
+    return write_sync(src_app, dst, body);
 }
 
 static int resend_ack(void *, const zeb_returned_ack_t *ack)
@@ -87,6 +93,7 @@ static int resend_ack(void *, const zeb_returned_ack_t *ack)
 
 static void count(void *, zeb_hs_count_t what, uint32_t my_app, zeb_inst_t peer, int type)
 {
+    zeb_since_touch(peer);
     switch (what) {
     case ZEB_HS_SENT:
         zeb_mng_stat_update_sent(my_app, peer, type);
@@ -102,6 +109,7 @@ static void count(void *, zeb_hs_count_t what, uint32_t my_app, zeb_inst_t peer,
 
 static void forget_peer(void *, uint32_t my_app, zeb_inst_t peer, bool was_online)
 {
+    zeb_since_touch(peer);
     zeb_fc_reset_unack(my_app, peer);
     if (!was_online)
         return;
@@ -169,7 +177,7 @@ static void resend_sync(const later_t *later)
     uint32_t app = later->my_app;
     zeb_inst_t peer = later->peer;
     uint32_t seq = later->body.sync.seq;
-    if (send_sync(nullptr, app, peer, &later->body.sync) != 0) {
+    if (write_sync(app, peer, &later->body.sync) != 0) {
         ZEB_WARN("ZEB app %d sync inst to %d/%d, seq %d FAIL.\n", app, peer.app, peer.node, seq);
         zeb_mng_stat_update_send_fail(app, peer);
         return;
@@ -238,6 +246,7 @@ void zeb_handshake_start()
     if (g_zeb_handshake.effects != nullptr)
         zeb_hs_clear(&g_zeb_handshake);
     zeb_hs_init(&g_zeb_handshake, &s_effects, nullptr);
+    __zeb_since_clear();
 }
 
 // An application may send or list before it registers. It then finds nobody.
@@ -300,6 +309,12 @@ zeb_inst_state_t zeb_get_inst_state(zeb_inst_t inst)
 {
     zeb_scoped_lock lock(&g_lib_mutex);
     return zeb_hs_get_inst_state(&g_zeb_handshake, inst);
+}
+
+zeb_since_t zeb_get_inst_since(zeb_inst_t inst)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return __zeb_get_since(&g_zeb_handshake, inst);
 }
 
 // The record of the application that sent last. It is valid until an application comes or goes.
@@ -457,7 +472,11 @@ void zeb_sync_msg_process(zeb_msg_t *msg)
 
 void zeb_notify_app_join(uint32_t my_app, zeb_inst_t peer)
 {
-    zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_recv_traffic(hs, my_app, peer); });
+    zeb_handshake_event([&](zeb_handshake_t *hs) {
+        if (zeb_hs_get_inst_state(hs, peer).instance)
+            zeb_since_touch(peer);
+        zeb_hs_recv_traffic(hs, my_app, peer);
+    });
 }
 
 void zeb_process_return_sync(zeb_msg_t *msg)

@@ -7,6 +7,7 @@
 #define ZEB_HANDSHAKE_SHELL_H
 
 #include "zeb_handshake.h"
+#include "zeb_handshake_since.h"
 #include "zeb_lock.h"
 #include "zeb_slot.h"
 
@@ -27,6 +28,7 @@ static inline void zeb_handshake_event(Event event)
         zeb_scoped_lock lock(&g_lib_mutex);
         g_zeb_handshake.ctx = &later;
         event(&g_zeb_handshake);
+        __zeb_since_note(&g_zeb_handshake);
     }
     zeb_carry_out(&later);
 }
@@ -44,6 +46,7 @@ bool zeb_has_app_server(const zeb_app_set_t *ol_srv); // takes no lock
 // nodes: it copies only what is asked for.
 bool zeb_get_app_server_on(uint32_t app, const uint32_t *nodes, int num, zeb_app_set_t *ol_srv);
 zeb_inst_state_t zeb_get_inst_state(zeb_inst_t inst);
+zeb_since_t zeb_get_inst_since(zeb_inst_t inst);
 
 // zeb_get_sender_state is for the receive thread alone. It reads the sets without the lock, because no other thread
 // changes them.

@@ -5,6 +5,7 @@
 #define ZEB_LOCK_H
 
 #include <cerrno>
+#include <cstdint>
 #include <pthread.h>
 #include <time.h>
 
@@ -150,6 +151,23 @@ static inline struct timespec zeb_deadline_in(unsigned seconds)
     (void)clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += (time_t)seconds;
     return deadline;
+}
+
+static inline struct timespec zeb_deadline_in_ms(uint32_t milliseconds)
+{
+    struct timespec deadline = zeb_deadline_in(milliseconds / 1000);
+    deadline.tv_nsec += (long)(milliseconds % 1000) * 1000000;
+    deadline.tv_sec += deadline.tv_nsec / 1000000000;
+    deadline.tv_nsec %= 1000000000;
+    return deadline;
+}
+
+// The monotonic time now, in nanoseconds.
+static inline int64_t zeb_monotonic_ns()
+{
+    struct timespec now;
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return (int64_t)now.tv_sec * 1000000000 + now.tv_nsec;
 }
 
 static inline bool zeb_deadline_passed(const struct timespec *deadline)

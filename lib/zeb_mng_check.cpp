@@ -196,6 +196,13 @@ static void check_calls(report_t *report, zeb_app_rpc_wait_t *rpc)
     if (!indexed_list_is_whole(report, &rpc->wait_list, "wait_list", rpc->app_id))
         return;
     indexed_list_each(&rpc->wait_list, [&](const zeb_rpc_wait_t *wait) { check_call(report, rpc->app_id, wait); });
+    if (!indexed_list_is_whole(report, &rpc->done_list, "done_list", rpc->app_id))
+        return;
+    indexed_list_each(&rpc->done_list, [&](const zeb_rpc_wait_t *wait) {
+        check_call(report, rpc->app_id, wait);
+        expect(report, wait->reply->num == wait->inst_num, "%u: call %u is done with %d of %d replies\n", rpc->app_id,
+               wait->seq, wait->reply->num, wait->inst_num);
+    });
 }
 
 static void check_groups(report_t *report, zeb_mc_t *mc) ZEB_REQUIRES(mc->mutex)

@@ -17,6 +17,7 @@
 #include "zeb_mng_recv_mng.h"
 #include "zeb_mng_topology.h"
 #include "zeb_rpc.h"
+#include "zeb_rpc_async.h"
 #include "zeb_slot.h"
 #include "zeb_tipc.h"
 
@@ -34,9 +35,12 @@ static union {
 } s_anc_buf;
 
 typedef struct poll_set_s {
-    struct pollfd fds[ZEB_APP_SLOT_NUM + 1]; // the topology connection, then the application sockets in slot order
+    // The topology connection, the application sockets in slot order, and what wakes for calls that no thread waits
+    // for.
+    struct pollfd fds[ZEB_APP_SLOT_NUM + 2];
     zeb_app_info_t *app[ZEB_APP_SLOT_NUM];
     nfds_t app_num;
+    nfds_t fd_num; // without the topology connection
 } poll_set_t;
 
 // Where the two threads share a CPU, waking a proxy thread for each message of a stream costs more than the message. So
@@ -264,6 +268,7 @@ static bool route_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
     if (zeb_is_rpc_reply(msg)) {
         if (zeb_rpc_add_reply(msg) != 0)
             free(msg);
+        zeb_rpc_async_run_ready();
         return false;
     }
     if (streamed)
@@ -360,14 +365,22 @@ static void build_poll_set(poll_set_t *set)
         set->app_num++;
         watch(&set->fds[set->app_num], slot->info->sd);
     });
+    set->fd_num = set->app_num;
 }
 
 static void close_topology_connection()
 {
+    zeb_scoped_lock lock(&g_lib_mutex); // other threads start timers under it
     int sd = g_zeb_mng.subscr_sd;
     g_zeb_mng.subscr_sd = -1; // cleared first: a child forked now must not close the descriptor again
     (void)shutdown(sd, SHUT_RDWR);
     (void)close(sd);
+}
+
+static void set_topology_connection(int sd)
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    g_zeb_mng.subscr_sd = sd;
 }
 
 // Seconds. A new connection reports every existing instance at once. An instance that it has not reported after this
@@ -378,7 +391,7 @@ static struct timespec s_report_deadline; // 0: no reports are awaited
 
 static void reopen_topology_connection(poll_set_t *set)
 {
-    g_zeb_mng.subscr_sd = zeb_create_subscription_socket();
+    set_topology_connection(zeb_create_subscription_socket());
     if (g_zeb_mng.subscr_sd == -1) {
         ZEB_ERROR("ZEB create subscription socket failed(ret:%d, err:%d:%s)\n", g_zeb_mng.subscr_sd, errno,
                   strerror(errno));
@@ -399,22 +412,74 @@ static void end_reports(bool event)
 }
 
 constexpr unsigned MINUTE = 60;            // seconds
-constexpr unsigned PASSES_OF_CLOCK = 1024; // while messages stream, one pass of the loop in so many reads the clock
+constexpr unsigned PASSES_OF_CLOCK = 1024; // while messages stream, one pass in so many reads the clock; a power of 2
 
 static struct timespec s_minute_end;
+
+// What a pass of the loop does besides reading. In a process that makes calls that no thread waits for, from the first
+// one on, `look_at` is 0 and so are the passes between two looks: every pass serves these calls. In all others this
+// costs nothing.
+static struct {
+    struct timespec look_at;
+    unsigned skipped_passes; // of a stream; one less than a power of 2
+    int poll_ms;
+} s_pass = {{0, 0}, PASSES_OF_CLOCK - 1, ZEB_POLL_TIMEOUT_MS};
+
+// From now on the receive thread is woken for deadlines, and serves them.
+static void watch_calls(poll_set_t *set)
+{
+    int fd = zeb_rpc_async_wake_fd();
+    if (fd == -1 || set->fd_num != set->app_num)
+        return;
+    set->fd_num++;
+    watch(&set->fds[set->fd_num], fd);
+    s_pass.look_at = {0, 0};
+    s_pass.skipped_passes = 0;
+}
+
+static void serve_calls(poll_set_t *set)
+{
+    watch_calls(set);
+    if (set->fd_num == set->app_num)
+        return;
+    zeb_rpc_async_time_out();
+    if (zeb_rpc_async_ready()) {
+        signal_queued(); // first, because functions may take long
+        zeb_rpc_async_run_ready();
+    }
+    s_pass.poll_ms = zeb_rpc_async_until_next(ZEB_POLL_TIMEOUT_MS);
+}
+
+static void begin_minute()
+{
+    s_minute_end = zeb_deadline_in(MINUTE);
+    if (s_pass.skipped_passes != 0)
+        s_pass.look_at = s_minute_end;
+}
 
 // Counts minutes for the handshake in the loop that runs anyway, so no timer is needed. While messages stream, a
 // wake-up is due: the passes of the loop follow one another without waiting, and only one in PASSES_OF_CLOCK reads the
 // clock.
-static void count_minutes(bool wakeup_due)
+static void look_at_clock(poll_set_t *set, bool wakeup_due)
 {
     static unsigned s_passes;
-    if (wakeup_due && ++s_passes % PASSES_OF_CLOCK != 0)
+    if (wakeup_due && (++s_passes & s_pass.skipped_passes) != 0)
         return;
+    if (!zeb_deadline_passed(&s_pass.look_at))
+        return;
+    serve_calls(set);
     if (!zeb_deadline_passed(&s_minute_end))
         return;
-    s_minute_end = zeb_deadline_in(MINUTE);
+    begin_minute();
     zeb_handshake_minute();
+}
+
+static void handle_event(poll_set_t *set)
+{
+    if (zeb_socket_recv_tipc_event() != 0)
+        close_topology_connection();
+    watch_calls(set);
+    zeb_rpc_async_run_ready();
 }
 
 // One pass of the loop. It reads one datagram from every readable socket, so that a busy socket does not starve the
@@ -424,16 +489,18 @@ static void poll_once(poll_set_t *set)
     bool topology = g_zeb_mng.subscr_sd != -1;
     struct pollfd *fds = topology ? set->fds : set->fds + 1;
     bool wakeup_due = s_stream.unsignalled > 0;
-    int ready = poll(fds, topology ? set->app_num + 1 : set->app_num, wakeup_due ? 0 : ZEB_POLL_TIMEOUT_MS);
+    int ready = poll(fds, topology ? set->fd_num + 1 : set->fd_num, wakeup_due ? 0 : s_pass.poll_ms);
     if (ready < 0)
         ZEB_WARN("ZEB polling error: %d:%s.\n", errno, strerror(errno));
     bool event = ready > 0 && topology && set->fds[0].revents != 0;
     if (ready <= 0 || event)
         signal_queued();
-    if (ready < 0)
+    if (ready < 0) {
+        look_at_clock(set, false); // signals without end must not hold up deadlines
         return;
-    if (event && zeb_socket_recv_tipc_event() != 0)
-        close_topology_connection();
+    }
+    if (event)
+        handle_event(set);
     bool only_streams = true;
     for (nfds_t i = 0; ready > 0 && i < set->app_num; i++) {
         if (set->fds[i + 1].revents != 0 && !zeb_socket_recv_app_msg(set->app[i]))
@@ -442,7 +509,7 @@ static void poll_once(poll_set_t *set)
     if (!only_streams) // a socket kept readable by other messages must not delay the queued streams
         signal_queued();
     end_reports(event);
-    count_minutes(wakeup_due);
+    look_at_clock(set, wakeup_due);
     if (g_zeb_mng.subscr_sd == -1)
         reopen_topology_connection(set);
 }
@@ -474,7 +541,7 @@ void *zeb_socket_msg_dist_thread_fun(void *)
 
     poll_set_t set;
     build_poll_set(&set);
-    s_minute_end = zeb_deadline_in(MINUTE);
+    begin_minute();
     s_stream.more = true;
     for (;;)
         poll_once(&set);

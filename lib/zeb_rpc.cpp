@@ -39,6 +39,7 @@ zeb_app_rpc_wait_t *zeb_add_app_rpc_wait(uint32_t app)
     }
     zeb_scoped_lock lock(&rpc->mutex);
     indexed_list_init(&rpc->wait_list);
+    indexed_list_init(&rpc->done_list);
     return rpc;
 }
 
@@ -50,6 +51,7 @@ void zeb_del_app_rpc_wait(zeb_app_rpc_wait_t *rpc)
     {
         zeb_scoped_lock lock(&rpc->mutex);
         indexed_list_clear(&rpc->wait_list);
+        indexed_list_clear(&rpc->done_list);
     }
     zeb_cond_destroy(&rpc->wait_cond);
     zeb_mutex_destroy(&rpc->mutex);
@@ -191,6 +193,49 @@ static void store_timeouts(zeb_rpc_wait_t *wait, uint32_t app)
     }
 }
 
+// A call that nobody waits for is done with its last entry. Returns who is to be told once the lock is released, or
+// null.
+static zeb_rpc_done_t __move_done(zeb_app_rpc_wait_t *rpc, zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
+{
+    if (wait->done == nullptr || !all_replied(wait))
+        return nullptr;
+    indexed_list_remove(&rpc->wait_list, wait);
+    indexed_list_append(&rpc->done_list, wait, wait->seq);
+    return wait->done;
+}
+
+// Who waits, or the one that is to be told.
+static void tell(zeb_app_rpc_wait_t *rpc, zeb_rpc_done_t done, bool waited_for)
+{
+    if (waited_for)
+        zeb_cond_broadcast(&rpc->wait_cond);
+    else if (done != nullptr)
+        done(rpc);
+}
+
+zeb_rpc_done_t __zeb_rpc_leave_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_rpc_done_t done)
+{
+    zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
+    assert(wait != NULL);
+    wait->caller = 0;
+    wait->done = done;
+    return __move_done(rpc, wait);
+}
+
+void zeb_rpc_time_out(zeb_app_rpc_wait_t *rpc, uint32_t seq)
+{
+    zeb_rpc_done_t done = nullptr;
+    {
+        zeb_scoped_lock lock(&rpc->mutex);
+        zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
+        if (wait == nullptr || wait->done == nullptr)
+            return;
+        store_timeouts(wait, rpc->app_id);
+        done = __move_done(rpc, wait);
+    }
+    tell(rpc, done, false);
+}
+
 // Waits until every entry is completed, or until `timeout` seconds pass in which no caller of the application is woken.
 // Each wake-up wakes them all, and the time starts again. Returns the result of the last wait.
 static int wait_all_replied(zeb_app_rpc_wait_t *rpc, const zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
@@ -250,6 +295,8 @@ int zeb_rpc_add_reply(zeb_msg_t *msg)
         ZEB_ERROR("ZEB get app %d RPC wait not exist.\n", app);
         return -ENOENT;
     }
+    zeb_rpc_done_t done = nullptr;
+    bool waited_for = false;
     {
         zeb_scoped_lock lock(&rpc->mutex);
         zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
@@ -260,9 +307,11 @@ int zeb_rpc_add_reply(zeb_msg_t *msg)
         if (!complete_or_log(wait, app, src))
             return -ENOENT;
         store(wait, msg);
+        waited_for = wait->done == nullptr;
+        done = __move_done(rpc, wait);
     }
     ZEB_VERBOSE("ZEB app %d seq %d to %d/%d RPC replied.\n", app, seq, src.app, src.node);
-    zeb_cond_broadcast(&rpc->wait_cond);
+    tell(rpc, done, waited_for);
     return 0;
 }
 
@@ -272,6 +321,8 @@ int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t sr
     uint32_t app = rpc->app_id;
     ZEB_WARN("ZEB add error reply for app %d seq %d from %d/%d status %s.\n", app, seq, src.app, src.node,
              zeb_reply_stat_string(status));
+    zeb_rpc_done_t done = nullptr;
+    bool waited_for = false;
     {
         zeb_scoped_lock lock(&rpc->mutex);
         zeb_rpc_wait_t *wait = __find_wait(rpc, seq);
@@ -283,8 +334,10 @@ int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t sr
         if (!complete_or_log(wait, app, src))
             return -ENOENT;
         store_substitute(wait, app, src, status);
+        waited_for = wait->done == nullptr;
+        done = __move_done(rpc, wait);
     }
-    zeb_cond_broadcast(&rpc->wait_cond);
+    tell(rpc, done, waited_for);
     return 0;
 }
 
@@ -293,16 +346,23 @@ int zeb_terminate_rpc(uint32_t app, zeb_inst_t src)
     ZEB_VERBOSE("ZEB try to terminate app %d RPC to %d/%d.\n", app, src.app, src.node);
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     assert(rpc != NULL);
+    zeb_rpc_done_t done = nullptr; // the same for every call
+    int done_num = 0;
     {
         zeb_scoped_lock lock(&rpc->mutex);
-        indexed_list_each(&rpc->wait_list, [&](zeb_rpc_wait_t *wait) {
+        indexed_list_each(&rpc->wait_list, [&](zeb_rpc_wait_t *wait) ZEB_NO_THREAD_SAFETY_ANALYSIS {
             if (!complete_entry(wait, src))
                 return;
             ZEB_WARN("ZEB terminate app %d seq %d RPC to %d/%d.\n", app, wait->seq, src.app, src.node);
             store_substitute(wait, app, src, ZEB_SYSTEM_ERR);
+            zeb_rpc_done_t to_tell = __move_done(rpc, wait);
+            done = to_tell != nullptr ? to_tell : done;
+            done_num += to_tell != nullptr ? 1 : 0;
         });
     }
     zeb_cond_broadcast(&rpc->wait_cond);
+    for (int i = 0; i < done_num; i++)
+        tell(rpc, done, false);
     return 0;
 }
 

@@ -1,11 +1,13 @@
 // The RPC wait table: per application, the calls in progress and the instances that have not replied yet; and the
 // replies that the library itself sends. Callers wait in their own threads. The receive thread stores replies and ends
 // waits when an instance quits. An entry holds the code of its instance until the reply, a failed write, a quit or a
-// time-out completes it, and 0 from then on. It is completed exactly once, and this stores exactly one message.
+// time-out completes it, and 0 from then on. It is completed exactly once, and this stores exactly one message. For a
+// call that no thread waits for (lib/zeb_rpc_async.h) the record moves to `done_list` with its last entry.
 #ifndef ZEB_RPC_H
 #define ZEB_RPC_H
 
 #include <cstdint>
+#include <pthread.h>
 #include <sys/types.h>
 
 #include <zeb/zeb.h>
@@ -24,7 +26,14 @@ typedef struct zeb_app_rpc_wait_s {
     // under it.
     zeb_mutex_t mutex;
     indexed_list<struct zeb_rpc_wait_s> wait_list ZEB_GUARDED_BY(mutex); // by sequence number
+    indexed_list<struct zeb_rpc_wait_s> done_list ZEB_GUARDED_BY(mutex); // calls whose function is not called yet
+    uint32_t running_seq ZEB_GUARDED_BY(mutex);                          // the call whose function runs; 0: none
+    pthread_t running_thread ZEB_GUARDED_BY(mutex);                      // valid with running_seq
+    int cancel_num ZEB_GUARDED_BY(mutex); // threads that wait on wait_cond for the function to return
 } zeb_app_rpc_wait_t;
+
+// Called once for each record that has moved to done_list, without a lock but perhaps g_lib_mutex.
+typedef void (*zeb_rpc_done_t)(zeb_app_rpc_wait_t *rpc);
 
 typedef struct zeb_rpc_wait_s {
     struct list_head list; // in wait_list
@@ -35,6 +44,7 @@ typedef struct zeb_rpc_wait_s {
     int inst_num;                          // entries in use
     uint32_t wait_inst[ZEB_RPC_REPLY_NUM]; // application << 16 | node; 0 when completed
     zeb_reply_msg_t *reply;                // belongs to the caller
+    zeb_rpc_done_t done;                   // null when a thread waits for the call
 } zeb_rpc_wait_t;
 
 zeb_app_rpc_wait_t *zeb_add_app_rpc_wait(uint32_t app); // null on failure
@@ -57,12 +67,19 @@ int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq);
 int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t src, zeb_reply_stat_t status);
 void zeb_rpc_print_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq);
 
+// From now on nobody waits for the call, and `done` is called when its last entry is completed. Returns `done` when
+// that is so already: the caller calls it once it has released the lock. Else null.
+zeb_rpc_done_t __zeb_rpc_leave_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_rpc_done_t done)
+    ZEB_REQUIRES(rpc->mutex);
+
 // The code of entry `index`: 0 when it is completed, -ENOENT past the last entry or when there is no such call.
 int64_t zeb_rpc_wait_inst(zeb_app_rpc_wait_t *rpc, uint32_t seq, int index);
 
 // For the receive thread.
 int zeb_rpc_add_reply(zeb_msg_t *msg); // 0: takes the message; -ENOENT: the caller keeps it
 int zeb_terminate_rpc(uint32_t app, zeb_inst_t src);
+void zeb_rpc_time_out(zeb_app_rpc_wait_t *rpc,
+                      uint32_t seq); // a call that no thread waits for; ignored when it is done
 void zeb_reply_msg_free(zeb_reply_msg_t *reply);
 
 // Does what zeb_rpc_reply does, for the threads of the library.

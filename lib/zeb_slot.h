@@ -33,7 +33,7 @@ typedef struct zeb_mng_s {
     std::atomic<bool> blocked_resume;
     int subscr_sd; // topology connection, -1 when closed; owned by the receive thread once that has started
     pthread_t lib_tid;
-    zeb_cond_t running_cond;
+    zeb_cond_t running_cond; // on g_lib_mutex: broadcast when the library runs, and when a server comes or goes
     zeb_app_mng_t app[ZEB_APP_SLOT_NUM];
 } zeb_mng_t;
 
@@ -63,6 +63,12 @@ void zeb_clear_mng() ZEB_REQUIRES(g_lib_mutex);
 
 void zeb_notify_running();
 void zeb_wait_for_running();
+
+// Whether the caller is the receive thread. Only for a caller that has found a slot: the thread exists by then.
+static inline bool zeb_on_receive_thread()
+{
+    return pthread_equal(pthread_self(), g_zeb_mng.lib_tid) != 0;
+}
 
 // True in a child that was forked after the library had started. The child has one thread, locks that other threads may
 // have held at the fork, and the parent's sockets, so every exported call that needs any of these is refused.

@@ -10,7 +10,8 @@ typedef enum zeb_timer_type_e : uint32_t {
     ZEB_TIMER_TYPE_INST = 1, // sends a returned acknowledgement again
     ZEB_TIMER_TYPE_MONITOR = 2,
     ZEB_TIMER_TYPE_INST_RETRY = 3, // sends unacknowledged synchronisations again
-    ZEB_TIMER_TYPE_NUM = 4,
+    ZEB_TIMER_TYPE_WAKE = 4,       // does nothing but wake the receive thread
+    ZEB_TIMER_TYPE_NUM = 5,
 } zeb_timer_type_t;
 
 // The user handle of a timer subscription, host order.

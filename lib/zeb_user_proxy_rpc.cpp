@@ -4,7 +4,10 @@
 #include "zeb_user_proxy.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+
+#include <zeb/zeb_ext.h>
 
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
@@ -12,6 +15,7 @@
 #include "zeb_flow_ctrl.h"
 #include "zeb_mng_msg.h"
 #include "zeb_rpc.h"
+#include "zeb_rpc_async.h"
 
 // The caller must find no old messages, whatever the result of the call.
 static void clear_replies(zeb_reply_msg_t *ret_buf)
@@ -191,6 +195,87 @@ int zeb_rpcto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *
     zeb_dst_t dst;
     zeb_name_dst(&dst, src_app, {dst_app, dst_node}, flags);
     return call(&dst, msg, timeout, ret_buf);
+}
+
+// Writes the requests of a call that no thread waits for. It may be done, and even freed, at any time.
+static void request_all(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg)
+{
+    int64_t code = 0;
+    for (int i = 0; (code = zeb_rpc_wait_inst(dst->slot->rpc, seq, i)) >= 0; i++) {
+        if (code != 0)
+            (void)request_instance(dst, seq, msg, {(uint32_t)(code >> 16), (uint32_t)(code & 0xFFFF)});
+    }
+}
+
+// Opens the call under a new number. A caller of zeb_rpc may have drawn the same one; then this one draws again.
+static int prepare_async(zeb_dst_t *dst, zeb_rpc_async_t *async, uint32_t milliseconds, uint32_t *seq)
+{
+    int ret = zeb_rpc_async_prepare();
+    if (ret != 0)
+        return ret;
+    do {
+        *seq = zeb_rpc_async_number();
+        ret = zeb_prepare_rpc(dst, *seq, &async->replies, milliseconds / 1000 + (milliseconds % 1000 != 0 ? 1 : 0));
+    } while (ret == -EEXIST);
+    if (ret != 0)
+        zeb_fc_update_sent_reject(dst->src_app, dst->named);
+    return ret;
+}
+
+static bool check_async_arg(uint32_t src_app, const zeb_msg_t *msg, zeb_call_done_fun_t done)
+{
+    if (!zeb_check_src_app(src_app))
+        return false;
+    if (msg != nullptr && done != nullptr)
+        return zeb_check_msg_len(src_app, msg);
+    zeb_note_error("ZEB app %d RPC msg or function NULL.\n", {{src_app}});
+    return false;
+}
+
+int zeb_rpc_async(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags,
+                  uint32_t milliseconds, zeb_call_done_fun_t done, void *context, uint32_t *call)
+{
+    if (call != nullptr)
+        *call = 0;
+    if (zeb_in_child("zeb_rpc_async"))
+        return -EPERM;
+    ZEB_VERBOSE("ZEB user app %d rpc async %d/%d(0x%x/0x%x), msg %p, flags 0x%x, timeout %ums.\n", src_app, dst_app,
+                dst_node, dst_app, dst_node, (void *)msg, flags, milliseconds);
+    if (!check_async_arg(src_app, msg, done))
+        return -EINVAL;
+    zeb_dst_t dst;
+    zeb_name_dst(&dst, src_app, {dst_app, dst_node}, flags);
+    zeb_rpc_async_t *async = zeb_rpc_async_new(done, context);
+    uint32_t seq = 0;
+    int ret = prepare_async(&dst, async, milliseconds, &seq);
+    if (ret != 0) {
+        free(async);
+        return ret;
+    }
+    if (call != nullptr)
+        *call = seq;
+    zeb_rpc_async_start(dst.slot->rpc, async, seq, milliseconds);
+    request_all(&dst, seq, msg);
+    return 0;
+}
+
+int zeb_rpc_cancel(uint32_t src_app, uint32_t call)
+{
+    if (zeb_in_child("zeb_rpc_cancel"))
+        return -EPERM;
+    if (!zeb_check_src_app(src_app))
+        return -EINVAL;
+    zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(src_app);
+    if (rpc == nullptr) {
+        zeb_note_not_registered(src_app);
+        return -ENOENT;
+    }
+    int ret = zeb_rpc_async_cancel(rpc, call);
+    if (ret == -EALREADY)
+        zeb_note_error("ZEB app %d seq %d: no such RPC call is in progress.\n", {{src_app, call}});
+    else if (ret != 0)
+        zeb_note_error("ZEB app %d seq %d: the function of the RPC call is running.\n", {{src_app, call}});
+    return ret;
 }
 
 int zeb_rpc_reply(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags)

@@ -6,6 +6,7 @@
 
 #include <zeb/zeb.h>
 #include <zeb/zeb_diag.h>
+#include <zeb/zeb_ext.h>
 #include <zeb/zeb_tlv.h>
 
 _Static_assert(sizeof(zeb_msg_hdr_t) == 36, "wire header");
@@ -28,6 +29,9 @@ _Static_assert(sizeof(zeb_reply_msg_t) == 65 * sizeof(void *), "reply buffer");
 _Static_assert(offsetof(zeb_reply_msg_t, msg) == sizeof(void *), "first reply");
 _Static_assert(sizeof(zeb_mismatch_info_t) == 8, "version range");
 _Static_assert(sizeof(struct tlv_desc) == 4, "element header");
+_Static_assert(sizeof(zeb_peer_state_t) == 16, "state of a peer");
+_Static_assert(offsetof(zeb_peer_state_t, since) == 8, "since when");
+_Static_assert(ZEB_PEER_UNKNOWN == 0 && ZEB_PEER_BLOCKED == 3, "phase of a peer");
 _Static_assert(ZEB_SUCCESS == 0 && ZEB_TIMEOUT == 5, "reply status");
 
 #endif

@@ -141,3 +141,63 @@ TEST_F(rpc, sixty_four_instances_are_gathered_and_with_a_sixty_fifth_the_call_is
     EXPECT_EQ(client.ask("rpc 350 351 all 30 1"), "-105");
     EXPECT_EQ(client.ask("rpc 350 351 165 30 1"), "0 165:0") << "it is served alone";
 }
+
+TEST_F(rpc, without_a_blocked_thread_the_outcomes_are_the_same)
+{
+    process client(1, "zeb_agent");
+    process one(1, "zeb_agent");
+    process two(2, "zeb_agent");
+    process three(3, "zeb_agent");
+    start(client, "360", "361");
+    start(one, "361", "360");
+    start(two, "361", "360");
+    start(three, "361", "360", " 1", " inline");
+    EXPECT_EQ(client.ask("online 360 361 all 3 60000"), "0 1:2 2:2 3:2");
+    auto outcomes = [&](const std::string &tag) {
+        return sorted(client.wait("outcomes " + tag).substr(std::string("outcomes ").size()));
+    };
+    ASSERT_EQ(client.ask("async a 360 361 all 10000 1"), "0");
+    EXPECT_EQ(outcomes("a"), "a 1:0 2:0 3:0");
+    ASSERT_EQ(client.ask("async b 360 361 2 10000 4"), "0");
+    EXPECT_EQ(outcomes("b"), "b 2:3[1-1]");
+    ASSERT_EQ(two.ask("answer silent"), "0");
+    ASSERT_EQ(three.ask("answer null"), "0");
+    ASSERT_EQ(client.ask("async c 360 361 all 300 1"), "0");
+    EXPECT_EQ(outcomes("c"), "c 1:0 2:5 3:4");
+    ASSERT_EQ(three.ask("answer silent"), "0");
+    ASSERT_EQ(client.ask("async long 360 361 3 0 1"), "0");
+    ASSERT_EQ(client.ask("async short 360 361 2 200 1"), "0");
+    EXPECT_EQ(outcomes("short"), "short 2:5") << "begun later, its limit is earlier";
+    three.kill();
+    EXPECT_EQ(outcomes("long"), "long 3:4");
+    EXPECT_EQ(client.ask("async none 360 361 3 200 1"), "-2");
+    EXPECT_EQ(client.ask("online 360 361 3 1 1").substr(0, 4), "-110");
+}
+
+TEST_F(rpc, an_application_without_a_thread_gets_the_outcomes_on_the_receive_thread)
+{
+    process client(1, "zeb_agent");
+    process server(2, "zeb_agent");
+    start(client, "370", "371", " 1", " inline");
+    start(server, "371", "370");
+    client.wait("join 370 371/2");
+    ASSERT_EQ(client.ask("async a 370 371 all 10000 1"), "0");
+    EXPECT_EQ(client.wait("outcomes a"), "outcomes a 2:0");
+    ASSERT_EQ(server.ask("answer silent"), "0");
+    ASSERT_EQ(client.ask("async b 370 371 all 100 1"), "0");
+    EXPECT_EQ(client.wait("outcomes b"), "outcomes b 2:5");
+    ASSERT_EQ(client.ask("async c 370 371 all 0 1"), "0");
+    server.kill();
+    EXPECT_EQ(client.wait("outcomes c"), "outcomes c 2:4");
+}
+
+TEST_F(rpc, a_thousand_calls_are_in_flight_at_once)
+{
+    process client(1, "zeb_agent");
+    process server(2, "zeb_agent");
+    start(client, "380", "381");
+    start(server, "381", "380");
+    client.wait("join 380 381/2");
+    ASSERT_EQ(server.ask("quiet 1"), "0");
+    EXPECT_EQ(client.ask("storm 380 381 1000"), "1000");
+}

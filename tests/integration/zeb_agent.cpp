@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <poll.h>
+#include <sched.h>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include <zeb/zeb_diag.h>
+#include <zeb/zeb_ext.h>
 
 typedef struct from_s { // what came from one sender
     uint32_t num;
@@ -235,6 +237,16 @@ static std::string do_send(std::istringstream &in)
     return str(failed > 1 ? -2000 - failed : ret);
 }
 
+static std::string outcome(const zeb_msg_t *reply)
+{
+    std::string out = str(reply->hdr.src_node) + ":" + str(reply->hdr.rpc_stat);
+    if (reply->hdr.rpc_stat != ZEB_APP_MISMATCH)
+        return out;
+    zeb_mismatch_info_t range;
+    memcpy(&range, reply->data, sizeof(range));
+    return out + "[" + str(range.low) + "-" + str(range.high) + "]";
+}
+
 static std::string one_call(uint32_t src, uint32_t dst, const std::string &node, uint32_t timeout, uint32_t version)
 {
     zeb_msg_t *msg = zeb_msg_alloc(4, version, 0);
@@ -243,13 +255,7 @@ static std::string one_call(uint32_t src, uint32_t dst, const std::string &node,
                             : zeb_rpcto(src, (uint32_t)atoi(node.c_str()), dst, msg, 0, timeout, &replies);
     std::string out = str(ret);
     for (int i = 0; i < replies.num; i++) {
-        const zeb_msg_hdr_t &hdr = replies.msg[i]->hdr;
-        out += " " + str(hdr.src_node) + ":" + str(hdr.rpc_stat);
-        if (hdr.rpc_stat == ZEB_APP_MISMATCH) {
-            zeb_mismatch_info_t range;
-            memcpy(&range, replies.msg[i]->data, sizeof(range));
-            out += "[" + str(range.low) + "-" + str(range.high) + "]";
-        }
+        out += " " + outcome(replies.msg[i]);
         free(replies.msg[i]);
     }
     free(msg);
@@ -277,6 +283,86 @@ static std::string do_rpc(std::istringstream &in)
     std::string out;
     for (const std::string &result : results)
         out += (out.empty() ? "" : " | ") + result;
+    return out;
+}
+
+// The outcomes of a call that no thread waits for: "outcomes TAG NODE:STATUS …".
+static void say_outcomes(uint32_t, zeb_reply_msg_t *replies, void *context)
+{
+    std::string *tag = (std::string *)context;
+    std::string line = "outcomes " + *tag;
+    for (int i = 0; i < replies->num; i++)
+        line += " " + outcome(replies->msg[i]);
+    delete tag;
+    say(line);
+}
+
+static uint32_t node_of(const std::string &node)
+{
+    return node == "all" ? ZEB_NODE_ALL : (uint32_t)atoi(node.c_str());
+}
+
+// async TAG SRC DST NODE|all MILLISECONDS VERSION
+static std::string do_async(std::istringstream &in)
+{
+    std::string tag;
+    std::string node;
+    uint32_t src = 0;
+    uint32_t dst = 0;
+    uint32_t milliseconds = 0;
+    uint32_t version = 1;
+    in >> tag >> src >> dst >> node >> milliseconds >> version;
+    std::string *context = new std::string(tag);
+    zeb_msg_t *msg = zeb_msg_alloc(4, version, 0);
+    int ret = zeb_rpc_async(src, node_of(node), dst, msg, 0, milliseconds, say_outcomes, context, nullptr);
+    zeb_msg_free(msg);
+    if (ret != 0)
+        delete context;
+    return str(ret);
+}
+
+// storm SRC DST NUMBER: that many calls in flight at once; how many of them were answered.
+static std::atomic<int> s_answered;
+static std::string do_storm(std::istringstream &in)
+{
+    uint32_t src = 0;
+    uint32_t dst = 0;
+    int num = 0;
+    in >> src >> dst >> num;
+    std::atomic<int> done{0};
+    s_answered = 0;
+    zeb_msg_t *msg = zeb_msg_alloc(4, 1, 0);
+    for (int i = 0; i < num; i++) {
+        auto count = [](uint32_t, zeb_reply_msg_t *replies, void *context) {
+            s_answered += replies->num == 1 && replies->msg[0]->hdr.rpc_stat == ZEB_SUCCESS ? 1 : 0;
+            (*(std::atomic<int> *)context)++;
+        };
+        if (zeb_rpc_async(src, ZEB_NODE_ALL, dst, msg, 0, 0, count, &done, nullptr) != 0)
+            done++;
+    }
+    zeb_msg_free(msg);
+    while (done != num)
+        (void)sched_yield();
+    return str(s_answered);
+}
+
+// online SRC DST NODE|all COUNT MILLISECONDS: waits for servers; the result, their number and the first ones' phases.
+static std::string do_online(std::istringstream &in)
+{
+    uint32_t src = 0;
+    uint32_t dst = 0;
+    std::string node;
+    uint32_t count = 0;
+    uint32_t milliseconds = 0;
+    in >> src >> dst >> node >> count >> milliseconds;
+    std::string out = str(zeb_wait_online(src, dst, node_of(node), count, milliseconds));
+    uint32_t nodes[8];
+    int num = zeb_online_nodes(src, dst, nodes, 8);
+    for (int i = 0; i < num && i < 8; i++) {
+        zeb_peer_state_t state;
+        if (zeb_peer_state(src, dst, nodes[i], &state) == 0)
+            out += " " + str(nodes[i]) + ":" + str(state.phase) + (state.since != 0 ? "" : "?");
+    }
     return out;
 }
 
@@ -401,10 +487,11 @@ static std::string do_memory(std::istringstream &)
 static std::string run_command(const std::string &line)
 {
     static const std::map<std::string, std::string (*)(std::istringstream &)> verbs = {
-        {"register", do_register}, {"comm", do_comm},       {"run", do_run},     {"fork", do_fork},
-        {"send", do_send},         {"flood", do_flood},     {"unack", do_unack}, {"rpc", do_rpc},
-        {"answer", do_answer},     {"late", do_late},       {"quiet", do_quiet}, {"slow", do_slow},
-        {"counts", do_counts},     {"blocked", do_blocked}, {"fc", do_fc},       {"memory", do_memory},
+        {"register", do_register}, {"comm", do_comm},       {"run", do_run},       {"fork", do_fork},
+        {"send", do_send},         {"flood", do_flood},     {"unack", do_unack},   {"rpc", do_rpc},
+        {"answer", do_answer},     {"late", do_late},       {"quiet", do_quiet},   {"slow", do_slow},
+        {"counts", do_counts},     {"blocked", do_blocked}, {"fc", do_fc},         {"memory", do_memory},
+        {"async", do_async},       {"storm", do_storm},     {"online", do_online},
     };
     std::istringstream in(line);
     std::string verb;

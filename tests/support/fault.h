@@ -3,6 +3,7 @@
 #ifndef TESTS_SUPPORT_FAULT_H
 #define TESTS_SUPPORT_FAULT_H
 
+#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <pthread.h>
@@ -51,6 +52,14 @@ void redirect_file(const std::string &path, const std::string &instead);
 
 // The calendar clock stands still at `seconds`; 0 lets it run.
 void hold_time(time_t seconds);
+
+// The monotonic clock stands still at `milliseconds`; a negative number lets it run.
+void hold_clock(int64_t milliseconds);
+
+// The time-outs of all calls of poll from now on, in order; take_polls forgets them.
+void watch_polls();
+std::vector<int> take_polls();
+void note_poll(int timeout);
 
 // Used by the interposed calls: counts `call` and returns the error it is to fail with, or 0.
 int take(const char *call);

@@ -523,6 +523,7 @@ ssize_t recvmsg(int sd, struct msghdr *msg, int flags)
 
 int poll(struct pollfd *fds, nfds_t num, int timeout)
 {
+    fault::note_poll(timeout);
     int err = fault::take("poll");
     if (err != 0)
         return fail(err);

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <ctime>
 #include <dlfcn.h>
+#include <mutex>
+#include <sys/eventfd.h>
 #include <sys/types.h>
 
 #include "fault.h"
@@ -27,7 +29,57 @@ void fault::hold_time(time_t seconds)
     s_held = seconds;
 }
 
+static std::atomic<int64_t> s_clock{-1};
+
+void fault::hold_clock(int64_t milliseconds)
+{
+    s_clock = milliseconds;
+}
+
+static std::mutex s_polls_mutex;
+static std::atomic<bool> s_watch_polls{false};
+static std::vector<int> &s_polls = *new std::vector<int>; // never destroyed: library threads outlive main
+
+void fault::watch_polls()
+{
+    s_watch_polls = true;
+}
+
+std::vector<int> fault::take_polls()
+{
+    std::lock_guard<std::mutex> lock(s_polls_mutex);
+    std::vector<int> polls;
+    polls.swap(s_polls);
+    return polls;
+}
+
+void fault::note_poll(int timeout)
+{
+    if (!s_watch_polls)
+        return;
+    std::lock_guard<std::mutex> lock(s_polls_mutex);
+    s_polls.push_back(timeout);
+}
+
 extern "C" {
+int clock_gettime(clockid_t clock, struct timespec *time) noexcept
+{
+    static const auto real = next<int (*)(clockid_t, struct timespec *)>("clock_gettime");
+    int64_t held = clock == CLOCK_MONOTONIC ? s_clock.load() : -1;
+    if (held < 0)
+        return real(clock, time);
+    *time = {held / 1000, held % 1000 * 1000000};
+    return 0;
+}
+
+int eventfd(unsigned int value, int flags) noexcept
+{
+    int err = fault::take("eventfd");
+    if (err != 0)
+        return fail(err);
+    return next<int (*)(unsigned int, int)>("eventfd")(value, flags);
+}
+
 ssize_t readlink(const char *path, char *buf, size_t len)
 {
     int err = fault::take("readlink");

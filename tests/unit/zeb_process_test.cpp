@@ -41,6 +41,8 @@ static int every_call()
     static zeb_msg_t s_msg;
     static zeb_reply_msg_t s_reply;
     static zeb_reply_msg_t s_reply_to;
+    static zeb_peer_state_t s_state;
+    static uint32_t s_call;
     s_reply.num = s_reply_to.num = 1; // left by an earlier call
     s_reply.msg[0] = s_reply_to.msg[0] = &s_msg;
     const int results[] = {
@@ -58,6 +60,12 @@ static int every_call()
         zeb_add_app_mcast(APP, 12288, PEER),
         zeb_create_node_mcast(APP),
         zeb_add_node_mcast(APP, 0x80000, 1),
+        zeb_peer_state(APP, PEER, PEER_NODE, &s_state),
+        zeb_online_nodes(APP, PEER, nullptr, 0),
+        zeb_wait_online(APP, PEER, PEER_NODE, 1, 0),
+        zeb_rpc_async(
+            APP, PEER_NODE, PEER, &s_msg, 0, 1, [](uint32_t, zeb_reply_msg_t *, void *) {}, nullptr, &s_call),
+        zeb_rpc_cancel(APP, 1),
     };
     if (s_reply.num != 0 || s_reply.msg[0] != nullptr || s_reply_to.num != 0 || s_reply_to.msg[0] != nullptr)
         return 100;
@@ -73,6 +81,8 @@ static int every_call()
     zeb_destroy_app_mcast(APP, 12288);
     zeb_del_node_mcast(APP, 0x80000, 1);
     zeb_destroy_node_mcast(APP, 0x80000);
+    if (zeb_msg_size(&s_msg) != 0 || zeb_msg_data(&s_msg) == nullptr) // messages are a child's own
+        return 100;
     zeb_cli_print_lib_info(APP);
     zeb_cli_print_app_info(APP);
     zeb_cli_print_app_comm(APP);
