@@ -11,6 +11,7 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_gate.h"
 #include "zeb_tipc.h"
 #include "zeb_rpc.h"
 
@@ -34,15 +35,15 @@ static zeb_msg_t *first_item(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mu
     return msg;
 }
 
-// Waits while the queue is empty.
+// Waits while the queue is empty. Null when the library stops: what is queued stays there.
 static zeb_msg_t *take_item(zeb_app_info_t *app_info)
 {
     zeb_scoped_lock lock(&app_info->mutex);
-    while (list_empty(&app_info->msg_list)) {
+    while (list_empty(&app_info->msg_list) && !zeb_stopping()) {
         struct timespec deadline = zeb_deadline_in(1);
         (void)zeb_cond_wait_until(&app_info->msg_cond, &app_info->mutex, &deadline);
     }
-    return first_item(app_info);
+    return zeb_stopping() ? nullptr : first_item(app_info);
 }
 
 static void *zeb_proxy_thread_fun(void *arg)
@@ -51,10 +52,13 @@ static void *zeb_proxy_thread_fun(void *arg)
     char name[THREAD_NAME_LEN];
     (void)snprintf(name, sizeof(name), "zeb_app_%u", app_info->app_id);
     (void)prctl(PR_SET_NAME, name);
+    zeb_begin_callbacks();
     zeb_wait_for_running();
+    if (zeb_stopping())
+        return nullptr;
     ZEB_INFO("ZEB app %d proxy thread start.\n", app_info->app_id);
-    for (;;) {
-        zeb_msg_t *msg = take_item(app_info);
+    zeb_msg_t *msg = nullptr;
+    while ((msg = take_item(app_info)) != nullptr) {
         if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
             zeb_dispatch_app_event(app_info, msg);
         else
@@ -139,6 +143,28 @@ zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread
     return app_info;
 }
 
+void zeb_end_proxy_thread(zeb_app_info_t *app_info)
+{
+    if (!app_info->with_proxy_thread)
+        return;
+    {
+        zeb_scoped_lock lock(&app_info->mutex); // a thread that has tested the gate is waiting now
+    }
+    zeb_cond_signal(&app_info->msg_cond);
+    (void)pthread_join(app_info->tid, nullptr);
+    app_info->with_proxy_thread = false;
+}
+
+static void free_queue_and_groups(zeb_app_info_t *app_info)
+{
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        (void)list_remove_matching<zeb_msg_t>(&app_info->msg_list, [](const zeb_msg_t *) { return true; });
+    }
+    zeb_scoped_lock lock(app_info->mc.mutex);
+    zeb_clear_mc(&app_info->mc);
+}
+
 void zeb_del_app_info(zeb_app_info_t *app_info)
 {
     if (app_info == nullptr)
@@ -149,6 +175,7 @@ void zeb_del_app_info(zeb_app_info_t *app_info)
         (void)pthread_cancel(app_info->tid);
         (void)pthread_join(app_info->tid, nullptr);
     }
+    free_queue_and_groups(app_info);
     zeb_cond_destroy(&app_info->msg_cond);
     zeb_mutex_destroy(&app_info->mutex);
     free_record(app_info);

@@ -38,8 +38,11 @@ typedef struct zeb_app_info_s {
 zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
                                  const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event);
 
-// Undoes zeb_add_app_info; null is ignored. Nothing may have been queued for the record.
+// Undoes zeb_add_app_info, and frees what is queued and the groups; null is ignored.
 void zeb_del_app_info(zeb_app_info_t *app_info);
+
+// Waits for the end of the callback in progress and of the thread. The gate is closed.
+void zeb_end_proxy_thread(zeb_app_info_t *app_info);
 
 // The record of a local application; null when it is not registered here.
 static inline zeb_app_info_t *zeb_get_app_info(uint32_t app)

@@ -12,6 +12,7 @@
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
+#include "zeb_gate.h"
 #include "zeb_handshake_shell.h"
 #include "zeb_mng_recv_mng.h"
 #include "zeb_mng_topology.h"
@@ -33,7 +34,8 @@ static union {
 } s_anc_buf;
 
 typedef struct poll_set_s {
-    struct pollfd fds[ZEB_APP_SLOT_NUM + 1]; // the topology connection, then the application sockets in slot order
+    // The topology connection, the descriptor that wakes the thread for its end, the application sockets in slot order.
+    struct pollfd fds[ZEB_APP_SLOT_NUM + 2];
     zeb_app_info_t *app[ZEB_APP_SLOT_NUM];
     nfds_t app_num;
 } poll_set_t;
@@ -354,10 +356,11 @@ static void build_poll_set(poll_set_t *set)
 {
     memset(set, 0, sizeof(*set));
     watch(&set->fds[0], g_zeb_mng.subscr_sd);
+    watch(&set->fds[1], g_zeb_mng.wake_fd);
     zeb_each_app_mng([&](zeb_app_mng_t *slot) {
         set->app[set->app_num] = slot->info;
+        watch(&set->fds[set->app_num + 2], slot->info->sd);
         set->app_num++;
-        watch(&set->fds[set->app_num], slot->info->sd);
     });
 }
 
@@ -421,7 +424,7 @@ static void poll_once(poll_set_t *set)
     bool topology = g_zeb_mng.subscr_sd != -1;
     struct pollfd *fds = topology ? set->fds : set->fds + 1;
     bool owing = s_stream.unsignalled > 0;
-    int ready = poll(fds, topology ? set->app_num + 1 : set->app_num, owing ? 0 : ZEB_POLL_TIMEOUT_MS);
+    int ready = poll(fds, set->app_num + (topology ? 2 : 1), owing ? 0 : ZEB_POLL_TIMEOUT_MS);
     if (ready < 0)
         ZEB_WARN("ZEB polling error: %d:%s.\n", errno, strerror(errno));
     bool event = ready > 0 && topology && set->fds[0].revents != 0;
@@ -433,7 +436,7 @@ static void poll_once(poll_set_t *set)
         close_topology_connection();
     bool only_streams = true;
     for (nfds_t i = 0; ready > 0 && i < set->app_num; i++) {
-        if (set->fds[i + 1].revents != 0 && !zeb_socket_recv_app_msg(set->app[i]))
+        if (set->fds[i + 2].revents != 0 && !zeb_socket_recv_app_msg(set->app[i]))
             only_streams = false;
     }
     if (!only_streams) // a socket kept readable by other messages must not delay the queued streams
@@ -453,13 +456,34 @@ static void bind_app_sockets()
     });
 }
 
+// Peers see the applications a moment after the start, and not at all when the library stops meanwhile.
+static void pause_before_binding()
+{
+    struct pollfd wake;
+    watch(&wake, g_zeb_mng.wake_fd);
+    const struct timespec second = {1, 0};
+    (void)ppoll(&wake, 1, &second, nullptr);
+}
+
+static void forget_stream()
+{
+    free(s_recv_buf);
+    s_recv_buf = nullptr;
+    s_stream = {};
+    s_report_deadline = {};
+    zeb_forget_zebd();
+}
+
 void *zeb_socket_msg_dist_thread_fun(void *)
 {
     char name[16];
     (void)snprintf(name, sizeof(name), "zeb_lib_%d", (int)getpid());
     (void)prctl(PR_SET_NAME, name);
+    zeb_begin_callbacks();
     zeb_wait_for_running();
-    (void)sleep(1);
+    pause_before_binding();
+    if (zeb_stopping())
+        return nullptr;
     zeb_subscr_tipc_events();
     bind_app_sockets();
     ZEB_INFO("ZEB socket msg distribute thread start.\n");
@@ -469,7 +493,8 @@ void *zeb_socket_msg_dist_thread_fun(void *)
     build_poll_set(&set);
     s_minute_end = zeb_deadline_in(MINUTE);
     s_stream.more = true;
-    for (;;)
+    while (!zeb_stopping())
         poll_once(&set);
+    forget_stream();
     return nullptr;
 }

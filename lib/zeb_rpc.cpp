@@ -9,6 +9,7 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_gate.h"
 #include "zeb_mng_msg.h"
 #include "zeb_msg_guard.h"
 
@@ -187,11 +188,14 @@ static void file_timeouts(zeb_rpc_wait_t *wait, uint32_t app)
 }
 
 // Waits until every entry is completed, or until `timeout` seconds pass in which no reply is stored for any call of the
-// application. Each stored reply wakes every caller, and the time starts anew. Returns the result of the last wait.
+// application. Each stored reply wakes every caller, and the time starts anew. Returns the result of the last wait, or
+// -ESHUTDOWN when the library stops.
 static int wait_all_replied(zeb_app_rpc_wait_t *rpc, const zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
 {
     int ret = 0;
     while (!all_replied(wait)) {
+        if (zeb_stopping())
+            return -ESHUTDOWN;
         ZEB_VERBOSE("ZEB app %d seq %d wait for RPC reply in %ds.\n", rpc->app_id, wait->seq, wait->timeout);
         struct timespec deadline = zeb_deadline_in(wait->timeout != 0 ? wait->timeout : 1);
         ret = zeb_cond_wait_until(&rpc->wait_cond, &rpc->mutex, &deadline);
@@ -213,6 +217,8 @@ int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq)
     if (ret == ETIMEDOUT && wait->timeout != 0) {
         file_timeouts(wait, app);
         ret = 0;
+    } else if (ret == -ESHUTDOWN) {
+        zeb_reply_msg_free(wait->reply);
     } else if (ret != 0) {
         // An unlimited wait runs in slices of 1 s. A slice that ends just as the last reply is stored makes the call
         // fail.
@@ -223,6 +229,14 @@ int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq)
     }
     __unlink_wait(rpc, wait);
     return ret;
+}
+
+void zeb_rpc_release(zeb_app_rpc_wait_t *rpc)
+{
+    {
+        zeb_scoped_lock lock(&rpc->mutex); // whoever has tested the gate is waiting now
+    }
+    zeb_cond_broadcast(&rpc->wait_cond);
 }
 
 static bool complete_or_log(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src)
@@ -389,7 +403,8 @@ static void print_wait(const zeb_rpc_wait_t *wait)
 
 void zeb_cli_print_rpc_stat(uint32_t app)
 {
-    if (zeb_in_child("zeb_cli_print_rpc_stat"))
+    zeb_call_t entered("zeb_cli_print_rpc_stat");
+    if (entered.refused() != 0)
         return;
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     if (rpc == nullptr)

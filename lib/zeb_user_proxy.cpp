@@ -3,9 +3,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include <zeb/zeb_ext.h>
+
 #include "platform/gvr.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
+#include "zeb_gate.h"
 #include "zeb_mng.h"
 #include "zeb_slot.h"
 #include "zeb_handshake_shell.h"
@@ -51,23 +54,26 @@ static int zeb_app_register(uint32_t app, const char *app_name, const zeb_msg_di
 
 int zeb_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
 {
-    if (zeb_in_child("zeb_register"))
-        return -EPERM;
+    zeb_call_t entered("zeb_register");
+    if (entered.refused() != 0)
+        return entered.refused();
     return zeb_app_register(app, app_name, dispatcher, event, true);
 }
 
 int zeb_register_without_thread(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
                                 zeb_app_event_fun_t event)
 {
-    if (zeb_in_child("zeb_register_without_thread"))
-        return -EPERM;
+    zeb_call_t entered("zeb_register_without_thread");
+    if (entered.refused() != 0)
+        return entered.refused();
     return zeb_app_register(app, app_name, dispatcher, event, false);
 }
 
 int zeb_unregister(uint32_t app)
 {
-    if (zeb_in_child("zeb_unregister"))
-        return -EPERM;
+    zeb_call_t entered("zeb_unregister");
+    if (entered.refused() != 0)
+        return entered.refused();
     if (!zeb_valid_app_id(app)) {
         ZEB_ERROR("ZEB app unregistered with invalid ID %d.\n", app);
         return -EINVAL;
@@ -79,23 +85,37 @@ int zeb_unregister(uint32_t app)
 
 void zeb_run(void)
 {
-    if (zeb_in_child("zeb_run"))
+    zeb_call_t entered("zeb_run");
+    if (entered.refused() != 0)
         return;
     zeb_notify_running();
 }
 
 int zeb_app_ready(uint32_t)
 {
-    if (zeb_in_child("zeb_app_ready"))
-        return -EPERM;
+    zeb_call_t entered("zeb_app_ready");
+    if (entered.refused() != 0)
+        return entered.refused();
     zeb_run();
     return 0;
 }
 
+int zeb_stop(void)
+{
+    if (zeb_in_child("zeb_stop"))
+        return -EPERM;
+    if (zeb_runs_callbacks()) {
+        ZEB_ERROR("ZEB zeb_stop called in a callback.\n");
+        return -EDEADLK;
+    }
+    return zeb_stop_lib();
+}
+
 int zeb_comm_with(uint32_t src_app, uint32_t dst_app)
 {
-    if (zeb_in_child("zeb_comm_with"))
-        return -EPERM;
+    zeb_call_t entered("zeb_comm_with");
+    if (entered.refused() != 0)
+        return entered.refused();
     if (!zeb_valid_app_id(src_app) || !zeb_valid_app_id(dst_app))
         return -EINVAL;
     return zeb_add_comm_app(src_app, dst_app);

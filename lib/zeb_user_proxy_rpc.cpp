@@ -9,6 +9,7 @@
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_gate.h"
 #include "zeb_mng_msg.h"
 #include "zeb_rpc.h"
 
@@ -159,8 +160,9 @@ static int call(zeb_dst_t *dst, zeb_msg_t *msg, uint32_t timeout, zeb_reply_msg_
 int zeb_rpc(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags, uint32_t timeout, zeb_reply_msg_t *ret_buf)
 {
     clear_replies(ret_buf);
-    if (zeb_in_child("zeb_rpc"))
-        return -EPERM;
+    zeb_call_t entered("zeb_rpc");
+    if (entered.refused() != 0)
+        return entered.refused();
     ZEB_VERBOSE("ZEB user app %d rpc %d(0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app, dst_app,
                 dst_app, (void *)msg, flags, timeout, (void *)ret_buf);
     int ret = zeb_check_rpc_arg(src_app, msg, ret_buf);
@@ -175,8 +177,9 @@ int zeb_rpcto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *
               zeb_reply_msg_t *ret_buf)
 {
     clear_replies(ret_buf);
-    if (zeb_in_child("zeb_rpcto"))
-        return -EPERM;
+    zeb_call_t entered("zeb_rpcto");
+    if (entered.refused() != 0)
+        return entered.refused();
     ZEB_VERBOSE("ZEB user app %d rpcto %d/%d(0x%x/0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app,
                 dst_app, dst_node, dst_app, dst_node, (void *)msg, flags, timeout, (void *)ret_buf);
     int ret = zeb_check_rpc_arg(src_app, msg, ret_buf);
@@ -191,7 +194,8 @@ int zeb_rpcto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *
 
 int zeb_rpc_reply(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags)
 {
-    if (zeb_in_child("zeb_rpc_reply"))
-        return -EPERM;
+    zeb_call_t entered("zeb_rpc_reply");
+    if (entered.refused() != 0)
+        return entered.refused();
     return zeb_rpc_answer(src_msg, reply_msg, flags);
 }

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <zeb/zeb_diag.h>
+#include <zeb/zeb_ext.h>
 
 class zeb_process : public lib_test
 {
@@ -46,6 +47,7 @@ static int every_call()
         zeb_register(300, "child", NO_DISPATCHER, nullptr),
         zeb_register_without_thread(300, "child", NO_DISPATCHER, nullptr),
         zeb_unregister(APP),
+        zeb_stop(),
         zeb_app_ready(APP),
         zeb_comm_with(APP, PEER),
         zeb_send(APP, PEER, &s_msg, 0),
