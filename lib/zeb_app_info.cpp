@@ -24,7 +24,10 @@ static void zeb_dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
     memcpy(&event, msg->data, sizeof(event));
     ZEB_INFO("ZEB app %d dispatch app %d/%d event: %s.\n", app_info->app_id, event.event.app.app, event.event.app.node,
              zeb_event_type_string((int)event.type));
-    (void)app_info->event_fun(event);
+    if (app_info->with_context)
+        app_info->options.event(app_info->options.context, &event);
+    else
+        (void)app_info->event_fun(event);
     free(msg);
 }
 
@@ -32,6 +35,8 @@ static zeb_msg_t *first_item(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mu
 {
     zeb_msg_t *msg = list_record<zeb_msg_t>(app_info->msg_list.next);
     list_del(&msg->list);
+    app_info->queue_num--;
+    app_info->queue_told = app_info->queue_told && app_info->queue_num != 0;
     return msg;
 }
 
@@ -95,20 +100,34 @@ static bool start_proxy_thread(zeb_app_info_t *app_info)
 
 static void free_record(zeb_app_info_t *app_info)
 {
+    free((void *)app_info->options.dispatchers);
     free(app_info->dispatcher);
     free(app_info);
 }
 
-static zeb_app_info_t *new_record(uint32_t app, const char *app_name, int dispatcher_num,
-                                  const zeb_msg_dispatcher_t *dispatcher)
+// A copy of a table with one more row than it has: the version 0 of that ends it.
+template <typename Row>
+static Row *copy_table(const Row *rows, int num)
+{
+    Row *copy = (Row *)zeb_malloc((num + 1) * (int)sizeof(Row));
+    memcpy(copy, rows, (size_t)num * sizeof(Row));
+    return copy;
+}
+
+static zeb_app_info_t *new_record(const zeb_app_spec_t *spec)
 {
     zeb_app_info_t *app_info = (zeb_app_info_t *)zeb_malloc(sizeof(zeb_app_info_t));
-    app_info->app_id = app;
-    app_info->priority = zeb_get_app_priority(app);
-    (void)snprintf(app_info->name, sizeof(app_info->name), "%s", app_name);
-    // One more row than there are dispatchers: its version 0 ends the table.
-    app_info->dispatcher = (zeb_msg_dispatcher_t *)zeb_malloc((dispatcher_num + 1) * (int)sizeof(zeb_msg_dispatcher_t));
-    memcpy(app_info->dispatcher, dispatcher, (size_t)dispatcher_num * sizeof(zeb_msg_dispatcher_t));
+    app_info->app_id = spec->app;
+    app_info->priority = zeb_get_app_priority(spec->app);
+    (void)snprintf(app_info->name, sizeof(app_info->name), "%s", spec->name);
+    app_info->dispatcher = copy_table(spec->dispatcher, spec->dispatcher_num);
+    app_info->with_proxy_thread = spec->mode == ZEB_APP_THREAD;
+    app_info->event_fun = spec->event;
+    app_info->with_context = spec->options != nullptr;
+    if (!app_info->with_context)
+        return app_info;
+    app_info->options = *spec->options;
+    app_info->options.dispatchers = copy_table(spec->options->dispatchers, spec->dispatcher_num);
     return app_info;
 }
 
@@ -121,21 +140,18 @@ static void init_lists(zeb_app_info_t *app_info) ZEB_NO_THREAD_SAFETY_ANALYSIS
     zeb_mc_init(&app_info->mc);
 }
 
-zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
-                                 const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
+zeb_app_info_t *zeb_add_app_info(const zeb_app_spec_t *spec)
 {
-    ZEB_VERBOSE("ZEB add app %d info.\n", app);
-    zeb_app_info_t *app_info = new_record(app, app_name, dispatcher_num, dispatcher);
-    app_info->with_proxy_thread = thread;
-    app_info->event_fun = event;
+    ZEB_VERBOSE("ZEB add app %d info.\n", spec->app);
+    zeb_app_info_t *app_info = new_record(spec);
     init_lists(app_info);
 
-    app_info->sd = zeb_create_app_socket(app, app_info->priority);
+    app_info->sd = zeb_create_app_socket(spec->app, app_info->priority);
     if (app_info->sd == -1) {
         free_record(app_info);
         return nullptr;
     }
-    if (!init_queue(app_info) || (thread && !start_proxy_thread(app_info))) {
+    if (!init_queue(app_info) || (app_info->with_proxy_thread && !start_proxy_thread(app_info))) {
         (void)close(app_info->sd);
         free_record(app_info);
         return nullptr;
@@ -181,10 +197,36 @@ void zeb_del_app_info(zeb_app_info_t *app_info)
     free_record(app_info);
 }
 
+// True when the queue has passed what the application wants to be told of, for the first time since it was empty.
+static bool passes_notice(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mutex)
+{
+    uint32_t bound = app_info->options.queue_notice;
+    if (bound == 0 || app_info->queue_num <= bound || app_info->queue_told)
+        return false;
+    app_info->queue_told = true;
+    return true;
+}
+
+static void tell_of_queue(const zeb_app_info_t *app_info, uint32_t num)
+{
+    const zeb_app_options_t *options = &app_info->options;
+    if (options->queue_passed != nullptr)
+        options->queue_passed(options->context, app_info->app_id, num);
+    else
+        ZEB_WARN("ZEB app %d has %u items queued, more than %u.\n", app_info->app_id, num, options->queue_notice);
+}
+
 static void append(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
-    zeb_scoped_lock lock(&app_info->mutex);
-    list_add_tail(&msg->list, &app_info->msg_list);
+    uint32_t num = 0;
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        list_add_tail(&msg->list, &app_info->msg_list);
+        app_info->queue_num++;
+        num = passes_notice(app_info) ? app_info->queue_num : 0;
+    }
+    if (num != 0)
+        tell_of_queue(app_info, num);
 }
 
 static void enqueue(zeb_app_info_t *app_info, zeb_msg_t *msg)
@@ -246,15 +288,36 @@ void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
     // Before the lookup of the dispatcher: a message without a dispatcher counts as processed too.
     zeb_fc_update_recv_ok(app_info->fc, zeb_msg_sender(msg));
 
-    zeb_msg_dispatcher_fun_t fun = zeb_get_dispatch_fun(app_info, ver);
-    if (fun != nullptr) {
-        (void)fun(msg);
+    if (zeb_run_dispatcher(app_info, msg))
         return;
-    }
     ZEB_VERBOSE("ZEB app %d ver %d dispatcher not exist.\n", app_info->app_id, ver);
     if (zeb_is_rpc_request(msg))
         reply_app_mismatch(app_info, msg);
     free(msg);
+}
+
+static void run_with_context(const zeb_app_info_t *app_info, const zeb_app_dispatcher_t *row, zeb_msg_t *msg)
+{
+    bool call = row->call != nullptr && zeb_is_rpc_request(msg);
+    zeb_app_msg_fun_t fun = call ? row->call : row->message;
+    if (fun != nullptr)
+        fun(app_info->options.context, msg);
+    else
+        free(msg);
+}
+
+bool zeb_run_dispatcher(const zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    const zeb_msg_dispatcher_t *row = app_info->dispatcher;
+    while (row->ver != 0 && row->ver != msg->hdr.app_ver)
+        row++;
+    if (row->ver == 0)
+        return false;
+    if (app_info->with_context)
+        run_with_context(app_info, &app_info->options.dispatchers[row - app_info->dispatcher], msg);
+    else
+        (void)row->fun(msg);
+    return true;
 }
 
 zeb_msg_dispatcher_fun_t zeb_get_dispatch_fun(const zeb_app_info_t *app_info, uint32_t ver)
@@ -299,6 +362,8 @@ void zeb_discard_app_msg(uint32_t recv_app, zeb_inst_t src)
         zeb_scoped_lock lock(&app_info->mutex);
         num = list_remove_matching<zeb_msg_t>(&app_info->msg_list,
                                               [&](const zeb_msg_t *msg) { return is_from(msg, src); });
+        app_info->queue_num -= (uint32_t)num;
+        app_info->queue_told = app_info->queue_told && app_info->queue_num != 0;
     }
     zeb_fc_update_recv_drop(recv_app, src, num);
 }

@@ -7,13 +7,24 @@
 
 #include <pthread.h>
 
-#include <zeb/zeb.h>
+#include <zeb/zeb_ext.h>
 
 #include "zeb_flow_ctrl.h"
 #include "zeb_inst.h"
 #include "zeb_lock.h"
 #include "zeb_mc.h"
 #include "zeb_slot.h"
+
+// What an application is registered with.
+typedef struct zeb_app_spec_s {
+    uint32_t app;
+    const char *name;
+    zeb_app_mode_t mode;
+    int dispatcher_num;
+    const zeb_msg_dispatcher_t *dispatcher; // with `options` its functions are for listings alone
+    zeb_app_event_fun_t event;              // likewise
+    const zeb_app_options_t *options;       // null for an application whose callbacks get no context
+} zeb_app_spec_t;
 
 typedef struct zeb_app_info_s {
     uint32_t app_id;
@@ -29,14 +40,17 @@ typedef struct zeb_app_info_s {
     zeb_mutex_t mutex;
     zeb_app_event_fun_t event_fun;                   // may be null
     zeb_msg_dispatcher_t *dispatcher;                // own copy, ended by ver 0
+    bool with_context;                               // `options` has the callbacks; the two above are for listings
+    zeb_app_options_t options;                       // `dispatchers` is an own copy, row by row that of `dispatcher`
     struct list_head msg_list ZEB_GUARDED_BY(mutex); // zeb_msg_t: messages and event records
+    uint32_t queue_num ZEB_GUARDED_BY(mutex);        // length of msg_list
+    bool queue_told ZEB_GUARDED_BY(mutex);           // the queue has passed options.queue_notice since it was empty
     zeb_mc_t mc;                                     // private groups, guarded by `mutex`
 } zeb_app_info_t;
 
-// Creates the record of `app` with its socket and, with `thread`, its proxy thread. Null on failure; no part of it
-// remains.
-zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
-                                 const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event);
+// Creates the record of an application with its socket and, if its mode is that, its proxy thread. Null on failure; no
+// part of it remains.
+zeb_app_info_t *zeb_add_app_info(const zeb_app_spec_t *spec);
 
 // Undoes zeb_add_app_info, and frees what is queued and the groups; null is ignored.
 void zeb_del_app_info(zeb_app_info_t *app_info);
@@ -72,6 +86,7 @@ void zeb_signal_queued(zeb_app_info_t *app_info);
 int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg);
 
 void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg);
+bool zeb_run_dispatcher(const zeb_app_info_t *app_info, zeb_msg_t *msg); // false: none for its version; msg is kept
 zeb_msg_dispatcher_fun_t zeb_get_dispatch_fun(const zeb_app_info_t *app_info, uint32_t ver);
 zeb_mismatch_info_t zeb_get_app_ver_range(const zeb_app_info_t *app_info);
 bool zeb_is_app_server(uint32_t app);

@@ -7,7 +7,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include "zeb_app_info.h"
 #include "zeb_dbg.h"
 #include "zeb_dm.h"
 #include "zeb_flow_ctrl.h"
@@ -163,9 +162,9 @@ static zeb_app_mng_t *free_slot()
     return nullptr;
 }
 
-int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
-                    const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
+int zeb_add_app_mng(const zeb_app_spec_t *spec)
 {
+    uint32_t app = spec->app;
     zeb_scoped_lock lock(&g_lib_mutex);
     int ret = zeb_init_lib();
     if (ret != 0) {
@@ -188,7 +187,7 @@ int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatc
     }
     slot->fc = zeb_add_app_fc(app);
     slot->rpc = zeb_add_app_rpc_wait(app);
-    slot->info = zeb_add_app_info(app, app_name, thread, dispatcher_num, dispatcher, event);
+    slot->info = zeb_add_app_info(spec);
     slot->mng_stat = zeb_add_mng_stat(app);
     if (slot->fc != nullptr && slot->rpc != nullptr && slot->info != nullptr && slot->mng_stat != nullptr &&
         __zeb_add_comm_app(app, app) == 0) {

@@ -212,7 +212,8 @@ static void check_app(report_t *report, zeb_app_info_t *info)
 {
     {
         zeb_scoped_lock lock(&info->mutex);
-        (void)list_is_whole(report, &info->msg_list, "msg_list", info->app_id);
+        if (list_is_whole(report, &info->msg_list, "msg_list", info->app_id))
+            check_count(report, &info->msg_list, (int)info->queue_num, "msg_list", info->app_id);
     }
     zeb_scoped_lock lock(info->mc.mutex);
     check_groups(report, &info->mc);

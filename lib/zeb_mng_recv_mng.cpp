@@ -124,11 +124,8 @@ static void zeb_mng_dispatch_zebd_msg(zeb_msg_t *msg)
         s_zebd_range = zeb_get_app_ver_range(app_info);
         s_zebd = app_info;
     }
-    zeb_msg_dispatcher_fun_t fun = zeb_get_dispatch_fun(s_zebd, msg->hdr.app_ver);
-    if (fun != nullptr) {
-        (void)fun(msg);
+    if (zeb_run_dispatcher(s_zebd, msg))
         return;
-    }
     ZEB_ERROR("ZEB get ZEBD version %d dispatcher failed.\n", msg->hdr.app_ver);
     if (zeb_is_rpc_request(msg))
         (void)zeb_rpc_reply_app_mismatch(msg, &s_zebd_range);

@@ -1,6 +1,8 @@
 #include "zeb_user_proxy.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 
 #include <zeb/zeb_ext.h>
@@ -21,8 +23,15 @@ static int count_dispatchers(const zeb_msg_dispatcher_t *dispatcher)
     return num;
 }
 
-static int zeb_app_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
-                            zeb_app_event_fun_t event, bool thread)
+static int count_dispatchers(const zeb_app_dispatcher_t *dispatcher)
+{
+    int num = 0;
+    while (dispatcher[num].ver != 0 && (dispatcher[num].message != nullptr || dispatcher[num].call != nullptr))
+        num++;
+    return num;
+}
+
+static int check_register_arg(uint32_t app, const char *app_name, const void *dispatcher)
 {
     if (zeb_cfg_init() != 0)
         return -1;
@@ -38,18 +47,85 @@ static int zeb_app_register(uint32_t app, const char *app_name, const zeb_msg_di
         ZEB_ERROR("ZEB app %d registered dispatcher NULL.\n", app);
         return -EINVAL;
     }
-    int num = count_dispatchers(dispatcher);
-    ZEB_VERBOSE("ZEB app %d [%s] registered: %d dispatcher version, event %p.\n", app, app_name, num, (void *)event);
-    int ret = zeb_add_app_mng(app, app_name, thread, num, dispatcher, event);
+    return 0;
+}
+
+static int register_spec(const zeb_app_spec_t *spec)
+{
+    uint32_t app = spec->app;
+    ZEB_VERBOSE("ZEB app %d [%s] registered: %d dispatcher version, event %p.\n", app, spec->name, spec->dispatcher_num,
+                (void *)spec->event);
+    int ret = zeb_add_app_mng(spec);
     if (ret != 0) {
-        ZEB_INFO("ZEB registeration for app %d [%s] failed: %s.\n", app, app_name, strerror(-ret));
+        ZEB_INFO("ZEB registeration for app %d [%s] failed: %s.\n", app, spec->name, strerror(-ret));
         return ret;
     }
     ret = gvr_lib_common_init();
     if (ret != 0)
         ZEB_ERROR("gvr_lib init err(ret:%d)!\r\n", ret);
-    ZEB_INFO("ZEB registeration for app %d [%s] OK.\n", app, app_name);
+    ZEB_INFO("ZEB registeration for app %d [%s] OK.\n", app, spec->name);
     return 0;
+}
+
+static int zeb_app_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
+                            zeb_app_event_fun_t event, zeb_app_mode_t mode)
+{
+    int ret = check_register_arg(app, app_name, dispatcher);
+    if (ret != 0)
+        return ret;
+    zeb_app_spec_t spec = {app, app_name, mode, count_dispatchers(dispatcher), dispatcher, event, nullptr};
+    return register_spec(&spec);
+}
+
+constexpr size_t OPTIONS_SIZE_MIN = offsetof(zeb_app_options_t, event); // what every registration needs
+constexpr size_t OPTIONS_SIZE_MAX = 4096;
+
+static bool all_zero(const uint8_t *bytes, size_t len)
+{
+    for (size_t i = 0; i < len; i++) {
+        if (bytes[i] != 0)
+            return false;
+    }
+    return true;
+}
+
+// Copies the options of a caller whose record may be shorter or longer than ours. False, with an ERROR line, when they
+// ask for what this library does not know.
+static bool take_options(const zeb_app_options_t *given, zeb_app_options_t *out)
+{
+    if (given == nullptr || given->size < OPTIONS_SIZE_MIN || given->size > OPTIONS_SIZE_MAX) {
+        ZEB_ERROR("ZEB app registered with options of %d bytes.\n", given == nullptr ? 0 : (int)given->size);
+        return false;
+    }
+    size_t known = given->size < sizeof(*out) ? given->size : sizeof(*out);
+    memset(out, 0, sizeof(*out));
+    memcpy(out, given, known);
+    if (all_zero((const uint8_t *)given + known, given->size - known) && out->reserved == 0 &&
+        out->mode <= ZEB_APP_NO_THREAD)
+        return true;
+    ZEB_ERROR("ZEB app %d registered with unknown options.\n", out->app);
+    return false;
+}
+
+// Tables for the callbacks with a context are listed as those without one.
+static zeb_msg_dispatcher_fun_t listed(zeb_app_msg_fun_t fun)
+{
+    return reinterpret_cast<zeb_msg_dispatcher_fun_t>(reinterpret_cast<void *>(fun));
+}
+
+static int register_options(const zeb_app_options_t *options)
+{
+    int num = count_dispatchers(options->dispatchers);
+    zeb_msg_dispatcher_t *rows = (zeb_msg_dispatcher_t *)zeb_malloc((num + 1) * (int)sizeof(zeb_msg_dispatcher_t));
+    for (int i = 0; i < num; i++) {
+        const zeb_app_dispatcher_t *row = &options->dispatchers[i];
+        rows[i] = {row->ver, listed(row->message != nullptr ? row->message : row->call)};
+    }
+    zeb_app_event_fun_t event = reinterpret_cast<zeb_app_event_fun_t>(reinterpret_cast<void *>(options->event));
+    zeb_app_spec_t spec = {options->app, options->name, (zeb_app_mode_t)options->mode, num, rows, event, options};
+    int ret = register_spec(&spec);
+    free(rows);
+    return ret;
 }
 
 int zeb_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
@@ -57,7 +133,7 @@ int zeb_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t 
     zeb_call_t entered("zeb_register");
     if (entered.refused() != 0)
         return entered.refused();
-    return zeb_app_register(app, app_name, dispatcher, event, true);
+    return zeb_app_register(app, app_name, dispatcher, event, ZEB_APP_THREAD);
 }
 
 int zeb_register_without_thread(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
@@ -66,7 +142,19 @@ int zeb_register_without_thread(uint32_t app, const char *app_name, const zeb_ms
     zeb_call_t entered("zeb_register_without_thread");
     if (entered.refused() != 0)
         return entered.refused();
-    return zeb_app_register(app, app_name, dispatcher, event, false);
+    return zeb_app_register(app, app_name, dispatcher, event, ZEB_APP_NO_THREAD);
+}
+
+int zeb_register_app(const zeb_app_options_t *options)
+{
+    zeb_call_t entered("zeb_register_app");
+    if (entered.refused() != 0)
+        return entered.refused();
+    zeb_app_options_t own;
+    if (!take_options(options, &own))
+        return -EINVAL;
+    int ret = check_register_arg(own.app, own.name, own.dispatchers);
+    return ret != 0 ? ret : register_options(&own);
 }
 
 int zeb_unregister(uint32_t app)

@@ -3,6 +3,8 @@
 #ifndef ZEB_EXT_H
 #define ZEB_EXT_H
 
+#include <stddef.h>
+
 #include <zeb/zeb.h>
 
 #ifdef __cplusplus
@@ -40,6 +42,62 @@ extern "C" {
  * Returns 0; -EDEADLK in a callback of an application, whatever its thread (it would wait for itself), with an ERROR
  * line; -EPERM in a forked child. A refused stop changes nothing. */
 int zeb_stop(void);
+
+/* Message callback of an application that was registered with zeb_register_app. It owns the message and releases it
+ * with free(). `context` is that of the application's options. */
+typedef void (*zeb_app_msg_fun_t)(void *context, zeb_msg_t *msg);
+
+/* Event callback. The event belongs to the library, and is gone when the callback has returned. */
+typedef void (*zeb_app_event_notice_t)(void *context, const zeb_event_t *event);
+
+/* The queue of `app` has `num` items, more than its queue_notice. Runs on the library's receive thread: it must not
+ * block, and this process receives nothing while it runs. No lock of the library is held. */
+typedef void (*zeb_app_queue_notice_t)(void *context, uint32_t app, uint32_t num);
+
+/* One row of a table of dispatchers. A message is dispatched to the first row whose `ver` equals its app_ver. A row
+ * with `ver` 0, or without either function, ends the table. */
+typedef struct zeb_app_dispatcher_s {
+    uint32_t ver;
+    zeb_app_msg_fun_t message; /* one-way messages; null: they are dropped and count as processed */
+    zeb_app_msg_fun_t call;    /* requests, to be answered with zeb_rpc_reply; null: `message` gets them too */
+} zeb_app_dispatcher_t;
+
+/* Which thread runs an application's callbacks. */
+typedef enum zeb_app_mode_e {
+    ZEB_APP_THREAD = 0,   /* a thread of its own, as with zeb_register */
+    ZEB_APP_NO_THREAD = 1 /* the receive thread, as with zeb_register_without_thread: they must not block */
+} zeb_app_mode_t;
+
+/* What an application is registered with. Clear the whole record, then set `size` to its size and what you need:
+ *
+ *   zeb_app_options_t options = {.size = sizeof(options), .app = 100, .name = "ports", .dispatchers = table};
+ *
+ * A program and a library of different ages understand each other. Members that the program's record does not have yet
+ * are taken for 0. Bytes that it has beyond what the library knows must be 0: else the program asks for something that
+ * this library cannot do, and the registration fails with -EINVAL. */
+typedef struct zeb_app_options_s {
+    size_t size;                             /* sizeof(zeb_app_options_t), at most 4096 */
+    uint32_t app;                            /* application id: 1..8191 or 16384..20479 */
+    uint32_t mode;                           /* zeb_app_mode_t */
+    const char *name;                        /* not null; copied, cut to 31 characters */
+    const zeb_app_dispatcher_t *dispatchers; /* not null; copied. A table with only the end row makes a client */
+    zeb_app_event_notice_t event;            /* a peer server joins or quits; may be null */
+    void *context;                           /* handed to every callback; the library does not look at it */
+    /* When more items than this, messages and events, wait in the application's queue, the application is told once: by
+     * `queue_passed`, or by a WARN line when that is null. It is told again only after the queue was empty meanwhile.
+     * Nothing is dropped or held back. 0: never. Without effect with ZEB_APP_NO_THREAD, which has no queue. */
+    uint32_t queue_notice;
+    uint32_t reserved; /* 0 */
+    zeb_app_queue_notice_t queue_passed;
+} zeb_app_options_t;
+
+/* Registers an application in this process, as zeb_register does, with the options that `options` names. They are
+ * copied. Waits only for the library's lock.
+ *
+ * Returns 0; -EINVAL for null, a size that does not reach past `dispatchers` or is above 4096, unknown bytes or a
+ * reserved member that are not 0, an unknown mode, a bad id, or a null name or table, each with an ERROR line; for the
+ * rest what zeb_register returns. */
+int zeb_register_app(const zeb_app_options_t *options);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

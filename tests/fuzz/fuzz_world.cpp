@@ -126,6 +126,7 @@ static void free_all(struct list_head *head)
 static void reset_app(zeb_app_mng_t *slot)
 {
     free_all<zeb_msg_t>(&slot->info->msg_list);
+    slot->info->queue_num = 0;
     indexed_list_clear(&slot->mc->app_mc_list);
     indexed_list_clear(&slot->mc->node_mc_list);
     zeb_mc_init(slot->mc);
