@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -31,12 +32,27 @@ static void zeb_dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
     free(msg);
 }
 
+// Called with the mutex held after each change of the queue.
+static void queue_changed(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mutex)
+{
+    bool ready = app_info->queue_num != 0;
+    app_info->queue_told = app_info->queue_told && ready;
+    if (app_info->ready_fd == -1 || ready == app_info->ready)
+        return;
+    app_info->ready = ready;
+    uint64_t count = 1; // the descriptor does not block: it has 0 when it is written and 1 when it is read
+    while ((ready ? write(app_info->ready_fd, &count, sizeof(count))
+                  : read(app_info->ready_fd, &count, sizeof(count))) < 0 &&
+           errno == EINTR)
+        continue;
+}
+
 static zeb_msg_t *first_item(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mutex)
 {
     zeb_msg_t *msg = list_record<zeb_msg_t>(app_info->msg_list.next);
     list_del(&msg->list);
     app_info->queue_num--;
-    app_info->queue_told = app_info->queue_told && app_info->queue_num != 0;
+    queue_changed(app_info);
     return msg;
 }
 
@@ -51,24 +67,44 @@ static zeb_msg_t *take_item(zeb_app_info_t *app_info)
     return zeb_stopping() ? nullptr : first_item(app_info);
 }
 
+static void dispatch_item(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
+        zeb_dispatch_app_event(app_info, msg);
+    else
+        zeb_dispatch_app_msg(app_info, msg);
+}
+
+// Null when there is none, or the library stops.
+static zeb_msg_t *take_queued(zeb_app_info_t *app_info)
+{
+    zeb_scoped_lock lock(&app_info->mutex);
+    return list_empty(&app_info->msg_list) || zeb_stopping() ? nullptr : first_item(app_info);
+}
+
+int zeb_dispatch_queue(zeb_app_info_t *app_info, int max)
+{
+    int num = 0;
+    zeb_msg_t *msg = nullptr;
+    for (; num < max && (msg = take_queued(app_info)) != nullptr; num++)
+        dispatch_item(app_info, msg);
+    return num;
+}
+
 static void *zeb_proxy_thread_fun(void *arg)
 {
     zeb_app_info_t *app_info = (zeb_app_info_t *)arg;
     char name[THREAD_NAME_LEN];
     (void)snprintf(name, sizeof(name), "zeb_app_%u", app_info->app_id);
     (void)prctl(PR_SET_NAME, name);
-    zeb_begin_callbacks();
+    (void)zeb_set_callbacks(true);
     zeb_wait_for_running();
     if (zeb_stopping())
         return nullptr;
     ZEB_INFO("ZEB app %d proxy thread start.\n", app_info->app_id);
     zeb_msg_t *msg = nullptr;
-    while ((msg = take_item(app_info)) != nullptr) {
-        if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
-            zeb_dispatch_app_event(app_info, msg);
-        else
-            zeb_dispatch_app_msg(app_info, msg);
-    }
+    while ((msg = take_item(app_info)) != nullptr)
+        dispatch_item(app_info, msg);
     return nullptr;
 }
 
@@ -122,6 +158,7 @@ static zeb_app_info_t *new_record(const zeb_app_spec_t *spec)
     (void)snprintf(app_info->name, sizeof(app_info->name), "%s", spec->name);
     app_info->dispatcher = copy_table(spec->dispatcher, spec->dispatcher_num);
     app_info->with_proxy_thread = spec->mode == ZEB_APP_THREAD;
+    app_info->ready_fd = -1;
     app_info->event_fun = spec->event;
     app_info->with_context = spec->options != nullptr;
     if (!app_info->with_context)
@@ -129,6 +166,22 @@ static zeb_app_info_t *new_record(const zeb_app_spec_t *spec)
     app_info->options = *spec->options;
     app_info->options.dispatchers = copy_table(spec->options->dispatchers, spec->dispatcher_num);
     return app_info;
+}
+
+static bool open_ready_descriptor(zeb_app_info_t *app_info)
+{
+    app_info->ready_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (app_info->ready_fd == -1)
+        ZEB_ERROR("ZEB create app %d ready descriptor failed: %s.\n", app_info->app_id, strerror(errno));
+    return app_info->ready_fd != -1;
+}
+
+static void close_ready_descriptor(zeb_app_info_t *app_info)
+{
+    int fd = app_info->ready_fd;
+    app_info->ready_fd = -1; // cleared first: a child that is forked now must not close it again
+    if (fd != -1)
+        (void)close(fd);
 }
 
 // No other thread knows the record yet.
@@ -151,8 +204,14 @@ zeb_app_info_t *zeb_add_app_info(const zeb_app_spec_t *spec)
         free_record(app_info);
         return nullptr;
     }
+    if (spec->mode == ZEB_APP_POLLED && !open_ready_descriptor(app_info)) {
+        (void)close(app_info->sd);
+        free_record(app_info);
+        return nullptr;
+    }
     if (!init_queue(app_info) || (app_info->with_proxy_thread && !start_proxy_thread(app_info))) {
         (void)close(app_info->sd);
+        close_ready_descriptor(app_info);
         free_record(app_info);
         return nullptr;
     }
@@ -191,6 +250,7 @@ void zeb_del_app_info(zeb_app_info_t *app_info)
         (void)pthread_cancel(app_info->tid);
         (void)pthread_join(app_info->tid, nullptr);
     }
+    close_ready_descriptor(app_info);
     free_queue_and_groups(app_info);
     zeb_cond_destroy(&app_info->msg_cond);
     zeb_mutex_destroy(&app_info->mutex);
@@ -223,6 +283,7 @@ static void append(zeb_app_info_t *app_info, zeb_msg_t *msg)
         zeb_scoped_lock lock(&app_info->mutex);
         list_add_tail(&msg->list, &app_info->msg_list);
         app_info->queue_num++;
+        queue_changed(app_info);
         num = passes_notice(app_info) ? app_info->queue_num : 0;
     }
     if (num != 0)
@@ -232,7 +293,13 @@ static void append(zeb_app_info_t *app_info, zeb_msg_t *msg)
 static void enqueue(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     append(app_info, msg);
-    zeb_cond_signal(&app_info->msg_cond);
+    if (app_info->with_proxy_thread)
+        zeb_cond_signal(&app_info->msg_cond);
+}
+
+static bool has_queue(const zeb_app_info_t *app_info)
+{
+    return app_info->with_proxy_thread || app_info->ready_fd != -1;
 }
 
 void zeb_queue_msg(zeb_msg_t *msg, zeb_app_info_t *app_info)
@@ -251,7 +318,7 @@ void zeb_signal_queued(zeb_app_info_t *app_info)
 
 void zeb_enqueue_msg_dist(zeb_msg_t *msg, zeb_app_info_t *app_info)
 {
-    if (app_info->with_proxy_thread)
+    if (has_queue(app_info))
         enqueue(app_info, msg);
     else
         zeb_dispatch_app_msg(app_info, msg);
@@ -262,7 +329,7 @@ int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg)
     zeb_app_info_t *app_info = zeb_get_app_info(app);
     if (app_info == nullptr || app_info->event_fun == nullptr)
         return -1;
-    if (app_info->with_proxy_thread)
+    if (has_queue(app_info))
         enqueue(app_info, msg);
     else
         zeb_dispatch_app_event(app_info, msg);
@@ -363,7 +430,7 @@ void zeb_discard_app_msg(uint32_t recv_app, zeb_inst_t src)
         num = list_remove_matching<zeb_msg_t>(&app_info->msg_list,
                                               [&](const zeb_msg_t *msg) { return is_from(msg, src); });
         app_info->queue_num -= (uint32_t)num;
-        app_info->queue_told = app_info->queue_told && app_info->queue_num != 0;
+        queue_changed(app_info);
     }
     zeb_fc_update_recv_drop(recv_app, src, num);
 }

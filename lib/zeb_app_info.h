@@ -1,10 +1,12 @@
 // Application records: socket, queue, proxy thread, dispatch by version.
 // The receive thread queues messages and events, and the application's proxy thread takes them off and runs the
-// callbacks. Without a proxy thread the receive thread dispatches each item at once. A queued item is dispatched
+// callbacks; a thread of the program does so for a polled application. For an application with neither the receive
+// thread dispatches each item at once. A queued item is dispatched
 // exactly once, by the thread that takes it off.
 #ifndef ZEB_APP_INFO_H
 #define ZEB_APP_INFO_H
 
+#include <atomic>
 #include <pthread.h>
 
 #include <zeb/zeb_ext.h>
@@ -33,9 +35,11 @@ typedef struct zeb_app_info_s {
     int priority;
     char name[ZEB_APP_NAME_LEN];
     bool with_proxy_thread;
-    pthread_t tid;       // valid with with_proxy_thread
-    zeb_cond_t msg_cond; // signalled when an item is queued, after the mutex is released
-    bool signal_due;     // items are queued without a signal; only the receive thread uses it
+    pthread_t tid;                 // valid with with_proxy_thread
+    zeb_cond_t msg_cond;           // signalled when an item is queued, after the mutex is released
+    int ready_fd;                  // of a polled application: an eventfd, readable while items are queued; else -1
+    std::atomic<bool> dispatching; // a thread is inside zeb_dispatch
+    bool signal_due;               // items are queued without a signal; only the receive thread uses it
     // Guards msg_list and mc. No other lock of the library is taken and no callback runs under it.
     zeb_mutex_t mutex;
     zeb_app_event_fun_t event_fun;                   // may be null
@@ -44,6 +48,7 @@ typedef struct zeb_app_info_s {
     zeb_app_options_t options;                       // `dispatchers` is an own copy, row by row that of `dispatcher`
     struct list_head msg_list ZEB_GUARDED_BY(mutex); // zeb_msg_t: messages and event records
     uint32_t queue_num ZEB_GUARDED_BY(mutex);        // length of msg_list
+    bool ready ZEB_GUARDED_BY(mutex);                // ready_fd is readable
     bool queue_told ZEB_GUARDED_BY(mutex);           // the queue has passed options.queue_notice since it was empty
     zeb_mc_t mc;                                     // private groups, guarded by `mutex`
 } zeb_app_info_t;
@@ -55,6 +60,9 @@ zeb_app_info_t *zeb_add_app_info(const zeb_app_spec_t *spec);
 // Undoes zeb_add_app_info, and frees what is queued and the groups; null is ignored.
 void zeb_del_app_info(zeb_app_info_t *app_info);
 
+// For a polled application: runs the callbacks of up to `max` queued items in this thread, and returns their number.
+int zeb_dispatch_queue(zeb_app_info_t *app_info, int max);
+
 // Waits for the end of the callback in progress and of the thread. The gate is closed.
 void zeb_end_proxy_thread(zeb_app_info_t *app_info);
 
@@ -65,7 +73,7 @@ static inline zeb_app_info_t *zeb_get_app_info(uint32_t app)
     return slot == nullptr ? nullptr : slot->info;
 }
 
-// Queues a message, or dispatches it at once without a proxy thread. Takes ownership of the message.
+// Queues a message, or dispatches it at once for an application without a queue. Takes ownership of the message.
 void zeb_enqueue_msg_dist(zeb_msg_t *msg, zeb_app_info_t *app_info);
 
 // Small one-way messages come in streams, so a proxy thread woken once may take many.
@@ -81,8 +89,8 @@ static inline bool zeb_comes_in_streams(const zeb_msg_t *msg)
 void zeb_queue_msg(zeb_msg_t *msg, zeb_app_info_t *app_info);
 void zeb_signal_queued(zeb_app_info_t *app_info);
 
-// Queues an event record, or dispatches it at once without a proxy thread. Returns -1 without a record or an event
-// callback; the caller then keeps the message. Must not be called under a lock.
+// Queues an event record, or dispatches it at once for an application without a queue. Returns -1 without a record or
+// an event callback; the caller then keeps the message. Must not be called under a lock.
 int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg);
 
 void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg);

@@ -41,9 +41,11 @@ void zeb_gate_forget()
     zeb_gate_open();
 }
 
-void zeb_begin_callbacks()
+bool zeb_set_callbacks(bool on)
 {
-    t_callbacks = true;
+    bool before = t_callbacks;
+    t_callbacks = on;
+    return before;
 }
 
 bool zeb_runs_callbacks()

@@ -79,8 +79,8 @@ void zeb_gate_wait_empty(); // until no call is in progress; the gate is closed
 void zeb_gate_open();
 void zeb_gate_forget(); // in a forked child: the callers are threads of the parent
 
-// Whether this thread runs callbacks of applications: the library's own threads always.
-void zeb_begin_callbacks();
+// Whether this thread runs callbacks of applications: the library's own threads always, others inside zeb_dispatch.
+bool zeb_set_callbacks(bool on); // returns what it was before
 bool zeb_runs_callbacks();
 
 #endif

@@ -85,7 +85,10 @@ static void enter_child() ZEB_NO_THREAD_SAFETY_ANALYSIS
         g_lib_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
         return;
     }
-    zeb_each_app_mng([](zeb_app_mng_t *slot) { close_descriptor(&slot->sd); });
+    zeb_each_app_mng([](zeb_app_mng_t *slot) {
+        close_descriptor(&slot->sd);
+        close_descriptor(&slot->info->ready_fd);
+    });
     close_descriptors();
 }
 

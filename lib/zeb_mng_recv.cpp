@@ -479,7 +479,7 @@ void *zeb_socket_msg_dist_thread_fun(void *)
     char name[16];
     (void)snprintf(name, sizeof(name), "zeb_lib_%d", (int)getpid());
     (void)prctl(PR_SET_NAME, name);
-    zeb_begin_callbacks();
+    (void)zeb_set_callbacks(true);
     zeb_wait_for_running();
     pause_before_binding();
     if (zeb_stopping())

@@ -101,7 +101,7 @@ static bool take_options(const zeb_app_options_t *given, zeb_app_options_t *out)
     memset(out, 0, sizeof(*out));
     memcpy(out, given, known);
     if (all_zero((const uint8_t *)given + known, given->size - known) && out->reserved == 0 &&
-        out->mode <= ZEB_APP_NO_THREAD)
+        out->mode <= ZEB_APP_POLLED)
         return true;
     ZEB_ERROR("ZEB app %d registered with unknown options.\n", out->app);
     return false;
@@ -155,6 +155,42 @@ int zeb_register_app(const zeb_app_options_t *options)
         return -EINVAL;
     int ret = check_register_arg(own.app, own.name, own.dispatchers);
     return ret != 0 ? ret : register_options(&own);
+}
+
+static int get_polled(uint32_t app, zeb_app_info_t **app_info)
+{
+    *app_info = zeb_get_app_info(app);
+    if (*app_info == nullptr)
+        return -ENOENT;
+    return (*app_info)->ready_fd == -1 ? -EINVAL : 0;
+}
+
+int zeb_app_fd(uint32_t app)
+{
+    zeb_call_t entered("zeb_app_fd");
+    if (entered.refused() != 0)
+        return entered.refused();
+    zeb_app_info_t *app_info = nullptr;
+    int ret = get_polled(app, &app_info);
+    return ret != 0 ? ret : app_info->ready_fd;
+}
+
+int zeb_dispatch(uint32_t app, int max)
+{
+    zeb_call_t entered("zeb_dispatch");
+    if (entered.refused() != 0)
+        return entered.refused();
+    zeb_app_info_t *app_info = nullptr;
+    int ret = get_polled(app, &app_info);
+    if (ret != 0 || max < 1)
+        return ret != 0 ? ret : -EINVAL;
+    if (app_info->dispatching.exchange(true, std::memory_order_acquire))
+        return -EBUSY;
+    bool before = zeb_set_callbacks(true);
+    ret = zeb_dispatch_queue(app_info, max);
+    (void)zeb_set_callbacks(before);
+    app_info->dispatching.store(false, std::memory_order_release);
+    return ret;
 }
 
 int zeb_unregister(uint32_t app)

@@ -64,8 +64,9 @@ typedef struct zeb_app_dispatcher_s {
 
 /* Which thread runs an application's callbacks. */
 typedef enum zeb_app_mode_e {
-    ZEB_APP_THREAD = 0,   /* a thread of its own, as with zeb_register */
-    ZEB_APP_NO_THREAD = 1 /* the receive thread, as with zeb_register_without_thread: they must not block */
+    ZEB_APP_THREAD = 0,    /* a thread of its own, as with zeb_register */
+    ZEB_APP_NO_THREAD = 1, /* the receive thread, as with zeb_register_without_thread: they must not block */
+    ZEB_APP_POLLED = 2     /* a thread of the program, inside zeb_dispatch */
 } zeb_app_mode_t;
 
 /* What an application is registered with. Clear the whole record, then set `size` to its size and what you need:
@@ -98,6 +99,30 @@ typedef struct zeb_app_options_s {
  * reserved member that are not 0, an unknown mode, a bad id, or a null name or table, each with an ERROR line; for the
  * rest what zeb_register returns. */
 int zeb_register_app(const zeb_app_options_t *options);
+
+/* Polled applications, for a program with a loop of its own. Nothing runs by itself: what arrives waits in the queue,
+ * and the program dispatches it when the descriptor says so. Messages wait for as long as the program does not
+ * dispatch: their senders are blocked after 1024 of them. */
+
+/* The descriptor of the polled application `app`: readable exactly while its queue is not empty, so it fits poll,
+ * select and epoll, level-triggered. With EPOLLET dispatch until zeb_dispatch gives less than `max`. It belongs to the
+ * library: do not read, write or close it. It is the same until zeb_stop closes it; take it out of an epoll set before.
+ * Returns it; -ENOENT when `app` is not registered here; -EINVAL when it is not polled. Takes no lock. */
+int zeb_app_fd(uint32_t app);
+
+/* Takes up to `max` items (messages and events, in the order in which they were queued) off the queue of the polled
+ * application `app` and runs their callbacks in this thread, one after the other, without a lock of the library.
+ * Returns early when the queue is empty or the library stops. It does not wait, but the callbacks may.
+ *
+ * max  at least 1; INT_MAX until the queue is empty. A small number lets the program's loop turn under load
+ *
+ * Callbacks of one application run one at a time, so only one thread dispatches at once; which one may change. A
+ * callback may make every call but zeb_stop, also zeb_dispatch for another application.
+ *
+ * Returns the number of items, 0 when there were none; -ENOENT when `app` is not registered here; -EINVAL when it is
+ * not polled, or for a bad `max`; -EBUSY when another thread dispatches for it, or one of its own callbacks tries to.
+ */
+int zeb_dispatch(uint32_t app, int max);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

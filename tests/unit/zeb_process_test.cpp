@@ -39,6 +39,7 @@ static int in_child(const std::function<int()> &body)
 static int every_call()
 {
     static zeb_msg_t s_msg;
+    static zeb_app_options_t s_options;
     static zeb_reply_msg_t s_reply;
     static zeb_reply_msg_t s_reply_to;
     s_reply.num = s_reply_to.num = 1; // left by an earlier call
@@ -48,6 +49,9 @@ static int every_call()
         zeb_register_without_thread(300, "child", NO_DISPATCHER, nullptr),
         zeb_unregister(APP),
         zeb_stop(),
+        zeb_register_app(&s_options),
+        zeb_app_fd(APP),
+        zeb_dispatch(APP, 1),
         zeb_app_ready(APP),
         zeb_comm_with(APP, PEER),
         zeb_send(APP, PEER, &s_msg, 0),
