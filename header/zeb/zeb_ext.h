@@ -93,7 +93,8 @@ typedef struct zeb_app_options_s {
 } zeb_app_options_t;
 
 /* Registers an application in this process, as zeb_register does, with the options that `options` names. They are
- * copied. Waits only for the library's lock.
+ * copied. Waits only for the library's lock. Events go to applications as with zeb_register: where several of a process
+ * name one peer, one of them is notified.
  *
  * Returns 0; -EINVAL for null, a size that does not reach past `dispatchers` or is above 4096, unknown bytes or a
  * reserved member that are not 0, an unknown mode, a bad id, or a null name or table, each with an ERROR line; for the
