@@ -465,7 +465,8 @@ static void pause_before_binding()
     (void)ppoll(&wake, 1, &second, nullptr);
 }
 
-static void forget_stream()
+// What the thread keeps from one datagram to the next.
+static void forget_all()
 {
     free(s_recv_buf);
     s_recv_buf = nullptr;
@@ -474,16 +475,12 @@ static void forget_stream()
     zeb_forget_zebd();
 }
 
-void *zeb_socket_msg_dist_thread_fun(void *)
+static void receive()
 {
-    char name[16];
-    (void)snprintf(name, sizeof(name), "zeb_lib_%d", (int)getpid());
-    (void)prctl(PR_SET_NAME, name);
-    (void)zeb_set_callbacks(true);
     zeb_wait_for_running();
     pause_before_binding();
     if (zeb_stopping())
-        return nullptr;
+        return;
     zeb_subscr_tipc_events();
     bind_app_sockets();
     ZEB_INFO("ZEB socket msg distribute thread start.\n");
@@ -495,6 +492,15 @@ void *zeb_socket_msg_dist_thread_fun(void *)
     s_stream.more = true;
     while (!zeb_stopping())
         poll_once(&set);
-    forget_stream();
+}
+
+void *zeb_socket_msg_dist_thread_fun(void *)
+{
+    char name[16];
+    (void)snprintf(name, sizeof(name), "zeb_lib_%d", (int)getpid());
+    (void)prctl(PR_SET_NAME, name);
+    (void)zeb_set_callbacks(true);
+    receive();
+    forget_all();
     return nullptr;
 }

@@ -52,6 +52,12 @@ class zeb_app_info_polled : public lib_test
         options_ = options;
     }
 
+    void TearDown() override
+    {
+        EXPECT_EQ(zeb_stop(), 0); // closes the descriptor
+        lib_test::TearDown();
+    }
+
     void start()
     {
         ASSERT_EQ(zeb_register_app(&options_), 0);

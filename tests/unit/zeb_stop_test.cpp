@@ -213,12 +213,11 @@ TEST_F(zeb_stop_test, is_refused_in_a_callback_with_and_without_a_thread)
     for (uint32_t app : {THREADED, APP}) {
         s_entered = 0;
         s_result = 0;
-        EXPECT_EQ(logged(E,
-                         [app] {
-                             deliver(app);
-                             wait_until([] { return s_entered == 1; });
-                         }),
-                  lines_t({"3 ZEB zeb_stop called in a callback."}));
+        lines_t lines = logged(E, [app] {
+            deliver(app);
+            wait_until([] { return s_entered == 1; });
+        });
+        EXPECT_THAT(lines, testing::Contains("3 ZEB zeb_stop called in a callback."));
         EXPECT_EQ(s_result, -EDEADLK);
     }
     EXPECT_EQ(zeb_stop(), 0);
@@ -271,6 +270,7 @@ TEST_F(zeb_stop_test, a_second_start_joins_as_another_process_and_goes_on_counti
     uint32_t seqs[2];
     for (int i = 0; i < 2; i++) {
         start_app();
+        (void)fake_tipc::take_sent();
         peer_published();
         for (const fake_tipc::sent_t &sent : fake_tipc::take_sent()) {
             if (wire::header_of(sent.bytes).dst_app != PEER)

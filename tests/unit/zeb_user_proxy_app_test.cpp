@@ -15,6 +15,7 @@ struct story_t {
     lines_t lines;
     std::atomic<bool> hold{false}; // the callback does not return
     std::atomic<int> entered{0};
+    std::atomic<int> told{0}; // notices of the queue
 
     void tell(const std::string &line)
     {
@@ -59,6 +60,7 @@ static void on_queue(void *context, uint32_t app, uint32_t num)
     story_t *story = (story_t *)context;
     std::lock_guard<std::mutex> lock(story->mutex);
     story->lines.push_back("queue of " + std::to_string(app) + " has " + std::to_string(num));
+    story->told++;
 }
 
 static const zeb_app_dispatcher_t TABLE[] = {
@@ -90,6 +92,12 @@ class zeb_user_proxy_app : public lib_test
         wire::header_t header = from_peer(flag, 5, 1, app); // a sender that needs no handshake
         header.app_ver = version;
         receive(wire::message(header, {1}), app);
+    }
+
+    void deliver(int num) // to the receive thread, when the library runs
+    {
+        for (int i = 0; i < num; i++)
+            fake_tipc::queue_data(sd(), wire::message(from_peer(0, 5, 1), {1}));
     }
 
     story_t story_;
@@ -206,10 +214,10 @@ TEST_F(zeb_user_proxy_app, a_long_queue_is_told_once_until_it_was_empty)
     wait_until([this] { return story_.entered == 6; });
     EXPECT_EQ(story_.take(), lines_t(6, "message 1"));
     story_.hold = true;
-    message(1);
+    deliver(1);
     wait_until([this] { return story_.entered == 7; });
-    for (int i = 0; i < 5; i++)
-        message(1);
+    deliver(5);
+    wait_until([this] { return story_.told == 2; });
     EXPECT_EQ(story_.take(), lines_t({"message 1", "queue of 100 has 4"})) << "it was empty meanwhile";
     story_.hold = false;
     wait_until([this] { return story_.entered == 12; });
@@ -220,7 +228,7 @@ TEST_F(zeb_user_proxy_app, a_long_queue_without_a_callback_is_a_warning)
     zeb_app_options_t options = options_for(&story_, ZEB_APP_THREAD);
     options.queue_notice = 2;
     ASSERT_EQ(zeb_register_app(&options), 0);
-    EXPECT_EQ(logged(W | E,
+    EXPECT_EQ(logged(W,
                      [this] {
                          for (int i = 0; i < 5; i++)
                              message(1);
