@@ -380,11 +380,6 @@ int __wrap_pthread_create(pthread_t *tid, const pthread_attr_t *, void *(*fun)(v
     return 0;
 }
 
-int __wrap_pthread_detach(pthread_t)
-{
-    return 0;
-}
-
 int __wrap_pthread_cond_timedwait(pthread_cond_t *, pthread_mutex_t *mutex, const struct timespec *)
 {
     if (s_in_proxy)
