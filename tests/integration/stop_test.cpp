@@ -64,7 +64,7 @@ TEST_F(stop, a_blocked_sender_and_a_waiting_caller_are_released)
     receiver.wait("join 710 711/1");
     receiver.stop();
     EXPECT_EQ(sender.ask("send 711 710 all 64 1025 0"), "0");
-    sender.tell("behind rpc 711 710 all 0 1");
+    sender.tell("behind rpc 711 710 all 3600 1");
     sender.tell("behind send 711 710 all 64 1 0");
     while (sender.ask("unack 711") != "1026") // the request is out; neither has a result
         continue;

@@ -158,7 +158,8 @@ TEST_F(zeb_stop_test, a_blocked_sender_and_a_waiting_caller_end)
     std::atomic<int> called{1};
     zeb_reply_msg_t replies;
     zeb_msg_t *request = zeb_msg_alloc(4, 1, 0);
-    std::thread caller([&] { called = zeb_rpc(APP, PEER, request, 0, 0, &replies); });
+    std::thread caller(
+        [&] { called = zeb_rpc(APP, PEER, request, 0, 3600, &replies); }); // without a limit it wakes each second
     (void)wait_requests(1);
     wait_until([] { return fault::waits(internals::answer_cond(APP)) != 0; });
     fill_window();
