@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include "zeb_dbg.h"
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_gate.h"
 #include "zeb_tipc.h"
 #include "zeb_rpc.h"
 
@@ -35,7 +37,10 @@ static void zeb_dispatch_app_event(zeb_app_info_t *app_info, zeb_msg_t *msg)
     memcpy(&event, msg->data, sizeof(event));
     ZEB_INFO("ZEB app %d dispatch app %d/%d event: %s.\n", app_info->app_id, event.event.app.app, event.event.app.node,
              zeb_event_type_string((int)event.type));
-    (void)app_info->event_fun(event);
+    if (app_info->with_context)
+        app_info->options.event(app_info->options.context, &event);
+    else
+        (void)app_info->event_fun(event);
     free(msg);
 }
 
@@ -48,22 +53,63 @@ static void dispatch_own(zeb_app_info_t *app_info, zeb_msg_t *msg)
         zeb_dispatch_app_event(app_info, msg);
 }
 
+// Called with the mutex held after each change of the queue.
+static void queue_changed(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mutex)
+{
+    bool ready = app_info->queue_num != 0;
+    app_info->queue_told = app_info->queue_told && ready;
+    if (app_info->ready_fd == -1 || ready == app_info->ready)
+        return;
+    app_info->ready = ready;
+    uint64_t count = 1; // the descriptor does not block: it has 0 when it is written and 1 when it is read
+    while ((ready ? write(app_info->ready_fd, &count, sizeof(count))
+                  : read(app_info->ready_fd, &count, sizeof(count))) < 0 &&
+           errno == EINTR)
+        continue;
+}
+
 static zeb_msg_t *first_item(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mutex)
 {
     zeb_msg_t *msg = list_record<zeb_msg_t>(app_info->msg_list.next);
     list_del(&msg->list);
+    app_info->queue_num--;
+    queue_changed(app_info);
     return msg;
 }
 
-// Waits while the queue is empty.
+// Waits while the queue is empty. Null when the library stops: what is queued stays there.
 static zeb_msg_t *take_item(zeb_app_info_t *app_info)
 {
     zeb_scoped_lock lock(&app_info->mutex);
-    while (list_empty(&app_info->msg_list)) {
+    while (list_empty(&app_info->msg_list) && !zeb_stopping()) {
         struct timespec deadline = zeb_deadline_in(1);
         (void)zeb_cond_wait_until(&app_info->msg_cond, &app_info->mutex, &deadline);
     }
-    return first_item(app_info);
+    return zeb_stopping() ? nullptr : first_item(app_info);
+}
+
+static void dispatch_item(zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
+        dispatch_own(app_info, msg);
+    else
+        zeb_dispatch_app_msg(app_info, msg);
+}
+
+// Null when there is none, or the library stops.
+static zeb_msg_t *take_queued(zeb_app_info_t *app_info)
+{
+    zeb_scoped_lock lock(&app_info->mutex);
+    return list_empty(&app_info->msg_list) || zeb_stopping() ? nullptr : first_item(app_info);
+}
+
+int zeb_dispatch_queue(zeb_app_info_t *app_info, int max)
+{
+    int num = 0;
+    zeb_msg_t *msg = nullptr;
+    for (; num < max && (msg = take_queued(app_info)) != nullptr; num++)
+        dispatch_item(app_info, msg);
+    return num;
 }
 
 static void *zeb_proxy_thread_fun(void *arg)
@@ -72,15 +118,14 @@ static void *zeb_proxy_thread_fun(void *arg)
     char name[THREAD_NAME_LEN];
     (void)snprintf(name, sizeof(name), "zeb_app_%u", app_info->app_id);
     (void)prctl(PR_SET_NAME, name);
+    (void)zeb_set_callbacks(true);
     zeb_wait_for_running();
+    if (zeb_stopping())
+        return nullptr;
     ZEB_INFO("ZEB app %d proxy thread start.\n", app_info->app_id);
-    for (;;) {
-        zeb_msg_t *msg = take_item(app_info);
-        if ((msg->hdr.flag & ZEB_MSG_FLAG_MNG) != 0)
-            dispatch_own(app_info, msg);
-        else
-            zeb_dispatch_app_msg(app_info, msg);
-    }
+    zeb_msg_t *msg = nullptr;
+    while ((msg = take_item(app_info)) != nullptr)
+        dispatch_item(app_info, msg);
     return nullptr;
 }
 
@@ -112,21 +157,52 @@ static bool start_proxy_thread(zeb_app_info_t *app_info)
 
 static void free_record(zeb_app_info_t *app_info)
 {
+    free((void *)app_info->options.dispatchers);
     free(app_info->dispatcher);
     free(app_info);
 }
 
-static zeb_app_info_t *new_record(uint32_t app, const char *app_name, int dispatcher_num,
-                                  const zeb_msg_dispatcher_t *dispatcher)
+// A copy of a table with one more row than it has: the version 0 of that ends it.
+template <typename Row>
+static Row *copy_table(const Row *rows, int num)
+{
+    Row *copy = (Row *)zeb_malloc((num + 1) * (int)sizeof(Row));
+    memcpy(copy, rows, (size_t)num * sizeof(Row));
+    return copy;
+}
+
+static zeb_app_info_t *new_record(const zeb_app_spec_t *spec)
 {
     zeb_app_info_t *app_info = (zeb_app_info_t *)zeb_malloc(sizeof(zeb_app_info_t));
-    app_info->app_id = app;
-    app_info->priority = zeb_get_app_priority(app);
-    (void)snprintf(app_info->name, sizeof(app_info->name), "%s", app_name);
-    // One more row than there are dispatchers: its version 0 ends the table.
-    app_info->dispatcher = (zeb_msg_dispatcher_t *)zeb_malloc((dispatcher_num + 1) * (int)sizeof(zeb_msg_dispatcher_t));
-    memcpy(app_info->dispatcher, dispatcher, (size_t)dispatcher_num * sizeof(zeb_msg_dispatcher_t));
+    app_info->app_id = spec->app;
+    app_info->priority = zeb_get_app_priority(spec->app);
+    (void)snprintf(app_info->name, sizeof(app_info->name), "%s", spec->name);
+    app_info->dispatcher = copy_table(spec->dispatcher, spec->dispatcher_num);
+    app_info->with_proxy_thread = spec->mode == ZEB_APP_THREAD;
+    app_info->ready_fd = -1;
+    app_info->event_fun = spec->event;
+    app_info->with_context = spec->options != nullptr;
+    if (!app_info->with_context)
+        return app_info;
+    app_info->options = *spec->options;
+    app_info->options.dispatchers = copy_table(spec->options->dispatchers, spec->dispatcher_num);
     return app_info;
+}
+
+static bool open_ready_descriptor(zeb_app_info_t *app_info)
+{
+    app_info->ready_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (app_info->ready_fd == -1)
+        ZEB_ERROR_WHY("ZEB create app %d ready descriptor failed: %s.\n", app_info->app_id, strerror(errno));
+    return app_info->ready_fd != -1;
+}
+
+static void close_ready_descriptor(zeb_app_info_t *app_info)
+{
+    int fd = app_info->ready_fd;
+    app_info->ready_fd = -1; // cleared first: a child that is forked now must not close it again
+    if (fd != -1)
+        (void)close(fd);
 }
 
 // No other thread knows the record yet.
@@ -138,26 +214,51 @@ static void init_lists(zeb_app_info_t *app_info) ZEB_NO_THREAD_SAFETY_ANALYSIS
     zeb_mc_init(&app_info->mc);
 }
 
-zeb_app_info_t *zeb_add_app_info(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
-                                 const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
+zeb_app_info_t *zeb_add_app_info(const zeb_app_spec_t *spec)
 {
-    ZEB_VERBOSE("ZEB add app %d info.\n", app);
-    zeb_app_info_t *app_info = new_record(app, app_name, dispatcher_num, dispatcher);
-    app_info->with_proxy_thread = thread;
-    app_info->event_fun = event;
+    ZEB_VERBOSE("ZEB add app %d info.\n", spec->app);
+    zeb_app_info_t *app_info = new_record(spec);
     init_lists(app_info);
 
-    app_info->sd = zeb_create_app_socket(app, app_info->priority);
+    app_info->sd = zeb_create_app_socket(spec->app, app_info->priority);
     if (app_info->sd == -1) {
         free_record(app_info);
         return nullptr;
     }
-    if (!init_queue(app_info) || (thread && !start_proxy_thread(app_info))) {
+    if (spec->mode == ZEB_APP_POLLED && !open_ready_descriptor(app_info)) {
         (void)close(app_info->sd);
         free_record(app_info);
         return nullptr;
     }
+    if (!init_queue(app_info) || (app_info->with_proxy_thread && !start_proxy_thread(app_info))) {
+        (void)close(app_info->sd);
+        close_ready_descriptor(app_info);
+        free_record(app_info);
+        return nullptr;
+    }
     return app_info;
+}
+
+void zeb_end_proxy_thread(zeb_app_info_t *app_info)
+{
+    if (!app_info->with_proxy_thread)
+        return;
+    {
+        zeb_scoped_lock lock(&app_info->mutex); // a thread that has tested the gate is waiting now
+    }
+    zeb_cond_signal(&app_info->msg_cond);
+    (void)pthread_join(app_info->tid, nullptr);
+    app_info->with_proxy_thread = false;
+}
+
+static void free_queue_and_groups(zeb_app_info_t *app_info)
+{
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        (void)list_remove_matching<zeb_msg_t>(&app_info->msg_list, [](const zeb_msg_t *) { return true; });
+    }
+    zeb_scoped_lock lock(app_info->mc.mutex);
+    zeb_clear_mc(&app_info->mc);
 }
 
 void zeb_del_app_info(zeb_app_info_t *app_info)
@@ -170,21 +271,56 @@ void zeb_del_app_info(zeb_app_info_t *app_info)
         (void)pthread_cancel(app_info->tid);
         (void)pthread_join(app_info->tid, nullptr);
     }
+    close_ready_descriptor(app_info);
+    free_queue_and_groups(app_info);
     zeb_cond_destroy(&app_info->msg_cond);
     zeb_mutex_destroy(&app_info->mutex);
     free_record(app_info);
 }
 
+// True when the queue has passed what the application wants to be told of, for the first time since it was empty.
+static bool passes_notice(zeb_app_info_t *app_info) ZEB_REQUIRES(app_info->mutex)
+{
+    uint32_t bound = app_info->options.queue_notice;
+    if (bound == 0 || app_info->queue_num <= bound || app_info->queue_told)
+        return false;
+    app_info->queue_told = true;
+    return true;
+}
+
+static void tell_of_queue(const zeb_app_info_t *app_info, uint32_t num)
+{
+    const zeb_app_options_t *options = &app_info->options;
+    if (options->queue_passed != nullptr)
+        options->queue_passed(options->context, app_info->app_id, num);
+    else
+        ZEB_WARN("ZEB app %d has %u items queued, more than %u.\n", app_info->app_id, num, options->queue_notice);
+}
+
+static void __append(zeb_app_info_t *app_info, zeb_msg_t *msg) ZEB_REQUIRES(app_info->mutex)
+{
+    list_add_tail(&msg->list, &app_info->msg_list);
+    app_info->queue_num++;
+    queue_changed(app_info);
+}
+
 static void append(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
-    zeb_scoped_lock lock(&app_info->mutex);
-    list_add_tail(&msg->list, &app_info->msg_list);
+    uint32_t num = 0;
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        __append(app_info, msg);
+        num = passes_notice(app_info) ? app_info->queue_num : 0;
+    }
+    if (num != 0)
+        tell_of_queue(app_info, num);
 }
 
 static void enqueue(zeb_app_info_t *app_info, zeb_msg_t *msg)
 {
     append(app_info, msg);
-    zeb_cond_signal(&app_info->msg_cond);
+    if (app_info->with_proxy_thread)
+        zeb_cond_signal(&app_info->msg_cond);
 }
 
 void zeb_queue_msg(zeb_msg_t *msg, zeb_app_info_t *app_info)
@@ -203,7 +339,7 @@ void zeb_signal_queued(zeb_app_info_t *app_info)
 
 void zeb_enqueue_msg_dist(zeb_msg_t *msg, zeb_app_info_t *app_info)
 {
-    if (app_info->with_proxy_thread)
+    if (zeb_has_queue(app_info))
         enqueue(app_info, msg);
     else
         zeb_dispatch_app_msg(app_info, msg);
@@ -214,7 +350,7 @@ int zeb_enqueue_event_msg(uint32_t app, zeb_msg_t *msg)
     zeb_app_info_t *app_info = zeb_get_app_info(app);
     if (app_info == nullptr || app_info->event_fun == nullptr)
         return -1;
-    if (app_info->with_proxy_thread)
+    if (zeb_has_queue(app_info))
         enqueue(app_info, msg);
     else
         zeb_dispatch_app_event(app_info, msg);
@@ -227,7 +363,12 @@ void zeb_enqueue_task(zeb_app_info_t *app_info, zeb_app_task_t fun)
     assert(msg != NULL);
     msg->hdr.flag = TASK_FLAGS;
     memcpy(msg->data, &fun, sizeof(fun));
-    enqueue(app_info, msg);
+    {
+        zeb_scoped_lock lock(&app_info->mutex);
+        __append(app_info, msg);
+    }
+    if (app_info->with_proxy_thread)
+        zeb_cond_signal(&app_info->msg_cond);
 }
 
 static void reply_app_mismatch(const zeb_app_info_t *app_info, const zeb_msg_t *msg)
@@ -249,15 +390,36 @@ void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg)
     // Before the lookup of the dispatcher: a message without a dispatcher counts as processed too.
     zeb_fc_update_recv_ok(app_info->fc, zeb_msg_sender(msg));
 
-    zeb_msg_dispatcher_fun_t fun = zeb_get_dispatch_fun(app_info, ver);
-    if (fun != nullptr) {
-        (void)fun(msg);
+    if (zeb_run_dispatcher(app_info, msg))
         return;
-    }
     ZEB_VERBOSE("ZEB app %d ver %d dispatcher not exist.\n", app_info->app_id, ver);
     if (zeb_is_rpc_request(msg))
         reply_app_mismatch(app_info, msg);
     free(msg);
+}
+
+static void run_with_context(const zeb_app_info_t *app_info, const zeb_app_dispatcher_t *row, zeb_msg_t *msg)
+{
+    bool call = row->call != nullptr && zeb_is_rpc_request(msg);
+    zeb_app_msg_fun_t fun = call ? row->call : row->message;
+    if (fun != nullptr)
+        fun(app_info->options.context, msg);
+    else
+        free(msg);
+}
+
+bool zeb_run_dispatcher(const zeb_app_info_t *app_info, zeb_msg_t *msg)
+{
+    const zeb_msg_dispatcher_t *row = app_info->dispatcher;
+    while (row->ver != 0 && row->ver != msg->hdr.app_ver)
+        row++;
+    if (row->ver == 0)
+        return false;
+    if (app_info->with_context)
+        run_with_context(app_info, &app_info->options.dispatchers[row - app_info->dispatcher], msg);
+    else
+        (void)row->fun(msg);
+    return true;
 }
 
 zeb_msg_dispatcher_fun_t zeb_get_dispatch_fun(const zeb_app_info_t *app_info, uint32_t ver)
@@ -302,6 +464,8 @@ void zeb_discard_app_msg(uint32_t recv_app, zeb_inst_t src)
         zeb_scoped_lock lock(&app_info->mutex);
         num = list_remove_matching<zeb_msg_t>(&app_info->msg_list,
                                               [&](const zeb_msg_t *msg) { return is_from(msg, src); });
+        app_info->queue_num -= (uint32_t)num;
+        queue_changed(app_info);
     }
     zeb_fc_update_recv_drop(recv_app, src, num);
 }

@@ -7,22 +7,28 @@
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/list_algo.h"
 #include "zeb_dbg.h"
 #include "zeb_fd.h"
+#include "zeb_lock.h"
 
 FILE *g_zeb_log_fp;
 
 static FILE *s_stat_fp;
+static FILE *s_log_fp; // what zeb_dm_init has opened; g_zeb_log_fp may be a tool's
 // Relaxed: one log line more or less does no harm.
-static std::atomic<bool> s_closed;       // by zeb_dm_close_files; never opened again
+static std::atomic<bool> s_closed;       // by zeb_dm_close_files or zeb_dm_stop
+static std::atomic<int> s_recording;     // threads inside zeb_dm_record_log
 static std::atomic<size_t> s_log_offset; // bytes since the file was opened or wrapped
 static std::atomic<size_t> s_log_size{ZEB_LOG_SIZE_DEFAULT};
 
 static const char DEFAULT_ROOT[] = "/velk";
+static constexpr unsigned RECORD_TIME = 1; // seconds; a line takes microseconds
+
 static const char ROOT_VARIABLE[] = "VELK_DIR";
 static constexpr size_t SUB_DIRS_LEN = sizeof("/dev/zeb"); // with the terminator
 
@@ -38,10 +44,8 @@ void zeb_set_log_size(size_t size)
         s_log_size.store(size, std::memory_order_relaxed);
 }
 
-void zeb_dm_record_log(const char *line)
+static void record_log(const char *line)
 {
-    if (g_zeb_log_fp == nullptr || s_closed.load(std::memory_order_relaxed))
-        return;
     if (s_log_offset.load(std::memory_order_relaxed) >= s_log_size.load(std::memory_order_relaxed)) {
         // Not truncated: newer records overwrite older ones from the top.
         if (fseek(g_zeb_log_fp, 0, SEEK_SET) != 0)
@@ -57,6 +61,15 @@ void zeb_dm_record_log(const char *line)
     (void)fwrite(when, 1, when_len, g_zeb_log_fp);
     (void)fwrite(line, 1, line_len, g_zeb_log_fp);
     s_log_offset.fetch_add(when_len + line_len, std::memory_order_relaxed);
+}
+
+// Counted before it looks whether the files are closed, so that zeb_dm_stop closes no stream that is in use.
+void zeb_dm_record_log(const char *line)
+{
+    (void)s_recording.fetch_add(1, std::memory_order_seq_cst);
+    if (!s_closed.load(std::memory_order_seq_cst) && g_zeb_log_fp != nullptr)
+        record_log(line);
+    (void)s_recording.fetch_sub(1, std::memory_order_seq_cst);
 }
 
 static bool write_stat(const char *when)
@@ -115,6 +128,52 @@ void zeb_dm_close_files()
     flush_and_close(g_zeb_log_fp);
     if (s_stat_fp != nullptr)
         flush_and_close(s_stat_fp);
+}
+
+static bool s_stopped; // by zeb_dm_stop
+static int s_again;    // how often the files were opened again
+
+// False when a thread does not come out of its line. A child that was forked in the middle of one has no such thread.
+static bool wait_recorded()
+{
+    struct timespec deadline = zeb_deadline_in(RECORD_TIME);
+    while (s_recording.load(std::memory_order_seq_cst) != 0) {
+        if (zeb_deadline_passed(&deadline))
+            return false;
+        (void)sched_yield();
+    }
+    return true;
+}
+
+void zeb_dm_stop()
+{
+    if ((s_log_fp == nullptr && s_stat_fp == nullptr) || s_closed.load(std::memory_order_relaxed))
+        return;
+    s_stopped = true;
+    s_closed.store(true, std::memory_order_seq_cst);
+    if (!wait_recorded())
+        return;
+    if (s_log_fp != nullptr) {
+        if (g_zeb_log_fp == s_log_fp)
+            g_zeb_log_fp = nullptr;
+        flush_and_close(s_log_fp);
+        s_log_fp = nullptr;
+    }
+    if (s_stat_fp != nullptr)
+        flush_and_close(s_stat_fp);
+    s_stat_fp = nullptr;
+    s_closed.store(g_zeb_log_fp == nullptr, std::memory_order_seq_cst); // a tool's stream goes on
+}
+
+void zeb_dm_start_again()
+{
+    if (!s_stopped)
+        return;
+    s_stopped = false;
+    s_again++;
+    s_log_offset.store(0, std::memory_order_relaxed);
+    zeb_dm_init();
+    s_closed.store(false, std::memory_order_seq_cst);
 }
 
 static bool make_dir(const char *path)
@@ -230,6 +289,9 @@ void zeb_dm_init()
     name.stamp[0] = '\0';
     if (gmtime_r(&now, &utc) != nullptr)
         (void)strftime(name.stamp, sizeof(name.stamp), "%Y%m%d-%H%M%S", &utc);
+    size_t len = strlen(name.stamp);
+    if (s_again != 0) // it may be the same second
+        (void)snprintf(name.stamp + len, sizeof(name.stamp) - len, "-%d", s_again + 1);
     if (!get_exe_name(name.exe))
         return;
 
@@ -239,6 +301,7 @@ void zeb_dm_init()
         ZEB_ERROR("ZEB open debug log file %s failed: %s.\n", path, strerror(errno));
     } else {
         (void)setvbuf(log, nullptr, _IOLBF, 0);
+        s_log_fp = log;
         g_zeb_log_fp = log;
     }
     s_stat_fp = open_file(&name, "stat", path);

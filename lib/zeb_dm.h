@@ -1,7 +1,7 @@
 // The log and statistics files of this process, under $VELK_DIR/dev/zeb.
-// Both are opened once, at start-up, and the oldest files of earlier processes are deleted. The log wraps at its size;
-// each dump rewrites the statistics. Any thread records log lines, without a lock: a record is two writes, and another
-// thread's write may fall between them. Only the receive thread writes statistics.
+// Both are opened at start-up, closed when the library stops, and the oldest files of earlier processes are deleted.
+// The log wraps at its size; each dump rewrites the statistics. Any thread records log lines, without a lock: a record
+// is two writes, and another thread's write may fall between them. Only the receive thread writes statistics.
 #ifndef ZEB_DM_H
 #define ZEB_DM_H
 
@@ -34,6 +34,11 @@ void zeb_dm_init();
 void zeb_dm_record_log(const char *line);
 void zeb_dm_record_stat(); // records the text of the print buffer
 void zeb_dm_close_files(); // called before an abort; no stream is used afterwards
+
+// Closes the files that zeb_dm_init has opened, once no thread writes to them; and opens new ones, if there were any,
+// when the library starts again. Called under g_lib_mutex.
+void zeb_dm_stop();
+void zeb_dm_start_again();
 void zeb_set_log_size(size_t size);
 
 // Creates the directory and writes its path to `buf`. Returns 0 or -1.

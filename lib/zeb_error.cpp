@@ -111,6 +111,8 @@ static const result_text_t RESULT_TEXTS[] = {
     {-EDEADLK, "called where it would wait for itself: by the log handler, or in a callback"},
     {-ETIMEDOUT, "not enough servers came online in time"},
     {-EALREADY, "the function of the call has been called, or there is no such call"},
+    {-EBUSY, "another thread dispatches for the application, or one of its own callbacks tries to"},
+    {-ESHUTDOWN, "the library is stopping"},
     {-EINPROGRESS, "the function of the call is running"},
     {ETIMEDOUT, "the wait of an RPC call ended just as its last reply came"},
 };

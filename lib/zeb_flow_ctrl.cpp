@@ -6,6 +6,7 @@
 
 #include "zeb_dbg.h"
 #include "zeb_error.h"
+#include "zeb_gate.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_msg_mng.h"
 
@@ -162,14 +163,17 @@ static void zeb_fc_reload_peer(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->
     });
 }
 
-// Waits without an overall limit until the destination is accepted. After 1, 2, 4, 8... periods without success it logs
-// and diagnoses; after ZEB_FC_RELOAD_ROUND periods it asks the blocking peers to abort.
-static void zeb_fc_wait_for_send(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex)
+// Waits without an overall limit until the destination is accepted; false when the library stops meanwhile. After 1, 2,
+// 4, 8... periods without success it logs and diagnoses; after ZEB_FC_RELOAD_ROUND periods it asks the blocking peers
+// to abort.
+static bool zeb_fc_wait_for_send(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc->mutex)
 {
     unsigned count = 0;
     unsigned interval = 1;
     struct timespec deadline = zeb_deadline_in(ZEB_FC_WAIT_PERIOD);
     while (!zeb_fc_accept_msg(fc, dst_app)) {
+        if (zeb_stopping())
+            return false;
         ZEB_VERBOSE("ZEB app %d to %d wait for flow ctrl condition.\n", fc->app_id, dst_app);
         if (zeb_cond_wait_until(&fc->cond, &fc->mutex, &deadline) == 0)
             continue;
@@ -183,6 +187,13 @@ static void zeb_fc_wait_for_send(zeb_fc_t *fc, uint32_t dst_app) ZEB_REQUIRES(fc
             zeb_fc_reload_peer(fc, dst_app);
         deadline = zeb_deadline_in(ZEB_FC_WAIT_PERIOD);
     }
+    return true;
+}
+
+static int library_stops(uint32_t dst_app)
+{
+    zeb_note_error("ZEB send to %d: the library stops.\n", {{dst_app}});
+    return -ESHUTDOWN;
 }
 
 int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags)
@@ -200,7 +211,8 @@ int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags)
     if ((flags & ZEB_SEND_NOWAIT) != 0)
         return -EAGAIN;
     ZEB_VERBOSE("ZEB app %d to %d wait for sending.\n", fc->app_id, dst_app);
-    zeb_fc_wait_for_send(fc, dst_app);
+    if (!zeb_fc_wait_for_send(fc, dst_app))
+        return library_stops(dst_app);
     ZEB_VERBOSE("ZEB app %d to %d continue to send.\n", fc->app_id, dst_app);
     return ZEB_FC_WAITED;
 }
@@ -214,6 +226,14 @@ static int32_t minus(int32_t value, uint32_t amount)
 static int32_t plus_1(int32_t value)
 {
     return (int32_t)((uint32_t)value + 1);
+}
+
+void zeb_fc_release(zeb_fc_t *fc)
+{
+    {
+        zeb_scoped_lock lock(&fc->mutex); // whoever has tested the gate is waiting now
+    }
+    zeb_cond_broadcast(&fc->cond);
 }
 
 // Sender.
@@ -416,7 +436,8 @@ void zeb_fc_reset_unack(uint32_t my_app, zeb_inst_t peer)
 
 void zeb_cli_print_fc_stat(uint32_t app)
 {
-    if (zeb_in_child("zeb_cli_print_fc_stat"))
+    zeb_call_t entered("zeb_cli_print_fc_stat");
+    if (entered.refused() != 0)
         return;
     zeb_fc_t *fc = zeb_get_app_fc(app);
     if (fc == nullptr)

@@ -77,10 +77,11 @@ static inline zeb_fc_t *zeb_get_app_fc(uint32_t app)
 // Called for every message, with the record that the caller has looked up.
 //
 // Waits until the application may send to `dst_app`. Returns 0; ZEB_FC_WAITED after a wait; with ZEB_SEND_NOWAIT
-// -EAGAIN instead of a wait; -ENOENT when `fc` is null.
+// -EAGAIN instead of a wait; -ESHUTDOWN when the library stops meanwhile; -ENOENT when `fc` is null.
 constexpr int ZEB_FC_WAITED = 1;
 int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags);
 int64_t zeb_fc_blocked_since(zeb_fc_t *fc, zeb_inst_t dst); // monotonic, nanoseconds; 0: it is not past its window
+void zeb_fc_release(zeb_fc_t *fc);                          // wakes the blocked senders for a stop; the gate is closed
 void zeb_fc_update_sent_ok(zeb_fc_t *fc, zeb_inst_t dst);
 void zeb_fc_update_recv_ok(zeb_fc_t *fc, zeb_inst_t src); // may send an acknowledgement
 

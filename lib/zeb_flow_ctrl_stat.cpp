@@ -5,6 +5,7 @@
 
 #include "zeb_dbg.h"
 #include "zeb_error.h"
+#include "zeb_gate.h"
 #include "zeb_slot.h"
 #include "zeb_wire.h"
 
@@ -163,7 +164,8 @@ void zeb_clean_mng_msg_stat(uint32_t my_app, zeb_inst_t peer)
 
 void zeb_cli_print_mng_stat(uint32_t app)
 {
-    if (zeb_in_child("zeb_cli_print_mng_stat"))
+    zeb_call_t entered("zeb_cli_print_mng_stat");
+    if (entered.refused() != 0)
         return;
     zeb_app_mng_t *slot = zeb_get_app_mng(app);
     if (slot == nullptr)

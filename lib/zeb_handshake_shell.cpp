@@ -54,9 +54,11 @@ static uint32_t get_seq(void *)
     return zeb_get_seq();
 }
 
+// A library that was started again in the same process is another one to its peers, which may not yet have read that
+// the first has gone. A process id has 22 bits, so the first start has the bare one.
 static uint32_t get_id(void *)
 {
-    return (uint32_t)getpid();
+    return (uint32_t)getpid() | (g_zeb_mng.starts - 1) << 22;
 }
 
 static bool is_server(void *, uint32_t my_app)

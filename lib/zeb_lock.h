@@ -177,6 +177,12 @@ static inline bool zeb_deadline_passed(const struct timespec *deadline)
     return now.tv_sec > deadline->tv_sec || (now.tv_sec == deadline->tv_sec && now.tv_nsec >= deadline->tv_nsec);
 }
 
+static inline void zeb_cond_wait(zeb_cond_t *cond, zeb_mutex_t *mutex) ZEB_REQUIRES(mutex)
+{
+    int ret = pthread_cond_wait(&cond->impl, &mutex->impl);
+    assert(ret == 0);
+}
+
 // Waits until signalled or `deadline`. Returns 0 or ETIMEDOUT; anything else ends the process.
 static inline int zeb_cond_wait_until(zeb_cond_t *cond, zeb_mutex_t *mutex, const struct timespec *deadline)
     ZEB_REQUIRES(mutex)

@@ -8,6 +8,7 @@
 
 #include "zeb_dbg.h"
 #include "zeb_error.h"
+#include "zeb_gate.h"
 #include "zeb_slot.h"
 
 constexpr int32_t APP_MC_ID_FIRST = 12288;
@@ -240,16 +241,18 @@ static void get_members(group_id_t id, typename Kind::group_t *out)
 int zeb_create_app_mcast(uint32_t src_app)
 {
     zeb_clear_last_error();
-    if (zeb_in_child("zeb_create_app_mcast"))
-        return -EPERM;
+    zeb_call_t entered("zeb_create_app_mcast");
+    if (entered.refused() != 0)
+        return entered.refused();
     return create_group<app_kind>(src_app, zeb_get_new_app_mc_id);
 }
 
 int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
 {
     zeb_clear_last_error();
-    if (zeb_in_child("zeb_add_app_mcast"))
-        return -EPERM;
+    zeb_call_t entered("zeb_add_app_mcast");
+    if (entered.refused() != 0)
+        return entered.refused();
     if (!zeb_valid_app_id(new_app)) {
         ZEB_ERROR_WHY("ZEB app ID %d invalid.\n", new_app);
         return -EINVAL;
@@ -260,7 +263,8 @@ int zeb_add_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t new_app)
 void zeb_del_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t del_app)
 {
     zeb_clear_last_error();
-    if (zeb_in_child("zeb_del_app_mcast"))
+    zeb_call_t entered("zeb_del_app_mcast");
+    if (entered.refused() != 0)
         return;
     del_member<app_kind>({src_app, mc_app}, del_app);
 }
@@ -268,7 +272,8 @@ void zeb_del_app_mcast(uint32_t src_app, uint32_t mc_app, uint32_t del_app)
 void zeb_destroy_app_mcast(uint32_t src_app, uint32_t mc_app)
 {
     zeb_clear_last_error();
-    if (zeb_in_child("zeb_destroy_app_mcast"))
+    zeb_call_t entered("zeb_destroy_app_mcast");
+    if (entered.refused() != 0)
         return;
     destroy_group<app_kind>({src_app, mc_app});
 }
@@ -276,16 +281,18 @@ void zeb_destroy_app_mcast(uint32_t src_app, uint32_t mc_app)
 int zeb_create_node_mcast(uint32_t src_app)
 {
     zeb_clear_last_error();
-    if (zeb_in_child("zeb_create_node_mcast"))
-        return -EPERM;
+    zeb_call_t entered("zeb_create_node_mcast");
+    if (entered.refused() != 0)
+        return entered.refused();
     return create_group<node_kind>(src_app, zeb_get_new_node_mc_id);
 }
 
 int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
 {
     zeb_clear_last_error();
-    if (zeb_in_child("zeb_add_node_mcast"))
-        return -EPERM;
+    zeb_call_t entered("zeb_add_node_mcast");
+    if (entered.refused() != 0)
+        return entered.refused();
     if (!zeb_valid_node_id(new_node)) {
         ZEB_ERROR_WHY("ZEB node ID %d invalid.\n", new_node);
         return -EINVAL;
@@ -296,7 +303,8 @@ int zeb_add_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t new_node)
 void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node)
 {
     zeb_clear_last_error();
-    if (zeb_in_child("zeb_del_node_mcast"))
+    zeb_call_t entered("zeb_del_node_mcast");
+    if (entered.refused() != 0)
         return;
     del_member<node_kind>({src_app, mc_node}, del_node);
 }
@@ -304,25 +312,47 @@ void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node)
 void zeb_destroy_node_mcast(uint32_t src_app, uint32_t mc_node)
 {
     zeb_clear_last_error();
-    if (zeb_in_child("zeb_destroy_node_mcast"))
+    zeb_call_t entered("zeb_destroy_node_mcast");
+    if (entered.refused() != 0)
         return;
     destroy_group<node_kind>({src_app, mc_node});
+}
+
+void zeb_copy_app_mc(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out)
+{
+    memset(out, 0, sizeof(*out));
+    get_members<app_kind>({src_app, mc_app}, out);
+}
+
+void zeb_copy_node_mc(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out)
+{
+    memset(out, 0xFF, sizeof(*out));
+    get_members<node_kind>({src_app, mc_node}, out);
+}
+
+void zeb_clear_mc(zeb_mc_t *mc)
+{
+    indexed_list_clear(&mc->app_mc_list);
+    indexed_list_clear(&mc->node_mc_list);
+    zeb_mc_init(mc);
 }
 
 void zeb_get_app_mc_mbr(uint32_t src_app, uint32_t mc_app, zeb_app_mc_t *out)
 {
     memset(out, 0, sizeof(*out));
-    if (zeb_in_child("zeb_get_app_mc_mbr"))
+    zeb_call_t entered("zeb_get_app_mc_mbr");
+    if (entered.refused() != 0)
         return;
-    get_members<app_kind>({src_app, mc_app}, out);
+    zeb_copy_app_mc(src_app, mc_app, out);
 }
 
 void zeb_get_node_mc_mbr(uint32_t src_app, uint32_t mc_node, zeb_node_mc_t *out)
 {
     memset(out, 0xFF, sizeof(*out));
-    if (zeb_in_child("zeb_get_node_mc_mbr"))
+    zeb_call_t entered("zeb_get_node_mc_mbr");
+    if (entered.refused() != 0)
         return;
-    get_members<node_kind>({src_app, mc_node}, out);
+    zeb_copy_node_mc(src_app, mc_node, out);
 }
 
 template <typename Kind>

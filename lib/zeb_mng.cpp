@@ -4,22 +4,28 @@
 #include <cstdlib>
 #include <cstring>
 #include <semaphore.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
-#include "zeb_app_info.h"
 #include "zeb_dbg.h"
+#include "zeb_dm.h"
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
+#include "zeb_gate.h"
 #include "zeb_handshake_shell.h"
 #include "zeb_log_handler.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_recv.h"
 #include "zeb_rpc.h"
+#include "zeb_rpc_async.h"
 #include "zeb_slot.h"
 #include "zeb_tipc.h"
 
 static bool g_lib_inited ZEB_GUARDED_BY(g_lib_mutex);
+
+// One stop at a time; the second waits for the first. Outside g_lib_mutex, and no thread of the library takes it.
+static zeb_mutex_t s_stop_mutex = {PTHREAD_MUTEX_INITIALIZER};
 
 // Nothing to clean up: the kernel closes everything with the process.
 static void zeb_lib_atexit()
@@ -38,10 +44,28 @@ static bool init_running_cond()
            }) == 0;
 }
 
-static void close_subscription_socket()
+// The number is cleared first: a child that is forked now must not close the descriptor again.
+static void close_descriptor(int *fd)
 {
-    (void)close(g_zeb_mng.subscr_sd);
-    g_zeb_mng.subscr_sd = -1;
+    int open = *fd;
+    *fd = -1;
+    if (open != -1)
+        (void)close(open);
+}
+
+static void close_descriptors()
+{
+    close_descriptor(&g_zeb_mng.subscr_sd);
+    close_descriptor(&g_zeb_mng.wake_fd);
+    zeb_rpc_async_close();
+}
+
+static bool open_wake_descriptor()
+{
+    g_zeb_mng.wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (g_zeb_mng.wake_fd == -1)
+        ZEB_ERROR_WHY("ZEB create wake descriptor failed: %s.\n", strerror(errno));
+    return g_zeb_mng.wake_fd != -1;
 }
 
 // The receive thread waits here until the start has succeeded. Until then it holds and takes no lock, so that a failed
@@ -58,16 +82,19 @@ static void *receive_thread_fun(void *arg)
 // A child cannot use the library's sockets. It closes them, since otherwise the bound names would outlive the parent.
 static void enter_child() ZEB_NO_THREAD_SAFETY_ANALYSIS
 {
+    zeb_gate_forget();
     g_zeb_in_child = g_lib_inited;
     zeb_log_handler_enter_child();
-    if (!g_lib_inited)
+    if (!g_lib_inited) { // it may start a library of its own; at a stop another thread may have held these
+        s_stop_mutex = {PTHREAD_MUTEX_INITIALIZER};
+        g_lib_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
         return;
+    }
     zeb_each_app_mng([](zeb_app_mng_t *slot) {
-        (void)close(slot->sd);
-        slot->sd = -1;
+        close_descriptor(&slot->sd);
+        close_descriptor(&slot->info->ready_fd);
     });
-    if (g_zeb_mng.subscr_sd != -1)
-        close_subscription_socket();
+    close_descriptors();
 }
 
 // Neither callback can be removed, so they are added last. On failure logs an ERROR line and returns false.
@@ -79,9 +106,11 @@ static bool add_process_callbacks()
         return false;
     }
     s_exit_added = true;
-    int err = pthread_atfork(nullptr, nullptr, enter_child);
+    static bool s_fork_added; // by an earlier start that was stopped
+    int err = s_fork_added ? 0 : pthread_atfork(nullptr, nullptr, enter_child);
     if (err != 0)
         ZEB_ERROR_WHY("ZEB add fork callback failed: %s.\n", strerror(err));
+    s_fork_added = err == 0;
     return err == 0;
 }
 
@@ -98,7 +127,6 @@ static int start_receive_thread()
         (void)pthread_join(g_zeb_mng.lib_tid, nullptr);
         return -1;
     }
-    (void)pthread_detach(g_zeb_mng.lib_tid);
     (void)sem_post(&s_start_gate);
     return 0;
 }
@@ -107,8 +135,10 @@ static int zeb_init_lib() ZEB_REQUIRES(g_lib_mutex)
 {
     if (g_lib_inited)
         return 0;
+    zeb_dm_start_again();
     ZEB_INFO("ZEB init lib on first app registeration.\n");
-    zeb_init_seq();
+    if (g_zeb_mng.starts == 0) // a library that starts again goes on counting: its peers may remember the last numbers
+        zeb_init_seq();
     zeb_clear_mng();
     zeb_handshake_start();
     if (!init_running_cond())
@@ -119,12 +149,13 @@ static int zeb_init_lib() ZEB_REQUIRES(g_lib_mutex)
         zeb_cond_destroy(&g_zeb_mng.running_cond);
         return -1;
     }
-    int ret = start_receive_thread();
+    int ret = open_wake_descriptor() ? start_receive_thread() : -1;
     if (ret != 0) {
         zeb_cond_destroy(&g_zeb_mng.running_cond);
-        close_subscription_socket();
+        close_descriptors();
         return ret;
     }
+    g_zeb_mng.starts++;
     g_lib_inited = true;
     return 0;
 }
@@ -139,9 +170,9 @@ static zeb_app_mng_t *free_slot()
     return nullptr;
 }
 
-int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatcher_num,
-                    const zeb_msg_dispatcher_t *dispatcher, zeb_app_event_fun_t event)
+int zeb_add_app_mng(const zeb_app_spec_t *spec)
 {
+    uint32_t app = spec->app;
     zeb_scoped_lock lock(&g_lib_mutex);
     int ret = zeb_init_lib();
     if (ret != 0) {
@@ -166,7 +197,7 @@ int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatc
     }
     slot->fc = zeb_add_app_fc(app);
     slot->rpc = zeb_add_app_rpc_wait(app);
-    slot->info = zeb_add_app_info(app, app_name, thread, dispatcher_num, dispatcher, event);
+    slot->info = zeb_add_app_info(spec);
     slot->mng_stat = zeb_add_mng_stat(app);
     if (slot->fc != nullptr && slot->rpc != nullptr && slot->info != nullptr && slot->mng_stat != nullptr &&
         __zeb_add_comm_app(app, app) == 0) {
@@ -189,7 +220,73 @@ int zeb_add_app_mng(uint32_t app, const char *app_name, bool thread, int dispatc
     return -EAGAIN;
 }
 
-// An application stays until the process ends.
+// An application stays until the library stops.
 void zeb_del_app_mng(uint32_t)
 {
+}
+
+// Ends every wait inside the library, so that calls and threads come out.
+static void release_all()
+{
+    zeb_scoped_lock lock(&g_lib_mutex); // whoever waits for the running state has tested the gate
+    zeb_cond_broadcast(&g_zeb_mng.running_cond);
+    zeb_each_app_mng([](zeb_app_mng_t *slot) {
+        zeb_fc_release(slot->fc);
+        zeb_rpc_release(slot->rpc);
+    });
+    uint64_t one = 1;
+    while (write(g_zeb_mng.wake_fd, &one, sizeof(one)) < 0 && errno == EINTR)
+        continue;
+}
+
+// Nobody else knows the records any more.
+static void free_app(zeb_app_mng_t *slot)
+{
+    slot->app_id.store(0, std::memory_order_relaxed);
+    slot->sd = -1; // closed with the record; a child that is forked now must not close it again
+    zeb_del_app_info(slot->info);
+    zeb_del_app_fc(slot->fc);
+    zeb_rpc_async_drop(slot->rpc);
+    zeb_del_app_rpc_wait(slot->rpc);
+    zeb_del_mng_stat(slot->mng_stat);
+}
+
+static void free_lib() ZEB_REQUIRES(g_lib_mutex)
+{
+    for (zeb_app_mng_t &slot : g_zeb_mng.app) {
+        if (slot.app_id.load(std::memory_order_relaxed) != 0)
+            free_app(&slot);
+    }
+    close_descriptors();
+    zeb_handshake_start();
+    zeb_cond_destroy(&g_zeb_mng.running_cond);
+    g_zeb_mng.running_cond = {PTHREAD_COND_INITIALIZER}; // zeb_run may come before the next registration
+    zeb_clear_mng();
+    zeb_dm_stop();
+    g_lib_inited = false;
+}
+
+static bool lib_started()
+{
+    zeb_scoped_lock lock(&g_lib_mutex);
+    return g_lib_inited;
+}
+
+int zeb_stop_lib()
+{
+    zeb_scoped_lock one(&s_stop_mutex);
+    if (!lib_started())
+        return 0;
+    ZEB_INFO("ZEB stop lib.\n");
+    zeb_gate_close();
+    release_all();
+    zeb_gate_wait_empty();
+    (void)pthread_join(g_zeb_mng.lib_tid, nullptr);
+    zeb_each_app_mng([](zeb_app_mng_t *slot) { zeb_end_proxy_thread(slot->info); });
+    {
+        zeb_scoped_lock lock(&g_lib_mutex);
+        free_lib();
+    }
+    zeb_gate_open();
+    return 0;
 }

@@ -219,7 +219,10 @@ static void check_app(report_t *report, zeb_app_info_t *info)
 {
     {
         zeb_scoped_lock lock(&info->mutex);
-        (void)list_is_whole(report, &info->msg_list, "msg_list", info->app_id);
+        if (list_is_whole(report, &info->msg_list, "msg_list", info->app_id))
+            check_count(report, &info->msg_list, (int)info->queue_num, "msg_list", info->app_id);
+        expect(report, info->ready_fd == -1 || info->ready == (info->queue_num != 0),
+               "%u: a polled queue of %u is %sreadable\n", info->app_id, info->queue_num, info->ready ? "" : "not ");
     }
     zeb_scoped_lock lock(info->mc.mutex);
     check_groups(report, &info->mc);

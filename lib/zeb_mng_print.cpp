@@ -9,6 +9,7 @@
 #include "zeb_app_info.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
+#include "zeb_gate.h"
 #include "zeb_handshake_shell.h"
 #include "zeb_rpc.h"
 #include "zeb_slot.h"
@@ -47,7 +48,8 @@ static void print_pending(const char *title, struct list_head *head, PrintEntry 
 
 void zeb_cli_print_lib_info(uint32_t app)
 {
-    if (zeb_in_child("zeb_cli_print_lib_info"))
+    zeb_call_t entered("zeb_cli_print_lib_info");
+    if (entered.refused() != 0)
         return;
     zeb_scoped_lock lock(&g_lib_mutex);
     zeb_buf_printf("Application %d/%d process's ZEB library information:\n", app, zeb_get_my_node_id());
@@ -86,7 +88,8 @@ void zeb_cli_print_lib_info(uint32_t app)
 
 void zeb_cli_print_app_comm(uint32_t src_app)
 {
-    if (zeb_in_child("zeb_cli_print_app_comm"))
+    zeb_call_t entered("zeb_cli_print_app_comm");
+    if (entered.refused() != 0)
         return;
     zeb_scoped_lock lock(&g_lib_mutex);
     zeb_buf_printf("  Communication peer applications:");
@@ -101,7 +104,8 @@ void zeb_cli_print_app_comm(uint32_t src_app)
 
 void zeb_cli_print_app_info(uint32_t app)
 {
-    if (zeb_in_child("zeb_cli_print_app_info"))
+    zeb_call_t entered("zeb_cli_print_app_info");
+    if (entered.refused() != 0)
         return;
     zeb_app_info_t *app_info = zeb_get_app_info(app);
     if (app_info == nullptr)
@@ -127,7 +131,8 @@ void zeb_cli_print_app_info(uint32_t app)
 
 int zeb_buf_printf_reply(const zeb_msg_t *request)
 {
-    if (zeb_in_child("zeb_rpc_reply"))
-        return -EPERM;
+    zeb_call_t entered("zeb_rpc_reply");
+    if (entered.refused() != 0)
+        return entered.refused();
     return zeb_rpc_answer(request, g_print_msg, 0);
 }

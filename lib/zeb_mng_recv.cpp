@@ -13,6 +13,7 @@
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
+#include "zeb_gate.h"
 #include "zeb_handshake_shell.h"
 #include "zeb_mng_recv_mng.h"
 #include "zeb_mng_topology.h"
@@ -35,9 +36,9 @@ static union {
 } s_anc_buf;
 
 typedef struct poll_set_s {
-    // The topology connection, the application sockets in slot order, and what wakes for calls that no thread waits
-    // for.
-    struct pollfd fds[ZEB_APP_SLOT_NUM + 2];
+    // The topology connection, the descriptor that wakes the thread for its end, the application sockets in slot order,
+    // and what wakes it for calls that no thread waits for.
+    struct pollfd fds[ZEB_APP_SLOT_NUM + 3];
     zeb_app_info_t *app[ZEB_APP_SLOT_NUM];
     nfds_t app_num;
     nfds_t fd_num; // without the topology connection
@@ -360,12 +361,13 @@ static void build_poll_set(poll_set_t *set)
 {
     memset(set, 0, sizeof(*set));
     watch(&set->fds[0], g_zeb_mng.subscr_sd);
+    watch(&set->fds[1], g_zeb_mng.wake_fd);
     zeb_each_app_mng([&](zeb_app_mng_t *slot) {
         set->app[set->app_num] = slot->info;
+        watch(&set->fds[set->app_num + 2], slot->info->sd);
         set->app_num++;
-        watch(&set->fds[set->app_num], slot->info->sd);
     });
-    set->fd_num = set->app_num;
+    set->fd_num = set->app_num + 1;
 }
 
 static void close_topology_connection()
@@ -419,17 +421,26 @@ static struct timespec s_minute_end;
 // What a pass of the loop does besides reading. In a process that makes calls that no thread waits for, from the first
 // one on, `look_at` is 0 and so are the passes between two looks: every pass serves these calls. In all others this
 // costs nothing.
-static struct {
+typedef struct pass_s {
     struct timespec look_at;
     unsigned skipped_passes; // of a stream; one less than a power of 2
     int poll_ms;
-} s_pass = {{0, 0}, PASSES_OF_CLOCK - 1, ZEB_POLL_TIMEOUT_MS};
+} pass_t;
+
+constexpr pass_t PASS_OF_OTHERS = {{0, 0}, PASSES_OF_CLOCK - 1, ZEB_POLL_TIMEOUT_MS};
+
+static pass_t s_pass = PASS_OF_OTHERS;
+
+static bool watches_calls(const poll_set_t *set)
+{
+    return set->fd_num == set->app_num + 2;
+}
 
 // From now on the receive thread is woken for deadlines, and serves them.
 static void watch_calls(poll_set_t *set)
 {
     int fd = zeb_rpc_async_wake_fd();
-    if (fd == -1 || set->fd_num != set->app_num)
+    if (fd == -1 || watches_calls(set))
         return;
     set->fd_num++;
     watch(&set->fds[set->fd_num], fd);
@@ -440,7 +451,7 @@ static void watch_calls(poll_set_t *set)
 static void serve_calls(poll_set_t *set)
 {
     watch_calls(set);
-    if (set->fd_num == set->app_num)
+    if (!watches_calls(set))
         return;
     zeb_rpc_async_time_out();
     if (zeb_rpc_async_ready()) {
@@ -489,7 +500,7 @@ static void poll_once(poll_set_t *set)
     bool topology = g_zeb_mng.subscr_sd != -1;
     struct pollfd *fds = topology ? set->fds : set->fds + 1;
     bool wakeup_due = s_stream.unsignalled > 0;
-    int ready = poll(fds, topology ? set->fd_num + 1 : set->fd_num, wakeup_due ? 0 : s_pass.poll_ms);
+    int ready = poll(fds, set->fd_num + (topology ? 1 : 0), wakeup_due ? 0 : s_pass.poll_ms);
     if (ready < 0)
         ZEB_WARN("ZEB polling error: %d:%s.\n", errno, strerror(errno));
     bool event = ready > 0 && topology && set->fds[0].revents != 0;
@@ -503,7 +514,7 @@ static void poll_once(poll_set_t *set)
         handle_event(set);
     bool only_streams = true;
     for (nfds_t i = 0; ready > 0 && i < set->app_num; i++) {
-        if (set->fds[i + 1].revents != 0 && !zeb_socket_recv_app_msg(set->app[i]))
+        if (set->fds[i + 2].revents != 0 && !zeb_socket_recv_app_msg(set->app[i]))
             only_streams = false;
     }
     if (!only_streams) // a socket kept readable by other messages must not delay the queued streams
@@ -527,13 +538,32 @@ static void bind_app_sockets()
     });
 }
 
-void *zeb_socket_msg_dist_thread_fun(void *)
+// Peers see the applications a moment after the start, and not at all when the library stops meanwhile.
+static void pause_before_binding()
 {
-    char name[16];
-    (void)snprintf(name, sizeof(name), "zeb_lib_%d", (int)getpid());
-    (void)prctl(PR_SET_NAME, name);
+    struct pollfd wake;
+    watch(&wake, g_zeb_mng.wake_fd);
+    const struct timespec second = {1, 0};
+    (void)ppoll(&wake, 1, &second, nullptr);
+}
+
+// What the thread keeps from one datagram to the next.
+static void forget_all()
+{
+    free(s_recv_buf);
+    s_recv_buf = nullptr;
+    s_stream = {};
+    s_report_deadline = {};
+    s_pass = PASS_OF_OTHERS;
+    zeb_forget_zebd();
+}
+
+static void receive()
+{
     zeb_wait_for_running();
-    (void)sleep(1);
+    pause_before_binding();
+    if (zeb_stopping())
+        return;
     zeb_subscr_tipc_events();
     bind_app_sockets();
     ZEB_INFO("ZEB socket msg distribute thread start.\n");
@@ -543,7 +573,17 @@ void *zeb_socket_msg_dist_thread_fun(void *)
     build_poll_set(&set);
     begin_minute();
     s_stream.more = true;
-    for (;;)
+    while (!zeb_stopping())
         poll_once(&set);
+}
+
+void *zeb_socket_msg_dist_thread_fun(void *)
+{
+    char name[16];
+    (void)snprintf(name, sizeof(name), "zeb_lib_%d", (int)getpid());
+    (void)prctl(PR_SET_NAME, name);
+    (void)zeb_set_callbacks(true);
+    receive();
+    forget_all();
     return nullptr;
 }

@@ -97,6 +97,14 @@ static void zeb_reload_process(uint32_t my_app, zeb_inst_t src)
     (void)protect_selfhealing_do_action(GVR_KILL_PROCESS_ACT, getpid(), "ZEB", notice);
 }
 
+static const zeb_app_info_t *s_zebd; // looked up once
+static zeb_mismatch_info_t s_zebd_range;
+
+void zeb_forget_zebd()
+{
+    s_zebd = nullptr;
+}
+
 // Dispatches a message to the management daemon in the daemon's own process. Requests reach the daemon's dispatcher as
 // they are.
 static void zeb_mng_dispatch_zebd_msg(zeb_msg_t *msg)
@@ -106,26 +114,21 @@ static void zeb_mng_dispatch_zebd_msg(zeb_msg_t *msg)
             free(msg);
         return;
     }
-    static const zeb_app_info_t *s_app_info; // looked up once; the record exists until the process ends
-    static zeb_mismatch_info_t s_range;
-    if (s_app_info == nullptr) {
+    if (s_zebd == nullptr) {
         const zeb_app_info_t *app_info = zeb_get_app_info(ZEBD_APP_ID);
         if (app_info == nullptr) { // a peer may address the daemon in the wrong process
             ZEB_ERROR("ZEB app %d does not registered.\n", ZEBD_APP_ID);
             free(msg);
             return;
         }
-        s_range = zeb_get_app_ver_range(app_info);
-        s_app_info = app_info;
+        s_zebd_range = zeb_get_app_ver_range(app_info);
+        s_zebd = app_info;
     }
-    zeb_msg_dispatcher_fun_t fun = zeb_get_dispatch_fun(s_app_info, msg->hdr.app_ver);
-    if (fun != nullptr) {
-        (void)fun(msg);
+    if (zeb_run_dispatcher(s_zebd, msg))
         return;
-    }
     ZEB_ERROR("ZEB get ZEBD version %d dispatcher failed.\n", msg->hdr.app_ver);
     if (zeb_is_rpc_request(msg))
-        (void)zeb_rpc_reply_app_mismatch(msg, &s_range);
+        (void)zeb_rpc_reply_app_mismatch(msg, &s_zebd_range);
     free(msg);
 }
 

@@ -8,4 +8,6 @@
 // Processes and frees a received message with ZEB_MSG_FLAG_MNG.
 void zeb_mng_msg_process(zeb_msg_t *msg);
 
+void zeb_forget_zebd(); // the records of the applications are about to be freed
+
 #endif

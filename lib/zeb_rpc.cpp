@@ -10,6 +10,7 @@
 #include "zeb_dbg.h"
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_gate.h"
 #include "zeb_mng_msg.h"
 #include "zeb_msg_guard.h"
 
@@ -237,11 +238,14 @@ void zeb_rpc_time_out(zeb_app_rpc_wait_t *rpc, uint32_t seq)
 }
 
 // Waits until every entry is completed, or until `timeout` seconds pass in which no caller of the application is woken.
-// Each wake-up wakes them all, and the time starts again. Returns the result of the last wait.
+// Each wake-up wakes them all, and the time starts again. Returns the result of the last wait, or -ESHUTDOWN when the
+// library stops.
 static int wait_all_replied(zeb_app_rpc_wait_t *rpc, const zeb_rpc_wait_t *wait) ZEB_REQUIRES(rpc->mutex)
 {
     int ret = 0;
     while (!all_replied(wait)) {
+        if (zeb_stopping())
+            return -ESHUTDOWN;
         ZEB_VERBOSE("ZEB app %d seq %d wait for RPC reply in %ds.\n", rpc->app_id, wait->seq, wait->timeout);
         struct timespec deadline = zeb_deadline_in(wait->timeout != 0 ? wait->timeout : 1);
         ret = zeb_cond_wait_until(&rpc->wait_cond, &rpc->mutex, &deadline);
@@ -263,6 +267,9 @@ int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq)
     if (ret == ETIMEDOUT && wait->timeout != 0) {
         store_timeouts(wait, app);
         ret = 0;
+    } else if (ret == -ESHUTDOWN) {
+        zeb_note_error("ZEB app %d seq %d wait for RPC reply: the library stops.\n", {{app, seq}});
+        zeb_reply_msg_free(wait->reply);
     } else if (ret != 0) {
         // An unlimited wait runs in slices of 1 s. A slice that ends just as the last reply is stored makes the call
         // fail.
@@ -273,6 +280,14 @@ int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq)
     }
     __unlink_wait(rpc, wait);
     return ret;
+}
+
+void zeb_rpc_release(zeb_app_rpc_wait_t *rpc)
+{
+    {
+        zeb_scoped_lock lock(&rpc->mutex); // whoever has tested the gate is waiting now
+    }
+    zeb_cond_broadcast(&rpc->wait_cond);
 }
 
 static bool complete_or_log(zeb_rpc_wait_t *wait, uint32_t app, zeb_inst_t src)
@@ -457,7 +472,8 @@ static void print_wait(const zeb_rpc_wait_t *wait)
 
 void zeb_cli_print_rpc_stat(uint32_t app)
 {
-    if (zeb_in_child("zeb_cli_print_rpc_stat"))
+    zeb_call_t entered("zeb_cli_print_rpc_stat");
+    if (entered.refused() != 0)
         return;
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(app);
     if (rpc == nullptr)

@@ -63,7 +63,8 @@ int zeb_rpc_prepare_wait(uint32_t app, uint32_t seq, zeb_reply_msg_t *reply, uin
 zeb_rpc_wait_t *zeb_get_rpc_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq); // null when there is no such call
 int zeb_rpc_set_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t dst);
 void zeb_rpc_del_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq);
-int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq);
+int zeb_rpc_wait_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq); // -ESHUTDOWN, without replies, when the library stops
+void zeb_rpc_release(zeb_app_rpc_wait_t *rpc);                 // wakes the callers for a stop; the gate is closed
 int zeb_rpc_add_error_reply(zeb_app_rpc_wait_t *rpc, uint32_t seq, zeb_inst_t src, zeb_reply_stat_t status);
 void zeb_rpc_print_wait(zeb_app_rpc_wait_t *rpc, uint32_t seq);
 

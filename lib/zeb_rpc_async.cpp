@@ -5,11 +5,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 #include "platform/list_algo.h"
 #include "zeb_app_info.h"
 #include "zeb_dbg.h"
 #include "zeb_error.h"
+#include "zeb_gate.h"
 #include "zeb_mng_msg.h"
 #include "zeb_tipc.h"
 
@@ -21,8 +23,8 @@ static struct {
     int64_t looks_at ZEB_GUARDED_BY(mutex);          // when the receive thread looks next, by itself or woken
 } s_deadlines;
 
-static std::atomic<int> s_wake_fd{-1};   // an eventfd; written under g_lib_mutex
-static std::atomic<bool> s_ready{false}; // a call of an application without a thread is done
+static std::atomic<int> s_wake_fd{-1};   // an eventfd; written under g_lib_mutex, or alone in a child
+static std::atomic<bool> s_ready{false}; // a call of an application without a queue is done
 
 int zeb_rpc_async_wake_fd()
 {
@@ -38,7 +40,7 @@ int zeb_rpc_async_prepare()
         return 0;
     int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (fd == -1) {
-        ZEB_ERROR_WHY("ZEB create wake descriptor failed: %s.\n", strerror(errno));
+        ZEB_ERROR_WHY("ZEB create descriptor for calls failed: %s.\n", strerror(errno));
         return -1;
     }
     s_wake_fd.store(fd, std::memory_order_release);
@@ -119,11 +121,11 @@ static void end_running(zeb_app_rpc_wait_t *rpc)
         zeb_cond_broadcast(&rpc->wait_cond);
 }
 
-// The first call that is done; null when it was cancelled meanwhile.
+// The first call that is done; null when it was cancelled meanwhile, or the library stops.
 static zeb_rpc_wait_t *take_done(zeb_app_rpc_wait_t *rpc)
 {
     zeb_scoped_lock lock(&rpc->mutex);
-    if (list_empty(&rpc->done_list.list))
+    if (list_empty(&rpc->done_list.list) || zeb_stopping())
         return nullptr;
     zeb_rpc_wait_t *wait = list_record<zeb_rpc_wait_t>(rpc->done_list.list.next);
     indexed_list_remove(&rpc->done_list, wait);
@@ -131,7 +133,7 @@ static zeb_rpc_wait_t *take_done(zeb_app_rpc_wait_t *rpc)
     return wait;
 }
 
-// False when no call is done.
+// False when no call is done, or the library stops.
 static bool run_one(zeb_app_rpc_wait_t *rpc)
 {
     zeb_rpc_wait_t *wait = take_done(rpc);
@@ -144,7 +146,7 @@ static bool run_one(zeb_app_rpc_wait_t *rpc)
     return true;
 }
 
-static void run_on_proxy_thread(zeb_app_info_t *app_info)
+static void run_queued(zeb_app_info_t *app_info)
 {
     (void)run_one(zeb_get_app_rpc(app_info->app_id));
 }
@@ -153,8 +155,8 @@ static void run_on_proxy_thread(zeb_app_info_t *app_info)
 static void done(zeb_app_rpc_wait_t *rpc)
 {
     zeb_app_info_t *app_info = zeb_get_app_info(rpc->app_id);
-    if (app_info->with_proxy_thread) {
-        zeb_enqueue_task(app_info, run_on_proxy_thread);
+    if (zeb_has_queue(app_info)) {
+        zeb_enqueue_task(app_info, run_queued);
         return;
     }
     s_ready.store(true, std::memory_order_release);
@@ -232,7 +234,7 @@ void zeb_rpc_async_run_ready()
 {
     while (zeb_rpc_async_ready() && s_ready.exchange(false, std::memory_order_acquire)) {
         zeb_each_app_mng([](const zeb_app_mng_t *slot) {
-            while (!slot->info->with_proxy_thread && run_one(slot->rpc))
+            while (!zeb_has_queue(slot->info) && run_one(slot->rpc))
                 continue;
         });
     }
@@ -274,4 +276,29 @@ int zeb_rpc_async_until_next(int most)
     left = left > most ? most : left;
     s_deadlines.looks_at = now + left * NS_PER_MS;
     return (int)left;
+}
+
+static void free_calls(indexed_list<zeb_rpc_wait_t> *calls)
+{
+    while (!list_empty(&calls->list)) {
+        zeb_rpc_wait_t *wait = list_record<zeb_rpc_wait_t>(calls->list.next);
+        indexed_list_remove(calls, wait);
+        free_call(wait);
+    }
+}
+
+void zeb_rpc_async_drop(zeb_app_rpc_wait_t *rpc)
+{
+    zeb_scoped_lock lock(&rpc->mutex);
+    free_calls(&rpc->wait_list);
+    free_calls(&rpc->done_list);
+}
+
+// The number is cleared first: a child that is forked now must not close the descriptor again.
+void zeb_rpc_async_close()
+{
+    int fd = s_wake_fd.exchange(-1, std::memory_order_acq_rel);
+    if (fd != -1)
+        (void)close(fd);
+    s_ready.store(false, std::memory_order_relaxed);
 }

@@ -4,6 +4,7 @@
 
 #include "zeb_dbg.h"
 #include "zeb_error.h"
+#include "zeb_gate.h"
 
 zeb_mutex_t g_lib_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
 zeb_mng_t g_zeb_mng;
@@ -23,6 +24,7 @@ void zeb_clear_mng()
 {
     g_zeb_mng.running = false;
     g_zeb_mng.blocked_resume = false;
+    g_zeb_mng.wake_fd = -1;
     g_zeb_mng.subscr_sd = 0;
     g_zeb_mng.lib_tid = 0;
     for (zeb_app_mng_t &slot : g_zeb_mng.app) {
@@ -43,7 +45,7 @@ void zeb_notify_running()
 void zeb_wait_for_running()
 {
     zeb_scoped_lock lock(&g_lib_mutex);
-    while (!g_zeb_mng.running) {
+    while (!g_zeb_mng.running && !zeb_stopping()) {
         struct timespec deadline = zeb_deadline_in(1);
         (void)zeb_cond_wait_until(&g_zeb_mng.running_cond, &g_lib_mutex, &deadline);
     }

@@ -1,7 +1,7 @@
 // The record of the process: the slots of its applications and the state of the library (started, running, or in a
-// forked child). A slot holds each area's record of one application. Slots are claimed in order and never freed.
-// Registration writes a slot under g_lib_mutex and stores the application id last, so a lookup without the lock sees a
-// complete slot.
+// forked child). A slot holds each area's record of one application. Slots are claimed in order, and freed all at once
+// when the library stops. Registration writes a slot under g_lib_mutex and stores the application id last, so a lookup
+// without the lock sees a complete slot.
 #ifndef ZEB_SLOT_H
 #define ZEB_SLOT_H
 
@@ -31,8 +31,10 @@ typedef struct zeb_app_mng_s {
 typedef struct zeb_mng_s {
     bool running ZEB_GUARDED_BY(g_lib_mutex);
     std::atomic<bool> blocked_resume;
+    int wake_fd;   // eventfd of the receive thread, written once, by zeb_stop
     int subscr_sd; // topology connection, -1 when closed; owned by the receive thread once that has started
     pthread_t lib_tid;
+    uint32_t starts;         // of the library in this process; guarded by g_lib_mutex, read by the receive thread
     zeb_cond_t running_cond; // on g_lib_mutex: broadcast when the library runs, and when a server comes or goes
     zeb_app_mng_t app[ZEB_APP_SLOT_NUM];
 } zeb_mng_t;
@@ -62,7 +64,7 @@ void zeb_clear_slot(zeb_app_mng_t *slot); // the slot must have no application i
 void zeb_clear_mng() ZEB_REQUIRES(g_lib_mutex);
 
 void zeb_notify_running();
-void zeb_wait_for_running();
+void zeb_wait_for_running(); // returns at a stop too
 
 // Whether the caller is the receive thread. Only for a caller that has found a slot: the thread exists by then.
 static inline bool zeb_on_receive_thread()

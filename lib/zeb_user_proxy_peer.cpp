@@ -9,6 +9,7 @@
 #include "zeb_cfg.h"
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_gate.h"
 
 // The node that the caller means, or ZEB_NODE_ALL when it means none.
 static uint32_t node_of(uint32_t node)
@@ -44,8 +45,9 @@ int zeb_peer_state(uint32_t app, uint32_t peer, uint32_t node, zeb_peer_state_t 
 {
     if (state != nullptr)
         memset(state, 0, sizeof(*state));
-    if (zeb_in_child("zeb_peer_state"))
-        return -EPERM;
+    zeb_call_t entered("zeb_peer_state");
+    if (entered.refused() != 0)
+        return entered.refused();
     zeb_app_mng_t *slot = nullptr;
     zeb_inst_t inst = {peer, node_of(node)};
     bool bad = state == nullptr || inst.node == ZEB_NODE_ALL;
@@ -62,8 +64,9 @@ int zeb_peer_state(uint32_t app, uint32_t peer, uint32_t node, zeb_peer_state_t 
 
 int zeb_online_nodes(uint32_t app, uint32_t peer, uint32_t *nodes, int max)
 {
-    if (zeb_in_child("zeb_online_nodes"))
-        return -EPERM;
+    zeb_call_t entered("zeb_online_nodes");
+    if (entered.refused() != 0)
+        return entered.refused();
     zeb_app_mng_t *slot = nullptr;
     bool bad = max < 0 || (nodes == nullptr && max > 0);
     int ret = bad ? bad_argument(app, peer) : check(app, peer, &slot);
@@ -105,6 +108,8 @@ static int wait_online(uint32_t peer, uint32_t node, uint32_t count, uint32_t mi
     while (server_num(peer, node) < count) {
         if (milliseconds != 0 && zeb_deadline_passed(&end))
             return timed_out(peer, count);
+        if (zeb_stopping())
+            return zeb_gate_refuse("zeb_wait_online");
         struct timespec slice = milliseconds != 0 ? end : zeb_deadline_in(1);
         (void)zeb_cond_wait_until(&g_zeb_mng.running_cond, &g_lib_mutex, &slice);
     }
@@ -113,8 +118,9 @@ static int wait_online(uint32_t peer, uint32_t node, uint32_t count, uint32_t mi
 
 int zeb_wait_online(uint32_t app, uint32_t peer, uint32_t node, uint32_t count, uint32_t milliseconds)
 {
-    if (zeb_in_child("zeb_wait_online"))
-        return -EPERM;
+    zeb_call_t entered("zeb_wait_online");
+    if (entered.refused() != 0)
+        return entered.refused();
     uint32_t on = node_of(node);
     uint32_t most = node == ZEB_NODE_ALL ? ZEB_NODE_NUM : 1;
     if ((on == ZEB_NODE_ALL && node != ZEB_NODE_ALL) || count < 1 || count > most)

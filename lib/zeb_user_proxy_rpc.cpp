@@ -13,6 +13,7 @@
 #include "zeb_dbg.h"
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_gate.h"
 #include "zeb_mng_msg.h"
 #include "zeb_rpc.h"
 #include "zeb_rpc_async.h"
@@ -167,8 +168,9 @@ static int call(zeb_dst_t *dst, zeb_msg_t *msg, uint32_t timeout, zeb_reply_msg_
 int zeb_rpc(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags, uint32_t timeout, zeb_reply_msg_t *ret_buf)
 {
     clear_replies(ret_buf);
-    if (zeb_in_child("zeb_rpc"))
-        return -EPERM;
+    zeb_call_t entered("zeb_rpc");
+    if (entered.refused() != 0)
+        return entered.refused();
     ZEB_VERBOSE("ZEB user app %d rpc %d(0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app, dst_app,
                 dst_app, (void *)msg, flags, timeout, (void *)ret_buf);
     int ret = zeb_check_rpc_arg(src_app, msg, ret_buf);
@@ -183,8 +185,9 @@ int zeb_rpcto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *
               zeb_reply_msg_t *ret_buf)
 {
     clear_replies(ret_buf);
-    if (zeb_in_child("zeb_rpcto"))
-        return -EPERM;
+    zeb_call_t entered("zeb_rpcto");
+    if (entered.refused() != 0)
+        return entered.refused();
     ZEB_VERBOSE("ZEB user app %d rpcto %d/%d(0x%x/0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app,
                 dst_app, dst_node, dst_app, dst_node, (void *)msg, flags, timeout, (void *)ret_buf);
     int ret = zeb_check_rpc_arg(src_app, msg, ret_buf);
@@ -210,7 +213,7 @@ static void request_all(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg)
 // Opens the call under a new number. A caller of zeb_rpc may have drawn the same one; then this one draws again.
 static int prepare_async(zeb_dst_t *dst, zeb_rpc_async_t *async, uint32_t milliseconds, uint32_t *seq)
 {
-    int ret = zeb_rpc_async_prepare();
+    int ret = dst->slot == nullptr ? 0 : zeb_rpc_async_prepare();
     if (ret != 0)
         return ret;
     do {
@@ -237,8 +240,9 @@ int zeb_rpc_async(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg
 {
     if (call != nullptr)
         *call = 0;
-    if (zeb_in_child("zeb_rpc_async"))
-        return -EPERM;
+    zeb_call_t entered("zeb_rpc_async");
+    if (entered.refused() != 0)
+        return entered.refused();
     ZEB_VERBOSE("ZEB user app %d rpc async %d/%d(0x%x/0x%x), msg %p, flags 0x%x, timeout %ums.\n", src_app, dst_app,
                 dst_node, dst_app, dst_node, (void *)msg, flags, milliseconds);
     if (!check_async_arg(src_app, msg, done))
@@ -261,8 +265,9 @@ int zeb_rpc_async(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg
 
 int zeb_rpc_cancel(uint32_t src_app, uint32_t call)
 {
-    if (zeb_in_child("zeb_rpc_cancel"))
-        return -EPERM;
+    zeb_call_t entered("zeb_rpc_cancel");
+    if (entered.refused() != 0)
+        return entered.refused();
     if (!zeb_check_src_app(src_app))
         return -EINVAL;
     zeb_app_rpc_wait_t *rpc = zeb_get_app_rpc(src_app);
@@ -280,7 +285,8 @@ int zeb_rpc_cancel(uint32_t src_app, uint32_t call)
 
 int zeb_rpc_reply(const zeb_msg_t *src_msg, zeb_msg_t *reply_msg, int flags)
 {
-    if (zeb_in_child("zeb_rpc_reply"))
-        return -EPERM;
+    zeb_call_t entered("zeb_rpc_reply");
+    if (entered.refused() != 0)
+        return entered.refused();
     return zeb_rpc_answer(src_msg, reply_msg, flags);
 }

@@ -9,6 +9,7 @@
 #include "zeb_dbg.h"
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_gate.h"
 #include "zeb_mng_msg.h"
 
 bool zeb_check_src_app(uint32_t src_app)
@@ -45,7 +46,7 @@ int zeb_get_app_mbrs(zeb_dst_t *dst)
 {
     uint32_t app = dst->named.app == 0 ? dst->src_app : dst->named.app;
     if (zeb_valid_app_mc_id(app)) {
-        zeb_get_app_mc_mbr(dst->src_app, app, &dst->apps);
+        zeb_copy_app_mc(dst->src_app, app, &dst->apps);
         dst->app_num = ZEB_APP_MC_MBR_NUM;
         return 0;
     }
@@ -62,7 +63,7 @@ int zeb_get_node_mbrs(zeb_dst_t *dst)
 {
     uint32_t node = dst->named.node == ZEB_NODE_LOCAL ? (uint32_t)zeb_get_my_node_id() : dst->named.node;
     if (zeb_valid_node_mc_id(node)) {
-        zeb_get_node_mc_mbr(dst->src_app, node, &dst->nodes);
+        zeb_copy_node_mc(dst->src_app, node, &dst->nodes);
         dst->node_num = ZEB_NODE_MC_MBR_NUM;
         return 0;
     }
@@ -233,8 +234,9 @@ static int send_msg(uint32_t src_app, zeb_inst_t named, zeb_msg_t *msg, int flag
 
 int zeb_send(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags)
 {
-    if (zeb_in_child("zeb_send"))
-        return -EPERM;
+    zeb_call_t entered("zeb_send");
+    if (entered.refused() != 0)
+        return entered.refused();
     ZEB_VERBOSE("ZEB user app %d send %d(0x%x), msg %p, flags 0x%x.\n", src_app, dst_app, dst_app, (void *)msg, flags);
     int ret = zeb_check_send_arg(src_app, msg);
     return ret != 0 ? ret : send_msg(src_app, {dst_app, ZEB_NODE_ALL}, msg, flags);
@@ -242,8 +244,9 @@ int zeb_send(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags)
 
 int zeb_sendto(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg_t *msg, int flags)
 {
-    if (zeb_in_child("zeb_sendto"))
-        return -EPERM;
+    zeb_call_t entered("zeb_sendto");
+    if (entered.refused() != 0)
+        return entered.refused();
     ZEB_VERBOSE("ZEB user app %d sendto %d/%d(0x%x/0x%x), msg %p, flags 0x%x.\n", src_app, dst_app, dst_node, dst_app,
                 dst_node, (void *)msg, flags);
     int ret = zeb_check_send_arg(src_app, msg);

@@ -91,8 +91,8 @@ int zeb_register(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t 
 int zeb_register_without_thread(uint32_t app, const char *app_name, const zeb_msg_dispatcher_t *dispatcher,
                                 zeb_app_event_fun_t event);
 
-/* Does not end the registration: the application stays registered until the process ends. Returns 0, or -EINVAL for a
- * bad id. */
+/* Does not end the registration: the application stays registered until zeb_stop (zeb_ext.h) or the process's end.
+ * Returns 0, or -EINVAL for a bad id. */
 int zeb_unregister(uint32_t app);
 
 /* Ends registration and starts reception: about one second later the peers see the applications of this process. It may

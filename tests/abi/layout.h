@@ -28,6 +28,12 @@ _Static_assert(sizeof(zeb_msg_dispatcher_t) == 2 * sizeof(void *), "dispatcher r
 _Static_assert(sizeof(zeb_reply_msg_t) == 65 * sizeof(void *), "reply buffer");
 _Static_assert(offsetof(zeb_reply_msg_t, msg) == sizeof(void *), "first reply");
 _Static_assert(sizeof(zeb_mismatch_info_t) == 8, "version range");
+_Static_assert(sizeof(zeb_app_dispatcher_t) == 3 * sizeof(void *), "row of a table with a context");
+_Static_assert(offsetof(zeb_app_options_t, app) == sizeof(size_t), "options: application");
+_Static_assert(offsetof(zeb_app_options_t, name) == sizeof(size_t) + 8, "options: name");
+_Static_assert(offsetof(zeb_app_options_t, event) == sizeof(size_t) + 8 + 2 * sizeof(void *), "options: smallest size");
+_Static_assert(offsetof(zeb_app_options_t, queue_notice) == sizeof(size_t) + 8 + 4 * sizeof(void *), "options: notice");
+_Static_assert(sizeof(zeb_app_options_t) == sizeof(size_t) + 16 + 5 * sizeof(void *), "options");
 _Static_assert(sizeof(struct tlv_desc) == 4, "element header");
 _Static_assert(sizeof(zeb_peer_state_t) == 16, "state of a peer");
 _Static_assert(offsetof(zeb_peer_state_t, since) == 8, "since when");

@@ -126,6 +126,7 @@ static void free_all(struct list_head *head)
 static void reset_app(zeb_app_mng_t *slot)
 {
     free_all<zeb_msg_t>(&slot->info->msg_list);
+    slot->info->queue_num = 0;
     indexed_list_clear(&slot->mc->app_mc_list);
     indexed_list_clear(&slot->mc->node_mc_list);
     zeb_mc_init(slot->mc);
@@ -352,6 +353,11 @@ int __wrap_poll(struct pollfd *fds, nfds_t num, int)
     return 1;
 }
 
+int __wrap_ppoll(struct pollfd *, nfds_t, const struct timespec *, const sigset_t *)
+{
+    return 0; // the pause at the start
+}
+
 FILE *__wrap_fopen(const char *path, const char *mode)
 {
     if (strcmp(path, ZEB_CFG_FILE) != 0 && strcmp(path, ZEB_NODE_ADDR_FILE) != 0)
@@ -371,11 +377,6 @@ int __wrap_pthread_create(pthread_t *tid, const pthread_attr_t *, void *(*fun)(v
     *tid = pthread_self();
     s_proxy_fun = fun; // the last one is CLIENT's: the library starts its own thread before
     s_proxy_arg = arg;
-    return 0;
-}
-
-int __wrap_pthread_detach(pthread_t)
-{
     return 0;
 }
 

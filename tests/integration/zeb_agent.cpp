@@ -400,6 +400,12 @@ static std::string do_run(std::istringstream &)
     return "0";
 }
 
+// stop: the end of the library, not of the agent
+static std::string do_stop(std::istringstream &)
+{
+    return str(zeb_stop());
+}
+
 // unack APP
 static std::string do_unack(std::istringstream &in)
 {
@@ -487,11 +493,11 @@ static std::string do_memory(std::istringstream &)
 static std::string run_command(const std::string &line)
 {
     static const std::map<std::string, std::string (*)(std::istringstream &)> verbs = {
-        {"register", do_register}, {"comm", do_comm},       {"run", do_run},       {"fork", do_fork},
-        {"send", do_send},         {"flood", do_flood},     {"unack", do_unack},   {"rpc", do_rpc},
-        {"answer", do_answer},     {"late", do_late},       {"quiet", do_quiet},   {"slow", do_slow},
-        {"counts", do_counts},     {"blocked", do_blocked}, {"fc", do_fc},         {"memory", do_memory},
-        {"async", do_async},       {"storm", do_storm},     {"online", do_online},
+        {"register", do_register}, {"comm", do_comm},     {"run", do_run},         {"fork", do_fork},
+        {"stop", do_stop},         {"send", do_send},     {"flood", do_flood},     {"unack", do_unack},
+        {"rpc", do_rpc},           {"answer", do_answer}, {"late", do_late},       {"quiet", do_quiet},
+        {"slow", do_slow},         {"counts", do_counts}, {"blocked", do_blocked}, {"fc", do_fc},
+        {"memory", do_memory},     {"async", do_async},   {"storm", do_storm},     {"online", do_online},
     };
     std::istringstream in(line);
     std::string verb;
@@ -507,7 +513,12 @@ int main()
     for (char text[512]; fgets(text, sizeof(text), stdin) != nullptr;) {
         line.assign(text, strlen(text) - 1);
         std::string verb = line.substr(0, line.find(' '));
-        if (verb == "flood") // in the background: the commands go on
+        if (verb == "behind") // behind COMMAND: in the background, and so is a flood: the commands go on
+            std::thread([line] {
+                std::string command = line.substr(sizeof("behind"));
+                say("done behind " + command.substr(0, command.find(' ')) + " " + run_command(command));
+            }).detach();
+        else if (verb == "flood")
             std::thread([line] { say("done flood " + run_command(line)); }).detach();
         else
             say("done " + verb + " " + run_command(line));

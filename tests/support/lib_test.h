@@ -1,5 +1,5 @@
 // What every unit test runs on: a process with a node id, a configuration file and the in-process TIPC, a time limit,
-// and a check that no descriptor leaks. The library starts once per process and never stops, so ctest runs each test in
+// and a check that no descriptor leaks. The library starts once per process, so ctest runs each test in
 // a process of its own.
 #ifndef TESTS_SUPPORT_LIB_TEST_H
 #define TESTS_SUPPORT_LIB_TEST_H

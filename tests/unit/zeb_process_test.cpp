@@ -39,6 +39,7 @@ static int in_child(const std::function<int()> &body)
 static int every_call()
 {
     static zeb_msg_t s_msg;
+    static zeb_app_options_t s_options;
     static zeb_reply_msg_t s_reply;
     static zeb_reply_msg_t s_reply_to;
     static zeb_peer_state_t s_state;
@@ -49,6 +50,10 @@ static int every_call()
         zeb_register(300, "child", NO_DISPATCHER, nullptr),
         zeb_register_without_thread(300, "child", NO_DISPATCHER, nullptr),
         zeb_unregister(APP),
+        zeb_stop(),
+        zeb_register_app(&s_options),
+        zeb_app_fd(APP),
+        zeb_dispatch(APP, 1),
         zeb_app_ready(APP),
         zeb_comm_with(APP, PEER),
         zeb_send(APP, PEER, &s_msg, 0),
