@@ -32,9 +32,12 @@ class zeb_error : public lib_test
 TEST_F(zeb_error, every_documented_result_has_a_text_of_its_own)
 {
     std::set<std::string> texts;
-    const int results[] = {0, -1, -ENOENT, -EAGAIN, -EEXIST, -EINVAL, -ENOBUFS, -EDEADLK, ETIMEDOUT};
-    for (int result : results)
+    const int results[] = {0,        -1,        -ENOENT,    -EAGAIN,   -EEXIST, -EINVAL,    -ENOBUFS,
+                           -EDEADLK, ETIMEDOUT, -ETIMEDOUT, -EALREADY, -EBUSY,  -ESHUTDOWN, -EINPROGRESS};
+    for (int result : results) {
         texts.insert(zeb_strerror(result));
+        EXPECT_THAT(zeb_strerror(result), testing::Not(HasSubstr(std::to_string(result) + ": ")));
+    }
     EXPECT_EQ(texts.size(), sizeof(results) / sizeof(results[0]));
     EXPECT_STREQ(zeb_strerror(0), "success");
     EXPECT_THAT(zeb_strerror(-2), HasSubstr("no online server"));
@@ -198,6 +201,57 @@ TEST_F(zeb_error, a_refused_call_says_why)
         peer_online(node);
     EXPECT_EQ(zeb_rpc(APP, PEER, msg_, 0, 1, &reply_), -ENOBUFS);
     EXPECT_STREQ(zeb_last_error(), "ZEB RPC wait reply num exceeds limit 64.");
+}
+
+TEST_F(zeb_error, a_refused_question_about_peers_says_why)
+{
+    start_app();
+    EXPECT_EQ(zeb_peer_state(APP, PEER, PEER_NODE, nullptr), -EINVAL);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 100 asks about 200: bad node, number or buffer.");
+    EXPECT_EQ(zeb_online_nodes(APP, 8192, nullptr, 0), -EINVAL);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 100 asks about 8192: invalid ID.");
+    EXPECT_EQ(zeb_online_nodes(101, PEER, nullptr, 0), -ENOENT);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 101 is not registered in this process.");
+    EXPECT_EQ(zeb_wait_online(APP, PEER, ZEB_NODE_ALL, 2, 1), -ETIMEDOUT);
+    EXPECT_STREQ(zeb_last_error(), "ZEB wait for 2 servers of 200 timeout.");
+}
+
+TEST_F(zeb_error, a_refused_call_without_a_blocked_thread_says_why)
+{
+    start_app();
+    auto call = [this](uint32_t app, zeb_call_done_fun_t done) {
+        return zeb_rpc_async(app, ZEB_NODE_ALL, PEER, msg_, 0, 0, done, nullptr, nullptr);
+    };
+    zeb_call_done_fun_t done = [](uint32_t, zeb_reply_msg_t *, void *) {};
+    EXPECT_EQ(call(APP, nullptr), -EINVAL);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 100 RPC msg or function NULL.");
+    EXPECT_EQ(call(101, done), -ENOENT);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 101 is not registered in this process.");
+    fault::fail_next("eventfd", EMFILE);
+    EXPECT_EQ(call(APP, done), -1);
+    EXPECT_STREQ(zeb_last_error(), "ZEB create descriptor for calls failed: Too many open files.");
+    EXPECT_EQ(call(APP, done), -ENOENT);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 100 to 200(0xc8): no server is online on any node.");
+    EXPECT_EQ(zeb_rpc_cancel(APP, 1), -EALREADY);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 100 seq 1: no such RPC call is in progress.");
+    EXPECT_EQ(zeb_rpc_cancel(101, 1), -ENOENT);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 101 is not registered in this process.");
+    msg_->hdr.len++;
+    EXPECT_EQ(call(APP, done), -EINVAL);
+    msg_->hdr.len--;
+}
+
+TEST_F(zeb_error, a_refused_registration_with_options_says_why)
+{
+    EXPECT_EQ(zeb_register_app(nullptr), -EINVAL);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app registered with options of 0 bytes.");
+    start_app();
+    EXPECT_EQ(zeb_app_fd(101), -ENOENT);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 101 is not registered in this process.");
+    EXPECT_EQ(zeb_dispatch(APP, 1), -EINVAL);
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 100 is not polled.");
+    EXPECT_EQ(zeb_stop(), 0);
+    EXPECT_STREQ(zeb_last_error(), "");
 }
 
 TEST_F(zeb_error, a_refused_answer_says_why)

@@ -160,7 +160,7 @@ TEST_F(zeb_rpc_async_test, without_a_descriptor_the_first_call_is_refused_and_th
     peer_online(3);
     fault::fail_next("eventfd", EMFILE);
     EXPECT_EQ(logged(E, [&] { EXPECT_EQ(zeb_rpc_async(APP, 3, PEER, msg_, 0, 1, finish, nullptr, nullptr), -1); }),
-              lines_t({"3 ZEB create wake descriptor failed: Too many open files."}));
+              lines_t({"3 ZEB create descriptor for calls failed: Too many open files."}));
     uint32_t number = call();
     answer(3, number);
     EXPECT_EQ(take_finished().size(), 1u);
