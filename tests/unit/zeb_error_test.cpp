@@ -419,6 +419,8 @@ TEST_F(zeb_error_said, two_processes_of_a_node_that_share_an_application_are_nam
     EXPECT_EQ(said([&] {
                   peer_syncs(1, other);
                   peer_syncs(2, other);
+                  other.id = 4712;
+                  peer_syncs(3, other);
               }),
               "zeb: processes " + pid +
                   " and 4711 of node 7 have both registered application 100: end one of them, or "
