@@ -54,7 +54,16 @@ prepare_guest() {
     echo "$dir"
 }
 
-build_guest() { # DIR: makes vmlinuz and initrd from Debian's kernel package
+# Makes `vmlinux` of `vmlinuz`: an emulated machine takes longer to unpack the kernel than to boot it. Where the kernel is
+# packed otherwise, or does not start without its loader, it stays as it is.
+unpack_kernel() { # DIR
+    local dir=$1 at
+    at=$(LC_ALL=C grep -abo -m 1 -P '\xfd7zXZ\x00' "$dir/vmlinuz" | head -n 1 | cut -d : -f 1)
+    [ -n "$at" ] && tail -c "+$((at + 1))" "$dir/vmlinuz" | xz -dc --single-stream >"$dir/vmlinux" 2>/dev/null
+    readelf -n "$dir/vmlinux" 2>/dev/null | grep -q 'Xen .*0x00000012' || rm -f "$dir/vmlinux" # the entry without a loader
+}
+
+build_guest() { # DIR: makes vmlinuz, vmlinux and initrd from Debian's kernel package
     local work=$1 package release module
     package=$(kernel_package)
     if [ -z "$package" ] && [ "$(id -u)" = 0 ]; then
@@ -66,6 +75,7 @@ build_guest() { # DIR: makes vmlinuz and initrd from Debian's kernel package
     (cd "$work" && apt-get download -qq "$package" 2>/dev/null) || die "cannot download $package"
     dpkg -x "$work"/*.deb "$work/kernel" || die "cannot unpack $package"
     mv "$work"/kernel/boot/vmlinuz-* "$work/vmlinuz"
+    unpack_kernel "$work"
     mkdir -p "$work"/initrd/{bin,dev,proc,sys,modules}
     cp /bin/busybox "$work/initrd/bin/"
     install -m 755 "$HERE/init" "$work/initrd/init"
@@ -78,7 +88,7 @@ build_guest() { # DIR: makes vmlinuz and initrd from Debian's kernel package
         esac
         echo "$module" >>"$work/initrd/modules/order"
     done
-    (cd "$work/initrd" && find . | cpio -o -H newc --quiet | gzip -1 >../initrd.gz) || die "cannot pack the initrd"
+    (cd "$work/initrd" && find . | cpio -o -H newc --quiet >../initrd.cpio) || die "cannot pack the initrd"
     rm -rf "$work/kernel" "$work/initrd" "$work"/*.deb
     : >"$work/ready"
 }
@@ -162,7 +172,8 @@ write_control() { # DIR: writes what inside.sh needs to know
 }
 
 start_guest() { # NUMBER CTL GUEST: starts a machine in the background, with its output on descriptor 3; sets GUEST to its pid
-    local number=$1 ctl=$2 guest=$3 accel='tcg,thread=multi' smp=2 more=()
+    local number=$1 ctl=$2 guest=$3 accel='tcg,thread=multi' smp=2 kernel=$3/vmlinux more=()
+    [ -e "$kernel" ] || kernel=$guest/vmlinuz
     if [ -n "$VIRTUAL" ]; then
         accel='tcg,thread=single' smp=1
         more+=(-icount 'shift=auto,sleep=off')
@@ -178,7 +189,7 @@ start_guest() { # NUMBER CTL GUEST: starts a machine in the background, with its
         more+=(-nic none)
     fi
     qemu-system-x86_64 -nodefaults -no-user-config -display none -no-reboot -accel "$accel" -cpu max -smp "$smp" -m "$MEMORY" \
-        -kernel "$guest/vmlinuz" -initrd "$guest/initrd.gz" \
+        -kernel "$kernel" -initrd "$guest/initrd.cpio" \
         -append 'console=ttyS0 quiet panic=-1 clocksource=acpi_pm mitigations=off rdinit=/init' \
         -serial "file:$ctl/kernel.log" -chardev "stdio,id=out,signal=off" -serial chardev:out \
         -fsdev 'local,id=root,path=/,security_model=none,multidevs=remap,readonly=on' \

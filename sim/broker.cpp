@@ -304,8 +304,6 @@ static int serve(conn_t *conn, const sim_request_t &request, const uint8_t *more
         return socket_gone(request.a);
     case SIM_DELIVER:
         return take_delayed(request, more, len);
-    case SIM_KEEP:
-        return 0;
     case SIM_DROP:
         drop_topology(request.a);
         return 0;
@@ -398,11 +396,11 @@ static void adopt(const std::string &name)
         (void)sync_socket(port);
 }
 
-// A process that was started in the cluster holds a lock on its "p." file as long as it, or a child of it, lives.
-static bool processes_live()
+// Whether any file whose name begins with `prefix` is locked. The others are removed.
+static bool locked(const char *prefix)
 {
     bool any = false;
-    sim_each_file(g_broker.cluster.dir, "p.", [&any](const std::string &name) {
+    sim_each_file(g_broker.cluster.dir, prefix, [&any](const std::string &name) {
         std::string path = std::string(g_broker.cluster.dir) + "/" + name;
         int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
         if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0)
@@ -415,13 +413,25 @@ static bool processes_live()
     return any;
 }
 
-static int remove_entry(const char *path, const struct stat * /*status*/, int /*type*/, struct FTW * /*at*/)
+static int remove_entry(const char *path, const struct stat * /*status*/, int /*type*/, struct FTW *at)
 {
-    return remove(path);
+    bool last = at->level == 0 || (at->level == 1 && strcmp(path + at->base, "lock") == 0);
+    return last ? 0 : remove(path);
 }
 
-// Removes the folder when nothing uses it. The cluster's lock keeps processes from joining between the check and the
-// removal.
+// The lock goes last: who opens it before then waits for it, and who makes a new one after then keeps the folder.
+static void remove_cluster(const char *dir)
+{
+    char lock[SIM_PATH_LEN];
+    (void)nftw(dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    (void)sim_cluster_path(dir, "lock", lock, sizeof(lock));
+    (void)unlink(lock);
+    (void)rmdir(dir);
+}
+
+// Removes the folder when nothing uses it. A process that was started in the cluster holds a lock on its "p." file as
+// long as it, or a child of it, lives, and a launcher that made the cluster one on "keep". The cluster's lock keeps
+// processes from joining between the check and the removal.
 static bool ended()
 {
     if (!g_broker.conns.empty() || !g_broker.members.empty() || broker_now() < g_broker.awaited)
@@ -429,7 +439,7 @@ static bool ended()
     int lock = sim_cluster_lock(g_broker.cluster.dir);
     if (lock < 0)
         return lock == -ENOENT;
-    bool used = processes_live();
+    bool used = locked("p.") || locked("keep");
     sim_each_file(g_broker.cluster.dir, "s.", [&used](const std::string &name) {
         adopt(name);
         used = used || !g_broker.members.empty();
@@ -437,7 +447,7 @@ static bool ended()
     struct epoll_event ready;
     used = used || epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // a client is connecting
     if (!used)
-        (void)nftw(g_broker.cluster.dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+        remove_cluster(g_broker.cluster.dir);
     (void)close(lock);
     return !used;
 }
@@ -518,22 +528,25 @@ static bool only_one(const char *dir)
     return fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
 
-static void write_pid(const char *dir)
+static void write_pid(const char *dir, pid_t pid)
 {
     char path[SIM_PATH_LEN];
     (void)sim_cluster_path(dir, "broker.pid", path, sizeof(path));
     FILE *fp = fopen(path, "we");
     if (fp == nullptr)
         return;
-    (void)fprintf(fp, "%d\n", (int)getpid());
+    (void)fprintf(fp, "%d\n", (int)pid);
     (void)fclose(fp);
 }
 
 // Detaches from the starter. Standard error is kept with TIPCSIM_DEBUG only.
-static void go_to_background()
+static void go_to_background(const char *dir)
 {
-    if (fork() != 0)
-        _exit(0);
+    pid_t pid = fork();
+    if (pid != 0) {
+        write_pid(dir, pid);
+        _exit(pid < 0 ? 1 : 0);
+    }
     (void)setsid();
     int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     (void)dup2(null, STDIN_FILENO);
@@ -543,32 +556,45 @@ static void go_to_background()
     (void)!chdir("/");
 }
 
-int broker_main(const char *dir)
+// Makes this process the broker of the cluster, in the background. It listens, and its pid is written, before the
+// cluster's lock is released: whoever finds that there is a broker can connect to it and stop it. 0, or 1 after an
+// error; -1 when there is one already.
+static int take_cluster(const char *dir)
 {
-    (void)syscall(SYS_close_range, 3, UINT_MAX, 0); // inherited ones, among them the lock on the starter's "p." file
     const char *why = "";
-    int ret = sim_cluster_open(&g_broker.cluster, dir, true, &why);
-    if (ret != 0) {
-        fprintf(stderr, "tipcsim: cluster %s: %s: %s\n", dir, why, strerror(-ret));
+    int lock = sim_cluster_join(&g_broker.cluster, dir, &why);
+    if (lock < 0) {
+        fprintf(stderr, "tipcsim: cluster %s: %s: %s\n", dir, why, strerror(-lock));
         return 1;
     }
     if (!only_one(dir)) {
-        fprintf(stderr, "tipcsim: cluster %s has a broker already\n", dir);
-        return 1;
-    }
-    struct rlimit files;
-    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
-        files.rlim_cur = files.rlim_max;
-        (void)setrlimit(RLIMIT_NOFILE, &files);
+        (void)close(lock);
+        return -1;
     }
     g_broker.listener = listen_at(dir);
     if (g_broker.listener < 0) {
         fprintf(stderr, "tipcsim: cluster %s: cannot listen: %s\n", dir, strerror(-g_broker.listener));
         return 1;
     }
+    go_to_background(dir);
+    (void)close(lock); // the starter's copy is closed when it ends
+    return 0;
+}
+
+int broker_main(const char *dir, bool if_none)
+{
+    (void)syscall(SYS_close_range, 3, UINT_MAX, 0); // inherited ones, among them the lock on the starter's "p." file
+    int ret = take_cluster(dir);
+    if (ret < 0 && !if_none)
+        fprintf(stderr, "tipcsim: cluster %s has a broker already\n", dir);
+    if (ret != 0)
+        return ret < 0 && if_none ? 0 : 1;
+    struct rlimit files;
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
+        files.rlim_cur = files.rlim_max;
+        (void)setrlimit(RLIMIT_NOFILE, &files);
+    }
     (void)signal(SIGPIPE, SIG_IGN);
-    go_to_background();
-    write_pid(dir);
     g_broker.epoll = epoll_create1(EPOLL_CLOEXEC);
     g_broker.notify_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     watch(g_broker.listener);

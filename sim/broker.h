@@ -70,6 +70,6 @@ void topology_flush(conn_t *conn);
 void topology_time(int64_t now);
 int64_t topology_deadline(void);
 
-int broker_main(const char *dir); // exit status
+int broker_main(const char *dir, bool if_none); // exit status. With `if_none` another broker is no error
 
 #endif

@@ -151,7 +151,7 @@ static int map_state(sim_cluster_t *cluster, bool create, const char **why)
     return -EINVAL;
 }
 
-int sim_cluster_open(sim_cluster_t *cluster, const char *dir, bool create, const char **why)
+static int open_locked(sim_cluster_t *cluster, const char *dir, bool create, const char **why)
 {
     cluster->state = nullptr;
     *why = "the path is too long";
@@ -169,9 +169,25 @@ int sim_cluster_open(sim_cluster_t *cluster, const char *dir, bool create, const
         if (lock < 0)
             return lock;
         int ret = map_state(cluster, create, why);
+        if (ret == 0)
+            return lock;
         (void)sys_close(lock);
         return ret;
     }
+}
+
+int sim_cluster_open(sim_cluster_t *cluster, const char *dir, bool create, const char **why)
+{
+    int lock = open_locked(cluster, dir, create, why);
+    if (lock < 0)
+        return lock;
+    (void)sys_close(lock);
+    return 0;
+}
+
+int sim_cluster_join(sim_cluster_t *cluster, const char *dir, const char **why)
+{
+    return open_locked(cluster, dir, true, why);
 }
 
 void sim_cluster_close(sim_cluster_t *cluster)

@@ -38,8 +38,9 @@ static int connect_once(const char *dir)
 static void start_broker(const char *dir, const char *tool)
 {
     char word[] = "broker";
+    char if_none[] = "if-none"; // several processes may start it at once: one of them does
     char option[] = "--cluster";
-    char *argv[] = {const_cast<char *>(tool), word, option, const_cast<char *>(dir), nullptr};
+    char *argv[] = {const_cast<char *>(tool), word, if_none, option, const_cast<char *>(dir), nullptr};
     char *plain[128]; // the environment without LD_PRELOAD, which is for the application only
     size_t num = 0;
     for (char **entry = environ; *entry != nullptr && num < 127; entry++) {

@@ -11,7 +11,6 @@ enum sim_op_e : uint32_t {
     SIM_SYNC,         // a: a port whose bindings changed
     SIM_GONE,         // a: a port that was closed
     SIM_DELIVER,      // a: port, b: index of its node; a record and its data follow
-    SIM_KEEP,         // the broker stays as long as this connection is open
     SIM_CUT,          // a, b: node ids, b may be SIM_ANY_NODE; value: 1 when the link is lost at once
     SIM_HEAL,         // a, b: as for SIM_CUT
     SIM_DELAY,        // a, b: node ids; value: ms

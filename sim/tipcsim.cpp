@@ -118,34 +118,64 @@ static std::string in_cluster(const std::string &name)
     return std::string(s_cluster.dir) + "/" + name;
 }
 
-static void open_cluster(const options_t &options, bool create)
+static std::string chosen_cluster(const options_t &options)
 {
     const char *inherited = getenv("TIPCSIM_CLUSTER");
     std::string name = !options.cluster.empty() ? options.cluster : inherited != nullptr ? inherited : "default";
     char dir[SIM_DIR_LEN];
-    const char *why = "";
     if (!sim_cluster_dir(name.c_str(), dir, sizeof(dir)))
         die("the folder of cluster " + name + " has a path of more than " + std::to_string(SIM_DIR_LEN - 1) + " bytes");
-    int ret = sim_cluster_open(&s_cluster, dir, create, &why);
-    if (ret == -ENOENT && !create)
-        die("no cluster at " + std::string(dir));
-    if (ret != 0)
-        die("cluster " + std::string(dir) + ": " + why + ": " + strerror(-ret));
+    return dir;
 }
 
-static int ask(uint32_t op, uint32_t a, uint32_t b, uint32_t value, bool keep = false)
+[[noreturn]] static void die_of(const std::string &dir, const char *why, int ret)
+{
+    die("cluster " + dir + ": " + why + ": " + strerror(-ret));
+}
+
+static void open_cluster(const options_t &options)
+{
+    std::string dir = chosen_cluster(options);
+    const char *why = "";
+    int ret = sim_cluster_open(&s_cluster, dir.c_str(), false, &why);
+    if (ret == -ENOENT)
+        die("no cluster at " + dir);
+    if (ret != 0)
+        die_of(dir, why, ret);
+}
+
+// The cluster's lock: until it is closed, the folder is not removed.
+static int join_cluster(const options_t &options)
+{
+    std::string dir = chosen_cluster(options);
+    const char *why = "";
+    int lock = sim_cluster_join(&s_cluster, dir.c_str(), &why);
+    if (lock < 0)
+        die_of(dir, why, lock);
+    return lock;
+}
+
+static int connect_broker()
 {
     int fd = sim_broker_connect(&s_cluster, self().c_str());
     if (fd < 0)
         die("no broker in " + std::string(s_cluster.dir) + ": " + strerror(-fd));
+    return fd;
+}
+
+static void start_broker()
+{
+    (void)close(connect_broker());
+}
+
+static void ask(uint32_t op, uint32_t a, uint32_t b, uint32_t value)
+{
+    int fd = connect_broker();
     sim_request_t request = {SIM_MAGIC, op, 0, a, b, value};
     int ret = sim_broker_ask(fd, &request, nullptr, 0);
     if (ret != 0)
         die(std::string("the broker refuses: ") + strerror(-ret));
-    if (keep)
-        return fd;
     (void)close(fd);
-    return -1;
 }
 
 // PATH=TEMPLATE of every file that each node has a copy of: from the caller's options, the cluster's, and the defaults.
@@ -207,17 +237,26 @@ static void make_node_files(const options_t &options, const std::string &node)
 }
 
 // Makes the process's "p." file and locks it. The descriptor is inherited, so the lock is held as long as the process,
-// or a child of it, lives.
+// or a child of it, lives. Called with the cluster's lock held.
 static void mark_process(const std::string &node)
 {
-    int lock = sim_cluster_lock(s_cluster.dir);
     std::string path = in_cluster("p." + std::to_string(getpid()));
-    int fd = lock < 0 ? lock : open(path.c_str(), O_RDWR | O_CREAT, 0600);
+    int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
     int high = fd < 0 ? fd : fcntl(fd, F_DUPFD, 512);
     if (high < 0 || flock(high, LOCK_EX | LOCK_NB) != 0 || write(high, node.c_str(), node.size()) < 0)
         die("cannot write " + path + ": " + strerror(errno));
     (void)close(fd);
-    (void)close(lock);
+}
+
+// Keeps the cluster, whatever becomes of its broker, until the descriptor is closed. Called with the cluster's lock
+// held.
+static int keep_cluster()
+{
+    std::string path = in_cluster("keep");
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0 || flock(fd, LOCK_EX | LOCK_NB) != 0)
+        die("cannot lock " + path + ": " + strerror(errno));
+    return fd;
 }
 
 static void add_option(const char *name, const std::string &value)
@@ -240,17 +279,14 @@ static int run(const options_t &options)
     if (options.command == nullptr)
         die("no command (tipcsim help)");
     std::string node = std::to_string(number(options.node, "--node", 1, 65535));
-    open_cluster(options, true);
+    int lock = join_cluster(options);
     mark_process(node);
     make_node_files(options, node);
+    (void)close(lock);
     if (sim_node_index(s_cluster.state, (uint32_t)atol(node.c_str())) == SIM_ANY_NODE)
         die("a cluster has at most " + std::to_string(SIM_MAX_NODES) + " nodes");
-    if (s_cluster.state->held == 0) { // the broker removes the cluster, even when the command never opens a socket
-        int fd = sim_broker_connect(&s_cluster, self().c_str());
-        if (fd < 0)
-            die("no broker in " + std::string(s_cluster.dir) + ": " + strerror(-fd));
-        (void)close(fd);
-    }
+    if (s_cluster.state->held == 0) // the broker removes the cluster, even when the command never opens a socket
+        start_broker();
     std::string list;
     for (const std::string &file : node_files(options))
         list += (list.empty() ? "" : ":") + file.substr(0, file.find('='));
@@ -431,10 +467,7 @@ static int broker_stop()
 static int broker_start()
 {
     s_cluster.state->held = 0;
-    int fd = sim_broker_connect(&s_cluster, self().c_str());
-    if (fd < 0)
-        die("the broker does not start: " + std::string(strerror(-fd)));
-    (void)close(fd);
+    start_broker();
     return 0;
 }
 
@@ -496,7 +529,9 @@ static int cluster(options_t options)
     if (options.command == nullptr)
         die("no command (tipcsim help)");
     options.cluster = std::to_string(getpid()) + "-" + std::to_string(time(nullptr));
-    open_cluster(options, true);
+    int lock = join_cluster(options);
+    int keep = keep_cluster();
+    (void)close(lock);
     s_cluster.state->rmem = (uint32_t)options.rmem;
     s_cluster.state->tolerance = (uint32_t)options.tolerance;
     std::ofstream list(in_cluster("files"));
@@ -505,7 +540,7 @@ static int cluster(options_t options)
     list.close();
     if (!list)
         die("cannot write " + in_cluster("files"));
-    int keep = ask(SIM_KEEP, 0, 0, 0, true);
+    start_broker();
     std::string nodes;
     for (long node = 1; node <= options.nodes; node++) {
         nodes += (nodes.empty() ? "" : " ") + std::to_string(node);
@@ -517,10 +552,8 @@ static int cluster(options_t options)
     (void)setenv("LAB_RUN", s_cluster.dir, 1);
     (void)setenv("LAB_NODES", nodes.c_str(), 1);
     s_command = fork();
-    if (s_command == 0) {
-        (void)close(keep);
+    if (s_command == 0)
         become(options.command);
-    }
     (void)signal(SIGALRM, on_alarm);
     (void)signal(SIGTERM, pass_on);
     (void)signal(SIGINT, pass_on);
@@ -530,7 +563,7 @@ static int cluster(options_t options)
         continue;
     signal_node(SIM_ANY_NODE, SIGKILL);
     s_cluster.state->held = 0;
-    (void)ask(SIM_KEEP, 0, 0, 0); // starts a broker when there is none, since the broker removes the folder
+    start_broker(); // when there is none: it removes the folder
     (void)close(keep);
     wait_for_removal();
     return command_status(status);
@@ -588,14 +621,14 @@ static options_t parse(int argc, char **argv)
 
 static int command(const std::string &verb, const options_t &options)
 {
-    open_cluster(options, false);
+    open_cluster(options);
     if (verb == "cut" || verb == "heal") {
-        (void)ask(verb == "cut" ? SIM_CUT : SIM_HEAL, node_word(options, 0), other_node(options), 0);
+        ask(verb == "cut" ? SIM_CUT : SIM_HEAL, node_word(options, 0), other_node(options), 0);
     } else if (verb == "node-down") {
-        (void)ask(SIM_CUT, node_word(options, 0), SIM_ANY_NODE, 1);
+        ask(SIM_CUT, node_word(options, 0), SIM_ANY_NODE, 1);
         signal_node(node_word(options, 0), SIGKILL);
     } else if (verb == "node-up") {
-        (void)ask(SIM_HEAL, node_word(options, 0), SIM_ANY_NODE, 0);
+        ask(SIM_HEAL, node_word(options, 0), SIM_ANY_NODE, 0);
     } else if (verb == "kill") {
         each_chosen(options, [](pid_t pid) { (void)kill(pid, SIGKILL); });
     } else if (verb == "stall") {
@@ -603,12 +636,12 @@ static int command(const std::string &verb, const options_t &options)
     } else if (verb == "resume") {
         each_chosen(options, [](pid_t pid) { (void)kill(pid, SIGCONT); });
     } else if (verb == "drop-topology") {
-        (void)ask(SIM_DROP, options.words.empty() ? SIM_ANY_NODE : node_word(options, 0), 0, 0);
+        ask(SIM_DROP, options.words.empty() ? SIM_ANY_NODE : node_word(options, 0), 0, 0);
     } else if (verb == "delay") {
         if (options.words.size() != 3)
             die("delay takes A B MS");
-        (void)ask(SIM_DELAY, node_word(options, 0), node_word(options, 1),
-                  (uint32_t)number(options.words[2], "the delay", 0, 3600000));
+        ask(SIM_DELAY, node_word(options, 0), node_word(options, 1),
+            (uint32_t)number(options.words[2], "the delay", 0, 3600000));
     } else if (verb == "fail") {
         return fail_sends(options);
     } else if (verb == "broker-stop") {
@@ -641,6 +674,6 @@ int main(int argc, char **argv)
     if (verb == "cluster")
         return cluster(options);
     if (verb == "broker")
-        return broker_main(options.cluster.c_str());
+        return broker_main(options.cluster.c_str(), !options.words.empty());
     return command(verb, options);
 }
