@@ -126,6 +126,14 @@ def item_of(text, after):
     return Item("variable", re.search(r"(\w+)(\[[^]]*\])?;$", bare).group(1), bare, after, [])
 
 
+def title_and_text(section):
+    """A section's comment as a title and what it says."""
+    first = re.match(r"([^.:,\n]+)([.:,])\s*", section)
+    title = first.group(1) if first and len(first.group(1).split()) < 6 else "Notes"
+    text = section[first.end():] if title != "Notes" and first.group(2) == "." else section
+    return title, text
+
+
 def read(name):
     """One header."""
     text = without_cplusplus((ROOT / "header/zeb" / name).read_text(encoding="utf-8"))
