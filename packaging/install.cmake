@@ -22,8 +22,15 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zebConfigVersion.cm
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zebConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/zebConfigVersion.cmake
     DESTINATION ${ZEB_CMAKE_DIR})
 
-configure_file(packaging/zeb.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc @ONLY)
+# The prefix is that of `cmake --install --prefix`, when it is another one than was configured.
+configure_file(packaging/zeb.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc.in @ONLY)
+install(CODE "
+    file(READ \"${CMAKE_CURRENT_BINARY_DIR}/zeb.pc.in\" text)
+    string(REPLACE \"<prefix>\" \"\${CMAKE_INSTALL_PREFIX}\" text \"\${text}\")
+    file(WRITE \"${CMAKE_CURRENT_BINARY_DIR}/zeb.pc\" \"\${text}\")")
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES packaging/tipcsim.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tipcsim)
 
 # The man pages, made from the headers and texts in a fraction of a second. Without Python they are left out.
 find_program(ZEB_PYTHON python3)
