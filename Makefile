@@ -10,8 +10,9 @@ MINUTES ?= 10
 SEED ?= 1
 ROUNDS ?= 7
 ON ?= sim
+PREFIX ?=
 
-.PHONY: bench chaos docs explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
+.PHONY: bench chaos deb deb-test docs explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
 
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -70,7 +71,7 @@ chaos: build ## run processes under random faults for MINUTES=n (10) with SEED=s
 explore: build ## run the handshake's core on a model of TIPC, at random for SECONDS=n (60) with SEED=s (1), and exhaustively
 	@$(BUILD)/tests/explore/zeb_explore --mode all --seconds $(SECONDS) --seed $(SEED) --depth 9 --faults 1
 
-docs: ## draw docs/*.svg from docs/*.dot, the handshake's and the floors' text made anew, with Graphviz
+docs: ## draw docs/*.svg from docs/*.dot, the handshake's and the floors' text made anew, and make the reference in HTML
 	@scripts/setup docs
 	@cmake --preset release >build/configure-release.log 2>&1 || { cat build/configure-release.log; exit 1; }
 	@cmake --build build/release -j$(JOBS) --target zeb_handshake_dot -- --no-print-directory >build/build-docs.log 2>&1 || { cat build/build-docs.log; exit 1; }
@@ -78,14 +79,22 @@ docs: ## draw docs/*.svg from docs/*.dot, the handshake's and the floors' text m
 	@scripts/floors --dot >docs/floors.dot
 	@set -e; for text in docs/*.dot; do dot -Tsvg $$text >build/drawn.svg; \
 		{ cat build/drawn.svg; echo "<!-- of $$(sha256sum <$$text | cut -c1-64) -->"; } >$${text%.dot}.svg; echo "drawn: $${text%.dot}.svg"; done
+	@packaging/reference/make_html
 
 bench: ## compare with raw TIPC, libzmq and nng (ROUNDS=7), in the lab and on the simulator; tables and plots go to bench/results
 	@scripts/setup bench
 	@$(MAKE) --no-print-directory build PRESET=release
 	@bench/run all $(ROUNDS)
 
-install: build ## install to DESTDIR and the prefix that CMake was configured with
-	@cmake --install $(BUILD)
+deb: ## build Debian packages from the tree, with lintian, into build/deb
+	@scripts/setup deb
+	@packaging/make_deb
+
+deb-test: deb ## install these packages into a fresh root, run a program there, and remove them again (as root)
+	@packaging/test_deb
+
+install: build ## install to PREFIX=/where (/usr/local), below DESTDIR if that is set
+	@cmake --install $(BUILD) $(if $(PREFIX),--prefix "$(PREFIX)")
 
 clean: ## remove all build output
 	@rm -rf build

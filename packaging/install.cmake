@@ -1,4 +1,4 @@
-# Installs the headers, the libraries, the CMake package and the pkg-config file.
+# Installs the headers, the libraries, the CMake package, the pkg-config file and the man pages.
 include(CMakePackageConfigHelpers)
 
 # What a C++ driver adds by itself, and a C driver does not: a project in C alone links the static library too.
@@ -22,5 +22,28 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zebConfigVersion.cm
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zebConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/zebConfigVersion.cmake
     DESTINATION ${ZEB_CMAKE_DIR})
 
-configure_file(packaging/zeb.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc @ONLY)
+# The prefix is that of `cmake --install --prefix`, when it is another one than was configured.
+configure_file(packaging/zeb.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc.in @ONLY)
+install(CODE "
+    file(READ \"${CMAKE_CURRENT_BINARY_DIR}/zeb.pc.in\" text)
+    string(REPLACE \"<prefix>\" \"\${CMAKE_INSTALL_PREFIX}\" text \"\${text}\")
+    file(WRITE \"${CMAKE_CURRENT_BINARY_DIR}/zeb.pc\" \"\${text}\")")
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES packaging/tipcsim.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tipcsim)
+
+# The man pages, made from the headers and texts in a fraction of a second. Without Python they are left out.
+find_program(ZEB_PYTHON python3)
+if(ZEB_TOP_LEVEL AND ZEB_PYTHON)
+    file(GLOB man_texts ${PROJECT_SOURCE_DIR}/packaging/reference/*.md)
+    file(GLOB man_headers ${PROJECT_SOURCE_DIR}/header/zeb/*.h)
+    add_custom_command(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/man.made
+        COMMAND ${ZEB_PYTHON} ${PROJECT_SOURCE_DIR}/packaging/reference/make_man ${CMAKE_CURRENT_BINARY_DIR}/man
+        COMMAND ${CMAKE_COMMAND} -E touch ${CMAKE_CURRENT_BINARY_DIR}/man.made
+        DEPENDS ${man_texts} ${man_headers}
+            packaging/reference/make_man packaging/reference/blocks.py packaging/reference/headers.py
+            packaging/debian/changelog CMakeLists.txt docs/operations.md examples/hello.c sim/tipcsim.cpp
+        VERBATIM)
+    add_custom_target(zeb_man ALL DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/man.made)
+    install(DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
+endif()

@@ -100,7 +100,7 @@ static std::string preload_library()
 {
     std::string dir = self();
     dir.resize(dir.rfind('/'));
-    for (const char *place : {"/libtipcsim.so", "/../lib/tipcsim/libtipcsim.so", "/../lib/libtipcsim.so"}) {
+    for (const char *place : {"/libtipcsim.so", "/" TIPCSIM_LIBRARY_DIR "/libtipcsim.so", "/../lib/libtipcsim.so"}) {
         if (access((dir + place).c_str(), R_OK) == 0)
             return dir + place;
     }

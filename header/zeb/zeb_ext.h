@@ -127,7 +127,7 @@ int zeb_register_app(const zeb_app_options_t *options);
 /* The descriptor of the polled application `app`: readable exactly while its queue is not empty, so it fits poll,
  * select and epoll, level-triggered. With EPOLLET dispatch until zeb_dispatch gives less than `max`. It belongs to the
  * library: do not read, write or close it. It is the same until zeb_stop closes it; take it out of an epoll set before.
- * Returns it; -ENOENT when `app` is not registered here; -EINVAL when it is not polled. Takes no lock. */
+ * Returns the descriptor; -ENOENT when `app` is not registered here; -EINVAL when it is not polled. Takes no lock. */
 int zeb_app_fd(uint32_t app);
 
 /* Takes up to `max` items (messages, events and completed calls of zeb_rpc_async, in the order in which they were
@@ -200,7 +200,7 @@ typedef struct zeb_peer_state_s {
 int zeb_peer_state(uint32_t app, uint32_t peer, uint32_t node, zeb_peer_state_t *state);
 
 /* Stores in `nodes` the nodes on which a server of `peer` is online, ascending, `max` (not negative) at most. `nodes`
- * may be null when `max` is 0. Returns their number, which may be more than `max`. */
+ * may be null when `max` is 0. Returns the number of these nodes, which may be more than `max`. */
 int zeb_online_nodes(uint32_t app, uint32_t peer, uint32_t *nodes, int max);
 
 /* Waits until servers of `peer` are online: on `node` (a node id or ZEB_NODE_LOCAL; `count` must be 1), or, with
@@ -209,8 +209,9 @@ int zeb_online_nodes(uint32_t app, uint32_t peer, uint32_t *nodes, int max);
  * milliseconds  how long to wait at most; 0 waits without limit
  *
  * Any number of threads may wait. Nothing is online before zeb_run. A callback of an application with a thread, or of a
- * polled one, may wait, which delays its next callbacks. Returns 0; -ETIMEDOUT; -EDEADLK, without a wait, on the
- * receive thread, that is in a callback of an application without a thread: nobody can come online while it waits. */
+ * polled one, may wait, which delays its next callbacks. Returns 0; -ETIMEDOUT when they did not come online in time;
+ * -EDEADLK, without a wait, on the receive thread, that is in a callback of an application without a thread: nobody can
+ * come online while it waits. */
 int zeb_wait_online(uint32_t app, uint32_t peer, uint32_t node, uint32_t count, uint32_t milliseconds);
 
 /* Calls without a blocked thread. zeb_rpc_async asks the same instances as zeb_rpc and zeb_rpcto, by the same bytes,
@@ -242,7 +243,7 @@ typedef void (*zeb_call_done_fun_t)(uint32_t call, zeb_reply_msg_t *replies, voi
  * - flags: ZEB_SEND_EXCLUDE_SELF or 0
  * - milliseconds: how long the call may last from now on. Unlike that of zeb_rpc, this limit does not start again with
  *   a reply. 0: no limit
- * - done: not null; see above
+ * - done: the function that is called with the outcomes, not null
  * - context: handed to `done`; the library does not look at it
  * - call: may be null. Gets the number of the call, not 0, before `done` can be called; after an error 0
  *
@@ -261,7 +262,7 @@ int zeb_rpc_async(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg
  * - -EINPROGRESS: it is running and this does not wait, because it is called from that function itself, or on the
  *   receive thread
  * - -EINVAL for a bad id; -ENOENT when `src_app` is not registered; -EPERM in a child; -ESHUTDOWN while the library
- * stops
+ *   stops
  *
  * After 0 and -EALREADY the context is the caller's again. Requests that were written are not taken back. */
 int zeb_rpc_cancel(uint32_t src_app, uint32_t call);
