@@ -448,6 +448,15 @@ bool zeb_is_app_server(uint32_t app)
     return app_info != nullptr && app_info->dispatcher[0].ver != 0;
 }
 
+bool zeb_take_shared_name(zeb_inst_t inst)
+{
+    zeb_app_info_t *app_info = zeb_get_app_info(inst.app);
+    if (app_info == nullptr || app_info->shared_name || inst.node != (uint32_t)zeb_get_my_node_id())
+        return false;
+    app_info->shared_name = true;
+    return true;
+}
+
 static bool is_from(const zeb_msg_t *msg, zeb_inst_t src)
 {
     return zeb_same_inst(zeb_msg_sender(msg), src);

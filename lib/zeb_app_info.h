@@ -40,6 +40,7 @@ typedef struct zeb_app_info_s {
     int ready_fd;                  // of a polled application: an eventfd, readable while items are queued; else -1
     std::atomic<bool> dispatching; // a thread is inside zeb_dispatch
     bool signal_due;               // items are queued without a signal; only the receive thread uses it
+    bool shared_name;              // it was told that another process has the name; only the receive thread uses it
     // Guards msg_list and mc. No other lock of the library is taken and no callback runs under it.
     zeb_mutex_t mutex;
     zeb_app_event_fun_t event_fun;                   // may be null
@@ -103,6 +104,9 @@ static inline bool zeb_has_queue(const zeb_app_info_t *app_info)
 // perhaps with g_lib_mutex held: so the application is not told here that the queue is long.
 typedef void (*zeb_app_task_t)(zeb_app_info_t *app_info);
 void zeb_enqueue_task(zeb_app_info_t *app_info, zeb_app_task_t fun);
+
+// Another process has the name of `inst`. True, the first time, when that is an application of this process.
+bool zeb_take_shared_name(zeb_inst_t inst);
 
 void zeb_dispatch_app_msg(zeb_app_info_t *app_info, zeb_msg_t *msg);
 bool zeb_run_dispatcher(const zeb_app_info_t *app_info, zeb_msg_t *msg); // false: none for its version; msg is kept

@@ -427,6 +427,21 @@ void zeb_hs_minute(zeb_handshake_t *hs)
     });
 }
 
+// A peer that has named us synchronises as soon as it sees us. One that has not acknowledges our SYNC_INST, but without
+// a pseq, since it has none of its own: ours stays pending.
+void zeb_hs_find_one_sided(zeb_handshake_t *hs, void (*tell)(void *ctx, uint32_t my_app, zeb_inst_t peer))
+{
+    indexed_list_each(&hs->inst_sync, [&](zeb_pending_sync_t *pending) {
+        if (++pending->looks < ZEB_ONE_SIDED_LOOKS)
+            return;
+        zeb_inst_id_t *id = zeb_get_inst_id(hs, pending->src_app, pending->dst);
+        if (id == nullptr || id->sync_ack_id == 0 || id->recv_seq != 0 || id->one_sided)
+            return;
+        id->one_sided = true;
+        tell(hs->ctx, pending->src_app, pending->dst);
+    });
+}
+
 // Sends a synchronisation to the process that has the name. It changes nothing if that process is the one online. A
 // pending synchronisation does the same.
 static void ask_holder(zeb_handshake_t *hs, zeb_inst_t inst)

@@ -31,6 +31,7 @@ typedef struct zeb_inst_id_s {
     uint32_t recv_seq;    // sequence number of the peer's last SYNC_INST
     uint32_t holder;      // process id in the peer's last SYNC_INST; 0: none, or withdrawn since
     uint32_t sync_server; // 1 when the peer's last SYNC_INST says that it is a server
+    bool one_sided;       // zeb_hs_find_one_sided has told of it
 } zeb_inst_id_t;
 
 // A SYNC_INST of ours that is not yet acknowledged.
@@ -41,6 +42,7 @@ typedef struct zeb_pending_sync_s {
     zeb_inst_t dst;
     zeb_msg_sync_inst_t body; // as it is sent again: without the resume mark
     int minutes;              // calls of zeb_hs_minute since it was sent
+    int looks;                // calls of zeb_hs_find_one_sided since it was sent
 } zeb_pending_sync_t;
 
 // A peer to which pending synchronisations are sent again.
@@ -86,6 +88,7 @@ typedef struct zeb_returned_ack_s {
 typedef struct zeb_subscr_app_s {
     struct list_head list; // in subscr_app_list
     uint32_t subscr_app;
+    bool late; // the caller's: servers were online when it named the application, and it has not been told of them
 } zeb_subscr_app_t;
 
 // The state of one remote application, shared by all local applications that talk to it. Each set holds the nodes of
@@ -111,7 +114,7 @@ typedef enum zeb_hs_count_e : int {
 
 // What the core asks its caller to do. Each effect is called at once, in the order in which things happen; `ctx` is
 // that of the core's record. Effects marked "later" may be carried out in order after the event, because nothing that
-// follows depends on them. No effect may call the core.
+// follows depends on them. No effect may bring an event to the core; it may ask who talks to whom.
 typedef struct zeb_hs_effects_s {
     uint32_t (*get_seq)(void *ctx);                // a new sequence number, never 0
     uint32_t (*get_id)(void *ctx);                 // this process's id
@@ -169,6 +172,7 @@ constexpr unsigned ZEB_RESEND_ACK_TIMEOUT = 1; // seconds
 constexpr unsigned ZEB_INST_RETRY_TIMEOUT = 2; // seconds
 constexpr int ZEB_UNKNOWN_ROUND_NUM = 3;       // retry time-outs
 constexpr int ZEB_UNANSWERED_MINUTES = 2;      // calls of zeb_hs_minute; the first may come right after the send
+constexpr int ZEB_ONE_SIDED_LOOKS = 2;         // calls of zeb_hs_find_one_sided; likewise
 
 // Limits on what a peer can make grow.
 constexpr int ZEB_PAIR_NUM_MAX = 65536;   // pair records in a process
@@ -240,5 +244,9 @@ void zeb_hs_timer(zeb_handshake_t *hs, zeb_timer_t timer); // of type resume, in
 
 // Another sixty seconds have passed. A SYNC_INST that has been pending for all of them is sent again, once.
 void zeb_hs_minute(zeb_handshake_t *hs);
+
+// Some seconds have passed. Calls tell(ctx of the record, …), once for each pair, when the peer has answered our
+// SYNC_INST but has sent none to the application for all of them: it has not named the application.
+void zeb_hs_find_one_sided(zeb_handshake_t *hs, void (*tell)(void *ctx, uint32_t my_app, zeb_inst_t peer));
 
 #endif

@@ -13,18 +13,24 @@
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
+#include "zeb_handshake_record.h"
 #include "zeb_mng_msg.h"
 #include "zeb_rpc.h"
 #include "zeb_tipc.h"
 
 zeb_handshake_t g_zeb_handshake;
 
+static bool s_subscribed ZEB_GUARDED_BY(g_lib_mutex); // to the applications that were named by then
+static bool s_late ZEB_GUARDED_BY(g_lib_mutex);       // a subscriber is late
+
 // What is carried out once g_lib_mutex is released.
 typedef enum later_kind_e : int {
     LATER_RESEND_SYNC,
     LATER_SEND_ACK,
     LATER_JOIN,
+    LATER_LATE_JOIN, // of an instance that was online when the application named it
     LATER_QUIT,
+    LATER_TELL_ONE_SIDED,
 } later_kind_t;
 
 typedef struct later_s {
@@ -47,6 +53,26 @@ static void do_later(void *ctx, later_kind_t kind, uint32_t my_app, zeb_inst_t p
     list_add_tail(&later->list, (struct list_head *)ctx);
 }
 
+// Whom an event reaches: the application that the core chose, and each other one that has named the peer and has asked
+// for every event.
+
+static bool gets_every_event(uint32_t app)
+{
+    const zeb_app_info_t *app_info = zeb_get_app_info(app);
+    return app_info != nullptr && app_info->options.every_subscriber != 0;
+}
+
+// Calls visit(app) for each of them. Called by effects, so under g_lib_mutex.
+template <typename Visit>
+static void each_reached(uint32_t chosen, zeb_inst_t peer, Visit visit) ZEB_NO_THREAD_SAFETY_ANALYSIS
+{
+    visit(chosen);
+    zeb_each_subscr_app(zeb_hs_get_ol_app(&g_zeb_handshake, peer.app), [&](uint32_t app) {
+        if (app != chosen && gets_every_event(app))
+            visit(app);
+    });
+}
+
 // Effects that are carried out at once.
 
 static uint32_t get_seq(void *)
@@ -56,9 +82,12 @@ static uint32_t get_seq(void *)
 
 // A library that was started again in the same process is another one to its peers, which may not yet have read that
 // the first has gone. A process id has 22 bits, so the first start has the bare one.
+constexpr uint32_t PID_BITS = 22;
+constexpr uint32_t PID_MASK = (1u << PID_BITS) - 1;
+
 static uint32_t get_id(void *)
 {
-    return (uint32_t)getpid() | (g_zeb_mng.starts - 1) << 22;
+    return (uint32_t)getpid() | (g_zeb_mng.starts - 1) << PID_BITS;
 }
 
 static bool is_server(void *, uint32_t my_app)
@@ -121,7 +150,7 @@ static void forget_peer(void *, uint32_t my_app, zeb_inst_t peer, bool was_onlin
 
 static void end_calls(void *, uint32_t my_app, zeb_inst_t peer)
 {
-    (void)zeb_terminate_rpc(my_app, peer);
+    each_reached(my_app, peer, [&](uint32_t app) { (void)zeb_terminate_rpc(app, peer); });
 }
 
 static void unsubscribe(void *, uint32_t app)
@@ -160,12 +189,16 @@ static void send_ack_later(void *ctx, uint32_t src_app, zeb_inst_t dst, const ze
 
 static void notify_join_later(void *ctx, uint32_t my_app, zeb_inst_t peer)
 {
-    do_later(ctx, LATER_JOIN, my_app, peer, nullptr);
+    each_reached(my_app, peer, [&](uint32_t app) { do_later(ctx, LATER_JOIN, app, peer, nullptr); });
 }
 
 static void notify_quit_later(void *ctx, uint32_t my_app, zeb_inst_t peer)
 {
-    do_later(ctx, LATER_QUIT, my_app, peer, nullptr);
+    each_reached(my_app, peer, [&](uint32_t app) {
+        if (app != my_app)
+            ZEB_INFO("ZEB notify app %d of %d/%d quit.\n", app, peer.app, peer.node);
+        do_later(ctx, LATER_QUIT, app, peer, nullptr);
+    });
 }
 
 static const zeb_hs_effects_t s_effects = {
@@ -216,6 +249,15 @@ static void queue_event(const later_t *later, zeb_event_type_t type)
         free(msg);
 }
 
+static void tell_one_sided(uint32_t app, zeb_inst_t peer)
+{
+    ZEB_WARN("ZEB app %d waits for %d/%d, which has not named it: name it with zeb_comm_with there.\n", app, peer.app,
+             peer.node);
+    ZEB_SAY_UNHANDLED("zeb: application %u waits for application %u on node %u, which has not named it: name it with "
+                      "zeb_comm_with there: zeb_comm_with(%u, %u)",
+                      app, peer.app, peer.node, peer.app, app);
+}
+
 static void carry_out(const later_t *later)
 {
     switch (later->kind) {
@@ -229,8 +271,14 @@ static void carry_out(const later_t *later)
         zeb_fc_adjust_statistics(later->my_app, later->peer);
         queue_event(later, ZEB_APP_JOIN);
         return;
+    case LATER_LATE_JOIN:
+        queue_event(later, ZEB_APP_JOIN);
+        return;
     case LATER_QUIT:
         queue_event(later, ZEB_APP_QUIT);
+        return;
+    case LATER_TELL_ONE_SIDED:
+        tell_one_sided(later->my_app, later->peer);
         return;
     }
 }
@@ -249,6 +297,8 @@ void zeb_handshake_start()
         zeb_hs_clear(&g_zeb_handshake);
     zeb_hs_init(&g_zeb_handshake, &s_effects, nullptr);
     __zeb_since_clear();
+    s_subscribed = false;
+    s_late = false;
 }
 
 // An application may send or list before it registers. It then finds nobody.
@@ -265,7 +315,48 @@ int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
     return 0;
 }
 
-static bool s_subscribed ZEB_GUARDED_BY(g_lib_mutex); // to the applications that were named by then
+static zeb_subscr_app_t *find_subscriber(uint32_t src_app, uint32_t dst_app) ZEB_REQUIRES(g_lib_mutex)
+{
+    zeb_ol_app_t *ol = zeb_hs_get_ol_app(&g_zeb_handshake, dst_app);
+    return ol == nullptr ? nullptr : zeb_find_subscr_app(ol, src_app);
+}
+
+// An application that gets every event has named a peer whose servers may be online: it gets their joins. The receive
+// thread alone queues events, so that they keep their order; a timer that expires at once wakes it.
+static void note_late(uint32_t src_app, uint32_t dst_app) ZEB_REQUIRES(g_lib_mutex)
+{
+    zeb_app_set_t servers;
+    zeb_hs_get_app_server(&g_zeb_handshake, dst_app, &servers);
+    if (!gets_every_event(src_app) || !zeb_has_app_server(&servers))
+        return;
+    find_subscriber(src_app, dst_app)->late = true;
+    s_late = true;
+    if (g_zeb_mng.subscr_sd != -1)
+        (void)zeb_start_timer(0, {ZEB_TIMER_TYPE_WAKE, 0});
+}
+
+static void tell_late(zeb_ol_app_t *ol, zeb_subscr_app_t *subscr) ZEB_REQUIRES(g_lib_mutex)
+{
+    zeb_app_set_t servers;
+    zeb_hs_get_app_server(&g_zeb_handshake, ol->app_id, &servers);
+    zeb_app_set_each(&servers, [&](uint32_t node) ZEB_NO_THREAD_SAFETY_ANALYSIS {
+        do_later(g_zeb_handshake.ctx, LATER_LATE_JOIN, subscr->subscr_app, {ol->app_id, node}, nullptr);
+    });
+    subscr->late = false;
+}
+
+void __zeb_tell_late_subscribers()
+{
+    if (!s_late)
+        return;
+    s_late = false;
+    indexed_list_each(&g_zeb_handshake.ol_app, [](zeb_ol_app_t *ol) {
+        list_each<zeb_subscr_app_t>(&ol->subscr_app_list, [&](zeb_subscr_app_t *subscr) ZEB_NO_THREAD_SAFETY_ANALYSIS {
+            if (subscr->late)
+                tell_late(ol, subscr);
+        });
+    });
+}
 
 int zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
 {
@@ -275,7 +366,10 @@ int zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
     }
     zeb_scoped_lock lock(&g_lib_mutex);
     uint32_t before = g_zeb_handshake.ol_app_changes.load(std::memory_order_relaxed);
+    bool named = find_subscriber(src_app, dst_app) != nullptr;
     int ret = __zeb_add_comm_app(src_app, dst_app);
+    if (!named)
+        note_late(src_app, dst_app);
     if (s_subscribed && g_zeb_handshake.ol_app_changes.load(std::memory_order_relaxed) != before)
         ZEB_WARN(
             "ZEB app %d named %d after the start: not subscribed to until the topology connection is next opened.\n",
@@ -388,18 +482,27 @@ void zeb_handshake_minute()
     zeb_handshake_event([](zeb_handshake_t *hs) { zeb_hs_minute(hs); });
 }
 
-// Two processes of this node may have registered one application: TIPC lets both have its name. A synchronisation of
-// the other one that reaches this process gives both away. Said once.
+void zeb_handshake_look()
+{
+    zeb_handshake_event([](zeb_handshake_t *hs) {
+        zeb_hs_find_one_sided(hs, [](void *ctx, uint32_t my_app, zeb_inst_t peer) {
+            do_later(ctx, LATER_TELL_ONE_SIDED, my_app, peer, nullptr);
+        });
+    });
+}
+
+// Two processes of this node may have registered one application: TIPC lets both have its name, and brings what
+// one sends to it now to the one, now to the other. A synchronisation or an acknowledgement of the other process gives
+// both away. Told once for each application.
 static void tell_shared_name(zeb_inst_t peer, uint32_t process_id)
 {
-    static std::atomic<bool> s_told;
-    if (process_id == 0 || process_id == (uint32_t)getpid() || zeb_get_app_mng(peer.app) == nullptr ||
-        peer.node != (uint32_t)zeb_get_my_node_id() || s_told.exchange(true))
+    if (process_id == 0 || (process_id & PID_MASK) == (uint32_t)getpid() || !zeb_take_shared_name(peer))
         return;
+    ZEB_ERROR("ZEB app %d/%d is that of process %d too.\n", peer.app, peer.node, process_id & PID_MASK);
     ZEB_SAY_UNHANDLED(
         "zeb: processes %u and %u of node %u have both registered application %u: end one of them, or give "
         "it another id. Type: ps -p %u,%u",
-        (uint32_t)getpid(), process_id, peer.node, peer.app, (uint32_t)getpid(), process_id);
+        (uint32_t)getpid(), process_id & PID_MASK, peer.node, peer.app, (uint32_t)getpid(), process_id & PID_MASK);
 }
 
 // Handles one element of a synchronisation message. Returns false when the value is too short for its type.
@@ -427,6 +530,7 @@ static bool process_sync_item(const zeb_msg_hdr_t *hdr, const zeb_tlv_item_t *it
             return true;
         if (!zeb_get_sync_inst_ack(item, &body))
             return false;
+        tell_shared_name(peer, body.sync.id);
         zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_recv_seq_ack(hs, my_app, peer, &body); });
         return true;
     default:

@@ -18,6 +18,10 @@ void zeb_handshake_start() ZEB_REQUIRES(g_lib_mutex); // forgets everything
 // Carries out what the core left for later, and empties the list. Must not be called under a lock.
 void zeb_carry_out(struct list_head *later);
 
+// Has each application that gets every event, and has named a peer late, get the joins of the servers that are online.
+// Begins every event, so that nobody misses what it changes.
+void __zeb_tell_late_subscribers() ZEB_REQUIRES(g_lib_mutex);
+
 // Calls event(core) under the lock, then carries out what it left for later.
 template <typename Event>
 static inline void zeb_handshake_event(Event event)
@@ -27,6 +31,7 @@ static inline void zeb_handshake_event(Event event)
     {
         zeb_scoped_lock lock(&g_lib_mutex);
         g_zeb_handshake.ctx = &later;
+        __zeb_tell_late_subscribers();
         event(&g_zeb_handshake);
         __zeb_since_note(&g_zeb_handshake);
     }
@@ -60,6 +65,7 @@ void zeb_inst_published(zeb_inst_t inst);
 void zeb_inst_withdrawn(zeb_inst_t inst);
 void zeb_topology_reopened();
 void zeb_handshake_minute();  // another minute has passed
+void zeb_handshake_look();    // another five seconds have passed
 void zeb_topology_reported(); // a reopened connection has reported every instance that exists
 
 // Takes a received message with ZEB_MSG_FLAG_SYNC, and frees it.

@@ -414,9 +414,11 @@ static void end_reports(bool event)
 }
 
 constexpr unsigned MINUTE = 60;            // seconds
+constexpr unsigned LOOK_PERIOD = 5;        // seconds
 constexpr unsigned PASSES_OF_CLOCK = 1024; // while messages stream, one pass in so many reads the clock; a power of 2
 
 static struct timespec s_minute_end;
+static struct timespec s_look_end;
 
 // What a pass of the loop does besides reading. In a process that makes calls that no thread waits for, from the first
 // one on, `look_at` is 0 and so are the passes between two looks: every pass serves these calls. In all others this
@@ -461,14 +463,25 @@ static void serve_calls(poll_set_t *set)
     s_pass.poll_ms = zeb_rpc_async_until_next(ZEB_POLL_TIMEOUT_MS);
 }
 
+static void set_look_at()
+{
+    if (s_pass.skipped_passes != 0)
+        s_pass.look_at = s_look_end.tv_sec < s_minute_end.tv_sec ? s_look_end : s_minute_end;
+}
+
 static void begin_minute()
 {
     s_minute_end = zeb_deadline_in(MINUTE);
-    if (s_pass.skipped_passes != 0)
-        s_pass.look_at = s_minute_end;
+    set_look_at();
 }
 
-// Counts minutes for the handshake in the loop that runs anyway, so no timer is needed. While messages stream, a
+static void begin_look()
+{
+    s_look_end = zeb_deadline_in(LOOK_PERIOD);
+    set_look_at();
+}
+
+// Counts time for the handshake in the loop that runs anyway, so no timer is needed. While messages stream, a
 // wake-up is due: the passes of the loop follow one another without waiting, and only one in PASSES_OF_CLOCK reads the
 // clock.
 static void look_at_clock(poll_set_t *set, bool wakeup_due)
@@ -479,6 +492,10 @@ static void look_at_clock(poll_set_t *set, bool wakeup_due)
     if (!zeb_deadline_passed(&s_pass.look_at))
         return;
     serve_calls(set);
+    if (zeb_deadline_passed(&s_look_end)) {
+        begin_look();
+        zeb_handshake_look();
+    }
     if (!zeb_deadline_passed(&s_minute_end))
         return;
     begin_minute();
@@ -571,6 +588,7 @@ static void receive()
 
     poll_set_t set;
     build_poll_set(&set);
+    begin_look();
     begin_minute();
     s_stream.more = true;
     while (!zeb_stopping())

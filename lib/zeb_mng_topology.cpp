@@ -2,9 +2,13 @@
 
 #include <cstring>
 #include <ctime>
+#include <sys/socket.h>
 
+#include "zeb_app_info.h"
+#include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_dm.h"
+#include "zeb_error.h"
 #include "zeb_handshake_shell.h"
 #include "zeb_slot.h"
 #include "zeb_tipc.h"
@@ -18,11 +22,40 @@ static void each_instance(const struct tipc_event *event, Visit visit)
         visit(zeb_inst_t{(uint32_t)(i >> 16), (uint32_t)(i & 0xFFFF)});
 }
 
+static void say_shared_name(zeb_inst_t inst, const struct tipc_portid *other, const struct tipc_portid *own)
+{
+    if (other->node == own->node)
+        ZEB_SAY_UNHANDLED("zeb: another process of node %u has registered application %u already: end one of them, or "
+                          "give it another id. Type: tipc socket list",
+                          inst.node, inst.app);
+    else
+        ZEB_SAY_UNHANDLED("zeb: two nodes have the node id %u, and application %u runs on both: give each node an id "
+                          "of its own in %s",
+                          inst.node, inst.app, ZEB_NODE_ADDR_FILE);
+}
+
+// The publication of a name of ours names the socket that had it first. When that is not ours, another process has the
+// name too: on this node, or on one that has the same node id.
+static void look_at_own_name(zeb_inst_t inst, const struct tipc_portid *first)
+{
+    const zeb_app_mng_t *slot = zeb_get_app_mng(inst.app);
+    struct sockaddr_tipc own;
+    socklen_t len = sizeof(own);
+    if (slot == nullptr || inst.node != (uint32_t)zeb_get_my_node_id() ||
+        getsockname(slot->sd, (struct sockaddr *)&own, &len) != 0 ||
+        (first->ref == own.addr.id.ref && first->node == own.addr.id.node) || !zeb_take_shared_name(inst))
+        return;
+    ZEB_ERROR("ZEB app %d/%d is published by another socket, <0x%x:%u>.\n", inst.app, inst.node, first->node,
+              first->ref);
+    say_shared_name(inst, first, &own.addr.id);
+}
+
 static void instances_published(const struct tipc_event *event)
 {
     ZEB_VERBOSE("ZEB perceived app [0x%x, 0x%x] join.\n", event->found_lower, event->found_upper);
-    each_instance(event, [](zeb_inst_t inst) {
+    each_instance(event, [&](zeb_inst_t inst) {
         ZEB_WARN("ZEB perceived app %d/%d join.\n", inst.app, inst.node);
+        look_at_own_name(inst, &event->port);
         zeb_inst_published(inst);
     });
 }

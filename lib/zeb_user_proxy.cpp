@@ -101,7 +101,7 @@ static bool take_options(const zeb_app_options_t *given, zeb_app_options_t *out)
     size_t known = given->size < sizeof(*out) ? given->size : sizeof(*out);
     memset(out, 0, sizeof(*out));
     memcpy(out, given, known);
-    if (all_zero((const uint8_t *)given + known, given->size - known) && out->reserved == 0 &&
+    if (all_zero((const uint8_t *)given + known, given->size - known) && out->every_subscriber <= 1 &&
         out->mode <= ZEB_APP_POLLED)
         return true;
     ZEB_ERROR_WHY("ZEB app %d registered with unknown options.\n", out->app);

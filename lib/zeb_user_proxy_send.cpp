@@ -117,6 +117,10 @@ static bool member_has_server(zeb_dst_t *dst, uint32_t member)
 void zeb_note_no_server(const zeb_dst_t *dst)
 {
     zeb_inst_t to = dst->named;
+    if (dst->slot == nullptr) {
+        zeb_note_not_registered(dst->src_app);
+        return;
+    }
     const char *why = dst->all_nodes ? "ZEB app %d to %d(0x%x): no server is online on any node.\n"
                                      : "ZEB app %d to %d(0x%x) on node 0x%x: no server is online there.\n";
     if (zeb_valid_app_mc_id(to.app) || (!dst->all_nodes && zeb_valid_node_mc_id(to.node)))

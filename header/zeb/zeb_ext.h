@@ -15,8 +15,9 @@ extern "C" {
 
 /* Errors and log lines. These calls work before the first registration, after it, and in a forked child.
  *
- * Without any of them, a registration or a start that fails and a name that cannot be taken put one line on standard
- * error that says why and what to type, unless there is a log handler; the same line is not repeated.
+ * Without any of them, a registration or a start that fails, a name that cannot be taken or that another process has,
+ * and a pair that the peer has not named put one line on standard error that says why and what to type, unless there is
+ * a log handler; the same line is not repeated.
  * ZEB_DEBUG=error,warn in the environment of the process sets the first debug mask by the names of the levels: error,
  * warn, info, verbose, none. */
 
@@ -107,17 +108,22 @@ typedef struct zeb_app_options_s {
      * empty meanwhile. Nothing is dropped or held back. 0: never. Without effect with ZEB_APP_NO_THREAD, which has no
      * queue. */
     uint32_t queue_notice;
-    uint32_t reserved; /* 0 */
+    /* What happens when several applications of a process name one peer. 0: one of them gets the join, one of them, and
+     * perhaps another one, gets the quit, and of one the calls to the peer that quits are ended. 1: this application
+     * gets each join and each quit of every peer that it has named, once, in the order of its queue, whatever the
+     * others get; and a quit ends its calls. When it names a peer of which servers are online already, it gets their
+     * joins then. So its joins and quits of an instance alternate. Other numbers are refused. */
+    uint32_t every_subscriber;
     zeb_app_queue_notice_t queue_passed;
 } zeb_app_options_t;
 
 /* Registers an application in this process, as zeb_register does, with the options that `options` names. They are
- * copied. Waits only for the library's lock. Events go to applications as with zeb_register: where several of a process
- * name one peer, one of them is notified.
+ * copied. Waits only for the library's lock. Without every_subscriber events go to applications as with zeb_register:
+ * where several of a process name one peer, one of them is notified.
  *
- * Returns 0; -EINVAL for null, a size that does not reach past `dispatchers` or is above 4096, unknown bytes or a
- * reserved member that are not 0, an unknown mode, a bad id, or a null name or table, each with an ERROR line; for the
- * rest what zeb_register returns. */
+ * Returns 0; -EINVAL for null, a size that does not reach past `dispatchers` or is above 4096, unknown bytes that
+ * are not 0, an unknown mode, an every_subscriber above 1, a bad id, or a null name or table, each with an ERROR line;
+ * for the rest what zeb_register returns. */
 int zeb_register_app(const zeb_app_options_t *options);
 
 /* Polled applications, for a program with a loop of its own. Nothing runs by itself: what arrives waits in the queue,

@@ -176,6 +176,42 @@ TEST_F(join_quit, of_two_local_subscribers_one_sees_the_join_and_the_first_the_q
     EXPECT_FALSE(local.saw("quit 161 162/2"));
 }
 
+TEST_F(join_quit, subscribers_that_ask_for_it_each_see_the_join_and_the_quit_and_their_calls_end)
+{
+    process local(1, "zeb_agent");
+    ASSERT_EQ(local.ask("register 163 thread 1"), "0");
+    ASSERT_EQ(local.ask("register 164 every 1"), "0");
+    ASSERT_EQ(local.ask("register 165 every 1"), "0");
+    for (const char *app : {"163", "164", "165"})
+        ASSERT_EQ(local.ask(std::string("comm ") + app + " 166"), "0");
+    ASSERT_EQ(local.ask("run"), "0");
+    for (int round = 0; round < 2; round++) {
+        process remote(2, "zeb_agent");
+        ASSERT_EQ(remote.ask("register 166 thread 1"), "0");
+        for (const char *app : {"163", "164", "165"})
+            ASSERT_EQ(remote.ask(std::string("comm 166 ") + app), "0");
+        ASSERT_EQ(remote.ask("answer silent"), "0");
+        ASSERT_EQ(remote.ask("run"), "0");
+        for (const char *app : {"163", "164", "165"})
+            remote.wait(std::string("join 166 ") + app + "/1");
+        local.wait("join 164 166/2");
+        local.wait("join 165 166/2");
+        for (const char *app : {"164", "165"}) {
+            local.tell(std::string("behind rpc ") + app + " 166 all 3600 1");
+            remote.wait(std::string("msg 166 ") + app + "/1");
+        }
+        remote.kill();
+        local.wait("quit 164 166/2");
+        local.wait("quit 165 166/2");
+        for (int call = 0; call < 2; call++)
+            local.wait("done behind rpc 0 2:4"); // ZEB_SYSTEM_ERR
+        for (const char *app : {"164 166/2", "165 166/2"}) {
+            EXPECT_FALSE(local.saw(std::string("join ") + app)) << "once";
+            EXPECT_FALSE(local.saw(std::string("quit ") + app)) << "once";
+        }
+    }
+}
+
 TEST_F(join_quit, a_missing_node_file_fails_the_registration_until_it_is_there)
 {
     cluster::remove_file(1, "/tmp/addr/.zeb_node_addr");

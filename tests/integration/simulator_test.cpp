@@ -169,3 +169,41 @@ TEST_F(simulator, a_process_stopped_while_it_receives_holds_nobody_up)
     }
     EXPECT_EQ(flooding.wait("done flood", 120).substr(0, 20), "done flood 0 failed,");
 }
+
+TEST_F(simulator, two_processes_that_share_an_application_of_a_node_are_an_error_of_both)
+{
+    process one(1, "zeb_agent");
+    start(one, "680", "681");
+    one.wait("join 680 680/1");
+    process two(1, "zeb_agent");
+    start(two, "680", "681");
+    two.wait("3: ZEB app 680/1 is published by another socket, ");
+    one.wait("3: ZEB app 680/1 is that of process ");
+}
+
+TEST_F(simulator, two_nodes_that_share_a_node_id_are_an_error_of_the_second)
+{
+    process one(1, "zeb_agent");
+    start(one, "682", "683");
+    one.wait("join 682 682/1");
+    EXPECT_FALSE(one.saw("is published by another socket"));
+    process two(2, "zeb_agent", 1);
+    start(two, "682", "683");
+    two.wait("3: ZEB app 682/1 is published by another socket, ");
+}
+
+TEST_F(simulator, a_pair_that_one_side_alone_has_named_is_told_where_it_waits)
+{
+    cluster::write_file(1, "/etc/zeb.conf", "[MISC_CONF]\nzeb_dbg_cfg=0xC\n");
+    cluster::write_file(2, "/etc/zeb.conf", "[MISC_CONF]\nzeb_dbg_cfg=0xC\n");
+    process one(1, "zeb_agent");
+    start(one, "684", "685");
+    process two(2, "zeb_agent");
+    start(two, "685", "686");
+    one.wait("2: ZEB app 684 waits for 685/2, which has not named it: name it with zeb_comm_with there.");
+    EXPECT_FALSE(two.saw("name it with zeb_comm_with"));
+    ASSERT_EQ(two.ask("comm 685 684"), "0"); // too late: the next connection brings it
+    order("drop-topology 2");
+    one.wait("join 684 685/2");
+    two.wait("join 685 684/1");
+}

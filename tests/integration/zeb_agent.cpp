@@ -150,7 +150,28 @@ static void *on_msg(zeb_msg_t *msg)
     return nullptr;
 }
 
-// register APP thread|nothread [VERSION...]
+static void on_msg_with_context(void *, zeb_msg_t *msg)
+{
+    (void)on_msg(msg);
+}
+
+// With a thread, and each join and quit of its peers.
+static int register_every(uint32_t app, const std::vector<zeb_msg_dispatcher_t> &table)
+{
+    std::vector<zeb_app_dispatcher_t> rows;
+    for (const zeb_msg_dispatcher_t &row : table)
+        rows.push_back({row.ver, row.ver == 0 ? nullptr : on_msg_with_context, nullptr});
+    zeb_app_options_t options = {};
+    options.size = sizeof(options);
+    options.app = app;
+    options.name = "agent";
+    options.dispatchers = rows.data();
+    options.event = [](void *, const zeb_event_t *event) { (void)on_event(*event); };
+    options.every_subscriber = 1;
+    return zeb_register_app(&options);
+}
+
+// register APP thread|nothread|every [VERSION...]
 static std::string do_register(std::istringstream &in)
 {
     uint32_t app = 0;
@@ -160,6 +181,8 @@ static std::string do_register(std::istringstream &in)
     for (uint32_t version; in >> version;)
         table.push_back({version, on_msg});
     table.push_back({0, nullptr});
+    if (thread == "every")
+        return str(register_every(app, table));
     return str(thread == "thread" ? zeb_register(app, "agent", table.data(), on_event)
                                   : zeb_register_without_thread(app, "agent", table.data(), on_event));
 }

@@ -419,6 +419,19 @@ int getsockopt(int sd, int level, int name, void *value, socklen_t *len)
     return 0;
 }
 
+// Every socket has the id of the events that range_event() makes.
+int getsockname(int sd, struct sockaddr *addr, socklen_t *len) noexcept
+{
+    if (!is_fake(sd))
+        return next<int (*)(int, struct sockaddr *, socklen_t *)>("getsockname")(sd, addr, len);
+    struct sockaddr_tipc own = {};
+    own.family = AF_TIPC;
+    own.addrtype = TIPC_SOCKET_ADDR;
+    memcpy(addr, &own, *len < sizeof(own) ? *len : sizeof(own));
+    *len = sizeof(own);
+    return 0;
+}
+
 int shutdown(int sd, int how)
 {
     if (!is_fake(sd))

@@ -3,6 +3,8 @@
 
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_handshake_shell.h"
+#include "zeb_mng_topology.h"
 
 #include <algorithm>
 #include <set>
@@ -236,9 +238,9 @@ TEST_F(zeb_error, a_refused_call_without_a_blocked_thread_says_why)
     EXPECT_STREQ(zeb_last_error(), "ZEB app 100 seq 1: no such RPC call is in progress.");
     EXPECT_EQ(zeb_rpc_cancel(101, 1), -ENOENT);
     EXPECT_STREQ(zeb_last_error(), "ZEB app 101 is not registered in this process.");
-    msg_->hdr.len++;
+    msg_->hdr.len = ZEB_MSG_HDR_LEN - 1;
     EXPECT_EQ(call(APP, done), -EINVAL);
-    msg_->hdr.len--;
+    EXPECT_STREQ(zeb_last_error(), "ZEB app 100 msg len 35 invalid, not 36 to 61476.");
 }
 
 TEST_F(zeb_error, a_refused_registration_with_options_says_why)
@@ -426,6 +428,65 @@ TEST_F(zeb_error_said, two_processes_of_a_node_that_share_an_application_are_nam
                   " and 4711 of node 7 have both registered application 100: end one of them, or "
                   "give it another id. Type: ps -p " +
                   pid + ",4711\n");
+}
+
+TEST_F(zeb_error_said, a_second_process_that_shares_an_application_is_an_error)
+{
+    start_app();
+    start_app(101);
+    peer_published(NODE, APP);
+    peer_t other = other_process(4711);
+    other.node = NODE;
+    other.app = APP;
+    EXPECT_THAT(logged(E, [&] { peer_syncs(1, other); }),
+                testing::Contains("3 ZEB app 100/7 is that of process 4711 too."));
+    EXPECT_THAT(logged(E, [&] { peer_syncs(2, other); }), testing::Not(testing::Contains(HasSubstr("4711"))));
+    peer_published(NODE, 101);
+    other.app = other.my_app = 101;
+    EXPECT_THAT(logged(E, [&] { peer_acks(1, 0, other); }),
+                testing::Contains("3 ZEB app 101/7 is that of process 4711 too."))
+        << "by an acknowledgement too";
+}
+
+// The topology service names the socket that has had a name of ours first.
+static lines_t published_by(uint32_t app, uint32_t ref, uint32_t node)
+{
+    struct tipc_event event = fake_tipc::range_event(TIPC_PUBLISHED, app << 16 | NODE, app << 16 | NODE);
+    event.port.ref = ref;
+    event.port.node = node;
+    return logged(E, [&] { zeb_process_tipc_subscr_event(event); });
+}
+
+TEST_F(zeb_error_said, a_name_that_another_socket_has_had_first_is_an_error_of_each_application_once)
+{
+    start_app();
+    start_app(101);
+    std::string text = said([] {
+        EXPECT_EQ(published_by(APP, 0, 0), lines_t()) << "our own";
+        EXPECT_EQ(published_by(APP, 5, 0), lines_t({"3 ZEB app 100/7 is published by another socket, <0x0:5>."}));
+        EXPECT_EQ(published_by(APP, 6, 0), lines_t());
+        EXPECT_EQ(published_by(PEER, 6, 0), lines_t()) << "none of ours";
+        EXPECT_EQ(published_by(101, 5, 0x1001),
+                  lines_t({"3 ZEB app 101/7 is published by another socket, <0x1001:5>."}));
+    });
+    EXPECT_EQ(text,
+              "zeb: another process of node 7 has registered application 100 already: end one of them, or give it "
+              "another id. Type: tipc socket list\n"
+              "zeb: two nodes have the node id 7, and application 101 runs on both: give each node an id of its "
+              "own in /tmp/addr/.zeb_node_addr\n");
+}
+
+TEST_F(zeb_error_said, a_pair_that_the_peer_has_not_named_is_said_once)
+{
+    start_app();
+    EXPECT_EQ(said([this] {
+                  peer_published();
+                  peer_acks(take_sync_seq(), 0);
+                  for (int i = 0; i < 5; i++)
+                      zeb_handshake_look();
+              }),
+              "zeb: application 100 waits for application 200 on node 9, which has not named it: name it with "
+              "zeb_comm_with there: zeb_comm_with(200, 100)\n");
 }
 
 TEST_F(zeb_error_said, nothing_is_said_of_peers_and_of_this_process_itself)

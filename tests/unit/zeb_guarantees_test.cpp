@@ -232,6 +232,32 @@ TEST_F(zeb_guarantees, a_peer_named_after_the_start_is_a_warning)
         << "those that are named already are no news";
 }
 
+TEST_F(zeb_guarantees, a_peer_named_between_the_start_and_the_subscription_is_subscribed_to)
+{
+    start_app();
+    // The receive thread pauses before it subscribes: with the library's lock held it goes no further.
+    zeb_scoped_lock lock(&g_lib_mutex);
+    zeb_run();
+    EXPECT_EQ(logged(W | E, [] { EXPECT_EQ(zeb_comm_with(APP, 400), 0); }), lines_t()) << "no warning: it is in time";
+    (void)fake_tipc::take_subscriptions();
+    lock.unlock();
+    size_t subscribed = 0;
+    wait_until([&] {
+        for (const auto &bytes : fake_tipc::take_subscriptions())
+            subscribed += subscription_words(bytes)[1] == 400u << 16 ? 1 : 0;
+        return subscribed != 0;
+    });
+    EXPECT_EQ(subscribed, 1u);
+}
+
+TEST_F(zeb_guarantees, after_a_stop_a_peer_may_be_named_again_before_the_next_start)
+{
+    start_app();
+    zeb_subscr_tipc_events();
+    EXPECT_EQ(zeb_stop(), 0);
+    EXPECT_EQ(logged(W, [this] { start_app(); }), lines_t());
+}
+
 TEST_F(zeb_guarantees, a_header_in_the_other_byte_order_is_discarded)
 {
     start_app();

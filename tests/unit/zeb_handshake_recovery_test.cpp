@@ -338,6 +338,50 @@ TEST_F(zeb_handshake_recovery, what_is_pending_for_a_whole_minute_is_sent_again_
     EXPECT_TRUE(take_timers().empty());
 }
 
+// A pair of which the peer has not named its side.
+
+static const lines_t ONE_SIDED = {
+    "2 ZEB app 100 waits for 200/9, which has not named it: name it with zeb_comm_with there."};
+
+static lines_t told_after(int looks)
+{
+    return logged(W, [looks] {
+        for (int i = 0; i < looks; i++)
+            zeb_handshake_look();
+    });
+}
+
+TEST_F(zeb_handshake_recovery, a_peer_that_answers_and_has_not_named_us_is_told_of_once)
+{
+    peer_published();
+    peer_acks(take_sync_seq(), 0);
+    EXPECT_EQ(told_after(1), lines_t()) << "it may have been sent a moment ago";
+    EXPECT_EQ(told_after(1), ONE_SIDED);
+    EXPECT_EQ(told_after(5), lines_t());
+    EXPECT_TRUE(take_timers().empty());
+    peer_published(); // again
+    peer_acks(take_sync_seq(), 0);
+    EXPECT_EQ(told_after(5), lines_t()) << "once for the pair";
+    start_app(101); // another pair
+    peer_published();
+    peer_t peer;
+    peer.my_app = 101;
+    peer_acks(take_sync_seq(101), 0, peer);
+    lines_t other = {"2 ZEB app 101 waits for 200/9, which has not named it: name it with zeb_comm_with there."};
+    EXPECT_EQ(told_after(5), other);
+}
+
+TEST_F(zeb_handshake_recovery, a_peer_that_is_late_or_has_named_us_is_not_told_of)
+{
+    peer_published();
+    EXPECT_EQ(told_after(5), lines_t()) << "it has not answered";
+    peer_syncs();
+    EXPECT_EQ(told_after(5), lines_t()) << "it has named us";
+    peer_withdrawn();
+    peer_online();
+    EXPECT_EQ(told_after(5), lines_t());
+}
+
 TEST_F(zeb_handshake_recovery, a_minute_passes_an_instance_that_is_online_or_not_known_by)
 {
     peer_online();

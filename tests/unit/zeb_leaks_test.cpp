@@ -4,8 +4,10 @@
 #include "lib_test.h"
 
 #include "zeb_dm.h"
+#include "zeb_rpc_async.h"
 
 #include <zeb/zeb_diag.h>
+#include <zeb/zeb_ext.h>
 
 static const zeb_msg_dispatcher_t s_table[] = {{1, see_msg}, {2, see_msg}, {0, nullptr}};
 
@@ -487,5 +489,130 @@ TEST_F(zeb_leaks, groups)
         EXPECT_EQ(zeb_create_app_mcast(APP), -ENOBUFS);
         EXPECT_EQ(zeb_comm_with(APP, PEER), 0); // known already
         EXPECT_EQ(zeb_register_without_thread(APP, "test", s_table, see_event), -EEXIST);
+    });
+}
+
+// The calls of zeb_ext.h.
+
+class zeb_leaks_ext : public zeb_leaks
+{
+  protected:
+    void TearDown() override
+    {
+        EXPECT_EQ(zeb_stop(), 0);
+        zeb_leaks::TearDown();
+    }
+
+    static constexpr uint32_t POLLED = APP + 1;
+
+    static void start_polled()
+    {
+        static const zeb_app_dispatcher_t table[] = {{1, [](void *, zeb_msg_t *msg) { free(msg); }, nullptr},
+                                                     {0, nullptr, nullptr}};
+        zeb_app_options_t options = {};
+        options.size = sizeof(options);
+        options.app = POLLED;
+        options.mode = ZEB_APP_POLLED;
+        options.name = "polled";
+        options.dispatchers = table;
+        options.event = [](void *, const zeb_event_t *) {};
+        options.every_subscriber = 1;
+        ASSERT_EQ(zeb_register_app(&options), 0);
+        ASSERT_EQ(zeb_comm_with(POLLED, PEER), 0);
+    }
+
+    // Begins a call; its number.
+    uint32_t begin(int result = 0, uint32_t milliseconds = 3600000, uint32_t app = APP)
+    {
+        uint32_t number = 0;
+        zeb_call_done_fun_t done = [](uint32_t, zeb_reply_msg_t *, void *) { s_done++; };
+        EXPECT_EQ(zeb_rpc_async(app, ZEB_NODE_ALL, PEER, msg_, 0, milliseconds, done, nullptr, &number), result);
+        return number;
+    }
+
+    void answer(uint32_t number, uint32_t app = APP)
+    {
+        wire::header_t header = from_peer(wire::REQUEST | wire::ACK, PEER_NODE, PEER, app);
+        header.seq = number;
+        receive(wire::message(header, {1, 2, 3}), app);
+    }
+
+    static int s_done;
+};
+
+int zeb_leaks_ext::s_done;
+
+TEST_F(zeb_leaks_ext, calls_that_no_thread_waits_for)
+{
+    (void)begin(-ENOENT); // the first call makes the descriptor
+    expect_nothing_left([&] {
+        (void)begin(-ENOENT);
+        EXPECT_EQ(zeb_rpc_cancel(APP, 1), -EALREADY);
+        EXPECT_EQ(zeb_rpc_async(APP, ZEB_NODE_ALL, PEER, nullptr, 0, 0, nullptr, nullptr, nullptr), -EINVAL);
+    });
+    peer_online();
+    expect_nothing_left([&] { EXPECT_EQ(zeb_rpc_cancel(APP, begin()), 0); });
+    expect_nothing_left([&] {
+        s_done = 0;
+        answer(begin());
+        EXPECT_EQ(s_done, 1);
+    });
+    expect_nothing_left([&] {
+        no_send();
+        (void)begin();
+        s_done = 0;
+        zeb_rpc_async_run_ready();
+        EXPECT_EQ(s_done, 1);
+    });
+    expect_nothing_left([&] {
+        (void)begin();
+        peer_withdrawn();
+        s_done = 0;
+        zeb_rpc_async_run_ready();
+        EXPECT_EQ(s_done, 1);
+        peer_online();
+    });
+    for (uint32_t node = 1000; node < 1064; node++)
+        peer_online(node);
+    expect_nothing_left([&] { (void)begin(-ENOBUFS); });
+}
+
+TEST_F(zeb_leaks_ext, questions_about_peers)
+{
+    expect_nothing_left([] {
+        zeb_peer_state_t state;
+        EXPECT_EQ(zeb_peer_state(APP, PEER, PEER_NODE, &state), 0);
+        EXPECT_EQ(zeb_online_nodes(APP, PEER, nullptr, 0), 0);
+        EXPECT_EQ(zeb_wait_online(APP, PEER, ZEB_NODE_ALL, 1, 1), -ETIMEDOUT);
+    });
+}
+
+TEST_F(zeb_leaks_ext, polled_applications)
+{
+    start_polled();
+    (void)begin(-ENOENT, 0, POLLED);
+    expect_nothing_left([&] {
+        peer_online(PEER_NODE, true, PEER, POLLED);
+        receive(wire::message(from_peer(0, PEER_NODE, PEER, POLLED), {1}), POLLED);
+        answer(begin(0, 0, POLLED), POLLED);
+        EXPECT_EQ(zeb_dispatch(POLLED, 100), 3);
+        receive(wire::message(from_peer(0, PEER_NODE, PEER, POLLED), {1}), POLLED);
+        peer_withdrawn(); // drops it
+        EXPECT_EQ(zeb_dispatch(POLLED, 100), 1);
+    });
+}
+
+TEST_F(zeb_leaks_ext, a_stop_with_all_in_progress)
+{
+    EXPECT_EQ(zeb_stop(), 0);
+    expect_nothing_left([&] {
+        start_app();
+        start_polled();
+        peer_online();
+        (void)begin();
+        answer(begin(0, 0, POLLED), POLLED); // done, and its function is not called
+        (void)zeb_create_app_mcast(APP);
+        receive(wire::message(from_peer(0, PEER_NODE, PEER, POLLED), {1}), POLLED);
+        EXPECT_EQ(zeb_stop(), 0);
     });
 }

@@ -6,8 +6,10 @@
 
 #include "internals.h"
 #include "lib_test.h"
+#include "zeb_rpc_async.h"
 
 #include <zeb/zeb_diag.h>
+#include <zeb/zeb_ext.h>
 
 typedef std::function<void()> call_t;
 
@@ -248,4 +250,170 @@ TEST_F(zeb_locks, the_listing_of_calls_and_a_quit)
         fault::arm(true);
         peer_online();
     }
+}
+
+// The calls of zeb_ext.h.
+
+static void drop_msg(void *, zeb_msg_t *msg)
+{
+    free(msg);
+}
+
+static zeb_app_options_t options_of(uint32_t app, zeb_app_mode_t mode)
+{
+    static const zeb_app_dispatcher_t table[] = {{1, drop_msg, nullptr}, {0, nullptr, nullptr}};
+    zeb_app_options_t options = {};
+    options.size = sizeof(options);
+    options.app = app;
+    options.mode = mode;
+    options.name = "options";
+    options.dispatchers = table;
+    options.event = [](void *, const zeb_event_t *) {};
+    options.every_subscriber = 1;
+    return options;
+}
+
+class zeb_locks_ext : public zeb_locks
+{
+  protected:
+    void TearDown() override
+    {
+        EXPECT_EQ(zeb_stop(), 0);
+        zeb_locks::TearDown();
+    }
+
+    static constexpr uint32_t POLLED = APP + 2;
+
+    static void register_polled()
+    {
+        zeb_app_options_t options = options_of(POLLED, ZEB_APP_POLLED);
+        ASSERT_EQ(zeb_register_app(&options), 0);
+    }
+
+    // Begins a call of APP, which leaves its number for the other thread.
+    void begin(uint32_t milliseconds)
+    {
+        uint32_t number = 0;
+        zeb_call_done_fun_t done = [](uint32_t, zeb_reply_msg_t *, void *) {};
+        EXPECT_EQ(zeb_rpc_async(APP, ZEB_NODE_ALL, PEER, msg_, 0, milliseconds, done, nullptr, &number), 0);
+        call_.store(number, std::memory_order_relaxed);
+    }
+
+    void answer()
+    {
+        wire::header_t header = from_peer(wire::REQUEST | wire::ACK);
+        header.seq = call_.load(std::memory_order_relaxed);
+        receive(wire::message(header, {}));
+    }
+
+    std::atomic<uint32_t> call_{0};
+};
+
+TEST_F(zeb_locks_ext, the_state_of_peers_and_instances_that_come_and_go)
+{
+    call_t ask = [] {
+        zeb_peer_state_t state;
+        uint32_t nodes[4];
+        EXPECT_EQ(zeb_peer_state(APP, PEER, PEER_NODE, &state), 0);
+        EXPECT_GE(zeb_online_nodes(APP, PEER, nodes, 4), 0);
+    };
+    in_both_orders(ask, [&] { peer_syncs(PEER_SEQ, next()); });
+    in_both_orders(ask, [&] { peer_published(next()); });
+    in_both_orders(ask, [&] { EXPECT_EQ(zeb_sendto(APP, PEER_NODE, PEER, msg_, ZEB_SEND_NOWAIT), 0); });
+    in_both_orders(ask, [&] { peer_withdrawn(); });
+}
+
+TEST_F(zeb_locks_ext, a_wait_for_servers_and_servers_that_join)
+{
+    call_t join = [&] {
+        uint32_t node = next();
+        peer_syncs(PEER_SEQ, node, OFFLINE);
+        receive(wire::message(from_peer(0, node, OFFLINE), {1})); // a message says that it is online
+    };
+    in_turn([] { EXPECT_EQ(zeb_wait_online(APP, OFFLINE, ZEB_NODE_ALL, 1, 1), -ETIMEDOUT); }, join);
+    in_turn(join, [] { EXPECT_EQ(zeb_wait_online(APP, OFFLINE, ZEB_NODE_ALL, 2, 1), 0); });
+}
+
+TEST_F(zeb_locks_ext, calls_that_no_thread_waits_for_and_what_ends_them)
+{
+    call_t list = list_of(zeb_cli_print_rpc_stat);
+    for (uint32_t milliseconds : {0u, 3600000u}) {
+        in_both_orders(list, [&] { begin(milliseconds); });
+        in_both_orders(list, [&] { answer(); });
+        in_turn([&] { begin(milliseconds); }, [&] { answer(); });
+        in_turn([&] { begin(milliseconds); }, [&] { EXPECT_EQ(zeb_rpc_cancel(APP, call_), 0); });
+        in_turn([&] { begin(milliseconds); }, [] { (void)zeb_rpc_async_until_next(1); });
+        in_turn([] { (void)zeb_rpc_async_until_next(1); }, [&] { begin(milliseconds); });
+    }
+    in_turn([&] { begin(1); }, [] { zeb_rpc_async_time_out(); });
+    in_turn([&] { begin(0); }, [&] { peer_withdrawn(); });
+}
+
+TEST_F(zeb_locks_ext, a_polled_application_and_what_comes_for_it)
+{
+    register_polled();
+    call_t dispatch = [] {
+        EXPECT_GE(zeb_dispatch(POLLED, 100), 0);
+        EXPECT_GE(zeb_app_fd(POLLED), 0);
+    };
+    call_t message = [&] { receive(wire::message(from_peer(0, 5, 1, POLLED), {1}), POLLED); };
+    in_both_orders(dispatch, message);
+    in_both_orders(list_of(zeb_cli_print_app_info, POLLED), message);
+    in_both_orders(list_of(zeb_cli_print_app_info, POLLED), dispatch);
+    in_both_orders(dispatch, dispatch); // which thread dispatches may change
+    in_both_orders(dispatch, [] { EXPECT_EQ(zeb_comm_with(POLLED, PEER), 0); });
+    in_both_orders(dispatch, [&] {
+        peer_withdrawn();
+        peer_online();
+    });
+}
+
+TEST_F(zeb_locks_ext, a_late_subscriber_and_servers_that_come_and_go)
+{
+    register_polled();
+    in_turn([] { EXPECT_EQ(zeb_comm_with(POLLED, PEER), 0); }, [&] { peer_withdrawn(); });
+    EXPECT_EQ(zeb_dispatch(POLLED, 100), 2) << "a join and a quit";
+    peer_syncs(PEER_SEQ, 5, OFFLINE);
+    in_turn([&] { receive(wire::message(from_peer(0, 5, OFFLINE), {1})); },
+            [] { EXPECT_EQ(zeb_comm_with(POLLED, OFFLINE), 0); });
+}
+
+TEST_F(zeb_locks_ext, a_registration_and_who_looks_for_the_application)
+{
+    in_turn([] { EXPECT_EQ(zeb_app_fd(POLLED), -ENOENT); }, [] { register_polled(); });
+    in_turn(
+        [] {
+            zeb_app_options_t options = options_of(POLLED + 1, ZEB_APP_NO_THREAD);
+            EXPECT_EQ(zeb_register_app(&options), 0);
+        },
+        list_of(zeb_cli_print_lib_info));
+    in_turn(list_of(zeb_cli_print_lib_info), [] {
+        zeb_app_options_t options = options_of(POLLED + 2, ZEB_APP_NO_THREAD);
+        EXPECT_EQ(zeb_register_app(&options), 0);
+    });
+}
+
+// What a call has read and written must be visible to the stop that frees it, and the other way round.
+TEST_F(zeb_locks_ext, a_stop_and_the_calls_before_and_after_it)
+{
+    const call_t calls[] = {
+        [&] { (void)zeb_sendto(APP, PEER_NODE, PEER, msg_, ZEB_SEND_NOWAIT); },
+        [&] {
+            (void)zeb_rpc_async(
+                APP, ZEB_NODE_ALL, PEER, msg_, 0, 0, [](uint32_t, zeb_reply_msg_t *, void *) {}, nullptr, nullptr);
+        },
+        [] { (void)zeb_rpc_cancel(APP, 1); },
+        [] { (void)zeb_online_nodes(APP, PEER, nullptr, 0); },
+        [] { (void)zeb_wait_online(APP, OFFLINE, ZEB_NODE_ALL, 1, 1); },
+        [] { (void)zeb_comm_with(APP, PEER); },
+        [] { (void)zeb_dispatch(POLLED, 1); },
+        [] { (void)zeb_create_app_mcast(APP); },
+    };
+    for (const call_t &call : calls) {
+        in_turn(call, [] { EXPECT_EQ(zeb_stop(), 0); });
+        in_turn([this] { start_app(); }, call);
+        register_polled();
+        peer_online();
+    }
+    in_turn([] { EXPECT_EQ(zeb_stop(), 0); }, [] { EXPECT_EQ(zeb_online_nodes(APP, PEER, nullptr, 0), -ENOENT); });
 }

@@ -269,7 +269,7 @@ TEST_F(zeb_stop_test, waits_for_the_callback_in_progress_and_drops_what_is_queue
     EXPECT_EQ(zeb_online_nodes(APP, PEER, nullptr, 0), -ESHUTDOWN);
     zeb_peer_state_t state;
     EXPECT_EQ(zeb_peer_state(APP, PEER, PEER_NODE, &state), -ESHUTDOWN);
-    EXPECT_STREQ(zeb_last_error(), "zeb_peer_state called while the library stops.");
+    EXPECT_STREQ(zeb_last_error(), "ZEB zeb_peer_state called while the library stops.");
     EXPECT_FALSE(stopped);
     s_let_go = true;
     stop.join();

@@ -172,9 +172,9 @@ TEST_F(zeb_user_proxy_app, bad_options_are_refused)
     longer.options.mode = 77;
     refused(&longer.options, "3 ZEB app 100 registered with unknown options.");
     longer.options.mode = ZEB_APP_NO_THREAD;
-    longer.options.reserved = 1;
+    longer.options.every_subscriber = 2;
     refused(&longer.options, "3 ZEB app 100 registered with unknown options.");
-    longer.options.reserved = 0;
+    longer.options.every_subscriber = 0;
     longer.options.app = 8192;
     refused(&longer.options, "3 ZEB app registered with invalid ID 8192.");
     longer.options.app = APP;
