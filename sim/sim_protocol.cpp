@@ -5,8 +5,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -54,13 +56,30 @@ static void start_broker(const char *dir, const char *tool)
         continue;
 }
 
+// Takes the lock under which a broker is started: of processes that find none at the same time one starts it, and the
+// others go on when it listens. A descriptor, which releases the lock when it is closed, or -1.
+static int lock_start(const char *dir)
+{
+    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    while (fd >= 0 && flock(fd, LOCK_EX) != 0 && errno == EINTR)
+        continue;
+    return fd;
+}
+
 int sim_broker_connect(const sim_cluster_t *cluster, const char *tool)
 {
     int fd = connect_once(cluster->dir);
     if (fd >= 0 || tool == nullptr || __atomic_load_n(&cluster->state->held, __ATOMIC_RELAXED) != 0)
         return fd;
-    start_broker(cluster->dir, tool);
-    return connect_once(cluster->dir);
+    int lock = lock_start(cluster->dir);
+    fd = connect_once(cluster->dir);
+    if (fd < 0) {
+        start_broker(cluster->dir, tool);
+        fd = connect_once(cluster->dir);
+    }
+    if (lock >= 0)
+        (void)sys_close(lock);
+    return fd;
 }
 
 int sim_broker_ask(int fd, const sim_request_t *request, const struct iovec *more, size_t num)
