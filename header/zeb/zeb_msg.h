@@ -141,11 +141,14 @@ static inline void *zeb_malloc(int size)
 static inline zeb_msg_t *zeb_msg_alloc(int size, uint32_t app_ver, int flags)
 {
     zeb_msg_t *msg;
+    int bytes;
 
     (void)flags;
     if (size < 0 || size > ZEB_MSG_MAX_DATA)
         return NULL;
-    msg = (zeb_msg_t *)zeb_malloc(size + (int)offsetof(zeb_msg_t, data));
+    /* At least a whole zeb_msg_t, which ends in padding: compilers warn of a smaller block. */
+    bytes = size + (int)offsetof(zeb_msg_t, data);
+    msg = (zeb_msg_t *)zeb_malloc(bytes < (int)sizeof(zeb_msg_t) ? (int)sizeof(zeb_msg_t) : bytes);
     msg->hdr.zeb_ver = ZEB_MSG_VERSION;
     msg->hdr.len = (uint32_t)size + ZEB_MSG_HDR_LEN;
     msg->hdr.app_ver = app_ver;
