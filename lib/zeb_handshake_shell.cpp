@@ -315,9 +315,8 @@ int __zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
     return 0;
 }
 
-static zeb_subscr_app_t *find_subscriber(uint32_t src_app, uint32_t dst_app) ZEB_REQUIRES(g_lib_mutex)
+static zeb_subscr_app_t *find_subscriber(zeb_ol_app_t *ol, uint32_t src_app) ZEB_REQUIRES(g_lib_mutex)
 {
-    zeb_ol_app_t *ol = zeb_hs_get_ol_app(&g_zeb_handshake, dst_app);
     return ol == nullptr ? nullptr : zeb_find_subscr_app(ol, src_app);
 }
 
@@ -329,7 +328,7 @@ static void note_late(uint32_t src_app, uint32_t dst_app) ZEB_REQUIRES(g_lib_mut
     zeb_hs_get_app_server(&g_zeb_handshake, dst_app, &servers);
     if (!gets_every_event(src_app) || !zeb_has_app_server(&servers))
         return;
-    find_subscriber(src_app, dst_app)->late = true;
+    find_subscriber(zeb_hs_get_ol_app(&g_zeb_handshake, dst_app), src_app)->late = true;
     s_late = true;
     if (g_zeb_mng.subscr_sd != -1)
         (void)zeb_start_timer(0, {ZEB_TIMER_TYPE_WAKE, 0});
@@ -366,9 +365,9 @@ int zeb_add_comm_app(uint32_t src_app, uint32_t dst_app)
     }
     zeb_scoped_lock lock(&g_lib_mutex);
     uint32_t before = g_zeb_handshake.ol_app_changes.load(std::memory_order_relaxed);
-    bool named = find_subscriber(src_app, dst_app) != nullptr;
+    bool named = find_subscriber(zeb_hs_get_ol_app(&g_zeb_handshake, dst_app), src_app) != nullptr;
     int ret = __zeb_add_comm_app(src_app, dst_app);
-    if (!named)
+    if (ret == 0 && !named)
         note_late(src_app, dst_app);
     if (s_subscribed && g_zeb_handshake.ol_app_changes.load(std::memory_order_relaxed) != before)
         ZEB_WARN(

@@ -163,17 +163,16 @@ static void done(zeb_app_rpc_wait_t *rpc)
     wake();
 }
 
-void zeb_rpc_async_start(zeb_app_rpc_wait_t *rpc, zeb_rpc_async_t *async, uint32_t seq, uint32_t milliseconds)
+void zeb_rpc_async_start(zeb_app_rpc_wait_t *rpc, zeb_rpc_async_t *async, uint32_t milliseconds)
 {
     async->rpc = rpc;
-    async->seq = seq;
     bool sleeps_past = false;
     zeb_rpc_done_t done_already = nullptr;
     {
         zeb_scoped_lock lock(&rpc->mutex);
         if (milliseconds != 0)
             sleeps_past = add_deadline(async, milliseconds);
-        done_already = __zeb_rpc_leave_wait(rpc, seq, done);
+        done_already = __zeb_rpc_leave_wait(rpc, async->seq, done);
     }
     if (sleeps_past)
         wake();
@@ -280,11 +279,8 @@ int zeb_rpc_async_until_next(int most)
 
 static void free_calls(indexed_list<zeb_rpc_wait_t> *calls)
 {
-    while (!list_empty(&calls->list)) {
-        zeb_rpc_wait_t *wait = list_record<zeb_rpc_wait_t>(calls->list.next);
-        indexed_list_remove(calls, wait);
-        free_call(wait);
-    }
+    indexed_list_each(calls, free_call);
+    indexed_list_init(calls);
 }
 
 void zeb_rpc_async_drop(zeb_app_rpc_wait_t *rpc)

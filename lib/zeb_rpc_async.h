@@ -23,12 +23,12 @@ typedef struct zeb_rpc_async_s {
     void *context;
 } zeb_rpc_async_t;
 
-// For callers. The record is freed with free() when its call could not be prepared; zeb_rpc_async_start takes it. After
-// that it may be gone at any time.
+// For callers. The record is freed with free() when its call could not be prepared; zeb_rpc_async_start takes it, with
+// its `seq`. After that it may be gone at any time.
 int zeb_rpc_async_prepare();     // makes the descriptor that wakes the receive thread. 0, or -1 after an ERROR line
 uint32_t zeb_rpc_async_number(); // a sequence number that no other call of this kind has drawn
 zeb_rpc_async_t *zeb_rpc_async_new(zeb_call_done_fun_t fun, void *context);
-void zeb_rpc_async_start(zeb_app_rpc_wait_t *rpc, zeb_rpc_async_t *async, uint32_t seq, uint32_t milliseconds);
+void zeb_rpc_async_start(zeb_app_rpc_wait_t *rpc, zeb_rpc_async_t *async, uint32_t milliseconds);
 int zeb_rpc_async_cancel(zeb_app_rpc_wait_t *rpc, uint32_t seq); // as zeb_rpc_cancel
 
 // For the receive thread. zeb_rpc_async_run_ready calls the functions of applications without a queue; it must not be

@@ -101,21 +101,22 @@ static int timed_out(uint32_t peer, uint32_t count)
     return -ETIMEDOUT;
 }
 
-static int wait_online(uint32_t peer, uint32_t node, uint32_t count, uint32_t milliseconds)
+// A null `end` is no limit.
+static int wait_online(zeb_inst_t peer, uint32_t count, const struct timespec *end)
 {
-    struct timespec end = zeb_deadline_in_ms(milliseconds);
     zeb_scoped_lock lock(&g_lib_mutex);
-    while (server_num(peer, node) < count) {
-        if (milliseconds != 0 && zeb_deadline_passed(&end))
-            return timed_out(peer, count);
+    while (server_num(peer.app, peer.node) < count) {
+        if (end != nullptr && zeb_deadline_passed(end))
+            return timed_out(peer.app, count);
         if (zeb_stopping())
             return zeb_gate_refuse("zeb_wait_online");
-        struct timespec slice = milliseconds != 0 ? end : zeb_deadline_in(1);
+        struct timespec slice = end != nullptr ? *end : zeb_deadline_in(1);
         (void)zeb_cond_wait_until(&g_zeb_mng.running_cond, &g_lib_mutex, &slice);
     }
     return 0;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): exported
 int zeb_wait_online(uint32_t app, uint32_t peer, uint32_t node, uint32_t count, uint32_t milliseconds)
 {
     zeb_call_t entered("zeb_wait_online");
@@ -129,8 +130,10 @@ int zeb_wait_online(uint32_t app, uint32_t peer, uint32_t node, uint32_t count, 
     int ret = check(app, peer, &slot);
     if (ret != 0)
         return ret;
-    if (!zeb_on_receive_thread())
-        return wait_online(peer, on, count, milliseconds);
-    zeb_note_error("ZEB app %d waits for %d on the receive thread.\n", {{app, peer}});
-    return -EDEADLK;
+    if (zeb_on_receive_thread()) {
+        zeb_note_error("ZEB app %d waits for %d on the receive thread.\n", {{app, peer}});
+        return -EDEADLK;
+    }
+    struct timespec end = zeb_deadline_in_ms(milliseconds);
+    return wait_online({peer, on}, count, milliseconds != 0 ? &end : nullptr);
 }

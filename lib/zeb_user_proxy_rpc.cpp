@@ -211,14 +211,15 @@ static void request_all(const zeb_dst_t *dst, uint32_t seq, zeb_msg_t *msg)
 }
 
 // Opens the call under a new number. A caller of zeb_rpc may have drawn the same one; then this one draws again.
-static int prepare_async(zeb_dst_t *dst, zeb_rpc_async_t *async, uint32_t milliseconds, uint32_t *seq)
+static int prepare_async(zeb_dst_t *dst, zeb_rpc_async_t *async, uint32_t milliseconds)
 {
     int ret = dst->slot == nullptr ? 0 : zeb_rpc_async_prepare();
     if (ret != 0)
         return ret;
     do {
-        *seq = zeb_rpc_async_number();
-        ret = zeb_prepare_rpc(dst, *seq, &async->replies, milliseconds / 1000 + (milliseconds % 1000 != 0 ? 1 : 0));
+        async->seq = zeb_rpc_async_number();
+        ret =
+            zeb_prepare_rpc(dst, async->seq, &async->replies, milliseconds / 1000 + (milliseconds % 1000 != 0 ? 1 : 0));
     } while (ret == -EEXIST);
     if (ret != 0)
         zeb_fc_update_sent_reject(dst->src_app, dst->named);
@@ -250,15 +251,15 @@ int zeb_rpc_async(uint32_t src_app, uint32_t dst_node, uint32_t dst_app, zeb_msg
     zeb_dst_t dst;
     zeb_name_dst(&dst, src_app, {dst_app, dst_node}, flags);
     zeb_rpc_async_t *async = zeb_rpc_async_new(done, context);
-    uint32_t seq = 0;
-    int ret = prepare_async(&dst, async, milliseconds, &seq);
+    int ret = prepare_async(&dst, async, milliseconds);
     if (ret != 0) {
         free(async);
         return ret;
     }
+    uint32_t seq = async->seq;
     if (call != nullptr)
         *call = seq;
-    zeb_rpc_async_start(dst.slot->rpc, async, seq, milliseconds);
+    zeb_rpc_async_start(dst.slot->rpc, async, milliseconds);
     request_all(&dst, seq, msg);
     return 0;
 }
