@@ -12,8 +12,7 @@
 /* Message versions. Numbers on the wire are big-endian. */
 #define ALARM_RAISE 1 /* one-way, card to manager: uint32 alarm id, uint8 severity, text without its NUL */
 #define ALARM_CLEAR 2 /* one-way, card to manager: uint32 alarm id */
-#define ALARM_LIST 3  /* call, console to manager: empty. Reply: a line "NODE/ID SEVERITY TEXT" for each active alarm  \
-                       */
+#define ALARM_LIST 3  /* call, console to manager: empty. Reply: a line "NODE/ID SEVERITY TEXT" for each alarm */
 #define CARD_STATUS 4 /* call, console to all cards: empty. Reply: "ports 48, alarms N" */
 
 #define ALARM_TEXT_MAX 200 /* bytes of an alarm's text */
