@@ -78,7 +78,9 @@ typedef struct zeb_msg_dispatcher_s {
  * app_name    not null; copied, cut to 31 characters
  * dispatcher  not null; the table is copied. A table with only the end row makes a client: it can send but is never
  *             a destination
- * event       called when a peer server joins or quits; may be null
+ * event       called when a peer server joins or quits; may be null. Where several applications of a process name one
+ *             peer, one of them gets the join, one of them, perhaps another, gets the quit, and of one alone the calls
+ * to the peer end with it. The option every_subscriber of zeb_ext.h gives an application all of it
  *
  * Returns 0; -EINVAL for a bad id or a null name or dispatcher; -EEXIST when `app` is already registered in this
  * process; -ENOBUFS past 31 applications; -EAGAIN when a part of the application could not be created (no part of it

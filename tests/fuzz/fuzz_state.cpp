@@ -12,7 +12,11 @@
 #include "zeb_dbg.h"
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
+#include "zeb_handshake_shell.h"
+#include "zeb_rpc_async.h"
 #include "zeb_slot.h"
+
+#include <zeb/zeb_ext.h>
 
 using world::bytes_t;
 using wire::operator+;
@@ -318,6 +322,118 @@ static void step_raw()
     world::receive(pick(LOCALS), bytes.data(), bytes.size());
 }
 
+// The calls of zeb_ext.h.
+
+static std::vector<uint32_t> s_calls; // numbers of calls that zeb_rpc_async took
+
+static uint32_t pick_caller()
+{
+    static const uint32_t callers[] = {world::SERVER, world::CLIENT, world::POLLED};
+    return pick(callers);
+}
+
+static uint32_t pick_call()
+{
+    return s_calls.empty() || small(7) == 0 ? small(9) : s_calls[small((uint32_t)s_calls.size() - 1)];
+}
+
+static void take_outcomes(uint32_t, zeb_reply_msg_t *replies, void *)
+{
+    for (int i = 0; i < replies->num; i++) {
+        if (replies->msg[i] == nullptr)
+            abort();
+    }
+}
+
+static void step_call_async()
+{
+    zeb_msg_t *msg = zeb_msg_alloc((int)small(16), 1, 0);
+    uint32_t app = pick_caller();
+    uint32_t node = pick_destination_node();
+    uint32_t destination = pick_destination();
+    int flags = (int)small(3);
+    uint32_t number = 0;
+    s_one_way = false;
+    int ret = zeb_rpc_async(app, node, destination, msg, flags, small(1) * 3600000, take_outcomes, nullptr, &number);
+    zeb_msg_free(msg);
+    if (ret == 0)
+        s_calls.push_back(number);
+    else
+        require_reason();
+}
+
+static void step_cancel()
+{
+    uint32_t app = pick_caller();
+    (void)zeb_rpc_cancel(app, pick_call());
+}
+
+// The limit of a call is over, if it has one.
+static void step_time_out()
+{
+    zeb_app_mng_t *slot = zeb_get_app_mng(pick_caller());
+    zeb_rpc_time_out(slot->rpc, pick_call());
+}
+
+static void step_serve_calls()
+{
+    zeb_rpc_async_run_ready();
+}
+
+static void step_dispatch()
+{
+    (void)zeb_dispatch(world::POLLED, (int)small(3));
+    if (zeb_app_fd(world::POLLED) < 0)
+        abort();
+}
+
+static void step_ask()
+{
+    zeb_peer_state_t state;
+    uint32_t nodes[3];
+    uint32_t peer = pick(PEERS);
+    uint32_t node = pick(NODES);
+    if (zeb_peer_state(world::POLLED, peer, node, &state) != 0 || state.phase >= ZEB_PEER_PHASE_NUM)
+        abort();
+    int num = zeb_online_nodes(world::POLLED, peer, nodes, 3);
+    if (num < 0 || (state.server != 0 && num == 0))
+        abort();
+    if (zeb_wait_online(world::POLLED, peer, node, 1, 1) != -EDEADLK) // this is the receive thread too
+        abort();
+}
+
+static void step_name()
+{
+    (void)zeb_comm_with(world::POLLED, pick(PEERS));
+}
+
+static void step_look()
+{
+    zeb_handshake_look();
+    zeb_handshake_minute();
+}
+
+static void step_stop()
+{
+    if (s_depth != 0 || small(7) != 0) // not inside a call: it would be waited for
+        return;
+    world::stop_and_start();
+    s_calls.clear();
+}
+
+static void (*const s_ext_steps[])() = {
+    step_call_async, step_call_async, step_cancel, step_time_out, step_serve_calls, step_dispatch,
+    step_dispatch,   step_ask,        step_name,   step_name,     step_look,        step_stop,
+};
+
+// The steps above hang on a rare one, so that the inputs that are kept mean what they meant.
+static void step_proxy_or_ext()
+{
+    world::run_proxy();
+    if (small(1) == 0)
+        pick(s_ext_steps)();
+}
+
 static void (*const s_steps[])() = {
     step_synchronise,
     step_acknowledge,
@@ -336,7 +452,7 @@ static void (*const s_steps[])() = {
     step_raw,
     step_join,
     step_join,
-    world::run_proxy,
+    step_proxy_or_ext,
 };
 
 // With one-way traffic alone no pair passes its window.
@@ -370,6 +486,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     s_input = &input;
     s_one_way = true;
     s_depth = 0;
+    s_calls.clear();
     world::reset();
     zeb_store_relaxed(&g_zeb_dbg_level, small(31) == 0 ? 15u : 0u);
     for (int steps = 0; steps < 32 && step(); steps++) {

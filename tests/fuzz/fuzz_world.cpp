@@ -3,6 +3,7 @@
 #include "handshake_core.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -10,14 +11,19 @@
 #include <map>
 #include <poll.h>
 #include <pthread.h>
+#include <set>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <zeb/zeb_ext.h>
 
 #include "platform/list_algo.h"
 #include "zeb_cfg.h"
 #include "zeb_dbg.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_flow_ctrl_stat.h"
+#include "zeb_gate.h"
+#include "zeb_rpc_async.h"
 #include "zeb_slot.h"
 #include "zeb_mng_check.h"
 #include "zeb_mng_recv.h"
@@ -64,6 +70,24 @@ static void *take_event(zeb_event_t)
     return nullptr;
 }
 
+// The instances of which POLLED has been told that they joined.
+static std::set<std::pair<uint32_t, uint32_t>> s_joined;
+
+static void fail(const char *what)
+{
+    fprintf(stderr, "%s\n", what);
+    abort();
+}
+
+static void take_polled_event(void *, const zeb_event_t *event)
+{
+    std::pair<uint32_t, uint32_t> inst(event->event.app.app, event->event.app.node);
+    if (event->type != ZEB_APP_JOIN)
+        s_joined.erase(inst);
+    else if (!s_joined.insert(inst).second)
+        fail("two joins without a quit between them");
+}
+
 // Answers the requests of even sequence numbers.
 static void *take_msg(zeb_msg_t *msg)
 {
@@ -76,10 +100,34 @@ static void *take_msg(zeb_msg_t *msg)
     return nullptr;
 }
 
-static void fail(const char *what)
+static void take_polled_msg(void *, zeb_msg_t *msg)
 {
-    fprintf(stderr, "%s\n", what);
-    abort();
+    (void)take_msg(msg);
+}
+
+static void learn_descriptor(uint32_t app)
+{
+    for (const auto &entry : s_app_of_sd) {
+        if (entry.second == 0 && entry.first == zeb_get_app_sd(app))
+            s_app_of_sd[entry.first] = app;
+    }
+}
+
+// It names nobody: a step does.
+static void add_polled()
+{
+    static const zeb_app_dispatcher_t table[] = {{1, take_polled_msg, nullptr}, {0, nullptr, nullptr}};
+    zeb_app_options_t options = {};
+    options.size = sizeof(options);
+    options.app = POLLED;
+    options.mode = ZEB_APP_POLLED;
+    options.name = "fuzz";
+    options.dispatchers = table;
+    options.event = take_polled_event;
+    options.every_subscriber = 1;
+    if (zeb_register_app(&options) != 0)
+        fail("a polled application cannot be registered");
+    learn_descriptor(POLLED);
 }
 
 static void add_app(uint32_t app, bool thread)
@@ -90,10 +138,20 @@ static void add_app(uint32_t app, bool thread)
                      : zeb_register_without_thread(app, "fuzz", serving, take_event);
     if (ret != 0)
         fail("an application cannot be registered");
-    for (const auto &entry : s_app_of_sd) {
-        if (entry.second == 0 && entry.first == zeb_get_app_sd(app))
-            s_app_of_sd[entry.first] = app;
+    learn_descriptor(app);
+}
+
+static void add_all()
+{
+    add_app(SERVER, false);
+    add_app(CLIENT, true);
+    add_app(DAEMON, false);
+    add_polled();
+    for (uint32_t app : {SERVER, CLIENT}) {
+        for (uint32_t peer : PARTNERS)
+            (void)zeb_comm_with(app, peer);
     }
+    zeb_run();
 }
 
 void start()
@@ -105,16 +163,20 @@ void start()
     s_thread = pthread_self();
     static const char node[] = "7\n";
     serve_file(ZEB_NODE_ADDR_FILE, (const uint8_t *)node, sizeof(node) - 1);
-    add_app(SERVER, false);
-    add_app(CLIENT, true);
-    add_app(DAEMON, false);
-    for (uint32_t app : {SERVER, CLIENT}) {
-        for (uint32_t peer : PARTNERS)
-            (void)zeb_comm_with(app, peer);
-    }
-    zeb_run();
+    add_all();
     if (freopen("/dev/null", "w", stdout) == nullptr)
         fail("standard output cannot be thrown away");
+}
+
+void stop_and_start()
+{
+    (void)zeb_set_callbacks(false); // one thread is all of the library's too
+    if (zeb_stop() != 0)
+        fail("the library does not stop");
+    s_app_of_sd.clear();
+    s_timers.clear();
+    s_joined.clear();
+    add_all();
 }
 
 template <typename T>
@@ -142,8 +204,11 @@ static void reset_app(zeb_app_mng_t *slot)
     indexed_list_clear(&stat->send_list);
     indexed_list_clear(&stat->recv_list);
     stat->total_send = stat->total_recv = 0;
-    if (indexed_list_num(&slot->rpc->wait_list) != 0)
-        fail("a call is left without its caller");
+    indexed_list_each(&slot->rpc->wait_list, [](const zeb_rpc_wait_t *wait) {
+        if (wait->done == nullptr)
+            fail("a call is left without its caller");
+    });
+    zeb_rpc_async_drop(slot->rpc);
 }
 
 // The handshake as start() left it: nothing is known but who communicates with whom, in the same order.
@@ -151,7 +216,7 @@ static void reset_handshake()
 {
     zeb_scoped_lock lock(&g_lib_mutex);
     zeb_hs_clear(&g_zeb_handshake);
-    for (uint32_t app : {SERVER, CLIENT, DAEMON})
+    for (uint32_t app : {SERVER, CLIENT, DAEMON, POLLED})
         zeb_hs_add_comm_app(&g_zeb_handshake, app, app); // as its registration does
     for (uint32_t app : {SERVER, CLIENT}) {
         for (uint32_t peer : PARTNERS)
@@ -163,7 +228,9 @@ void reset()
 {
     start();
     zeb_store_relaxed(&g_zeb_dbg_level, 0u);
+    (void)zeb_dispatch(POLLED, INT_MAX); // leaves its descriptor unreadable
     reset_handshake();
+    s_joined.clear();
     zeb_each_app_mng(reset_app);
     s_sent.clear();
     s_timers.clear();
@@ -246,6 +313,7 @@ int __real_close(int fd);
 unsigned __real_sleep(unsigned seconds);
 ssize_t __real_recv(int sd, void *data, size_t len, int flags);
 FILE *__real_fopen(const char *path, const char *mode);
+int __real_pthread_join(pthread_t tid, void **result);
 int __real_pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const struct timespec *deadline);
 
 int __wrap_socket(int, int, int)
@@ -377,6 +445,15 @@ int __wrap_pthread_create(pthread_t *tid, const pthread_attr_t *, void *(*fun)(v
     *tid = pthread_self();
     s_proxy_fun = fun; // the last one is CLIENT's: the library starts its own thread before
     s_proxy_arg = arg;
+    return 0;
+}
+
+// At a stop: what the receive thread does at its end.
+int __wrap_pthread_join(pthread_t tid, void **result)
+{
+    if (pthread_equal(tid, s_thread) == 0)
+        return __real_pthread_join(tid, result); // one of the fuzzer's own
+    (void)zeb_socket_msg_dist_thread_fun(nullptr);
     return 0;
 }
 

@@ -1,4 +1,4 @@
-// The process that the fuzz targets feed: three local applications of the library, and the system calls below it, in
+// The process that the fuzz targets feed: four local applications of the library, and the system calls below it, in
 // one thread. It is made once; reset() restores its first state between two inputs.
 #ifndef TESTS_FUZZ_WORLD_H
 #define TESTS_FUZZ_WORLD_H
@@ -18,6 +18,7 @@ constexpr uint32_t NODE = 7;
 constexpr uint32_t SERVER = 100; // without a proxy thread: its callbacks run while a datagram is received
 constexpr uint32_t CLIENT = 101; // with a proxy thread, which runs in run_proxy()
 constexpr uint32_t DAEMON = 1;   // the management daemon, without a thread
+constexpr uint32_t POLLED = 102; // polled, and with every join and quit of the peers that it has named
 constexpr uint32_t PEER = 200;
 constexpr uint32_t PEER2 = 16384;
 
@@ -35,6 +36,7 @@ struct timer_t_ { // one that is pending on the topology connection
 
 void start(); // registers the applications and runs; further calls do nothing
 void reset();
+void stop_and_start(); // the library, between two calls of it
 
 // Stops with a message when an invariant of the library is broken.
 void check();

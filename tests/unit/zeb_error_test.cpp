@@ -476,6 +476,19 @@ TEST_F(zeb_error_said, a_name_that_another_socket_has_had_first_is_an_error_of_e
               "own in /tmp/addr/.zeb_node_addr\n");
 }
 
+TEST_F(zeb_error_said, nothing_is_said_of_a_second_start_in_this_process)
+{
+    start_app();
+    EXPECT_EQ(zeb_stop(), 0);
+    start_app();
+    peer_published(NODE, APP);
+    peer_t self = other_process((uint32_t)getpid() | 1u << 22); // the number of the start stands above the process id
+    self.node = NODE;
+    self.app = APP;
+    EXPECT_EQ(said([&] { peer_syncs(1, self); }), "");
+    EXPECT_EQ(zeb_stop(), 0);
+}
+
 TEST_F(zeb_error_said, a_pair_that_the_peer_has_not_named_is_said_once)
 {
     start_app();

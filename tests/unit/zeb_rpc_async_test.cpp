@@ -324,6 +324,51 @@ TEST_F(zeb_rpc_async_test, a_number_that_a_caller_of_zeb_rpc_waits_for_is_not_dr
     zeb_rpc_del_wait(zeb_get_app_rpc(APP), taken);
 }
 
+// Runs `fun(number of the thread)` on several threads at once.
+static void on_threads(const std::function<void(size_t)> &fun)
+{
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < 4; i++)
+        threads.emplace_back(fun, i);
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+TEST_F(zeb_rpc_async_test, threads_that_draw_at_once_draw_different_numbers)
+{
+    std::vector<uint32_t> drawn[4];
+    std::atomic<bool> end{false};
+    std::thread sender([&] {
+        while (!end)
+            (void)zeb_get_seq(); // as every send does
+    });
+    on_threads([&](size_t i) {
+        for (int n = 0; n < 20000; n++)
+            drawn[i].push_back(zeb_rpc_async_number());
+    });
+    end = true;
+    sender.join();
+    std::set<uint32_t> all;
+    for (const std::vector<uint32_t> &numbers : drawn)
+        all.insert(numbers.begin(), numbers.end());
+    EXPECT_EQ(all.size(), 80000u);
+}
+
+TEST_F(zeb_rpc_async_test, calls_that_begin_at_once_are_cancelled_each_by_its_number)
+{
+    peer_online(3);
+    on_threads([](size_t) {
+        zeb_msg_t *msg = zeb_msg_alloc(4, 1, 0);
+        for (int n = 0; n < 300; n++) {
+            uint32_t number = 0;
+            EXPECT_EQ(zeb_rpc_async(APP, ZEB_NODE_ALL, PEER, msg, 0, 0, finish, nullptr, &number), 0);
+            EXPECT_EQ(zeb_rpc_cancel(APP, number), 0);
+        }
+        free(msg);
+    });
+    EXPECT_TRUE(take_finished().empty());
+}
+
 // Answers to other calls neither wake the callers of zeb_rpc nor prolong their limits.
 TEST_F(zeb_rpc_async_test, callers_that_wait_are_not_woken)
 {
@@ -378,8 +423,11 @@ static void try_locks(uint32_t, zeb_reply_msg_t *, void *)
 {
     std::thread other([] { // one's own lock of the recursive mutex would not show
         zeb_app_mng_t *slot = zeb_get_app_mng(APP);
+        struct timespec deadline; // the library's own threads may hold one for a moment
+        (void)clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += 5;
         for (zeb_mutex_t *mutex : {&g_lib_mutex, &slot->info->mutex, &slot->rpc->mutex, &slot->fc->mutex}) {
-            if (pthread_mutex_trylock(&mutex->impl) == 0) {
+            if (pthread_mutex_timedlock(&mutex->impl, &deadline) == 0) {
                 s_free_locks++;
                 (void)pthread_mutex_unlock(&mutex->impl);
             }

@@ -1,4 +1,5 @@
 // The stop of the library, and what begins anew after it. Cuts across the sources: each frees what it has.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <dirent.h>
@@ -16,6 +17,7 @@
 #include "zeb_dbg.h"
 #include "zeb_dm.h"
 #include "zeb_gate.h"
+#include "zeb_mng_recv.h"
 #include "zeb_rpc_async.h"
 #include "zeb_slot.h"
 #include "zeb_timer.h"
@@ -225,6 +227,29 @@ TEST_F(zeb_stop_test, after_a_second_start_calls_that_no_thread_waits_for_have_t
         wait_until([i] { return s_done == i; });
         EXPECT_EQ(zeb_stop(), 0);
     }
+}
+
+TEST_F(zeb_stop_test, after_a_second_start_without_such_calls_the_receive_thread_sleeps_as_long_as_ever)
+{
+    fault::hold_clock(1000);
+    fault::watch_polls();
+    auto polls_with = [](int timeout) {
+        std::vector<int> polls = fault::take_polls();
+        return std::count(polls.begin(), polls.end(), timeout) != 0;
+    };
+    start_app();
+    peer_online();
+    EXPECT_EQ(zeb_rpc_async(APP, ZEB_NODE_ALL, PEER, msg_, 0, 40, count_done, nullptr, nullptr), 0);
+    fake_tipc::queue_event(fake_tipc::timer_event(ZEB_TIMER_TYPE_WAKE, 0));
+    zeb_run();
+    wait_until([&] { return polls_with(40); });
+    EXPECT_EQ(zeb_stop(), 0);
+    (void)fault::take_polls();
+    start_app();
+    zeb_run();
+    wait_until([&] { return polls_with(ZEB_POLL_TIMEOUT_MS); });
+    EXPECT_EQ(zeb_stop(), 0);
+    fault::hold_clock(-1);
 }
 
 TEST_F(zeb_stop_test, a_wait_for_servers_ends)

@@ -236,6 +236,24 @@ TEST_F(zeb_user_proxy_app, a_long_queue_without_a_callback_is_a_warning)
               lines_t({"2 ZEB app 100 has 3 items queued, more than 2."}));
 }
 
+// Calls that a quit ends are queued under the library's lock, where no callback may run.
+TEST_F(zeb_user_proxy_app, a_queue_that_ended_calls_make_long_is_told_with_the_next_event)
+{
+    zeb_app_options_t options = options_for(&story_, ZEB_APP_THREAD);
+    options.queue_notice = 2;
+    options.queue_passed = on_queue;
+    ASSERT_EQ(zeb_register_app(&options), 0);
+    ASSERT_EQ(zeb_comm_with(APP, PEER), 0);
+    peer_online(); // the join is queued
+    zeb_msg_t *msg = zeb_msg_alloc(4, 1, 0);
+    zeb_call_done_fun_t done = [](uint32_t, zeb_reply_msg_t *, void *) {};
+    for (int i = 0; i < 2; i++)
+        EXPECT_EQ(zeb_rpc_async(APP, ZEB_NODE_ALL, PEER, msg, 0, 0, done, nullptr, nullptr), 0);
+    free(msg);
+    peer_withdrawn(); // two ended calls, then the quit
+    EXPECT_EQ(story_.take(), lines_t({"queue of 100 has 4"}));
+}
+
 TEST_F(zeb_user_proxy_app, the_management_daemon_may_have_a_context_too)
 {
     zeb_app_options_t options = options_for(&story_, ZEB_APP_NO_THREAD, ZEBD_APP_ID);
