@@ -7,7 +7,8 @@ import textwrap
 
 NAME = re.compile(r"(?<![\w.$/-])(?:zeb_\w+|TLV_[A-Z_]+|g_print_msg)(?!\w|/|=|\.\w)(?:\(\))?")
 # What stands out in running text: a constant, an error, a call, a header.
-WORDS = re.compile(rf"(-E[A-Z]+\b|(?<![\w-])-1\b|<?\b(?:zeb|platform)/?\w*\.h\b>?|\b(?:tipcsim|zeb\.conf|zeb|tipc)\(\d\)|\b(?:ZEBD?|INT|AF|TIPC)_[A-Z_]+\b(?:\.\.\.)?|{NAME.pattern})")
+WORDS = re.compile(r"(-E[A-Z]+\b|(?<![\w-])-1\b|<?\b(?:zeb|platform)/?\w*\.h\b>?|\b(?:tipcsim|zeb\.conf|zeb|tipc)\(\d\)|"
+                   rf"\b(?:ZEBD?|INT|AF|TIPC)_[A-Z_]+\b(?:\.\.\.)?|{NAME.pattern})")
 
 
 def sentences(text):
@@ -186,7 +187,9 @@ class Roff:
 
     def lines(self, said):
         """Each sentence on lines of its own, which is where roff wants them to end."""
-        found = [line for sentence in said for line in textwrap.wrap(self.line(sentence), 78, break_long_words=False, break_on_hyphens=False)]
+        found = []
+        for sentence in said:
+            found += textwrap.wrap(self.line(sentence), 78, break_long_words=False, break_on_hyphens=False)
         return "".join(("\\&" if line.startswith((".", "'")) else "") + line + "\n" for line in found)
 
     def tag(self, tag):
