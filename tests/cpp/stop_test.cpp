@@ -1,4 +1,7 @@
 // The end of the library under a runtime: what is freed, what is told, and what is refused.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <future>
 
 #include "cpp_test.h"
@@ -107,6 +110,27 @@ TEST(cpp_stop, calls_of_other_threads_end_while_it_stops)
     may_return.set_value();
     stopper.join();
     EXPECT_EQ(client.send(SERVER, zeb::message(1)), zeb::errc::not_found);
+}
+
+TEST(cpp_stop, a_forked_child_is_refused)
+{
+    auto runtime = std::make_unique<zeb::runtime>();
+    zeb::app_options options = server_options();
+    options.on_message(1, [](zeb::message) {});
+    (void)runtime->add(std::move(options)).value();
+    zeb::app client = client_of(*runtime, SERVER);
+    pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        bool refused = client.send(SERVER, zeb::message(1)) == zeb::errc::failed &&
+                       runtime->stop() == zeb::errc::failed && client.wait_online(SERVER, 1s) == zeb::errc::failed;
+        runtime.reset();
+        _exit(refused ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(client.send(SERVER, zeb::message(1))) << "the parent goes on";
 }
 
 TEST(cpp_stop, the_same_runtime_begins_again)
