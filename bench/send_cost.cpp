@@ -1,15 +1,15 @@
 // The instructions of one send, one send to a group, or one call: callgrind counts two runs of different length, and
 // their difference is divided. The calls on TIPC do nothing (interpose_bare.h), so that only the library's own work is
 // counted. A call is answered within its sendto, so it never waits. Usage: send_cost [VERB [NUMBER [PEERS [APPS [GROUPS
-// [CALLS]]]]]] with VERB send, group, call or all (one send to all instances), PEERS instances online, APPS further
-// applications, GROUPS groups, and CALLS calls in progress.
+// [CALLS]]]]]] with VERB send, group, call or all (one send to all instances), or send-cpp, call-cpp or all-cpp (the
+// same through zeb.hpp), PEERS instances online, APPS further applications, GROUPS groups, and CALLS calls in progress.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include <zeb/zeb.h>
+#include <zeb/zeb.hpp>
 
 #include "handshake_core.h"
 #include "interpose_bare.h"
@@ -71,6 +71,25 @@ static bool call(uint32_t node, zeb_msg_t *msg)
     return true;
 }
 
+static bool call(const zeb::app &app, uint32_t node, zeb::message &message)
+{
+    auto outcomes = app.call({PEER, node}, message, std::chrono::seconds(60));
+    return outcomes && outcomes->size() == 1;
+}
+
+// Through zeb.hpp or not, by a client that calls the same functions for the rest.
+static zeb::app register_app(zeb::runtime *runtime, bool through_cpp)
+{
+    if (through_cpp) {
+        zeb::app_options options(APP, "bench");
+        options.run_in(zeb::mode::no_thread).on_message(1, [](const zeb::message &) {});
+        return runtime->add(std::move(options)).value_or(zeb::app());
+    }
+    const zeb_msg_dispatcher_t table[] = {{1, drop}, {0, nullptr}};
+    (void)zeb_register_without_thread(APP, "bench", table, nullptr);
+    return {};
+}
+
 static void acknowledge(uint32_t first, uint32_t last)
 {
     for (uint32_t node = first; node <= last; node++)
@@ -84,8 +103,12 @@ int main(int argc, char **argv)
     uint32_t sends = number(2, 1000);
     uint32_t peers = number(3, 64);
     uint32_t apps = number(4, 0);
-    const zeb_msg_dispatcher_t table[] = {{1, drop}, {0, nullptr}};
-    if (zeb_register_without_thread(APP, "bench", table, nullptr) != 0) {
+    bool through_cpp = verb.size() > 4 && verb.substr(verb.size() - 4) == "-cpp";
+    if (through_cpp)
+        verb.resize(verb.size() - 4);
+    static zeb::runtime &s_runtime = *new zeb::runtime; // never stopped: nothing runs
+    zeb::app app = register_app(&s_runtime, through_cpp);
+    if (zeb_get_app_mng(APP) == nullptr) {
         (void)fprintf(stderr, "needs a node id in /tmp/addr/.zeb_node_addr\n");
         return 1;
     }
@@ -98,7 +121,8 @@ int main(int argc, char **argv)
     static zeb_reply_msg_t s_open;
     for (uint32_t i = 0; i < number(6, 0); i++)
         (void)zeb_rpc_prepare_wait(APP, 0x80000000u + i, &s_open, 60);
-    zeb_msg_t *msg = zeb_msg_alloc(64, 1, 0);
+    zeb::message message = zeb::message::with_size(1, 64);
+    zeb_msg_t *msg = message.get();
     bool calls = verb == "call";
     bool to_all = verb == "all";
     uint32_t dst = verb == "group" ? group : PEER;
@@ -106,7 +130,11 @@ int main(int argc, char **argv)
     for (uint32_t i = 0; i < sends; i++) {
         uint32_t node = 1 + i % peers;
         if (calls)
-            done += call(node, msg) ? 1 : 0;
+            done += (through_cpp ? call(app, node, message) : call(node, msg)) ? 1 : 0;
+        else if (through_cpp && to_all)
+            done += app.send(dst, message) ? 0 : 1;
+        else if (through_cpp)
+            done += app.send({dst, node}, message) ? 0 : 1;
         else if (to_all)
             done += zeb_send(APP, dst, msg, 0) == 0 ? 1 : 0;
         else
@@ -115,6 +143,5 @@ int main(int argc, char **argv)
             acknowledge(to_all ? 1 : node, to_all ? peers : node);
     }
     printf("%u of %u done, %u peers online\n", done, sends, peers);
-    free(msg);
     return done == sends ? 0 : 1;
 }
