@@ -11,7 +11,7 @@ SEED ?= 1
 ROUNDS ?= 7
 ON ?= sim
 
-.PHONY: bench chaos docs explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
+.PHONY: bench chaos docs explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab python install clean
 
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -83,6 +83,11 @@ bench: ## compare with raw TIPC, libzmq and nng (ROUNDS=7), in the lab and on th
 	@scripts/setup bench
 	@$(MAKE) --no-print-directory build PRESET=release
 	@bench/run all $(ROUNDS)
+
+python: build ## build the wheel of the Python package, in build/python
+	@rm -rf build/python && mkdir -p build/python && cp -r bindings/python build/python/source
+	@/usr/bin/python3 -m build --wheel --no-isolation --outdir build/python build/python/source >build/python/log 2>&1 || { cat build/python/log; exit 1; }
+	@rm -rf build/python/source && ls build/python/*.whl
 
 install: build ## install to DESTDIR and the prefix that CMake was configured with
 	@cmake --install $(BUILD)
