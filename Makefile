@@ -12,7 +12,7 @@ ROUNDS ?= 7
 ON ?= sim
 PREFIX ?=
 
-.PHONY: bench chaos deb deb-test docs explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab install clean
+.PHONY: bench chaos deb deb-test docs explore fuzz help setup build demo check lint unit asan tsan integration integration-sim conformance demo-lab python install clean
 
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-12s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -92,6 +92,11 @@ deb: ## build Debian packages from the tree, with lintian, into build/deb
 
 deb-test: deb ## install these packages into a fresh root, run a program there, and remove them again (as root)
 	@packaging/test_deb
+
+python: build ## build the wheel of the Python package, in build/python
+	@rm -rf build/python && mkdir -p build/python && cp -r bindings/python build/python/source
+	@/usr/bin/python3 -m build --wheel --no-isolation --outdir build/python build/python/source >build/python/log 2>&1 || { cat build/python/log; exit 1; }
+	@rm -rf build/python/source && ls build/python/*.whl
 
 install: build ## install to PREFIX=/where (/usr/local), below DESTDIR if that is set
 	@cmake --install $(BUILD) $(if $(PREFIX),--prefix "$(PREFIX)")

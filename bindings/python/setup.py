@@ -1,0 +1,3 @@
+from setuptools import setup
+
+setup(cffi_modules=["native/build.py:builder"])

@@ -1,0 +1,114 @@
+"""Without an event loop, and what has a process of its own."""
+
+import os
+import subprocess
+import sys
+import threading
+
+import pytest
+from conftest import Apps, World
+
+import zeb
+
+BOTH = [zeb.Instance(100, 2), zeb.Instance(100, 3)]
+
+
+def test_messages_and_calls_of_one_thread(apps: Apps) -> None:
+    apps.plain.send_blocking(100, b"plain")
+    got = [message for _, message in zip(range(2), apps.plain.messages())]
+    assert sorted((message.sender, message.data) for message in got) == [(peer, b"plain") for peer in BOTH]
+    assert apps.plain.messages().get(timeout=0) is None
+    events = apps.plain.events()
+    # Of several applications that name one peer the library tells one; each is told of its own instance.
+    assert events.get(30) == zeb.Event(zeb.EventType.JOIN, zeb.Instance(201, 1))
+    assert events.get(timeout=0.01) is None
+
+
+def test_many_threads_share_the_queue(apps: Apps) -> None:
+    answers: dict[int, list[bytes]] = {}
+
+    def ask(number: int) -> None:
+        for turn in range(25):
+            outcomes = apps.plain.call_blocking(BOTH[number % 2], f"{number} {turn}".encode(), timeout=30)
+            answers.setdefault(number, []).extend(outcome.data for outcome in outcomes)
+
+    threads = [threading.Thread(target=ask, args=(number,)) for number in range(8)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join(60)
+    assert answers == {number: [f"{number} {turn}".encode() for turn in range(25)] for number in range(8)}
+
+
+def test_handlers_run_in_the_thread_that_dispatches(apps: Apps) -> None:
+    apps.handlers.send_blocking(100, b"handled")
+    threads: set[int] = set()
+    apps.handlers.on_event(lambda event: threads.add(threading.get_ident()))
+    while sum(isinstance(item, zeb.Message) for item in apps.handled) < 2:
+        assert apps.handlers.dispatch(timeout=30)
+    assert [item.peer for item in apps.handled if isinstance(item, zeb.Event)] == [zeb.Instance(202, 1)]
+    assert threads <= {threading.get_ident()}
+    assert not apps.handlers.dispatch()
+    with pytest.raises(RuntimeError, match="cannot take another version"):
+        apps.handlers.on_message(9)(print)
+
+
+def test_one_run_for_all_applications(apps: Apps) -> None:
+    with pytest.raises(zeb.Error, match="already running") as second:
+        zeb.run(zeb.App(210, "late"))
+    assert second.value.result == -1
+    assert len(apps.plain.call_blocking(100, timeout=30)) == 2
+
+
+def test_an_application_that_does_not_run() -> None:
+    app = zeb.App(211, "idle", versions=[1])
+    with pytest.raises(zeb.NotOnline):
+        app.call_blocking(100, timeout=1)
+    with pytest.raises(zeb.NotOnline, match=r"zeb\.run"):
+        next(app.messages())
+
+
+def test_stop_and_start_again_in_one_process(world: World) -> None:
+    assert world["restart"].wait() == 0, world["restart"].output
+    expected = [
+        "loop: [2, 3]",
+        "messages StopAsyncIteration",
+        "call Stopped",
+        "plain: [2, 3]",
+        "reader [[]]",
+        "stopped: -2",
+    ]
+    assert world["restart"].lines == expected
+
+
+@pytest.mark.parametrize("name", ["exit_plain", "exit_loop"])
+def test_an_exit_without_stop_neither_crashes_nor_hangs(world: World, name: str) -> None:
+    assert world[name].wait() == 0, world[name].output
+    assert world[name].lines == ["leaving"]
+
+
+def test_log_lines_go_to_logging_from_a_thread_that_may_call_the_library(world: World) -> None:
+    process = world["log"]
+    assert process.wait() == 0, process.output[-3000:]
+    said = process.lines
+    assert "levels ['DEBUG', 'ERROR', 'INFO', 'WARNING']" in said
+    assert {"same text ['ERROR']", "places True", "none afterwards True"} <= set(said)
+
+
+def test_a_forked_child_leaves_the_library_alone(world: World) -> None:
+    assert world["fork"].wait() == 0, world["fork"].output
+    assert world["fork"].lines == ["child: -1", "status 7", "parent: 2"]
+
+
+def test_without_tipc_the_error_says_why() -> None:
+    environment = {name: value for name, value in os.environ.items() if not name.startswith("TIPCSIM_")}
+    del environment["LD_PRELOAD"]
+    script = """
+import zeb
+try:
+    zeb.run(zeb.App(100, "nobody"))
+except zeb.Error as error:
+    print(error.result, error)
+"""
+    done = subprocess.run([sys.executable, "-c", script], env=environment, capture_output=True, text=True, check=True)
+    assert done.stdout.startswith("-1 ZEB ") and len(done.stdout) > 20, done
