@@ -104,6 +104,11 @@ TEST_F(cpp_call, a_request_is_answered_later_once_and_never_forgotten)
     }
     EXPECT_FALSE(request.fail());
     EXPECT_EQ(told_.take(1), lines_t{"systerm error "});
+    ASSERT_TRUE(client_.call_async(SERVER, zeb::message(SILENT), zeb::forever, tell_outcomes()));
+    {
+        zeb::request dropped = take_kept();
+    }
+    EXPECT_EQ(told_.take(1), lines_t{"systerm error "});
 }
 
 TEST_F(cpp_call, a_function_gets_the_outcomes_in_the_thread_of_the_handlers)

@@ -480,8 +480,7 @@ class runtime
     {
         std::vector<zeb_app_dispatcher_t> table;
         for (const detail::version_row &row : core.rows)
-            table.push_back(
-                {row.version, row.on_message ? detail::core::take_message : nullptr, detail::core::take_call});
+            table.push_back({row.version, detail::core::take_message, detail::core::take_call});
         table.push_back({0, nullptr, nullptr});
         return table;
     }

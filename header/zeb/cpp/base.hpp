@@ -87,6 +87,7 @@ struct address {
     constexpr address(app_id on_all_nodes) noexcept : app(on_all_nodes), node(all_nodes)
     {
     }
+    // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): in the order of an instance
     constexpr address(app_id to_app, node_id on_node) noexcept : app(to_app), node(on_node)
     {
     }
@@ -475,8 +476,7 @@ class function<R(Args...)>
     };
     template <typename F>
     struct holder final : base {
-        template <typename G>
-        explicit holder(G &&object) : object_(std::forward<G>(object))
+        explicit holder(F object) : object_(std::move(object))
         {
         }
         R call(Args... args) override

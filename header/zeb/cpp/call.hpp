@@ -353,6 +353,7 @@ struct core {
             self->guarded([&] { handler(peer); });
     }
 
+    // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): zeb_app_queue_notice_t
     static void take_queue(void *context, std::uint32_t, std::uint32_t num) noexcept
     {
         auto *self = static_cast<core *>(context);
@@ -449,8 +450,7 @@ struct core {
 
 template <typename F>
 struct function_call final : call_node {
-    template <typename G>
-    explicit function_call(G &&object) : run(std::forward<G>(object))
+    explicit function_call(F object) : run(std::move(object))
     {
     }
     void finish(result<replies> outcomes) override
