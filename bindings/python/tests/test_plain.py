@@ -40,6 +40,24 @@ def test_many_threads_share_the_queue(apps: Apps) -> None:
     assert answers == {number: [f"{number} {turn}".encode() for turn in range(25)] for number in range(8)}
 
 
+def test_a_thread_that_leaves_hands_the_queue_over(apps: Apps) -> None:
+    outcomes: list[zeb.Outcome] = []
+    first = threading.Thread(target=lambda: apps.plain.messages().get(timeout=0.3))
+    second = threading.Thread(
+        target=lambda: outcomes.extend(apps.plain.call_blocking(BOTH[1], b"later", version=4, timeout=None)),
+        daemon=True,
+    )
+    first.start()
+    while apps.plain._pumper is None:
+        pass
+    second.start()  # it waits beside the first, which has nothing to take before it leaves
+    first.join()
+    while second.is_alive():
+        apps.handlers.send_blocking(BOTH[1], version=4)
+        second.join(0.01)
+    assert [outcome.data for outcome in outcomes] == [b"later"]
+
+
 def test_handlers_run_in_the_thread_that_dispatches(apps: Apps) -> None:
     apps.handlers.send_blocking(100, b"handled")
     threads: set[int] = set()
