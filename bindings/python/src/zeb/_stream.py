@@ -23,8 +23,8 @@ class EventQueue(collections.deque[Event]):
 
 
 class Stream(Generic[T]):
-    """What arrives, one after the other: for `async for` in a coroutine, and for `for` or get() in a program without a loop. It
-    ends when the library stops."""
+    """What arrives, one after the other: for `async for` in a coroutine, and for `for` or get() in a program without a
+    loop. It ends when the library stops."""
 
     def __init__(self, app: App, items: collections.deque[T]) -> None:
         self._app = app
