@@ -17,7 +17,7 @@ PROGRAMS: dict[str, dict[str, str]] = {
     "exit_plain": {},
     "exit_loop": {},
     "log": {"ZEB_DEBUG": "error,warn,info,verbose"},
-    "fork": {},
+    "fork": {"ZEB_DEBUG": "error"},
 }
 World = dict[str, Process]
 
