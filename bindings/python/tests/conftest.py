@@ -14,6 +14,7 @@ from zeb.testing import Cluster, Process
 HERE = pathlib.Path(__file__).parent
 PROGRAMS: dict[str, dict[str, str]] = {
     "restart": {},
+    "stops": {},
     "exit_plain": {},
     "exit_loop": {},
     "log": {"ZEB_DEBUG": "error,warn,info,verbose"},

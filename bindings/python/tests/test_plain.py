@@ -99,6 +99,11 @@ def test_stop_and_start_again_in_one_process(world: World) -> None:
     assert world["restart"].lines == expected
 
 
+def test_a_handler_and_another_thread_may_stop(world: World) -> None:
+    assert world["stops"].wait() == 0, world["stops"].output
+    assert world["stops"].lines == ["plain handler False", "loop handler [] False", "other thread False"]
+
+
 @pytest.mark.parametrize("name", ["exit_plain", "exit_loop"])
 def test_an_exit_without_stop_neither_crashes_nor_hangs(world: World, name: str) -> None:
     assert world[name].wait() == 0, world[name].output

@@ -113,6 +113,7 @@ class App:
         self._tasks: set[asyncio.Task[None]] = set()
         self._cond = threading.Condition()
         self._running = False
+        self._ran = False  # at any time
         self._pumper: int | None = None  # the thread that pumps without a loop
         self._loop: asyncio.AbstractEventLoop | None = None
         self._loop_thread = 0
@@ -404,7 +405,7 @@ class App:
         self._wake_fd, self._wake = os.pipe2(os.O_CLOEXEC | os.O_NONBLOCK)
         self._inbox.clear()
         self._online.clear()
-        self._running = True
+        self._running = self._ran = True
 
     def _end(self) -> None:
         """The library has stopped: all who wait go on."""
@@ -601,7 +602,7 @@ class App:
         """Blocks until ready(), and pumps when nobody else does. False when the time has passed or the library has
         stopped."""
         self._may_block()
-        if not self._running:
+        if not self._ran:
             raise error(*_NOT_RUNNING)
         looked = False
         with self._cond:
