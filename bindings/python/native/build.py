@@ -16,8 +16,8 @@ import cffi
 
 HERE = pathlib.Path(__file__).resolve().parent
 
-# The names and members that the package uses. The compiler takes layouts and values from the headers (`...`), and says where a
-# type here is not that of the headers.
+# The names and members that the package uses. The compiler takes layouts and values from the headers (`...`), and says
+# where a type here is not that of the headers.
 DECLARATIONS = """
 #define ZEB_SEND_NOWAIT ...
 #define ZEB_SEND_EXCLUDE_SELF ...
@@ -29,7 +29,9 @@ DECLARATIONS = """
 #define ZEBPY_EVENT ...
 #define ZEBPY_DONE ...
 
-typedef struct { uint8_t flag; uint32_t src_node; uint32_t src_app; uint32_t app_ver; int32_t rpc_stat; ...; } zeb_msg_hdr_t;
+typedef struct {
+    uint8_t flag; uint32_t src_node; uint32_t src_app; uint32_t app_ver; int32_t rpc_stat; ...;
+} zeb_msg_hdr_t;
 typedef struct { zeb_msg_hdr_t hdr; ...; } zeb_msg_t;
 typedef struct { int num; zeb_msg_t *msg[...]; ...; } zeb_reply_msg_t;
 typedef struct { uint32_t phase; uint32_t server; uint64_t since; ...; } zeb_peer_state_t;
@@ -60,7 +62,8 @@ void zeb_del_node_mcast(uint32_t src_app, uint32_t mc_node, uint32_t del_node);
 void zeb_destroy_node_mcast(uint32_t src_app, uint32_t mc_node);
 
 typedef struct {
-    int kind; zeb_msg_t *msg; uint32_t event; uint32_t event_app; uint32_t event_node; uint64_t token; zeb_reply_msg_t replies; ...;
+    int kind; zeb_msg_t *msg; uint32_t event; uint32_t event_app; uint32_t event_node; uint64_t token;
+    zeb_reply_msg_t replies; ...;
 } zebpy_item_t;
 int zebpy_register(uint32_t app, const char *name, const uint32_t *versions, int num, uint32_t queue_notice);
 int zebpy_take(uint32_t app, zebpy_item_t *items, int max);

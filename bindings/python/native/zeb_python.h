@@ -43,7 +43,8 @@ int zebpy_call(uint32_t app, uint32_t node, uint32_t to, uint32_t version, const
 int zebpy_reply(const zeb_msg_t *request, const char *data, size_t size);
 
 /* Log lines. The library's handler runs in any thread, with locks of the library held. It must not take the
- * interpreter's lock: the thread that has it may be about to wait for a lock of the library, and neither would go on.
+ * interpreter's lock, or one of Python's logging: the thread that has it may wait for a lock of the library, and
+ * neither would go on.
  * So the handler writes each line into the pipe `fd` and never waits: where the pipe is full, the line is counted as
  * lost. A Python thread reads the other end. A forked child writes nothing: the pipe is its parent's.
  *

@@ -1,5 +1,6 @@
-"""This process is node 1 of a cluster (tests/run), with applications for all tests. Servers run on nodes 2 and 3. What needs a
-process of its own is started with the first test, so that all their joins pass at the same time, and looked at later."""
+"""This process is node 1 of a cluster (tests/run), with applications for all tests. Servers run on nodes 2 and 3. What
+needs a process of its own is started with the first test, so that all their joins pass at the same time, and looked at
+later."""
 
 import os
 import pathlib
@@ -13,10 +14,11 @@ from zeb.testing import Cluster, Process
 HERE = pathlib.Path(__file__).parent
 PROGRAMS: dict[str, dict[str, str]] = {
     "restart": {},
+    "stops": {},
     "exit_plain": {},
     "exit_loop": {},
     "log": {"ZEB_DEBUG": "error,warn,info,verbose"},
-    "fork": {},
+    "fork": {"ZEB_DEBUG": "error"},
 }
 World = dict[str, Process]
 

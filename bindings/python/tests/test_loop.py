@@ -123,6 +123,7 @@ async def test_cancelling_a_task_cancels_its_call(apps: Apps, monkeypatch: pytes
 
 
 async def test_events_begin_with_those_who_are_there_and_a_quit_ends_calls(apps: Apps, here: Cluster) -> None:
+    await apps.loop.call(100, timeout=30)  # both have joined, and their joins were taken before these outcomes
     events = apps.loop.events()
     assert sorted([await others(events), await others(events)], key=lambda event: event.peer) == [
         zeb.Event(zeb.EventType.JOIN, peer) for peer in BOTH

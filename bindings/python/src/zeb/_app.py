@@ -1,11 +1,12 @@
 """An application: what it takes, sends and asks, for programs with an event loop and for those without.
 
-Every application is a polled one: the library queues what arrives, and somebody takes it off the queue, here called pumping. With
-an event loop that is the loop's thread, told by the descriptor. Without one it is whichever thread waits for something: one of
-those that wait pumps for all of them, and hands over when it has what it came for.
+Every application is a polled one: the library queues what arrives, and somebody takes it off the queue, here called
+pumping. With an event loop that is the loop's thread, told by the descriptor. Without one it is whichever thread waits
+for something: one of those that wait pumps for all of them, and hands over when it has what it came for.
 
-What is not pumped stays in the library's queue, and holds its senders back after a while. So a loop stops pumping while `backlog`
-messages wait for the program; but never while a call of its own is in progress, whose end comes through the same queue.
+What is not pumped stays in the library's queue, and holds its senders back after a while. So a loop stops pumping while
+`backlog` messages wait for the program; but never while a call of its own is in progress, whose end comes through the
+same queue.
 
 `_cond` guards what threads share. It is never held during a call of the library, nor while a handler runs."""
 
@@ -59,6 +60,7 @@ Node = Union[int, NodeGroup, None]
 H = TypeVar("H", MessageHandler, CallHandler, EventHandler)
 
 ITEMS_PER_TURN = 16  # of the library's queue in one turn of a loop
+LEAVE_LIMIT = 10  # seconds, for a loop in another thread to leave the run that has ended
 WAIT_SLICE = 0.5  # seconds after which a wait in a thread looks whether its task was cancelled
 
 _logger = logging.getLogger("zeb.python")
@@ -66,7 +68,8 @@ _tokens = itertools.count(1)
 
 
 class _Call:
-    """A call in progress. `finish` is called once, with its outcomes or an error's result, by the thread that pumps or stops."""
+    """A call in progress. `finish` is called once, with its outcomes or an error's result, by the thread that pumps or
+    stops."""
 
     __slots__ = ("finish", "number")
 
@@ -76,13 +79,13 @@ class _Call:
 
 
 class App:
-    """An application of this process. It is registered by zeb.run(app, ...), or by `with app:` or `async with app:`, which run the
-    library with this one application and stop it.
+    """An application of this process. It is registered by zeb.run(app, ...), or by `with app:` or `async with app:`,
+    which run the library with this one application and stop it.
 
     app       its id: 1..8191 or 16384..20479
     name      for listings; cut to 31 bytes
-    versions  the message versions that come through messages(). Those with a handler are added. An application without any is a
-              client: it can send and call, but is never a destination
+    versions  the message versions that come through messages(). Those with a handler are added. An application without
+              any is a client: it can send and call, but is never a destination
     peers     the applications that it talks to. They must name it too
     backlog   with an event loop: no more is taken off the library's queue while so many messages wait for the program
     queue_notice  more items than this in the library's queue give a line in the log; 0: none
@@ -110,6 +113,7 @@ class App:
         self._tasks: set[asyncio.Task[None]] = set()
         self._cond = threading.Condition()
         self._running = False
+        self._ran = False  # at any time
         self._pumper: int | None = None  # the thread that pumps without a loop
         self._loop: asyncio.AbstractEventLoop | None = None
         self._loop_thread = 0
@@ -153,16 +157,16 @@ class App:
     ) -> None:
         _library.stop()
 
-    # Handlers. They run where the application is pumped, one after the other; one that is a coroutine function runs as a task. An
-    # exception goes to the logger "zeb.python", and a call is then refused.
+    # Handlers. They run where the application is pumped, one after the other; one that is a coroutine function runs as
+    # a task. An exception goes to the logger "zeb.python", and a call is then refused.
 
     def on_message(self, version: int) -> Callable[[MessageHandler], MessageHandler]:
         """Decorator: the function gets the one-way messages of a version. Before the application runs."""
         return self._handler(self._message_handlers, version)
 
     def on_call(self, version: int) -> Callable[[CallHandler], CallHandler]:
-        """Decorator: the function gets the calls of a version, and returns the body of the reply. When it returns None, it has
-        replied, or will."""
+        """Decorator: the function gets the calls of a version, and returns the body of the reply. When it returns None,
+        it has replied, or will."""
         return self._handler(self._call_handlers, version)
 
     def on_event(self, function: EventHandler) -> EventHandler:
@@ -186,16 +190,17 @@ class App:
         return Stream(self, self._inbox)
 
     def events(self) -> Stream[Event]:
-        """The joins and quits of peers, from now on; first, a join of each that is online already. Of several applications of this
-        process that name one peer, the library tells one. An application with versions is its own peer, too."""
+        """The joins and quits of peers, from now on; first, a join of each that is online already. Of several
+        applications of this process that name one peer, the library tells one. An application with versions is its own
+        peer, too."""
         with self._cond:
             queue = EventQueue(Event(EventType.JOIN, peer) for peer in self._online)
             self._event_queues.add(queue)
         return Stream(self, queue)
 
     def dispatch(self, timeout: float | None = 0) -> bool:
-        """For a program without a loop that has handlers: waits until something has arrived, and runs the handlers. False when the
-        time has passed, or the library has stopped."""
+        """For a program without a loop that has handlers: waits until something has arrived, and runs the handlers.
+        False when the time has passed, or the library has stopped."""
         before = self._turns
         return self._wait(lambda: self._turns != before, deadline_of(timeout))
 
@@ -206,7 +211,8 @@ class App:
     async def send(
         self, to: To, data: Data = b"", *, version: int = 1, node: Node = None, exclude_self: bool = False
     ) -> None:
-        """Sends a message. Waits, in a thread of its own, while a destination has too many that it has not processed."""
+        """Sends a message. Waits, in a thread of its own, while a destination has too many that it has not
+        processed."""
         self._attach()
         await in_thread(self._send, to, data, version, node, lib.ZEB_SEND_EXCLUDE_SELF if exclude_self else 0)
 
@@ -220,7 +226,8 @@ class App:
     def send_nowait(
         self, to: To, data: Data = b"", *, version: int = 1, node: Node = None, exclude_self: bool = False
     ) -> None:
-        """The same without any wait. WouldBlock: nothing was sent. Another Error with result -1: not all instances got it."""
+        """The same without any wait. WouldBlock: nothing was sent. Another Error with result -1: not all instances got
+        it."""
         flags = lib.ZEB_SEND_NOWAIT | (lib.ZEB_SEND_EXCLUDE_SELF if exclude_self else 0)
         self._send(to, data, version, node, flags)
 
@@ -228,8 +235,8 @@ class App:
         app, where = _address(to, node)
         check(lib.zebpy_send(self.id, where, app, version, *view_of(data), flags))
 
-    # Calls. The request goes to the same instances as a message would, and each has an outcome. A group of applications needs a
-    # node, or a group of nodes.
+    # Calls. The request goes to the same instances as a message would, and each has an outcome. A group of applications
+    # needs a node, or a group of nodes.
 
     async def call(
         self,
@@ -241,8 +248,8 @@ class App:
         node: Node = None,
         exclude_self: bool = False,
     ) -> list[Outcome]:
-        """Asks, and gives the outcomes when the last has come or `timeout` seconds have passed (None: no limit). Cancelling the
-        task cancels the call. Writing the request waits while TIPC is congested."""
+        """Asks, and gives the outcomes when the last has come or `timeout` seconds have passed (None: no limit).
+        Cancelling the task cancels the call. Writing the request waits while TIPC is congested."""
         future: asyncio.Future[list[Outcome]] = self._attach().create_future()
 
         def finish(outcomes: list[Outcome] | None, failure: int) -> None:
@@ -323,7 +330,8 @@ class App:
     async def wait_online(
         self, peer: int, *, node: int | None = None, count: int = 1, timeout: float | None = None
     ) -> None:
-        """Waits until servers of `peer` are online: on `node`, or on `count` nodes at least. TimedOut when they are not in time."""
+        """Waits until servers of `peer` are online: on `node`, or on `count` nodes at least. TimedOut when they are not
+        in time."""
         self._attach()
         cancelled = threading.Event()
         try:
@@ -370,7 +378,8 @@ class App:
     # Groups.
 
     def group(self, apps: Iterable[int] = ()) -> AppGroup:
-        """A group of applications, up to 16, to send to and call. It lasts until its `destroy` or the end of its `with`."""
+        """A group of applications, up to 16, to send to and call. It lasts until its `destroy` or the end of its
+        `with`."""
         return AppGroup(self.id, apps)
 
     def node_group(self, nodes: Iterable[int] = ()) -> NodeGroup:
@@ -385,15 +394,18 @@ class App:
         check(lib.zebpy_register(self.id, name, versions, len(versions), self.queue_notice))
 
     def _start(self) -> None:
-        """After the registration. The copy of the descriptor stays valid when the library closes its own, so a loop or a thread
-        may look at it until it learns of the stop."""
+        """After the registration. The copy of the descriptor stays valid when the library closes its own, so a loop or
+        a thread may look at it until it learns of the stop."""
         for peer in self.peers:
             check(lib.zeb_comm_with(self.id, peer))
+        with self._cond:
+            if not self._cond.wait_for(lambda: self._fd < 0, LEAVE_LIMIT):
+                raise RuntimeError(f"{self!r}: the event loop of the former run does not turn, and is not closed")
         self._fd = os.dup(check(lib.zeb_app_fd(self.id)))
         self._wake_fd, self._wake = os.pipe2(os.O_CLOEXEC | os.O_NONBLOCK)
         self._inbox.clear()
         self._online.clear()
-        self._running = True
+        self._running = self._ran = True
 
     def _end(self) -> None:
         """The library has stopped: all who wait go on."""
@@ -425,6 +437,7 @@ class App:
             for descriptor in self._fd, self._wake_fd, self._wake:
                 os.close(descriptor)
             self._fd = self._wake_fd = self._wake = -1
+            self._cond.notify_all()
 
     def _attach(self) -> asyncio.AbstractEventLoop:
         """The running loop, which pumps from now on."""
@@ -486,7 +499,8 @@ class App:
             self._look()
 
     def _pump(self) -> int:
-        """Takes what is there, up to ITEMS_PER_TURN, and hands it on. A handler that waits for something may come here again."""
+        """Takes what is there, up to ITEMS_PER_TURN, and hands it on. A handler that waits for something may come here
+        again."""
         if not self._taking.acquire(blocking=False):
             return 0  # a loop has just begun to pump, and a thread has not yet ended
         try:
@@ -585,9 +599,10 @@ class App:
             raise RuntimeError("this would block the event loop: await the call without _blocking")
 
     def _wait(self, ready: Callable[[], bool], deadline: float) -> bool:
-        """Blocks until ready(), and pumps when nobody else does. False when the time has passed or the library has stopped."""
+        """Blocks until ready(), and pumps when nobody else does. False when the time has passed or the library has
+        stopped."""
         self._may_block()
-        if not self._running:
+        if not self._ran:
             raise error(*_NOT_RUNNING)
         looked = False
         with self._cond:

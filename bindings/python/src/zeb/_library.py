@@ -43,8 +43,8 @@ class Running:
 
 
 def run(*apps: App) -> Running:
-    """Registers the applications and starts the library. Peers see them about a second later. All applications of a process start
-    together: there is no other run before stop()."""
+    """Registers the applications and starts the library. Peers see them about a second later. All applications of a
+    process start together: there is no other run before stop()."""
     global _pid
     with _lock:
         _log.log_by_default()
@@ -64,8 +64,8 @@ def run(*apps: App) -> Running:
 
 
 def stop() -> None:
-    """Ends the library in this process: peers see the quits. Calls and waits in progress fail with Stopped, and streams end. Without
-    effect when it does not run. A program that ends without it is stopped by the interpreter's exit."""
+    """Ends the library in this process: peers see the quits. Calls and waits in progress fail with Stopped, and streams
+    end. Without effect when it does not run. A program that ends without it is stopped by the interpreter's exit."""
     with _lock:
         _stop()
 
@@ -90,4 +90,4 @@ def _at_exit() -> None:
     """Threads of the program may still be inside calls: the stop ends these, and the threads."""
     _types.exiting = True
     stop()
-    _log.log_to(None)
+    _log.end()

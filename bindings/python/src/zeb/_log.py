@@ -1,9 +1,9 @@
 """The library's log lines, as records of `logging`.
 
-The library hands a line to its handler in any of its threads, with its locks held. Python must not run there: it would wait for
-the interpreter's lock, whose owner may be about to wait for a lock of the library. So the handler is C, puts the line into a pipe
-and never waits (native/zeb_python.c); the thread here reads the pipe, holds no lock of the library and may wait as it likes. A
-handler of `logging` may even call the library."""
+The library hands a line to its handler in any of its threads, with its locks held. Python must not run there. It would
+wait for the interpreter's lock, or for one of `logging`, whose owner may wait for a lock of the library, and neither
+would go on. So the handler is C, puts the line into a pipe and never waits (native/zeb_python.c). The thread here reads
+the pipe, holds no lock of the library and may wait as it likes. A handler of `logging` may even call the library."""
 
 from __future__ import annotations
 
@@ -27,6 +27,7 @@ _chosen = False  # whether the program has said where lines go, or that they go 
 class _Bridge:
     def __init__(self, logger: logging.Logger) -> None:
         self.logger = logger
+        self.pid = os.getpid()
         self._input, self._output = os.pipe2(os.O_CLOEXEC)
         os.set_blocking(self._output, False)
         _widen(self._output)
@@ -92,9 +93,9 @@ def _widen(descriptor: int) -> None:
 
 
 def log_to(logger: logging.Logger | None) -> None:
-    """From now on the library's log lines go to `logger` too; None: to no logger. Without a call, they go to the logger "zeb" from
-    the first run on. Which lines there are is said by the library's masks: the configuration file, or ZEB_DEBUG=error,warn,info
-    in the environment. When this returns, lines that came before are logged."""
+    """From now on the library's log lines go to `logger` too; None: to no logger. Without a call, they go to the logger
+    "zeb" from the first run on. Which lines there are is said by the library's masks: the configuration file, or
+    ZEB_DEBUG=error,warn,info in the environment. When this returns, lines that came before are logged."""
     global _bridge, _chosen
     with _lock:
         _chosen = True
@@ -103,6 +104,12 @@ def log_to(logger: logging.Logger | None) -> None:
             former.stop()
         if logger is not None:
             _bridge = _Bridge(logger)
+
+
+def end() -> None:
+    """At the interpreter's exit. A forked child has neither the thread nor, in the library, a handler that writes."""
+    if _bridge is not None and _bridge.pid == os.getpid():
+        log_to(None)
 
 
 def log_by_default() -> None:

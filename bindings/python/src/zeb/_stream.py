@@ -23,13 +23,12 @@ class EventQueue(collections.deque[Event]):
 
 
 class Stream(Generic[T]):
-    """What arrives, one after the other: for `async for` in a coroutine, and for `for` or get() in a program without a loop. It
-    ends when the library stops."""
+    """What arrives, one after the other: for `async for` in a coroutine, and for `for` or get() in a program without a
+    loop. It ends when the library stops."""
 
     def __init__(self, app: App, items: collections.deque[T]) -> None:
         self._app = app
         self._items = items
-        self._begun = False
 
     def __aiter__(self) -> AsyncIterator[T]:
         return self
@@ -64,9 +63,8 @@ class Stream(Generic[T]):
                     return None
 
     def _ended(self) -> bool:
-        """Whether there was a run, and it is over. Before it there is nothing to wait for, and that is an error."""
-        self._begun = self._begun or self._app.running
-        return self._begun and not self._app.running
+        """Whether there was a run, and it is over. Before the first there is nothing to wait for: an error."""
+        return self._app._ran and not self._app.running
 
     def _pop(self) -> T:
         item = self._items.popleft()

@@ -19,8 +19,8 @@ _MISMATCH = struct.Struct("=II")  # the lowest and the highest version, in the s
 class Error(OSError):
     """A call of the library failed. `str()` says why, in the words of the library's log.
 
-    `result` is the library's own: a negative errno, or -1 where a socket or a system call failed. `errno` is the same without its
-    sign."""
+    `result` is the library's own: a negative errno, or -1 where a socket or a system call failed. `errno` is the same
+    without its sign."""
 
     def __init__(self, result: int, text: str) -> None:
         super().__init__(-result, text)
@@ -66,7 +66,8 @@ exiting = False  # the interpreter is ending
 
 
 def error(result: int, text: str = "") -> Error:
-    """The exception for a result. When the interpreter ends, a daemon thread that is in a call ends without a word instead."""
+    """The exception for a result. When the interpreter ends, a daemon thread that is in a call ends without a word
+    instead."""
     if exiting and result == -errno.ESHUTDOWN and threading.current_thread() is not threading.main_thread():
         raise SystemExit
     return _ERRORS.get(result, Error)(result, text or text_of(lib.zeb_strerror(result)))
@@ -159,7 +160,8 @@ class Phase(enum.IntEnum):
 
 @dataclasses.dataclass(frozen=True)
 class PeerState:
-    """How far an instance is. `server`: sends and calls reach it. `since`: seconds of time.monotonic(), None when unknown."""
+    """How far an instance is. `server`: sends and calls reach it. `since`: seconds of time.monotonic(), None when
+    unknown."""
 
     phase: Phase
     server: bool

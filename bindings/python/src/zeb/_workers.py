@@ -1,7 +1,7 @@
 """Threads for the calls that block, so that an event loop does not.
 
-concurrent.futures will not do: the interpreter waits for its threads at exit, and a send that waits for a peer would keep it
-there. These are daemon threads. What they wait for ends with zeb_stop, which runs at exit too."""
+concurrent.futures will not do: the interpreter waits for its threads at exit, and a send that waits for a peer would
+keep it there. These are daemon threads. What they wait for ends with zeb_stop, which runs at exit too."""
 
 from __future__ import annotations
 

@@ -1,7 +1,7 @@
 """A cluster on this machine for tests, with processes that are started, watched and harmed.
 
-The simulator `tipcsim` makes the nodes and links; TIPCSIM names it when it is not in the PATH. With pytest, a test that has an
-argument `cluster` gets a cluster of its own, which is gone after the test with all its processes:
+The simulator `tipcsim` makes the nodes and links; TIPCSIM names it when it is not in the PATH. With pytest, a test that
+has an argument `cluster` gets a cluster of its own, which is gone after the test with all its processes:
 
     def test_it_answers(cluster):
         server = cluster.python(1, "server.py")
@@ -72,7 +72,8 @@ class Process:
         self._popen.stdin.flush()
 
     def expect(self, what: str | re.Pattern[str], timeout: float = TIMEOUT) -> str:
-        """Waits for a line that has this text, or matches the pattern, after the one that was found before. Returns the line."""
+        """Waits for a line that has this text, or matches the pattern, after the one that was found before. Returns the
+        line."""
         deadline = time.monotonic() + timeout
         with self._changed:
             while True:
