@@ -97,9 +97,8 @@ static void step_acknowledge()
 }
 
 // A whole handshake.
-static void step_join()
+static void join(const peer_t &from)
 {
-    peer_t from = pick_peer();
     struct tipc_event event;
     memset(&event, 0, sizeof(event));
     event.event = TIPC_PUBLISHED;
@@ -108,6 +107,11 @@ static void step_join()
     uint32_t seq = peers::pending_seq(from.app, from.peer, from.node);
     receive(from, wire::SYNC, wire::sync_inst(9, peers::PID, 1, 0));
     receive(from, wire::SYNC, wire::sync_seq_ack(seq, peers::PID, 1, 9));
+}
+
+static void step_join()
+{
+    join(pick_peer());
 }
 
 static void step_topology_event()
@@ -407,6 +411,13 @@ static void step_name()
     (void)zeb_comm_with(world::POLLED, pick(PEERS));
 }
 
+static void step_join_polled()
+{
+    uint32_t peer = pick(PEERS);
+    (void)zeb_comm_with(world::POLLED, peer);
+    join({world::POLLED, peer, pick(NODES)});
+}
+
 static void step_look()
 {
     zeb_handshake_look();
@@ -422,8 +433,8 @@ static void step_stop()
 }
 
 static void (*const s_ext_steps[])() = {
-    step_call_async, step_call_async, step_cancel, step_time_out, step_serve_calls, step_dispatch,
-    step_dispatch,   step_ask,        step_name,   step_name,     step_look,        step_stop,
+    step_call_async, step_call_async, step_cancel, step_time_out,    step_serve_calls, step_dispatch,
+    step_dispatch,   step_ask,        step_name,   step_join_polled, step_look,        step_stop,
 };
 
 // The steps above hang on a rare one, so that the inputs that are kept mean what they meant.

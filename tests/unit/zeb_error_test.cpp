@@ -466,8 +466,8 @@ TEST_F(zeb_error_said, a_name_that_another_socket_has_had_first_is_an_error_of_e
         EXPECT_EQ(published_by(APP, 5, 0), lines_t({"3 ZEB app 100/7 is published by another socket, <0x0:5>."}));
         EXPECT_EQ(published_by(APP, 6, 0), lines_t());
         EXPECT_EQ(published_by(PEER, 6, 0), lines_t()) << "none of ours";
-        EXPECT_EQ(published_by(101, 5, 0x1001),
-                  lines_t({"3 ZEB app 101/7 is published by another socket, <0x1001:5>."}));
+        EXPECT_EQ(published_by(101, 0, 0x1001),
+                  lines_t({"3 ZEB app 101/7 is published by another socket, <0x1001:0>."}));
     });
     EXPECT_EQ(text,
               "zeb: another process of node 7 has registered application 100 already: end one of them, or give it "

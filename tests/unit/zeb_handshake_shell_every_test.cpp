@@ -169,8 +169,11 @@ TEST_F(zeb_every_subscriber, a_late_one_gets_the_joins_of_servers_that_are_onlin
     ASSERT_EQ(zeb_comm_with(SECOND, PEER), 0);
     EXPECT_EQ(take_story(), lines_t()) << "the receive thread brings them";
     EXPECT_EQ(take_timers(ZEB_TIMER_TYPE_WAKE).size(), 1u);
+    zeb_fc_update_sent_ok(SECOND, {PEER, 3}); // it may send already
     timer_expires(ZEB_TIMER_TYPE_WAKE, 0);
     EXPECT_EQ(take_story(), lines_t({"101 join 200/3", "101 join 200/4"}));
+    EXPECT_THAT(listing(zeb_cli_print_fc_stat, SECOND),
+                testing::HasSubstr("Send to application 200/3: send 1, unack 1, reject 0,"));
     timer_expires(ZEB_TIMER_TYPE_WAKE, 0);
     EXPECT_EQ(take_story(), lines_t());
     peer_withdrawn(4);

@@ -343,7 +343,7 @@ TEST_F(zeb_rpc_async_test, threads_that_draw_at_once_draw_different_numbers)
             (void)zeb_get_seq(); // as every send does
     });
     on_threads([&](size_t i) {
-        for (int n = 0; n < 20000; n++)
+        for (int n = 0; n < 100000; n++)
             drawn[i].push_back(zeb_rpc_async_number());
     });
     end = true;
@@ -351,7 +351,7 @@ TEST_F(zeb_rpc_async_test, threads_that_draw_at_once_draw_different_numbers)
     std::set<uint32_t> all;
     for (const std::vector<uint32_t> &numbers : drawn)
         all.insert(numbers.begin(), numbers.end());
-    EXPECT_EQ(all.size(), 80000u);
+    EXPECT_EQ(all.size(), 400000u);
 }
 
 TEST_F(zeb_rpc_async_test, calls_that_begin_at_once_are_cancelled_each_by_its_number)
