@@ -46,6 +46,15 @@ static inline bool zeb_app_set_add(zeb_app_set_t *set, uint32_t node)
     return true;
 }
 
+// Makes the set that of one node 0..65535.
+static inline void zeb_app_set_one(zeb_app_set_t *set, uint32_t node)
+{
+    uint32_t word = node / 64;
+    set->blocks = 1u << (word / 64);
+    set->used[word / 64] = 1ull << (word % 64);
+    set->bmp[word] = 1ull << (node % 64);
+}
+
 static inline void zeb_app_set_del(zeb_app_set_t *set, uint32_t node)
 {
     if (!zeb_app_set_test(set, node))

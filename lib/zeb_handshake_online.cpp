@@ -38,6 +38,11 @@ static bool has_server(const zeb_ol_app_t *ol)
     return found;
 }
 
+static bool is_server_on(const zeb_ol_app_t *ol, uint32_t node)
+{
+    return zeb_app_set_test(&ol->srv_bmp, node) && zeb_app_set_test(&ol->ol_bmp, node);
+}
+
 bool zeb_hs_get_app_server_on(const zeb_handshake_t *hs, uint32_t app, const uint32_t *nodes, int num,
                               zeb_app_set_t *ol_srv)
 {
@@ -45,8 +50,12 @@ bool zeb_hs_get_app_server_on(const zeb_handshake_t *hs, uint32_t app, const uin
     const zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, app);
     if (ol == nullptr)
         return false;
+    if (num == 1 && is_server_on(ol, nodes[0])) { // the common case
+        zeb_app_set_one(ol_srv, nodes[0]);
+        return true;
+    }
     for (int i = 0; i < num; i++) {
-        if (zeb_app_set_test(&ol->srv_bmp, nodes[i]) && zeb_app_set_test(&ol->ol_bmp, nodes[i]))
+        if (is_server_on(ol, nodes[i]))
             (void)zeb_app_set_add(ol_srv, nodes[i]);
     }
     return ol_srv->blocks != 0 || has_server(ol);

@@ -602,11 +602,8 @@ void zeb_process_return_sync(zeb_msg_t *msg)
     zeb_handshake_event([&](zeb_handshake_t *hs) { zeb_hs_ack_returned(hs, ack); });
 }
 
-// Every send calls this. In the common case there is no returned acknowledgement, and no lock is needed.
-void zeb_del_reject_sync_inst_ack(uint32_t src_app, zeb_inst_t dst) ZEB_NO_THREAD_SAFETY_ANALYSIS
+void zeb_del_reject_acks(uint32_t src_app, zeb_inst_t dst)
 {
-    if (g_zeb_handshake.sync_inst_ack_num.load(std::memory_order_relaxed) == 0)
-        return;
     zeb_scoped_lock lock(&g_lib_mutex);
     zeb_hs_del_reject_acks(&g_zeb_handshake, src_app, dst);
 }

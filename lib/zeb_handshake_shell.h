@@ -77,7 +77,14 @@ void zeb_notify_app_join(uint32_t my_app, zeb_inst_t peer);
 // Returned acknowledgements. The time to live of `msg` is counted down; while it lasts, a copy is sent again after a
 // second. Traffic to or from the peer makes the copies unnecessary.
 void zeb_process_return_sync(zeb_msg_t *msg);
-void zeb_del_reject_sync_inst_ack(uint32_t src_app, zeb_inst_t dst);
+void zeb_del_reject_acks(uint32_t src_app, zeb_inst_t dst);
+
+// Every send calls this. In the common case there is no returned acknowledgement, and no lock is needed.
+static inline void zeb_del_reject_sync_inst_ack(uint32_t src_app, zeb_inst_t dst) ZEB_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (g_zeb_handshake.sync_inst_ack_num.load(std::memory_order_relaxed) != 0)
+        zeb_del_reject_acks(src_app, dst);
+}
 
 // Timers. `timeout` is in seconds. Returns -1 when the timer cannot be started, and else 0, also for a retry timer
 // while one is running.

@@ -20,7 +20,7 @@ bool zeb_check_src_app(uint32_t src_app)
     return false;
 }
 
-static int zeb_check_send_arg(uint32_t src_app, const zeb_msg_t *msg)
+static inline int zeb_check_send_arg(uint32_t src_app, const zeb_msg_t *msg)
 {
     if (!zeb_check_src_app(src_app))
         return -EINVAL;
@@ -98,6 +98,8 @@ zeb_member_t zeb_get_member_servers(const zeb_dst_t *dst, uint32_t member, zeb_a
 
 static bool zeb_has_app_node_server(const zeb_dst_t *dst)
 {
+    if ((dst->flags & ZEB_SEND_EXCLUDE_SELF) == 0)
+        return dst->servers.blocks != 0; // it holds servers on the chosen nodes alone
     for (int i = 0; i < dst->node_num; i++) {
         if (zeb_app_set_test(&dst->servers, dst->nodes.mbr[i]))
             return true;
@@ -204,6 +206,11 @@ static int send_instance(const zeb_dst_t *dst, zeb_msg_t *msg, zeb_inst_t to)
 // Writes the message to every instance. Returns the number of attempts; `ret` becomes -1 when one fails.
 static int send_all(zeb_dst_t *dst, zeb_msg_t *msg, int *ret)
 {
+    if (dst->servers_fresh && !dst->all_nodes && dst->node_num == 1) { // the common case: flow control has found it
+        if (send_instance(dst, msg, {dst->apps.mbr[0], dst->nodes.mbr[0]}) != 0)
+            *ret = -1;
+        return 1;
+    }
     int tried = 0;
     for (int i = 0; i < dst->app_num; i++) {
         uint32_t member = dst->apps.mbr[i];
