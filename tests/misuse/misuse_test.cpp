@@ -135,10 +135,9 @@ TEST_F(misuse, a_kernel_without_tipc)
         "supported by protocol.\n");
 }
 
+#if !defined(__SANITIZE_THREAD__) // its heap does not look
 #if defined(__SANITIZE_ADDRESS__)
 constexpr char FREED_TWICE[] = "ERROR: AddressSanitizer: attempting double-free";
-#elif defined(__SANITIZE_THREAD__)
-constexpr char FREED_TWICE[] = "WARNING: ThreadSanitizer: heap-use-after-free";
 #else
 constexpr char FREED_TWICE[] = "free(): double free detected";
 #endif
@@ -147,3 +146,4 @@ TEST_F(misuse, a_message_that_is_freed_twice)
 {
     EXPECT_THAT(output(MISUSE " free_twice"), HasSubstr(FREED_TWICE));
 }
+#endif
