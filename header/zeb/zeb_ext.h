@@ -27,7 +27,9 @@ extern "C" {
 const char *zeb_strerror(int result);
 
 /* Why this thread's last failed call failed: the text of the log line that says so, without its prefix and line end,
- * whatever the masks are. Look at it only after a call that failed, before this thread's next call.
+ * whatever the masks are. Failures that a program may meet in a loop have a text of their own, which is no log line:
+ * the log of a send or a call that finds no server (-ENOENT) has a VERBOSE line that says less. Look at the text only
+ * after a call that failed, before this thread's next call.
  *
  * A failure sets it. Registering, zeb_unregister, zeb_stop, zeb_comm_with, zeb_cfg_init and the group calls empty it
  * first, so after one of these the empty text says that it succeeded, also for the calls that return nothing. A send,
@@ -146,6 +148,10 @@ int zeb_app_fd(uint32_t app);
  * Callbacks of one application run one at a time, so only one thread dispatches at once; which one may change. A
  * callback may make every call but zeb_stop, also zeb_dispatch for another application.
  *
+ * Items that run no callback count too: a request of a version without a row, which the library itself answers with
+ * ZEB_APP_MISMATCH, a message that no row or no function takes, and a completed call that was cancelled meanwhile. So
+ * the result may be more than the number of callbacks that ran.
+ *
  * Returns the number of items, 0 when there were none; -ENOENT when `app` is not registered here; -EINVAL when it is
  * not polled, or for a bad `max`; -EBUSY when another thread dispatches for it, or one of its own callbacks tries to.
  */
@@ -165,8 +171,8 @@ void *zeb_msg_data(zeb_msg_t *msg);
 uint32_t zeb_msg_size(const zeb_msg_t *msg);
 
 /* Releases the messages that a call has left in its reply buffer, and empties the buffer. The buffer itself stays the
- * caller's. An entry that is null is skipped, so a message can be kept by setting its entry to null first. Null is
- * ignored. */
+ * caller's. An entry that is null is skipped, so a message can be kept by setting its entry to null first; all entries
+ * are looked at, whatever `num` is. Null is ignored. */
 void zeb_reply_free(zeb_reply_msg_t *reply);
 
 /* The text of a reply status (zeb_reply_stat_t), as log lines show it, and an empty one for any other number. Constant,
@@ -234,8 +240,9 @@ int zeb_wait_online(uint32_t app, uint32_t peer, uint32_t node, uint32_t count, 
  * call     the number that zeb_rpc_async gave
  * replies  one message for each instance, as in the buffer of zeb_rpc: replies in the order of their arrival, then
  *          time-outs in the order of asking. The library owns it and frees it afterwards with the messages that are
- *          still in it. To keep a message, set its entry to null; it is then the function's, and released with free()
- *          or zeb_msg_free()
+ *          still in it. To keep a message, set its own entry to null; it is then the function's, and released with
+ *          free() or zeb_msg_free(). Setting `num` to 0 keeps nothing: the library looks at every entry, whatever
+ *          `num` says, and frees what is not null
  * context  as it was given */
 typedef void (*zeb_call_done_fun_t)(uint32_t call, zeb_reply_msg_t *replies, void *context);
 

@@ -90,6 +90,26 @@ TEST(cpp_app, messages_go_there_and_back_and_events_come)
     EXPECT_EQ(told.take(1), lines_t{"quit 2"});
 }
 
+TEST(cpp_app, each_of_two_that_ask_for_it_gets_the_join_and_the_quit_of_one_peer)
+{
+    story told;
+    peer_process other;
+    zeb::runtime runtime;
+    for (uint32_t app : {CLIENT, SERVER}) {
+        zeb::app_options options(app, "subscriber");
+        auto tell = [&told, app](const char *what, zeb::instance who) {
+            told.tell(std::to_string(app) + what + std::to_string(who.app));
+        };
+        options.on_join([tell](zeb::instance who) { tell(" join ", who); });
+        options.on_quit([tell](zeb::instance who) { tell(" quit ", who); });
+        (void)runtime.add(std::move(options).every_subscriber().peers({PEER})).value();
+    }
+    runtime.run();
+    EXPECT_THAT(told.take(2), testing::UnorderedElementsAre("400 join 402", "401 join 402"));
+    other.end();
+    EXPECT_THAT(told.take(2), testing::UnorderedElementsAre("400 quit 402", "401 quit 402"));
+}
+
 TEST(cpp_app, what_a_handler_throws_goes_to_on_exception_and_the_application_goes_on)
 {
     story told;

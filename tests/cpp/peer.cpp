@@ -19,7 +19,7 @@ static int run_peer()
     zeb::request kept;
     zeb::runtime runtime;
     zeb::app_options options(PEER, "peer");
-    options.peers({CLIENT});
+    options.peers({CLIENT, SERVER});
     options.on_message(ECHO, [&peer](zeb::message message) {
         zeb::instance from = message.sender();
         (void)peer.send(from, std::move(message));

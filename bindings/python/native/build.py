@@ -65,7 +65,8 @@ typedef struct {
     int kind; zeb_msg_t *msg; uint32_t event; uint32_t event_app; uint32_t event_node; uint64_t token;
     zeb_reply_msg_t replies; ...;
 } zebpy_item_t;
-int zebpy_register(uint32_t app, const char *name, const uint32_t *versions, int num, uint32_t queue_notice);
+int zebpy_register(uint32_t app, const char *name, const uint32_t *versions, int num, uint32_t queue_notice,
+                   uint32_t every_subscriber);
 int zebpy_take(uint32_t app, zebpy_item_t *items, int max);
 int zebpy_send(uint32_t app, uint32_t node, uint32_t to, uint32_t version, const char *data, size_t size, int flags);
 int zebpy_call(uint32_t app, uint32_t node, uint32_t to, uint32_t version, const char *data, size_t size, int flags,

@@ -39,7 +39,8 @@ static void on_done(uint32_t call, zeb_reply_msg_t *replies, void *context)
     s_next++;
 }
 
-int zebpy_register(uint32_t app, const char *name, const uint32_t *versions, int num, uint32_t queue_notice)
+int zebpy_register(uint32_t app, const char *name, const uint32_t *versions, int num, uint32_t queue_notice,
+                   uint32_t every_subscriber)
 {
     zeb_app_dispatcher_t *table = calloc((size_t)num + 1, sizeof(*table));
     zeb_app_options_t options = {.size = sizeof(options),
@@ -48,7 +49,8 @@ int zebpy_register(uint32_t app, const char *name, const uint32_t *versions, int
                                  .name = name,
                                  .dispatchers = table,
                                  .event = on_event,
-                                 .queue_notice = queue_notice};
+                                 .queue_notice = queue_notice,
+                                 .every_subscriber = every_subscriber};
     int ret;
 
     if (table == NULL)

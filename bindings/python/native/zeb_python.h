@@ -24,9 +24,10 @@ typedef struct zebpy_item_s {
     zeb_reply_msg_t replies;
 } zebpy_item_t;
 
-/* Registers a polled application that takes messages and requests of the `num` versions. Returns what zeb_register_app
- * returns; -ENOMEM when there is no memory for the table. */
-int zebpy_register(uint32_t app, const char *name, const uint32_t *versions, int num, uint32_t queue_notice);
+/* Registers a polled application that takes messages and requests of the `num` versions. The last two are the options
+ * of these names. Returns what zeb_register_app returns; -ENOMEM when there is no memory for the table. */
+int zebpy_register(uint32_t app, const char *name, const uint32_t *versions, int num, uint32_t queue_notice,
+                   uint32_t every_subscriber);
 
 /* Takes up to `max` items off the queue of `app`, into `items`, which has room for them. Returns how many there are
  * now, or the error of zeb_dispatch. It does not wait. One thread at a time for each application. */

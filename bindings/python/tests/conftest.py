@@ -28,6 +28,7 @@ class Apps:
         self.loop = zeb.App(200, "loop", versions=[1], peers=[100, 110, 111], backlog=8)
         self.plain = zeb.App(201, "plain", versions=[1], peers=[100])
         self.handlers = zeb.App(202, "handlers", peers=[100])
+        self.each = [zeb.App(app, "each", peers=[112], every_subscriber=True) for app in (203, 204)]
         self.handled: list[object] = []
         self.handlers.on_message(1)(self.handled.append)
         self.handlers.on_event(self.handled.append)
@@ -50,7 +51,7 @@ def world(here: Cluster) -> World:
 @pytest.fixture(scope="session")
 def apps(world: World) -> Iterator[Apps]:
     made = Apps()
-    with zeb.run(made.loop, made.plain, made.handlers):
+    with zeb.run(made.loop, made.plain, made.handlers, *made.each):
         made.plain.wait_online_blocking(100, count=2, timeout=30)
         yield made
 

@@ -6,9 +6,10 @@ import sys
 import threading
 
 import pytest
-from conftest import Apps, World
+from conftest import HERE, Apps, World
 
 import zeb
+from zeb.testing import Cluster
 
 BOTH = [zeb.Instance(100, 2), zeb.Instance(100, 3)]
 
@@ -22,6 +23,17 @@ def test_messages_and_calls_of_one_thread(apps: Apps) -> None:
     # Of several applications that name one peer the library tells one; each is told of its own instance.
     assert events.get(30) == zeb.Event(zeb.EventType.JOIN, zeb.Instance(201, 1))
     assert events.get(timeout=0.01) is None
+
+
+def test_each_of_two_that_ask_for_it_gets_the_join_and_the_quit_of_one_peer(apps: Apps, here: Cluster) -> None:
+    server = here.python(3, HERE / "programs/server.py", "112")
+    peer = zeb.Instance(112, 3)
+    streams = [app.events() for app in apps.each]
+    for events in streams:
+        assert events.get(30) == zeb.Event(zeb.EventType.JOIN, peer)
+    server.kill()
+    for events in streams:
+        assert events.get(30) == zeb.Event(zeb.EventType.QUIT, peer)
 
 
 def test_many_threads_share_the_queue(apps: Apps) -> None:

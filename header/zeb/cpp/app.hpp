@@ -78,7 +78,8 @@ class app_options
         return std::move(*this);
     }
 
-    // A server instance of a peer application is online. The handler is called with a zeb::instance.
+    // A server instance of a peer application is online. The handler is called with a zeb::instance. Where several
+    // applications of the process name one peer, see every_subscriber.
     template <typename F>
     app_options &&on_join(F &&handler)
     {
@@ -110,6 +111,15 @@ class app_options
     {
         queue_notice_ = above;
         core_->on_queue = {};
+        return std::move(*this);
+    }
+
+    // Of several applications of a process that name one peer, only one is told of its joins and quits, and a quit ends
+    // the calls of one. With this, the application gets each join and each quit of every peer that it has named, and a
+    // quit ends its calls, whatever the others get.
+    app_options &&every_subscriber(bool on = true) noexcept
+    {
+        every_subscriber_ = on;
         return std::move(*this);
     }
 
@@ -146,6 +156,7 @@ class app_options
     std::vector<app_id> peers_;
     zeb::mode mode_ = mode::thread;
     std::uint32_t queue_notice_ = 0;
+    bool every_subscriber_ = false;
 };
 
 // A private group of applications or of nodes: a list that a send can name in place of one of them. It belongs to its
@@ -199,6 +210,7 @@ class group
     std::shared_ptr<detail::core> core_;
     std::uint32_t id_ = 0;
 };
+// A group of applications, and one of nodes.
 using app_group = group<zeb_add_app_mcast, zeb_del_app_mcast, zeb_destroy_app_mcast>;
 using node_group = group<zeb_add_node_mcast, zeb_del_node_mcast, zeb_destroy_node_mcast>;
 
@@ -210,6 +222,7 @@ enum class phase : std::uint32_t {
     blocked = ZEB_PEER_BLOCKED,         // online, and sends to its application wait for its acknowledgements
 };
 
+// How far an instance is, and since when.
 struct peer_state {
     zeb::phase phase;
     bool server;                                                // online with handlers: sends and calls reach it
@@ -495,6 +508,7 @@ class runtime
         record.event = core.on_join || core.on_quit ? detail::core::take_event : nullptr;
         record.context = &core;
         record.queue_notice = options.queue_notice_;
+        record.every_subscriber = options.every_subscriber_ ? 1 : 0;
         record.queue_passed = core.on_queue ? detail::core::take_queue : nullptr;
         return record;
     }

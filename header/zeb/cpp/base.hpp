@@ -132,7 +132,7 @@ class time_limit
     std::uint32_t milliseconds_ = 0;
 };
 
-inline constexpr time_limit forever{};
+inline constexpr time_limit forever{}; // without limit
 
 // How to send, in any combination: `zeb::nowait | zeb::exclude_self`.
 enum class send_flags : int {};
@@ -209,6 +209,7 @@ inline const std::error_category &error_category() noexcept
     return detail::the_category.category;
 }
 
+// An error as a std::error_code of this category, as comparisons make it.
 inline std::error_code make_error_code(errc error) noexcept
 {
     return detail::code(static_cast<int>(error));

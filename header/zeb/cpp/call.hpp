@@ -60,6 +60,7 @@ class reply
     {
         return ok();
     }
+    // What became of the call there.
     zeb::outcome status() const noexcept
     {
         const zeb_msg_t *block = message_.get();
@@ -129,6 +130,7 @@ class replies
             new (&items_[size_++]) reply(std::exchange(buffer.msg[i], nullptr));
         buffer.num = 0;
     }
+
     reply *begin() noexcept
     {
         return items_;
@@ -518,6 +520,7 @@ class [[nodiscard]] call_awaitable final : detail::call_node
         if (next != nullptr && core_->cancel_call(this, number_) != 0)
             core_->unlink(this);
     }
+
     bool await_ready() const noexcept
     {
         return false;
@@ -534,6 +537,7 @@ class [[nodiscard]] call_awaitable final : detail::call_node
         outcomes_ = detail::failure(ret);
         return false;
     }
+
     result<replies> await_resume() noexcept
     {
         return std::move(outcomes_);

@@ -157,6 +157,7 @@ class message
     {
         return block_ != nullptr ? zeb_msg_data_len(block_) : 0;
     }
+
     bool empty() const noexcept
     {
         return size() == 0;

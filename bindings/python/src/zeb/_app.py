@@ -89,6 +89,8 @@ class App:
     peers     the applications that it talks to. They must name it too
     backlog   with an event loop: no more is taken off the library's queue while so many messages wait for the program
     queue_notice  more items than this in the library's queue give a line in the log; 0: none
+    every_subscriber  the application gets each join and each quit of its peers, and a quit ends its calls. Without it, of
+                      several applications of a process that name one peer only one does
     """
 
     def __init__(
@@ -100,12 +102,14 @@ class App:
         peers: Iterable[int] = (),
         backlog: int = 64,
         queue_notice: int = 0,
+        every_subscriber: bool = False,
     ) -> None:
         self.id = app
         self.name = name
         self.peers = tuple(peers)
         self.backlog = max(1, backlog)
         self.queue_notice = queue_notice
+        self.every_subscriber = every_subscriber
         self._versions = set(versions)
         self._message_handlers: dict[int, MessageHandler] = {}
         self._call_handlers: dict[int, CallHandler] = {}
@@ -390,8 +394,8 @@ class App:
 
     def _register(self) -> None:
         versions = sorted(self._versions | self._message_handlers.keys() | self._call_handlers.keys())
-        name = self.name.encode()
-        check(lib.zebpy_register(self.id, name, versions, len(versions), self.queue_notice))
+        name, each = self.name.encode(), int(bool(self.every_subscriber))
+        check(lib.zebpy_register(self.id, name, versions, len(versions), self.queue_notice, each))
 
     def _start(self) -> None:
         """After the registration. The copy of the descriptor stays valid when the library closes its own, so a loop or

@@ -7,7 +7,7 @@ import sys
 import zeb
 
 ECHO, RAISE, SILENT, LATER, COUNT, MEMORY = 1, 2, 3, 4, 5, 6
-PEERS = (200, 201, 202, 300, 301, 302, 303, 304)
+PEERS = (200, 201, 202, 203, 204, 300, 301, 302, 303, 304)
 
 logging.basicConfig(format="%(levelname)s %(name)s %(message)s", level=logging.INFO)
 app = zeb.App(int(sys.argv[1]), "test server", versions=[ECHO], peers=PEERS)
