@@ -30,6 +30,7 @@ install(CODE "
     file(WRITE \"${CMAKE_CURRENT_BINARY_DIR}/zeb.pc\" \"\${text}\")")
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+install(FILES tools/wireshark/zeb.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/zeb/wireshark)
 install(FILES packaging/tipcsim.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tipcsim)
 
 # The man pages, made from the headers and texts in a fraction of a second. Without Python they are left out.
