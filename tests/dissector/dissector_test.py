@@ -106,8 +106,9 @@ def add_plain(capture):
     capture.zeb("toy reply", message(REQUEST | ACK, b"played", src=(300, 1), dst=(17185, 4660), seq=620))
     capture.zeb("info from big-endian", message(MNG | REQUEST | ACK, element(4, words(0x4321, 4242, 0xC)), seq=504))
     capture.zeb("debug from big-endian", message(MNG, element(3, words(8, 1))))
-    # Read little-endian the words would be smaller; but the application names itself.
-    capture.zeb("info of 256", message(MNG | REQUEST | ACK, element(4, words(256, 512, 0)), src=(256, 1), seq=505))
+    # Read in the other order the largest word would be smaller; but the application names itself.
+    capture.zeb("large process id", message(MNG | REQUEST | ACK, element(4, little(256, 0x3F0000, 0)), src=(256, 1), seq=505))
+    capture.zeb("the same, big-endian", message(MNG | REQUEST | ACK, element(4, words(256, 0x3F0000, 0)), src=(256, 1), seq=506))
     capture.zeb("no dispatcher, big-endian", message(REQUEST | ACK, words(3, 7), seq=604, stat=3))
 
 
@@ -148,6 +149,7 @@ def add_wrong(capture):
     capture.zeb("length too large", message(0, b"abc", length=40))
     capture.zeb("length too small", message(0, b"abc", length=37))
     capture.zeb("length below the header", message(SYNC, element(1, bytes(20)), length=35))
+    capture.zeb("one-way below the header", message(0, b"abc", length=3))
     capture.zeb("length of 4 GiB", message(MNG, element(6), length=0xFFFFFFFF))
     capture.zeb("version 3", message(ver=3))
     capture.zeb("reserved", message(rsvd=1))
@@ -158,8 +160,10 @@ def add_wrong(capture):
     for app in (1, 8191, 16384, 20479):
         capture.zeb(f"good {app}", message(src=(app, 1), dst=(app, 65535)))
     capture.zeb("node 65536", message(src=(1, 65536)))
+    capture.zeb("to node 65536", message(dst=(1, 65536)))
     capture.zeb("status in one-way", message(stat=2))
     capture.zeb("another instance", message(), name=(2303, 0x1ABC0001))
+    capture.zeb("element of 0", message(MNG, element(6) + bytes(8)))
     capture.zeb("element of 3", message(MNG, element(6) + element(6, length=3) + element(7)))
     capture.zeb("element too long", message(MNG, element(6) + element(0, words(1), length=9)))
     capture.zeb("element of 65535", message(SYNC, element(1, bytes(20), length=65535)))
@@ -311,7 +315,7 @@ class Dissector(unittest.TestCase):
 
     def test_an_acknowledgement_that_does_not_complete_the_pair(self):
         self.has("a acks early", "pseq_mismatch", sync__pseq=0)
-        self.says("a acks early", "pseq 0")
+        self.says("a acks early", "has not confirmed the peer's identity")
         self.has("b acks of old", "pseq_mismatch", sync__pseq=70)
         self.says("b acks of old", f"pseq 70 is not the last synchronisation, 71 in frame {self.number('b sync anew')}")
 
@@ -328,7 +332,8 @@ class Dissector(unittest.TestCase):
             self.has(name, debug__level=8, debug__on=1)
         for name in ("info", "info from big-endian"):
             self.has(name, info__app=0x4321, info__pid=4242, info__mask="0x0000000c")
-        self.has("info of 256", info__app=256, info__pid=512)
+        for name in ("large process id", "the same, big-endian"):
+            self.has(name, info__app=256, info__pid=0x3F0000)
         for name in ("no dispatcher", "no dispatcher, big-endian"):
             self.has(name, "version_mismatch", mismatch__low=3, mismatch__high=7)
 
@@ -372,13 +377,14 @@ class Dissector(unittest.TestCase):
         self.says("length too large", "The header says 40 bytes, the datagram has 39")
         self.has("length too small", "bad_length", data="61")
         self.has("length below the header", "bad_length", element=[], data=[])
+        self.assertTrue(self.info("one-way below the header").endswith("one-way, 0 bytes"))
         self.has("length of 4 GiB", "bad_length", element__type=6)
         self.has("hello of 35", "bad_length", ver=[])
         self.has("hello of 36", "bad_length", ver=2)
         self.has("hello of 1", "bad_length")
 
     def test_what_no_sender_writes(self):
-        for name in ("version 3", "reserved", "flags", "node 65536", "status in one-way"):
+        for name in ("version 3", "reserved", "flags", "node 65536", "to node 65536", "status in one-way"):
             self.has(name, "bad_header")
         for app in (0, 8192, 12288, 16383, 20480):
             self.has(f"from {app}", "bad_header")
@@ -391,6 +397,7 @@ class Dissector(unittest.TestCase):
         self.says("another instance", "The header names 6844/65244, the TIPC name 6844/1")
 
     def test_elements_of_wrong_length(self):
+        self.has("element of 0", "bad_element", element__type=6, element__refused="00" * 8)
         self.has("element of 3", "bad_element", element__type=6, element__refused="0003000600040007")
         self.has("element too long", "bad_element", element__type=6, element__refused="0009000000000001")
         self.has("element of 65535", "bad_element", element=[])

@@ -234,9 +234,9 @@ local function show_debug(m, item, at)
 end
 
 local function show_info(m, item, at)
-    local little = little_endian(m.tvb, at, 3)
-    if zeb.prefs.byte_order == GUESS and m.tvb(at, 4):uint() == m.src_app then
-        little = false -- who answers names itself
+    local little, app = little_endian(m.tvb, at, 3), m.tvb(at, 4)
+    if zeb.prefs.byte_order == GUESS and (app:uint() == m.src_app or app:le_uint() == m.src_app) then
+        little = app:le_uint() == m.src_app -- who answers names itself, and its process id may be large
     end
     local words = add_words(item, m.tvb, at, little, f.info_app, f.info_pid, f.info_mask)
     return text(" pid %d", words[2])
@@ -288,9 +288,6 @@ local function dissect_elements(m)
         end
         local len, type = m.tvb(at, 2):uint(), m.tvb(at + 2, 2):uint()
         local record = type == INFO and has(m.flag, ACK) and INFO_LEN or RECORD_LEN[type] or 0
-        if len < ELEMENT_LEN then
-            return refuse(m, at, text("An element of %d bytes is shorter than its own 4", len))
-        end
         if len > left then
             return refuse(m, at, text("An element of %d bytes is longer than the %d that are left", len, left))
         end
@@ -408,7 +405,7 @@ local function check_address(m)
     if not m.by_name or names ~= instances then -- a message to a range of names has no instance
         return
     end
-    if instance and instance ~= m.dst_app * 65536 + m.dst_node then
+    if instance and instance ~= m.dst_app * 65536 + m.dst_node % 65536 then
         m.tree:add_proto_expert_info(e.address, text("The header names %s, the TIPC name %d/%d", m.to, math.floor(instance / 65536),
             instance % 65536))
     end
