@@ -14,6 +14,7 @@
 #include "zeb_error.h"
 #include "zeb_flow_ctrl.h"
 #include "zeb_gate.h"
+#include "zeb_probe.h"
 #include "zeb_tipc.h"
 #include "zeb_rpc.h"
 
@@ -415,10 +416,12 @@ bool zeb_run_dispatcher(const zeb_app_info_t *app_info, zeb_msg_t *msg)
         row++;
     if (row->ver == 0)
         return false;
+    ZEB_PROBE_DISPATCH_START(app_info->app_id, row->ver, msg->hdr.src_app, msg->hdr.src_node, msg->hdr.flag);
     if (app_info->with_context)
         run_with_context(app_info, &app_info->options.dispatchers[row - app_info->dispatcher], msg);
     else
         (void)row->fun(msg);
+    ZEB_PROBE_DISPATCH_END(app_info->app_id, row->ver);
     return true;
 }
 

@@ -9,6 +9,7 @@
 #include "zeb_gate.h"
 #include "zeb_mng_msg.h"
 #include "zeb_mng_msg_mng.h"
+#include "zeb_probe.h"
 
 static bool init_waiting(zeb_fc_t *fc, uint32_t app)
 {
@@ -100,6 +101,7 @@ __attribute__((noinline, cold)) static void pass_window(zeb_fc_t *fc, zeb_send_a
 {
     fc->blocked_num.fetch_add(blocks ? 1 : -1, std::memory_order_relaxed);
     record->blocked_since = zeb_monotonic_ns();
+    ZEB_PROBE_WINDOW(fc->app_id, record->dst.app, record->dst.node, (int)blocks);
 }
 
 // Only this function changes the `unack` of a send record, so blocked_num stays right.
@@ -211,7 +213,10 @@ int zeb_fc_check(zeb_fc_t *fc, uint32_t dst_app, int flags)
     if ((flags & ZEB_SEND_NOWAIT) != 0)
         return -EAGAIN;
     ZEB_VERBOSE("ZEB app %d to %d wait for sending.\n", fc->app_id, dst_app);
-    if (!zeb_fc_wait_for_send(fc, dst_app))
+    ZEB_PROBE_BLOCK(fc->app_id, dst_app);
+    bool accepted = zeb_fc_wait_for_send(fc, dst_app);
+    ZEB_PROBE_UNBLOCK(fc->app_id, dst_app, accepted ? 0 : -ESHUTDOWN);
+    if (!accepted)
         return library_stops(dst_app);
     ZEB_VERBOSE("ZEB app %d to %d continue to send.\n", fc->app_id, dst_app);
     return ZEB_FC_WAITED;

@@ -15,6 +15,7 @@
 #include "zeb_flow_ctrl_stat.h"
 #include "zeb_handshake_record.h"
 #include "zeb_mng_msg.h"
+#include "zeb_probe.h"
 #include "zeb_rpc.h"
 #include "zeb_tipc.h"
 
@@ -249,6 +250,12 @@ static void queue_event(const later_t *later, zeb_event_type_t type)
         free(msg);
 }
 
+static void queue_join(const later_t *later)
+{
+    ZEB_PROBE_JOIN(later->my_app, later->peer.app, later->peer.node);
+    queue_event(later, ZEB_APP_JOIN);
+}
+
 static void tell_one_sided(uint32_t app, zeb_inst_t peer)
 {
     ZEB_WARN("ZEB app %d waits for %d/%d, which has not named it: name it with zeb_comm_with there.\n", app, peer.app,
@@ -269,12 +276,13 @@ static void carry_out(const later_t *later)
         return;
     case LATER_JOIN:
         zeb_fc_adjust_statistics(later->my_app, later->peer);
-        queue_event(later, ZEB_APP_JOIN);
+        queue_join(later);
         return;
     case LATER_LATE_JOIN:
-        queue_event(later, ZEB_APP_JOIN);
+        queue_join(later);
         return;
     case LATER_QUIT:
+        ZEB_PROBE_QUIT(later->my_app, later->peer.app, later->peer.node);
         queue_event(later, ZEB_APP_QUIT);
         return;
     case LATER_TELL_ONE_SIDED:

@@ -3,6 +3,8 @@
 #include "platform/list_algo.h"
 #include "zeb_handshake_record.h"
 #include "zeb_handshake_state.h"
+#define ZEB_PROBE_GUARDED
+#include "zeb_probe.h"
 
 typedef struct since_record_s {
     struct list_head list;
@@ -75,6 +77,21 @@ static bool note(const zeb_handshake_t *hs, since_record_t *record, int64_t *now
     return server_changed;
 }
 
+#ifdef ZEB_PROBES
+volatile unsigned short zeb_pair_semaphore __attribute__((section(".probes"))); // tracers count themselves here
+#endif
+
+static void fire_pairs(const zeb_handshake_t *hs, zeb_inst_t inst)
+{
+    zeb_ol_app_t *ol = zeb_hs_get_ol_app(hs, inst.app);
+    if (ol == nullptr)
+        return;
+    zeb_each_subscr_app(ol, [&](uint32_t app) {
+        int phase = zeb_hs_pair_phase(hs, app, inst);
+        ZEB_PROBE_PAIR(app, inst.app, inst.node, phase);
+    });
+}
+
 void __zeb_since_note(const zeb_handshake_t *hs)
 {
     int64_t now = 0;
@@ -82,6 +99,8 @@ void __zeb_since_note(const zeb_handshake_t *hs)
     for (; s_touched != nullptr; s_touched = s_touched->next_touched) {
         s_touched->touched = false;
         servers_changed = note(hs, s_touched, &now) || servers_changed;
+        if (ZEB_PROBE_ON(pair))
+            fire_pairs(hs, s_touched->inst);
     }
     if (servers_changed)
         zeb_cond_broadcast(&g_zeb_mng.running_cond);

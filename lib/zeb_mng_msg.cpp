@@ -11,6 +11,7 @@
 #include "platform/tipc_name.h"
 #include "zeb_dbg.h"
 #include "zeb_error.h"
+#include "zeb_probe.h"
 #include "zeb_tipc.h"
 
 static zeb_mutex_t g_seq_mutex = {PTHREAD_MUTEX_INITIALIZER};
@@ -60,6 +61,7 @@ int zeb_tipc_write(const zeb_app_mng_t *slot, zeb_msg_t *msg, zeb_inst_t dst, in
         sent = sendto(slot->sd, &msg->hdr, len, send_flags, (struct sockaddr *)&addr, sizeof(addr));
         if (sent == (ssize_t)len) {
             zeb_convert_to_host(msg);
+            ZEB_PROBE_SEND(msg->hdr.src_app, msg->hdr.dst_app, msg->hdr.dst_node, len, msg->hdr.flag, 0);
             return 0;
         }
         err = errno;
@@ -67,6 +69,7 @@ int zeb_tipc_write(const zeb_app_mng_t *slot, zeb_msg_t *msg, zeb_inst_t dst, in
     } while (sent < 0 && write_again(err));
 
     zeb_convert_to_host(msg);
+    ZEB_PROBE_SEND(msg->hdr.src_app, msg->hdr.dst_app, msg->hdr.dst_node, len, msg->hdr.flag, sent < 0 ? -err : -EIO);
     ZEB_WARN_WHY("ZEB app %d sent to %d/%d failed: %s, msg len %d, sent %d.\n", src_app, dst.app, dst.node,
                  strerror(err), len, (int)sent);
     return -1;

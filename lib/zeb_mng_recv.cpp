@@ -17,6 +17,7 @@
 #include "zeb_handshake_shell.h"
 #include "zeb_mng_recv_mng.h"
 #include "zeb_mng_topology.h"
+#include "zeb_probe.h"
 #include "zeb_rpc.h"
 #include "zeb_rpc_async.h"
 #include "zeb_slot.h"
@@ -334,6 +335,7 @@ bool zeb_socket_recv_app_msg(zeb_app_info_t *app_info)
         free(msg);
         return false;
     }
+    ZEB_PROBE_RECEIVE(app, msg->hdr.src_app, msg->hdr.src_node, len, msg->hdr.flag);
     return route_msg(app_info, msg);
 }
 

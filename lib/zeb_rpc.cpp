@@ -13,6 +13,7 @@
 #include "zeb_gate.h"
 #include "zeb_mng_msg.h"
 #include "zeb_msg_guard.h"
+#include "zeb_probe.h"
 
 static bool init_waiting(zeb_app_rpc_wait_t *rpc)
 {
@@ -169,6 +170,7 @@ static bool all_replied(const zeb_rpc_wait_t *wait)
 static void store(zeb_rpc_wait_t *wait, zeb_msg_t *msg)
 {
     wait->reply->msg[wait->reply->num++] = msg;
+    ZEB_PROBE_CALL_OUTCOME(msg->hdr.dst_app, msg->hdr.seq, msg->hdr.src_app, msg->hdr.src_node, msg->hdr.rpc_stat);
 }
 
 // Stores a message without a body in place of the reply of an instance.

@@ -13,6 +13,7 @@
 #include "zeb_error.h"
 #include "zeb_gate.h"
 #include "zeb_mng_msg.h"
+#include "zeb_probe.h"
 #include "zeb_tipc.h"
 
 constexpr int64_t NS_PER_MS = 1000000;
@@ -139,6 +140,7 @@ static bool run_one(zeb_app_rpc_wait_t *rpc)
     zeb_rpc_wait_t *wait = take_done(rpc);
     if (wait == nullptr)
         return false;
+    ZEB_PROBE_CALL_END(rpc->app_id, wait->seq, 0);
     zeb_rpc_async_t *async = async_of(wait);
     async->fun(wait->seq, &async->replies, async->context);
     free_call(wait);
@@ -220,6 +222,7 @@ int zeb_rpc_async_cancel(zeb_app_rpc_wait_t *rpc, uint32_t seq)
         if (wait == nullptr)
             return wait_for_function(rpc, seq);
     }
+    ZEB_PROBE_CALL_END(rpc->app_id, seq, -ECANCELED);
     free_call(wait);
     return 0;
 }
@@ -277,17 +280,20 @@ int zeb_rpc_async_until_next(int most)
     return (int)left;
 }
 
-static void free_calls(indexed_list<zeb_rpc_wait_t> *calls)
+static void free_calls(uint32_t app, indexed_list<zeb_rpc_wait_t> *calls)
 {
-    indexed_list_each(calls, free_call);
+    indexed_list_each(calls, [&](zeb_rpc_wait_t *wait) {
+        ZEB_PROBE_CALL_END(app, wait->seq, -ESHUTDOWN);
+        free_call(wait);
+    });
     indexed_list_init(calls);
 }
 
 void zeb_rpc_async_drop(zeb_app_rpc_wait_t *rpc)
 {
     zeb_scoped_lock lock(&rpc->mutex);
-    free_calls(&rpc->wait_list);
-    free_calls(&rpc->done_list);
+    free_calls(rpc->app_id, &rpc->wait_list);
+    free_calls(rpc->app_id, &rpc->done_list);
 }
 
 // The number is cleared first: a child that is forked now must not close the descriptor again.

@@ -15,6 +15,7 @@
 #include "zeb_flow_ctrl.h"
 #include "zeb_gate.h"
 #include "zeb_mng_msg.h"
+#include "zeb_probe.h"
 #include "zeb_rpc.h"
 #include "zeb_rpc_async.h"
 
@@ -107,11 +108,14 @@ static int zeb_prepare_rpc(zeb_dst_t *dst, uint32_t seq, zeb_reply_msg_t *ret_bu
         log_not_prepared(dst, ret);
         return ret;
     }
+    ZEB_PROBE_CALL_START(dst->src_app, dst->named.app, dst->named.node, seq, timeout);
     ret = set_waits(dst, seq);
     if (ret == -ENOENT)
         log_no_server(dst);
-    if (ret != 0)
+    if (ret != 0) {
         zeb_rpc_del_wait(dst->slot->rpc, seq);
+        ZEB_PROBE_CALL_END(dst->src_app, seq, ret);
+    }
     return ret;
 }
 
@@ -162,7 +166,9 @@ static int call(zeb_dst_t *dst, zeb_msg_t *msg, uint32_t timeout, zeb_reply_msg_
         return ret;
     }
     ret = zeb_send_rpc(dst, seq, msg, ret_buf);
-    return ret != 0 ? ret : zeb_rpc_wait_reply(dst->slot->rpc, seq);
+    ret = ret != 0 ? ret : zeb_rpc_wait_reply(dst->slot->rpc, seq);
+    ZEB_PROBE_CALL_END(dst->src_app, seq, ret);
+    return ret;
 }
 
 int zeb_rpc(uint32_t src_app, uint32_t dst_app, zeb_msg_t *msg, int flags, uint32_t timeout, zeb_reply_msg_t *ret_buf)

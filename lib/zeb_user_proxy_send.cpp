@@ -11,6 +11,7 @@
 #include "zeb_flow_ctrl.h"
 #include "zeb_gate.h"
 #include "zeb_mng_msg.h"
+#include "zeb_probe.h"
 
 bool zeb_check_src_app(uint32_t src_app)
 {
@@ -240,6 +241,7 @@ static int send_msg(uint32_t src_app, zeb_inst_t named, zeb_msg_t *msg, int flag
         ret = -ENOENT;
     }
     zeb_fc_update_sent_reject(src_app, named);
+    ZEB_PROBE_SEND(src_app, named.app, named.node, msg->hdr.len, 0, ret);
     return ret;
 }
 
