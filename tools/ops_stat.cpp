@@ -70,17 +70,20 @@ static bool match_line(const char *line, const char *pattern, numbers_t *numbers
     return rest != nullptr && *rest == '\0';
 }
 
-// The beginning of a line and then numbers, each after a blank.
+// The beginning of a line and then numbers, each after a blank. `ids` is set when the whole line matches.
 static bool match_ids(const char *line, const char *pattern, numbers_t *numbers, ops_ids_t *ids)
 {
+    ops_ids_t found;
     const char *rest = match(line, pattern, numbers);
-    ids->clear();
     while (rest != nullptr && *rest == ' ') {
         int64_t id = 0;
         rest = take_number(rest + 1, false, &id);
-        ids->push_back((uint32_t)id);
+        found.push_back((uint32_t)id);
     }
-    return rest != nullptr && *rest == '\0';
+    if (rest == nullptr || *rest != '\0')
+        return false;
+    *ids = found;
+    return true;
 }
 
 static ops_inst_t inst_at(const numbers_t &n, size_t at)

@@ -523,8 +523,11 @@ static shown_t shown_by(zebctl_command_t command)
 static void show(const run_t *run)
 {
     shown_t shown = shown_by(run->options->command);
-    if (!run->options->json)
-        return shown.text(run);
+    if (!run->options->json) {
+        shown.text(run);
+        (void)fflush(stdout); // before what is said of it on standard error
+        return;
+    }
     json_t instances = json_t::array();
     for (const row_t &row : run->rows)
         instances.push_back(shown.json(run, row));
