@@ -1,31 +1,21 @@
-// The command line of zebctl. What the commands do is in zebctl_run.cpp.
+// The command line of zebctl. What the commands do is in a file of each.
 #include "zebctl.h"
 
-#include <CLI/CLI.hpp>
-
+#include <algorithm>
 #include <cstdio>
-#include <string>
-#include <vector>
 
 #include <zeb/zeb_msg.h>
 
+#include "zebctl_text.h"
+
 // Takes "+level" and "-level" out of the arguments, in their order: to the parser, "-info" would be five options.
-static bool take_levels(std::vector<std::string> *words, zebctl_options_t *options)
+static void take_levels(std::vector<std::string> *words, zebctl_t *zebctl)
 {
-    bool taken = false;
-    for (auto it = words->begin(); it != words->end();) {
-        uint32_t bits = it->size() > 1 && ((*it)[0] == '+' || (*it)[0] == '-') ? zebctl_level(it->substr(1)) : 0;
-        if (bits == 0) {
-            ++it;
-            continue;
-        }
-        bool on = (*it)[0] == '+';
-        options->set = on ? options->set | bits : options->set & ~bits;
-        options->clear = on ? options->clear & ~bits : options->clear | bits;
-        taken = true;
-        it = words->erase(it);
-    }
-    return taken;
+    auto is_level = [](const std::string &word) {
+        return word.size() > 1 && (word[0] == '+' || word[0] == '-') && zebctl_level(word.substr(1)) != 0;
+    };
+    std::copy_if(words->begin(), words->end(), std::back_inserter(zebctl->levels), is_level);
+    words->erase(std::remove_if(words->begin(), words->end(), is_level), words->end());
 }
 
 // A decimal number without anything else, up to `max`.
@@ -37,59 +27,50 @@ static bool take_number(const std::string &text, uint32_t max, std::optional<uin
     return **number <= max;
 }
 
-static std::string check_app(const std::string &text, zebctl_options_t *options)
+static std::string check_app(const std::string &text, zebctl_target_t *target)
 {
-    if (take_number(text, UINT32_MAX, &options->app) && zeb_valid_app_id(*options->app) != 0)
+    if (take_number(text, UINT32_MAX, &target->app) && zeb_valid_app_id(*target->app) != 0)
         return "";
     return "'" + text + "' is no application id: 1 to 8191, or 16384 to 20479";
 }
 
-static std::string check_node(const std::string &text, zebctl_options_t *options)
+static std::string check_node(const std::string &text, zebctl_target_t *target)
 {
-    return take_number(text, ZEB_NODE_NUM - 1, &options->node) ? "" : "'" + text + "' is no node id: 0 to 65535";
+    return take_number(text, ZEB_NODE_NUM - 1, &target->node) ? "" : "'" + text + "' is no node id: 0 to 65535";
 }
 
-// APP or APP@NODE.
-static std::string check_target(const std::string &text, zebctl_options_t *options)
+std::string zebctl_parse_target(const std::string &text, zebctl_target_t *target)
 {
     size_t at = text.find('@');
-    std::string wrong = check_app(text.substr(0, at), options);
-    return wrong.empty() && at != std::string::npos ? check_node(text.substr(at + 1), options) : wrong;
+    std::string wrong = check_app(text.substr(0, at), target);
+    return wrong.empty() && at != std::string::npos ? check_node(text.substr(at + 1), target) : wrong;
 }
 
-typedef std::string (*check_t)(const std::string &text, zebctl_options_t *options);
+typedef std::string (*check_t)(const std::string &text, zebctl_target_t *target);
 
-static CLI::Validator checked(check_t check, zebctl_options_t *options, const char *name)
+static CLI::Validator checked(check_t check, zebctl_target_t *target, const char *name)
 {
-    return CLI::Validator([=](const std::string &text) { return check(text, options); }, name, name);
+    return CLI::Validator([=](const std::string &text) { return check(text, target); }, name, name);
 }
 
-static void add_filters(CLI::App *command, zebctl_options_t *options)
+static std::string s_ignored; // the checks store the values
+
+void zebctl_add_filters(CLI::App *command, zebctl_target_t *target)
 {
-    static std::string ignored; // the checks store the values
-    command->add_option("--app", ignored, "only instances of this application")
-        ->check(checked(check_app, options, "APP"))
+    command->add_option("--app", s_ignored, "only instances of this application")
+        ->check(checked(check_app, target, "APP"))
         ->type_name("");
-    command->add_option("--node", ignored, "only instances on this node")
-        ->check(checked(check_node, options, "NODE"))
+    command->add_option("--node", s_ignored, "only instances on this node")
+        ->check(checked(check_node, target, "NODE"))
         ->type_name("");
 }
 
-static void add_target(CLI::App *command, zebctl_options_t *options)
+void zebctl_add_target(CLI::App *command, zebctl_target_t *target)
 {
-    static std::string ignored;
-    command->add_option("target", ignored, "an application, on all nodes or on one")
+    command->add_option("target", s_ignored, "an application, on all nodes or on one")
         ->required()
-        ->check(checked(check_target, options, "APP[@NODE]"))
+        ->check(checked(zebctl_parse_target, target, "APP[@NODE]"))
         ->type_name("");
-}
-
-static CLI::App *add_command(CLI::App *zebctl, zebctl_options_t *options, zebctl_command_t number, const char *name,
-                             const char *what)
-{
-    CLI::App *command = zebctl->add_subcommand(name, what);
-    command->callback([=] { options->command = number; });
-    return command;
 }
 
 static int refuse(const std::string &why)
@@ -98,39 +79,40 @@ static int refuse(const std::string &why)
     return ZEBCTL_USAGE;
 }
 
+static void add_commands(CLI::App *app, zebctl_t *zebctl)
+{
+    zebctl_add_list(app, zebctl);
+    zebctl_add_stat(app, zebctl);
+    zebctl_add_debug(app, zebctl);
+    zebctl_add_dump(app, zebctl);
+    zebctl_add_census(app, zebctl);
+}
+
 int main(int argc, char **argv)
 {
-    zebctl_options_t options;
+    zebctl_t zebctl;
     std::vector<std::string> words(argv + 1, argv + argc);
-    bool levels = take_levels(&words, &options);
+    take_levels(&words, &zebctl);
 
-    CLI::App zebctl("Shows and controls the ZEB applications of a cluster.", "zebctl");
-    zebctl.require_subcommand(1);
-    zebctl.fallthrough();
-    zebctl.add_flag("--json", options.json, "print JSON");
-    zebctl.add_option("--timeout", options.timeout, "seconds that an instance has for a reply (2)")
+    CLI::App app("Shows and controls the ZEB applications of a cluster.", "zebctl");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.add_flag("--json", zebctl.json, "print JSON");
+    app.add_option("--timeout", zebctl.timeout, "seconds that an instance has for a reply (2)")
         ->check(CLI::Range(0.001, 3600.0))
         ->type_name("S");
-    zebctl.set_version_flag("--version", "zebctl " ZEB_TOOLS_VERSION);
-    add_filters(add_command(&zebctl, &options, ZEBCTL_LIST, "list", "every instance, one line each"), &options);
-    add_target(add_command(&zebctl, &options, ZEBCTL_STAT, "stat", "the counters of instances"), &options);
-    CLI::App *debug = add_command(&zebctl, &options, ZEBCTL_DEBUG, "debug",
-                                  "switch the levels that instances print: +verbose -info; verbose, info, warn, "
-                                  "error, all");
-    add_target(debug, &options);
-    add_target(add_command(&zebctl, &options, ZEBCTL_DUMP, "dump", "the statistics text of instances"), &options);
-    add_filters(add_command(&zebctl, &options, ZEBCTL_CENSUS, "census", "which node serves which version"), &options);
+    app.set_version_flag("--version", "zebctl " ZEB_TOOLS_VERSION);
+    add_commands(&app, &zebctl);
 
-    std::vector<std::string> reversed(words.rbegin(), words.rend());
+    std::reverse(words.begin(), words.end()); // as the parser takes them
     try {
-        zebctl.parse(reversed);
+        app.parse(words);
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() == 0) // --help, --version
-            return zebctl.exit(error);
+            return app.exit(error);
         return refuse(error.what());
     }
-    if (debug->parsed() != levels)
-        return refuse(levels ? "only debug takes levels"
-                             : "debug needs levels, as in: zebctl debug 100 +verbose -info");
-    return zebctl_run(options);
+    if (!zebctl.levels.empty() && !app.got_subcommand("debug"))
+        return refuse("only debug takes levels");
+    return zebctl.run(&zebctl);
 }

@@ -1,34 +1,53 @@
-// zebctl: what its command line asks for, and its commands.
+// zebctl: what its commands share. Each command has a file, with one function that adds it to the command line.
 #ifndef ZEBCTL_H
 #define ZEBCTL_H
 
+#include <CLI/CLI.hpp>
+
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 // Exit codes; zebctl(1) lists them.
 constexpr int ZEBCTL_OK = 0;
-constexpr int ZEBCTL_NOTHING = 1; // no instance matches
+constexpr int ZEBCTL_ERROR = 1;
 constexpr int ZEBCTL_USAGE = 2;
 constexpr int ZEBCTL_PARTIAL = 3;   // some instances did not answer; what could be had is shown
-constexpr int ZEBCTL_NOT_ASKED = 4; // nobody could be asked: no TIPC, or application 1 is held
+constexpr int ZEBCTL_NOBODY = 4;    // no instance matches
+constexpr int ZEBCTL_TIMED_OUT = 5; // what was waited for did not come
 
-typedef enum zebctl_command_e { ZEBCTL_LIST, ZEBCTL_STAT, ZEBCTL_DEBUG, ZEBCTL_DUMP, ZEBCTL_CENSUS } zebctl_command_t;
+// An application, on all nodes or on one.
+typedef struct zebctl_target_s {
+    std::optional<uint32_t> app;
+    std::optional<uint32_t> node;
+} zebctl_target_t;
 
-typedef struct zebctl_options_s {
-    zebctl_command_t command = ZEBCTL_LIST;
-    std::optional<uint32_t> app;  // of one application alone
-    std::optional<uint32_t> node; // on one node alone
+typedef struct zebctl_s {
     bool json = false;
-    double timeout = 2; // seconds that an instance has for each reply
-    uint32_t set = 0;   // masks of levels
-    uint32_t clear = 0;
-} zebctl_options_t;
+    double timeout = 2;                 // seconds that an instance has for each reply
+    std::vector<std::string> levels;    // "+verbose", "-info", in their order: only debug takes any
+    std::function<int(zebctl_s *)> run; // of the command that was given
+} zebctl_t;
 
-// Runs the command. Returns the exit code.
-int zebctl_run(const zebctl_options_t &options);
+inline int64_t zebctl_timeout_ms(const zebctl_t *zebctl)
+{
+    return (int64_t)(zebctl->timeout * 1000);
+}
 
-// The bit of the level of that name, all bits for "all", 0 for another word.
-uint32_t zebctl_level(const std::string &name);
+// Adds "--app APP" and "--node NODE", or an argument "APP[@NODE]". `target` outlives the command line.
+void zebctl_add_filters(CLI::App *command, zebctl_target_t *target);
+void zebctl_add_target(CLI::App *command, zebctl_target_t *target);
+
+// Parses "APP" or "APP@NODE". Returns what is wrong, empty when nothing is.
+std::string zebctl_parse_target(const std::string &text, zebctl_target_t *target);
+
+// The commands, in the order of the help text.
+void zebctl_add_list(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_stat(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_debug(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_dump(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_census(CLI::App *app, zebctl_t *zebctl);
 
 #endif
