@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include <zeb/zeb_msg.h>
 
+#include "ops_conf.h"
 #include "zebctl_text.h"
 
 // Takes "+level" and "-level" out of the arguments, in their order: to the parser, "-info" would be five options.
@@ -27,11 +29,34 @@ static bool take_number(const std::string &text, uint32_t max, std::optional<uin
     return **number <= max;
 }
 
+static bool is_number(const std::string &text)
+{
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+static std::string joined(const std::vector<uint32_t> &apps)
+{
+    std::string text;
+    for (uint32_t app : apps)
+        text += (text.empty() ? "" : ", ") + std::to_string(app);
+    return text;
+}
+
+// An id, or a name that zeb.conf gives one application alone.
 static std::string check_app(const std::string &text, zebctl_target_t *target)
 {
     if (take_number(text, UINT32_MAX, &target->app) && zeb_valid_app_id(*target->app) != 0)
         return "";
-    return "'" + text + "' is no application id: 1 to 8191, or 16384 to 20479";
+    std::vector<uint32_t> apps = is_number(text) ? std::vector<uint32_t>() : ops_conf_apps(text);
+    if (apps.size() == 1) {
+        target->app = apps.front();
+        return "";
+    }
+    if (apps.size() > 1)
+        return "'" + text + "' is the name of several applications in " OPS_CONF_FILE ": " + joined(apps) +
+               ". Give the id";
+    return "'" + text + "' is no application id: 1 to 8191, or 16384 to 20479" +
+           (is_number(text) ? "" : "; and no name of one in " OPS_CONF_FILE);
 }
 
 static std::string check_node(const std::string &text, zebctl_target_t *target)
@@ -41,7 +66,7 @@ static std::string check_node(const std::string &text, zebctl_target_t *target)
 
 std::string zebctl_parse_target(const std::string &text, zebctl_target_t *target)
 {
-    size_t at = text.find('@');
+    size_t at = text.rfind('@'); // a name may have one
     std::string wrong = check_app(text.substr(0, at), target);
     return wrong.empty() && at != std::string::npos ? check_node(text.substr(at + 1), target) : wrong;
 }
@@ -73,6 +98,36 @@ void zebctl_add_target(CLI::App *command, zebctl_target_t *target)
         ->type_name("");
 }
 
+void zebctl_add_app(CLI::App *command, const char *option, uint32_t *app, const char *what)
+{
+    auto check = [=](const std::string &text) {
+        zebctl_target_t target;
+        std::string wrong = check_app(text, &target);
+        if (wrong.empty())
+            *app = *target.app;
+        return wrong;
+    };
+    command->add_option(option, s_ignored, what)->check(CLI::Validator(check, "APP", "APP"))->type_name("");
+}
+
+static std::string check_seconds(const std::string &text, double *seconds)
+{
+    char *unit = nullptr;
+    *seconds = strtod(text.c_str(), &unit);
+    std::string rest = unit;
+    *seconds *= rest == "h" ? 3600 : (rest == "m" ? 60 : 1);
+    bool known = rest.empty() || rest == "s" || rest == "m" || rest == "h";
+    return known && unit != text.c_str() && *seconds >= 0.001 && *seconds <= 86400
+               ? ""
+               : "'" + text + "' is no time: 60s, 5m, 1h, at most 24h";
+}
+
+void zebctl_add_seconds(CLI::App *command, const char *option, double *seconds, const char *what)
+{
+    auto check = [=](const std::string &text) { return check_seconds(text, seconds); };
+    command->add_option(option, s_ignored, what)->check(CLI::Validator(check, "TIME", "TIME"))->type_name("");
+}
+
 static int refuse(const std::string &why)
 {
     fprintf(stderr, "zebctl: %s\nType: zebctl --help\n", why.c_str());
@@ -86,6 +141,16 @@ static void add_commands(CLI::App *app, zebctl_t *zebctl)
     zebctl_add_debug(app, zebctl);
     zebctl_add_dump(app, zebctl);
     zebctl_add_census(app, zebctl);
+    zebctl_add_call(app, zebctl);
+    zebctl_add_send(app, zebctl);
+    zebctl_add_log(app, zebctl);
+    zebctl_add_wait(app, zebctl);
+    zebctl_add_nodes(app, zebctl);
+    zebctl_add_evidence(app, zebctl);
+    zebctl_add_doctor(app, zebctl);
+    zebctl_add_version(app, zebctl);
+    zebctl_add_help(app, zebctl);
+    zebctl_add_complete(app, zebctl);
 }
 
 int main(int argc, char **argv)
@@ -98,9 +163,9 @@ int main(int argc, char **argv)
     app.require_subcommand(1);
     app.fallthrough();
     app.add_flag("--json", zebctl.json, "print JSON");
-    app.add_option("--timeout", zebctl.timeout, "seconds that an instance has for a reply (2)")
-        ->check(CLI::Range(0.001, 3600.0))
-        ->type_name("S");
+    CLI::Option *timeout = app.add_option("--timeout", zebctl.timeout, "seconds that an instance has for a reply (2)")
+                               ->check(CLI::Range(0.001, 3600.0))
+                               ->type_name("S");
     app.set_version_flag("--version", "zebctl " ZEB_TOOLS_VERSION);
     add_commands(&app, &zebctl);
 
@@ -114,5 +179,6 @@ int main(int argc, char **argv)
     }
     if (!zebctl.levels.empty() && !app.got_subcommand("debug"))
         return refuse("only debug takes levels");
+    zebctl.has_timeout = timeout->count() != 0;
     return zebctl.run(&zebctl);
 }

@@ -27,6 +27,7 @@ typedef struct zebctl_target_s {
 typedef struct zebctl_s {
     bool json = false;
     double timeout = 2;                 // seconds that an instance has for each reply
+    bool has_timeout = false;           // it was given
     std::vector<std::string> levels;    // "+verbose", "-info", in their order: only debug takes any
     std::function<int(zebctl_s *)> run; // of the command that was given
 } zebctl_t;
@@ -40,8 +41,13 @@ inline int64_t zebctl_timeout_ms(const zebctl_t *zebctl)
 void zebctl_add_filters(CLI::App *command, zebctl_target_t *target);
 void zebctl_add_target(CLI::App *command, zebctl_target_t *target);
 
-// Parses "APP" or "APP@NODE". Returns what is wrong, empty when nothing is.
+// Parses "APP" or "APP@NODE". APP is an id, or a name that zeb.conf gives one application. Returns what is wrong, empty
+// when nothing is.
 std::string zebctl_parse_target(const std::string &text, zebctl_target_t *target);
+
+// Adds an option whose value is an application, or a time: "60s", "5m", "1h", or seconds.
+void zebctl_add_app(CLI::App *command, const char *option, uint32_t *app, const char *what);
+void zebctl_add_seconds(CLI::App *command, const char *option, double *seconds, const char *what);
 
 // The commands, in the order of the help text.
 void zebctl_add_list(CLI::App *app, zebctl_t *zebctl);
@@ -49,5 +55,15 @@ void zebctl_add_stat(CLI::App *app, zebctl_t *zebctl);
 void zebctl_add_debug(CLI::App *app, zebctl_t *zebctl);
 void zebctl_add_dump(CLI::App *app, zebctl_t *zebctl);
 void zebctl_add_census(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_call(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_send(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_log(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_wait(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_nodes(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_evidence(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_doctor(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_version(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_help(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_complete(CLI::App *app, zebctl_t *zebctl);
 
 #endif

@@ -19,6 +19,7 @@ bool zebctl_has_application(const zebctl_row_t &row)
 
 int zebctl_open(zebctl_rows_t *rows, const zebctl_t *zebctl)
 {
+    *rows = zebctl_rows_t();
     rows->zebctl = zebctl;
     if (ops_session_open(&rows->session, ops_now() + ZEBCTL_VIEW_TIME) == 0)
         return ZEBCTL_OK;
