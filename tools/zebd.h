@@ -16,8 +16,9 @@
 #include "ops_session.h"
 #include "ops_stat.h"
 #include "ops_view.h"
+#include "zebd_loop.h"
 
-constexpr size_t ZEBD_SAMPLES = 60;     // of each counter: 10 minutes, one each 10 s
+constexpr size_t ZEBD_SAMPLES = 60;      // of each counter: 10 minutes, one each 10 s
 constexpr size_t ZEBD_PAIRS_MAX = 16384; // whose counters are kept
 constexpr size_t ZEBD_EVENTS_MAX = 1000;
 constexpr size_t ZEBD_EVIDENCE_MAX = 20;
@@ -73,5 +74,8 @@ typedef struct zebd_model_s {
     uint64_t asked, answered, strays;
     uint32_t left_out; // pairs and instances above the bounds
 } zebd_model_t;
+
+// The page and the metrics, at "ADDRESS:PORT". 0 or a negative errno value. Defined only where the page is built.
+int zebd_http_open(zebd_loop_t *loop, const zebd_model_t *model, const char *addr);
 
 #endif
