@@ -96,7 +96,7 @@ static int open_page(daemon_t *daemon, const std::string &addr)
 {
     if (addr.empty())
         return 0;
-#ifdef ZEBD_HTTP
+#ifdef ZEBD_HTTP_LATER
     int ret = zebd_http_open(&daemon->loop, &daemon->model, addr.c_str());
     if (ret != 0)
         say(3, "the page cannot be served at %s: %s", addr.c_str(), strerror(-ret));
