@@ -28,8 +28,8 @@ build: setup ## configure and build everything (PRESET=release, debug, asan or t
 demo: export ZEB_BUILD := $(CURDIR)/build/demo
 demo: ## run two servers and a client on three nodes, and print what they do (builds only what that needs)
 	@scripts/setup demo
-	@echo "building the library, the simulator and the examples in build/demo"
-	@cmake -S . -B build/demo -DZEB_TOOLS=OFF >build/configure-demo.log 2>&1 || { cat build/configure-demo.log; exit 1; }
+	@echo "building the library, the simulator, the examples and zebctl in build/demo"
+	@cmake -S . -B build/demo >build/configure-demo.log 2>&1 || { cat build/configure-demo.log; exit 1; }
 	@cmake --build build/demo -j$(JOBS) >build/build-demo.log 2>&1 || { cat build/build-demo.log; exit 1; }
 	@examples/demo/run
 

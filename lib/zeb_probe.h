@@ -25,6 +25,9 @@
 #define _SDT_HAS_SEMAPHORES 1
 #endif
 #include <sys/sdt.h>
+#ifdef __clang__ // -Wpedantic looks into the macros of that header
+#pragma clang diagnostic ignored "-Wgnu-zero-variadic-macro-arguments"
+#endif
 
 extern "C" {
 extern volatile unsigned short zeb_pair_semaphore __attribute__((visibility("hidden")));

@@ -245,6 +245,7 @@ static bool parse_app(parser_t *parser, const char *line)
         return true;
     if (match_line(line, "  Proxy thread 0x^, socket #, priority #", &n)) {
         stat->priority = (int32_t)n[2];
+        stat->own_thread = n[0] != 0;
         return true;
     }
     if (match_line(line, "  Callback functions: event &, message dispatchers:", &n)) {

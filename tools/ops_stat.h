@@ -92,6 +92,7 @@ typedef struct ops_stat_s {
 
     std::string name;
     int32_t priority;
+    bool own_thread;    // its callbacks run on a thread of their own; else on another one, or when its program says
     ops_ids_t versions; // with a dispatcher; none: a client
     ops_ids_t named;    // peer applications
     uint32_t queue;     // unprocessed messages

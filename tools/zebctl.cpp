@@ -137,7 +137,11 @@ static int refuse(const std::string &why)
 static void add_commands(CLI::App *app, zebctl_t *zebctl)
 {
     zebctl_add_list(app, zebctl);
+    zebctl_add_watch(app, zebctl);
     zebctl_add_stat(app, zebctl);
+    zebctl_add_top(app, zebctl);
+    zebctl_add_blocked(app, zebctl);
+    zebctl_add_ping(app, zebctl);
     zebctl_add_debug(app, zebctl);
     zebctl_add_dump(app, zebctl);
     zebctl_add_census(app, zebctl);

@@ -51,7 +51,11 @@ void zebctl_add_seconds(CLI::App *command, const char *option, double *seconds, 
 
 // The commands, in the order of the help text.
 void zebctl_add_list(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_watch(CLI::App *app, zebctl_t *zebctl);
 void zebctl_add_stat(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_top(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_blocked(CLI::App *app, zebctl_t *zebctl);
+void zebctl_add_ping(CLI::App *app, zebctl_t *zebctl);
 void zebctl_add_debug(CLI::App *app, zebctl_t *zebctl);
 void zebctl_add_dump(CLI::App *app, zebctl_t *zebctl);
 void zebctl_add_census(CLI::App *app, zebctl_t *zebctl);

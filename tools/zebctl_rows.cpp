@@ -37,23 +37,26 @@ static bool matches(const zebctl_target_t &target, ops_inst_t inst)
     return (!target.app || *target.app == inst.app) && (!target.node || *target.node == inst.node);
 }
 
-static int say_nobody(const zebctl_target_t &target)
+std::string zebctl_nobody(const zebctl_target_t &target)
 {
     std::string what = target.app ? " of application " + std::to_string(*target.app) : "";
     if (target.node)
         what += " on node " + std::to_string(*target.node);
-    fprintf(stderr, "zebctl: there is no instance%s. Type: zebctl list\n", what.c_str());
+    return "there is no instance" + what + ". Type: zebctl list";
+}
+
+static int say_nobody(const zebctl_target_t &target)
+{
+    fprintf(stderr, "zebctl: %s\n", zebctl_nobody(target).c_str());
     return ZEBCTL_NOBODY;
 }
 
-int zebctl_select(zebctl_rows_t *rows, const zebctl_target_t &target)
+int zebctl_pick(zebctl_rows_t *rows, const zebctl_target_t &target)
 {
     std::vector<ops_seen_t> seen;
     int ret = ops_session_view(&rows->session, &seen, ops_now() + ZEBCTL_VIEW_TIME);
-    if (ret != 0) {
-        fprintf(stderr, "zebctl: %s\n", rows->session.why.c_str());
-        return ret == -ETIMEDOUT ? ZEBCTL_TIMED_OUT : ZEBCTL_ERROR;
-    }
+    if (ret != 0)
+        return ret;
     rows->rows.clear();
     for (const ops_seen_t &one : seen) {
         if (!matches(target, one.inst))
@@ -63,6 +66,16 @@ int zebctl_select(zebctl_rows_t *rows, const zebctl_target_t &target)
         row.asked = one.inst.app != ZEBD_APP_ID; // who asks is application 1 itself
         row.why = row.asked ? "not asked" : "";
         rows->rows.push_back(row);
+    }
+    return 0;
+}
+
+int zebctl_select(zebctl_rows_t *rows, const zebctl_target_t &target)
+{
+    int ret = zebctl_pick(rows, target);
+    if (ret != 0) {
+        fprintf(stderr, "zebctl: %s\n", rows->session.why.c_str());
+        return ret == -ETIMEDOUT ? ZEBCTL_TIMED_OUT : ZEBCTL_ERROR;
     }
     return rows->rows.empty() ? say_nobody(target) : ZEBCTL_OK;
 }

@@ -42,6 +42,12 @@ void zebctl_close(zebctl_rows_t *rows);
 // wrong: ZEBCTL_NOBODY when none matches.
 int zebctl_select(zebctl_rows_t *rows, const zebctl_target_t &target);
 
+// The same without a word: 0 or a negative errno value, as ops_session_view.
+int zebctl_pick(zebctl_rows_t *rows, const zebctl_target_t &target);
+
+// Says that no instance matches.
+std::string zebctl_nobody(const zebctl_target_t &target);
+
 // Ask the selected instances: who they are; their statistics, of those that said who they are; to switch levels; and
 // their nodes for their processes. 0 or a negative errno value, as ops_session_ask.
 int zebctl_ask_identity(zebctl_rows_t *rows);

@@ -24,4 +24,11 @@ std::string zebctl_inst(ops_inst_t inst);
 // The text for a terminal, or `other` when it is empty.
 std::string zebctl_text_or(const std::string &text, const char *other);
 
+// Local time, "-" for 0; the second with milliseconds, for a stream.
+std::string zebctl_time_text(int64_t ms);
+std::string zebctl_moment_text(int64_t ms);
+
+// A span in words for people: "850 ms", "12 s", "5 min", "3 h", "4 d".
+std::string zebctl_span_text(int64_t ms);
+
 #endif

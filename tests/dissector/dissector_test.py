@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""The dissector, over captures that are built from bytes: what tshark says of each frame. Usage: dissector_test.py [TEST…]
+"""The dissector, over captures that are built from bytes, and over talk.pcapng.gz, which two machines with TIPC of the kernel
+recorded: what tshark says of each frame. Usage: dissector_test.py [TEST…]
 
-With `--capture FILE` the capture is what ./record recorded. ZEB_DISSECTOR names another script than the tree's."""
+./record makes two captures, and has them checked with `--capture FILE` and `--talk FILE`. ZEB_DISSECTOR names another script
+than the tree's."""
 import json
 import os
 import pathlib
@@ -51,7 +53,7 @@ MANAGEMENT = {  # by the element's type: value, and whether it is a reply
     "debug": message(MNG, element(3, little(8, 1))),
     "info asked": message(MNG | REQUEST, element(4), seq=500),
     "info": message(MNG | REQUEST | ACK, element(4, little(0x4321, 4242, 0xC)), seq=501),
-    "statistics": message(MNG | REQUEST | ACK, STATISTICS, seq=502),
+    "statistics": message(MNG | REQUEST | ACK, STATISTICS, seq=502, ver=0, app_ver=0),
     "ping": message(MNG, element(6)),
     "echo": message(MNG, element(7)),
     "reload": message(MNG, element(8)),
@@ -152,6 +154,7 @@ def add_wrong(capture):
     capture.zeb("one-way below the header", message(0, b"abc", length=3))
     capture.zeb("length of 4 GiB", message(MNG, element(6), length=0xFFFFFFFF))
     capture.zeb("version 3", message(ver=3))
+    capture.zeb("version 0", message(ver=0))
     capture.zeb("reserved", message(rsvd=1))
     capture.zeb("flags", message(flag=0x30))
     for app in (0, 8192, 12288, 16383, 20480):
@@ -384,7 +387,7 @@ class Dissector(unittest.TestCase):
         self.has("hello of 1", "bad_length")
 
     def test_what_no_sender_writes(self):
-        for name in ("version 3", "reserved", "flags", "node 65536", "to node 65536", "status in one-way"):
+        for name in ("version 3", "version 0", "reserved", "flags", "node 65536", "to node 65536", "status in one-way"):
             self.has(name, "bad_header")
         for app in (0, 8192, 12288, 16383, 20480):
             self.has(f"from {app}", "bad_header")
@@ -511,17 +514,24 @@ def no_error(test, out):
         test.assertEqual(at, -1, out[max(at - 300, 0) : at + 300])
 
 
+def understood(test, path):
+    """The frames with messages of ours, after looking that each is understood."""
+    no_error(test, run_tshark(path, "-2", "-T", "json", "-Y", "zeb"))
+    frames = fields_of(path, "-2", "-Y", "tipcv2.port_name_type == 2303").values()
+    test.assertEqual([frame for frame in frames if not frame["zeb"]], [])
+    wrong = ("zeb.bad_length", "zeb.bad_element", "zeb.bad_header", "zeb.address_mismatch", "zeb.skipped_element")
+    test.assertEqual([frame for frame in frames if any(frame[note] for note in wrong)], [])
+    return frames
+
+
 class Recorded(unittest.TestCase):
     """What two machines said: joins, ten messages of the largest size each way, a call each way."""
 
     path = None
 
     def test_all_of_it_is_understood(self):
-        no_error(self, run_tshark(self.path, "-2", "-T", "json", "-Y", "zeb"))
-        frames = fields_of(self.path, "-2", "-Y", "tipcv2.port_name_type == 2303").values()
-        self.assertEqual([frame for frame in frames if not frame["zeb"]], [])
-        wrong = ("zeb.bad_length", "zeb.bad_element", "zeb.bad_header", "zeb.address_mismatch", "zeb.skipped_element", "zeb.cut")
-        self.assertEqual([frame for frame in frames if any(frame[note] for note in wrong)], [])
+        frames = understood(self, self.path)
+        self.assertEqual([frame for frame in frames if frame["zeb.cut"]], [])
         self.assertGreaterEqual(sum("61476" in frame["zeb.len"] for frame in frames), 20)
         self.assertGreaterEqual(sum("1" in frame["zeb.element.type"] for frame in frames), 2)
         self.assertGreaterEqual(sum(bool(frame["zeb.sync_in"]) for frame in frames), 2)
@@ -529,9 +539,105 @@ class Recorded(unittest.TestCase):
         self.assertGreaterEqual(sum(bool(frame["zeb.time"]) for frame in frames), 2)
 
 
+class Talk(unittest.TestCase):
+    """What ./talk makes two machines say, in its order: see there. Instance 101/1 is on the machine that records."""
+
+    path = HERE / "talk.pcapng.gz"
+    CLIENT, SERVER, ASKER = ("101", "1"), ("101", "2"), ("1", "2")
+
+    @classmethod
+    def setUpClass(cls):
+        cls.frames = fields_of(cls.path, "-2", "-Y", "zeb")
+
+    def find(self, src, dst, flag, **wanted):
+        """The frames with one message from `src` to `dst`, with these flags and these values of the fields."""
+        ends = {"src_app": src[0], "src_node": src[1], "dst_app": dst[0], "dst_node": dst[1], "flag": f"0x{flag:02x}", "ver": "2"}
+        wanted = {"zeb." + name.replace("__", "."): [str(value)] for name, value in {**ends, **wanted}.items()}
+        return [frame for frame in self.frames.values() if all(frame[name] == value for name, value in wanted.items())]
+
+    def one(self, *ends, **wanted):
+        found = self.find(*ends, **wanted)
+        self.assertEqual(len(found), 1, (ends, wanted, found))
+        return found[0]
+
+    def linked(self, request, reply, **values):
+        """Each half of a call names the other, and the reply the time since."""
+        self.assertEqual((request["zeb.reply_in"], reply["zeb.request_in"]), (reply["frame.number"], request["frame.number"]))
+        self.assertEqual((request["zeb.request_in"], reply["zeb.reply_in"]), ([], []))
+        self.assertEqual(reply["zeb.seq"], request["zeb.seq"])
+        self.assertTrue(0 < float(reply["zeb.time"][0]) < 20, reply["zeb.time"])
+        for name, value in values.items():
+            self.assertEqual(reply["zeb." + name.replace("__", ".")], [str(value)], name)
+
+    def test_all_of_it_is_understood(self):
+        self.assertGreater(len(understood(self, self.path)), 20)
+
+    def test_a_handshake(self):
+        for src, dst in ((self.CLIENT, self.SERVER), (self.SERVER, self.CLIENT)):
+            syncs = self.find(src, dst, SYNC, element__type=1, sync__is_server=1, sync__resume=0)
+            self.assertTrue(syncs)
+            seq = syncs[0]["zeb.sync.seq"]
+            answers = [frame for frame in self.find(dst, src, SYNC) if frame["zeb.element.type"] == ["2", "9"]]
+            self.assertTrue(answers)
+            for frame in answers:
+                self.assertEqual(frame["zeb.sync.seq"], seq * 2, "each acknowledges the one synchronisation")
+                self.assertEqual(len(set(frame["zeb.sync_in"])), 1)
+                self.assertIn(frame["zeb.sync_in"][0], [sync["frame.number"][0] for sync in syncs])
+                self.assertGreater(float(frame["zeb.sync_time"][0]), 0)
+            own = self.find(dst, src, SYNC, element__type=1)[0]["zeb.sync.seq"]
+            self.assertEqual(answers[-1]["zeb.sync.pseq"], own, "the last names the other's synchronisation")
+
+    def test_one_way_messages(self):
+        frame = self.one(self.CLIENT, self.SERVER, 0, len=5036)
+        self.assertEqual((frame["zeb.app_ver"], frame["zeb.seq"], frame["zeb.rpc_stat"]), (["1"], ["0"], ["0"]))
+        self.assertEqual(len(frame["zeb.data"][0]), 10000)
+        short = [data for frame in self.frames.values() if set(frame["zeb.flag"]) == {"0x00"} for data in frame["zeb.data"] if len(data) == 8]
+        self.assertEqual(sorted({int.from_bytes(bytes.fromhex(data), "little") for data in short}), list(range(512)))
+        self.one(self.SERVER, self.CLIENT, MNG, element__type=0, ack_num=512)
+
+    def test_calls(self):
+        taken, refused = self.find(self.CLIENT, self.SERVER, REQUEST)
+        self.assertEqual((taken["zeb.app_ver"], refused["zeb.app_ver"]), (["3"], ["7"]))
+        reply = self.one(self.SERVER, self.CLIENT, REQUEST | ACK, rpc_stat=0)
+        self.linked(taken, reply)
+        self.assertEqual(reply["zeb.mismatch.low"], [])
+        mismatch = self.one(self.SERVER, self.CLIENT, REQUEST | ACK, rpc_stat=3)
+        self.linked(refused, mismatch, mismatch__low=1, mismatch__high=3)
+        self.assertTrue(mismatch["zeb.version_mismatch"])
+        self.assertIn("no dispatcher for the version: the server takes 1 to 3", mismatch["_ws.expert.message"][0])
+
+    def test_management(self):
+        asked = self.find(self.ASKER, self.CLIENT, MNG | REQUEST)
+        infos = self.find(self.CLIENT, self.ASKER, MNG | REQUEST | ACK, element__type=4)
+        texts = self.find(self.CLIENT, self.ASKER, MNG | REQUEST | ACK, ver=0)
+        answered = sorted(infos + texts, key=lambda frame: int(frame["frame.number"][0]))
+        self.assertEqual((len(asked), len(infos), len(texts)), (6, 4, 2))
+        for request, reply in zip(asked, answered):
+            self.linked(request, reply, rpc_stat=0)
+        self.assertEqual([frame["zeb.element.type"] for frame in asked], [["4"], ["5"], ["4"], ["5"], ["3", "3", "4"], ["3"] * 4 + ["4"]])
+        self.assertEqual({tuple(frame["zeb.info.app"]) for frame in infos}, {("101",)})
+        self.assertEqual(len({tuple(frame["zeb.info.pid"]) for frame in infos}), 1)
+        self.assertEqual([int(frame["zeb.info.mask"][0], 0) for frame in infos], [8, 8, 14, 0])
+        self.assertEqual((asked[4]["zeb.debug.level"], asked[4]["zeb.debug.on"]), (["1", "2"], ["1", "1"]))
+        self.assertEqual((asked[5]["zeb.debug.level"], asked[5]["zeb.debug.on"]), (["0", "1", "2", "3"], ["0"] * 4))
+        for frame in texts:
+            self.assertEqual(frame["zeb.element"], [])
+            self.assertIn("Application 101/1 [agent] information:", frame["zeb.stat.text"][0])
+            self.assertIn("Send to application 101/2: send 515, unack ", frame["zeb.stat.text"][0])
+
+    def test_a_message_that_comes_back(self):
+        sent, back = self.find(self.CLIENT, self.SERVER, 0, len=2036)
+        self.assertEqual((sent["zeb.returned"], sent["zeb.returned_message"], sent["zeb.cut"]), ([], [], []))
+        self.assertEqual(back["zeb.returned"], ["2"])
+        self.assertTrue(back["zeb.returned_message"] and back["zeb.cut"])
+        self.assertIn("TIPC returned 1024 of 2036 bytes", "".join(back["_ws.expert.message"]))
+        self.assertTrue(sent["zeb.data"][0].startswith(back["zeb.data"][0]))
+
+
 if __name__ == "__main__":
-    chosen = [f"Dissector.{name}" for name in sys.argv[1:]] or ["Dissector"]
-    if sys.argv[1:2] == ["--capture"]:
-        Recorded.path = pathlib.Path(sys.argv[2]).resolve()
-        chosen = ["Recorded"]
+    chosen = [f"Dissector.{name}" for name in sys.argv[1:]] or ["Dissector", "Talk"]
+    for option, suite in (("--capture", Recorded), ("--talk", Talk)):
+        if sys.argv[1:2] == [option]:
+            suite.path = pathlib.Path(sys.argv[2]).resolve()
+            chosen = [suite.__name__]
     unittest.main(argv=[sys.argv[0], *chosen])

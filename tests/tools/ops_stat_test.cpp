@@ -72,7 +72,9 @@ static std::vector<std::string> nodes_of(const std::vector<ops_flow_send_t> &sen
 TEST_F(ops_stat, every_listing_becomes_a_record)
 {
     fill();
-    ops_stat_t stat = parsed(answered());
+    std::string text = answered();
+    RecordProperty("listing", text.c_str()); // for tests/fuzz/seeds
+    ops_stat_t stat = parsed(text);
     EXPECT_EQ(stat.odd, 0U) << stat.first_odd;
     EXPECT_EQ(ops_stat_missing(stat), "");
     EXPECT_FALSE(stat.cut);

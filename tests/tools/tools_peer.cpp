@@ -4,6 +4,9 @@
 //        tools_peer hold                  a socket that is application 1 of this node
 //        tools_peer silent|half|quarter|liar|refuse|flood|cut APP
 //                                         a socket that is APP and answers like that
+//        tools_peer steady|anew APP       the same with counters that grow by 100 from answer to answer; of one
+//        process,
+//                                         or of another one each time
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -72,11 +75,26 @@ static bool reply(int sd, const zeb_msg_t *request, const void *body, uint32_t l
     return sent != -1;
 }
 
-static void identify(int sd, const zeb_msg_t *request, uint32_t app)
+static void identify(int sd, const zeb_msg_t *request, uint32_t app, int32_t pid)
 {
-    ops_app_info_t info = {app, (int32_t)getpid(), 0};
+    ops_app_info_t info = {app, pid, 0};
     uint8_t body[sizeof(struct tlv_desc) + sizeof(info)] __attribute__((aligned(4)));
     (void)reply(sd, request, body, TLV_SET(body, OPS_APP_INFO, &info, sizeof(info)), 0);
+}
+
+// Statistics with counters, each time with more messages sent.
+static std::string growing_text(uint32_t app)
+{
+    static uint32_t sent;
+    char text[300];
+    sent += 100;
+    (void)snprintf(
+        text, sizeof(text),
+        "Application %u/%u [grows] information:\n  Proxy thread 0x1, socket 3, priority 0\n"
+        "Application %u overall statistics:\n  total send %u, unack 0, mcast reject 0, RPC reply exception 0\n"
+        "  total receive 0, unack 0, exception 0\n",
+        app, s_node, app, sent);
+    return text;
 }
 
 static void answer(int sd, const zeb_msg_t *request, const std::string &how)
@@ -86,9 +104,12 @@ static void answer(int sd, const zeb_msg_t *request, const std::string &how)
         (void)reply(sd, request, request->data, how == "half" ? 4 : 0, how == "half" ? 0 : ZEB_APP_UNAVAIL);
         return;
     }
+    static int32_t others; // processes that answered before
     if (!stat || how == "liar")
-        return identify(sd, request, request->hdr.dst_app + (how == "liar" ? 1 : 0));
+        return identify(sd, request, request->hdr.dst_app + (how == "liar" ? 1 : 0),
+                        (int32_t)getpid() + (how == "anew" ? ++others : 0));
     std::string text = how == "cut" ? "*** PRINT BUFFER STRING OVERFLOW ***\n" : "\033[2Jnothing\n";
+    text = how == "steady" || how == "anew" ? growing_text(request->hdr.dst_app) : text;
     text += how == "cut" ? std::string("\0ry information:\nApplication 1", 31) : "";
     while (reply(sd, request, text.c_str(), (uint32_t)text.size() + 1, 0) && how == "flood") {
         // until nobody takes it

@@ -415,7 +415,8 @@ local function check_header(m)
     local function wrong(...)
         m.tree:add_proto_expert_info(e.header, text(...))
     end
-    if m.ver ~= 1 and m.ver ~= 2 then
+    local statistics = m.flag == MNG + REQUEST + ACK -- printed into a message of its own, without a version
+    if m.ver ~= 1 and m.ver ~= 2 and not (m.ver == 0 and statistics) then
         wrong("Version %d; 1 and 2 are known", m.ver)
     end
     if m.rsvd ~= 0 then
