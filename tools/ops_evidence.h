@@ -36,7 +36,7 @@ typedef struct ops_evidence_result_s {
     std::string why; // nothing was saved
 } ops_evidence_result_t;
 
-// 0; -ENOENT when there is no such instance; or another negative errno value when nothing could be saved.
+// 0, or a negative errno value when nothing could be saved: -ENOENT with an empty path when there is no such instance.
 int ops_evidence(const ops_evidence_t &evidence, ops_evidence_result_t *result);
 
 #endif

@@ -152,17 +152,18 @@ static bool all_done(const std::vector<undo_t> &list)
     return std::all_of(list.begin(), list.end(), [](const undo_t &undo) { return undo.done; });
 }
 
-// Another zebctl may be application 1 at that time, and an instance may be busy: it is tried for a while.
+// Another zebctl may be application 1 at that time: it is tried for a while. Who does not answer is asked twice.
 static std::string put_back(std::vector<undo_t> *list, const zebctl_t *zebctl)
 {
     zebctl_progress("putting the levels back");
-    int64_t deadline = ops_now() + std::max(BACK_TIME, 2 * zebctl_timeout_ms(zebctl));
+    int64_t deadline = ops_now() + BACK_TIME;
     std::string why;
-    while (!all_done(*list) && ops_now() < deadline) {
+    for (int asked = 0; !all_done(*list) && asked < 2 && ops_now() < deadline;) {
         ops_session_t session;
         int ret = ops_session_open(&session, deadline);
         bool told = ret == 0 && put_back_once(list, zebctl, &session);
         why = told ? "" : session.why;
+        asked += told ? 1 : 0;
         if (ret == 0)
             ops_session_close(&session);
         if (!all_done(*list))

@@ -59,9 +59,10 @@ static int run(zebctl_t *zebctl, const evidence_options_t &options)
     int ret = ops_evidence(evidence, &result);
     zebctl_progress("");
     if (ret != 0) {
+        bool nobody = ret == -ENOENT && result.path.empty(); // else there is no such directory
         fprintf(stderr, "zebctl: nothing was saved: %s. Type: %s\n", result.why.c_str(),
-                ret == -ENOENT ? "zebctl list" : "zebctl doctor");
-        return ret == -ENOENT ? ZEBCTL_NOBODY : ZEBCTL_ERROR;
+                nobody ? "zebctl list" : "zebctl evidence --help");
+        return nobody ? ZEBCTL_NOBODY : ZEBCTL_ERROR;
     }
     zebctl->json ? print(evidence, result) : show(result);
     return result.missing == 0 ? ZEBCTL_OK : ZEBCTL_PARTIAL;

@@ -33,7 +33,7 @@ static int run_help(const CLI::App *app, const std::string &name)
         fprintf(stderr, "zebctl: there is no command '%s'\nType: zebctl --help\n", ops_printable(name).c_str());
         return ZEBCTL_USAGE;
     }
-    printf("%s", about->help(name.empty() ? "" : "zebctl " + name).c_str());
+    printf("%s", about->help(name.empty() ? "" : "zebctl").c_str());
     return ZEBCTL_OK;
 }
 
