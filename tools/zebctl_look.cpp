@@ -23,7 +23,29 @@ static int ask(zebctl_rows_t *rows)
     return ret == 0 ? zebctl_ask_statistics(rows) : ret;
 }
 
-static zebctl_look_t look_now(const zebctl_t *zebctl, const zebctl_target_t &target)
+static double sharp_now() // ms
+{
+    struct timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return (double)now.tv_sec * 1e3 + (double)now.tv_nsec / 1e6;
+}
+
+// An instance that does not answer this time keeps what it took when all were asked.
+static void measure(zebctl_rows_t *rows)
+{
+    for (zebctl_row_t &row : rows->rows) {
+        if (!zebctl_has_identity(row))
+            continue;
+        std::vector<ops_request_t> requests = {ops_request(row.seen.inst, OPS_ASK_INFO)};
+        double begun = sharp_now();
+        row.alone_ms = (double)row.identity.took;
+        if (ops_session_ask(&rows->session, &requests, zebctl_timeout_ms(rows->zebctl)) == 0 &&
+            requests[0].outcome == OPS_ANSWERED)
+            row.alone_ms = sharp_now() - begun;
+    }
+}
+
+static zebctl_look_t look_now(const zebctl_t *zebctl, const zebctl_target_t &target, bool timed)
 {
     auto look = zebctl_look_t();
     look.rows.zebctl = zebctl;
@@ -36,6 +58,8 @@ static zebctl_look_t look_now(const zebctl_t *zebctl, const zebctl_target_t &tar
     if (ret == 0 && !look.rows.rows.empty())
         ret = ask(&look.rows);
     look.at = ops_now();
+    if (ret == 0 && timed)
+        measure(&look.rows);
     if (ret != 0)
         failed(&look, ret);
     else if (look.rows.rows.empty()) {
@@ -46,15 +70,25 @@ static zebctl_look_t look_now(const zebctl_t *zebctl, const zebctl_target_t &tar
     return look;
 }
 
-zebctl_look_t zebctl_look(const zebctl_t *zebctl, const zebctl_target_t &target)
+static zebctl_look_t look_soon(const zebctl_t *zebctl, const zebctl_target_t &target, bool timed)
 {
     int64_t deadline = ops_now() + HELD_TIME;
     for (;;) {
-        zebctl_look_t look = look_now(zebctl, target);
+        zebctl_look_t look = look_now(zebctl, target, timed);
         // Two that step back from each other do not come back at the same time.
         if (!look.rows.session.held || ops_now() >= deadline || !zebctl_pause(HELD_PAUSE + getpid() % HELD_PAUSE))
             return look;
     }
+}
+
+zebctl_look_t zebctl_look(const zebctl_t *zebctl, const zebctl_target_t &target)
+{
+    return look_soon(zebctl, target, false);
+}
+
+zebctl_look_t zebctl_look_timed(const zebctl_t *zebctl, const zebctl_target_t &target)
+{
+    return look_soon(zebctl, target, true);
 }
 
 static int say(const zebctl_look_t &look)
@@ -145,11 +179,6 @@ void zebctl_add_interval(CLI::App *command, double *interval)
     command->add_option("--interval", *interval, "seconds between two looks (1)")
         ->check(CLI::Range(0.001, 3600.0))
         ->type_name("S");
-}
-
-double zebctl_took_ms(const ops_request_t &request)
-{
-    return (double)request.took;
 }
 
 std::string zebctl_rate_text(double rate)

@@ -22,6 +22,9 @@ typedef struct zebctl_look_s {
 // application 1.
 zebctl_look_t zebctl_look(const zebctl_t *zebctl, const zebctl_target_t &target);
 
+// The same, and then measures the answers of those that have answered, one after the other: `alone_ms`.
+zebctl_look_t zebctl_look_timed(const zebctl_t *zebctl, const zebctl_target_t &target);
+
 // The same, and says what is wrong. ZEBCTL_OK, or an exit code.
 int zebctl_look_once(const zebctl_t *zebctl, const zebctl_target_t &target, zebctl_look_t *look);
 
@@ -46,9 +49,6 @@ ops_looks_t zebctl_looks_of(const zebctl_look_t &look);
 
 // Adds "--interval S": seconds between two looks.
 void zebctl_add_interval(CLI::App *command, double *interval);
-
-// ms that the answer took.
-double zebctl_took_ms(const ops_request_t &request);
 
 // A rate for a table: "-" when it is not known.
 std::string zebctl_rate_text(double rate);

@@ -67,7 +67,7 @@ static void take_row(ping_t *pings, const zebctl_row_t &row, int64_t at)
     ping->state = outcome_state(row.identity);
     bool answered = zebctl_has_identity(row);
     if (answered)
-        ping->times.push_back(zebctl_took_ms(row.identity));
+        ping->times.push_back(row.alone_ms);
     if (answered && zebctl_has_application(row)) {
         compare(ping, row, at);
         ping->looked = true;
@@ -80,7 +80,7 @@ static void take_row(ping_t *pings, const zebctl_row_t &row, int64_t at)
 // Asks once. ZEBCTL_OK, or an exit code after it has said what is wrong.
 static int ask(ping_t *pings)
 {
-    zebctl_look_t look = zebctl_look(pings->zebctl, pings->options->target);
+    zebctl_look_t look = zebctl_look_timed(pings->zebctl, pings->options->target);
     if (look.code == ZEBCTL_NOBODY && pings->insts.empty()) {
         fprintf(stderr, "zebctl: gone: %s\n", look.why.c_str());
         return ZEBCTL_NOBODY;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <set>
 
 #include "zebctl_text.h"
 
@@ -136,24 +137,27 @@ int zebctl_ask_statistics(zebctl_rows_t *rows)
 
 static void take_processes(zebctl_rows_t *rows, uint32_t node, const std::vector<ops_process_t> &processes)
 {
+    std::map<int32_t, const ops_process_t *> by_pid;
+    for (const ops_process_t &process : processes)
+        by_pid[process.pid] = &process;
     for (zebctl_row_t &row : rows->rows) {
-        for (const ops_process_t &process : processes) {
-            if (row.seen.inst.node == node && zebctl_has_identity(row) && row.identity.info.pid == process.pid)
-                row.process = process;
-        }
+        auto found = by_pid.find(row.identity.info.pid);
+        if (row.seen.inst.node == node && zebctl_has_identity(row) && found != by_pid.end())
+            row.process = *found->second;
     }
 }
 
 void zebctl_ask_processes(zebctl_rows_t *rows)
 {
-    std::map<uint32_t, std::vector<int32_t>> nodes;
+    std::map<uint32_t, std::set<int32_t>> nodes; // a process may have many instances
     for (const zebctl_row_t &row : rows->rows) {
         if (zebctl_has_identity(row))
-            nodes[row.seen.inst.node].push_back(row.identity.info.pid);
+            nodes[row.seen.inst.node].insert(row.identity.info.pid);
     }
     for (const auto &[node, pids] : nodes) {
         std::vector<ops_process_t> processes;
-        if (ops_session_processes(&rows->session, node, pids, &processes, zebctl_timeout_ms(rows->zebctl)) == 0)
+        if (ops_session_processes(&rows->session, node, {pids.begin(), pids.end()}, &processes,
+                                  zebctl_timeout_ms(rows->zebctl)) == 0)
             take_processes(rows, node, processes);
     }
 }

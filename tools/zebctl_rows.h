@@ -25,6 +25,7 @@ typedef struct zebctl_row_s {
     ops_request_t statistics;
     ops_stat_t stat;
     ops_process_t process;
+    double alone_ms; // that an identity request took when nothing else was asked; 0: not measured
     std::string why; // what is missing; empty when nothing is
 } zebctl_row_t;
 
