@@ -17,11 +17,13 @@
 // counts, so that silent instances do not keep the others waiting.
 constexpr size_t SMALL_AT_ONCE = 256;
 constexpr size_t LARGE_AT_ONCE = 32;
-constexpr int64_t SLOW = 250;      // ms
-constexpr int64_t CONGESTED = 10;  // ms until a write that TIPC refused for congestion is tried again
-constexpr int64_t OWN_NAME = 2000; // ms until the own name is seen at the latest
-constexpr size_t ANC_SPACE = 2048; // of returned messages, which have 1024 bytes at most
-constexpr int READ_AT_ONCE = 1024; // datagrams
+constexpr int64_t SLOW = 250;       // ms
+constexpr int64_t CONGESTED = 10;   // ms until a write that TIPC refused for congestion is tried again
+constexpr int64_t OWN_NAME = 2000;  // ms until the own name is seen at the latest
+constexpr int64_t LONGEST = 1000;   // ms between two steps
+constexpr size_t ANC_SPACE = 2048;  // of returned messages, which have 1024 bytes at most
+constexpr int READ_AT_ONCE = 256;   // datagrams
+constexpr int REFUSED_AT_ONCE = 16; // by TIPC, before nothing more is tried for a while
 constexpr int RECV_LEN = ZEB_MSG_HDR_LEN + ZEB_MSG_MAX_DATA;
 
 ops_request_t ops_request(ops_inst_t inst, ops_ask_t ask)
@@ -65,7 +67,9 @@ static int only_holder(ops_view_t *view, ops_inst_t own, int64_t deadline)
 int ops_client_open(ops_client_t *client, ops_view_t *view, uint32_t node, int64_t deadline)
 {
     ops_inst_t own = {ZEBD_APP_ID, node};
-    *client = {-1, node, 0, 0, nullptr};
+    *client = ops_client_t();
+    client->sd = -1;
+    client->node = node;
     if (ops_view_sockets(view, own) != 0)
         return -EADDRINUSE;
     int sd = create_socket(node);
@@ -125,8 +129,8 @@ static zeb_msg_t *new_message(const ops_client_t *client, const ops_request_t *r
     return msg;
 }
 
-// False when TIPC is congested or short of memory: the request waits for its turn.
-static bool send_request(ops_client_t *client, ops_request_t *request)
+// 0; -EAGAIN when TIPC is congested or short of memory, and the request waits for its turn; another errno value.
+static int send_request(ops_client_t *client, ops_request_t *request)
 {
     struct sockaddr_tipc addr = tipc_name(OPS_NAME_TYPE, ops_name_of(request->inst), TIPC_CLUSTER_SCOPE);
     request->seq = ++client->seq;
@@ -137,14 +141,11 @@ static bool send_request(ops_client_t *client, ops_request_t *request)
         sendto(client->sd, &msg->hdr, len, MSG_NOSIGNAL | MSG_DONTWAIT, (struct sockaddr *)&addr, sizeof(addr));
     int err = errno;
     free(msg);
-    if (sent == (ssize_t)len) {
-        request->sent_at = ops_now();
-        return true;
-    }
-    if (sent == -1 && (err == EAGAIN || err == EINTR || err == ENOMEM || err == ENOBUFS))
-        return false;
-    done(request, OPS_GONE, std::string("not sent: ") + (sent == -1 ? strerror(err) : "cut short"));
-    return true;
+    if (sent == (ssize_t)len)
+        return 0;
+    if (sent != -1)
+        return -EMSGSIZE;
+    return err == EINTR || err == ENOMEM || err == ENOBUFS ? -EAGAIN : -err;
 }
 
 static void take_info(ops_request_t *request, const zeb_msg_t *msg)
@@ -186,23 +187,57 @@ static void take_reply(ops_request_t *request, const zeb_msg_t *msg)
     done(request, OPS_ANSWERED, "");
 }
 
-// The request that the instance owes a reply to; null when there is none.
-static ops_request_t *awaited(std::vector<ops_request_t> *requests, uint32_t seq, ops_inst_t inst)
+// Takes a batch out of those that take turns.
+static void leave(ops_client_t *client, ops_batch_t *batch)
 {
-    for (ops_request_t &request : *requests) {
-        if (request.seq == seq && request.sent_at != 0 && request.outcome == OPS_WAITING &&
-            request.inst.app == inst.app && request.inst.node == inst.node)
-            return &request;
-    }
-    return nullptr;
+    auto found = std::find(client->batches.begin(), client->batches.end(), batch);
+    if (found != client->batches.end())
+        client->batches.erase(found);
 }
 
-static bool whole_header(const zeb_msg_hdr_t *hdr, ssize_t len)
+// The outcome is set.
+static void report(ops_client_t *client, ops_batch_t *batch, ops_request_t *request)
+{
+    client->answered += request->outcome == OPS_ANSWERED ? 1 : 0;
+    if (--batch->waiting == 0)
+        leave(client, batch);
+    if (batch->on_done) {
+        auto on_done = batch->on_done; // the batch may go while it runs
+        on_done(request);
+    }
+}
+
+static void forget(ops_client_t *client, uint32_t seq)
+{
+    client->awaited.erase(seq);
+    auto young = std::find_if(client->young.begin(), client->young.end(),
+                              [seq](const auto &entry) { return entry.second == seq; });
+    if (young != client->young.end()) {
+        client->young.erase(young);
+        client->under_way--;
+    }
+}
+
+// The request that the instance owes a reply to, no longer awaited. Null when there is none.
+static ops_request_t *take_awaited(ops_client_t *client, uint32_t seq, ops_inst_t inst, ops_batch_t **batch)
+{
+    auto found = client->awaited.find(seq);
+    if (found == client->awaited.end())
+        return nullptr;
+    ops_request_t *request = &(*found->second.batch->requests)[found->second.at];
+    if (request->inst.app != inst.app || request->inst.node != inst.node)
+        return nullptr;
+    *batch = found->second.batch;
+    forget(client, seq);
+    return request;
+}
+
+static bool whole_header(const zeb_msg_hdr_t *hdr, size_t len)
 {
     return len >= ZEB_MSG_HDR_LEN && ntohl(hdr->len) == (uint32_t)len;
 }
 
-static void read_datagram(ops_client_t *client, std::vector<ops_request_t> *requests, ssize_t len)
+void ops_client_take(ops_client_t *client, size_t len)
 {
     zeb_msg_t *msg = client->recv_buf;
     if (!whole_header(&msg->hdr, len)) {
@@ -210,17 +245,33 @@ static void read_datagram(ops_client_t *client, std::vector<ops_request_t> *requ
         return;
     }
     zeb_convert_to_host(msg);
+    ops_batch_t *batch = nullptr;
     ops_request_t *request = nullptr;
     if (msg->hdr.flag == OPS_REPLY_FLAGS && msg->hdr.dst_app == ZEBD_APP_ID)
-        request = awaited(requests, msg->hdr.seq, {msg->hdr.src_app, msg->hdr.src_node});
-    if (request == nullptr)
-        client->strays++;
-    else
+        request = take_awaited(client, msg->hdr.seq, {msg->hdr.src_app, msg->hdr.src_node}, &batch);
+    if (request != nullptr) {
         take_reply(request, msg);
+        report(client, batch, request);
+    } else if (!client->on_message || !client->on_message(msg)) {
+        client->strays++;
+    }
 }
 
-// One of our requests has come back.
-static void read_returned(ops_client_t *client, std::vector<ops_request_t> *requests, struct msghdr *read)
+void ops_client_take_returned(ops_client_t *client, const zeb_msg_hdr_t *hdr, uint32_t code)
+{
+    ops_batch_t *batch = nullptr;
+    ops_request_t *request = nullptr;
+    if (hdr->flag == OPS_REQUEST_FLAGS)
+        request = take_awaited(client, ntohl(hdr->seq), {ntohl(hdr->dst_app), ntohl(hdr->dst_node)}, &batch);
+    if (request != nullptr) {
+        done(request, OPS_GONE, std::string("came back: ") + zeb_tipc_err_string((int)code));
+        report(client, batch, request);
+    } else if (!client->on_returned || !client->on_returned(hdr, code)) {
+        client->strays++;
+    }
+}
+
+static void read_returned(ops_client_t *client, struct msghdr *read)
 {
     uint32_t code = 0;
     zeb_msg_hdr_t hdr = {};
@@ -236,17 +287,13 @@ static void read_returned(ops_client_t *client, std::vector<ops_request_t> *requ
             has_hdr = true;
         }
     }
-    ops_request_t *request = nullptr;
     if (has_hdr)
-        request = awaited(requests, ntohl(hdr.seq), {ntohl(hdr.dst_app), ntohl(hdr.dst_node)});
-    if (request == nullptr)
-        client->strays++;
+        ops_client_take_returned(client, &hdr, code);
     else
-        done(request, OPS_GONE, std::string("came back: ") + zeb_tipc_err_string(code));
+        client->strays++;
 }
 
-// Reads what has come. A peer that sends without end does not keep it here.
-static void read_replies(ops_client_t *client, std::vector<ops_request_t> *requests)
+void ops_client_read(ops_client_t *client)
 {
     alignas(struct cmsghdr) uint8_t anc[ANC_SPACE];
     for (int i = 0; i < READ_AT_ONCE; i++) {
@@ -262,70 +309,159 @@ static void read_replies(ops_client_t *client, std::vector<ops_request_t> *reque
         if ((read.msg_flags & MSG_TRUNC) != 0)
             client->strays++;
         else if (len == 0)
-            read_returned(client, requests, &read);
+            read_returned(client, &read);
         else
-            read_datagram(client, requests, len);
+            ops_client_take(client, (size_t)len);
     }
 }
 
-// What is to be done next: how many requests are under way, and when the next of them is late.
-typedef struct progress_s {
-    size_t waiting;   // without an outcome
-    size_t under_way; // sent no longer ago than SLOW
-    int64_t wake;     // at the latest
-} progress_t;
+void ops_client_begin(ops_client_t *client, ops_batch_t *batch)
+{
+    batch->next = 0;
+    batch->congested.clear();
+    batch->waiting = (size_t)std::count_if(batch->requests->begin(), batch->requests->end(),
+                                           [](const auto &request) { return request.outcome == OPS_WAITING; });
+    if (batch->waiting != 0)
+        client->batches.push_back(batch);
+}
 
-static progress_t look(std::vector<ops_request_t> *requests, int64_t timeout)
+void ops_client_cancel(ops_client_t *client, ops_batch_t *batch)
+{
+    leave(client, batch);
+    for (const ops_request_t &request : *batch->requests) {
+        auto found = client->awaited.find(request.seq);
+        if (found != client->awaited.end() && found->second.batch == batch)
+            forget(client, request.seq);
+    }
+}
+
+// Ends what is late.
+static void expire(ops_client_t *client, int64_t now)
+{
+    while (!client->young.empty() && client->young.front().first <= now) {
+        client->young.pop_front();
+        client->under_way--;
+    }
+    while (!client->late.empty()) {
+        auto first = client->late.begin();
+        uint32_t seq = first->second;
+        auto found = client->awaited.find(seq);
+        bool waits = found != client->awaited.end();
+        if (waits && first->first > now)
+            return;
+        client->late.erase(first);
+        if (!waits)
+            continue;
+        ops_batch_t *batch = found->second.batch;
+        ops_request_t *request = &(*batch->requests)[found->second.at];
+        forget(client, seq);
+        done(request, OPS_SILENT, "no answer in " + std::to_string(batch->timeout) + " ms");
+        report(client, batch, request);
+    }
+}
+
+// The position of the request that a batch sends next; the end of the requests when there is none.
+static size_t next_of(ops_batch_t *batch, bool retry)
+{
+    if (retry && !batch->congested.empty())
+        return batch->congested.front();
+    while (batch->next < batch->requests->size() && (*batch->requests)[batch->next].outcome != OPS_WAITING)
+        batch->next++;
+    return batch->next;
+}
+
+static void was_sent(ops_client_t *client, ops_batch_t *batch, size_t at)
+{
+    ops_request_t *request = &(*batch->requests)[at];
+    request->sent_at = ops_now();
+    client->asked++;
+    client->under_way++;
+    client->awaited[request->seq] = {batch, at};
+    client->young.emplace_back(request->sent_at + SLOW, request->seq);
+    client->late.emplace(request->sent_at + batch->timeout, request->seq);
+}
+
+static void was_refused(ops_client_t *client, ops_batch_t *batch, size_t at)
+{
+    ops_request_t *request = &(*batch->requests)[at];
+    int64_t now = ops_now();
+    request->tried_at = request->tried_at == 0 ? now : request->tried_at;
+    if (now - request->tried_at < batch->timeout) {
+        batch->congested.push_back(at);
+        return;
+    }
+    done(request, OPS_SILENT, "congested, not sent in " + std::to_string(batch->timeout) + " ms");
+    report(client, batch, request);
+}
+
+// Sends one request of a batch. 0; -EAGAIN when it was refused; -ENOENT when there is none to be sent.
+static int send_of(ops_client_t *client, ops_batch_t *batch, bool retry)
+{
+    size_t at = batch->paused ? batch->requests->size() : next_of(batch, retry);
+    if (at == batch->requests->size())
+        return -ENOENT;
+    ops_request_t *request = &(*batch->requests)[at];
+    if (client->under_way >= (request->ask == OPS_ASK_STAT ? LARGE_AT_ONCE : SMALL_AT_ONCE))
+        return -ENOENT;
+    if (retry && !batch->congested.empty())
+        batch->congested.pop_front();
+    else
+        batch->next++;
+    int ret = send_request(client, request);
+    if (ret == 0) {
+        was_sent(client, batch, at);
+    } else if (ret == -EAGAIN) {
+        was_refused(client, batch, at);
+    } else {
+        done(request, OPS_GONE, std::string("not sent: ") + strerror(-ret));
+        report(client, batch, request);
+    }
+    return ret == -EAGAIN ? ret : 0;
+}
+
+// Batches take turns, one request each, until none has one that may be sent. A report may end any batch, so nothing of
+// the list is kept from one turn to the next.
+static void send_in_turns(ops_client_t *client, int64_t now)
+{
+    if (client->retry > now)
+        return;
+    int refused = 0;
+    for (size_t idle = 0; idle < client->batches.size() && refused < REFUSED_AT_ONCE;) {
+        client->turn = (client->turn + 1) % client->batches.size();
+        int ret = send_of(client, client->batches[client->turn], refused == 0);
+        idle = ret == -ENOENT ? idle + 1 : 0;
+        refused += ret == -EAGAIN ? 1 : 0;
+    }
+    bool any = std::any_of(client->batches.begin(), client->batches.end(),
+                           [](const ops_batch_t *batch) { return !batch->paused && !batch->congested.empty(); });
+    client->retry = any ? now + CONGESTED : 0;
+}
+
+int64_t ops_client_step(ops_client_t *client)
 {
     int64_t now = ops_now();
-    progress_t progress = {0, 0, now + timeout};
-    for (ops_request_t &request : *requests) {
-        if (request.outcome != OPS_WAITING)
-            continue;
-        int64_t begun = request.sent_at != 0 ? request.sent_at : request.tried_at;
-        if (begun != 0 && now - begun >= timeout) {
-            done(&request, OPS_SILENT,
-                 (request.sent_at != 0 ? "no answer in " : "congested, not sent in ") + std::to_string(timeout) +
-                     " ms");
-            continue;
-        }
-        progress.waiting++;
-        if (request.sent_at == 0)
-            continue;
-        bool young = now - request.sent_at < SLOW;
-        progress.under_way += young ? 1 : 0;
-        progress.wake = std::min(progress.wake, request.sent_at + (young ? std::min(SLOW, timeout) : timeout));
-    }
-    return progress;
-}
-
-static void send_next(ops_client_t *client, std::vector<ops_request_t> *requests, progress_t *progress)
-{
-    for (ops_request_t &request : *requests) {
-        if (request.outcome != OPS_WAITING || request.sent_at != 0)
-            continue;
-        if (progress->under_way >= (request.ask == OPS_ASK_STAT ? LARGE_AT_ONCE : SMALL_AT_ONCE))
-            return;
-        if (send_request(client, &request)) {
-            progress->under_way++;
-            continue;
-        }
-        request.tried_at = request.tried_at == 0 ? ops_now() : request.tried_at;
-        progress->wake = std::min(progress->wake, ops_now() + CONGESTED);
-    }
+    expire(client, now);
+    send_in_turns(client, now);
+    int64_t wake = now + LONGEST;
+    if (!client->late.empty())
+        wake = std::min(wake, client->late.begin()->first);
+    if (!client->young.empty())
+        wake = std::min(wake, client->young.front().first);
+    return client->retry == 0 ? wake : std::min(wake, client->retry);
 }
 
 void ops_client_ask(ops_client_t *client, std::vector<ops_request_t> *requests, int64_t timeout)
 {
-    for (;;) {
-        progress_t progress = look(requests, timeout);
-        if (progress.waiting == 0)
+    ops_batch_t batch = {requests, timeout, false, nullptr, 0, 0, {}};
+    ops_client_begin(client, &batch);
+    while (batch.waiting != 0) {
+        int64_t wake = ops_client_step(client);
+        if (batch.waiting == 0)
             return;
-        send_next(client, requests, &progress);
-        int64_t left = std::max<int64_t>(0, progress.wake - ops_now());
+        int64_t left = std::max<int64_t>(0, wake - ops_now());
         struct pollfd entry = {client->sd, POLLIN, 0};
-        (void)poll(&entry, 1, (int)std::min<int64_t>(left + 1, 1000));
-        read_replies(client, requests);
+        (void)poll(&entry, 1, (int)left);
+        ops_client_read(client);
     }
 }
 

@@ -6,6 +6,8 @@
 #define OPS_SESSION_H
 
 #include <cstdint>
+#include <deque>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -52,11 +54,21 @@ typedef struct ops_session_s {
     // of a session by a zebd
     int sd;
     uint32_t next_id;
-    std::string in; // bytes that came and are no whole line yet
+    std::string in;     // bytes that came and are no whole line yet
+    size_t in_seen;     // bytes of it that are known to hold no end of a line
+    bool waits_event;   // an event is what is waited for
+    uint32_t follow_id; // of the request for events; 0: none was sent
+    bool lost_zebd;     // there was one: application 1 is taken for each question alone, so that the next can have it
     // of a session of its own
     ops_view_t view;
     ops_client_t client;
     bool is_app1;
+    // of following
+    bool follows_view;                 // its changes are reported
+    bool follows_zebd;                 // the zebd sends them, or did until it went away
+    std::map<uint32_t, int64_t> known; // by ops_name_of: the instances that were reported, and since when
+    std::deque<ops_event_t> events;    // to be reported
+    int64_t look_at;                   // ms of CLOCK_MONOTONIC: when to look for a zebd again
 } ops_session_t;
 
 // Where the zebd of this node serves: $ZEBD_SOCKET, $RUNTIME_DIRECTORY/zebd.sock or /run/zeb/zebd.sock.
@@ -71,8 +83,8 @@ void ops_session_close(ops_session_t *session);
 int ops_session_view(ops_session_t *session, std::vector<ops_seen_t> *seen, int64_t deadline);
 
 // Asks all, and returns when each has an outcome. A request waits `timeout` milliseconds for its reply. 0;
-// -EADDRINUSE when application 1 is held (`held` is set); -EPIPE when the zebd went away, and the requests that were not
-// answered by then say so.
+// -EADDRINUSE when application 1 is held (`held` is set); -EPIPE when the zebd went away, and the requests that were
+// not answered by then say so.
 int ops_session_ask(ops_session_t *session, std::vector<ops_request_t> *requests, int64_t timeout);
 
 // What `node` tells of its processes `pids`: this node itself, another node by its zebd. 0; -EHOSTUNREACH when no

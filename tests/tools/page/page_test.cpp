@@ -139,7 +139,7 @@ TEST(page_metrics, the_text_is_in_the_format)
 {
     zebd_model_t model = page_model(8, 5, 3);
     page_block(&model, {100, 3}, {110, 6}, true);
-    page_quit(&model, {120, 2});
+    page_quit(&model, {120, 2}, 0);
     EXPECT_EQ(check_format(zebd_metrics(model)), "");
     EXPECT_EQ(check_format(zebd_metrics({})), "") << "of nothing";
 }
