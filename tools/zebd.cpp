@@ -162,6 +162,7 @@ static int run(const options_t &options)
     daemon.server.peer = &daemon.peer;
     daemon.sampler.interval = (int64_t)(options.interval * 1000);
     daemon.sampler.say = say;
+    daemon.model.sample_step = daemon.sampler.interval + daemon.sampler.interval / 10; // a round may come late
     daemon.server.version = ZEB_TOOLS_VERSION;
     daemon.server.path = options.socket.empty() ? ops_zebd_path() : options.socket;
     int signals = catch_signals(&daemon.loop);

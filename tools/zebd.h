@@ -74,6 +74,7 @@ typedef struct zebd_model_s {
     uint64_t event_number;                                      // of the newest event, counted from 1
     uint64_t round;                                             // of the newest sample of all, counted from 1
     uint64_t asked, answered, strays;
+    int64_t sample_step;     // ms that a sample is kept for, so that ZEBD_SAMPLES of them are ten minutes
     uint32_t left_out;       // instances above the bound
     uint32_t pairs_left_out; // pairs above the bound, of the last round
 } zebd_model_t;
