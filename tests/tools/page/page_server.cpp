@@ -25,7 +25,9 @@ static void ask_log(void *arg, uint64_t number, ops_inst_t inst, int32_t pid)
     else if (inst.node == 3)
         zebd_http_log_done(&s_http, number, -ENOENT, "it has no log file");
     else
-        zebd_http_log_done(&s_http, number, 0, "log of " + std::to_string(pid) + " <b>\x1b[1m\n");
+        zebd_http_log_done(&s_http, number, 0,
+                           "Sun Nov 22 09:17:55 2026 <board.cpp, 57> 1: process " + std::to_string(pid) +
+                               (inst.app == 100 ? " <b>\x1b[1m\n" : " started\n"));
 }
 
 static void obey(zebd_model_t *model, const std::string &line)
