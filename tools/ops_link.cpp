@@ -344,6 +344,9 @@ int ops_link_ask(ops_session_t *session, std::vector<ops_request_t> *requests, i
     int ret = send_questions(session, requests, timeout, &questions);
     if (ret == 0)
         ret = read_answers(session, requests, timeout, &questions);
+    session->held = ret == -EADDRINUSE;
+    if (session->held) // nothing was asked
+        return ret;
     for (ops_request_t &request : *requests) {
         if (request.outcome != OPS_WAITING)
             continue;

@@ -117,7 +117,7 @@ static std::string own_listing(uint32_t node)
     std::string app = "Application 1";
     std::string inst = app + "/" + std::to_string(node);
     return inst + " process's ZEB library information:\n  Applications in this process: 1\n" + inst +
-           " [zebd] information:\n  Callback functions: event (nil), message dispatchers:\n      version " +
+           " [zebd] information:\n  Callback functions: event (nil), message dispatchers:\n    version " +
            std::to_string(ZEBD_PEER_VERSION) + " (nil)\n  Unprocessed message number 0\n" + app +
            " overall statistics:\n" + app + " mng msg statistics:\n" + app + " RPC waits:\n";
 }
@@ -274,9 +274,11 @@ uint32_t zebd_peer_ask(zebd_peer_t *peer, const zebd_request_t &request, zebd_on
         std::string body = zebd_request_peer(request);
         int ret = send_message(peer, REQUEST, {ZEBD_APP_ID, request.node}, ZEBD_PEER_VERSION, number, 0, body.data(),
                                body.size());
-        if (ret != 0)
-            fail_soon(peer, number, EHOSTUNREACH,
-                      "nothing can be sent to node " + std::to_string(request.node) + ": " + strerror(-ret));
+        std::string node = std::to_string(request.node);
+        if (ret == -EHOSTUNREACH) // nobody has the name
+            fail_soon(peer, number, EHOSTUNREACH, "no zebd runs on node " + node);
+        else if (ret != 0)
+            fail_soon(peer, number, EHOSTUNREACH, "nothing can be sent to node " + node + ": " + strerror(-ret));
     }
     return number;
 }
