@@ -20,12 +20,16 @@
 #endif
 
 #include "zebd_evidence.h"
+#ifdef ZEBD_HTTP
+#include "zebd_http_open.h"
+#endif
 #include "zebd_serve.h"
 
 typedef struct options_s {
     std::string socket;
     double interval = 10; // seconds
     std::string http;
+    bool http_any = false;
     std::string evidence;
     bool foreground = true;
 } options_t;
@@ -36,6 +40,9 @@ typedef struct daemon_s {
     zebd_sampler_t sampler;
     zebd_peer_t peer;
     zebd_server_t server;
+#ifdef ZEBD_HTTP
+    zebd_http_page_t page;
+#endif
 } daemon_t;
 
 // One line on standard error. Under the journal it begins with its priority.
@@ -93,18 +100,24 @@ static int catch_signals(zebd_loop_t *loop)
     return fd;
 }
 
-static int open_page(daemon_t *daemon, const std::string &addr)
+static int open_page(daemon_t *daemon, const options_t &options)
 {
-    if (addr.empty())
+    if (options.http.empty())
         return 0;
-#ifdef ZEBD_HTTP_LATER
-    int ret = zebd_http_open(&daemon->loop, &daemon->model, addr.c_str());
-    if (ret != 0)
-        say(3, "the page cannot be served at %s: %s", addr.c_str(), strerror(-ret));
+#ifdef ZEBD_HTTP
+    std::string text;
+    daemon->page.loop = &daemon->loop;
+    daemon->page.peer = &daemon->peer;
+    daemon->page.http.model = &daemon->model;
+    int ret = zebd_http_open(&daemon->page, options.http.c_str(), options.http_any, &text);
+    if (ret == 0)
+        say(6, "the page is served at %s", text.c_str());
+    else
+        say(3, "the page cannot be served: %s", text.c_str());
     return ret;
 #else
     (void)daemon;
-    say(3, "this zebd was built without the page");
+    say(3, "this zebd was built without the page: libmicrohttpd was missing");
     return -ENOSYS;
 #endif
 }
@@ -128,7 +141,7 @@ static int open_all(daemon_t *daemon, const options_t &options)
                                  : "the topology service does not answer: %s",
             strerror(-ret));
     if (ret == 0)
-        ret = open_page(daemon, options.http);
+        ret = open_page(daemon, options);
     if (ret == 0 && !options.evidence.empty())
         zebd_evidence_open(&daemon->loop, &daemon->model, options.evidence);
     if (ret != 0)
@@ -152,6 +165,7 @@ static int run(const options_t &options)
     daemon.server.peer = &daemon.peer;
     daemon.sampler.interval = (int64_t)(options.interval * 1000);
     daemon.sampler.say = say;
+    daemon.model.sample_step = daemon.sampler.interval + daemon.sampler.interval / 10; // a round may come late
     daemon.server.version = ZEB_TOOLS_VERSION;
     daemon.server.path = options.socket.empty() ? ops_zebd_path() : options.socket;
     int signals = catch_signals(&daemon.loop);
@@ -162,6 +176,9 @@ static int run(const options_t &options)
     begin_watchdog(&daemon.loop);
     zebd_loop_run(&daemon.loop);
     notify("STOPPING=1");
+#ifdef ZEBD_HTTP
+    zebd_http_close(&daemon.page);
+#endif
     zebd_server_close(&daemon.server);
     zebd_sampler_close(&daemon.sampler);
     (void)close(signals);
@@ -179,6 +196,7 @@ int main(int argc, char **argv)
         ->check(CLI::Range(0.1, 3600.0))
         ->type_name("S");
     zebd.add_option("--http", options.http, "serve a page and metrics there")->type_name("ADDR:PORT");
+    zebd.add_flag("--http-any", options.http_any, "that address may be one that other machines reach");
     zebd.add_option("--evidence", options.evidence, "keep evidence of blocked instances that quit there")
         ->type_name("DIR");
     zebd.add_flag("--foreground", options.foreground, "do not go to the background: zebd never does");

@@ -74,11 +74,9 @@ typedef struct zebd_model_s {
     uint64_t event_number;                                      // of the newest event, counted from 1
     uint64_t round;                                             // of the newest sample of all, counted from 1
     uint64_t asked, answered, strays;
+    int64_t sample_step;     // ms that a sample is kept for, so that ZEBD_SAMPLES of them are ten minutes
     uint32_t left_out;       // instances above the bound
     uint32_t pairs_left_out; // pairs above the bound, of the last round
 } zebd_model_t;
-
-// The page and the metrics, at "ADDRESS:PORT". 0 or a negative errno value. Defined only where the page is built.
-int zebd_http_open(zebd_loop_t *loop, const zebd_model_t *model, const char *addr);
 
 #endif

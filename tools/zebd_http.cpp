@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <microhttpd.h>
-#include <ctime>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -32,14 +31,6 @@ struct zebd_stream_s {
     bool suspended;
     std::string text; // to be sent
 };
-
-// Milliseconds of CLOCK_REALTIME.
-static int64_t wall()
-{
-    struct timespec time = {};
-    (void)clock_gettime(CLOCK_REALTIME, &time);
-    return (int64_t)time.tv_sec * 1000 + time.tv_nsec / 1000000;
-}
 
 // The bytes of an answer, counted while the library holds them.
 typedef struct body_s {
@@ -142,7 +133,7 @@ static enum MHD_Result answer_instance(zebd_http_t *http, struct MHD_Connection 
     std::string text;
     if (!take_inst(connection, &inst))
         return say(http, connection, MHD_HTTP_BAD_REQUEST, "Ask for an instance, as in: /instance.json?app=100&node=3");
-    if (!zebd_page_instance(*http->model, inst, wall(), &text))
+    if (!zebd_page_instance(*http->model, inst, ops_wall(), &text))
         return say(http, connection, MHD_HTTP_NOT_FOUND, "There is no such instance.");
     return answer(http, connection, MHD_HTTP_OK, "application/json", std::move(text));
 }
@@ -236,13 +227,8 @@ static enum MHD_Result answer_log(zebd_http_t *http, const zebd_http_log_t *log)
 {
     if (log->error == 0)
         return answer(http, log->connection, MHD_HTTP_OK, "text/plain; charset=utf-8", ops_printable(log->text));
-    if (log->error == -ENOENT)
-        return say(http, log->connection, MHD_HTTP_NOT_FOUND,
-                   "The process has no log file: zeb_log_cfg in /etc/zeb.conf is 0.");
-    if (log->error == -EHOSTUNREACH)
-        return say(http, log->connection, MHD_HTTP_BAD_GATEWAY, "No zebd of its node answers.");
-    return say(http, log->connection, MHD_HTTP_BAD_GATEWAY,
-               std::string("The log cannot be read: ") + strerror(-log->error));
+    unsigned status = log->error == -ENOENT ? MHD_HTTP_NOT_FOUND : MHD_HTTP_BAD_GATEWAY;
+    return say(http, log->connection, status, "The log cannot be read: " + ops_printable(log->text) + ".");
 }
 
 void zebd_http_log_done(zebd_http_t *http, uint64_t number, int error, const std::string &text)
@@ -288,7 +274,7 @@ static enum MHD_Result route(zebd_http_t *http, struct MHD_Connection *connectio
     if (path == "/")
         return answer_page(http, connection);
     if (path == "/model.json")
-        return answer(http, connection, MHD_HTTP_OK, "application/json", zebd_page_model(*http->model, wall()));
+        return answer(http, connection, MHD_HTTP_OK, "application/json", zebd_page_model(*http->model, ops_wall()));
     if (path == "/instance.json")
         return answer_instance(http, connection);
     if (path == "/log")
@@ -367,7 +353,7 @@ void zebd_http_stop(zebd_http_t *http)
         return;
     http->stopping = true;
     for (zebd_http_log_t *log : http->logs)
-        zebd_http_log_done(http, log->number, -EHOSTUNREACH, "");
+        zebd_http_log_done(http, log->number, -EHOSTUNREACH, "zebd ends");
     for (zebd_stream_t *stream : http->streams) {
         if (stream->suspended)
             MHD_resume_connection(stream->connection);
@@ -396,6 +382,12 @@ int64_t zebd_http_due(const zebd_http_t *http)
     return due;
 }
 
+static unsigned connections_of(const zebd_http_t *http)
+{
+    const union MHD_DaemonInfo *info = MHD_get_daemon_info(http->daemon, MHD_DAEMON_INFO_CURRENT_CONNECTIONS);
+    return info == nullptr ? 0 : info->num_connections;
+}
+
 void zebd_http_turn(zebd_http_t *http)
 {
     for (zebd_stream_t *stream : http->streams) {
@@ -404,5 +396,9 @@ void zebd_http_turn(zebd_http_t *http)
         stream->suspended = false;
         MHD_resume_connection(stream->connection);
     }
+    unsigned before = connections_of(http);
     (void)MHD_run(http->daemon);
+    // At the bound the library looks away from the listening socket, and back only in the run after one ended.
+    if (before == ZEBD_HTTP_CONNECTIONS && connections_of(http) < before)
+        (void)MHD_run(http->daemon);
 }

@@ -63,7 +63,8 @@ int zebd_http_fd(const zebd_http_t *http);
 int64_t zebd_http_due(const zebd_http_t *http);
 void zebd_http_turn(zebd_http_t *http);
 
-// `error` is 0 and `text` the tail; -ENOENT when there is no log file, -EHOSTUNREACH when no zebd of its node answers.
+// `error` is 0 and `text` the tail; or -ENOENT when there is no log file, or another negative errno value, and `text`
+// says why.
 void zebd_http_log_done(zebd_http_t *http, uint64_t number, int error, const std::string &text);
 
 #endif

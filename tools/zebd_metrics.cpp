@@ -180,8 +180,10 @@ static void put_one(std::string *out, const char *name, const char *kind, const 
 static void put_insts(std::string *out, const zebd_model_t &model)
 {
     std::vector<std::pair<const zebd_inst_t *, std::string>> rows;
-    for (const auto &[name, inst] : model.insts)
-        rows.emplace_back(&inst, inst_labels(inst));
+    for (const auto &[name, inst] : model.insts) {
+        if (inst.inst.app != ZEBD_APP_ID) // zebds are not asked
+            rows.emplace_back(&inst, inst_labels(inst));
+    }
     for (const inst_metric_t &metric : INST_METRICS) {
         double value = 0;
         put_head(out, metric.name, metric.kind, metric.help);
@@ -232,8 +234,10 @@ static void put_zebd(std::string *out, const zebd_model_t &model)
     put_one(out, "zeb_zebd_instances", "gauge", "Instances that are known, also those that quit within a minute.",
             (double)model.insts.size());
     put_one(out, "zeb_zebd_pairs", "gauge", "Pairs whose counters are kept.", (double)model.pairs.size());
-    put_one(out, "zeb_zebd_left_out", "gauge", "Instances and pairs above the bounds, which are not kept.",
+    put_one(out, "zeb_zebd_instances_left_out", "gauge", "Instances above the bound, which are not kept.",
             (double)model.left_out);
+    put_one(out, "zeb_zebd_pairs_left_out", "gauge", "Pairs above the bound, which are not kept.",
+            (double)model.pairs_left_out);
 }
 
 std::string zebd_metrics(const zebd_model_t &model)

@@ -74,9 +74,13 @@ void zebd_model_bound_gone(zebd_model_t *model)
         model->insts.erase(gone[i].second);
 }
 
+// While somebody follows, samples come more often than they are kept for: then the newest takes the place of the one
+// before, unless that is a whole step away from its own.
 template <typename T>
-static void push(std::deque<T> *samples, const T &sample)
+static void push(const zebd_model_t *model, std::deque<T> *samples, const T &sample)
 {
+    if (samples->size() > 1 && sample.at - (*samples)[samples->size() - 2].at < model->sample_step)
+        samples->pop_back();
     samples->push_back(sample);
     if (samples->size() > ZEBD_SAMPLES)
         samples->pop_front();
@@ -112,7 +116,7 @@ void zebd_model_stat(zebd_model_t *model, zebd_loop_t *loop, zebd_inst_t *inst, 
     const ops_stat_t &stat = inst->stat;
     if ((stat.parts & OPS_STAT_FLOW) == 0)
         return;
-    push(&inst->samples,
+    push(model, &inst->samples,
          {at, stat.send, stat.recv, stat.queue, stat.mcast_reject, stat.exception, stat.send_unack, stat.recv_unack});
     for (const ops_flow_send_t &flow : stat.sends) {
         if (flow.send == 0 && flow.unack <= 0) // nothing was ever sent
@@ -120,7 +124,7 @@ void zebd_model_stat(zebd_model_t *model, zebd_loop_t *loop, zebd_inst_t *inst, 
         zebd_pair_t *pair = pair_of(model, {ops_name_of(inst->inst), ops_name_of(flow.dst)});
         if (pair == nullptr)
             continue;
-        push(&pair->samples, {at, flow.send, flow.reject, flow.unack});
+        push(model, &pair->samples, {at, flow.send, flow.reject, flow.unack});
         set_blocked(model, loop, pair, flow.unack, at);
     }
     if (!stat.cut)

@@ -68,7 +68,9 @@ static json_t brief_json(const zebd_inst_t &inst)
         out["since"] = inst.since;
     if (inst.quit != 0)
         out["quit"] = inst.quit;
-    if (!inst.stat.name.empty())
+    if (inst.inst.app == ZEBD_APP_ID)
+        out["name"] = "zebd";
+    else if (!inst.stat.name.empty())
         out["name"] = ops_printable(inst.stat.name);
     if (!inst.why.empty())
         out["missing"] = ops_printable(inst.why);
@@ -149,6 +151,7 @@ std::string zebd_page_model(const zebd_model_t &model, int64_t now)
                     {"event", model.event_number},
                     {"window", ZEBD_PAGE_WINDOW},
                     {"left_out", model.left_out},
+                    {"pairs_left_out", model.pairs_left_out},
                     {"instances", std::move(insts)},
                     {"pairs", std::move(pairs)},
                     {"events", std::move(events)}});

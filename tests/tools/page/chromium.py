@@ -103,7 +103,7 @@ class Page:
             if got == wanted or (wanted is True and got):
                 return got
             if time.monotonic() > deadline:
-                raise AssertionError(f"{expression} is {got!r}, not {wanted!r}; errors: {self.errors}")
+                raise AssertionError(f"{expression} is {got!r}, not {wanted!r}; errors: {self.errors[:3]}")
             time.sleep(0.05)  # between two looks
 
     def click(self, selector):

@@ -70,7 +70,7 @@ def event(lines):
 def test_paths(server):
     for path, kind, part in [("/", "text/html; charset=utf-8", "<svg"), ("/model.json", "application/json", '"instances"'),
                              ("/instance.json?app=100&node=1", "application/json", '"samples"'),
-                             ("/log?app=100&node=1", "text/plain; charset=utf-8", "log of 1101 <b>?[1m"),
+                             ("/log?app=100&node=1", "text/plain; charset=utf-8", "process 1101 <b>?[1m"),
                              ("/metrics", "text/plain; version=0.0.4; charset=utf-8", "zeb_instance_up{")]:
         status, headers, body = server.get(path)
         assert (status, headers["content-type"]) == (200, kind), path

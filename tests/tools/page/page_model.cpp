@@ -1,15 +1,8 @@
 #include "page_model.h"
 
 #include <algorithm>
-#include <chrono>
 
 static const char *const NAMES[] = {"routed", "alarmd", "linkd", "config", "stats", "clock", "fand", "shell"};
-
-int64_t page_now()
-{
-    auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
 
 ops_inst_t page_inst(uint32_t node, uint32_t index)
 {
@@ -89,7 +82,7 @@ void page_round(zebd_model_t *model, int64_t at)
 zebd_model_t page_model(uint32_t nodes, uint32_t apps, uint32_t peers)
 {
     zebd_model_t model = {};
-    int64_t now = page_now();
+    int64_t now = ops_wall();
     model.node = 1;
     model.started = now - 3600000;
     for (uint32_t node = 0; node < nodes; node++) {
@@ -111,7 +104,7 @@ zebd_model_t page_model(uint32_t nodes, uint32_t apps, uint32_t peers)
 
 void page_event(zebd_model_t *model, ops_event_kind_t kind, ops_inst_t inst, ops_inst_t peer)
 {
-    model->events.push_back({page_now(), kind, inst, peer, kind == OPS_EVENT_BLOCKED ? 1025 : 0});
+    model->events.push_back({ops_wall(), kind, inst, peer, kind == OPS_EVENT_BLOCKED ? 1025 : 0});
     model->event_number++;
     if (model->events.size() > ZEBD_EVENTS_MAX)
         model->events.pop_front();
@@ -120,13 +113,13 @@ void page_event(zebd_model_t *model, ops_event_kind_t kind, ops_inst_t inst, ops
 void page_join(zebd_model_t *model, ops_inst_t inst)
 {
     add_inst(model, inst);
-    model->insts[ops_name_of(inst)].since = page_now();
+    model->insts[ops_name_of(inst)].since = ops_wall();
     page_event(model, OPS_EVENT_JOINED, inst, {});
 }
 
-void page_quit(zebd_model_t *model, ops_inst_t inst)
+void page_quit(zebd_model_t *model, ops_inst_t inst, int64_t ago)
 {
-    model->insts[ops_name_of(inst)].quit = page_now();
+    model->insts[ops_name_of(inst)].quit = ops_wall() - ago;
     page_event(model, OPS_EVENT_QUIT, inst, {});
 }
 
@@ -134,7 +127,7 @@ void page_block(zebd_model_t *model, ops_inst_t sender, ops_inst_t receiver, boo
 {
     add_pair(model, sender, receiver);
     zebd_pair_t *pair = &model->pairs[{ops_name_of(sender), ops_name_of(receiver)}];
-    pair->blocked_since = blocked ? page_now() : 0;
-    sample_pair(model, pair, page_now());
+    pair->blocked_since = blocked ? ops_wall() : 0;
+    sample_pair(model, pair, ops_wall());
     page_event(model, blocked ? OPS_EVENT_BLOCKED : OPS_EVENT_UNBLOCKED, sender, receiver);
 }

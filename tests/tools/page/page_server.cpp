@@ -1,7 +1,8 @@
 // Serves the page and the metrics of a cluster that was made up, and changes it by words on standard input; each gets
 // "ok", at the end of the input it stops. Usage: page_server NODES APPS PEERS
-//   round | join APP NODE | quit APP NODE | block APP NODE APP NODE | free APP NODE APP NODE | events COUNT | name APP
-//   NODE TEXT
+//   round | join APP NODE | quit APP NODE [AGO] | block APP NODE APP NODE | free APP NODE APP NODE | events COUNT |
+//   name APP NODE TEXT
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,9 +23,11 @@ static void ask_log(void *arg, uint64_t number, ops_inst_t inst, int32_t pid)
     if (inst.node == 2)
         s_waiting = number;
     else if (inst.node == 3)
-        zebd_http_log_done(&s_http, number, -ENOENT, "");
+        zebd_http_log_done(&s_http, number, -ENOENT, "it has no log file");
     else
-        zebd_http_log_done(&s_http, number, 0, "log of " + std::to_string(pid) + " <b>\x1b[1m\n");
+        zebd_http_log_done(&s_http, number, 0,
+                           "Sun Nov 22 09:17:55 2026 <board.cpp, 57> 1: process " + std::to_string(pid) +
+                               (inst.app == 100 ? " <b>\x1b[1m\n" : " started\n"));
 }
 
 static void obey(zebd_model_t *model, const std::string &line)
@@ -35,11 +38,11 @@ static void obey(zebd_model_t *model, const std::string &line)
     ops_inst_t peer = {};
     words >> command >> inst.app >> inst.node;
     if (command == "round")
-        page_round(model, page_now());
+        page_round(model, ops_wall());
     else if (command == "join")
         page_join(model, inst);
     else if (command == "quit")
-        page_quit(model, inst);
+        page_quit(model, inst, words >> peer.app ? peer.app : 0);
     else if (command == "block" || command == "free") {
         words >> peer.app >> peer.node;
         page_block(model, inst, peer, command == "block");

@@ -12,6 +12,7 @@
 
 #include "page_model.h"
 #include "zebd_metrics.h"
+#include "zebd_model.h"
 #include "zebd_page.h"
 #ifdef ZEBD_HTTP
 #include "zebd_http_addr.h"
@@ -139,7 +140,7 @@ TEST(page_metrics, the_text_is_in_the_format)
 {
     zebd_model_t model = page_model(8, 5, 3);
     page_block(&model, {100, 3}, {110, 6}, true);
-    page_quit(&model, {120, 2});
+    page_quit(&model, {120, 2}, 0);
     EXPECT_EQ(check_format(zebd_metrics(model)), "");
     EXPECT_EQ(check_format(zebd_metrics({})), "") << "of nothing";
 }
@@ -182,6 +183,15 @@ TEST(page_metrics, an_instance_that_is_silent_or_quit_is_down_and_has_no_counter
                                                    "{app=\"100\",node=\"2\",name=\"alarmd\"} 0\n");
     EXPECT_EQ(samples_of(text, "zeb_instance_messages_sent_total"), "");
     EXPECT_EQ(samples_of(text, "zeb_instance_info"), "");
+}
+
+TEST(page_metrics, a_zebd_is_no_instance_that_is_asked)
+{
+    zebd_model_t model = two();
+    model.insts[ops_name_of({ZEBD_APP_ID, 2})].inst = {ZEBD_APP_ID, 2};
+    EXPECT_EQ(samples_of(zebd_metrics(model), "zeb_instance_up").find("app=\"1\""), std::string::npos);
+    json_t json = json_t::parse(zebd_page_model(model, AT), nullptr, false);
+    EXPECT_EQ(json["instances"][0]["name"], "zebd");
 }
 
 TEST(page_metrics, a_pair_and_whether_it_is_blocked)
@@ -239,6 +249,25 @@ TEST(page_json, a_counter_that_fell_has_no_rate)
     EXPECT_TRUE(json["instances"][0]["sent_rate"].is_null());
     EXPECT_EQ(json["instances"][0]["received_rate"], 0.0);
     EXPECT_TRUE(json["instances"][1]["sent_rate"].is_null()) << "of one sample";
+}
+
+TEST(page_json, the_samples_are_those_of_ten_minutes_however_often_they_come)
+{
+    for (int64_t pause : {1000, 10000, 10050}) {
+        zebd_loop_t loop = {};
+        zebd_model_t model = two();
+        zebd_inst_t *inst = &model.insts[ops_name_of({100, 1})];
+        inst->samples.clear();
+        model.sample_step = 11000;
+        for (int64_t at = AT; at <= AT + 700000; at += pause) {
+            inst->stat.send = (uint32_t)(at - AT);
+            zebd_model_stat(&model, &loop, inst, at);
+            ASSERT_EQ(inst->samples.back().send, at - AT) << "the newest is there";
+        }
+        EXPECT_EQ(inst->samples.size(), ZEBD_SAMPLES);
+        int64_t span = inst->samples.back().at - inst->samples.front().at;
+        EXPECT_TRUE(span >= 580000 && span <= 600000) << span << " ms of samples each " << pause;
+    }
 }
 
 TEST(page_json, an_instance_has_its_samples_its_pairs_and_its_levels)
