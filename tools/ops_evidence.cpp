@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ops_blocked.h"
 #include "ops_conf.h"
 #include "ops_doctor.h"
 #include "ops_evidence_proc.h"
@@ -23,7 +24,6 @@ constexpr int64_t EVENTS_OF = 3600000; // ms of the past
 constexpr size_t EVENTS_MAX = 1000;
 constexpr size_t PEERS_MAX = 64;
 constexpr int64_t LOG_TAIL = 128 << 10;
-constexpr int32_t WINDOW = 1024; // messages that may be unacknowledged
 constexpr int NAMES_MAX = 100;
 
 typedef struct work_s {
@@ -236,7 +236,7 @@ static void ask_peers(work_t *work)
 static std::string pair_line(ops_inst_t from, ops_inst_t to, uint32_t sent, int32_t unack)
 {
     return inst_text(from) + " to " + inst_text(to) + ": sent " + std::to_string(sent) + ", unacknowledged " +
-           std::to_string(unack) + (unack > WINDOW ? ", BLOCKED" : "") + "\n";
+           std::to_string(unack) + (unack > OPS_WINDOW ? ", BLOCKED" : "") + "\n";
 }
 
 static std::string peer_text(const work_t *work, const ops_request_t &peer, std::string *blocked)
@@ -250,7 +250,7 @@ static std::string peer_text(const work_t *work, const ops_request_t &peer, std:
         if (ops_name_of(flow.dst) != ops_name_of(inst))
             continue;
         text += "  " + pair_line(peer.inst, inst, flow.send, flow.unack);
-        if (flow.unack > WINDOW)
+        if (flow.unack > OPS_WINDOW)
             *blocked += pair_line(peer.inst, inst, flow.send, flow.unack);
     }
     for (const ops_flow_recv_t &flow : stat.recvs) {
@@ -269,7 +269,7 @@ static void save_peers(work_t *work)
     for (const ops_request_t &peer : work->peers)
         text += peer_text(work, peer, &blocked);
     for (const ops_flow_send_t &flow : work->stats[0].sends) {
-        if (flow.unack > WINDOW)
+        if (flow.unack > OPS_WINDOW)
             blocked += pair_line(work->evidence->inst, flow.dst, flow.send, flow.unack);
     }
     std::string unknown = told ? "" : "who its peers are is not known: it does not answer";

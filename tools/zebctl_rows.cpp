@@ -6,6 +6,7 @@
 #include <cstring>
 #include <set>
 
+#include "zebctl_progress.h"
 #include "zebctl_text.h"
 
 bool zebctl_has_identity(const zebctl_row_t &row)
@@ -176,9 +177,11 @@ int zebctl_gather(zebctl_rows_t *rows, const zebctl_t *zebctl, const zebctl_targ
         code = zebctl_select(rows, target);
     if (code != ZEBCTL_OK)
         return code;
+    zebctl_progress("asking " + std::to_string(rows->rows.size()) + " instances");
     int ret = zebctl_ask_identity(rows);
     if (ret == 0)
         ret = zebctl_ask_statistics(rows);
+    zebctl_progress("");
     return ret == 0 ? ZEBCTL_OK : zebctl_say_unasked(rows, ret);
 }
 
