@@ -11,7 +11,8 @@
 #include "zebctl_look.h"
 #include "zebctl_text.h"
 
-constexpr int64_t TURN = 100; // ms after which a signal is noticed at the latest, unless instances are asked
+constexpr int64_t BEGIN_TIME = 300; // ms that the service has at once to say what is there; it is tried again
+constexpr int64_t TURN = 100;       // ms after which a signal is noticed at the latest, unless instances are asked
 
 typedef struct watch_options_s {
     zebctl_target_t target;
@@ -175,18 +176,32 @@ static void say_source(watch_t *watch)
                 watch->session.node, watch->options->interval);
 }
 
+static bool follows(const watch_t *watch)
+{
+    return watch->session.follows_view || watch->session.follows_zebd;
+}
+
+// What has an end: the wait for an event, or, before it follows, for the service to say what is there.
+static int64_t turn_end(const watch_t *watch)
+{
+    if (!follows(watch))
+        return ops_now() + BEGIN_TIME;
+    return std::min({ops_now() + TURN, watch->end, watch->session.by_zebd ? watch->end : watch->next_look});
+}
+
 // The next event, or the next question to the instances. 0 or a negative errno value.
 static int turn(watch_t *watch)
 {
     ops_event_t event = {};
-    int64_t deadline = std::min({ops_now() + TURN, watch->end, watch->session.by_zebd ? watch->end : watch->next_look});
-    int ret = ops_session_event(&watch->session, watch->since, &event, deadline);
+    int ret = ops_session_event(&watch->session, watch->since, &event, turn_end(watch));
     if (ret == 0)
         take(watch, event);
     if (ret != 0 && ret != -ETIMEDOUT)
         return ret;
+    if (!follows(watch))
+        return 0;
     if (!watch->said || watch->by_zebd != watch->session.by_zebd)
-        say_source(watch); // the first turn has begun to follow
+        say_source(watch);
     if (ret != 0 && !watch->session.by_zebd && ops_now() >= watch->next_look)
         ask_instances(watch);
     return 0;

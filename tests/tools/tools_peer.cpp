@@ -7,6 +7,7 @@
 //        tools_peer steady|anew APP       the same with counters that grow by 100 from answer to answer; of one
 //        process,
 //                                         or of another one each time
+//        tools_peer once APP              the same, and ends when it has told its counters once
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -109,11 +110,13 @@ static void answer(int sd, const zeb_msg_t *request, const std::string &how)
         return identify(sd, request, request->hdr.dst_app + (how == "liar" ? 1 : 0),
                         (int32_t)getpid() + (how == "anew" ? ++others : 0));
     std::string text = how == "cut" ? "*** PRINT BUFFER STRING OVERFLOW ***\n" : "\033[2Jnothing\n";
-    text = how == "steady" || how == "anew" ? growing_text(request->hdr.dst_app) : text;
+    text = how == "steady" || how == "anew" || how == "once" ? growing_text(request->hdr.dst_app) : text;
     text += how == "cut" ? std::string("\0ry information:\nApplication 1", 31) : "";
     while (reply(sd, request, text.c_str(), (uint32_t)text.size() + 1, 0) && how == "flood") {
         // until nobody takes it
     }
+    if (how == "once")
+        _exit(0);
 }
 
 static int run_raw(const std::string &how, uint32_t app)
