@@ -55,6 +55,8 @@ static int send_record(ops_session_t *session, const ops_json_t &record, int64_t
         ssize_t len = send(session->sd, line.data() + sent, line.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (len > 0)
             sent += (size_t)len;
+        else if (errno == EPIPE) // why it was closed may still be there to be read
+            return 0;
         else if (errno != EAGAIN && errno != EINTR)
             return gone(session);
         else if (!wait_for(session->sd, POLLOUT, deadline))

@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-constexpr size_t READ_MAX = 32 << 10;
+constexpr int64_t READ_MAX = 32 << 10;
 constexpr int ENTRIES_MAX = 16384;    // of the directory that are looked at
 constexpr size_t SCAN = 1 << 20;      // bytes of a log file that are read to find the seam
 constexpr size_t BLOCK = 4 << 10;     // bytes that have the start of a line
@@ -85,7 +85,7 @@ size_t ops_log_seam(const char *text, size_t len)
     return one_second ? torn : seam;
 }
 
-ops_log_range_t ops_log_range(int64_t size, int64_t seam, int64_t offset)
+ops_log_range_t ops_log_range(int64_t size, int64_t seam, int64_t offset, int64_t most)
 {
     int64_t begin = offset;
     if (offset < 0) {
@@ -100,7 +100,7 @@ ops_log_range_t ops_log_range(int64_t size, int64_t seam, int64_t offset)
     // The negative offset of a whole file begins at the seam itself; from there any other has read all.
     bool older = begin > seam || (begin == seam && offset < 0 && seam < size);
     int64_t end = older ? size : seam;
-    int64_t len = std::min<int64_t>(std::max<int64_t>(end - begin, 0), (int64_t)READ_MAX);
+    int64_t len = std::min(std::max<int64_t>(end - begin, 0), most);
     int64_t next = begin + len;
     return {begin, len, older && next == size ? 0 : next};
 }
@@ -286,7 +286,7 @@ static int64_t seam_of_long(int fd, int64_t size)
     return std::min(size, low + (int64_t)(begin + seam));
 }
 
-int ops_log_read(const ops_process_t &process, int64_t offset, std::string *text, int64_t *next)
+int ops_log_read_some(const ops_process_t &process, int64_t offset, int64_t most, std::string *text, int64_t *next)
 {
     text->clear();
     *next = 0;
@@ -304,9 +304,14 @@ int ops_log_read(const ops_process_t &process, int64_t offset, std::string *text
         seam = (int64_t)ops_log_seam(whole.data(), whole.size());
         status.st_size = std::min<int64_t>(status.st_size, (int64_t)whole.size());
     }
-    ops_log_range_t range = ops_log_range(status.st_size, seam, offset);
+    ops_log_range_t range = ops_log_range(status.st_size, seam, offset, most);
     *text = read_at(fd, range.begin, (size_t)range.len);
     *next = range.begin + range.len == range.next ? range.begin + (int64_t)text->size() : range.next;
     (void)close(fd);
     return 0;
+}
+
+int ops_log_read(const ops_process_t &process, int64_t offset, std::string *text, int64_t *next)
+{
+    return ops_log_read_some(process, offset, READ_MAX, text, next);
 }

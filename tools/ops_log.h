@@ -20,14 +20,17 @@ int64_t ops_log_stamp(const char *line, size_t len);
 // The seam: where the next line will be written. `len` when the file has not gone on from its start yet.
 size_t ops_log_seam(const char *text, size_t len);
 
-// The parts of a file of `size` bytes and with that seam that a read from `offset` gives, LOG_MAX bytes at most.
+// The parts of a file of `size` bytes and with that seam that a read from `offset` gives, `most` bytes at most.
 typedef struct ops_log_range_s {
     int64_t begin;
     int64_t len;
     int64_t next; // the offset that follows
 } ops_log_range_t;
 
-ops_log_range_t ops_log_range(int64_t size, int64_t seam, int64_t offset);
+ops_log_range_t ops_log_range(int64_t size, int64_t seam, int64_t offset, int64_t most);
+
+// The same as ops_log_read(), `most` bytes at most.
+int ops_log_read_some(const ops_process_t &process, int64_t offset, int64_t most, std::string *text, int64_t *next);
 
 // The program in the name of a log file of that process, "log-PROGRAM-PID-YYYYMMDD-HHMMSS"; empty when it is none.
 std::string ops_log_program(const std::string &name, int32_t pid);

@@ -118,11 +118,17 @@ int ops_view_read(ops_view_t *view, ops_change_t *change, ops_inst_t *inst)
 
 // A topology connection reports in order, and it has no event for "that was all". So a timer is started on it, a
 // subscription to a name that is never published: when it expires, all that was there before has been reported.
+int ops_view_mark(ops_view_t *view)
+{
+    view->marks_sent++;
+    return subscribe(view, {MARK_NAME_TYPE, 0, 0}, 1, TIPC_SUB_SERVICE, view->marks_sent) == 0 ? 0 : -EPIPE;
+}
+
 int ops_view_sync(ops_view_t *view, int64_t deadline)
 {
-    uint32_t mark = ++view->marks_sent;
-    if (subscribe(view, {MARK_NAME_TYPE, 0, 0}, 1, TIPC_SUB_SERVICE, mark) != 0)
+    if (ops_view_mark(view) != 0)
         return -EPIPE;
+    uint32_t mark = view->marks_sent;
     while (view->marks_seen != mark) {
         ops_change_t change = OPS_NO_CHANGE;
         ops_inst_t inst = {};

@@ -43,6 +43,9 @@ void ops_view_close(ops_view_t *view);
 // has come; -EPIPE when the connection is lost.
 int ops_view_read(ops_view_t *view, ops_change_t *change, ops_inst_t *inst);
 
+// Asks for a mark: when marks_seen is marks_sent, all that was published before is in the view. 0 or -EPIPE.
+int ops_view_mark(ops_view_t *view);
+
 // Waits until all that was published before this call is in the view. 0, -ETIMEDOUT or -EPIPE; in all cases the view
 // holds what has come so far.
 int ops_view_sync(ops_view_t *view, int64_t deadline);

@@ -25,6 +25,8 @@ constexpr size_t ZEBD_EVIDENCE_MAX = 20;
 constexpr size_t ZEBD_CONNECTIONS_MAX = 64;
 constexpr size_t ZEBD_LINE_MAX = 1 << 20;   // bytes of a request
 constexpr size_t ZEBD_OUTPUT_MAX = 8 << 20; // bytes that a connection has not read yet
+constexpr size_t ZEBD_INSTS_MAX = 8192;     // in the model
+constexpr size_t ZEBD_STATS_MAX = 32 << 20; // bytes of statistics texts that are kept parsed
 constexpr size_t ZEBD_GONE_MAX = 256;       // instances that quit and are still known, for ZEBD_GONE_TIME
 constexpr int64_t ZEBD_GONE_TIME = 60000;   // ms
 
@@ -72,7 +74,8 @@ typedef struct zebd_model_s {
     uint64_t event_number;                                      // of the newest event, counted from 1
     uint64_t round;                                             // of the newest sample of all, counted from 1
     uint64_t asked, answered, strays;
-    uint32_t left_out; // pairs and instances above the bounds
+    uint32_t left_out;       // instances above the bound
+    uint32_t pairs_left_out; // pairs above the bound, of the last round
 } zebd_model_t;
 
 // The page and the metrics, at "ADDRESS:PORT". 0 or a negative errno value. Defined only where the page is built.
