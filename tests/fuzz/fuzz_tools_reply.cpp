@@ -194,7 +194,8 @@ static void reply(world_t *world, ops_client_t *client, tools::input_t *input)
         size_t at = input->number() % ZEB_MSG_HDR_LEN;
         uint32_t change = input->number();
         bytes[at] = (uint8_t)(bytes[at] ^ change);
-        foreign = change != 0 && (at == 2 || (at >= 4 && at < 12) || (at >= 16 && at < 24));
+        bool length = at >= 4 && at < 8 && (how & 8) == 0; // a datagram that was cut may have it
+        foreign = change != 0 && (at == 2 || length || (at >= 8 && at < 12) || (at >= 16 && at < 24));
     }
     bytes.insert(bytes.end(), body.begin(), body.end());
     if ((how & 8) != 0)

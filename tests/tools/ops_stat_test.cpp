@@ -204,6 +204,26 @@ TEST_F(ops_stat, a_text_that_was_cut_is_said_to_be)
     EXPECT_EQ(stat.parts & OPS_STAT_CALLS, 0U);
 }
 
+TEST_F(ops_stat, with_seventy_peers_the_text_is_cut_and_what_is_left_is_theirs)
+{
+    for (uint32_t node = 1; node <= 70; node++) {
+        peer_online(node);
+        zeb_fc_update_sent_ok(APP, {PEER, node});
+        zeb_fc_update_recv_ok(APP, {PEER, node});
+        ops_stat_t stat = parsed(answered());
+        EXPECT_EQ(stat.odd, 0U) << node << ": " << stat.first_odd;
+        EXPECT_EQ(ops_stat_missing(stat).substr(0, 4), stat.cut ? "cut:" : "") << node;
+        EXPECT_TRUE(node > 30 || !stat.cut) << node;
+    }
+    ops_stat_t stat = parsed(answered());
+    EXPECT_TRUE(stat.cut);
+    ASSERT_FALSE(stat.peer_apps.empty());
+    EXPECT_EQ(stat.peer_apps.back().online.size(), 70U);
+    EXPECT_EQ(stat.sends.size(), 70U);
+    for (const ops_flow_send_t &flow : stat.sends)
+        EXPECT_TRUE(flow.dst.app == PEER && flow.dst.node <= 70 && flow.send == 1) << flow.dst.node;
+}
+
 TEST_F(ops_stat, a_client_serves_no_version_and_an_application_may_have_any_name)
 {
     static const char name[] = "a] information:\nb [";

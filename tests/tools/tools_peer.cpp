@@ -1,5 +1,7 @@
 // What zebctl talks to in its tests: real instances of the library, and sockets that answer as no library does.
-// Usage: tools_peer real FIRST COUNT      COUNT applications from FIRST on, servers of versions 1 and 3
+// Usage: tools_peer real FIRST COUNT [PEER PEERS]
+//                                         COUNT applications from FIRST on, servers of versions 1 and 3, each of which
+//                                         communicates with PEERS applications from PEER on
 //        tools_peer client APP            an application without a dispatcher
 //        tools_peer hold                  a socket that is application 1 of this node
 //        tools_peer silent|half|quarter|liar|refuse|flood|cut APP
@@ -41,12 +43,16 @@ static void *on_event(zeb_event_t event)
     return nullptr;
 }
 
-static int run_real(uint32_t count, const zeb_msg_dispatcher_t *dispatchers)
+static int run_real(uint32_t count, const zeb_msg_dispatcher_t *dispatchers, uint32_t peer, uint32_t peers)
 {
     for (uint32_t app = s_first; app < s_first + count; app++) {
         std::string name = "peer" + std::to_string(app);
         if (zeb_register_without_thread(app, name.c_str(), dispatchers, on_event) != 0)
             return 1;
+        for (uint32_t named = peer; named < peer + peers; named++) {
+            if (zeb_comm_with(app, named) != 0)
+                return 1;
+        }
     }
     zeb_run();
     for (;;)
@@ -142,7 +148,8 @@ int main(int argc, char **argv)
     std::string how = argc > 1 ? argv[1] : "";
     s_node = (uint32_t)zeb_get_my_node_id();
     s_first = argc > 2 ? (uint32_t)strtoul(argv[2], nullptr, 10) : ZEBD_APP_ID;
+    auto number = [argc, argv](int at) { return argc > at ? (uint32_t)strtoul(argv[at], nullptr, 10) : 0; };
     if (how == "real" && argc > 3)
-        return run_real((uint32_t)strtoul(argv[3], nullptr, 10), server);
-    return how == "client" ? run_real(1, client) : run_raw(how, s_first);
+        return run_real(number(3), server, number(4), number(5));
+    return how == "client" ? run_real(1, client, 0, 0) : run_raw(how, s_first);
 }
