@@ -19,6 +19,7 @@
 #include <systemd/sd-daemon.h>
 #endif
 
+#include "zebd_evidence.h"
 #ifdef ZEBD_HTTP
 #include "zebd_http_open.h"
 #endif
@@ -141,6 +142,8 @@ static int open_all(daemon_t *daemon, const options_t &options)
             strerror(-ret));
     if (ret == 0)
         ret = open_page(daemon, options);
+    if (ret == 0 && !options.evidence.empty())
+        zebd_evidence_open(&daemon->loop, &daemon->model, options.evidence);
     if (ret != 0)
         zebd_server_close(&daemon->server);
     return ret;

@@ -42,6 +42,7 @@ typedef struct zebd_loop_s {
     std::map<zebd_entry_t, zebd_watch_t> watches;
     std::map<zebd_entry_t, zebd_timer_t> timers;
     std::map<zebd_entry_t, zebd_on_event_t> followers;
+    size_t own_followers; // of them, areas of the daemon itself, for which nothing is asked more often
 } zebd_loop_t;
 
 // Calls `on_ready` when `fd` is ready for what is wanted (POLLERR and POLLHUP always). The descriptor stays the

@@ -289,7 +289,7 @@ static void begin_round(zebd_sampler_t *sampler)
 
 static int64_t pause_of(const zebd_sampler_t *sampler)
 {
-    if (sampler->loop->followers.empty())
+    if (sampler->loop->followers.size() <= sampler->loop->own_followers)
         return sampler->interval;
     return std::min(sampler->interval, std::max(ZEBD_FAST, COST * sampler->took));
 }

@@ -12,6 +12,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "zebd_evidence.h"
+
 constexpr size_t READ_SIZE = 64 << 10;
 constexpr int BACKLOG = 64;
 constexpr int64_t END_TIME = 2000;     // ms that a connection has to read why it ends
@@ -295,32 +297,6 @@ static void on_events(zebd_server_t *server, zebd_connection_t *connection, cons
     zebd_sampler_hasten(server->sampler);
 }
 
-static ops_json_t pair_record(const zebd_pair_t &pair)
-{
-    ops_json_t samples = ops_json_t::array();
-    for (const zebd_pair_sample_t &sample : pair.samples)
-        samples.push_back({sample.at, sample.send, sample.reject, sample.unack});
-    return {{"sender", {{"app", pair.sender.app}, {"node", pair.sender.node}}},
-            {"receiver", {{"app", pair.receiver.app}, {"node", pair.receiver.node}}},
-            {"blocked_since_ms", pair.blocked_since},
-            {"columns", {"at_ms", "sent", "rejected", "unacknowledged"}},
-            {"samples", samples}};
-}
-
-static ops_json_t inst_record(const zebd_inst_t &inst)
-{
-    ops_json_t samples = ops_json_t::array();
-    for (const zebd_sample_t &sample : inst.samples)
-        samples.push_back({sample.at, sample.send, sample.recv, sample.queue, sample.reject, sample.exception,
-                           sample.send_unack, sample.recv_unack});
-    return {{"columns",
-             {"at_ms", "sent", "received", "queue", "rejected", "exceptions", "sent_unacknowledged",
-              "received_unacknowledged"}},
-            {"samples", samples},
-            {"since_ms", inst.since},
-            {"quit_ms", inst.quit}};
-}
-
 static void on_history(zebd_server_t *server, zebd_connection_t *connection, const zebd_request_t &request)
 {
     const zebd_model_t *model = server->model;
@@ -329,7 +305,7 @@ static void on_history(zebd_server_t *server, zebd_connection_t *connection, con
     if (found == model->insts.end())
         return put_error(server, connection, request.id, ENOENT, "nothing is known of this instance");
     ops_json_t record = {{"id", request.id}, {"type", "zebd.history.1"}, {"round", model->round}};
-    record.update(inst_record(found->second));
+    record.update(zebd_record_of_inst(found->second));
     ops_json_t pairs = ops_json_t::array();
     for (const auto &[names, pair] : model->pairs) {
         if (names.first != name && names.second != name)
@@ -338,7 +314,7 @@ static void on_history(zebd_server_t *server, zebd_connection_t *connection, con
             put(server, connection, {{"id", request.id}, {"pairs", pairs}, {"more", true}});
             pairs.clear();
         }
-        pairs.push_back(pair_record(pair));
+        pairs.push_back(zebd_record_of_pair(pair));
     }
     record["pairs"] = pairs;
     put(server, connection, record);
