@@ -26,10 +26,11 @@ build: setup ## configure and build everything (PRESET=release, debug, asan or t
 	@echo "built in $(BUILD)"
 
 demo: export ZEB_BUILD := $(CURDIR)/build/demo
+demo: export ZEB_CTL := $(or $(wildcard $(CURDIR)/$(BUILD)/tools/zebctl),$(CURDIR)/build/demo/tools/zebctl)
 demo: ## run two servers and a client on three nodes, and print what they do (builds only what that needs)
 	@scripts/setup demo
 	@echo "building the library, the simulator, the examples and zebctl in build/demo"
-	@cmake -S . -B build/demo >build/configure-demo.log 2>&1 || { cat build/configure-demo.log; exit 1; }
+	@cmake -S . -B build/demo -DZEB_ZEBD=OFF -DZEB_TOOLS=$(if $(findstring build/demo/,$(ZEB_CTL)),ON,OFF) >build/configure-demo.log 2>&1 || { cat build/configure-demo.log; exit 1; }
 	@cmake --build build/demo -j$(JOBS) >build/build-demo.log 2>&1 || { cat build/build-demo.log; exit 1; }
 	@examples/demo/run
 
