@@ -37,6 +37,14 @@ TEST(ops_table, a_narrow_terminal_loses_the_least_important_column_first_and_say
                           "(no room for LEVELS, PID)\n");
 }
 
+TEST(ops_table, the_number_decides_which_column_goes_first_and_not_its_place)
+{
+    EXPECT_EQ(ops_format_table(TABLE, {0, 0, 2, 1}, {45, false}), "APP  NAME    LEVELS\n"
+                                                                  "100  routed  warn,error\n"
+                                                                  "  7  shell   -           no answer in 2000 ms\n"
+                                                                  "(no room for PID)\n");
+}
+
 TEST(ops_table, what_is_cut_all_the_same_is_marked)
 {
     EXPECT_EQ(format(20), "APP  NAME\n"
