@@ -25,6 +25,8 @@
 #endif
 #include "zebd_serve.h"
 
+constexpr int64_t PREPARE_TIME = 3000; // ms
+
 typedef struct options_s {
     std::string socket;
     double interval = 10; // seconds
@@ -149,6 +151,16 @@ static int open_all(daemon_t *daemon, const options_t &options)
     return ret;
 }
 
+// Nobody is served before the view is whole and application 1 is taken, or known to be taken by another process.
+static void prepare(daemon_t *daemon)
+{
+    for (int64_t deadline = ops_now() + PREPARE_TIME; ops_now() < deadline && !daemon->loop.ends;) {
+        if (daemon->sampler.is_app1 || daemon->sampler.said_held)
+            return;
+        zebd_loop_round(&daemon->loop, deadline - ops_now());
+    }
+}
+
 static int run(const options_t &options)
 {
     static daemon_t daemon; // callbacks keep its address
@@ -171,6 +183,8 @@ static int run(const options_t &options)
     int signals = catch_signals(&daemon.loop);
     if (signals == -1 || open_all(&daemon, options) != 0)
         return EXIT_FAILURE;
+    prepare(&daemon);
+    zebd_server_begin(&daemon.server);
     say(6, "node %u is served at %s", daemon.model.node, daemon.server.path.c_str());
     notify("READY=1");
     begin_watchdog(&daemon.loop);

@@ -5,9 +5,11 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <unistd.h>
 
 static const char PREFIX[] = "blocked-";
+constexpr int64_t MINUTE = 60000; // ms
 
 ops_json_t zebd_record_of_inst(const zebd_inst_t &inst)
 {
@@ -116,9 +118,17 @@ int zebd_evidence_save(const zebd_model_t &model, ops_inst_t inst, const std::st
 void zebd_evidence_open(zebd_loop_t *loop, const zebd_model_t *model, const std::string &dir)
 {
     loop->own_followers++;
+    auto saved = std::make_shared<std::deque<int64_t>>(); // when the last of them were; no more are written in a minute
+                                                          // than are kept
     // Told of a quit while its pairs are still as they were.
-    (void)zebd_loop_follow(loop, [model, dir](uint64_t, const ops_event_t &event) {
-        if (event.kind == OPS_EVENT_QUIT && zebd_evidence_is_due(*model, event.inst))
-            (void)zebd_evidence_save(*model, event.inst, dir);
+    (void)zebd_loop_follow(loop, [model, dir, saved](uint64_t, const ops_event_t &event) {
+        int64_t now = ops_now();
+        if (event.kind != OPS_EVENT_QUIT || !zebd_evidence_is_due(*model, event.inst) ||
+            (saved->size() >= ZEBD_EVIDENCE_MAX && now - saved->front() < MINUTE))
+            return;
+        saved->push_back(now);
+        if (saved->size() > ZEBD_EVIDENCE_MAX)
+            saved->pop_front();
+        (void)zebd_evidence_save(*model, event.inst, dir);
     });
 }

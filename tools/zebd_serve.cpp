@@ -190,27 +190,43 @@ static void on_hello(zebd_server_t *server, zebd_connection_t *connection, const
          {"interval_ms", server->sampler->interval}});
 }
 
+// While the view is filled anew, what it had before counts.
+static std::vector<ops_seen_t> all_seen(const zebd_server_t *server)
+{
+    const auto &known = server->model->insts;
+    std::vector<ops_seen_t> all;
+    if (!server->sampler->in_step) {
+        for (const auto &entry : known) {
+            if (entry.second.quit == 0)
+                all.push_back({entry.second.inst, entry.second.sockets, entry.second.since});
+        }
+        return all;
+    }
+    for (const auto &[name, published] : server->sampler->view.insts) {
+        auto found = known.find(name);
+        all.push_back({ops_inst_of(name), published.sockets, found == known.end() ? 0 : found->second.since});
+    }
+    return all;
+}
+
 static void on_view(zebd_server_t *server, zebd_connection_t *connection, const zebd_request_t &request)
 {
     const ops_view_t &view = server->sampler->view;
-    const auto &known = server->model->insts;
-    auto it = view.insts.begin();
+    std::vector<ops_seen_t> all = all_seen(server);
+    size_t at = 0;
     do {
         ops_json_t list = ops_json_t::array();
-        for (; it != view.insts.end() && list.size() < INSTS_AT_ONCE; ++it) {
-            auto found = known.find(it->first);
-            list.push_back(ops_record_of_seen(
-                {ops_inst_of(it->first), it->second.sockets, found == known.end() ? 0 : found->second.since}));
-        }
+        for (; at < all.size() && list.size() < INSTS_AT_ONCE; at++)
+            list.push_back(ops_record_of_seen(all[at]));
         ops_json_t record = {{"id", request.id},
                              {"type", "zebd.view.1"},
                              {"instances", list},
                              {"left_out", view.left_out},
                              {"odd", view.odd}};
-        if (it != view.insts.end())
+        if (at < all.size())
             record["more"] = true;
         put(server, connection, record);
-    } while (it != view.insts.end());
+    } while (at < all.size());
 }
 
 static void finish_job(zebd_server_t *server, zebd_connection_t *connection, uint32_t id)
@@ -571,8 +587,12 @@ int zebd_server_open(zebd_server_t *server)
         (void)close(server->lock);
         return ret;
     }
-    server->watch = zebd_loop_add(server->loop, server->sd, POLLIN, [server](short) { accept_all(server); });
     return 0;
+}
+
+void zebd_server_begin(zebd_server_t *server)
+{
+    server->watch = zebd_loop_add(server->loop, server->sd, POLLIN, [server](short) { accept_all(server); });
 }
 
 void zebd_server_close(zebd_server_t *server)

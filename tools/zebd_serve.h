@@ -62,8 +62,11 @@ typedef struct zebd_server_s {
     size_t waiting;                                                     // requests to instances, of all connections
 } zebd_server_t;
 
-// Serves at `path`. 0; -EADDRINUSE when another zebd does; another negative errno value.
+// Listens at `path`. 0; -EADDRINUSE when another zebd does; another negative errno value.
 int zebd_server_open(zebd_server_t *server);
+
+// Takes connections from now on; those that came before waited.
+void zebd_server_begin(zebd_server_t *server);
 void zebd_server_close(zebd_server_t *server);
 
 #endif
