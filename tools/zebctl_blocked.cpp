@@ -5,6 +5,7 @@
 #include "ops_blocked.h"
 #include "ops_table.h"
 #include "zebctl_look.h"
+#include "zebctl_progress.h"
 #include "zebctl_text.h"
 
 constexpr int64_t HISTORY_TIME = 300; // ms, at most, for what a zebd has kept
@@ -176,6 +177,7 @@ static int run(const zebctl_t *zebctl, const blocked_options_t &options)
     auto interval = (int64_t)(options.interval * 1000);
     auto before = zebctl_look_t();
     auto after = zebctl_look_t();
+    zebctl_progress("asking the instances, and then once more");
     int code = zebctl_look_once(zebctl, {}, &before);
     if (code != ZEBCTL_OK)
         return code;
@@ -183,6 +185,7 @@ static int run(const zebctl_t *zebctl, const blocked_options_t &options)
     ops_blocked_since_t since = ask_history(ops_now() + std::min(interval, HISTORY_TIME));
     (void)zebctl_pause(next - ops_now());
     code = zebctl_look_again(zebctl, {}, before, &after);
+    zebctl_progress("");
     if (code != ZEBCTL_OK)
         return code;
     ops_blocked_t blocked = ops_blocked(zebctl_looks_of(before), zebctl_looks_of(after), since);

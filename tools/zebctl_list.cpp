@@ -3,6 +3,7 @@
 
 #include "ops_conf.h"
 #include "ops_table.h"
+#include "zebctl_progress.h"
 #include "zebctl_rows.h"
 #include "zebctl_text.h"
 
@@ -76,11 +77,13 @@ static json_t list_json(const zebctl_row_t &row)
 // The names alone are worth a list.
 static int ask_and_show(zebctl_rows_t *rows)
 {
+    zebctl_progress("asking the instances");
     int ret = zebctl_ask_identity(rows);
     if (ret == 0)
         ret = zebctl_ask_statistics(rows);
     if (ret == 0)
         zebctl_ask_processes(rows);
+    zebctl_progress("");
     if (rows->zebctl->json)
         zebctl_print(zebctl_record(rows, "zeb.list.1", list_json));
     else

@@ -8,6 +8,8 @@
 #include <ctime>
 #include <unistd.h>
 
+#include "zebctl_progress.h"
+
 constexpr int64_t HELD_TIME = 500; // ms that another zebctl has to give application 1 back
 constexpr int64_t HELD_PAUSE = 20; // ms at least until it is tried again
 
@@ -93,8 +95,10 @@ zebctl_look_t zebctl_look_timed(const zebctl_t *zebctl, const zebctl_target_t &t
 
 static int say(const zebctl_look_t &look)
 {
-    if (look.code != ZEBCTL_OK)
-        fprintf(stderr, "zebctl: %s\n", look.why.c_str());
+    if (look.code == ZEBCTL_OK)
+        return ZEBCTL_OK;
+    zebctl_progress("");
+    fprintf(stderr, "zebctl: %s\n", look.why.c_str());
     return look.code;
 }
 

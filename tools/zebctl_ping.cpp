@@ -6,6 +6,7 @@
 
 #include "ops_table.h"
 #include "zebctl_look.h"
+#include "zebctl_progress.h"
 #include "zebctl_text.h"
 
 typedef struct ping_options_s {
@@ -80,7 +81,9 @@ static void take_row(ping_t *pings, const zebctl_row_t &row, int64_t at)
 // Asks once. ZEBCTL_OK, or an exit code after it has said what is wrong.
 static int ask(ping_t *pings)
 {
+    zebctl_progress("asking the instances");
     zebctl_look_t look = zebctl_look_timed(pings->zebctl, pings->options->target);
+    zebctl_progress("");
     if (look.code == ZEBCTL_NOBODY && pings->insts.empty()) {
         fprintf(stderr, "zebctl: gone: %s\n", look.why.c_str());
         return ZEBCTL_NOBODY;

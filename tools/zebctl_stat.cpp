@@ -4,6 +4,7 @@
 
 #include "ops_table.h"
 #include "zebctl_look.h"
+#include "zebctl_progress.h"
 #include "zebctl_text.h"
 
 typedef struct stat_options_s {
@@ -124,9 +125,11 @@ static json_t stat_json(const stat_t &stat)
 static int run(const zebctl_t *zebctl, const stat_options_t &options)
 {
     auto stat = stat_t();
+    zebctl_progress("asking the instances");
     int code = options.no_rates ? zebctl_look_once(zebctl, options.target, &stat.after)
                                 : zebctl_look_twice(zebctl, options.target, (int64_t)(options.interval * 1000),
                                                     &stat.before, &stat.after);
+    zebctl_progress("");
     if (code != ZEBCTL_OK)
         return code;
     if (zebctl->json)
