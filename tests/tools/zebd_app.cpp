@@ -12,7 +12,7 @@ static const char *s_gate;
 static void *on_message(zeb_msg_t *msg)
 {
     while (s_gate != nullptr && access(s_gate, F_OK) != 0)
-        (void)usleep(1000);
+        (void)usleep(1000); // between two looks
     free(msg);
     return nullptr;
 }
@@ -38,6 +38,6 @@ int main(int argc, char **argv)
         if (to != 0)
             (void)zeb_sendto(app, to, app, msg, ZEB_SEND_NOWAIT);
         free(msg);
-        (void)usleep(500);
+        (void)usleep(500); // the pace, so that all CPUs are not taken
     }
 }
