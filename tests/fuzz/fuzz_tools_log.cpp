@@ -30,7 +30,7 @@ static void check_any(tools::input_t *input, int64_t size, int64_t seam)
 {
     auto high = (int64_t)input->number(4);
     auto offset = (int64_t)((uint64_t)high << 32 | input->number(4));
-    for (int64_t at : {offset, offset % (size + 2), -offset % (size + 2)}) {
+    for (int64_t at : {offset, offset % (size + 2), -(offset % (size + 2))}) {
         ops_log_range_t range = ops_log_range(size, seam, at, 1 + input->number());
         require(range.begin >= 0 && range.len >= 0 && range.begin + range.len <= size);
         require(range.next >= 0 && range.next <= size);
