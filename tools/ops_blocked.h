@@ -14,8 +14,6 @@
 
 #include "ops_stat.h"
 
-constexpr int32_t OPS_WINDOW = 1024; // a sender with more unacknowledged messages than this waits
-
 // What an instance said at one time.
 typedef struct ops_look_s {
     bool known; // it has answered with its counters

@@ -17,6 +17,7 @@
 
 #include "ops_conf.h"
 #include "ops_stat.h"
+#include "ops_text.h"
 
 static const char NODE_FILE[] = "/tmp/addr/.zeb_node_addr";
 static const char NODE_ADVICE[] = "mkdir -p /tmp/addr && echo 1 >/tmp/addr/.zeb_node_addr, with this node's number";
@@ -148,11 +149,6 @@ typedef struct cluster_s {
     int asked;                           // 0, or why not
 } cluster_t;
 
-static std::string inst_text(ops_inst_t inst)
-{
-    return std::to_string(inst.app) + "@" + std::to_string(inst.node);
-}
-
 static void look_at_rmem(ops_diagnoses_t *list, const cluster_t &cluster)
 {
     if (ops_doctor_simulated())
@@ -177,7 +173,7 @@ static void look_at_rmem(ops_diagnoses_t *list, const cluster_t &cluster)
         if (needed <= most)
             continue;
         most = needed;
-        who = inst_text(request.inst) + " has " + std::to_string(senders.size()) +
+        who = ops_inst_text(request.inst) + " has " + std::to_string(senders.size()) +
               " senders, whose small messages need " + mega(needed);
     }
     if (most > middle)
@@ -224,12 +220,12 @@ static void look_at_duplicates(ops_diagnoses_t *list, const cluster_t &cluster)
         std::string node = std::to_string(one.inst.node);
         if (publishers(one.inst).size() < 2)
             add(list, "instances", OPS_WRONG,
-                std::to_string(one.sockets) + " processes of node " + node + " share " + inst_text(one.inst) +
+                std::to_string(one.sockets) + " processes of node " + node + " share " + ops_inst_text(one.inst) +
                     ": messages reach any of them",
                 "tipc socket list, on node " + node + "; end all but one");
         else if (same_id.insert(one.inst.node).second)
             add(list, "instances", OPS_WRONG,
-                "several nodes have the node id " + node + ": " + inst_text(one.inst) + " is published on each",
+                "several nodes have the node id " + node + ": " + ops_inst_text(one.inst) + " is published on each",
                 "echo ANOTHER >" + std::string(NODE_FILE) + " on one of them, then start its processes again");
     }
     if (list->size() == before)
@@ -243,8 +239,8 @@ static void look_at_answers(ops_diagnoses_t *list, const cluster_t &cluster)
     size_t before = list->size();
     for (const ops_request_t &request : cluster.requests) {
         if (request.outcome != OPS_ANSWERED)
-            add(list, "answers", OPS_WRONG, inst_text(request.inst) + ": " + request.why,
-                "zebctl evidence " + inst_text(request.inst));
+            add(list, "answers", OPS_WRONG, ops_inst_text(request.inst) + ": " + request.why,
+                "zebctl evidence " + ops_inst_text(request.inst));
     }
     if (list->size() == before)
         add(list, "answers", OPS_GOOD, "of " + std::to_string(cluster.requests.size()) + " instances");

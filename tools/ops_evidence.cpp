@@ -17,6 +17,7 @@
 #include "ops_doctor.h"
 #include "ops_evidence_proc.h"
 #include "ops_stat.h"
+#include "ops_text.h"
 
 constexpr int64_t VIEW_TIME = 5000;    // ms
 constexpr int64_t EVENT_TIME = 1000;   // ms for the events that were kept
@@ -39,11 +40,6 @@ typedef struct work_s {
     std::vector<ops_request_t> peers; // their statistics
     int32_t pid;                      // 0: not known
 } work_t;
-
-static std::string inst_text(ops_inst_t inst)
-{
-    return std::to_string(inst.app) + "@" + std::to_string(inst.node);
-}
 
 static std::string time_text(int64_t ms, const char *form)
 {
@@ -112,7 +108,7 @@ static int open_session(work_t *work)
         work->seen = one;
         return 0;
     }
-    work->result->why = "there is no instance " + inst_text(inst);
+    work->result->why = "there is no instance " + ops_inst_text(inst);
     return -ENOENT;
 }
 
@@ -175,9 +171,9 @@ static void find_process(work_t *work)
 static void save_instance(work_t *work)
 {
     const ops_seen_t &seen = work->seen;
-    std::string text = "instance " + inst_text(seen.inst) + "\nname in zeb.conf here: " + ops_conf_name(seen.inst.app) +
-                       "\nseen from node " + std::to_string(work->session.node) +
-                       (work->session.by_zebd ? ", by its zebd" : "") +
+    std::string text = "instance " + ops_inst_text(seen.inst) +
+                       "\nname in zeb.conf here: " + ops_conf_name(seen.inst.app) + "\nseen from node " +
+                       std::to_string(work->session.node) + (work->session.by_zebd ? ", by its zebd" : "") +
                        "\nsockets with its name: " + std::to_string(seen.sockets) + "\n";
     if (seen.since != 0)
         text += "joined " + stamp(seen.since) + "\n";
@@ -235,7 +231,7 @@ static void ask_peers(work_t *work)
 
 static std::string pair_line(ops_inst_t from, ops_inst_t to, uint32_t sent, int32_t unack)
 {
-    return inst_text(from) + " to " + inst_text(to) + ": sent " + std::to_string(sent) + ", unacknowledged " +
+    return ops_inst_text(from) + " to " + ops_inst_text(to) + ": sent " + std::to_string(sent) + ", unacknowledged " +
            std::to_string(unack) + (unack > OPS_WINDOW ? ", BLOCKED" : "") + "\n";
 }
 
@@ -243,9 +239,10 @@ static std::string peer_text(const work_t *work, const ops_request_t &peer, std:
 {
     ops_inst_t inst = work->evidence->inst;
     if (peer.outcome != OPS_ANSWERED)
-        return inst_text(peer.inst) + ": " + (peer.why.empty() ? "not asked" : peer.why) + "\n";
+        return ops_inst_text(peer.inst) + ": " + (peer.why.empty() ? "not asked" : peer.why) + "\n";
     ops_stat_t stat = ops_stat_parse(peer.text.data(), peer.text.size());
-    std::string text = inst_text(peer.inst) + " [" + stat.name + "], " + std::to_string(stat.queue) + " in its queue\n";
+    std::string text =
+        ops_inst_text(peer.inst) + " [" + stat.name + "], " + std::to_string(stat.queue) + " in its queue\n";
     for (const ops_flow_send_t &flow : stat.sends) {
         if (ops_name_of(flow.dst) != ops_name_of(inst))
             continue;
@@ -302,9 +299,9 @@ static void save_events(work_t *work)
         ret = ops_session_event(session.get(), ops_wall() - EVENTS_OF, &event, deadline);
         if (ret != 0)
             break;
-        text += stamp(event.at) + " " + inst_text(event.inst) + " " + event_word(event.kind);
+        text += stamp(event.at) + " " + ops_inst_text(event.inst) + " " + event_word(event.kind);
         if (event.kind == OPS_EVENT_BLOCKED || event.kind == OPS_EVENT_UNBLOCKED)
-            text += " " + inst_text(event.peer) + ", unacknowledged " + std::to_string(event.unack);
+            text += " " + ops_inst_text(event.peer) + ", unacknowledged " + std::to_string(event.unack);
         text += "\n";
     }
     std::string why = ret == 0 || ret == -ETIMEDOUT ? "" : session->why;
@@ -359,7 +356,7 @@ static void save_doctor(work_t *work)
 
 static void save_summary(work_t *work, int64_t begun)
 {
-    std::string text = "evidence of " + inst_text(work->evidence->inst) + "\nbegun " + stamp(begun) + ", ended " +
+    std::string text = "evidence of " + ops_inst_text(work->evidence->inst) + "\nbegun " + stamp(begun) + ", ended " +
                        stamp(ops_wall()) + ", on node " + std::to_string(work->session.node) + "\n\n";
     for (const ops_evidence_part_t &part : work->result->parts)
         text += stamp(part.at) + "  " + part.file + "  " +

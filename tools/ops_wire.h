@@ -8,6 +8,7 @@
 #include <zeb/zeb_msg.h>
 
 constexpr uint32_t OPS_NAME_TYPE = 2303; // of the TIPC name of every instance
+constexpr int32_t OPS_WINDOW = 1024;     // a sender with more unacknowledged messages than this waits
 
 // Elements of management messages that tools send and read.
 constexpr uint16_t OPS_DBG_CMD = 3;

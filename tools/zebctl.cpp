@@ -14,7 +14,7 @@
 static void take_levels(std::vector<std::string> *words, zebctl_t *zebctl)
 {
     auto is_level = [](const std::string &word) {
-        return word.size() > 1 && (word[0] == '+' || word[0] == '-') && zebctl_level(word.substr(1)) != 0;
+        return word.size() > 1 && (word[0] == '+' || word[0] == '-') && ops_level(word.substr(1)) != 0;
     };
     std::copy_if(words->begin(), words->end(), std::back_inserter(zebctl->levels), is_level);
     words->erase(std::remove_if(words->begin(), words->end(), is_level), words->end());
@@ -34,14 +34,6 @@ static bool is_number(const std::string &text)
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
-static std::string joined(const std::vector<uint32_t> &apps)
-{
-    std::string text;
-    for (uint32_t app : apps)
-        text += (text.empty() ? "" : ", ") + std::to_string(app);
-    return text;
-}
-
 // An id, or a name that zeb.conf gives one application alone.
 static std::string check_app(const std::string &text, zebctl_target_t *target)
 {
@@ -53,7 +45,7 @@ static std::string check_app(const std::string &text, zebctl_target_t *target)
         return "";
     }
     if (apps.size() > 1)
-        return "'" + text + "' is the name of several applications in " OPS_CONF_FILE ": " + joined(apps) +
+        return "'" + text + "' is the name of several applications in " OPS_CONF_FILE ": " + zebctl_joined(apps, ", ") +
                ". Give the id";
     return "'" + text + "' is no application id: 1 to 8191, or 16384 to 20479" +
            (is_number(text) ? "" : "; and no name of one in " OPS_CONF_FILE);

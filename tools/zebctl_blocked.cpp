@@ -44,7 +44,7 @@ static std::string list_insts(const std::vector<ops_inst_t> &insts, const char *
 {
     std::vector<std::string> words;
     for (ops_inst_t inst : insts)
-        words.push_back(zebctl_inst(inst));
+        words.push_back(ops_inst_text(inst));
     return zebctl_joined(words, between);
 }
 
@@ -78,7 +78,7 @@ static void show_roots(const ops_blocked_t &blocked, int64_t span)
 {
     for (const ops_root_t &root : blocked.roots) {
         const ops_receiver_t &receiver = blocked.receivers.at(ops_name_of(root.inst));
-        printf("root:  %s waits for nobody: %s\n", zebctl_inst(root.inst).c_str(), state_of(receiver, span).c_str());
+        printf("root:  %s waits for nobody: %s\n", ops_inst_text(root.inst).c_str(), state_of(receiver, span).c_str());
         printf("       %zu wait for it: %s\n", root.waiting.size(), list_insts(root.waiting, " ").c_str());
         if (root.chain.size() > 2)
             printf("       the longest way to it: %s\n", list_insts(root.chain, " -> ").c_str());
@@ -89,7 +89,7 @@ static void show_edges(const ops_blocked_t &blocked, int64_t span)
 {
     ops_table_t table = {{"SENDER", "RECEIVER", "UNACK", "BLOCKED FOR", "RECEIVER"}};
     for (const ops_edge_t &edge : blocked.edges)
-        table.push_back({zebctl_inst(edge.sender), zebctl_inst(edge.receiver), std::to_string(edge.unack),
+        table.push_back({ops_inst_text(edge.sender), ops_inst_text(edge.receiver), std::to_string(edge.unack),
                          edge.blocked_for == 0 ? "-" : zebctl_span_text(edge.blocked_for) + " or more",
                          state_of(blocked.receivers.at(ops_name_of(edge.receiver)), span)});
     ops_print_table(table, {0, 0, 0, 1, 0});

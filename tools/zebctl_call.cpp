@@ -102,7 +102,7 @@ static std::string hex_of(const std::string &body)
 
 static std::string reply_path(const call_options_t &options, ops_inst_t inst)
 {
-    return options.out + "/" + zebctl_inst(inst);
+    return options.out + "/" + ops_inst_text(inst);
 }
 
 static int save(const call_options_t &options, const zebctl_answer_t &answer)
@@ -192,7 +192,7 @@ static void show(const call_options_t &options, const zebctl_caller_t &caller)
 {
     ops_table_t table = {{"INSTANCE", "OUTCOME", "MS", ""}};
     for (const zebctl_answer_t &answer : caller.answers)
-        table.push_back({zebctl_inst(answer.inst), zebctl_outcome_word(answer.outcome),
+        table.push_back({ops_inst_text(answer.inst), zebctl_outcome_word(answer.outcome),
                          was_sent(answer) ? std::to_string(answer.took) : "-",
                          answer.outcome == ZEBCTL_REPLY ? reply_cell(options, answer) : ops_printable(answer.why)});
     ops_print_table(table);

@@ -291,7 +291,7 @@ static void take_outcome(zebctl_caller_t *caller, zebctl_answer_t *answer, zeb_m
     case ZEB_TIMEOUT:
         answer->outcome = ZEBCTL_NO_ANSWER;
         answer->why =
-            "no answer in " + std::to_string(caller->timeout) + " ms. Type: zebctl ping " + zebctl_inst(answer->inst);
+            "no answer in " + std::to_string(caller->timeout) + " ms. Type: zebctl ping " + ops_inst_text(answer->inst);
         return;
     default:
         if (!is_online(caller, answer->inst, &phase))
@@ -432,7 +432,7 @@ static void explain(const zebctl_caller_t *caller, zebctl_answer_t *answer)
 {
     if (answer->outcome == ZEBCTL_SENT)
         answer->why = "not seen to be dispatched in " + std::to_string(caller->timeout) +
-                      " ms, and dropped if it still waits. Type: zebctl ping " + zebctl_inst(answer->inst);
+                      " ms, and dropped if it still waits. Type: zebctl ping " + ops_inst_text(answer->inst);
     if (answer->outcome == ZEBCTL_DROPPED)
         answer->why = "it dropped the message as one of an unknown sender";
 }

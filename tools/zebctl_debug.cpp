@@ -23,7 +23,7 @@ typedef struct debug_options_s {
 static void take_masks(const std::vector<std::string> &levels, uint32_t *set, uint32_t *clear)
 {
     for (const std::string &word : levels) {
-        uint32_t bits = zebctl_level(word.substr(1));
+        uint32_t bits = ops_level(word.substr(1));
         bool on = word[0] == '+';
         *set = on ? *set | bits : *set & ~bits;
         *clear = on ? *clear & ~bits : *clear | bits;
@@ -38,7 +38,7 @@ static void show(const zebctl_rows_t *rows)
         table.push_back(
             {std::to_string(row.seen.inst.app), std::to_string(row.seen.inst.node),
              told ? std::to_string(row.identity.info.pid) : "-",
-             told ? zebctl_text_or(zebctl_joined(zebctl_level_names(row.identity.info.dbg_mask), ","), "none") : "-",
+             told ? zebctl_text_or(zebctl_joined(ops_level_names(row.identity.info.dbg_mask), ","), "none") : "-",
              ops_printable(row.why)});
     }
     ops_print_table(table);
@@ -175,10 +175,10 @@ static std::string put_back(std::vector<undo_t> *list, const zebctl_t *zebctl)
 
 static std::string by_hand(const undo_t &undo)
 {
-    std::string text = "zebctl debug " + zebctl_inst(undo.inst);
-    for (const std::string &level : zebctl_level_names(undo.set))
+    std::string text = "zebctl debug " + ops_inst_text(undo.inst);
+    for (const std::string &level : ops_level_names(undo.set))
         text += " +" + level;
-    for (const std::string &level : zebctl_level_names(undo.clear))
+    for (const std::string &level : ops_level_names(undo.clear))
         text += " -" + level;
     return text;
 }
@@ -190,7 +190,7 @@ static int say_back(const std::vector<undo_t> &list, const std::string &why, con
         if (undo.done)
             continue;
         std::string reason = ops_printable(undo.why.empty() ? why : undo.why);
-        fprintf(stderr, "zebctl: the levels of %s were not put back: %s. Type: %s\n", zebctl_inst(undo.inst).c_str(),
+        fprintf(stderr, "zebctl: the levels of %s were not put back: %s. Type: %s\n", ops_inst_text(undo.inst).c_str(),
                 reason.c_str(), by_hand(undo).c_str());
         json_t one = zebctl_inst_json(undo.inst);
         one["why"] = reason;

@@ -17,7 +17,7 @@ static void show(const zebctl_rows_t *rows)
 {
     for (const zebctl_row_t &row : rows->rows) {
         if (rows->rows.size() > 1)
-            printf("==> %s <==\n", zebctl_inst(row.seen.inst).c_str());
+            printf("==> %s <==\n", ops_inst_text(row.seen.inst).c_str());
         std::string text = row.statistics.text;
         while (!text.empty() && text.back() == '\0')
             text.pop_back();

@@ -55,7 +55,7 @@ static int run(zebctl_t *zebctl, const evidence_options_t &options)
                                zebctl_timeout_ms(zebctl),
                                (int64_t)(options.interval * 1000)};
     ops_evidence_result_t result;
-    zebctl_progress("saving what is known of " + zebctl_inst(evidence.inst));
+    zebctl_progress("saving what is known of " + ops_inst_text(evidence.inst));
     int ret = ops_evidence(evidence, &result);
     zebctl_progress("");
     if (ret != 0) {

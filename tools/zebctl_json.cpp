@@ -9,7 +9,7 @@ json_t zebctl_identity_json(const zebctl_row_t &row)
     json_t out = {{"app", row.seen.inst.app}, {"node", row.seen.inst.node}, {"sockets", row.seen.sockets}};
     if (zebctl_has_identity(row)) {
         out["pid"] = row.identity.info.pid;
-        out["levels"] = zebctl_level_names(row.identity.info.dbg_mask);
+        out["levels"] = ops_level_names(row.identity.info.dbg_mask);
         out["answer_ms"] = row.identity.took;
     }
     if (!row.process.program.empty())

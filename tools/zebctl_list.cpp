@@ -33,7 +33,7 @@ static std::string note_of(const zebctl_row_t &row)
 
 static std::string levels_of(const zebctl_row_t &row)
 {
-    return zebctl_text_or(zebctl_joined(zebctl_level_names(row.identity.info.dbg_mask), ","), "none");
+    return zebctl_text_or(zebctl_joined(ops_level_names(row.identity.info.dbg_mask), ","), "none");
 }
 
 static std::vector<std::string> list_cells(const zebctl_row_t &row)

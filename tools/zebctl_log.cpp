@@ -47,7 +47,7 @@ static void print_line(const log_t *log, const tail_t &tail, const std::string &
         out["line"] = text;
         return zebctl_print_line(out);
     }
-    std::string prefix = log->tails.size() > 1 ? zebctl_inst(tail.inst) + ": " : "";
+    std::string prefix = log->tails.size() > 1 ? ops_inst_text(tail.inst) + ": " : "";
     printf("%s%s\n", prefix.c_str(), text.c_str());
 }
 
@@ -69,7 +69,7 @@ static std::vector<std::string> split(std::string *rest, const std::string &text
 
 static std::string no_file(const log_t *log, const tail_t &tail)
 {
-    std::string where = "process " + std::to_string(tail.pid) + " of " + zebctl_inst(tail.inst) + " has no log file";
+    std::string where = "process " + std::to_string(tail.pid) + " of " + ops_inst_text(tail.inst) + " has no log file";
     const ops_conf_t *conf = ops_conf();
     if (tail.inst.node == log->session.node && conf->keys.count("zeb_log_cfg") != 0)
         return where + ", though zeb_log_cfg is set: it began before, or could not write. Type: zebctl doctor";
@@ -161,7 +161,7 @@ static int take_tails(log_t *log)
         if (requests[i].outcome == OPS_ANSWERED)
             tail->pid = requests[i].info.pid;
         else
-            tail->why = "it is not known which process " + zebctl_inst(tail->inst) + " is: " + requests[i].why;
+            tail->why = "it is not known which process " + ops_inst_text(tail->inst) + " is: " + requests[i].why;
     }
     return ZEBCTL_OK;
 }
@@ -170,7 +170,7 @@ static void note(const log_t *log, const tail_t &tail, const std::string &what)
 {
     (void)fflush(stdout);
     if (!log->zebctl->json)
-        fprintf(stderr, "zebctl: %s %s\n", zebctl_inst(tail.inst).c_str(), what.c_str());
+        fprintf(stderr, "zebctl: %s %s\n", ops_inst_text(tail.inst).c_str(), what.c_str());
 }
 
 // An instance that quit may come back as another process, with a file of its own.
@@ -224,7 +224,7 @@ static int show_all(log_t *log)
 {
     size_t missing = 0;
     for (tail_t &tail : log->tails) {
-        zebctl_progress("reading the log file of " + zebctl_inst(tail.inst));
+        zebctl_progress("reading the log file of " + ops_inst_text(tail.inst));
         if (tail.pid != 0)
             show_last(log, &tail);
         zebctl_progress("");

@@ -144,7 +144,7 @@ static std::string state_text(const ping_inst_t &ping)
 static void show(const ping_t *pings)
 {
     for (const auto &[name, ping] : pings->insts)
-        printf("%s: %s\n", zebctl_inst(ping.inst).c_str(), state_text(ping).c_str());
+        printf("%s: %s\n", ops_inst_text(ping.inst).c_str(), state_text(ping).c_str());
     (void)fflush(stdout);
 }
 
@@ -161,7 +161,7 @@ static void show_times(const ping_t *pings)
     for (const auto &[name, ping] : pings->insts) {
         std::vector<double> times = ping.times;
         std::sort(times.begin(), times.end());
-        table.push_back({zebctl_inst(ping.inst), std::to_string(ping.asked), std::to_string(times.size())});
+        table.push_back({ops_inst_text(ping.inst), std::to_string(ping.asked), std::to_string(times.size())});
         for (double part : {0.0, 0.5, 0.95, 0.99, 1.0})
             table.back().push_back(times.empty() ? "-" : number(percentile(times, part)));
     }

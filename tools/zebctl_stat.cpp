@@ -33,7 +33,7 @@ static cells_t peer_cells(const ops_stat_t &stat, const ops_rates_t &rates)
     std::vector<std::string> none = {"", "-", "-", "-", "-", "-", "-", "-", "-", "-", "-"};
     for (const ops_flow_send_t &flow : stat.sends) {
         auto &cells = peers.emplace(ops_name_of(flow.dst), none).first->second;
-        cells[0] = zebctl_inst(flow.dst);
+        cells[0] = ops_inst_text(flow.dst);
         cells[1] = std::to_string(flow.send);
         cells[2] = rate_of(rates.sends, flow.dst);
         cells[3] = std::to_string(flow.unack);
@@ -42,7 +42,7 @@ static cells_t peer_cells(const ops_stat_t &stat, const ops_rates_t &rates)
     }
     for (const ops_flow_recv_t &flow : stat.recvs) {
         auto &cells = peers.emplace(ops_name_of(flow.src), none).first->second;
-        cells[0] = zebctl_inst(flow.src);
+        cells[0] = ops_inst_text(flow.src);
         cells[6] = std::to_string(flow.recv);
         cells[7] = rate_of(rates.recvs, flow.src);
         cells[8] = std::to_string(flow.unack);
@@ -75,7 +75,7 @@ static void show(const stat_t &stat, bool no_rates)
 {
     const char *between = "";
     for (const zebctl_row_t &row : stat.after.rows.rows) {
-        printf("%s%s", between, zebctl_inst(row.seen.inst).c_str());
+        printf("%s%s", between, ops_inst_text(row.seen.inst).c_str());
         between = "\n";
         if (zebctl_has_identity(row))
             printf("  pid %d", row.identity.info.pid);

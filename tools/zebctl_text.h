@@ -7,19 +7,10 @@
 #include <vector>
 
 #include "ops_stat.h"
-#include "ops_wire.h"
-
-// The bit of the level of that name, all bits for "all", 0 for another word.
-uint32_t zebctl_level(const std::string &name);
-
-// The names of the levels of a mask.
-std::vector<std::string> zebctl_level_names(uint32_t mask);
+#include "ops_text.h"
 
 std::string zebctl_joined(const std::vector<std::string> &words, const char *between);
 std::string zebctl_joined(const ops_ids_t &ids, const char *between);
-
-// "APP@NODE".
-std::string zebctl_inst(ops_inst_t inst);
 
 // The text for a terminal, or `other` when it is empty.
 std::string zebctl_text_or(const std::string &text, const char *other);

@@ -71,8 +71,8 @@ static std::string growing(const std::string &number, bool grows)
 static std::vector<std::string> cells_of(const top_line_t &line)
 {
     if (!line.answered)
-        return {zebctl_inst(line.inst), "-", "-", "-", "-", "-", "-", ops_printable(line.note)};
-    return {zebctl_inst(line.inst),       zebctl_text_or(line.name, "-"),
+        return {ops_inst_text(line.inst), "-", "-", "-", "-", "-", "-", ops_printable(line.note)};
+    return {ops_inst_text(line.inst),     zebctl_text_or(line.name, "-"),
             zebctl_rate_text(line.send),  zebctl_rate_text(line.recv),
             std::to_string(line.queue),   growing(std::to_string(line.unack), line.grows),
             std::to_string(line.blocked), ops_printable(line.note)};
@@ -80,7 +80,7 @@ static std::vector<std::string> cells_of(const top_line_t &line)
 
 static bool passes(const top_line_t &line, const std::string &filter)
 {
-    std::string text = zebctl_inst(line.inst) + " " + ops_printable(line.name) + " " + ops_printable(line.note);
+    std::string text = ops_inst_text(line.inst) + " " + ops_printable(line.name) + " " + ops_printable(line.note);
     return text.find(filter) != std::string::npos;
 }
 

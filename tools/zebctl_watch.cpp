@@ -70,9 +70,9 @@ static void print_text(const ops_event_t &event)
     if (event.kind == OPS_EVENT_LOST)
         line += "  the zebd went away or was slow: events may be missing here";
     else
-        line += "  " + zebctl_inst(event.inst);
+        line += "  " + ops_inst_text(event.inst);
     if (is_pair(event))
-        line += " -> " + zebctl_inst(event.peer) + "  unacknowledged " + std::to_string(event.unack);
+        line += " -> " + ops_inst_text(event.peer) + "  unacknowledged " + std::to_string(event.unack);
     printf("%s\n", line.c_str());
     (void)fflush(stdout); // a reader waits for it
 }

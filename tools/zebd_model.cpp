@@ -36,7 +36,7 @@ void zebd_model_join(zebd_model_t *model, zebd_loop_t *loop, ops_inst_t inst, ui
 
 static void set_blocked(zebd_model_t *model, zebd_loop_t *loop, zebd_pair_t *pair, int32_t unack, int64_t at)
 {
-    bool blocked = unack > ZEBD_WINDOW;
+    bool blocked = unack > OPS_WINDOW;
     if (blocked == (pair->blocked_since != 0))
         return;
     pair->blocked_since = blocked ? at : 0;

@@ -4,8 +4,6 @@
 
 #include "zebd.h"
 
-constexpr int32_t ZEBD_WINDOW = 1024; // a sender with more messages unacknowledged than that waits
-
 void zebd_model_event(zebd_model_t *model, zebd_loop_t *loop, const ops_event_t &event);
 
 // An instance was published. `since` is 0 for one that was there when the daemon began: that is no event.

@@ -4,7 +4,8 @@
 #include <algorithm>
 
 #include <nlohmann/json.hpp>
-#include <zeb/zeb_diag.h>
+
+#include "ops_text.h"
 
 typedef nlohmann::ordered_json json_t;
 
@@ -33,17 +34,6 @@ static std::string text_of(const json_t &json)
 static json_t inst_json(ops_inst_t inst)
 {
     return {{"app", inst.app}, {"node", inst.node}};
-}
-
-static json_t levels_json(uint32_t mask)
-{
-    static const char *const LEVELS[] = {"verbose", "info", "warn", "error"};
-    json_t levels = json_t::array();
-    for (int level = ZEB_DBG_LEVEL_VERBOSE; level <= ZEB_DBG_LEVEL_ERROR; level++) {
-        if ((mask & 1U << level) != 0)
-            levels.push_back(LEVELS[level]);
-    }
-    return levels;
 }
 
 // Messages per second between the two newest samples. A counter that fell began anew: there is no rate then.
@@ -149,7 +139,7 @@ std::string zebd_page_model(const zebd_model_t &model, int64_t now)
                     {"started", model.started},
                     {"round", model.round},
                     {"event", model.event_number},
-                    {"window", ZEBD_PAGE_WINDOW},
+                    {"window", OPS_WINDOW},
                     {"left_out", model.left_out},
                     {"pairs_left_out", model.pairs_left_out},
                     {"instances", std::move(insts)},
@@ -176,14 +166,14 @@ bool zebd_page_instance(const zebd_model_t &model, ops_inst_t inst, int64_t now,
     if (it == model.insts.end())
         return false;
     const zebd_inst_t &found = it->second;
-    json_t out = {{"type", "zeb.instance.1"}, {"now", now}, {"window", ZEBD_PAGE_WINDOW}};
+    json_t out = {{"type", "zeb.instance.1"}, {"now", now}, {"window", OPS_WINDOW}};
     out.update(brief_json(found));
     out["sockets"] = found.sockets;
     out["calls"] = found.stat.calls.size();
     out["versions"] = found.stat.versions;
     if (found.info.app == inst.app) { // it has said who it is
         out["pid"] = found.info.pid;
-        out["levels"] = levels_json(found.info.dbg_mask);
+        out["levels"] = ops_level_names(found.info.dbg_mask);
     }
     if (!found.program.empty())
         out["program"] = ops_printable(found.program);

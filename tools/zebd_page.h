@@ -9,8 +9,6 @@
 
 #include "zebd.h"
 
-constexpr int32_t ZEBD_PAGE_WINDOW = 1024; // messages; a pair with more unacknowledged is blocked
-
 // Where the page has this word, the answer has a number of its own: the policy lets the browser run only that script.
 constexpr const char *ZEBD_PAGE_NONCE = "@NONCE@";
 
