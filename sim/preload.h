@@ -1,59 +1,81 @@
-// The inside of the preload library: the TIPC sockets of this process and the functions behind the interposed calls.
-// Any thread of the application may enter any of them.
+// The inside of the preload library: which descriptors of this process are TIPC sockets, and the functions behind the
+// interposed calls. Any thread, signal handler or child of the application may enter any of them at any time: there is
+// no lock and no memory that one call keeps for itself. The calls return what the kernel's return, -1 and errno on
+// failure; they leave errno alone on success.
 #ifndef SIM_PRELOAD_H
 #define SIM_PRELOAD_H
 
 #include <linux/tipc.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
-#include "sim_queue.h"
+#include "sim_deliver.h"
+#include "sim_protocol.h"
+#include "sim_sys.h"
 
-enum preload_kind_e { PRELOAD_RDM, PRELOAD_TOPOLOGY };
+// The cluster of this process (preload_table.cpp). It is opened with the first TIPC socket, and entered again by a
+// child of a fork when it first needs it.
+const sim_self_t *preload_self(void); // null when the cluster cannot be opened, for example without the launcher
+static inline sim_state_t *preload_state(const sim_self_t *self)
+{
+    return self->cluster->state;
+}
+uint32_t preload_node(void); // index of this process's node
+const char *preload_tool(void);
+int preload_ask_broker(uint32_t op, uint32_t a, const void *data, size_t size); // as sim_ask_broker
 
-typedef struct preload_socket_s {
-    preload_kind_e kind;
-    int refs;          // one for each descriptor and for each call in progress; guarded by the table's mutex
-    sim_queue_t queue; // PRELOAD_RDM only
-    bool connected;    // PRELOAD_TOPOLOGY only
-    bool ended;        // PRELOAD_TOPOLOGY only: the application has read the end of the connection
-} preload_socket_t;
+// The table of descriptors: the port for each. The entry counts only while the descriptor bears the mark of a socket,
+// so a number that was closed by another way and used again is not taken for a socket.
+bool preload_known(int fd);              // quick and may be wrong: false when it certainly is no socket
+sim_socket_t *preload_socket_at(int fd); // null when it is no TIPC socket of this cluster; errno is unchanged
+void preload_remember(int fd, uint32_t port);
+uint32_t
+preload_forget(int fd); // before the descriptor is closed or replaced: its port, SIM_NONE when it was no socket
+void preload_released(uint32_t port); // after that: closes the socket unless somebody still has it. SIM_NONE is no port
+bool preload_adopt(int fd);       // a descriptor that came by exec or from another process: true when it is a socket
+bool preload_shares_memory(void); // true in the child of a vfork, which must leave the table to its parent
 
-// The table of descriptors.
-preload_socket_t *preload_get(int fd); // null when it is no TIPC socket; release it with preload_put
-void preload_put(preload_socket_t *entry);
-bool preload_known(int fd);
-bool preload_connected(int fd);
-bool preload_hidden(int fd); // the library's own descriptor, which the application must not close
-void preload_forget(int fd); // removes the entry; the descriptor is about to be closed or replaced
-void preload_share(int fd, int copy);
-
-// The calls return what the kernel's return: -1 and errno on failure. `passed` is set when the option belongs to the
-// descriptor and the C library has to handle it.
-int preload_socket(int type);
-int preload_bind(preload_socket_t *entry, const struct sockaddr *addr, socklen_t len);
-int preload_connect(int fd, preload_socket_t *entry, const struct sockaddr *addr, socklen_t len);
-ssize_t preload_send(int fd, preload_socket_t *entry, const struct msghdr *msg, int flags);
-ssize_t preload_receive(int fd, preload_socket_t *entry, struct msghdr *msg, int flags);
-int preload_getsockname(preload_socket_t *entry, struct sockaddr *addr, socklen_t *len);
-int preload_setsockopt(preload_socket_t *entry, int level, int name, const void *value, socklen_t len, bool *passed);
-int preload_getsockopt(preload_socket_t *entry, int level, int name, void *value, socklen_t *len, bool *passed);
-int preload_refuse(const char *what); // prints that `what` is not simulated; -1 and EOPNOTSUPP
-
-// The cluster of this process. It is opened with the first TIPC socket.
-sim_cluster_t *preload_cluster(void); // null when it cannot be opened, for example without the launcher
-uint32_t preload_node(void);          // index
+// Says that something is not simulated: one line on standard error; ends the process when TIPCSIM_STRICT is 1.
+// -1 and EOPNOTSUPP.
+int preload_refuse(const char *what);
 void preload_complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
+static inline int preload_fail(int err)
+{
+    errno = err;
+    return -1;
+}
 
-// The sender's side: finds a destination and delivers to it (preload_route.cpp).
-typedef struct preload_target_s {
-    uint32_t port;
-    uint32_t node; // index
-} preload_target_t;
-bool preload_lookup(uint32_t type, uint32_t instance, uint32_t scope_node, preload_target_t *target);
-uint32_t preload_deliver(const preload_target_t *target, sim_record_t *record, const struct iovec *data, size_t num);
-void preload_return(const sim_record_t *record, const uint8_t *data, uint32_t err, uint32_t by_port, uint32_t by_node);
-bool preload_take_fault(sim_fault_kind_e kind, uint32_t *value);
-int preload_ask_broker(uint32_t op, uint32_t a, uint32_t b, const struct iovec *more, size_t num);
-int preload_hide(int fd); // moves a descriptor of the library to a high number, where the application does not meet it
+// Sockets (preload_socket.cpp).
+int preload_socket(int type, int protocol);
+int preload_socketpair(int type, int protocol, int fds[2]);
+int preload_bind(sim_socket_t *socket, const struct sockaddr *addr, socklen_t len);
+int preload_listen(sim_socket_t *socket);
+int preload_accept(int fd, sim_socket_t *socket, struct sockaddr *addr, socklen_t *len, int flags);
+int preload_connect(int fd, sim_socket_t *socket, const struct sockaddr *addr, socklen_t len);
+int preload_shutdown(int fd, sim_socket_t *socket, int how);
+int preload_getsockname(sim_socket_t *socket, struct sockaddr *addr, socklen_t *len);
+int preload_getpeername(sim_socket_t *socket, struct sockaddr *addr, socklen_t *len);
+
+// Messages (preload_send.cpp, preload_receive.cpp).
+ssize_t preload_send(int fd, sim_socket_t *socket, const struct msghdr *msg, int flags);
+ssize_t preload_receive(int fd, sim_socket_t *socket, struct msghdr *msg, int flags);
+
+// Options (preload_options.cpp). `passed` is set when the C library has to handle the call.
+int preload_setsockopt(sim_socket_t *socket, int level, int name, const void *value, socklen_t len);
+int preload_getsockopt(sim_socket_t *socket, int level, int name, void *value, socklen_t *len);
+int preload_ioctl(int fd, sim_socket_t *socket, unsigned long request, void *arg, bool *passed);
+
+// Waits until socket->change is no longer `seen`, as a blocking call does. `until`: ms of sys_now, INT64_MAX for ever.
+// 0 when it has changed, or an errno: EINTR, EAGAIN at the end of the time. Nothing may be held: the thread can be
+// cancelled here.
+int preload_wait_change(sim_socket_t *socket, uint32_t seen, int64_t until);
+bool preload_blocks(int fd, int flags); // neither the descriptor nor the call is non-blocking
+
+// Whether memory of the application can be read or written. The first and the last byte are tried.
+bool preload_readable(const void *data, size_t size);
+bool preload_writable(void *data, size_t size);
+
+// Sets *value and counts when the next send of this process has to fail in that way.
+bool preload_take_fault(const sim_self_t *self, sim_fault_kind_e kind, uint32_t *value);
 
 #endif

@@ -1,5 +1,7 @@
 // The shared folder, state and locks of a cluster.
 #include "sim_cluster.h"
+#include "sim_names.h"
+#include "sim_socket.h"
 #include "sim_sys.h"
 
 #include <cerrno>
@@ -7,41 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/futex.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-void sim_mutex_init(sim_mutex_t *mutex)
-{
-    pthread_mutexattr_t attr;
-    (void)pthread_mutexattr_init(&attr);
-    (void)pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    (void)pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-    (void)pthread_mutex_init(&mutex->mutex, &attr);
-    (void)pthread_mutexattr_destroy(&attr);
-}
-
-bool sim_mutex_lock(sim_mutex_t *mutex)
-{
-    bool orphaned = pthread_mutex_lock(&mutex->mutex) == EOWNERDEAD;
-    if (orphaned)
-        (void)pthread_mutex_consistent(&mutex->mutex);
-    return orphaned;
-}
-
-void sim_mutex_unlock(sim_mutex_t *mutex)
-{
-    (void)pthread_mutex_unlock(&mutex->mutex);
-}
-
-// Reads the word that the kernel itself reads when a thread dies. A separate field would be wrong for a moment after
-// each lock and before each unlock.
-pid_t sim_mutex_holder(const sim_mutex_t *mutex)
-{
-    return (pid_t)((unsigned)__atomic_load_n(&mutex->mutex.__data.__lock, __ATOMIC_RELAXED) & FUTEX_TID_MASK);
-}
 
 bool sim_cluster_path(const char *dir, const char *name, char *path, size_t size)
 {
@@ -96,23 +68,80 @@ int sim_cluster_lock(const char *dir)
     }
 }
 
+static const struct {
+    uint32_t size, capacity, step;
+} POOLS[SIM_POOLS] = {
+    {512, 1U << 20, 1024}, {2048, 1U << 18, 128}, {8192, 1U << 16, 32}, {69632, 1U << 14, 8}}; // bytes, blocks, blocks
+
+static uint64_t lay_out(sim_state_t *state)
+{
+    sim_area_t areas[SIM_AREAS] = {};
+    areas[SIM_AREA_SOCKETS] = {0, sizeof(sim_socket_t), SIM_MAX_SOCKETS, 64, 0};
+    areas[SIM_AREA_NAMES] = {0, sizeof(sim_name_t), SIM_MAX_NAMES, 512, 0};
+    for (uint32_t i = 0; i < SIM_POOLS; i++) {
+        areas[SIM_AREA_OWNERS + i] = {0, sizeof(uint32_t), POOLS[i].capacity, POOLS[i].step, 0};
+        areas[SIM_AREA_BLOCKS + i] = {0, POOLS[i].size, POOLS[i].capacity, POOLS[i].step, 0};
+    }
+    uint64_t at = sizeof(sim_state_t);
+    for (uint32_t i = 0; i < SIM_AREAS; i++) {
+        at = (at + 4095) & ~(uint64_t)4095;
+        areas[i].offset = at;
+        at += (uint64_t)areas[i].size * areas[i].capacity;
+        if (state != nullptr)
+            state->areas[i] = areas[i];
+    }
+    return (at + 4095) & ~(uint64_t)4095;
+}
+
+int sim_area_grow(sim_state_t *state, int fd, uint32_t area)
+{
+    if (area >= SIM_AREAS)
+        return -EINVAL;
+    sim_area_t *a = &state->areas[area];
+    uint32_t ready = sim_load(&a->ready);
+    if (ready >= a->capacity)
+        return -ENOSPC;
+    uint32_t more = a->step + ready / 2; // larger steps for what is used much
+    more = more < a->capacity - ready ? more : a->capacity - ready;
+    // All of it now: on a full disk a write to the memory would raise SIGBUS.
+    int ret = (int)sys_call(SYS_fallocate, fd, 0, (off_t)(a->offset + (uint64_t)ready * a->size),
+                            (off_t)((uint64_t)more * a->size));
+    if (ret != 0 && ret != -EOPNOTSUPP)
+        return ret;
+    (void)sim_swap(&a->ready, ready, ready + more);
+    return 0;
+}
+
 static int create_state(int fd)
 {
-    int err = posix_fallocate(fd, 0, sizeof(sim_state_t)); // all of it now: a full disk would raise SIGBUS later
+    uint64_t size = lay_out(nullptr);
+    int err = posix_fallocate(fd, 0, sizeof(sim_state_t));
+    if (err == 0 && ftruncate(fd, (off_t)size) != 0)
+        err = errno;
     if (err != 0)
         return -err;
-    void *memory = mmap(nullptr, sizeof(sim_state_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void *memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd, 0);
     if (memory == MAP_FAILED)
         return -errno;
     sim_state_t *state = (sim_state_t *)memory;
-    sim_mutex_init(&state->mutex);
+    (void)lay_out(state);
+    int ret = 0;
+    for (uint32_t area = 0; area < SIM_AREAS && ret == 0; area++)
+        ret = sim_area_grow(state, fd, area);
+    if (ret == 0 && getrandom(state->secret, sizeof(state->secret), 0) != (ssize_t)sizeof(state->secret))
+        ret = -EIO;
+    uint64_t base = 0;
+    memcpy(&base, state->secret, sizeof(base));
+    state->lock_base = (base & ((1ULL << 62) - 1)) & ~((1ULL << 32) - 1); // another range than other clusters use
     state->version = SIM_VERSION;
     state->rmem = SIM_DEFAULT_RMEM;
     state->tolerance = SIM_DEFAULT_TOLERANCE;
-    state->next_id = 1000;
-    state->magic = SIM_MAGIC;
-    (void)munmap(memory, sizeof(sim_state_t));
-    return 0;
+    state->next_port = SIM_MAX_SOCKETS;
+    state->next_id = 1;
+    state->name_num = 1;
+    state->magic = ret == 0 ? SIM_MAGIC : 0;
+    (void)munmap(memory, size);
+    return ret;
 }
 
 // Called with the cluster's lock held.
@@ -131,13 +160,13 @@ static int map_state(sim_cluster_t *cluster, bool create, const char **why)
         ret = create_state(fd);
         if (ret != 0)
             (void)unlink(path);
-    } else if (ret == 0 && status.st_size != (off_t)sizeof(sim_state_t)) {
+    } else if (ret == 0 && status.st_size != (off_t)lay_out(nullptr)) {
         *why = "its state is not one of this version";
         ret = -EINVAL;
     }
     void *memory = MAP_FAILED;
     if (ret == 0) {
-        memory = mmap(nullptr, sizeof(sim_state_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        memory = mmap(nullptr, lay_out(nullptr), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd, 0);
         ret = memory == MAP_FAILED ? -errno : 0;
     }
     (void)sys_close(fd);
@@ -193,60 +222,115 @@ int sim_cluster_join(sim_cluster_t *cluster, const char *dir, const char **why)
 void sim_cluster_close(sim_cluster_t *cluster)
 {
     if (cluster->state != nullptr)
-        (void)munmap(cluster->state, sizeof(sim_state_t));
+        (void)munmap(cluster->state, lay_out(nullptr));
     cluster->state = nullptr;
+}
+
+uint64_t sim_process_start(pid_t pid)
+{
+    char path[32];
+    char text[1024];
+    (void)snprintf(path, sizeof(path), "/proc/%d/stat", (int)pid);
+    int fd = (int)sys_call(SYS_openat, AT_FDCWD, path, O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0)
+        return 0;
+    ssize_t len = sys_call(SYS_read, fd, text, sizeof(text) - 1);
+    (void)sys_close(fd);
+    text[len > 0 ? len : 0] = '\0';
+    const char *at = strrchr(text, ')'); // the command's name may have spaces
+    for (int field = 2; at != nullptr && field < 22; field++)
+        at = strchr(at + 1, ' ');
+    return at == nullptr ? 0 : strtoull(at + 1, nullptr, 10);
+}
+
+int sim_process_enter(sim_state_t *state, pid_t pid, uint32_t node)
+{
+    for (uint32_t i = 0; i < SIM_MAX_PROCESSES; i++) {
+        sim_process_t *process = &state->processes[i];
+        if (sim_load(&process->pid) != 0 || !sim_swap(&process->pid, 0, pid))
+            continue;
+        process->node = node;
+        sim_store(&process->start, sim_process_start(pid));
+        return (int)i;
+    }
+    return -1;
+}
+
+uint32_t sim_node_find(const sim_state_t *state, uint32_t node)
+{
+    uint32_t num = sim_load(&state->node_num);
+    for (uint32_t i = 0; i < num && i < SIM_MAX_NODES; i++) {
+        if (sim_load(&state->nodes[i]) == node)
+            return i;
+    }
+    return SIM_ANY_NODE;
 }
 
 uint32_t sim_node_index(sim_state_t *state, uint32_t node)
 {
-    sim_guard_s guard(&state->mutex);
-    for (uint32_t i = 0; i < state->node_num; i++) {
-        if (state->nodes[i] == node)
-            return i;
+    for (uint32_t i = 0; i < SIM_MAX_NODES; i++) {
+        if (sim_load(&state->nodes[i]) != node && !sim_swap(&state->nodes[i], 0U, node)) {
+            if (sim_load(&state->nodes[i]) != node)
+                continue;
+        }
+        for (uint32_t num = sim_load(&state->node_num); num <= i; num = sim_load(&state->node_num))
+            (void)sim_swap(&state->node_num, num, i + 1);
+        return i;
     }
-    if (state->node_num == SIM_MAX_NODES)
-        return SIM_ANY_NODE;
-    state->nodes[state->node_num] = node;
-    return state->node_num++;
+    return SIM_ANY_NODE;
 }
 
-bool sim_linked(const sim_matrix_t broken, uint32_t a, uint32_t b)
+bool sim_in_domain(uint32_t domain, uint32_t address)
 {
-    return a == b || (broken[a][b / 8] & 1U << b % 8) == 0;
+    if (domain == 0 || domain == address)
+        return true;
+    return address >= 1U << 24 && (domain == (address & 0xfffff000U) || domain == (address & 0xff000000U));
 }
 
-static void set_bit(sim_matrix_t broken, uint32_t a, uint32_t b, bool on)
+bool sim_linked(const sim_matrix_t broken, uint32_t from, uint32_t to)
 {
-    if (on && a != b)
-        broken[a][b / 8] |= (uint8_t)(1U << b % 8);
+    return from == to || (__atomic_load_n(&broken[from][to / 8], __ATOMIC_RELAXED) & 1U << to % 8) == 0;
+}
+
+static void set_bit(sim_matrix_t broken, uint32_t from, uint32_t to, bool on)
+{
+    uint8_t bit = (uint8_t)(1U << to % 8);
+    if (on && from != to)
+        (void)__atomic_fetch_or(&broken[from][to / 8], bit, __ATOMIC_SEQ_CST);
     else
-        broken[a][b / 8] &= (uint8_t) ~(1U << b % 8);
+        (void)__atomic_fetch_and(&broken[from][to / 8], (uint8_t)~bit, __ATOMIC_SEQ_CST);
 }
 
-void sim_break(sim_matrix_t broken, uint32_t a, uint32_t b, bool on)
+void sim_break(sim_matrix_t broken, uint32_t a, uint32_t b, bool on, bool both)
 {
     uint32_t first = b == SIM_ANY_NODE ? 0 : b;
     uint32_t last = b == SIM_ANY_NODE ? SIM_MAX_NODES - 1 : b;
     for (uint32_t i = first; i <= last; i++) {
         set_bit(broken, a, i, on);
-        set_bit(broken, i, a, on);
+        if (both)
+            set_bit(broken, i, a, on);
     }
 }
 
-static bool covers(const sim_delay_t *delay, uint32_t a, uint32_t b)
+static bool covers(const sim_impaired_t *link, uint32_t a, uint32_t b)
 {
-    return (delay->a == SIM_ANY_NODE || delay->a == a) && (delay->b == SIM_ANY_NODE || delay->b == b);
+    return (link->a == SIM_ANY_NODE || link->a == a) && (link->b == SIM_ANY_NODE || link->b == b);
 }
 
-uint32_t sim_delay_of(const sim_state_t *state, uint32_t a, uint32_t b)
+bool sim_impaired(const sim_state_t *state, uint32_t from, uint32_t to, sim_impaired_t *how)
 {
-    uint32_t ms = 0;
-    for (uint32_t i = 0; i < state->delay_num; i++) {
-        const sim_delay_t *delay = &state->delays[i];
-        if (a != b && (covers(delay, a, b) || covers(delay, b, a)))
-            ms = delay->ms > ms ? delay->ms : ms;
+    *how = {};
+    uint32_t num = sim_load(&state->impaired_num);
+    for (uint32_t i = 0; i < num && i < SIM_MAX_IMPAIRED && from != to; i++) {
+        const sim_impaired_t *link = &state->impaired[i];
+        if (!covers(link, from, to) && (link->one_way != 0 || !covers(link, to, from)))
+            continue;
+        how->delay = how->delay > link->delay ? how->delay : link->delay;
+        how->jitter = how->jitter > link->jitter ? how->jitter : link->jitter;
+        how->loss = how->loss > link->loss ? how->loss : link->loss;
+        how->congest |= link->congest;
     }
-    return ms;
+    return (how->delay | how->jitter | how->loss | how->congest) != 0;
 }
 
 bool sim_node_path(const char *dir, uint32_t node, const char *path, char *out, size_t size)

@@ -1,0 +1,297 @@
+// The way of a message between sockets, and the state of connections.
+#include "sim_deliver.h"
+
+#include <cerrno>
+#include <cstring>
+#include <linux/tipc.h>
+#include <sys/socket.h>
+
+constexpr uint32_t HEADER = 40;       // bytes of a message's head that flow control counts
+constexpr uint32_t ACK_RATE = 4;      // a window is acknowledged in as many parts
+constexpr uint32_t RETURN_COST = 128; // bytes charged for a returned message, beside its data
+
+sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, const struct iovec *data, size_t num)
+{
+    sim_block_t *block = sim_block_take(self, record->len);
+    if (block == nullptr)
+        return nullptr;
+    block->record = *record;
+    size_t at = 0;
+    for (size_t i = 0; i < num && at < record->len; i++) {
+        size_t part = data[i].iov_len < record->len - at ? data[i].iov_len : record->len - at;
+        memcpy(block->data + at, data[i].iov_base, part);
+        at += part;
+    }
+    return block;
+}
+
+static uint32_t blocks_of(uint32_t bytes)
+{
+    return (bytes + HEADER) / SIM_FLOW_BLOCK + 1;
+}
+
+// The other side of a connection has ended it. False when the message is not from the peer.
+static bool peer_ended(sim_socket_t *socket, const sim_record_t *record)
+{
+    uint64_t before = sim_conn(SIM_CONN_ESTABLISHED, record->src_port);
+    return sim_swap(&socket->conn, before, sim_conn(SIM_CONN_DISCONNECTING, record->src_port));
+}
+
+static void refuse_connect(const sim_self_t *self, sim_socket_t *socket)
+{
+    sim_store(&socket->err, (uint32_t)ECONNREFUSED);
+    if (sim_swap(&socket->conn, sim_conn(SIM_CONN_CONNECTING, 0), sim_conn(SIM_CONN_DISCONNECTING, 0)))
+        sim_socket_notify(self, socket);
+}
+
+static bool connected(const sim_self_t *self, sim_socket_t *socket, const sim_record_t *record)
+{
+    socket->peer_node = record->src_index;
+    if (!sim_swap(&socket->conn, sim_conn(SIM_CONN_CONNECTING, 0), sim_conn(SIM_CONN_ESTABLISHED, record->src_port)))
+        return false;
+    sim_socket_notify(self, socket);
+    return true;
+}
+
+enum verdict_e { QUEUE, DONE, REFUSE };
+
+// What a socket for connections does with a message.
+static verdict_e filter(const sim_self_t *self, sim_socket_t *socket, const sim_record_t *record)
+{
+    switch (sim_conn_state(socket)) {
+    case SIM_CONN_LISTEN:
+        return record->kind == SIM_SYN && record->err == TIPC_OK ? QUEUE : REFUSE;
+    case SIM_CONN_CONNECTING:
+        if (record->kind == SIM_ACK)
+            return connected(self, socket, record) ? DONE : REFUSE;
+        if (record->kind == SIM_SYN && record->err != TIPC_OK)
+            refuse_connect(self, socket);
+        return record->kind == SIM_SYN && record->err != TIPC_OK ? DONE : REFUSE;
+    case SIM_CONN_ESTABLISHED:
+        if (record->src_port != sim_conn_peer(socket))
+            return REFUSE;
+        if (record->err == TIPC_OK)
+            return record->kind == SIM_CONN_DATA ? QUEUE : REFUSE;
+        return peer_ended(socket, record) ? QUEUE : REFUSE;
+    default:
+        return REFUSE;
+    }
+}
+
+static uint64_t limit_of(const sim_socket_t *socket, const sim_record_t *record)
+{
+    if (record->kind == SIM_CONN_DATA && record->err != TIPC_OK)
+        return UINT64_MAX; // the end of a connection is never lost
+    if (record->kind == SIM_CONN_DATA)
+        return socket->rcvbuf;
+    return (uint64_t)socket->rcvbuf << record->importance;
+}
+
+uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
+{
+    sim_state_t *state = self->cluster->state;
+    sim_record_t *record = &block->record;
+    sim_socket_t *socket = sim_socket_of(state, record->dst_port);
+    uint32_t err = TIPC_ERR_NO_PORT;
+    record->charge = record->err != TIPC_OK ? record->len + RETURN_COST : sim_queue_charge(record->len);
+    verdict_e verdict = REFUSE;
+    if (socket != nullptr && socket->node == record->dst_index) {
+        if (!sim_connectionless(socket))
+            verdict = filter(self, socket, record);
+        else
+            verdict = record->kind < SIM_SYN ? QUEUE : REFUSE;
+    }
+    if (verdict == QUEUE)
+        err = sim_queue_put(self, socket, block, limit_of(socket, record));
+    if (verdict == DONE || err != TIPC_OK || verdict == REFUSE)
+        sim_block_free(state, block);
+    return verdict == DONE ? (uint32_t)TIPC_OK : err;
+}
+
+uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
+{
+    sim_state_t *state = self->cluster->state;
+    uint32_t from = block->record.src_index;
+    uint32_t to = block->record.dst_index;
+    sim_impaired_t how;
+    bool cut = !sim_linked(state->cut, from, to);
+    if (cut && !sim_linked(state->down, from, to)) {
+        sim_block_free(state, block);
+        return TIPC_OK; // on the wire, and lost with the link
+    }
+    if (!cut && (sim_load(&state->impaired_num) == 0 || !sim_impaired(state, from, to, &how)))
+        return sim_deliver_now(self, block);
+    sim_socket_t *wire = sim_socket_of(state, sim_load(&state->wire));
+    block->record.charge = 0;
+    if (wire == nullptr || sim_queue_put(self, wire, block, UINT64_MAX) != TIPC_OK)
+        return sim_deliver_now(self, block);
+    return TIPC_OK;
+}
+
+void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_t *data, uint32_t err)
+{
+    if (record->err != TIPC_OK || record->droppable != 0)
+        return;
+    sim_record_t answer = *record;
+    answer.len = record->len < SIM_MAX_RETURNED ? record->len : SIM_MAX_RETURNED;
+    answer.err = err;
+    answer.src_port = record->dst_port;
+    answer.src_index = record->dst_index;
+    answer.src_node = self->cluster->state->nodes[record->dst_index];
+    answer.dst_port = record->src_port;
+    answer.dst_index = record->src_index;
+    answer.droppable = 1;
+    answer.importance = TIPC_CRITICAL_IMPORTANCE; // the limit up to which the kernel admits returned messages
+    struct iovec part = {const_cast<uint8_t *>(data), answer.len};
+    sim_block_t *block = sim_message(self, &answer, &part, 1);
+    if (block != nullptr)
+        (void)sim_deliver(self, block);
+}
+
+// A message of a connection, without data.
+static void tell_peer(const sim_self_t *self, const sim_socket_t *socket, uint32_t kind, uint32_t err)
+{
+    sim_record_t record = {};
+    record.kind = kind;
+    record.src_port = socket->port;
+    record.src_index = socket->node;
+    record.src_node = self->cluster->state->nodes[socket->node];
+    record.dst_port = sim_conn_peer(socket);
+    record.dst_index = socket->peer_node;
+    record.err = err;
+    record.importance = TIPC_CRITICAL_IMPORTANCE;
+    sim_block_t *block = sim_message(self, &record, nullptr, 0);
+    uint32_t refused = block != nullptr ? sim_deliver(self, block) : (uint32_t)TIPC_OK;
+    if (refused != TIPC_OK && err == TIPC_OK)
+        sim_return(self, &record, nullptr, refused);
+}
+
+static void take_over(const sim_self_t *self, sim_socket_t *fresh, const sim_block_t *syn)
+{
+    sim_record_t record = syn->record;
+    struct iovec part = {const_cast<uint8_t *>(syn->data), record.len};
+    record.kind = SIM_CONN_DATA;
+    record.dst_port = fresh->port;
+    sim_block_t *block = sim_message(self, &record, &part, 1);
+    if (block != nullptr)
+        (void)sim_deliver_now(self, block);
+}
+
+bool sim_accept(const sim_self_t *self, sim_socket_t *listener, sim_socket_t *fresh)
+{
+    sim_state_t *state = self->cluster->state;
+    for (;;) {
+        sim_link_t at;
+        sim_block_t *syn = sim_queue_first(state, listener, &at);
+        if (syn == nullptr)
+            return false;
+        if (!sim_queue_pop(state, listener, at, syn))
+            continue;
+        const sim_record_t *record = &syn->record;
+        fresh->importance = record->importance;
+        fresh->peer_node = record->src_index;
+        fresh->conn_named = record->named;
+        fresh->conn_type = record->type;
+        fresh->conn_lower = record->lower;
+        sim_store(&fresh->conn, sim_conn(SIM_CONN_ESTABLISHED, record->src_port));
+        if (record->len != 0)
+            take_over(self, fresh, syn);
+        sim_block_release(state, syn);
+        tell_peer(self, fresh, SIM_ACK, TIPC_OK);
+        return true;
+    }
+}
+
+void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t bytes)
+{
+    uint32_t unacked = sim_add(&socket->rcv_unacked, blocks_of(bytes)) + blocks_of(bytes);
+    if (unacked < socket->rcv_window / ACK_RATE || !sim_swap(&socket->rcv_unacked, unacked, 0U))
+        return;
+    sim_socket_t *peer = sim_socket_of(self->cluster->state, sim_conn_peer(socket));
+    if (peer == nullptr || sim_conn_peer(peer) != socket->port)
+        return;
+    bool blocked = sim_load(&peer->sent_unacked) > peer->send_window;
+    (void)sim_add(&peer->sent_unacked, 0U - unacked);
+    if (blocked)
+        sim_socket_notify(self, peer);
+}
+
+// Takes all messages out of a socket's queue. The first, or with `all` each of them, goes back with `err`. True when
+// there was one.
+static bool give_back(const sim_self_t *self, sim_socket_t *socket, uint32_t err, bool first, bool all)
+{
+    sim_state_t *state = self->cluster->state;
+    bool any = false;
+    for (;;) {
+        sim_link_t at;
+        sim_block_t *block = sim_queue_first(state, socket, &at);
+        if (block == nullptr)
+            return any;
+        if (!sim_queue_pop(state, socket, at, block))
+            continue;
+        if (all || (first && !any))
+            sim_return(self, &block->record, block->data, err);
+        any = true;
+        sim_block_release(state, block);
+    }
+}
+
+void sim_disconnect(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
+{
+    if (sim_connectionless(socket)) {
+        (void)give_back(self, socket, err, true, true);
+        return;
+    }
+    uint64_t conn = sim_load(&socket->conn);
+    uint32_t state = (uint32_t)(conn >> 32);
+    if (state == SIM_CONN_LISTEN) {
+        (void)give_back(self, socket, err, true, true);
+        return;
+    }
+    bool ends = state == SIM_CONN_ESTABLISHED || state == SIM_CONN_CONNECTING;
+    if (ends && !sim_swap(&socket->conn, conn, sim_conn(SIM_CONN_DISCONNECTING, (uint32_t)conn)))
+        return sim_disconnect(self, socket, err); // it has changed this moment
+    bool told = give_back(self, socket, err, state == SIM_CONN_ESTABLISHED, false);
+    if (state == SIM_CONN_ESTABLISHED && !told)
+        tell_peer(self, socket, SIM_CONN_DATA, err);
+    sim_socket_notify(self, socket);
+}
+
+void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
+{
+    sim_record_t record = {};
+    record.kind = SIM_CONN_DATA;
+    record.src_port = sim_conn_peer(socket);
+    record.src_index = socket->peer_node;
+    record.src_node = self->cluster->state->nodes[socket->peer_node];
+    record.dst_port = socket->port;
+    record.dst_index = socket->node;
+    record.err = err;
+    record.importance = TIPC_CRITICAL_IMPORTANCE;
+    if (sim_conn_state(socket) == SIM_CONN_CONNECTING)
+        return refuse_connect(self, socket);
+    sim_block_t *block = sim_message(self, &record, nullptr, 0);
+    if (block != nullptr)
+        (void)sim_deliver_now(self, block);
+}
+
+void sim_socket_close(const sim_self_t *self, sim_socket_t *socket, bool all_gone)
+{
+    sim_state_t *state = self->cluster->state;
+    sim_disconnect(self, socket, TIPC_ERR_NO_PORT);
+    uint32_t before = sim_load(&socket->use);
+    if (before == SIM_SLOT_FREE ||
+        (before != SIM_SLOT_CLOSING && !sim_swap(&socket->use, before, (uint32_t)SIM_SLOT_CLOSING)))
+        return; // another process closes it
+    sim_queue_close(state, socket);
+    (void)give_back(self, socket, TIPC_ERR_NO_PORT, true, true);
+    sim_link_t head = sim_load(&socket->head);
+    sim_link_t tail = sim_load(&socket->tail);
+    sim_store(&socket->tail, sim_link(sim_link_count(tail) + 1, SIM_NONE));
+    sim_store(&socket->head, sim_link(sim_link_count(head) + 1, SIM_NONE));
+    if (sim_link_number(head) != SIM_NONE)
+        sim_block_release(state, sim_block_of(state, sim_link_number(head)));
+    if (all_gone)
+        sim_blocks_reclaim(state, sim_owner_queue(sim_socket_slot(socket->port)));
+    sim_store(&socket->use, (uint32_t)SIM_SLOT_FREE);
+}

@@ -1,0 +1,36 @@
+// What the kernel does with a message on its way: it finds the receiver's queue, refuses, returns, and moves the state
+// of connections. The process that sends, or closes, does it for both sides. Programs and the broker enter here.
+#ifndef SIM_DELIVER_H
+#define SIM_DELIVER_H
+
+#include "sim_names.h"
+#include "sim_socket.h"
+
+constexpr uint32_t SIM_FLOW_BLOCK = 1024; // bytes of a block of flow control
+
+// Delivers a message whose record says to whom (dst_port, dst_index), or to the broker when its link is impaired or
+// cut. The block is gone after it. TIPC_OK, or the TIPC error with which it was refused; nothing has been returned
+// then.
+uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block);
+// As sim_deliver, on a link that is in order, for the broker.
+uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block);
+// Makes a block of a record and its data. Null without memory.
+sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, const struct iovec *data, size_t num);
+// Sends a message back that was refused or never read, with what it began with. Does nothing when it is droppable, or
+// was returned itself.
+void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_t *data, uint32_t err);
+
+// Takes a SYN out of the queue of a listening socket and connects `fresh` with its sender. The SYN's data, if any, is
+// the first message of `fresh`. False when the queue is empty.
+bool sim_accept(const sim_self_t *self, sim_socket_t *listener, sim_socket_t *fresh);
+// Counts a message of `bytes` that was read from a connection; the sender may go on.
+void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t bytes);
+// Ends the connection of a socket, as shutdown() and close() do: `err` is what the peer reads.
+void sim_disconnect(const sim_self_t *self, sim_socket_t *socket, uint32_t err);
+// The other side is gone or out of reach: what the peer's sim_disconnect would have done here.
+void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err);
+// Closes a socket: its unread messages go back, its slot is free. Its names must be gone. `all_gone`: no process has it
+// any more, so that what killed ones left in its queue is freed as well.
+void sim_socket_close(const sim_self_t *self, sim_socket_t *socket, bool all_gone);
+
+#endif

@@ -1,0 +1,99 @@
+// Blocks of memory for messages, in pools of four sizes. A word for each block says whose it is: 0 for nobody's, a
+// process's entry plus one, or the slot of the socket in whose queue it lies. To take a block is to exchange that word,
+// so what a killed process had is found again.
+#include "sim_socket.h"
+
+constexpr uint32_t POOL_BITS = 2; // of a block's number: index * SIM_POOLS + pool + 1
+
+static uint32_t pool_of(uint32_t number)
+{
+    return (number - 1) & (SIM_POOLS - 1);
+}
+
+static uint32_t *owner_of(sim_state_t *state, uint32_t number)
+{
+    return (uint32_t *)sim_entry(state, SIM_AREA_OWNERS + pool_of(number), (number - 1) >> POOL_BITS);
+}
+
+sim_block_t *sim_block_of(sim_state_t *state, uint32_t number)
+{
+    return (sim_block_t *)sim_entry(state, SIM_AREA_BLOCKS + pool_of(number), (number - 1) >> POOL_BITS);
+}
+
+static uint32_t ready(const sim_state_t *state, uint32_t pool)
+{
+    uint32_t owners = sim_load(&state->areas[SIM_AREA_OWNERS + pool].ready);
+    uint32_t blocks = sim_load(&state->areas[SIM_AREA_BLOCKS + pool].ready);
+    return owners < blocks ? owners : blocks;
+}
+
+// Where the last search ended: one that begins there mostly succeeds at once.
+static uint32_t s_hints[SIM_POOLS];
+
+static sim_block_t *search(sim_state_t *state, uint32_t pool, uint32_t owner)
+{
+    uint32_t num = ready(state, pool);
+    uint32_t at = __atomic_load_n(&s_hints[pool], __ATOMIC_RELAXED);
+    uint32_t *owners = (uint32_t *)sim_entry(state, SIM_AREA_OWNERS + pool, 0);
+    for (uint32_t tries = 0; tries < num; tries++, at++) {
+        at = at < num ? at : 0;
+        if (__atomic_load_n(&owners[at], __ATOMIC_RELAXED) != 0 || !sim_swap(&owners[at], 0U, owner))
+            continue;
+        __atomic_store_n(&s_hints[pool], at, __ATOMIC_RELAXED);
+        uint32_t number = (at << POOL_BITS) + pool + 1;
+        sim_block_t *block = sim_block_of(state, number);
+        block->number = number;
+        return block;
+    }
+    return nullptr;
+}
+
+sim_block_t *sim_block_take(const sim_self_t *self, uint32_t len)
+{
+    sim_state_t *state = self->cluster->state;
+    uint32_t pool = 0;
+    while (pool < SIM_POOLS && sizeof(sim_block_t) + len > state->areas[SIM_AREA_BLOCKS + pool].size)
+        pool++;
+    if (pool == SIM_POOLS)
+        return nullptr;
+    for (;;) {
+        sim_block_t *block = search(state, pool, self->owner);
+        if (block != nullptr)
+            return block;
+        uint32_t before = ready(state, pool);
+        int owners = self->grow(self->cluster, SIM_AREA_OWNERS + pool);
+        int blocks = self->grow(self->cluster, SIM_AREA_BLOCKS + pool);
+        if ((owners != 0 || blocks != 0) && ready(state, pool) == before)
+            return nullptr;
+    }
+}
+
+void sim_block_own(sim_state_t *state, sim_block_t *block, uint32_t owner)
+{
+    sim_store(owner_of(state, block->number), owner);
+}
+
+void sim_block_free(sim_state_t *state, sim_block_t *block)
+{
+    // The link's count goes on, so that who still looks at the block in a queue fails to link to it.
+    sim_store(&block->next, sim_link(sim_link_count(sim_load(&block->next)) + 1, SIM_CLOSED));
+    sim_store(owner_of(state, block->number), 0U);
+}
+
+void sim_block_release(sim_state_t *state, sim_block_t *block)
+{
+    if (__atomic_sub_fetch(&block->holds, 1, __ATOMIC_SEQ_CST) == 0)
+        sim_block_free(state, block);
+}
+
+void sim_blocks_reclaim(sim_state_t *state, uint32_t owner)
+{
+    for (uint32_t pool = 0; pool < SIM_POOLS; pool++) {
+        uint32_t num = ready(state, pool);
+        uint32_t *owners = (uint32_t *)sim_entry(state, SIM_AREA_OWNERS + pool, 0);
+        for (uint32_t i = 0; i < num; i++) {
+            if (__atomic_load_n(&owners[i], __ATOMIC_RELAXED) == owner)
+                sim_block_free(state, sim_block_of(state, (i << POOL_BITS) + pool + 1));
+        }
+    }
+}
