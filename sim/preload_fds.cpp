@@ -11,8 +11,6 @@
 #include <cstring>
 #include <pthread.h>
 
-extern "C" int pidfd_getfd(int process, int fd, unsigned flags) noexcept; // whose header is not for C++
-
 constexpr int MAX_DESCRIPTOR = 1 << 20; // more than a process can have
 
 static bool is_socket(int fd)
