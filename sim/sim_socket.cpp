@@ -6,7 +6,7 @@
 #include <linux/tipc.h>
 
 constexpr uint32_t DEFAULT_CONN_TIMEOUT = 8000; // ms
-constexpr uint32_t FIRST_WINDOW = 512;          // blocks, of a connection
+constexpr uint32_t FIRST_WINDOW = 128;          // blocks, of a connection
 
 static sim_socket_t *slot_at(sim_state_t *state, uint32_t slot)
 {
@@ -296,7 +296,7 @@ short sim_socket_events(sim_state_t *state, sim_socket_t *socket)
         events |= POLLRDHUP | POLLIN | POLLRDNORM | POLLHUP;
     if (conn == SIM_CONN_DISCONNECTING)
         return POLLIN | POLLRDNORM | POLLHUP;
-    if (conn == SIM_CONN_ESTABLISHED && sim_load(&socket->sent_unacked) <= socket->send_window)
+    if (conn == SIM_CONN_ESTABLISHED && sim_load(&socket->sent_unacked) <= sim_load(&socket->send_window))
         events |= POLLOUT;
     if (conn == SIM_CONN_OPEN)
         events |= POLLOUT;
