@@ -7,6 +7,7 @@
 constexpr uint32_t HEADER = 24;        // bytes of a connection's message head that flow control counts
 constexpr uint32_t SMALL = 1400;       // bytes of a write that asks for an acknowledgement of its own
 constexpr int64_t CONGESTED_LOOK = 50; // ms between looks at a congested link
+constexpr socklen_t MAX_ADDRESS = 128; // bytes
 constexpr size_t MAX_PARTS = 1024;     // of an iovec, as in the kernel
 
 typedef struct outgoing_s {
@@ -22,8 +23,10 @@ typedef struct outgoing_s {
 static int take_destination(const struct msghdr *msg, struct sockaddr_tipc *addr)
 {
     memset(addr, 0, sizeof(*addr));
-    if (msg->msg_name == nullptr || msg->msg_namelen == 0)
+    if (msg->msg_name == nullptr)
         return 0;
+    if (msg->msg_namelen > MAX_ADDRESS)
+        return EINVAL;
     if (!preload_readable(msg->msg_name, msg->msg_namelen < sizeof(*addr) ? msg->msg_namelen : sizeof(*addr)))
         return EFAULT;
     if (msg->msg_namelen < sizeof(*addr))
@@ -117,13 +120,37 @@ static int wait_for_link(const outgoing_t *out, uint32_t node)
     return 0;
 }
 
+// The topology service is the broker's, on every node.
+static bool is_topology(const struct sockaddr_tipc *addr)
+{
+    return addr->addrtype == TIPC_SERVICE_ADDR && addr->addr.name.name.type == TIPC_TOP_SRV &&
+           addr->addr.name.name.instance == TIPC_TOP_SRV;
+}
+
+// The topology service takes no datagrams. A name that the sender's node does not know fails at once, except when it is
+// looked for on another node: that node returns the message.
+static ssize_t send_to_nobody(const outgoing_t *out, const struct sockaddr_tipc *addr, sim_record_t *record)
+{
+    const sim_state_t *state = preload_state(out->self);
+    if (is_topology(addr))
+        return record->len;
+    uint32_t domain = addr->addr.name.domain;
+    uint32_t node = domain != 0 ? sim_node_find(state, domain) : SIM_ANY_NODE;
+    if (node == SIM_ANY_NODE || node == out->socket->node || !sim_linked(state->down, out->socket->node, node))
+        return preload_fail(EHOSTUNREACH);
+    record->dst_port = SIM_NONE;
+    record->dst_index = node;
+    refuse(out, record, TIPC_ERR_NO_NAME);
+    return record->len;
+}
+
 static ssize_t send_by_name(const outgoing_t *out, const struct sockaddr_tipc *addr, sim_record_t *record)
 {
     sim_state_t *state = preload_state(out->self);
     sim_target_t target = {};
     for (int tries = 0;; tries++) {
         if (!sim_name_lookup(state, record->type, record->lower, out->socket->node, addr->addr.name.domain, &target))
-            return preload_fail(EHOSTUNREACH);
+            return send_to_nobody(out, addr, record);
         int err = wait_for_link(out, target.node);
         if (err != 0)
             return preload_fail(err);
@@ -234,13 +261,6 @@ static ssize_t send_datagram(const outgoing_t *out, struct sockaddr_tipc *addr)
     return route(out, addr, &record);
 }
 
-// The topology service is the broker's, on every node.
-static bool is_topology(const struct sockaddr_tipc *addr)
-{
-    return addr->addrtype == TIPC_SERVICE_ADDR && addr->addr.name.name.type == TIPC_TOP_SRV &&
-           addr->addr.name.name.instance == TIPC_TOP_SRV;
-}
-
 static ssize_t send_to_topology(const outgoing_t *out, sim_record_t *record, const struct sockaddr_tipc *addr)
 {
     name_record(record, addr);
@@ -328,9 +348,10 @@ static sim_block_t *part_of(const outgoing_t *out, const sim_record_t *record, s
 static void ask_for_window(sim_state_t *state, sim_socket_t *socket)
 {
     sim_socket_t *peer = sim_socket_of(state, sim_conn_peer(socket));
-    sim_store(&socket->send_window, SIM_FULL_WINDOW);
-    if (peer != nullptr)
-        sim_store(&peer->rcv_window, SIM_FULL_WINDOW);
+    if (peer == nullptr || socket->nodelay != 0)
+        return;
+    sim_store(&socket->send_window, peer->rcvbuf / SIM_WINDOW_UNIT);
+    sim_store(&peer->rcv_window, peer->rcvbuf / SIM_WINDOW_UNIT);
 }
 
 static int send_part(const outgoing_t *out, size_t from, size_t len)
@@ -385,7 +406,7 @@ ssize_t preload_send(int fd, sim_socket_t *socket, const struct msghdr *msg, int
         err = take_destination(msg, &addr);
         return err != 0 ? preload_fail(err) : send_datagram(&out, &addr);
     }
-    if (sim_conn_state(socket) != SIM_CONN_OPEN || msg->msg_name == nullptr || msg->msg_namelen == 0)
+    if (sim_conn_state(socket) != SIM_CONN_OPEN || msg->msg_name == nullptr)
         return send_connected(&out); // the address, if there is one, is not looked at
     err = take_destination(msg, &addr);
     return err != 0 ? preload_fail(err) : send_syn(&out, &addr);

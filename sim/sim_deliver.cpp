@@ -209,8 +209,9 @@ void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t byte
     if (peer == nullptr || sim_conn_peer(peer) != socket->port)
         return;
     bool blocked = sim_load(&peer->sent_unacked) > sim_load(&peer->send_window);
-    sim_store(&socket->rcv_window, SIM_FULL_WINDOW); // every acknowledgement tells the whole window
-    sim_store(&peer->send_window, SIM_FULL_WINDOW);
+    uint32_t window = socket->rcvbuf / SIM_WINDOW_UNIT;
+    sim_store(&socket->rcv_window, window); // every acknowledgement tells the whole window
+    sim_store(&peer->send_window, window);
     (void)sim_add(&peer->sent_unacked, 0U - unacked);
     if (blocked)
         sim_socket_notify(self, peer);
