@@ -152,9 +152,12 @@ static int give(const void *from, size_t size, void *value, socklen_t *len)
     return 0;
 }
 
-static int get_tipc(const sim_socket_t *socket, int name, void *value, socklen_t *len)
+static int get_tipc(sim_socket_t *socket, int name, void *value, socklen_t *len)
 {
     uint32_t number = 0;
+    uint32_t num = 0;
+    uint64_t charged = 0;
+    sim_queue_size(preload_state(preload_self()), socket, &num, &charged);
     switch (name) {
     case TIPC_IMPORTANCE:
         number = socket->importance;
@@ -172,10 +175,10 @@ static int get_tipc(const sim_socket_t *socket, int name, void *value, socklen_t
     case TIPC_GROUP_JOIN:
         break; // 0 always
     case TIPC_SOCK_RECVQ_DEPTH:
-        number = sim_load(&socket->num);
+        number = num;
         break;
     case TIPC_SOCK_RECVQ_USED:
-        number = (uint32_t)sim_load(&socket->charged);
+        number = (uint32_t)charged;
         break;
     default:
         return preload_fail(EINVAL);
