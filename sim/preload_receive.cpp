@@ -13,7 +13,7 @@ typedef struct incoming_s {
     size_t room; // bytes of all parts
     int flags;
     int fd;
-    int64_t until; // ms, 0: do not wait
+    int64_t until; // ms
 } incoming_t;
 
 static void put_control(struct msghdr *msg, size_t *used, int type, const void *data, size_t len)
@@ -123,7 +123,7 @@ static int wait_for_message(const incoming_t *in, sim_link_t *at, sim_block_t **
         if (*block != nullptr)
             return 0;
         sim_socket_quiet(in->self, in->socket, in->fd);
-        if (in->until == 0)
+        if (!preload_blocks(in->fd, in->flags))
             return EAGAIN;
         if (sim_load(&in->socket->shut) != 0)
             return ENOTCONN;
@@ -303,7 +303,7 @@ static ssize_t receive_bytes(incoming_t *in)
 
 ssize_t preload_receive(int fd, sim_socket_t *socket, struct msghdr *msg, int flags)
 {
-    incoming_t in = {preload_self(), socket, msg, 0, flags, fd, 0};
+    incoming_t in = {preload_self(), socket, msg, 0, flags, fd, INT64_MAX};
     pthread_testcancel();
     if (!preload_readable(msg, sizeof(*msg)))
         return preload_fail(EFAULT);
@@ -317,7 +317,7 @@ ssize_t preload_receive(int fd, sim_socket_t *socket, struct msghdr *msg, int fl
         return preload_fail(EINVAL);
     if (!sim_connectionless(socket) && sim_conn_state(socket) == SIM_CONN_OPEN)
         return preload_fail(ENOTCONN);
-    if (preload_blocks(fd, flags))
-        in.until = socket->rcvtimeo == 0 ? INT64_MAX : sys_now() + socket->rcvtimeo / 1000;
+    if (socket->rcvtimeo != 0)
+        in.until = sys_now() + socket->rcvtimeo / 1000;
     return socket->type == (uint32_t)SOCK_STREAM ? receive_bytes(&in) : receive_message(&in);
 }

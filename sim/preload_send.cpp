@@ -15,9 +15,15 @@ typedef struct outgoing_s {
     sim_socket_t *socket;
     const struct msghdr *msg;
     size_t len;
-    bool blocks;
+    int fd;
+    int flags;
     int64_t until; // ms
 } outgoing_t;
+
+static bool blocks(const outgoing_t *out)
+{
+    return preload_blocks(out->fd, out->flags);
+}
 
 // The address of a message in memory of ours. 0 or an errno; `addr->family` is 0 when there is none.
 static int take_destination(const struct msghdr *msg, struct sockaddr_tipc *addr)
@@ -109,7 +115,7 @@ static int wait_for_link(const outgoing_t *out, uint32_t node)
     sim_impaired_t how;
     while (sim_load(&state->impaired_num) != 0 && sim_impaired(state, out->socket->node, node, &how) &&
            how.congest != 0) {
-        if (!out->blocks || sys_now() >= out->until)
+        if (!blocks(out) || sys_now() >= out->until)
             return EAGAIN;
         int64_t look = sys_now() + CONGESTED_LOOK;
         int err =
@@ -319,7 +325,7 @@ static int wait_for_window(const outgoing_t *out)
             return err;
         if (sim_load(&socket->sent_unacked) <= sim_load(&socket->send_window))
             return 0;
-        err = out->blocks ? preload_wait_change(socket, seen, out->until) : EAGAIN;
+        err = blocks(out) ? preload_wait_change(socket, seen, out->until) : EAGAIN;
         if (err != 0)
             return err;
     }
@@ -394,7 +400,7 @@ static ssize_t send_connected(const outgoing_t *out)
 
 ssize_t preload_send(int fd, sim_socket_t *socket, const struct msghdr *msg, int flags)
 {
-    outgoing_t out = {preload_self(), socket, msg, 0, preload_blocks(fd, flags), INT64_MAX};
+    outgoing_t out = {preload_self(), socket, msg, 0, fd, flags, INT64_MAX};
     struct sockaddr_tipc addr;
     pthread_testcancel();
     int err = preload_readable(msg, sizeof(*msg)) ? measure(msg, &out.len) : EFAULT;

@@ -247,35 +247,59 @@ bool preload_blocks(int fd, int flags)
     return (flags & MSG_DONTWAIT) == 0 && (sys_fcntl(fd, F_GETFL, 0) & O_NONBLOCK) == 0;
 }
 
-// A look at old bytes that a call of the kernel makes before it finds its first argument wrong.
-static bool readable_at(uintptr_t at)
+constexpr uintptr_t PAGE = 4096;
+constexpr uint32_t PAGES = 256;
+
+// Pages that the kernel could read, or write, when they were last tried: mostly the same few again and again. A page
+// that the application has unmapped since then raises SIGSEGV in place of EFAULT.
+static uintptr_t s_readable[PAGES];
+static uintptr_t s_writable[PAGES];
+
+static bool tried(uintptr_t *pages, uintptr_t at)
 {
-    return sys_call(SYS_rt_sigprocmask, -1, (const void *)(at & ~(uintptr_t)7), nullptr, (size_t)8) != -EFAULT;
+    return __atomic_load_n(&pages[at / PAGE % PAGES], __ATOMIC_RELAXED) == at / PAGE;
 }
 
-constexpr uintptr_t PAGE = 4096;
-
-bool preload_readable(const void *data, size_t size)
+static bool keep(uintptr_t *pages, uintptr_t at, bool good)
 {
-    uintptr_t first = (uintptr_t)data;
-    uintptr_t last = first + size - 1;
-    if (size == 0)
+    if (good)
+        __atomic_store_n(&pages[at / PAGE % PAGES], at / PAGE, __ATOMIC_RELAXED);
+    return good;
+}
+
+// The kernel reads the mask before it finds the first argument wrong.
+static bool readable_at(uintptr_t at)
+{
+    if (tried(s_readable, at))
         return true;
-    return readable_at(first) && (first / PAGE == last / PAGE || readable_at(last));
+    const void *mask = (const void *)(at & ~(uintptr_t)7);
+    return keep(s_readable, at, sys_call(SYS_rt_sigprocmask, -1, mask, nullptr, (size_t)8) != -EFAULT);
 }
 
 static bool writable_at(uintptr_t at)
 {
-    return sys_call(SYS_getrandom, (void *)at, (size_t)1, 0) != -EFAULT;
+    if (tried(s_writable, at))
+        return true;
+    return keep(s_writable, at, sys_call(SYS_getrandom, (void *)at, (size_t)1, 0) != -EFAULT);
 }
 
-bool preload_writable(void *data, size_t size)
+static bool usable(bool (*usable_at)(uintptr_t), const void *data, size_t size)
 {
     uintptr_t first = (uintptr_t)data;
     uintptr_t last = first + size - 1;
     if (size == 0)
         return true;
-    return writable_at(first) && (first / PAGE == last / PAGE || writable_at(last));
+    return usable_at(first) && (first / PAGE == last / PAGE || usable_at(last));
+}
+
+bool preload_readable(const void *data, size_t size)
+{
+    return usable(readable_at, data, size);
+}
+
+bool preload_writable(void *data, size_t size)
+{
+    return usable(writable_at, data, size);
 }
 
 bool preload_take_fault(const sim_self_t *self, sim_fault_kind_e kind, uint32_t *value)
