@@ -60,6 +60,9 @@ int preload_getpeername(sim_socket_t *socket, struct sockaddr *addr, socklen_t *
 ssize_t preload_send(int fd, sim_socket_t *socket, const struct msghdr *msg, int flags);
 ssize_t preload_receive(int fd, sim_socket_t *socket, struct msghdr *msg, int flags);
 
+// A message from another socket: sockets that came with it are known from then on (preload_fds.cpp).
+void preload_received(const struct msghdr *msg);
+
 // Options (preload_options.cpp). `passed` is set when the C library has to handle the call.
 int preload_setsockopt(sim_socket_t *socket, int level, int name, const void *value, socklen_t len);
 int preload_getsockopt(sim_socket_t *socket, int level, int name, void *value, socklen_t *len);
