@@ -259,39 +259,60 @@ void sim_disconnect(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
 
 void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
 {
+    if (sim_conn_state(socket) == SIM_CONN_CONNECTING)
+        return refuse_connect(self, socket);
+    uint32_t node = socket->peer_node;
+    if (node >= SIM_MAX_NODES)
+        return;
     sim_record_t record = {};
     record.kind = SIM_CONN_DATA;
     record.src_port = sim_conn_peer(socket);
-    record.src_index = socket->peer_node;
-    record.src_node = self->cluster->state->nodes[socket->peer_node];
+    record.src_index = node;
+    record.src_node = self->cluster->state->nodes[node];
     record.dst_port = socket->port;
     record.dst_index = socket->node;
     record.err = err;
     record.importance = TIPC_CRITICAL_IMPORTANCE;
-    if (sim_conn_state(socket) == SIM_CONN_CONNECTING)
-        return refuse_connect(self, socket);
     sim_block_t *block = sim_message(self, &record, nullptr, 0);
     if (block != nullptr)
         (void)sim_deliver_now(self, block);
 }
 
-void sim_socket_close(const sim_self_t *self, sim_socket_t *socket, bool all_gone)
+// The slot is ours to close. Every step may have been done already, by a process that was killed after it.
+static void close_slot(const sim_self_t *self, sim_socket_t *socket, bool all_gone)
 {
     sim_state_t *state = self->cluster->state;
-    sim_disconnect(self, socket, TIPC_ERR_NO_PORT);
-    uint32_t before = sim_load(&socket->use);
-    if (before == SIM_SLOT_FREE ||
-        (before != SIM_SLOT_CLOSING && !sim_swap(&socket->use, before, (uint32_t)SIM_SLOT_CLOSING)))
-        return; // another process closes it
     sim_queue_close(state, socket);
     (void)give_back(self, socket, TIPC_ERR_NO_PORT, true, true);
     sim_link_t head = sim_load(&socket->head);
     sim_link_t tail = sim_load(&socket->tail);
     sim_store(&socket->tail, sim_link(sim_link_count(tail) + 1, SIM_NONE));
     sim_store(&socket->head, sim_link(sim_link_count(head) + 1, SIM_NONE));
-    if (sim_link_number(head) != SIM_NONE)
-        sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     if (all_gone)
         sim_blocks_reclaim(state, sim_owner_queue(sim_socket_slot(socket->port)));
+    else if (sim_link_number(head) != SIM_NONE)
+        sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     sim_store(&socket->use, (uint32_t)SIM_SLOT_FREE);
+}
+
+void sim_socket_close(const sim_self_t *self, sim_socket_t *socket, bool all_gone)
+{
+    uint32_t before = sim_load(&socket->use);
+    if (before != SIM_SLOT_OPEN && before != sim_use(SIM_SLOT_TAKEN, self->owner))
+        return; // another process closes it
+    if (!sim_swap(&socket->use, before, sim_use(SIM_SLOT_CLOSING, self->owner)))
+        return;
+    if (before == SIM_SLOT_OPEN)
+        sim_disconnect(self, socket, TIPC_ERR_NO_PORT);
+    close_slot(self, socket, all_gone);
+}
+
+void sim_socket_inherit(const sim_self_t *self, sim_socket_t *socket, uint32_t owner)
+{
+    uint32_t before = sim_load(&socket->use);
+    if (sim_use_owner(before) != owner || !sim_swap(&socket->use, before, sim_use(SIM_SLOT_CLOSING, self->owner)))
+        return;
+    if (before == sim_use(SIM_SLOT_CLOSING, owner))
+        sim_disconnect(self, socket, TIPC_ERR_NO_PORT);
+    close_slot(self, socket, true);
 }

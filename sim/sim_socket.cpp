@@ -8,11 +8,6 @@
 constexpr uint32_t DEFAULT_CONN_TIMEOUT = 8000; // ms
 constexpr uint32_t FIRST_WINDOW = 512;          // blocks, of a connection
 
-static sim_socket_t *slot_at(sim_state_t *state, uint32_t slot)
-{
-    return (sim_socket_t *)sim_entry(state, SIM_AREA_SOCKETS, slot);
-}
-
 static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
 {
     sim_state_t *state = self->cluster->state;
@@ -22,9 +17,9 @@ static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
         uint32_t first = count % num;
         for (uint32_t i = 0; i < num; i++) {
             uint32_t slot = (first + i) % num;
-            sim_socket_t *socket = slot_at(state, slot);
+            sim_socket_t *socket = sim_socket_at(state, slot);
             if (sim_load(&socket->use) != SIM_SLOT_FREE ||
-                !sim_swap(&socket->use, (uint32_t)SIM_SLOT_FREE, (uint32_t)SIM_SLOT_TAKEN))
+                !sim_swap(&socket->use, (uint32_t)SIM_SLOT_FREE, sim_use(SIM_SLOT_TAKEN, self->owner)))
                 continue;
             *port = slot + SIM_MAX_SOCKETS * (1 + count % (UINT32_MAX / SIM_MAX_SOCKETS - 1));
             for (uint32_t used = sim_load(&state->socket_num); used <= slot; used = sim_load(&state->socket_num))
@@ -111,7 +106,7 @@ sim_socket_t *sim_socket_of(sim_state_t *state, uint32_t port)
     uint32_t slot = sim_socket_slot(port);
     if (slot >= sim_load(&state->areas[SIM_AREA_SOCKETS].ready))
         return nullptr;
-    sim_socket_t *socket = slot_at(state, slot);
+    sim_socket_t *socket = sim_socket_at(state, slot);
     return sim_load(&socket->port) == port && sim_load(&socket->use) == SIM_SLOT_OPEN ? socket : nullptr;
 }
 
