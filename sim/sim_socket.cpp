@@ -268,15 +268,15 @@ void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket)
         self->wake(self->cluster, socket);
 }
 
-// The order of the steps counts: what comes after the look into the epoll descriptor is seen by the last step, what
-// comes before it is taken back by nobody else.
+// The order of the steps counts. Who comes before `woken` is 0 writes nothing, but the last step sees his message, unless
+// another reader has taken it. Who comes after it writes, and nobody takes that back.
 void sim_socket_quiet(const sim_self_t *self, sim_socket_t *socket, int fd)
 {
     struct epoll_event event;
     if (sim_load(&socket->woken) == 0)
         return;
-    sim_store(&socket->woken, 0U);
     (void)sys_epoll_wait(fd, &event, 1, 0);
+    sim_store(&socket->woken, 0U);
     if ((sim_socket_events(self->cluster->state, socket) & (POLLIN | POLLHUP)) == 0)
         return;
     sim_store(&socket->woken, 1U);
