@@ -95,7 +95,8 @@ uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
     uint32_t err = TIPC_ERR_NO_PORT;
     record->charge = record->err != TIPC_OK ? record->len + RETURN_COST : sim_queue_charge(record->len);
     verdict_e verdict = REFUSE;
-    if (socket != nullptr && socket->node == record->dst_index) {
+    // A socket of the broker is on every node.
+    if (socket != nullptr && (socket->node == record->dst_index || socket->served != 0)) {
         if (!sim_connectionless(socket))
             verdict = filter(self, socket, record);
         else
@@ -114,8 +115,10 @@ uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
     uint32_t from = block->record.src_index;
     uint32_t to = block->record.dst_index;
     sim_impaired_t how;
+    if (block->record.dst_port == sim_load(&state->topology))
+        return sim_deliver_now(self, block);
     bool cut = !sim_linked(state->cut, from, to);
-    if (cut && !sim_linked(state->down, from, to)) {
+    if (!sim_linked(state->down, from, to)) { // in both directions, also when only one of them is cut
         sim_block_free(state, block);
         return TIPC_OK; // on the wire, and lost with the link
     }

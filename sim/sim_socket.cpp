@@ -147,8 +147,8 @@ uint32_t sim_queue_charge(uint32_t len)
     return size + 256;
 }
 
-// False when the queue is closed.
-static bool append(sim_state_t *state, sim_socket_t *socket, sim_block_t *block)
+// False when the queue is closed, or the slot is that of another socket by now.
+static bool append(sim_state_t *state, sim_socket_t *socket, uint32_t port, sim_block_t *block)
 {
     for (;;) {
         sim_link_t tail = sim_load(&socket->tail);
@@ -158,7 +158,7 @@ static bool append(sim_state_t *state, sim_socket_t *socket, sim_block_t *block)
         sim_link_t next = sim_load(&last->next);
         if (tail != sim_load(&socket->tail))
             continue;
-        if (sim_link_number(next) == SIM_CLOSED)
+        if (sim_link_number(next) == SIM_CLOSED || sim_load(&socket->port) != port)
             return false;
         sim_link_t behind = sim_link(sim_link_count(tail) + 1, sim_link_number(next));
         if (sim_link_number(next) != SIM_NONE) {
@@ -176,6 +176,8 @@ uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t
 {
     sim_state_t *state = self->cluster->state;
     uint32_t charge = block->record.charge;
+    uint32_t wire = sim_load(&state->wire); // its messages are for others
+    uint32_t port = sim_load(&socket->port) == wire ? wire : block->record.dst_port;
     for (;;) {
         uint64_t charged = sim_load(&socket->charged);
         if (charged + charge >= limit)
@@ -186,8 +188,8 @@ uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t
     (void)sim_add(&socket->num, 1U);
     sim_store(&block->holds, 2U);
     sim_store(&block->next, sim_link(sim_link_count(sim_load(&block->next)) + 1, SIM_NONE));
-    sim_block_own(state, block, sim_owner_queue(sim_socket_slot(sim_load(&socket->port))));
-    if (append(state, socket, block)) {
+    sim_block_own(state, block, sim_owner_queue(sim_socket_slot(port)));
+    if (append(state, socket, port, block)) {
         sim_socket_notify(self, socket);
         return TIPC_OK;
     }
