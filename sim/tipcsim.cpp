@@ -447,10 +447,13 @@ static int broker_stop()
     pid_t pid = 0;
     std::ifstream(in_cluster("broker.pid")) >> pid;
     s_cluster.state->held = 1;
-    if (pid <= 0 || kill(pid, SIGKILL) != 0)
+    int fd = pid > 0 ? (int)sys_call(SYS_pidfd_open, pid, 0) : -1;
+    if (fd < 0 || kill(pid, SIGKILL) != 0)
         die("no broker to stop");
-    while (kill(pid, 0) == 0)
-        (void)usleep(1000);
+    struct pollfd ended = {fd, POLLIN, 0}; // before its parent has waited for it, which may take long
+    while (poll(&ended, 1, -1) < 0)
+        continue;
+    (void)close(fd);
     return 0;
 }
 
