@@ -1,42 +1,15 @@
-// The interposed calls of the C library. A call on a TIPC socket goes to the simulator; any other call goes to the next
-// definition, which dlsym finds. The calls that take a path open the node's own copy of a file when it has one.
+// The interposed socket calls of the C library. A call on a TIPC socket goes to the simulator; any other call goes to
+// the next definition, which dlsym finds.
 #include "preload.h"
-#include "sim_sys.h"
+#include "preload_next.h"
 
-#include <cerrno>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/stat.h>
+#include <sys/ioctl.h>
 #include <sys/uio.h>
-
-// NEXT(name) looks the next definition of `name` up once; CALL(name) calls it.
-#define NEXT(name)                                                                                                     \
-    static decltype(&::name) s_next_##name;                                                                            \
-    if (s_next_##name == nullptr)                                                                                      \
-    s_next_##name = (decltype(&::name))dlsym(RTLD_NEXT, #name)
-#define CALL(name) s_next_##name
 
 namespace
 {
-struct held_s { // a reference to a descriptor's entry, held for one call
-    explicit held_s(int fd) : entry(preload_get(fd))
-    {
-    }
-    ~held_s()
-    {
-        if (entry != nullptr)
-            preload_put(entry);
-    }
-    held_s(const held_s &) = delete;
-    held_s &operator=(const held_s &) = delete;
-    preload_socket_t *entry;
-};
-
 struct one_message_s { // the arguments of send, recv and the like, as a msghdr
     one_message_s(const void *data, size_t size, const void *addr, socklen_t len)
         : part{const_cast<void *>(data), size}, msg{}
@@ -51,337 +24,296 @@ struct one_message_s { // the arguments of send, recv and the like, as a msghdr
 };
 } // namespace
 
-// Returns the path of the node's own copy when TIPCSIM_FILES lists the file, else `path` itself.
-static const char *node_path(const char *path, char *own)
+static ssize_t receive_one(int fd, sim_socket_t *socket, void *data, size_t size, int flags, struct sockaddr *addr,
+                           socklen_t *len)
 {
-    const char *list = getenv("TIPCSIM_FILES");
-    const char *dir = getenv("TIPCSIM_CLUSTER");
-    const char *node = getenv("TIPCSIM_NODE");
-    if (path == nullptr || path[0] != '/' || list == nullptr || dir == nullptr || node == nullptr)
-        return path;
-    size_t len = strlen(path);
-    for (const char *at = list; (at = strstr(at, path)) != nullptr; at += len) {
-        bool starts = at == list || at[-1] == ':';
-        bool ends = at[len] == '\0' || at[len] == ':';
-        if (starts && ends && sim_node_path(dir, (uint32_t)strtoul(node, nullptr, 10), path, own, SIM_PATH_LEN))
-            return own;
-    }
-    return path;
+    one_message_s message(data, size, addr, 0);
+    if (addr != nullptr && len != nullptr && !preload_readable(len, sizeof(*len)))
+        return preload_fail(EFAULT);
+    if (addr != nullptr && len != nullptr)
+        message.msg.msg_namelen = *len;
+    ssize_t ret = preload_receive(fd, socket, &message.msg, flags);
+    if (ret >= 0 && addr != nullptr && len != nullptr)
+        *len = message.msg.msg_namelen;
+    return ret;
+}
+
+static ssize_t receive_parts(int fd, sim_socket_t *socket, const struct iovec *parts, int num)
+{
+    struct msghdr msg = {};
+    if (num < 0)
+        return preload_fail(EINVAL);
+    msg.msg_iov = const_cast<struct iovec *>(parts);
+    msg.msg_iovlen = (size_t)num;
+    return preload_receive(fd, socket, &msg, 0);
 }
 
 extern "C" {
 int socket(int domain, int type, int protocol)
 {
     NEXT(socket);
-    return domain == AF_TIPC ? preload_socket(type) : CALL(socket)(domain, type, protocol);
+    return domain == AF_TIPC ? preload_socket(type, protocol) : CALL(socket)(domain, type, protocol);
+}
+
+int socketpair(int domain, int type, int protocol, int fds[2])
+{
+    NEXT(socketpair);
+    return domain == AF_TIPC ? preload_socketpair(type, protocol, fds) : CALL(socketpair)(domain, type, protocol, fds);
 }
 
 int bind(int fd, const struct sockaddr *addr, socklen_t len)
 {
     NEXT(bind);
-    held_s held(fd);
-    return held.entry != nullptr ? preload_bind(held.entry, addr, len) : CALL(bind)(fd, addr, len);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_bind(socket, addr, len) : CALL(bind)(fd, addr, len);
+}
+
+int listen(int fd, int backlog)
+{
+    NEXT(listen);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_listen(socket) : CALL(listen)(fd, backlog);
+}
+
+int accept(int fd, struct sockaddr *addr, socklen_t *len)
+{
+    NEXT(accept);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_accept(fd, socket, addr, len, 0) : CALL(accept)(fd, addr, len);
+}
+
+int accept4(int fd, struct sockaddr *addr, socklen_t *len, int flags)
+{
+    NEXT(accept4);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_accept(fd, socket, addr, len, flags) : CALL(accept4)(fd, addr, len, flags);
 }
 
 int connect(int fd, const struct sockaddr *addr, socklen_t len)
 {
     NEXT(connect);
-    held_s held(fd);
-    return held.entry != nullptr ? preload_connect(fd, held.entry, addr, len) : CALL(connect)(fd, addr, len);
-}
-
-ssize_t sendto(int fd, const void *data, size_t size, int flags, const struct sockaddr *addr, socklen_t len)
-{
-    NEXT(sendto);
-    held_s held(fd);
-    if (held.entry == nullptr)
-        return CALL(sendto)(fd, data, size, flags, addr, len);
-    one_message_s message(data, size, addr, len);
-    return preload_send(fd, held.entry, &message.msg, flags);
-}
-
-ssize_t send(int fd, const void *data, size_t size, int flags)
-{
-    NEXT(send);
-    held_s held(fd);
-    if (held.entry == nullptr)
-        return CALL(send)(fd, data, size, flags);
-    one_message_s message(data, size, nullptr, 0);
-    return preload_send(fd, held.entry, &message.msg, flags);
-}
-
-ssize_t write(int fd, const void *data, size_t size)
-{
-    NEXT(write);
-    held_s held(fd);
-    if (held.entry == nullptr)
-        return CALL(write)(fd, data, size);
-    one_message_s message(data, size, nullptr, 0);
-    return preload_send(fd, held.entry, &message.msg, 0);
-}
-
-ssize_t sendmsg(int fd, const struct msghdr *msg, int flags)
-{
-    NEXT(sendmsg);
-    held_s held(fd);
-    return held.entry != nullptr ? preload_send(fd, held.entry, msg, flags) : CALL(sendmsg)(fd, msg, flags);
-}
-
-ssize_t recvfrom(int fd, void *data, size_t size, int flags, struct sockaddr *addr, socklen_t *len)
-{
-    NEXT(recvfrom);
-    held_s held(fd);
-    if (held.entry == nullptr)
-        return CALL(recvfrom)(fd, data, size, flags, addr, len);
-    one_message_s message(data, size, addr, len != nullptr ? *len : 0);
-    ssize_t ret = preload_receive(fd, held.entry, &message.msg, flags);
-    if (ret >= 0 && len != nullptr)
-        *len = message.msg.msg_namelen;
-    return ret;
-}
-
-ssize_t recv(int fd, void *data, size_t size, int flags)
-{
-    NEXT(recv);
-    held_s held(fd);
-    if (held.entry == nullptr)
-        return CALL(recv)(fd, data, size, flags);
-    one_message_s message(data, size, nullptr, 0);
-    return preload_receive(fd, held.entry, &message.msg, flags);
-}
-
-ssize_t read(int fd, void *data, size_t size)
-{
-    NEXT(read);
-    held_s held(fd);
-    if (held.entry == nullptr)
-        return CALL(read)(fd, data, size);
-    one_message_s message(data, size, nullptr, 0);
-    return preload_receive(fd, held.entry, &message.msg, 0);
-}
-
-ssize_t recvmsg(int fd, struct msghdr *msg, int flags)
-{
-    NEXT(recvmsg);
-    held_s held(fd);
-    return held.entry != nullptr ? preload_receive(fd, held.entry, msg, flags) : CALL(recvmsg)(fd, msg, flags);
-}
-
-// Removes events that the Unix socket reports and the kernel's TIPC does not: POLLOUT and POLLRDHUP on a closed
-// topology connection, POLLHUP on a socket that was never connected.
-static void correct(struct pollfd *fds, nfds_t num)
-{
-    for (nfds_t i = 0; i < num; i++) {
-        if ((fds[i].revents & POLLHUP) != 0 && preload_known(fds[i].fd))
-            fds[i].revents &= (short)~(preload_connected(fds[i].fd) ? POLLOUT | POLLRDHUP : POLLHUP);
-    }
-}
-
-int poll(struct pollfd *fds, nfds_t num, int ms)
-{
-    NEXT(poll);
-    int ret = CALL(poll)(fds, num, ms);
-    if (ret > 0)
-        correct(fds, num);
-    return ret;
-}
-
-int ppoll(struct pollfd *fds, nfds_t num, const struct timespec *limit, const sigset_t *mask)
-{
-    NEXT(ppoll);
-    int ret = CALL(ppoll)(fds, num, limit, mask);
-    if (ret > 0)
-        correct(fds, num);
-    return ret;
-}
-
-int getsockname(int fd, struct sockaddr *addr, socklen_t *len)
-{
-    NEXT(getsockname);
-    held_s held(fd);
-    return held.entry != nullptr ? preload_getsockname(held.entry, addr, len) : CALL(getsockname)(fd, addr, len);
-}
-
-int setsockopt(int fd, int level, int name, const void *value, socklen_t len)
-{
-    NEXT(setsockopt);
-    bool passed = true;
-    held_s held(fd);
-    int ret = held.entry != nullptr ? preload_setsockopt(held.entry, level, name, value, len, &passed) : 0;
-    return passed ? CALL(setsockopt)(fd, level, name, value, len) : ret;
-}
-
-int getsockopt(int fd, int level, int name, void *value, socklen_t *len)
-{
-    NEXT(getsockopt);
-    bool passed = true;
-    held_s held(fd);
-    int ret = held.entry != nullptr ? preload_getsockopt(held.entry, level, name, value, len, &passed) : 0;
-    return passed ? CALL(getsockopt)(fd, level, name, value, len) : ret;
-}
-
-int close(int fd)
-{
-    NEXT(close);
-    if (preload_hidden(fd)) {
-        errno = EBADF;
-        return -1;
-    }
-    if (!preload_known(fd))
-        return CALL(close)(fd);
-    // The entry leaves the table first: another thread may get the same number as soon as the descriptor is closed.
-    // `held` keeps the socket itself until after that.
-    held_s held(fd);
-    preload_forget(fd);
-    return CALL(close)(fd);
-}
-
-int dup(int fd)
-{
-    NEXT(dup);
-    int copy = CALL(dup)(fd);
-    if (copy >= 0)
-        preload_share(fd, copy);
-    return copy;
-}
-
-int dup3(int fd, int copy, int flags)
-{
-    NEXT(dup3);
-    int ret = CALL(dup3)(fd, copy, flags);
-    if (ret >= 0 && preload_known(copy))
-        preload_forget(copy);
-    if (ret >= 0)
-        preload_share(fd, copy);
-    return ret;
-}
-
-int dup2(int fd, int copy)
-{
-    NEXT(dup2);
-    int ret = CALL(dup2)(fd, copy);
-    if (ret >= 0 && fd != copy && preload_known(copy))
-        preload_forget(copy);
-    if (ret >= 0 && fd != copy)
-        preload_share(fd, copy);
-    return ret;
-}
-
-// These calls are refused: on the Unix socket that stands for the TIPC socket they would do something else.
-int listen(int fd, int backlog)
-{
-    NEXT(listen);
-    return preload_known(fd) ? preload_refuse("listen") : CALL(listen)(fd, backlog);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_connect(fd, socket, addr, len) : CALL(connect)(fd, addr, len);
 }
 
 int shutdown(int fd, int how)
 {
     NEXT(shutdown);
-    if (preload_known(fd) && !preload_connected(fd))
-        return preload_refuse("shutdown of a socket that is not connected");
-    return CALL(shutdown)(fd, how);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_shutdown(fd, socket, how) : CALL(shutdown)(fd, how);
+}
+
+int getsockname(int fd, struct sockaddr *addr, socklen_t *len)
+{
+    NEXT(getsockname);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_getsockname(socket, addr, len) : CALL(getsockname)(fd, addr, len);
 }
 
 int getpeername(int fd, struct sockaddr *addr, socklen_t *len)
 {
     NEXT(getpeername);
-    return preload_known(fd) ? preload_refuse("getpeername") : CALL(getpeername)(fd, addr, len);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_getpeername(socket, addr, len) : CALL(getpeername)(fd, addr, len);
 }
 
-ssize_t readv(int fd, const struct iovec *parts, int num)
+int setsockopt(int fd, int level, int name, const void *value, socklen_t len)
 {
-    NEXT(readv);
-    return preload_known(fd) ? preload_refuse("readv") : CALL(readv)(fd, parts, num);
+    NEXT(setsockopt);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_setsockopt(socket, level, name, value, len)
+                             : CALL(setsockopt)(fd, level, name, value, len);
+}
+
+int getsockopt(int fd, int level, int name, void *value, socklen_t *len)
+{
+    NEXT(getsockopt);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_getsockopt(socket, level, name, value, len)
+                             : CALL(getsockopt)(fd, level, name, value, len);
+}
+
+int ioctl(int fd, unsigned long request, ...) noexcept
+{
+    NEXT(ioctl);
+    va_list args;
+    va_start(args, request);
+    void *arg = va_arg(args, void *);
+    va_end(args);
+    sim_socket_t *socket = preload_socket_at(fd);
+    bool passed = true;
+    int ret = socket != nullptr ? preload_ioctl(fd, socket, request, arg, &passed) : 0;
+    return passed ? CALL(ioctl)(fd, request, arg) : ret;
+}
+
+ssize_t sendto(int fd, const void *data, size_t size, int flags, const struct sockaddr *addr, socklen_t len)
+{
+    NEXT(sendto);
+    sim_socket_t *socket = preload_socket_at(fd);
+    if (socket == nullptr)
+        return CALL(sendto)(fd, data, size, flags, addr, len);
+    one_message_s message(data, size, addr, len);
+    return preload_send(fd, socket, &message.msg, flags);
+}
+
+ssize_t send(int fd, const void *data, size_t size, int flags)
+{
+    NEXT(send);
+    sim_socket_t *socket = preload_socket_at(fd);
+    if (socket == nullptr)
+        return CALL(send)(fd, data, size, flags);
+    one_message_s message(data, size, nullptr, 0);
+    return preload_send(fd, socket, &message.msg, flags);
+}
+
+ssize_t write(int fd, const void *data, size_t size)
+{
+    NEXT(write);
+    sim_socket_t *socket = preload_socket_at(fd);
+    if (socket == nullptr)
+        return CALL(write)(fd, data, size);
+    one_message_s message(data, size, nullptr, 0);
+    return preload_send(fd, socket, &message.msg, 0);
 }
 
 ssize_t writev(int fd, const struct iovec *parts, int num)
 {
     NEXT(writev);
-    return preload_known(fd) ? preload_refuse("writev") : CALL(writev)(fd, parts, num);
+    sim_socket_t *socket = preload_socket_at(fd);
+    if (socket == nullptr)
+        return CALL(writev)(fd, parts, num);
+    struct msghdr msg = {};
+    if (num < 0)
+        return preload_fail(EINVAL);
+    msg.msg_iov = const_cast<struct iovec *>(parts);
+    msg.msg_iovlen = (size_t)num;
+    return preload_send(fd, socket, &msg, 0);
+}
+
+ssize_t sendmsg(int fd, const struct msghdr *msg, int flags)
+{
+    NEXT(sendmsg);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? preload_send(fd, socket, msg, flags) : CALL(sendmsg)(fd, msg, flags);
 }
 
 int sendmmsg(int fd, struct mmsghdr *msgs, unsigned num, int flags)
 {
     NEXT(sendmmsg);
-    return preload_known(fd) ? preload_refuse("sendmmsg") : CALL(sendmmsg)(fd, msgs, num, flags);
+    sim_socket_t *socket = preload_socket_at(fd);
+    if (socket == nullptr)
+        return CALL(sendmmsg)(fd, msgs, num, flags);
+    unsigned done = 0;
+    for (; done < num && done < 1024; done++) {
+        if (!preload_writable(&msgs[done].msg_len, sizeof(msgs[done].msg_len)))
+            return done != 0 ? (int)done : preload_fail(EFAULT);
+        ssize_t ret = preload_send(fd, socket, &msgs[done].msg_hdr, flags);
+        if (ret < 0)
+            return done != 0 ? (int)done : -1;
+        msgs[done].msg_len = (unsigned)ret;
+    }
+    return (int)done;
+}
+
+ssize_t recvfrom(int fd, void *data, size_t size, int flags, struct sockaddr *addr, socklen_t *len)
+{
+    NEXT(recvfrom);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? receive_one(fd, socket, data, size, flags, addr, len)
+                             : CALL(recvfrom)(fd, data, size, flags, addr, len);
+}
+
+ssize_t recv(int fd, void *data, size_t size, int flags)
+{
+    NEXT(recv);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? receive_one(fd, socket, data, size, flags, nullptr, nullptr)
+                             : CALL(recv)(fd, data, size, flags);
+}
+
+ssize_t read(int fd, void *data, size_t size)
+{
+    NEXT(read);
+    sim_socket_t *socket = preload_socket_at(fd);
+    if (socket == nullptr)
+        return CALL(read)(fd, data, size);
+    return size == 0 ? 0 : receive_one(fd, socket, data, size, 0, nullptr, nullptr);
+}
+
+ssize_t readv(int fd, const struct iovec *parts, int num)
+{
+    NEXT(readv);
+    sim_socket_t *socket = preload_socket_at(fd);
+    return socket != nullptr ? receive_parts(fd, socket, parts, num) : CALL(readv)(fd, parts, num);
+}
+
+ssize_t recvmsg(int fd, struct msghdr *msg, int flags)
+{
+    NEXT(recvmsg);
+    sim_socket_t *socket = preload_socket_at(fd);
+    if (socket != nullptr)
+        return preload_receive(fd, socket, msg, flags);
+    ssize_t ret = CALL(recvmsg)(fd, msg, flags);
+    if (ret >= 0)
+        preload_received(msg);
+    return ret;
+}
+
+static int receive_many(int fd, sim_socket_t *socket, struct mmsghdr *msgs, unsigned num, int flags,
+                        const struct timespec *limit)
+{
+    int64_t until = limit != nullptr ? sys_now() + limit->tv_sec * 1000 + limit->tv_nsec / 1000000 : INT64_MAX;
+    unsigned done = 0;
+    for (; done < num && done < 1024; done++) {
+        int each = done != 0 && (flags & MSG_WAITFORONE) != 0 ? flags | MSG_DONTWAIT : flags;
+        if (!preload_writable(&msgs[done].msg_len, sizeof(msgs[done].msg_len)))
+            return done != 0 ? (int)done : preload_fail(EFAULT);
+        ssize_t ret = preload_receive(fd, socket, &msgs[done].msg_hdr, each & ~MSG_WAITFORONE);
+        if (ret < 0)
+            return done != 0 ? (int)done : -1;
+        msgs[done].msg_len = (unsigned)ret;
+        if (sys_now() >= until)
+            return (int)done + 1;
+    }
+    return (int)done;
 }
 
 int recvmmsg(int fd, struct mmsghdr *msgs, unsigned num, int flags, struct timespec *limit)
 {
     NEXT(recvmmsg);
-    return preload_known(fd) ? preload_refuse("recvmmsg") : CALL(recvmmsg)(fd, msgs, num, flags, limit);
+    sim_socket_t *socket = preload_socket_at(fd);
+    if (socket != nullptr)
+        return receive_many(fd, socket, msgs, num, flags, limit);
+    int ret = CALL(recvmmsg)(fd, msgs, num, flags, limit);
+    for (int i = 0; i < ret; i++)
+        preload_received(&msgs[i].msg_hdr);
+    return ret;
 }
 
-FILE *fopen(const char *path, const char *mode)
+// The forms that a program built with _FORTIFY_SOURCE calls. `room` is the size of the buffer as the compiler knew it.
+[[noreturn]] void __chk_fail(void);
+
+static void check(size_t size, size_t room)
 {
-    NEXT(fopen);
-    char own[SIM_PATH_LEN];
-    return CALL(fopen)(node_path(path, own), mode);
+    if (size > room)
+        __chk_fail();
 }
 
-FILE *fopen64(const char *path, const char *mode)
+ssize_t __read_chk(int fd, void *data, size_t size, size_t room)
 {
-    NEXT(fopen64);
-    char own[SIM_PATH_LEN];
-    return CALL(fopen64)(node_path(path, own), mode);
+    check(size, room);
+    return read(fd, data, size);
 }
 
-static mode_t mode_of(int flags, va_list args)
+ssize_t __recv_chk(int fd, void *data, size_t size, size_t room, int flags)
 {
-    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? (mode_t)va_arg(args, unsigned) : 0;
+    check(size, room);
+    return recv(fd, data, size, flags);
 }
 
-int open(const char *path, int flags, ...)
+ssize_t __recvfrom_chk(int fd, void *data, size_t size, size_t room, int flags, struct sockaddr *addr, socklen_t *len)
 {
-    NEXT(open);
-    char own[SIM_PATH_LEN];
-    va_list args;
-    va_start(args, flags);
-    mode_t mode = mode_of(flags, args);
-    va_end(args);
-    return CALL(open)(node_path(path, own), flags, mode);
-}
-
-int open64(const char *path, int flags, ...)
-{
-    NEXT(open64);
-    char own[SIM_PATH_LEN];
-    va_list args;
-    va_start(args, flags);
-    mode_t mode = mode_of(flags, args);
-    va_end(args);
-    return CALL(open64)(node_path(path, own), flags, mode);
-}
-
-int openat(int dir, const char *path, int flags, ...)
-{
-    NEXT(openat);
-    char own[SIM_PATH_LEN];
-    va_list args;
-    va_start(args, flags);
-    mode_t mode = mode_of(flags, args);
-    va_end(args);
-    return CALL(openat)(dir, node_path(path, own), flags, mode);
-}
-
-int access(const char *path, int mode)
-{
-    NEXT(access);
-    char own[SIM_PATH_LEN];
-    return CALL(access)(node_path(path, own), mode);
-}
-
-int stat(const char *path, struct stat *status)
-{
-    NEXT(stat);
-    char own[SIM_PATH_LEN];
-    return CALL(stat)(node_path(path, own), status);
-}
-
-int unlink(const char *path)
-{
-    NEXT(unlink);
-    char own[SIM_PATH_LEN];
-    return CALL(unlink)(node_path(path, own));
+    check(size, room);
+    return recvfrom(fd, data, size, flags, addr, len);
 }
 }

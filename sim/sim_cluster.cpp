@@ -144,7 +144,7 @@ static int create_state(int fd)
     return ret;
 }
 
-// Called with the cluster's lock held.
+// With `create` called with the cluster's lock held.
 static int map_state(sim_cluster_t *cluster, bool create, const char **why)
 {
     char path[SIM_PATH_LEN];
@@ -203,6 +203,16 @@ static int open_locked(sim_cluster_t *cluster, const char *dir, bool create, con
         (void)sys_close(lock);
         return ret;
     }
+}
+
+int sim_cluster_attach(sim_cluster_t *cluster, const char *dir, const char **why)
+{
+    cluster->state = nullptr;
+    *why = "the path is too long";
+    if (strlen(dir) >= sizeof(cluster->dir))
+        return -ENAMETOOLONG;
+    (void)strcpy(cluster->dir, dir);
+    return map_state(cluster, false, why);
 }
 
 int sim_cluster_open(sim_cluster_t *cluster, const char *dir, bool create, const char **why)

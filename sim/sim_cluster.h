@@ -166,6 +166,9 @@ int sim_cluster_open(sim_cluster_t *cluster, const char *dir, bool create, const
 // As sim_cluster_open with `create`, and returns the cluster's lock, a descriptor, still held. Who joins leaves a file
 // that it keeps locked before it releases the lock: the broker may remove the folder in between otherwise.
 int sim_cluster_join(sim_cluster_t *cluster, const char *dir, const char **why);
+// As sim_cluster_open without `create`, and without the cluster's lock: for a process that the launcher started, for
+// which the cluster stays there.
+int sim_cluster_attach(sim_cluster_t *cluster, const char *dir, const char **why);
 void sim_cluster_close(sim_cluster_t *cluster);
 // Takes the lock under which processes join a cluster and the broker removes it. A descriptor, which releases the lock
 // when it is closed, or a negative errno.

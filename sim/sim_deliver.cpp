@@ -6,7 +6,7 @@
 #include <linux/tipc.h>
 #include <sys/socket.h>
 
-constexpr uint32_t HEADER = 40;       // bytes of a message's head that flow control counts
+constexpr uint32_t HEADER = 24;       // bytes of a message's head that flow control counts
 constexpr uint32_t ACK_RATE = 4;      // a window is acknowledged in as many parts
 constexpr uint32_t RETURN_COST = 128; // bytes charged for a returned message, beside its data
 
@@ -37,11 +37,11 @@ static bool peer_ended(sim_socket_t *socket, const sim_record_t *record)
     return sim_swap(&socket->conn, before, sim_conn(SIM_CONN_DISCONNECTING, record->src_port));
 }
 
-static void refuse_connect(const sim_self_t *self, sim_socket_t *socket)
+// The request for a connection came back.
+static bool connect_refused(sim_socket_t *socket)
 {
     sim_store(&socket->err, (uint32_t)ECONNREFUSED);
-    if (sim_swap(&socket->conn, sim_conn(SIM_CONN_CONNECTING, 0), sim_conn(SIM_CONN_DISCONNECTING, 0)))
-        sim_socket_notify(self, socket);
+    return sim_swap(&socket->conn, sim_conn(SIM_CONN_CONNECTING, 0), sim_conn(SIM_CONN_DISCONNECTING, 0));
 }
 
 static bool connected(const sim_self_t *self, sim_socket_t *socket, const sim_record_t *record)
@@ -64,9 +64,7 @@ static verdict_e filter(const sim_self_t *self, sim_socket_t *socket, const sim_
     case SIM_CONN_CONNECTING:
         if (record->kind == SIM_ACK)
             return connected(self, socket, record) ? DONE : REFUSE;
-        if (record->kind == SIM_SYN && record->err != TIPC_OK)
-            refuse_connect(self, socket);
-        return record->kind == SIM_SYN && record->err != TIPC_OK ? DONE : REFUSE;
+        return record->kind == SIM_SYN && record->err != TIPC_OK && connect_refused(socket) ? QUEUE : REFUSE;
     case SIM_CONN_ESTABLISHED:
         if (record->src_port != sim_conn_peer(socket))
             return REFUSE;
@@ -80,7 +78,7 @@ static verdict_e filter(const sim_self_t *self, sim_socket_t *socket, const sim_
 
 static uint64_t limit_of(const sim_socket_t *socket, const sim_record_t *record)
 {
-    if (record->kind == SIM_CONN_DATA && record->err != TIPC_OK)
+    if (record->kind >= SIM_SYN && record->err != TIPC_OK)
         return UINT64_MAX; // the end of a connection is never lost
     if (record->kind == SIM_CONN_DATA)
         return socket->rcvbuf;
@@ -100,7 +98,7 @@ uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
         if (!sim_connectionless(socket))
             verdict = filter(self, socket, record);
         else
-            verdict = record->kind < SIM_SYN ? QUEUE : REFUSE;
+            verdict = record->kind < SIM_SYN ? QUEUE : DONE; // a request for a connection gets no answer
     }
     if (verdict == QUEUE)
         err = sim_queue_put(self, socket, block, limit_of(socket, record));
@@ -213,7 +211,10 @@ void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t byte
     sim_socket_t *peer = sim_socket_of(self->cluster->state, sim_conn_peer(socket));
     if (peer == nullptr || sim_conn_peer(peer) != socket->port)
         return;
-    bool blocked = sim_load(&peer->sent_unacked) > peer->send_window;
+    bool blocked = sim_load(&peer->sent_unacked) > sim_load(&peer->send_window);
+    uint32_t window = socket->rcvbuf / SIM_WINDOW_UNIT;
+    sim_store(&socket->rcv_window, window); // every acknowledgement tells the whole window
+    sim_store(&peer->send_window, window);
     (void)sim_add(&peer->sent_unacked, 0U - unacked);
     if (blocked)
         sim_socket_notify(self, peer);
@@ -262,11 +263,9 @@ void sim_disconnect(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
 
 void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
 {
-    if (sim_conn_state(socket) == SIM_CONN_CONNECTING)
-        return refuse_connect(self, socket);
     uint32_t node = socket->peer_node;
-    if (node >= SIM_MAX_NODES)
-        return;
+    if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED || node >= SIM_MAX_NODES)
+        return; // who waits for an answer goes on waiting
     sim_record_t record = {};
     record.kind = SIM_CONN_DATA;
     record.src_port = sim_conn_peer(socket);

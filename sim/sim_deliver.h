@@ -6,7 +6,8 @@
 #include "sim_names.h"
 #include "sim_socket.h"
 
-constexpr uint32_t SIM_FLOW_BLOCK = 1024; // bytes of a block of flow control
+constexpr uint32_t SIM_FLOW_BLOCK = 1024;  // bytes of a block of flow control
+constexpr uint32_t SIM_WINDOW_UNIT = 4096; // bytes of the receive buffer for a block of the window
 
 // Delivers a message whose record says to whom (dst_port, dst_index), or to the broker when its link is impaired or
 // cut. The block is gone after it. TIPC_OK, or the TIPC error with which it was refused; nothing has been returned

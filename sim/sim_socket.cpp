@@ -6,7 +6,7 @@
 #include <linux/tipc.h>
 
 constexpr uint32_t DEFAULT_CONN_TIMEOUT = 8000; // ms
-constexpr uint32_t FIRST_WINDOW = 512;          // blocks, of a connection
+constexpr uint32_t FIRST_WINDOW = 128;          // blocks, of a connection
 
 static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
 {
@@ -80,14 +80,13 @@ sim_socket_t *sim_socket_take(const sim_self_t *self, uint32_t type, uint32_t no
     socket->served = 0;
     reset_options(state, socket);
     reset_connection(socket);
-    socket->num = 0;
-    socket->charged = 0;
     socket->read_at = 0;
-    socket->returned = 0;
     socket->waiters = 0;
     socket->woken = 0;
     socket->edge = 0;
     first->holds = 1; // there is nothing in it to read
+    first->charged = 0;
+    first->counted = 0;
     sim_block_own(state, first, sim_owner_queue(sim_socket_slot(port)));
     sim_store(&first->next, sim_link(sim_link_count(sim_load(&first->next)) + 1, SIM_NONE));
     sim_store(&socket->head, sim_link(sim_link_count(sim_load(&socket->head)) + 1, first->number));
@@ -147,56 +146,79 @@ uint32_t sim_queue_charge(uint32_t len)
     return size + 256;
 }
 
-// False when the queue is closed, or the slot is that of another socket by now.
-static bool append(sim_state_t *state, sim_socket_t *socket, uint32_t port, sim_block_t *block)
+// What lies between the first block and `last`. False when the first block has changed meanwhile.
+static bool size_up_to(sim_state_t *state, const sim_socket_t *socket, const sim_block_t *last, uint32_t *num,
+                       uint64_t *charged)
+{
+    sim_link_t head = sim_load(&socket->head);
+    if (sim_link_number(head) == SIM_NONE)
+        return false;
+    const sim_block_t *first = sim_block_of(state, sim_link_number(head));
+    *num = last->counted - sim_load(&first->counted);
+    *charged = last->charged - sim_load(&first->charged);
+    return head == sim_load(&socket->head);
+}
+
+static uint32_t append(sim_state_t *state, sim_socket_t *socket, uint32_t port, sim_block_t *block, uint64_t limit)
 {
     for (;;) {
         sim_link_t tail = sim_load(&socket->tail);
         if (sim_link_number(tail) == SIM_NONE)
-            return false; // the slot is free
+            return TIPC_ERR_NO_PORT; // the slot is free
         sim_block_t *last = sim_block_of(state, sim_link_number(tail));
         sim_link_t next = sim_load(&last->next);
+        uint32_t num = 0;
+        uint64_t charged = 0;
+        block->charged = last->charged + block->record.charge;
+        block->counted = last->counted + 1;
         if (tail != sim_load(&socket->tail))
             continue;
         if (sim_link_number(next) == SIM_CLOSED || sim_load(&socket->port) != port)
-            return false;
+            return TIPC_ERR_NO_PORT; // closed, or the slot is that of another socket by now
         sim_link_t behind = sim_link(sim_link_count(tail) + 1, sim_link_number(next));
         if (sim_link_number(next) != SIM_NONE) {
             (void)sim_swap(&socket->tail, tail, behind); // another sender has not moved it yet
             continue;
         }
+        if (!size_up_to(state, socket, last, &num, &charged))
+            continue;
+        if (charged + block->record.charge >= limit)
+            return TIPC_ERR_OVERLOAD;
         if (!sim_swap(&last->next, next, sim_link(sim_link_count(next) + 1, block->number)))
             continue;
         (void)sim_swap(&socket->tail, tail, sim_link(sim_link_count(tail) + 1, block->number));
-        return true;
+        return TIPC_OK;
     }
 }
 
 uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t *block, uint64_t limit)
 {
     sim_state_t *state = self->cluster->state;
-    uint32_t charge = block->record.charge;
-    uint32_t wire = sim_load(&state->wire); // its messages are for others
-    uint32_t port = sim_load(&socket->port) == wire ? wire : block->record.dst_port;
-    for (;;) {
-        uint64_t charged = sim_load(&socket->charged);
-        if (charged + charge >= limit)
-            return TIPC_ERR_OVERLOAD;
-        if (sim_swap(&socket->charged, charged, charged + charge))
-            break;
-    }
-    (void)sim_add(&socket->num, 1U);
     sim_store(&block->holds, 2U);
     sim_store(&block->next, sim_link(sim_link_count(sim_load(&block->next)) + 1, SIM_NONE));
+    uint32_t wire = sim_load(&state->wire); // its messages are for others
+    uint32_t port = sim_load(&socket->port) == wire ? wire : block->record.dst_port;
     sim_block_own(state, block, sim_owner_queue(sim_socket_slot(port)));
-    if (append(state, socket, port, block)) {
+    uint32_t err = append(state, socket, port, block, limit);
+    if (err == TIPC_OK)
         sim_socket_notify(self, socket);
-        return TIPC_OK;
+    else
+        sim_block_own(state, block, self->owner);
+    return err;
+}
+
+void sim_queue_size(sim_state_t *state, sim_socket_t *socket, uint32_t *num, uint64_t *charged)
+{
+    *num = 0;
+    *charged = 0;
+    for (;;) {
+        sim_link_t tail = sim_load(&socket->tail);
+        if (sim_link_number(tail) == SIM_NONE)
+            return;
+        const sim_block_t *last = sim_block_of(state, sim_link_number(tail));
+        if (size_up_to(state, socket, last, num, charged) && tail == sim_load(&socket->tail))
+            return;
     }
-    sim_block_own(state, block, self->owner);
-    (void)sim_add(&socket->charged, (uint64_t)0 - charge);
-    (void)sim_add(&socket->num, UINT32_MAX);
-    return TIPC_ERR_NO_PORT;
 }
 
 sim_block_t *sim_queue_first(sim_state_t *state, sim_socket_t *socket, sim_link_t *at)
@@ -230,8 +252,6 @@ bool sim_queue_pop(sim_state_t *state, sim_socket_t *socket, sim_link_t at, sim_
 {
     if (!sim_swap(&socket->head, at, sim_link(sim_link_count(at) + 1, first->number)))
         return false;
-    (void)sim_add(&socket->charged, (uint64_t)0 - first->record.charge);
-    (void)sim_add(&socket->num, UINT32_MAX);
     sim_block_release(state, sim_block_of(state, sim_link_number(at)));
     return true;
 }
@@ -293,7 +313,7 @@ short sim_socket_events(sim_state_t *state, sim_socket_t *socket)
         events |= POLLRDHUP | POLLIN | POLLRDNORM | POLLHUP;
     if (conn == SIM_CONN_DISCONNECTING)
         return POLLIN | POLLRDNORM | POLLHUP;
-    if (conn == SIM_CONN_ESTABLISHED && sim_load(&socket->sent_unacked) <= socket->send_window)
+    if (conn == SIM_CONN_ESTABLISHED && sim_load(&socket->sent_unacked) <= sim_load(&socket->send_window))
         events |= POLLOUT;
     if (conn == SIM_CONN_OPEN)
         events |= POLLOUT;

@@ -53,13 +53,15 @@ typedef struct sim_record_s { // the head of a message
     uint32_t upper;
     uint32_t importance;
     uint32_t droppable; // 1: dropped instead of returned
-    uint32_t charge;    // bytes that it adds to `charged` of the receiver
+    uint32_t charge;    // bytes that the receiver's queue counts for it
 } sim_record_t;
 
 typedef struct sim_block_s { // a message in memory
     sim_link_t next;
-    uint32_t number; // its own; never changes
-    uint32_t holds;  // 2: not read and not replaced as the queue's first block; freed at 0
+    uint32_t number;  // its own; never changes
+    uint32_t holds;   // 2: not read and not replaced as the queue's first block; freed at 0
+    uint64_t charged; // by this and all messages before it in the queue, since the socket was made
+    uint32_t counted; // likewise, messages
     sim_record_t record;
     uint8_t data[8]; // the first of `record.len` bytes
 } sim_block_t;
@@ -89,11 +91,8 @@ typedef struct sim_socket_s {
     // The queue. Nothing of it is reset when the slot is used again, except by sim_socket_take.
     sim_link_t head;
     sim_link_t tail;
-    uint32_t num;      // messages
-    uint32_t returned; // 1: a message was returned while the queue had no room
-    uint64_t charged;  // bytes, as the kernel would count them
-    uint64_t read_at;  // bytes of the first message that were read (lower half), and its link count (upper half)
-    uint32_t change;   // counted up with every message and every change of state; waiters wait for it
+    uint64_t read_at; // bytes of the first message that were read (lower half), and its link count (upper half)
+    uint32_t change;  // counted up with every message and every change of state; waiters wait for it
     uint32_t waiters;
     uint32_t woken; // 1: the program's descriptor is readable
     uint32_t edge;  // 1: somebody polls it edge-triggered, so every message is written to the wake-up descriptor
@@ -184,6 +183,7 @@ sim_block_t *sim_queue_first(sim_state_t *state, sim_socket_t *socket, sim_link_
 bool sim_queue_same(const sim_socket_t *socket, sim_link_t at); // the first message is still the same
 // Takes the first message out of the queue. The caller releases it. False when another reader has taken it.
 bool sim_queue_pop(sim_state_t *state, sim_socket_t *socket, sim_link_t at, sim_block_t *first);
+void sim_queue_size(sim_state_t *state, sim_socket_t *socket, uint32_t *num, uint64_t *charged);
 bool sim_queue_empty(sim_state_t *state, sim_socket_t *socket);
 void sim_queue_close(sim_state_t *state, sim_socket_t *socket); // nothing can be put from here on
 
