@@ -17,6 +17,12 @@
 #include <sys/mman.h>
 #include <sys/select.h>
 
+// Forms that programs built with _FORTIFY_SOURCE call, which no header declares here.
+extern "C" {
+int __poll_chk(struct pollfd *fds, nfds_t num, int ms, size_t size);
+int __ppoll_chk(struct pollfd *fds, nfds_t num, const struct timespec *limit, const sigset_t *mask, size_t size);
+}
+
 #define CALLS(X) X(ppoll) X(poll) X(__poll_chk) X(__ppoll_chk) X(pselect) X(select)
 CALLS(NEXT_POINTER)
 
