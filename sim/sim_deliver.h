@@ -33,5 +33,7 @@ void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err);
 // Closes a socket: its unread messages go back, its slot is free. Its names must be gone. `all_gone`: no process has it
 // any more, so that what killed ones left in its queue is freed as well.
 void sim_socket_close(const sim_self_t *self, sim_socket_t *socket, bool all_gone);
+// Closes a slot that a process took, or began to close, before it was killed. `owner` is that of its blocks.
+void sim_socket_inherit(const sim_self_t *self, sim_socket_t *socket, uint32_t owner);
 
 #endif
