@@ -290,8 +290,8 @@ void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket)
         self->wake(self->cluster, socket);
 }
 
-// The order of the steps counts. Who comes before `woken` is 0 writes nothing, but the last step sees his message, unless
-// another reader has taken it. Who comes after it writes, and nobody takes that back.
+// The order of the steps counts. Who comes before `woken` is 0 writes nothing, but the last step sees his message,
+// unless another reader has taken it. Who comes after it writes, and nobody takes that back.
 void sim_socket_quiet(const sim_self_t *self, sim_socket_t *socket, int fd)
 {
     struct epoll_event event;
