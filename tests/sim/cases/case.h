@@ -157,6 +157,14 @@ static inline void pause_ms(int ms)
         continue;
 }
 
+/* Whether nobody has the name any more. The sockets of a process that has ended may take a moment. */
+static inline int withdrawn(int sender, unsigned instance)
+{
+    for (int look = 0; look < 500 && send_to(sender, instance, "x") >= 0; look++)
+        pause_ms(10);
+    return send_to(sender, instance, "x") < 0 && errno == EHOSTUNREACH;
+}
+
 static inline int done(void)
 {
     return failures != 0;

@@ -65,7 +65,12 @@ static void options(void)
     int pair[2];
     struct tipc_sioc_nodeid_req node = {.peer = 0};
     struct tipc_sioc_ln_req link = {.peer = 1};
-    FAILS(ioctl(fd, SIOCGETNODEID, &node), EADDRNOTAVAIL);
+    struct sockaddr_tipc own;
+    socklen_t size = sizeof(own);
+    IS(getsockname(fd, (struct sockaddr *)&own, &size), 0);
+    node.peer = own.addr.id.node;
+    IS(ioctl(fd, SIOCGETNODEID, &node), 0);
+    CHECK(node.node_id[0] != '\0');
     FAILS(ioctl(fd, SIOCGETLINKNAME, &link), EADDRNOTAVAIL);
     FAILS(ioctl(fd, FIONREAD, &value), ENOTTY);
     IS(setsockopt(fd, SOL_TIPC, TIPC_CONN_TIMEOUT, &value, sizeof(value)), 0);
