@@ -97,7 +97,7 @@ int statx(int fd, const char *path, int flags, unsigned mask, struct statx *stat
     return ret;
 }
 
-// A socket has no position.
+// A socket has no position. (The kernel itself refuses pread and the like, as on a socket.)
 off_t lseek(int fd, off_t offset, int whence)
 {
     NEXT(lseek);
@@ -108,69 +108,6 @@ off64_t lseek64(int fd, off64_t offset, int whence)
 {
     NEXT(lseek64);
     return is_socket(fd) ? preload_fail(ESPIPE) : CALL(lseek64)(fd, offset, whence);
-}
-
-ssize_t pread(int fd, void *data, size_t size, off_t offset)
-{
-    NEXT(pread);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pread)(fd, data, size, offset);
-}
-
-ssize_t pread64(int fd, void *data, size_t size, off64_t offset)
-{
-    NEXT(pread64);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pread64)(fd, data, size, offset);
-}
-
-ssize_t __pread_chk(int fd, void *data, size_t size, off_t offset, size_t room);
-ssize_t __pread64_chk(int fd, void *data, size_t size, off64_t offset, size_t room);
-
-ssize_t __pread_chk(int fd, void *data, size_t size, off_t offset, size_t room)
-{
-    NEXT(__pread_chk);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(__pread_chk)(fd, data, size, offset, room);
-}
-
-ssize_t __pread64_chk(int fd, void *data, size_t size, off64_t offset, size_t room)
-{
-    NEXT(__pread64_chk);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(__pread64_chk)(fd, data, size, offset, room);
-}
-
-ssize_t pwrite(int fd, const void *data, size_t size, off_t offset)
-{
-    NEXT(pwrite);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pwrite)(fd, data, size, offset);
-}
-
-ssize_t pwrite64(int fd, const void *data, size_t size, off64_t offset)
-{
-    NEXT(pwrite64);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pwrite64)(fd, data, size, offset);
-}
-
-ssize_t preadv(int fd, const struct iovec *parts, int num, off_t offset)
-{
-    NEXT(preadv);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(preadv)(fd, parts, num, offset);
-}
-
-ssize_t preadv64(int fd, const struct iovec *parts, int num, off64_t offset)
-{
-    NEXT(preadv64);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(preadv64)(fd, parts, num, offset);
-}
-
-ssize_t pwritev(int fd, const struct iovec *parts, int num, off_t offset)
-{
-    NEXT(pwritev);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pwritev)(fd, parts, num, offset);
-}
-
-ssize_t pwritev64(int fd, const struct iovec *parts, int num, off64_t offset)
-{
-    NEXT(pwritev64);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pwritev64)(fd, parts, num, offset);
 }
 
 // With the offset -1 these read and write as readv and writev do, but with flags of their own.
