@@ -350,6 +350,17 @@ static sim_block_t *part_of(const outgoing_t *out, const sim_record_t *record, s
     return block;
 }
 
+// Returns a part of the message that nobody took.
+static void give_back(const outgoing_t *out, sim_record_t *record, size_t from, uint32_t err)
+{
+    record->len = record->len < SIM_MAX_RETURNED ? record->len : SIM_MAX_RETURNED;
+    sim_block_t *block = part_of(out, record, from);
+    if (block == nullptr)
+        return;
+    sim_return(out->self, record, block->data, err);
+    sim_block_free(preload_state(out->self), block);
+}
+
 // A small write to a stream makes the receiver acknowledge, and with that tell its whole window.
 static void ask_for_window(sim_state_t *state, sim_socket_t *socket)
 {
@@ -378,7 +389,7 @@ static int send_part(const outgoing_t *out, size_t from, size_t len)
     (void)sim_add(&socket->sent_unacked, (record.len + HEADER) / SIM_FLOW_BLOCK + 1);
     uint32_t refused = sim_deliver(out->self, block);
     if (refused != TIPC_OK)
-        sim_return(out->self, &record, nullptr, refused); // which ends the connection
+        give_back(out, &record, from, refused); // which ends the connection
     return 0;
 }
 

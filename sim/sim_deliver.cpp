@@ -134,7 +134,7 @@ void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_
     if (record->err != TIPC_OK || record->droppable != 0)
         return;
     sim_record_t answer = *record;
-    answer.len = record->len < SIM_MAX_RETURNED ? record->len : SIM_MAX_RETURNED;
+    answer.len = data == nullptr ? 0 : record->len < SIM_MAX_RETURNED ? record->len : SIM_MAX_RETURNED;
     answer.err = err;
     answer.src_port = record->dst_port;
     answer.src_index = record->dst_index;
