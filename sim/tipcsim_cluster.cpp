@@ -1,5 +1,6 @@
 // A cluster for the length of a command.
 #include "tipcsim.h"
+#include "tipcsim_processes.h"
 
 #include <cerrno>
 #include <csignal>
@@ -24,18 +25,37 @@ static int keep_cluster()
     return fd;
 }
 
-static pid_t s_command;
+static volatile pid_t s_command; // 0 when it has ended: its number may be another process's
 static volatile sig_atomic_t s_late;
 
 static void on_alarm(int /*signal*/)
 {
     s_late = 1;
-    (void)kill(s_command, SIGKILL);
+    if (s_command > 0)
+        (void)kill(s_command, SIGKILL);
 }
 
 static void pass_on(int signal)
 {
-    (void)kill(s_command, signal);
+    if (s_command > 0)
+        (void)kill(s_command, signal);
+}
+
+// Waits for the command, and for the orphans of its tree that end meanwhile.
+static int wait_for_command()
+{
+    for (;;) {
+        siginfo_t info = {};
+        if (waitid(P_ALL, 0, &info, WEXITED | WNOWAIT) != 0)
+            continue; // a signal
+        bool command = info.si_pid == s_command;
+        if (command)
+            s_command = 0;
+        int status = 0;
+        (void)waitpid(info.si_pid, &status, 0);
+        if (command)
+            return status;
+    }
 }
 
 static int command_status(int status)
@@ -62,13 +82,10 @@ int cluster(options_t options)
     options.cluster = std::to_string(getpid()) + "-" + std::to_string(time(nullptr));
     int lock = join_cluster(options);
     int keep = keep_cluster();
+    tree_id();
     (void)close(lock);
-    std::ofstream list(in_cluster("files"));
-    for (const std::string &file : options.files)
-        list << file << "\n";
-    list.close();
-    if (!list)
-        die("cannot write " + in_cluster("files"));
+    tree_begin();
+    keep_file_options(options);
     begin_cluster(options);
     std::string nodes;
     for (long node = 1; node <= options.nodes; node++) {
@@ -79,17 +96,22 @@ int cluster(options_t options)
     (void)setenv("LAB", self().c_str(), 1);
     (void)setenv("LAB_RUN", g_cluster.dir, 1);
     (void)setenv("LAB_NODES", nodes.c_str(), 1);
-    s_command = fork();
-    if (s_command == 0)
+    for (const char *name : {"TIPCSIM_NODE", "TIPCSIM_FILES"}) // of the cluster in which this one is made
+        (void)unsetenv(name);
+    pid_t pid = fork();
+    if (pid < 0)
+        die(std::string("cannot start the command: ") + strerror(errno));
+    if (pid == 0) {
+        tree_mark(TREE_COMMAND);
         become(options.command);
+    }
+    s_command = pid;
     (void)signal(SIGALRM, on_alarm);
     (void)signal(SIGTERM, pass_on);
     (void)signal(SIGINT, pass_on);
     (void)alarm((unsigned)options.timeout);
-    int status = 0;
-    while (waitpid(s_command, &status, 0) < 0 && errno == EINTR)
-        continue;
-    signal_node(SIM_ANY_NODE, SIGKILL);
+    int status = wait_for_command();
+    tree_end();
     end_cluster();
     (void)close(keep);
     look_at_end();
