@@ -301,10 +301,10 @@ uint32_t sim_node_find(const sim_state_t *state, uint32_t node)
 uint32_t sim_node_index(sim_state_t *state, uint32_t node)
 {
     for (uint32_t i = 0; i < SIM_MAX_NODES; i++) {
-        if (sim_load(&state->nodes[i]) != node && !sim_swap(&state->nodes[i], 0U, node)) {
-            if (sim_load(&state->nodes[i]) != node)
-                continue;
-        }
+        if (sim_swap(&state->nodes[i], 0U, node))
+            (void)snprintf((char *)state->identities[i], SIM_IDENTITY_LEN, "node%u", node);
+        else if (sim_load(&state->nodes[i]) != node)
+            continue;
         for (uint32_t num = sim_load(&state->node_num); num <= i; num = sim_load(&state->node_num))
             (void)sim_swap(&state->node_num, num, i + 1);
         return i;

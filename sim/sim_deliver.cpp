@@ -98,7 +98,7 @@ uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
         if (!sim_connectionless(socket))
             verdict = filter(self, socket, record);
         else
-            verdict = record->kind < SIM_SYN ? QUEUE : DONE; // a request for a connection gets no answer
+            verdict = record->kind <= SIM_SYN ? QUEUE : DONE; // a request for a connection is a message like others
     }
     if (verdict == QUEUE)
         err = sim_queue_put(self, socket, block, limit_of(socket, record));
@@ -220,8 +220,14 @@ void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t byte
         sim_socket_notify(self, peer);
 }
 
-// Takes all messages out of a socket's queue. The first, or with `all` each of them, goes back with `err`. True when
-// there was one.
+static bool read_in_part(const sim_socket_t *socket, sim_link_t at)
+{
+    uint64_t read = sim_load(&socket->read_at);
+    return (uint32_t)read != 0 && (uint32_t)(read >> 32) == sim_link_count(at);
+}
+
+// Takes all messages out of a socket's queue, of which one that was read in part is lost. The first, or with `all` each
+// of them, goes back with `err`. True when there was one.
 static bool give_back(const sim_self_t *self, sim_socket_t *socket, uint32_t err, bool first, bool all)
 {
     sim_state_t *state = self->cluster->state;
@@ -233,6 +239,10 @@ static bool give_back(const sim_self_t *self, sim_socket_t *socket, uint32_t err
             return any;
         if (!sim_queue_pop(state, socket, at, block))
             continue;
+        if (read_in_part(socket, at)) {
+            sim_block_release(state, block);
+            continue;
+        }
         if (all || (first && !any))
             sim_return(self, &block->record, block->data, err);
         any = true;

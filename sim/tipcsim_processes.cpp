@@ -261,7 +261,7 @@ static held_map_t freeze(const choice_t &chosen)
 {
     held_map_t held;
     double end = now() + PATIENCE;
-    bool running = true;
+    bool running = false;
     while (stop_new(chosen, &held) || running) {
         running = false;
         for (const auto &entry : held)
