@@ -2,6 +2,7 @@
 // extended attributes. They go to the node's own copy of a file when it has one (preload_paths.h).
 #undef _FORTIFY_SOURCE   // its inline functions have the names of the calls below
 #undef _FILE_OFFSET_BITS // and so has this
+#include "preload.h"
 #include "preload_next.h"
 #include "preload_paths.h"
 
@@ -28,11 +29,6 @@ CALLS(NEXT_POINTER)
 __attribute__((constructor)) static void find_calls()
 {
     CALLS(NEXT_FIND)
-}
-
-static bool no_path(const void *path) // newer kernels take null as well
-{
-    return path == nullptr || *(const char *)path == '\0';
 }
 
 // The fortified and older forms, which no header declares here.
@@ -75,27 +71,20 @@ int lstat64(const char *path, struct stat64 *status)
 
 int fstatat(int dir, const char *path, struct stat *status, int flags)
 {
-    if ((flags & AT_EMPTY_PATH) != 0 && preload_known(dir) && no_path(path))
-        return fstat(dir, status);
     preload_own_s own(path, PRELOAD_USE, dir);
-    return CALL_NEXT(fstatat)(dir, own.path, status, flags);
+    return preload_describe(CALL_NEXT(fstatat)(dir, own.path, status, flags), dir, path, flags, status);
 }
 
 int fstatat64(int dir, const char *path, struct stat64 *status, int flags)
 {
-    if ((flags & AT_EMPTY_PATH) != 0 && preload_known(dir) && no_path(path))
-        return fstat64(dir, status);
     preload_own_s own(path, PRELOAD_USE, dir);
-    return CALL_NEXT(fstatat64)(dir, own.path, status, flags);
+    return preload_describe(CALL_NEXT(fstatat64)(dir, own.path, status, flags), dir, path, flags, status);
 }
 
 int statx(int dir, const char *path, int flags, unsigned mask, struct statx *status)
 {
     preload_own_s own(path, PRELOAD_USE, dir);
-    int ret = CALL_NEXT(statx)(dir, own.path, flags, mask, status);
-    if (ret == 0 && (flags & AT_EMPTY_PATH) != 0 && no_path(path))
-        preload_describe(dir, status);
-    return ret;
+    return preload_describe(CALL_NEXT(statx)(dir, own.path, flags, mask, status), dir, path, flags, status);
 }
 
 int __xstat(int, const char *path, struct stat *status)

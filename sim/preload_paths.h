@@ -10,8 +10,6 @@
 #include <cstddef>
 #include <fcntl.h>
 
-struct statx;
-
 constexpr size_t PRELOAD_PATH_LEN = 1024; // a longer path is the host's
 constexpr size_t PRELOAD_ROOT_LEN = 128;
 constexpr size_t PRELOAD_LIST_LEN = 16384; // of TIPCSIM_FILES
@@ -38,8 +36,6 @@ struct preload_own_s { // the path to call with, for the length of one call
 };
 
 preload_use_e preload_use_of(const char *mode);      // of fopen
-bool preload_known(int fd);                          // as in preload.h
-void preload_describe(int fd, struct statx *status); // as the kernel describes a socket (preload_others.cpp)
 const char *preload_shown(const preload_own_s &own); // the path that the program knows, of one that is the node's
 
 // Renames or links across file systems, by way of a copy: between a folder of the host and the node's. `flags` are

@@ -137,6 +137,31 @@ TEST_F(binds, the_address_of_a_socket_is_copied_as_far_as_there_is_room)
     }
 }
 
+TEST_F(binds, more_than_16384_names)
+{
+    EXPECT_EQ(on(1).ask("bindmany r " + type() + " 18000"), "18000 0");
+    on(2).ok(await(17999));
+    on(2).open_sender("s");
+    for (unsigned instance : {0U, 9000U, 17999U}) {
+        EXPECT_EQ(on(2).ask("send s " + name(instance) + " 5 10"), "10");
+        EXPECT_EQ(on(1).get("recv r wait=10000").num("num"), 5);
+    }
+    on(1).ok("close r");
+    on(2).ok(await(0, "gone"));
+    on(2).ok(await(17999, "gone"));
+}
+
+TEST_F(binds, a_name_does_not_change_what_poll_says)
+{
+    for (const char *kind : {"rdm", "dgram", "stream", "seqpacket"}) {
+        on(1).ok(std::string("open x ") + kind);
+        EXPECT_EQ(on(1).ask("poll x all"), "out") << kind;
+        on(1).ok("bind x " + name(50) + " 2");
+        EXPECT_EQ(on(1).ask("poll x all"), "out") << kind;
+        on(1).ok("close x");
+    }
+}
+
 TEST_F(binds, socket_takes_four_types_and_one_protocol)
 {
     for (const char *type : {"1", "2", "4", "5"}) {

@@ -73,6 +73,15 @@ TEST_F(descriptors, a_socket_on_its_way_to_another_process_lives)
     EXPECT_EQ(on(1).ask("send s " + name(1) + " 7 10"), "EHOSTUNREACH");
 }
 
+TEST_F(descriptors, however_it_is_closed_the_socket_ends_and_its_number_is_free)
+{
+    for (const char *how : {"range", "dup2", "stream"}) {
+        on(1).open_receiver("x", name(5));
+        EXPECT_EQ(on(1).ask(std::string("release x ") + how), "10") << "the other file is read";
+        EXPECT_EQ(on(1).ask("send s " + name(5) + " 5 10"), "EHOSTUNREACH") << how;
+    }
+}
+
 TEST_F(descriptors, a_pair_of_connections)
 {
     for (const char *kind : {"stream", "seqpacket"}) {

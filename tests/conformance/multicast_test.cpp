@@ -78,6 +78,15 @@ TEST_F(multicast, a_name_for_one_node_is_no_reason_to_send_to_that_node)
     expect_at({"w", "3"}, 22);
 }
 
+TEST_F(multicast, the_scope_of_the_address_is_not_looked_at)
+{
+    for (const char *scope : {"1", "2", "3"}) {
+        long num = 40 + *scope;
+        EXPECT_EQ(on(1).ask("send s " + range(0, 100) + " " + std::to_string(num) + " 10 scope=" + scope), "10");
+        expect_at({"a", "b", "w", "2", "3"}, num);
+    }
+}
+
 TEST_F(multicast, the_sender_gets_its_own)
 {
     send(1, 1, 2, 31, "a");

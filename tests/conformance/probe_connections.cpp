@@ -1,4 +1,4 @@
-// The probe's commands on connections: listen, accept, peer, shutdown, and bytes of a stream.
+// The probe's commands on connections and groups: listen, accept, peer, shutdown, bytes of a stream, join, leave.
 #include "probe_verbs.h"
 
 #include <algorithm>
@@ -129,8 +129,22 @@ static std::string read_all(const words &w)
     return str((long)got) + (intact ? " data=intact" : " data=damaged");
 }
 
+// join S TYPE INSTANCE SCOPE FLAGS [len=BYTES]: becomes a member of the group TYPE. leave S: no longer.
+static std::string join_group(const words &w)
+{
+    struct tipc_group_req request = {number(w.at(2)), number(w.at(3)), number(w.at(4)), number(w.at(5))};
+    socklen_t len = (socklen_t)option(w, "len", sizeof(request));
+    return result(setsockopt(sd_of(w), SOL_TIPC, TIPC_GROUP_JOIN, &request, len));
+}
+
+static std::string leave_group(const words &w)
+{
+    return result(setsockopt(sd_of(w), SOL_TIPC, TIPC_GROUP_LEAVE, nullptr, 0));
+}
+
 verb_table connection_verbs()
 {
-    return {{"listen", do_listen},     {"accept", do_accept},   {"peer", peer_address}, {"nonblock", set_nonblock},
-            {"shutdown", do_shutdown}, {"write", write_stream}, {"read", read_stream},  {"readall", read_all}};
+    return {{"join", join_group},   {"leave", leave_group},     {"listen", do_listen},     {"accept", do_accept},
+            {"peer", peer_address}, {"nonblock", set_nonblock}, {"shutdown", do_shutdown}, {"write", write_stream},
+            {"read", read_stream},  {"readall", read_all}};
 }

@@ -22,6 +22,30 @@ static std::string try_socket(const words &w)
     return "0";
 }
 
+// release S range|dup2|stream: closes it in another way than by close. Answers what a read of another file, which has
+// the descriptor's number now, gives.
+static std::string release(const words &w)
+{
+    int sd = sd_of(w);
+    keep(w[1], -1);
+    if (w.at(2) == "range") {
+        (void)close_range((unsigned)sd, (unsigned)sd, 0);
+    } else if (w[2] == "stream") {
+        FILE *file = fdopen(sd, "r");
+        if (file != nullptr)
+            (void)fclose(file);
+    }
+    int other = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+    if (other != sd)
+        (void)dup2(other, sd);
+    char data[10];
+    std::string text = result(read(sd, data, sizeof(data)));
+    (void)close(sd);
+    if (other != sd)
+        (void)close(other);
+    return text;
+}
+
 // pair S T TYPE [protocol=NUMBER]
 static std::string make_pair_of(const words &w)
 {
@@ -161,6 +185,6 @@ void read_after_exec()
 
 verb_table descriptor_verbs()
 {
-    return {{"socket", try_socket}, {"pair", make_pair_of}, {"dup", duplicate},      {"flags", descriptor_flags},
-            {"launch", launch},     {"land", land},         {"child", read_in_child}};
+    return {{"release", release},        {"socket", try_socket}, {"pair", make_pair_of}, {"dup", duplicate},
+            {"flags", descriptor_flags}, {"launch", launch},     {"land", land},         {"child", read_in_child}};
 }

@@ -77,6 +77,21 @@ static std::string bind_name(const words &w)
     return result(bind(sd_of(w), none ? nullptr : (struct sockaddr *)addr, len));
 }
 
+// bindmany S TYPE COUNT: the instances from 0 on. Answers how many it bound, and the last call's result.
+static std::string bind_many(const words &w)
+{
+    uint32_t count = number(w.at(3));
+    uint32_t bound = 0;
+    int ret = 0;
+    while (ret == 0 && bound < count) {
+        struct sockaddr_tipc addr = address("name:" + w.at(2) + ":" + str(bound));
+        addr.scope = TIPC_CLUSTER_SCOPE;
+        ret = bind(sd_of(w), (struct sockaddr *)&addr, sizeof(addr));
+        bound += ret == 0;
+    }
+    return str(bound) + " " + result(ret);
+}
+
 // name S [len=BYTES]
 static std::string own_address(const words &w)
 {
@@ -99,11 +114,13 @@ static std::string connect_to(const words &w)
     return result(connect(sd_of(w), none ? nullptr : (struct sockaddr *)addr, len));
 }
 
-// send S ADDR NUMBER LENGTH [dontwait] [count=MAX] [msg] [len=BYTES]: `count` sends more, numbered upwards, until one
-// fails; the answer is how many were sent and the last call's result. `msg` uses sendmsg and two pieces.
+// send S ADDR NUMBER LENGTH [dontwait] [count=MAX] [msg] [len=BYTES] [scope=SCOPE]: `count` sends more, numbered
+// upwards, until one fails; the answer is how many were sent and the last call's result. `msg` uses sendmsg and two
+// pieces.
 static std::string send_to(const words &w)
 {
     struct sockaddr_tipc addr[9] = {address(w.at(2))}; // room for the longest length that the kernel takes, and more
+    addr[0].scope = (signed char)option(w, "scope", 0);
     bool none = w[2] == "none";
     struct msghdr hdr;
     memset(&hdr, 0, sizeof(hdr));
@@ -155,8 +172,13 @@ static std::string ancillary(struct msghdr *hdr)
     return text;
 }
 
-// recv S [wait=MS] [buf=BYTES] [ctl=BYTES] [peek] [block] [plain]: first waits for something to read; `plain` is recv
-// without any address or control buffer, `block` reads without MSG_DONTWAIT.
+static std::string sender_text(const struct sockaddr_tipc &from)
+{
+    return from.family == AF_TIPC && from.addrtype == TIPC_ADDR_ID ? id_text(from.addr.id) : "odd";
+}
+
+// recv S [wait=MS] [buf=BYTES] [ctl=BYTES] [peek] [block] [plain] [member]: first waits for something to read; `plain`
+// is recv without any address or control buffer, `block` reads without MSG_DONTWAIT.
 std::string receive(const words &w)
 {
     int sd = sd_of(w);
@@ -170,12 +192,12 @@ std::string receive(const words &w)
         ssize_t got = recv(sd, data.data(), data.size(), flags);
         return got < 0 ? result(got) : str(got) + described(data.data(), (size_t)got, "");
     }
-    struct sockaddr_tipc from;
+    struct sockaddr_tipc from[2];
     struct iovec piece = {data.data(), data.size()};
     struct msghdr hdr;
     memset(&hdr, 0, sizeof(hdr));
-    hdr.msg_name = &from;
-    hdr.msg_namelen = sizeof(from);
+    hdr.msg_name = from;
+    hdr.msg_namelen = has(w, "member") ? sizeof(from) : sizeof(from[0]);
     hdr.msg_iov = &piece;
     hdr.msg_iovlen = 1;
     hdr.msg_control = control.empty() ? nullptr : control.data();
@@ -185,9 +207,13 @@ std::string receive(const words &w)
         return result(ret);
     std::string text = str(ret) + described(data.data(), (size_t)ret, "");
     if (hdr.msg_namelen != 0)
-        text += " from=" + (from.family == AF_TIPC && from.addrtype == TIPC_ADDR_ID ? id_text(from.addr.id) : "odd");
+        text += " from=" + sender_text(from[0]);
+    if (hdr.msg_namelen == sizeof(from) && has(w, "member"))
+        text += " member=" + str(from[1].addr.nameseq.type) + ":" + str(from[1].addr.nameseq.lower);
     text += " fromlen=" + str(hdr.msg_namelen);
     text += (hdr.msg_flags & MSG_TRUNC) != 0 ? " flag=trunc" : "";
+    text += (hdr.msg_flags & MSG_OOB) != 0 ? " flag=oob" : "";
+    text += (hdr.msg_flags & MSG_EOR) != 0 ? " flag=eor" : "";
     text += (hdr.msg_flags & MSG_CTRUNC) != 0 ? " flag=ctrunc" : "";
     return text + ancillary(&hdr);
 }
@@ -376,10 +402,11 @@ int main(int argc, char **)
     if (argc > 1)
         read_after_exec();
     verb_table verbs = {
-        {"open", open_socket},   {"close", close_socket}, {"bind", bind_name},      {"name", own_address},
-        {"connect", connect_to}, {"send", send_to},       {"recv", receive},        {"drain", drain},
-        {"poll", poll_once},     {"opt", sock_option},    {"subscribe", subscribe}, {"event", read_event},
-        {"await", await_name},   {"fork", fork_child},    {"endchild", end_child},  {"reset", reset},
+        {"open", open_socket}, {"close", close_socket}, {"bind", bind_name},  {"bindmany", bind_many},
+        {"name", own_address}, {"connect", connect_to}, {"send", send_to},    {"recv", receive},
+        {"drain", drain},      {"poll", poll_once},     {"opt", sock_option}, {"subscribe", subscribe},
+        {"event", read_event}, {"await", await_name},   {"fork", fork_child}, {"endchild", end_child},
+        {"reset", reset},
     };
     for (const verb_table &more : {connection_verbs(), call_verbs(), descriptor_verbs()})
         verbs.insert(more.begin(), more.end());
