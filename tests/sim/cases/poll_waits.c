@@ -220,7 +220,7 @@ static void both_ways(void)
     IS(epoll_ctl(set, EPOLL_CTL_ADD, ends[0], &event), 0);
     for (int i = 0; i < 2; i++)
         CHECK(pthread_create(&readers[i], NULL, read_all, &ends[i]) == 0);
-    for (int turn = 0; turn < 600; turn++) {
+    for (int turn = 0; turn < 150; turn++) {
         struct pollfd fds[2] = {{ends[0], POLLOUT, 0}, {pipes[0], POLLIN, 0}};
         fill(ends[0]);
         if (turn % 3 == 2)
