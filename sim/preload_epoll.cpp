@@ -217,6 +217,13 @@ static void wake_sleepers(const sim_self_t *self, uint32_t set, sim_socket_t *so
     self->wake(self->cluster, socket);
 }
 
+// Whether the kernel has refused a registration because the socket's descriptor is itself one of epoll: it may be in 500
+// sets, and these nested less deep than for a socket.
+static bool too_many(int epoll, int fd, int err)
+{
+    return err == ELOOP || (err == EINVAL && sys_epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr) == -ENOENT);
+}
+
 static int add_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, struct epoll_event *event)
 {
     const sim_self_t *self = preload_self();
@@ -232,7 +239,7 @@ static int add_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, stru
         publish(index, set, fd, socket, event);
     if (CALL_NEXT(epoll_ctl)(epoll, EPOLL_CTL_ADD, fd, &native) != 0) {
         withdraw(index, set);
-        return -1;
+        return too_many(epoll, fd, errno) ? preload_refuse("a TIPC socket in so many or so deep sets of epoll") : -1;
     }
     if (before != MAX_WATCHES) { // the old one was deleted past this library
         drop_watch(before, &old);
