@@ -217,8 +217,8 @@ static void wake_sleepers(const sim_self_t *self, uint32_t set, sim_socket_t *so
     self->wake(self->cluster, socket);
 }
 
-// Whether the kernel has refused a registration because the socket's descriptor is itself one of epoll: it may be in 500
-// sets, and these nested less deep than for a socket.
+// Whether the kernel has refused a registration because the socket's descriptor is itself one of epoll: it may be in
+// 500 sets, and these nested less deep than for a socket.
 static bool too_many(int epoll, int fd, int err)
 {
     return err == ELOOP || (err == EINVAL && sys_epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr) == -ENOENT);
