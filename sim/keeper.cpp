@@ -148,17 +148,41 @@ static int grow(sim_cluster_t *cluster, uint32_t area)
     return sim_area_grow(cluster->state, KEEPER_STATE, area);
 }
 
+static void forget(uint32_t slot)
+{
+    if (s_keeper.kept[slot] >= 0)
+        (void)close(s_keeper.kept[slot]);
+    s_keeper.kept[slot] = -1;
+}
+
+// Those of sockets that were closed stay until their slot is used again, or others need their numbers.
+static void forget_closed()
+{
+    sim_state_t *state = s_keeper.cluster.state;
+    uint32_t num = sim_load(&state->socket_num);
+    for (uint32_t slot = 0; slot < num; slot++) {
+        if (sim_load(&sim_socket_at(state, slot)->use) == SIM_SLOT_FREE)
+            forget(slot);
+    }
+}
+
 static int keep(uint32_t port, int fd)
 {
     if (fd < 0 || !sim_socket_is(fd))
         return -EINVAL;
-    if (fd >= s_keeper.limit)
+    uint32_t slot = sim_socket_slot(port);
+    forget(slot);
+    if (fd < s_keeper.limit)
+        return s_keeper.kept[slot] = fd;
+    forget_closed();
+    int lower = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (lower < 0 || lower >= s_keeper.limit) {
+        if (lower >= 0)
+            (void)close(lower);
         return -ENFILE;
-    int *at = &s_keeper.kept[sim_socket_slot(port)];
-    if (*at >= 0)
-        (void)close(*at);
-    *at = fd;
-    return fd;
+    }
+    (void)close(fd);
+    return s_keeper.kept[slot] = lower;
 }
 
 // What a client sent: its request, and a descriptor or -1. False when it is none of this cluster's.
