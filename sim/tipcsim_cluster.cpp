@@ -109,6 +109,8 @@ int cluster(options_t options)
     (void)signal(SIGALRM, on_alarm);
     (void)signal(SIGTERM, pass_on);
     (void)signal(SIGINT, pass_on);
+    if (signal(SIGHUP, pass_on) == SIG_IGN) // nohup
+        (void)signal(SIGHUP, SIG_IGN);
     (void)alarm((unsigned)options.timeout);
     int status = wait_for_command();
     tree_end();

@@ -127,10 +127,9 @@ static bool says_environment(const seen_t &seen, uint32_t *node)
     std::string environment = whole_file(of_process(seen.pid, "environ"));
     std::string cluster = variable(environment, "TIPCSIM_CLUSTER");
     std::string id = variable(environment, "TIPCSIM_NODE");
-    if (cluster.empty() || id.empty())
-        return false;
-    *node = cluster == g_cluster.dir ? (uint32_t)strtoul(id.c_str(), nullptr, 10) : NOBODY;
-    return true;
+    // With a cluster alone it is the command of one, or a program that somebody started to give it orders.
+    *node = cluster == g_cluster.dir && !id.empty() ? (uint32_t)strtoul(id.c_str(), nullptr, 10) : NOBODY;
+    return !cluster.empty();
 }
 
 static void find_out(seen_map_t *all, seen_t *seen, uint64_t id)
