@@ -241,6 +241,7 @@ TEST_P(ends, a_link_that_is_cut_ends_both_sides)
     EXPECT_EQ(on(2).ask("send c none 6 30"), "30");
     EXPECT_EQ(on(1).ask("poll a in wait=10000"), "in");
     EXPECT_EQ(on(2).ask("poll c in wait=10000"), "in");
+    on(1).ok("pair p q " + kind());
     cut_ = true;
     cut_between(1, 2);
     EXPECT_EQ(on(1).ask("poll a hup wait=20000"), "hup");
@@ -252,6 +253,8 @@ TEST_P(ends, a_link_that_is_cut_ends_both_sides)
     EXPECT_EQ(on(2).ask("recv c plain"), "ECONNRESET");
     on(2).ok("open d " + kind());
     EXPECT_EQ(on(2).ask("connect d " + id), "EHOSTUNREACH");
+    EXPECT_EQ(on(1).ask("send p none 8 30"), "30") << "a connection within the node stays";
+    EXPECT_EQ(on(1).get("recv q wait=10000").num("num"), 8);
 
     heal_between(1, 2);
     cut_ = false;

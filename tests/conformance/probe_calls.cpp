@@ -115,51 +115,61 @@ static std::string do_recvmmsg(const words &w)
     return text;
 }
 
-// fault S CALL ADDR: the call with a pointer to nowhere.
+// Where no memory is.
+static struct sockaddr *const NOWHERE = (struct sockaddr *)8;
+
+using fault_table = std::map<std::string, std::function<ssize_t(int sd, struct sockaddr *to)>>;
+
+static const socklen_t ADDRESS = sizeof(struct sockaddr_tipc);
+
+static fault_table message_faults()
+{
+    static char data[100];
+    static socklen_t len = ADDRESS;
+    return {
+        {"recv", [](int sd, struct sockaddr *) { return recv(sd, NOWHERE, 100, MSG_DONTWAIT); }},
+        {"recvmsg", [](int sd, struct sockaddr *) { return recvmsg(sd, (struct msghdr *)NOWHERE, MSG_DONTWAIT); }},
+        {"recvfrom",
+         [](int sd, struct sockaddr *) { return recvfrom(sd, data, sizeof(data), MSG_DONTWAIT, NOWHERE, &len); }},
+        {"recvfrom_len",
+         [](int sd, struct sockaddr *to) { return recvfrom(sd, data, sizeof(data), MSG_DONTWAIT, to, nullptr); }},
+        {"data", [](int sd, struct sockaddr *to) { return sendto(sd, NOWHERE, 10, 0, to, ADDRESS); }},
+        {"sendto", [](int sd, struct sockaddr *) { return sendto(sd, data, 1, 0, NOWHERE, ADDRESS); }},
+        {"sendmsg", [](int sd, struct sockaddr *) { return sendmsg(sd, (struct msghdr *)NOWHERE, 0); }},
+    };
+}
+
+static fault_table socket_faults()
+{
+    static int value;
+    static socklen_t len = sizeof(value);
+    static socklen_t name_len = ADDRESS;
+    return {
+        {"bind", [](int sd, struct sockaddr *) { return bind(sd, NOWHERE, ADDRESS); }},
+        {"bind_null", [](int sd, struct sockaddr *) { return bind(sd, nullptr, ADDRESS); }},
+        {"connect", [](int sd, struct sockaddr *) { return connect(sd, NOWHERE, ADDRESS); }},
+        {"name", [](int sd, struct sockaddr *) { return getsockname(sd, NOWHERE, &name_len); }},
+        {"name_len", [](int sd, struct sockaddr *to) { return getsockname(sd, to, nullptr); }},
+        {"setopt",
+         [](int sd, struct sockaddr *) { return setsockopt(sd, SOL_TIPC, TIPC_IMPORTANCE, NOWHERE, sizeof(value)); }},
+        {"getopt", [](int sd, struct sockaddr *) { return getsockopt(sd, SOL_TIPC, TIPC_IMPORTANCE, NOWHERE, &len); }},
+        {"getopt_len",
+         [](int sd, struct sockaddr *) { return getsockopt(sd, SOL_TIPC, TIPC_IMPORTANCE, &value, nullptr); }},
+        {"nodeid", [](int sd, struct sockaddr *) { return ioctl(sd, SIOCGETNODEID, NOWHERE); }},
+        {"linkname", [](int sd, struct sockaddr *) { return ioctl(sd, SIOCGETLINKNAME, NOWHERE); }},
+    };
+}
+
+// fault S CALL ADDR: the call with a pointer to nowhere, or none where one is needed.
 static std::string fault(const words &w)
 {
-    static struct sockaddr *const nowhere = (struct sockaddr *)8;
-    int sd = sd_of(w);
-    const std::string &call = w.at(2);
     struct sockaddr_tipc to = address(w.at(3));
-    struct sockaddr *addr = (struct sockaddr *)&to;
-    socklen_t len = sizeof(to);
-    char data[100] = "";
-    int value = 0;
-    socklen_t four = sizeof(value);
-    if (call == "recv")
-        return result(recv(sd, nowhere, 100, MSG_DONTWAIT));
-    if (call == "recvmsg")
-        return result(recvmsg(sd, (struct msghdr *)nowhere, MSG_DONTWAIT));
-    if (call == "recvfrom")
-        return result(recvfrom(sd, data, sizeof(data), MSG_DONTWAIT, nowhere, &len));
-    if (call == "recvfrom_len")
-        return result(recvfrom(sd, data, sizeof(data), MSG_DONTWAIT, addr, nullptr));
-    if (call == "data")
-        return result(sendto(sd, nowhere, 10, 0, addr, len));
-    if (call == "sendmsg")
-        return result(sendmsg(sd, (struct msghdr *)nowhere, 0));
-    if (call == "sendto")
-        return result(sendto(sd, data, 1, 0, nowhere, len));
-    if (call == "bind")
-        return result(bind(sd, nowhere, len));
-    if (call == "bind_null")
-        return result(bind(sd, nullptr, len));
-    if (call == "connect")
-        return result(connect(sd, nowhere, len));
-    if (call == "name")
-        return result(getsockname(sd, nowhere, &len));
-    if (call == "name_len")
-        return result(getsockname(sd, addr, nullptr));
-    if (call == "setopt")
-        return result(setsockopt(sd, SOL_TIPC, TIPC_IMPORTANCE, nowhere, four));
-    if (call == "getopt")
-        return result(getsockopt(sd, SOL_TIPC, TIPC_IMPORTANCE, nowhere, &four));
-    if (call == "getopt_len")
-        return result(getsockopt(sd, SOL_TIPC, TIPC_IMPORTANCE, &value, nullptr));
-    if (call == "nodeid")
-        return result(ioctl(sd, SIOCGETNODEID, nowhere));
-    return call == "linkname" ? result(ioctl(sd, SIOCGETLINKNAME, nowhere)) : "unknown";
+    for (const fault_table &table : {message_faults(), socket_faults()}) {
+        auto call = table.find(w.at(2));
+        if (call != table.end())
+            return result(call->second(sd_of(w), (struct sockaddr *)&to));
+    }
+    return "unknown";
 }
 
 // ioctl S NUMBER

@@ -217,16 +217,6 @@ TEST_P(seqpacket, a_blocked_send_ends_when_the_reader_closes)
     EXPECT_EQ(on(2).ask("recv c"), "EAGAIN");
 }
 
-TEST_P(seqpacket, a_connection_within_a_node_outlives_a_cut)
-{
-    join(1);
-    cluster::cut(1);
-    EXPECT_EQ(on(1).ask("send c none 7 30"), "30");
-    EXPECT_EQ(on(1).get("recv a wait=10000").num("num"), 7);
-    cluster::heal(1);
-    EXPECT_EQ(on(1).ask("poll a all"), "out");
-}
-
 TEST_P(seqpacket, a_node_that_fails_ends_its_connections)
 {
     join(2);
