@@ -85,7 +85,7 @@ static uint64_t limit_of(const sim_socket_t *socket, const sim_record_t *record)
     return (uint64_t)socket->rcvbuf << record->importance;
 }
 
-uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
+static uint32_t pass(const sim_self_t *self, sim_block_t *block)
 {
     sim_state_t *state = self->cluster->state;
     sim_record_t *record = &block->record;
@@ -106,6 +106,20 @@ uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
     return verdict == DONE ? (uint32_t)TIPC_OK : err;
 }
 
+uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
+{
+    sim_block_t *copy = sim_tap_copy(self, block);
+    uint32_t err = pass(self, block);
+    sim_tap_put(self, copy, err == TIPC_OK ? SIM_FATE_TAKEN : SIM_FATE_REFUSED, err);
+    return err;
+}
+
+void sim_lose(const sim_self_t *self, sim_block_t *block, sim_fate_e fate)
+{
+    sim_tap_put(self, sim_tap_copy(self, block), fate, TIPC_OK);
+    sim_block_free(self->cluster->state, block);
+}
+
 uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
 {
     sim_state_t *state = self->cluster->state;
@@ -114,7 +128,7 @@ uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
     sim_impaired_t how;
     bool cut = !sim_linked(state->cut, from, to);
     if (cut && !sim_linked(state->down, from, to)) {
-        sim_block_free(state, block);
+        sim_lose(self, block, SIM_FATE_CUT);
         return TIPC_OK; // on the wire, and lost with the link
     }
     if (!cut && (sim_load(&state->impaired_num) == 0 || !sim_impaired(state, from, to, &how)))
@@ -172,7 +186,7 @@ static void take_over(const sim_self_t *self, sim_socket_t *fresh, const sim_blo
     record.dst_port = fresh->port;
     sim_block_t *block = sim_message(self, &record, &part, 1);
     if (block != nullptr)
-        (void)sim_deliver_now(self, block);
+        (void)pass(self, block); // the recorder has had it with the SYN
 }
 
 bool sim_accept(const sim_self_t *self, sim_socket_t *listener, sim_socket_t *fresh)

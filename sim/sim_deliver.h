@@ -5,6 +5,7 @@
 
 #include "sim_names.h"
 #include "sim_socket.h"
+#include "sim_tap.h"
 
 constexpr uint32_t SIM_FLOW_BLOCK = 1024;  // bytes of a block of flow control
 constexpr uint32_t SIM_WINDOW_UNIT = 4096; // bytes of the receive buffer for a block of the window
@@ -15,6 +16,8 @@ constexpr uint32_t SIM_WINDOW_UNIT = 4096; // bytes of the receive buffer for a 
 uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block);
 // As sim_deliver, on a link that is in order, for the broker.
 uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block);
+// A message gets lost on a link.
+void sim_lose(const sim_self_t *self, sim_block_t *block, sim_fate_e fate);
 // Makes a block of a record and its data. Null without memory.
 sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, const struct iovec *data, size_t num);
 // Sends a message back that was refused or never read, with what it began with. Does nothing when it is droppable, or
