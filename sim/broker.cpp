@@ -1,399 +1,281 @@
-// The broker's loop: connections, processes that end, delayed messages, and the broker's own end after the last client.
+// The broker's loop: requests, processes that end, sockets that nobody holds, and the broker's own end after the last
+// client.
 #include "broker.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <fcntl.h>
 #include <ftw.h>
 #include <string>
-#include <sys/epoll.h>
 #include <sys/file.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include "sim_files.h"
 
 broker_t g_broker;
 
 constexpr int64_t LOOK_MS = 200;          // the interval of checks for what no descriptor reports
+constexpr uint32_t LOOK_SLOTS = 64;       // sockets per look: each costs a walk through all sockets' locks
 constexpr int64_t FIRST_CLIENT_MS = 5000; // ample: the process that starts the broker connects at once
+constexpr int LISTEN_TRIES = 1000;        // ms: the descriptors of a broker that was killed are closed one by one
 constexpr int EVENTS = 64;
-
-int64_t broker_now()
-{
-    struct timespec now;
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
 
 static void watch(int fd)
 {
     struct epoll_event wanted = {};
     wanted.events = EPOLLIN;
     wanted.data.fd = fd;
-    (void)epoll_ctl(g_broker.epoll, EPOLL_CTL_ADD, fd, &wanted);
+    (void)sys_epoll_ctl(g_broker.epoll, EPOLL_CTL_ADD, fd, &wanted);
 }
 
-static void watch_owner(int32_t pid)
+sim_socket_t *broker_socket(uint32_t type, uint32_t node)
 {
-    if (pid <= 0 || g_broker.owners.count(pid) != 0)
-        return;
-    // Fails when the process has ended; pass_time then checks its sockets.
-    int fd = (int)syscall(SYS_pidfd_open, pid, 0);
-    g_broker.owners[pid] = fd;
-    if (fd >= 0)
-        watch(fd);
+    sim_socket_t *socket = sim_socket_take(&g_broker.self, type, node, sys_getpid());
+    if (socket == nullptr)
+        return nullptr;
+    socket->served = 1;
+    socket->wake = g_broker.wake_there;
+    sim_socket_open(socket);
+    return socket;
 }
 
-static void drop_names(uint32_t port, member_t *member)
+static sim_socket_t *slot_in_use(uint32_t slot) // of a program; null otherwise
 {
-    for (auto it = member->ids.rbegin(); it != member->ids.rend(); ++it) // newest first, as the kernel does
-        topology_remove(port, *it);
-    member->ids.clear();
+    sim_socket_t *socket = sim_socket_at(broker_state(), slot);
+    return sim_load(&socket->use) == SIM_SLOT_OPEN && socket->served == 0 ? socket : nullptr;
 }
 
-static void return_unread(void *arg, const sim_record_t *record, const uint8_t *data)
+static bool held(const sim_socket_t *socket)
 {
-    const sim_socket_t *socket = (const sim_socket_t *)arg;
-    const sim_state_t *state = g_broker.cluster.state;
-    sim_queue_t sender;
-    if (record->err != TIPC_OK || !sim_linked(state->cut, socket->node, record->src_index))
-        return;
-    if (sim_queue_open(&sender, g_broker.cluster.dir, record->src_port) != 0)
-        return;
-    sim_queue_return(&sender, g_broker.cluster.dir, g_broker.notify_fd, record, data, TIPC_ERR_NO_PORT, socket->port,
-                     state->nodes[socket->node]);
-    sim_queue_unmap(&sender);
+    return sim_socket_held(broker_state(), g_broker.look_fd, socket->port);
 }
 
-// Closes a socket whose processes ended without closing it, as the kernel would.
-static void close_socket(uint32_t port)
+static void close_socket(sim_socket_t *socket)
 {
-    sim_queue_t queue;
-    if (sim_queue_open(&queue, g_broker.cluster.dir, port) == 0) {
-        sim_queue_close(&queue, return_unread, queue.socket);
-        sim_queue_unmap(&queue);
-    }
-    sim_queue_remove(g_broker.cluster.dir, port);
+    (void)names_unbind(socket->port, nullptr);
+    sim_socket_close(&g_broker.self, socket, true);
+    g_broker.check_end = true;
 }
 
-template <typename which_t>
-static void close_abandoned(which_t which)
+// The sockets that a process made, and what it began with others.
+static void close_sockets_of(int32_t pid, uint32_t owner)
 {
-    for (auto it = g_broker.members.begin(); it != g_broker.members.end();) {
-        uint32_t port = it->first;
-        if (!which(it->second) || !sim_queue_abandoned(g_broker.cluster.dir, port)) {
-            ++it;
-            continue;
+    std::vector<sim_socket_t *> found;
+    uint32_t num = sim_load(&broker_state()->socket_num);
+    for (uint32_t slot = 0; slot < num; slot++) {
+        sim_socket_t *socket = sim_socket_at(broker_state(), slot);
+        if (sim_use_owner(sim_load(&socket->use)) == owner) {
+            (void)names_unbind(socket->port, nullptr);
+            sim_socket_inherit(&g_broker.self, socket, owner);
+        } else if (slot_in_use(slot) != nullptr && socket->pid == pid && !held(socket)) {
+            found.push_back(socket);
         }
-        drop_names(port, &it->second);
-        close_socket(port);
-        it = g_broker.members.erase(it);
+    }
+    std::sort(found.begin(), found.end(), [](auto *a, auto *b) { return a->port < b->port; }); // oldest first
+    for (sim_socket_t *socket : found)
+        close_socket(socket);
+}
+
+// A process that was killed between putting a message into a queue and waking the receiver has left that to us.
+static void wake_readers()
+{
+    uint32_t num = sim_load(&broker_state()->socket_num);
+    for (uint32_t slot = 0; slot < num; slot++) {
+        sim_socket_t *socket = slot_in_use(slot);
+        if (socket == nullptr || sim_queue_empty(broker_state(), socket))
+            continue;
+        sim_store(&socket->woken, 0U);
+        sim_socket_notify(&g_broker.self, socket);
     }
 }
 
-static void owner_ended(int fd)
+static void process_gone(uint32_t entry)
 {
-    auto it =
-        std::find_if(g_broker.owners.begin(), g_broker.owners.end(), [fd](const auto &o) { return o.second == fd; });
-    if (it == g_broker.owners.end())
+    sim_process_t *process = &broker_state()->processes[entry];
+    uint32_t owner = entry + 1;
+    close_sockets_of(process->pid, owner);
+    sim_blocks_reclaim(broker_state(), owner);
+    process->start = 0;
+    sim_store(&process->pid, 0);
+    wake_readers();
+    g_broker.check_end = true;
+}
+
+// `pid`: as this process knows it, which may differ from what the process itself knows.
+static bool watch_process(uint32_t entry, int32_t pid)
+{
+    int fd = (int)sys_call(SYS_pidfd_open, pid, 0);
+    if (fd < 0)
+        return fd != -ESRCH;
+    g_broker.processes[fd] = entry;
+    (void)g_broker.watched.insert(entry);
+    watch(fd);
+    return true;
+}
+
+// Processes that have not told of themselves: a broker before may have been told. A process tells a moment after it has
+// entered; what is missing at two looks is gone.
+static void look_for_processes(bool at_once)
+{
+    for (uint32_t entry = 0; entry < SIM_MAX_PROCESSES; entry++) {
+        sim_process_t *process = &broker_state()->processes[entry];
+        int32_t pid = sim_load(&process->pid);
+        if (pid == 0 || entry + 1 == g_broker.self.owner || g_broker.watched.count(entry) != 0)
+            continue;
+        uint64_t start = sim_load(&process->start);
+        bool same = start == 0 || start == sim_process_start(pid);
+        if (same && watch_process(entry, pid))
+            (void)g_broker.missing.erase(entry);
+        else if (at_once || !g_broker.missing.insert(entry).second)
+            process_gone(entry);
+    }
+}
+
+static void process_ended(int fd)
+{
+    auto it = g_broker.processes.find(fd);
+    struct pollfd ended = {fd, POLLIN, 0};
+    if (it == g_broker.processes.end() || poll(&ended, 1, 0) <= 0)
         return;
-    int32_t pid = it->first;
+    uint32_t entry = it->second;
     (void)close(fd);
-    g_broker.owners.erase(it);
-    close_abandoned([pid](const member_t &member) { return member.pid == pid; });
+    g_broker.processes.erase(it);
+    (void)g_broker.watched.erase(entry);
+    (void)g_broker.missing.erase(entry);
+    process_gone(entry);
 }
 
-// Publishes and withdraws names until the name table holds those that the socket's file lists.
-static int sync_socket(uint32_t port)
+static int hello(int from, int32_t pid)
 {
-    sim_queue_t queue;
-    int ret = sim_queue_open(&queue, g_broker.cluster.dir, port);
-    if (ret != 0)
-        return ret;
-    std::vector<sim_name_t> names;
-    uint32_t node = queue.socket->node;
-    int32_t pid = queue.socket->pid;
-    {
-        sim_guard_s guard(&queue.socket->mutex);
-        names.assign(queue.socket->names, queue.socket->names + std::min(queue.socket->name_num, SIM_MAX_BINDINGS));
-    }
-    sim_queue_unmap(&queue);
-    if (node >= SIM_MAX_NODES)
-        return -EINVAL;
-    member_t &member = g_broker.members[port];
-    member.pid = pid;
-    member.node = node;
-    watch_owner(pid);
-    std::vector<uint32_t> gone;
-    for (uint32_t id : member.ids) {
-        if (std::none_of(names.begin(), names.end(), [id](const sim_name_t &n) { return n.id == id; }))
-            gone.push_back(id);
-    }
-    for (auto it = gone.rbegin(); it != gone.rend(); ++it) {
-        topology_remove(port, *it);
-        member.ids.erase(*it);
-    }
-    for (const sim_name_t &name : names) {
-        if (member.ids.insert(name.id).second)
-            topology_add(&name);
-    }
-    return 0;
-}
-
-static int socket_gone(uint32_t port)
-{
-    auto it = g_broker.members.find(port);
-    if (it == g_broker.members.end())
+    struct ucred peer = {};
+    socklen_t len = sizeof(peer);
+    if (getsockopt(from, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0)
         return 0;
-    drop_names(port, &it->second);
-    g_broker.members.erase(it);
+    for (uint32_t entry = 0; pid != 0 && entry < SIM_MAX_PROCESSES; entry++) {
+        if (sim_load(&broker_state()->processes[entry].pid) == pid && g_broker.watched.count(entry) == 0)
+            (void)watch_process(entry, peer.pid);
+    }
     return 0;
 }
 
-static void put(const delayed_t &message)
+static int released(uint32_t port)
 {
-    sim_state_t *state = g_broker.cluster.state;
-    sim_record_t record = message.record;
-    struct iovec part = {const_cast<uint8_t *>(message.data.data()), message.data.size()};
-    uint32_t err = TIPC_ERR_NO_PORT;
-    sim_queue_t queue;
-    if (sim_queue_open(&queue, g_broker.cluster.dir, message.port) == 0) {
-        err = sim_queue_put(&queue, g_broker.cluster.dir, g_broker.notify_fd, &record, &part, 1);
-        sim_queue_unmap(&queue);
-    }
-    if (err == TIPC_OK || sim_queue_open(&queue, g_broker.cluster.dir, record.src_port) != 0)
-        return;
-    sim_queue_return(&queue, g_broker.cluster.dir, g_broker.notify_fd, &record, message.data.data(), err, message.port,
-                     state->nodes[message.by_node]);
-    sim_queue_unmap(&queue);
-}
-
-// A cut link keeps its messages until it is lost.
-static void deliver(const delayed_t &message)
-{
-    const sim_state_t *state = g_broker.cluster.state;
-    if (sim_linked(state->cut, message.record.src_index, message.by_node))
-        put(message);
-    else if (sim_linked(state->down, message.record.src_index, message.by_node))
-        g_broker.held.push_back(message);
-}
-
-// Delivers the messages that are held for links between `a` and `b`, or with `put_them` false drops them.
-static void end_hold(uint32_t a, uint32_t b, bool put_them)
-{
-    std::vector<delayed_t> kept;
-    for (delayed_t &message : g_broker.held) {
-        uint32_t from = message.record.src_index;
-        uint32_t to = message.by_node;
-        bool same = (from == a && (b == SIM_ANY_NODE || to == b)) || (to == a && (b == SIM_ANY_NODE || from == b));
-        if (!same)
-            kept.push_back(std::move(message));
-        else if (put_them)
-            put(message);
-    }
-    g_broker.held.swap(kept);
-}
-
-static void lose_links(uint32_t a, uint32_t b)
-{
-    end_hold(a, b, false);
-    topology_links(a, b, true);
-}
-
-static int take_delayed(const sim_request_t &request, const uint8_t *bytes, size_t len)
-{
-    delayed_t message;
-    if (len < sizeof(message.record) || request.b >= SIM_MAX_NODES)
-        return -EINVAL;
-    memcpy(&message.record, bytes, sizeof(message.record));
-    len -= sizeof(message.record);
-    if (message.record.len != len || len > SIM_MAX_DATA || message.record.src_index >= SIM_MAX_NODES)
-        return -EINVAL;
-    message.port = request.a;
-    message.by_node = request.b;
-    message.data.assign(bytes + sizeof(message.record), bytes + sizeof(message.record) + len);
-    uint32_t ms = sim_delay_of(g_broker.cluster.state, message.record.src_index, message.by_node);
-    if (ms == 0)
-        deliver(message);
-    else
-        g_broker.delayed.emplace(broker_now() + ms, std::move(message));
+    sim_socket_t *socket = sim_socket_of(broker_state(), port);
+    if (socket != nullptr && socket->served == 0 && !held(socket))
+        close_socket(socket);
     return 0;
-}
-
-static int set_delay(uint32_t a, uint32_t b, uint32_t ms)
-{
-    sim_state_t *state = g_broker.cluster.state;
-    for (auto &entry : g_broker.delayed) // at once: messages sent under the new delay must not overtake them
-        deliver(entry.second);
-    g_broker.delayed.clear();
-    sim_guard_s guard(&state->mutex);
-    uint32_t kept = 0;
-    for (uint32_t i = 0; i < state->delay_num; i++) {
-        if (state->delays[i].a != a || state->delays[i].b != b)
-            state->delays[kept++] = state->delays[i];
-    }
-    if (ms != 0 && kept == SIM_MAX_DELAYS)
-        return -ENOSPC;
-    if (ms != 0)
-        state->delays[kept++] = {a, b, ms};
-    __atomic_store_n(&state->delay_num, kept, __ATOMIC_RELAXED);
-    return 0;
-}
-
-static void cut(uint32_t a, uint32_t b, bool at_once)
-{
-    sim_state_t *state = g_broker.cluster.state;
-    {
-        sim_guard_s guard(&state->mutex);
-        sim_break(state->cut, a, b, true);
-    }
-    if (at_once || state->tolerance == 0)
-        lose_links(a, b);
-    else
-        g_broker.breaking.emplace(broker_now() + state->tolerance, std::make_pair(a, b));
-}
-
-static void heal(uint32_t a, uint32_t b)
-{
-    sim_state_t *state = g_broker.cluster.state;
-    for (auto it = g_broker.breaking.begin(); it != g_broker.breaking.end();) {
-        auto [from, to] = it->second;
-        bool same = (from == a && (b == SIM_ANY_NODE || to == b)) || (to == a && (b == SIM_ANY_NODE || from == b));
-        it = same ? g_broker.breaking.erase(it) : std::next(it);
-    }
-    end_hold(a, b, true); // before the link takes new messages, so that they stay in order
-    {
-        sim_guard_s guard(&state->mutex);
-        sim_break(state->cut, a, b, false);
-    }
-    topology_links(a, b, false);
 }
 
 static uint32_t index_of(uint32_t node)
 {
-    return node == SIM_ANY_NODE ? SIM_ANY_NODE : sim_node_index(g_broker.cluster.state, node);
+    return node == SIM_ANY_NODE ? SIM_ANY_NODE : sim_node_index(broker_state(), node);
 }
 
-static void drop_topology(uint32_t node)
+static int serve_names(const sim_request_t *request, const uint8_t *more, size_t len)
 {
-    for (auto &entry : g_broker.conns) {
-        if (entry.second.kind == CONN_TOPOLOGY && (node == SIM_ANY_NODE || entry.second.node == index_of(node)))
-            (void)shutdown(entry.first, SHUT_RDWR); // read_conn then closes it as if the client had
-    }
+    sim_name_t name;
+    if (len != sizeof(name))
+        return -EINVAL;
+    memcpy(&name, more, sizeof(name));
+    return request->op == SIM_BIND ? names_bind(request->a, &name) : names_unbind(request->a, &name);
 }
 
-static int serve(conn_t *conn, const sim_request_t &request, const uint8_t *more, size_t len)
+static int impair(const uint8_t *more, size_t len)
 {
-    switch (request.op) {
-    case SIM_TOPOLOGY:
-        conn->node = index_of(request.node);
-        return conn->node == SIM_ANY_NODE ? -ENOSPC : 0;
-    case SIM_SYNC:
-        return sync_socket(request.a);
-    case SIM_GONE:
-        return socket_gone(request.a);
-    case SIM_DELIVER:
-        return take_delayed(request, more, len);
-    case SIM_DROP:
-        drop_topology(request.a);
-        return 0;
-    case SIM_DELAY:
-        return set_delay(index_of(request.a), index_of(request.b), request.value);
+    sim_impaired_t how;
+    if (len != sizeof(how))
+        return -EINVAL;
+    memcpy(&how, more, sizeof(how));
+    how.a = index_of(how.a);
+    how.b = index_of(how.b);
+    return links_impair(&how);
+}
+
+static int serve(int from, const sim_request_t *request, const uint8_t *more, size_t len)
+{
+    switch (request->op) {
+    case SIM_HELLO:
+        return hello(from, (int32_t)request->a);
+    case SIM_OPENED:
+        return sim_socket_of(broker_state(), request->a) != nullptr ? 0 : -EINVAL;
+    case SIM_BIND:
+    case SIM_UNBIND:
+        return serve_names(request, more, len);
+    case SIM_RELEASED:
+        return released(request->a);
+    case SIM_IMPAIR:
+        return impair(more, len);
     case SIM_CUT:
+        return links_cut(index_of(request->a), index_of(request->b), request->value);
     case SIM_HEAL:
-        if (index_of(request.a) == SIM_ANY_NODE)
-            return -EINVAL;
-        if (request.op == SIM_CUT)
-            cut(index_of(request.a), index_of(request.b), request.value != 0);
-        else
-            heal(index_of(request.a), index_of(request.b));
+        return links_heal(index_of(request->a), index_of(request->b));
+    case SIM_NODE_DOWN:
+        return links_cut(index_of(request->a), SIM_ANY_NODE, SIM_CUT_AT_ONCE);
+    case SIM_DROP:
+        topology_drop(index_of(request->a));
         return 0;
     default:
         return -EINVAL;
     }
 }
 
-static void close_conn(int fd)
-{
-    g_broker.conns.erase(fd);
-    (void)close(fd);
-}
-
-static bool answer_request(conn_t *conn, const uint8_t *bytes, ssize_t len)
+// False when it is no request of this cluster.
+static bool answer(int fd, const uint8_t *bytes, ssize_t len)
 {
     sim_request_t request;
     if (len < (ssize_t)sizeof(request))
         return false;
     memcpy(&request, bytes, sizeof(request));
-    if (request.magic != SIM_MAGIC)
+    if (request.magic != SIM_MAGIC || memcmp(request.secret, broker_state()->secret, sizeof(request.secret)) != 0)
         return false;
-    sim_reply_t reply = {SIM_MAGIC, serve(conn, request, bytes + sizeof(request), (size_t)len - sizeof(request))};
-    conn->kind = request.op == SIM_TOPOLOGY && reply.result == 0 ? CONN_TOPOLOGY : CONN_CONTROL;
-    return send(conn->fd, &reply, sizeof(reply), MSG_DONTWAIT | MSG_NOSIGNAL) == (ssize_t)sizeof(reply);
-}
-
-static bool at_end(int fd)
-{
-    char byte;
-    return recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
+    sim_reply_t reply = {SIM_MAGIC, serve(fd, &request, bytes + sizeof(request), (size_t)len - sizeof(request))};
+    (void)send(fd, &reply, sizeof(reply), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return true;
 }
 
 static void read_conn(int fd)
 {
-    static uint8_t s_bytes[SIM_MAX_DATA + 4096];
-    auto it = g_broker.conns.find(fd);
-    if (it == g_broker.conns.end())
+    uint8_t bytes[512];
+    ssize_t len = sys_call(SYS_recvfrom, fd, bytes, sizeof(bytes), MSG_DONTWAIT | MSG_TRUNC, nullptr, nullptr);
+    if (len == -EAGAIN || len == -EINTR)
         return;
-    conn_t *conn = &it->second;
-    struct iovec part = {s_bytes, sizeof(s_bytes)};
-    struct msghdr msg = {};
-    msg.msg_iov = &part;
-    msg.msg_iovlen = 1;
-    ssize_t len = recvmsg(fd, &msg, MSG_DONTWAIT);
-    if (len < 0 && (errno == EAGAIN || errno == EINTR))
-        return;
-    if (len == 0 && conn->kind == CONN_TOPOLOGY && !at_end(fd))
-        return; // an empty message is not the end of the connection, and no request
-    if (len <= 0)
-        return close_conn(fd);
-    if (conn->kind == CONN_TOPOLOGY)
-        return topology_request(conn, s_bytes, len);
-    if (answer_request(conn, s_bytes, len))
-        return;
-    fprintf(stderr, "tipcsim: broker: %zd bytes that are no request: connection closed\n", len);
-    close_conn(fd);
+    if (len > (ssize_t)sizeof(bytes) || !answer(fd, bytes, len))
+        fprintf(stderr, "tipcsim: broker: %zd bytes that are no request: connection closed\n", len);
+    g_broker.conns.erase(fd);
+    (void)close(fd);
+    g_broker.check_end = true;
 }
 
 static void accept_conn()
 {
     int fd = accept4(g_broker.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0)
+    if (fd < 0) {
+        if (errno == EMFILE || errno == ENFILE)
+            (void)usleep(1000); // until one of the connections has been served
         return;
+    }
     g_broker.awaited = 0;
-    conn_t conn = {};
-    conn.fd = fd;
-    conn.kind = CONN_NEW;
-    g_broker.conns.emplace(fd, std::move(conn));
+    g_broker.conns.insert(fd);
     watch(fd);
 }
 
-static void adopt(const std::string &name)
+// All sockets of the broker share the descriptor. It is emptied first, then each socket asks for a new wake-up, then
+// they are read: what comes meanwhile is read now or wakes the broker again.
+static void read_served()
 {
-    uint32_t port = (uint32_t)strtoul(name.c_str() + 2, nullptr, 10);
-    if (sim_queue_abandoned(g_broker.cluster.dir, port))
-        close_socket(port);
-    else
-        (void)sync_socket(port);
+    uint64_t times = 0;
+    (void)sys_call(SYS_read, g_broker.wake, &times, sizeof(times));
+    uint32_t num = sim_load(&broker_state()->socket_num);
+    for (uint32_t slot = 0; slot < num; slot++) {
+        sim_socket_t *socket = sim_socket_at(broker_state(), slot);
+        if (socket->served != 0 && sim_load(&socket->woken) != 0)
+            sim_store(&socket->woken, 0U);
+    }
+    links_read();
+    topology_read();
 }
 
 // Whether any file whose name begins with `prefix` is locked. The others are removed.
@@ -411,6 +293,17 @@ static bool locked(const char *prefix)
             (void)close(fd);
     });
     return any;
+}
+
+static bool sockets_open()
+{
+    uint32_t num = sim_load(&broker_state()->socket_num);
+    for (uint32_t slot = 0; slot < num; slot++) {
+        const sim_socket_t *socket = sim_socket_at(broker_state(), slot);
+        if (sim_load(&socket->use) != SIM_SLOT_FREE && socket->served == 0)
+            return true;
+    }
+    return false;
 }
 
 static int remove_entry(const char *path, const struct stat * /*status*/, int /*type*/, struct FTW *at)
@@ -434,54 +327,62 @@ static void remove_cluster(const char *dir)
 // processes from joining between the check and the removal.
 static bool ended()
 {
-    if (!g_broker.conns.empty() || !g_broker.members.empty() || broker_now() < g_broker.awaited)
+    if (!g_broker.check_end || !g_broker.conns.empty() || sys_now() < g_broker.awaited || sockets_open())
         return false;
+    g_broker.check_end = false;
     int lock = sim_cluster_lock(g_broker.cluster.dir);
     if (lock < 0)
         return lock == -ENOENT;
-    bool used = locked("p.") || locked("keep");
-    sim_each_file(g_broker.cluster.dir, "s.", [&used](const std::string &name) {
-        adopt(name);
-        used = used || !g_broker.members.empty();
-    });
+    bool used = locked("p.");
+    used = locked("keep") || used || sockets_open();
     struct epoll_event ready;
-    used = used || epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // a client is connecting
-    if (!used)
+    used = used || sys_epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // a client is connecting
+    if (!used) {
+        keeper_end(&g_broker.cluster);
         remove_cluster(g_broker.cluster.dir);
+    }
     (void)close(lock);
     return !used;
 }
 
+static void look()
+{
+    look_for_processes(false);
+    names_check();
+    uint32_t num = sim_load(&broker_state()->socket_num);
+    for (uint32_t i = 0; i < LOOK_SLOTS && i < num; i++) {
+        uint32_t slot = (g_broker.next_slot + i) % num;
+        sim_socket_t *socket = slot_in_use(slot);
+        if (socket != nullptr && !held(socket))
+            close_socket(socket);
+    }
+    g_broker.next_slot = num != 0 ? (g_broker.next_slot + LOOK_SLOTS) % num : 0;
+    g_broker.check_end = true;
+}
+
+static void look_for_nodes()
+{
+    uint32_t num = sim_load(&broker_state()->node_num);
+    for (; g_broker.node_num < num; g_broker.node_num++) {
+        links_node(g_broker.node_num);
+        topology_node(g_broker.node_num);
+    }
+}
+
 static void pass_time(int64_t now)
 {
-    while (!g_broker.delayed.empty() && g_broker.delayed.begin()->first <= now) {
-        delayed_t message = std::move(g_broker.delayed.begin()->second);
-        g_broker.delayed.erase(g_broker.delayed.begin());
-        deliver(message);
-    }
-    while (!g_broker.breaking.empty() && g_broker.breaking.begin()->first <= now) {
-        auto [a, b] = g_broker.breaking.begin()->second;
-        g_broker.breaking.erase(g_broker.breaking.begin());
-        lose_links(a, b);
-    }
+    links_time(now);
     topology_time(now);
-    if (now >= g_broker.next_look) {
-        g_broker.next_look = now + LOOK_MS;
-        // Those whose maker ended before it could be watched, or closed the socket while another process holds it.
-        close_abandoned([](const member_t &member) {
-            auto owner = g_broker.owners.find(member.pid);
-            return owner == g_broker.owners.end() || owner->second < 0;
-        });
-    }
+    look_for_nodes();
+    if (now < g_broker.next_look)
+        return;
+    g_broker.next_look = now + LOOK_MS;
+    look();
 }
 
 static int wait_ms(int64_t now)
 {
-    int64_t until = std::min(topology_deadline(), g_broker.next_look);
-    if (!g_broker.delayed.empty())
-        until = std::min(until, g_broker.delayed.begin()->first);
-    if (!g_broker.breaking.empty())
-        until = std::min(until, g_broker.breaking.begin()->first);
+    int64_t until = std::min({topology_deadline(), links_deadline(), g_broker.next_look});
     return until <= now ? 0 : (int)std::min<int64_t>(until - now, LOOK_MS);
 }
 
@@ -489,34 +390,36 @@ static void loop()
 {
     while (!ended()) {
         struct epoll_event ready[EVENTS];
-        int num = epoll_wait(g_broker.epoll, ready, EVENTS, wait_ms(broker_now()));
+        int num = sys_epoll_wait(g_broker.epoll, ready, EVENTS, wait_ms(sys_now()));
         for (int i = 0; i < num; i++) {
             int fd = ready[i].data.fd;
-            auto conn = g_broker.conns.find(fd);
             if (fd == g_broker.listener)
                 accept_conn();
-            else if (conn == g_broker.conns.end())
-                owner_ended(fd);
-            else if ((ready[i].events & EPOLLOUT) != 0)
-                topology_flush(&conn->second);
-            if ((ready[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0)
+            else if (fd == g_broker.wake)
+                read_served();
+            else if (g_broker.conns.count(fd) != 0)
                 read_conn(fd);
+            else
+                process_ended(fd);
         }
-        pass_time(broker_now());
+        pass_time(sys_now());
     }
 }
 
-static int listen_at(const char *dir)
+static int listen_at(const sim_state_t *state)
 {
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (!sim_cluster_path(dir, "broker", addr.sun_path, sizeof(addr.sun_path)))
-        return -ENAMETOOLONG;
+    struct sockaddr_un addr;
+    socklen_t len = 0;
+    sim_address(state, false, &addr, &len);
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    (void)unlink(addr.sun_path); // left by a broker that was killed
-    if (fd < 0 || bind(fd, (struct sockaddr *)&addr, sizeof(addr)) != 0 || listen(fd, 1024) != 0)
-        return -errno;
-    return fd;
+    for (int tries = 0; fd >= 0; tries++) {
+        if (bind(fd, (const struct sockaddr *)&addr, len) == 0)
+            return listen(fd, 4096) == 0 ? fd : -errno;
+        if (errno != EADDRINUSE || tries == LISTEN_TRIES)
+            break;
+        (void)usleep(1000);
+    }
+    return -errno;
 }
 
 // Locks broker.pid; the lock is held as long as the broker runs. False when another broker holds it.
@@ -547,38 +450,76 @@ static void go_to_background(const char *dir)
         write_pid(dir, pid);
         _exit(pid < 0 ? 1 : 0);
     }
-    (void)setsid();
-    int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    (void)dup2(null, STDIN_FILENO);
-    (void)dup2(null, STDOUT_FILENO);
-    if (getenv("TIPCSIM_DEBUG") == nullptr)
-        (void)dup2(null, STDERR_FILENO);
-    (void)!chdir("/");
+    process_to_background();
 }
 
-// Makes this process the broker of the cluster, in the background. It listens, and its pid is written, before the
-// cluster's lock is released: whoever finds that there is a broker can connect to it and stop it. 0, or 1 after an
-// error; -1 when there is one already.
+static int fail(const char *dir, const char *what, int ret)
+{
+    fprintf(stderr, "tipcsim: cluster %s: %s: %s\n", dir, what, strerror(-ret));
+    return 1;
+}
+
+// Makes this process the broker of the cluster, in the background. It listens, its pid is written, and there is a
+// keeper, before the cluster's lock is released: whoever finds that there is a broker can connect to it and stop it. 0,
+// or 1 after an error; -1 when there is one already.
 static int take_cluster(const char *dir)
 {
     const char *why = "";
     int lock = sim_cluster_join(&g_broker.cluster, dir, &why);
-    if (lock < 0) {
-        fprintf(stderr, "tipcsim: cluster %s: %s: %s\n", dir, why, strerror(-lock));
-        return 1;
-    }
+    if (lock < 0)
+        return fail(dir, why, lock);
     if (!only_one(dir)) {
         (void)close(lock);
         return -1;
     }
-    g_broker.listener = listen_at(dir);
-    if (g_broker.listener < 0) {
-        fprintf(stderr, "tipcsim: cluster %s: cannot listen: %s\n", dir, strerror(-g_broker.listener));
-        return 1;
-    }
+    int ret = keeper_start(&g_broker.cluster);
+    if (ret != 0)
+        return fail(dir, "cannot start its keeper", ret);
+    g_broker.listener = listen_at(g_broker.cluster.state);
+    if (g_broker.listener < 0)
+        return fail(dir, "cannot listen", g_broker.listener);
     go_to_background(dir);
     (void)close(lock); // the starter's copy is closed when it ends
     return 0;
+}
+
+// The broker's sockets wake it by a descriptor in the keeper, as all others do.
+static bool begin()
+{
+    sim_state_t *state = broker_state();
+    g_broker.self = {&g_broker.cluster, 0, sim_keeper_grow, sim_keeper_wake};
+    g_broker.self.owner = (uint32_t)sim_process_enter(state, sys_getpid(), 0) + 1;
+    sim_store(&state->broker, (int32_t)sys_getpid());
+    g_broker.wake_there = -1;
+    g_broker.epoll = epoll_create1(EPOLL_CLOEXEC);
+    g_broker.look_fd = epoll_create1(EPOLL_CLOEXEC);
+    g_broker.wake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    (void)sys_fcntl(g_broker.wake, F_SETSIG, SIM_MARK);
+    keeper_end_served(&g_broker.self, 0, sys_getpid());
+    links_begin();
+    sim_socket_t *wire = sim_socket_of(state, sim_load(&state->wire));
+    g_broker.wake_there = wire != nullptr ? sim_ask_keeper(&g_broker.cluster, SIM_KEEP, wire->port, g_broker.wake) : -1;
+    if (g_broker.wake_there < 0)
+        return false;
+    sim_store(&wire->wake, g_broker.wake_there);
+    names_adopt();
+    look_for_processes(true);
+    return topology_begin();
+}
+
+// Makes what a broker before left consistent: it may have been killed at any place.
+static void finish_last()
+{
+    uint32_t num = sim_load(&broker_state()->socket_num);
+    for (uint32_t slot = 0; slot < num; slot++) {
+        sim_socket_t *socket = sim_socket_at(broker_state(), slot);
+        uint32_t owner = sim_use_owner(sim_load(&socket->use));
+        if (owner != 0 && sim_load(&broker_state()->processes[owner - 1].pid) == 0)
+            sim_socket_inherit(&g_broker.self, socket, owner);
+        else if (slot_in_use(slot) != nullptr && !held(socket))
+            close_socket(socket);
+    }
+    wake_readers();
 }
 
 int broker_main(const char *dir, bool if_none)
@@ -589,22 +530,14 @@ int broker_main(const char *dir, bool if_none)
         fprintf(stderr, "tipcsim: cluster %s has a broker already\n", dir);
     if (ret != 0)
         return ret < 0 && if_none ? 0 : 1;
-    struct rlimit files;
-    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
-        files.rlim_cur = files.rlim_max;
-        (void)setrlimit(RLIMIT_NOFILE, &files);
-    }
-    (void)signal(SIGPIPE, SIG_IGN);
-    g_broker.epoll = epoll_create1(EPOLL_CLOEXEC);
-    g_broker.notify_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    process_raise_files();
+    if (!begin())
+        return 1;
+    finish_last();
     watch(g_broker.listener);
-    {
-        sim_guard_s guard(&g_broker.cluster.state->mutex);
-        g_broker.cluster.state->name_num = 0; // rebuilt below from the sockets that exist
-        g_broker.cluster.state->generation++;
-    }
-    sim_each_file(g_broker.cluster.dir, "s.", adopt);
-    g_broker.awaited = broker_now() + FIRST_CLIENT_MS;
+    watch(g_broker.wake);
+    g_broker.awaited = sys_now() + FIRST_CLIENT_MS;
+    read_served();
     loop();
     return 0;
 }

@@ -1,258 +1,497 @@
 // The topology service: matches the subscriptions of every connection with the name table. A node sees its own names,
-// and the names of cluster scope on nodes that it has a link to.
+// and the names of cluster scope on nodes that it has a link to. The connections are those of an ordinary listening
+// socket; each sees the cluster from the node of its client.
 #include "broker.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
-#include <sys/epoll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-static bool visible(const sim_name_t &name, uint32_t node, const sim_matrix_t down)
+constexpr size_t MAX_SUBSCRIPTIONS = 65535; // per node, as in the kernel
+constexpr size_t MAX_EVENTS = 1U << 20;     // not sent yet, per connection: a client that never reads
+constexpr int64_t RETRY_MS = 10;            // after a queue without room: nothing tells when it has some
+constexpr uint32_t OWN_SCOPE_ONLY = 0x40;   // filters that the kernel knows without a name in its header
+constexpr uint32_t CLUSTER_SCOPE_ONLY = 0x20;
+constexpr uint32_t NO_STATUS = 0x80;
+
+typedef struct subscription_s {
+    struct tipc_subscr request; // as the client sent it, which may be in the other byte order
+    bool swapped;
+    struct tipc_subscr asked; // in ours
+    int64_t deadline;         // ms of the monotonic clock, INT64_MAX for none
+} subscription_t;
+
+typedef struct watcher_s { // a connection
+    sim_socket_t *socket;
+    uint32_t port;                           // of the socket, the broker's side
+    uint32_t node;                           // index
+    std::list<subscription_t> subscriptions; // newest first: the order in which the kernel notifies them
+    std::deque<struct tipc_event> events;    // not sent yet
+    bool ending;                             // closed once the events are sent
+    int64_t retry;                           // ms, 0 for none
+} watcher_t;
+
+typedef struct change_s { // of what a node sees
+    sim_name_t name;
+    uint32_t peer; // the node with which it came or went
+    bool seen;
+} change_t;
+
+static std::list<watcher_t> s_watchers;
+
+static bool visible(const sim_name_t *name, uint32_t node, const sim_matrix_t down)
 {
-    return name.node == node || (name.scope != TIPC_NODE_SCOPE && sim_linked(down, node, name.node));
+    return name->node == node || (name->scope != TIPC_NODE_SCOPE && sim_linked(down, node, name->node));
 }
 
-static bool overlaps(const struct tipc_subscr &request, const sim_name_t &name)
+static bool overlaps(const subscription_t *subscription, const sim_name_t *name)
 {
-    return request.seq.type == name.type && request.seq.lower <= name.upper && request.seq.upper >= name.lower;
+    const struct tipc_service_range *range = &subscription->asked.seq;
+    return range->type == name->type && range->lower <= name->upper && range->upper >= name->lower;
 }
 
-static bool same_range(const sim_name_t &a, const sim_name_t &b)
+static uint32_t in_order(const subscription_t *subscription, uint32_t value)
 {
-    return a.type == b.type && a.lower == b.lower && a.upper == b.upper;
+    return subscription->swapped ? __builtin_bswap32(value) : value;
 }
 
-static void report(conn_t *conn, const subscription_t &subscription, uint32_t what, const sim_name_t *name)
+static void report(watcher_t *watcher, const subscription_t *subscription, uint32_t what, const sim_name_t *name)
 {
     struct tipc_event event;
     memset(&event, 0, sizeof(event));
-    event.event = what;
-    event.found_lower = name != nullptr ? name->lower : subscription.request.seq.lower;
-    event.found_upper = name != nullptr ? name->upper : subscription.request.seq.upper;
-    event.port.ref = name != nullptr ? name->port : 0;
-    event.port.node = name != nullptr ? g_broker.cluster.state->nodes[name->node] : 0;
-    event.s = subscription.request;
-    conn->events.push_back(event);
+    const struct tipc_service_range *raw = &subscription->request.seq; // the kernel turns these once too often
+    event.event = in_order(subscription, what);
+    event.found_lower = in_order(subscription, name != nullptr ? name->lower : raw->lower);
+    event.found_upper = in_order(subscription, name != nullptr ? name->upper : raw->upper);
+    event.port.ref = in_order(subscription, name != nullptr ? name->port : 0);
+    event.port.node = in_order(subscription, name != nullptr ? broker_state()->nodes[name->node] : 0);
+    event.s = subscription->request;
+    watcher->events.push_back(event);
 }
 
-void topology_flush(conn_t *conn)
+// `edge`: the first publication or the last withdrawal of a range.
+static void report_name(watcher_t *watcher, uint32_t what, const sim_name_t *name, bool edge)
 {
-    while (!conn->events.empty()) {
-        const struct tipc_event &event = conn->events.front();
-        if (send(conn->fd, &event, sizeof(event), MSG_DONTWAIT | MSG_NOSIGNAL) != (ssize_t)sizeof(event))
+    for (const subscription_t &subscription : watcher->subscriptions) {
+        uint32_t filter = subscription.asked.filter;
+        bool wanted = edge || (filter & TIPC_SUB_PORTS) != 0;
+        if ((filter & CLUSTER_SCOPE_ONLY) != 0 && name->scope == TIPC_NODE_SCOPE)
+            wanted = false;
+        if ((filter & OWN_SCOPE_ONLY) != 0 && name->scope != TIPC_NODE_SCOPE)
+            wanted = false;
+        if (wanted && overlaps(&subscription, name))
+            report(watcher, &subscription, what, name);
+    }
+}
+
+// The connection ends, as the kernel ends it. What was not read of it goes back to the client.
+static void close_watcher(watcher_t *watcher)
+{
+    sim_disconnect(&g_broker.self, watcher->socket, TIPC_CONN_SHUTDOWN);
+    sim_socket_close(&g_broker.self, watcher->socket, true);
+    watcher->port = SIM_NONE; // removed by sweep()
+}
+
+static void sweep()
+{
+    s_watchers.remove_if([](const watcher_t &watcher) { return watcher.port == SIM_NONE; });
+}
+
+static uint32_t send_event(const watcher_t *watcher, const struct tipc_event *event)
+{
+    const sim_socket_t *socket = watcher->socket;
+    sim_record_t record = {};
+    record.len = sizeof(*event);
+    record.kind = SIM_CONN_DATA;
+    record.src_port = watcher->port;
+    record.src_index = socket->node;
+    record.src_node = broker_state()->nodes[socket->node];
+    record.dst_port = sim_conn_peer(socket);
+    record.dst_index = socket->peer_node;
+    record.importance = socket->importance;
+    struct iovec part = {const_cast<struct tipc_event *>(event), sizeof(*event)};
+    sim_block_t *block = sim_message(&g_broker.self, &record, &part, 1);
+    return block != nullptr ? sim_deliver(&g_broker.self, block) : (uint32_t)TIPC_ERR_OVERLOAD;
+}
+
+// Sends until the window of the connection or the client's queue is full.
+static void flush(watcher_t *watcher)
+{
+    sim_socket_t *socket = watcher->socket;
+    watcher->retry = 0;
+    while (watcher->port != SIM_NONE && !watcher->events.empty()) {
+        if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED)
+            return; // topology_read() closes it
+        if (sim_load(&socket->sent_unacked) > socket->send_window)
             break;
-        conn->events.pop_front();
+        uint32_t err = send_event(watcher, &watcher->events.front());
+        if (err == TIPC_ERR_OVERLOAD)
+            watcher->retry = sys_now() + RETRY_MS;
+        if (err != TIPC_OK)
+            break;
+        (void)sim_add(&socket->sent_unacked, 1U); // an event is one block of flow control
+        watcher->events.pop_front();
     }
-    struct epoll_event wanted = {};
-    wanted.events = EPOLLIN | (conn->events.empty() ? 0U : (uint32_t)EPOLLOUT);
-    wanted.data.fd = conn->fd;
-    (void)epoll_ctl(g_broker.epoll, EPOLL_CTL_MOD, conn->fd, &wanted);
-    if (conn->ending && conn->events.empty())
-        (void)shutdown(conn->fd, SHUT_RDWR);
+    if (watcher->events.size() > MAX_EVENTS || (watcher->ending && watcher->events.empty()))
+        close_watcher(watcher);
 }
 
-// Whether a subscription is notified of a name. `others`: its node sees further names of the same range, so that the
-// event is not the first publication or the last withdrawal of the range.
-static bool concerns(const subscription_t &subscription, const sim_name_t &name, bool others)
+static void flush_all()
 {
-    if (!overlaps(subscription.request, name))
-        return false;
-    if ((subscription.request.filter & TIPC_SUB_PORTS) != 0)
-        return true;
-    return (subscription.request.filter & TIPC_SUB_SERVICE) != 0 && !others;
+    for (watcher_t &watcher : s_watchers)
+        flush(&watcher);
+    sweep();
 }
 
-static bool others_seen(const sim_name_t &name, uint32_t node)
+static const std::vector<uint32_t> *range_entries(const sim_name_t *name)
 {
-    const sim_state_t *state = g_broker.cluster.state;
-    for (uint32_t i = 0; i < state->name_num; i++) {
-        const sim_name_t &other = state->names[i];
-        if (other.id != name.id && same_range(other, name) && visible(other, node, state->down))
-            return true;
+    auto it = g_broker.names.ranges.find({name->type, name->lower, name->upper});
+    return it != g_broker.names.ranges.end() ? &it->second : nullptr;
+}
+
+static bool others_seen(const sim_name_t *name, uint32_t node)
+{
+    const std::vector<uint32_t> *entries = range_entries(name);
+    return entries != nullptr && std::any_of(entries->begin(), entries->end(), [name, node](uint32_t entry) {
+               const sim_name_t *other = sim_name_at(broker_state(), entry);
+               return other->id != name->id && visible(other, node, broker_state()->down);
+           });
+}
+
+static void tell_all(const sim_name_t *name, uint32_t what)
+{
+    for (watcher_t &watcher : s_watchers) {
+        if (!watcher.subscriptions.empty() && visible(name, watcher.node, broker_state()->down))
+            report_name(&watcher, what, name, !others_seen(name, watcher.node));
     }
-    return false;
+    flush_all();
 }
 
-static void notify_subscribers(const sim_name_t &name, uint32_t what)
+void topology_added(const sim_name_t *name)
 {
-    for (auto &entry : g_broker.conns) {
-        conn_t &conn = entry.second;
-        if (conn.subscriptions.empty() || !visible(name, conn.node, g_broker.cluster.state->down))
-            continue;
-        bool others = others_seen(name, conn.node);
-        for (const subscription_t &subscription : conn.subscriptions) {
-            if (concerns(subscription, name, others))
-                report(&conn, subscription, what, &name);
-        }
-        topology_flush(&conn);
-    }
+    tell_all(name, TIPC_PUBLISHED);
 }
 
-void topology_add(const sim_name_t *name)
+void topology_removed(const sim_name_t *name)
 {
-    sim_state_t *state = g_broker.cluster.state;
-    {
-        sim_guard_s guard(&state->mutex);
-        if (state->name_num == SIM_MAX_NAMES) {
-            fprintf(stderr, "tipcsim: broker: no room for more than %u names\n", SIM_MAX_NAMES);
-            return;
-        }
-        state->names[state->name_num++] = *name;
-        __atomic_store_n(&state->generation, state->generation + 1, __ATOMIC_RELEASE);
-    }
-    notify_subscribers(*name, TIPC_PUBLISHED);
+    tell_all(name, TIPC_WITHDRAWN);
 }
 
-void topology_remove(uint32_t port, uint32_t id)
+// What the kernel itself publishes on every node: the node, its topology service, and its links to other nodes.
+static sim_name_t own_name(uint32_t type, uint32_t instance, uint32_t node)
 {
-    sim_state_t *state = g_broker.cluster.state;
     sim_name_t name = {};
-    {
-        sim_guard_s guard(&state->mutex);
-        sim_name_t *end = state->names + state->name_num;
-        sim_name_t *at =
-            std::find_if(state->names, end, [&](const sim_name_t &n) { return n.port == port && n.id == id; });
-        if (at == end)
-            return;
-        name = *at;
-        std::move(at + 1, end, at);
-        state->name_num--;
-        __atomic_store_n(&state->generation, state->generation + 1, __ATOMIC_RELEASE);
-    }
-    notify_subscribers(name, TIPC_WITHDRAWN);
+    name.type = type;
+    name.lower = instance;
+    name.upper = instance;
+    name.scope = type == TIPC_NODE_STATE ? TIPC_CLUSTER_SCOPE : TIPC_NODE_SCOPE;
+    name.port = type == TIPC_TOP_SRV ? sim_load(&broker_state()->topology) : 0;
+    name.node = node;
+    return name;
 }
 
-// Notifies one connection of the names that a change of links made visible or invisible. `before`: the lost links
-// before the change.
-static void notify_link_change(conn_t *conn, const sim_matrix_t before)
+static std::vector<sim_name_t> own_names(uint32_t node)
 {
-    const sim_state_t *state = g_broker.cluster.state;
-    for (const subscription_t &subscription : conn->subscriptions) {
-        std::vector<const sim_name_t *> notified;
-        for (uint32_t i = 0; i < state->name_num; i++) {
-            const sim_name_t &name = state->names[i];
-            bool was = visible(name, conn->node, before);
-            bool is = visible(name, conn->node, state->down);
-            if (was == is || !overlaps(subscription.request, name))
-                continue;
-            bool others = std::any_of(notified.begin(), notified.end(),
-                                      [&](const sim_name_t *t) { return same_range(*t, name); });
-            for (uint32_t j = 0; j < state->name_num && !others; j++)
-                others = same_range(state->names[j], name) && visible(state->names[j], conn->node, before) &&
-                         visible(state->names[j], conn->node, state->down);
-            if (!concerns(subscription, name, others))
-                continue;
-            report(conn, subscription, is ? TIPC_PUBLISHED : TIPC_WITHDRAWN, &name);
-            notified.push_back(&name);
+    const sim_state_t *state = broker_state();
+    std::vector<sim_name_t> names = {own_name(TIPC_TOP_SRV, TIPC_TOP_SRV, node)};
+    for (uint32_t i = 0; i < g_broker.node_num; i++) {
+        if (sim_linked(state->down, node, i))
+            names.push_back(own_name(TIPC_NODE_STATE, state->nodes[i], i));
+        if (i != node && sim_linked(state->down, node, i))
+            names.push_back(own_name(TIPC_LINK_STATE, state->nodes[i], node));
+    }
+    return names;
+}
+
+// The bindings of one range that a new subscription is told of.
+static void take_range(const std::vector<uint32_t> *entries, const watcher_t *watcher, uint32_t filter,
+                       std::vector<sim_name_t> *found)
+{
+    for (uint32_t entry : *entries) {
+        const sim_name_t *name = sim_name_at(broker_state(), entry);
+        if (!visible(name, watcher->node, broker_state()->down))
+            continue;
+        found->push_back(*name);
+        if ((filter & TIPC_SUB_PORTS) == 0)
+            return;
+    }
+}
+
+static void notify_existing(watcher_t *watcher, const subscription_t *subscription)
+{
+    const struct tipc_service_range *range = &subscription->asked.seq;
+    std::vector<sim_name_t> found;
+    for (const sim_name_t &name : own_names(watcher->node)) {
+        if (overlaps(subscription, &name))
+            found.push_back(name);
+    }
+    auto it = g_broker.names.ranges.lower_bound({range->type, 0, 0});
+    for (; it != g_broker.names.ranges.end() && std::get<0>(it->first) == range->type; ++it) {
+        if (std::get<1>(it->first) > range->upper)
+            break;
+        if (std::get<2>(it->first) >= range->lower)
+            take_range(&it->second, watcher, subscription->asked.filter, &found);
+    }
+    std::stable_sort(found.begin(), found.end(),
+                     [](const sim_name_t &a, const sim_name_t &b) { return (int32_t)(a.id - b.id) < 0; });
+    for (const sim_name_t &name : found) {
+        bool node_only = name.scope == TIPC_NODE_SCOPE;
+        bool hidden = (subscription->asked.filter & (node_only ? CLUSTER_SCOPE_ONLY : OWN_SCOPE_ONLY)) != 0;
+        if (!hidden)
+            report(watcher, subscription, TIPC_PUBLISHED, &name);
+    }
+}
+
+// A node that came into sight or went out of it, and the link to it, as node `from` is told.
+static void add_node_changes(uint32_t from, uint32_t peer, bool seen, std::vector<change_t> *changes)
+{
+    uint32_t address = broker_state()->nodes[peer];
+    change_t node = {own_name(TIPC_NODE_STATE, address, peer), peer, seen};
+    change_t link = {own_name(TIPC_LINK_STATE, address, from), peer, seen};
+    changes->push_back(seen ? link : node);
+    changes->push_back(seen ? node : link);
+}
+
+static bool subscribed(const watcher_t *watcher, uint32_t type)
+{
+    return std::any_of(watcher->subscriptions.begin(), watcher->subscriptions.end(),
+                       [type](const subscription_t &s) { return s.asked.seq.type == type; });
+}
+
+// The names that the loss or return of links changes for one connection, by node, and in the order of their ids.
+static std::vector<change_t> name_changes(const watcher_t *watcher, uint32_t peer, bool seen)
+{
+    std::vector<change_t> changes;
+    add_node_changes(watcher->node, peer, seen, &changes);
+    std::vector<change_t> names;
+    for (const auto &socket : g_broker.names.sockets) {
+        const sim_name_t *first = sim_name_at(broker_state(), socket.second.front());
+        for (size_t i = 0; first->node == peer && i < socket.second.size(); i++) {
+            const sim_name_t *name = sim_name_at(broker_state(), socket.second[i]);
+            if (name->scope != TIPC_NODE_SCOPE && subscribed(watcher, name->type))
+                names.push_back({*name, peer, seen});
         }
     }
-    topology_flush(conn);
+    std::sort(names.begin(), names.end(),
+              [](const change_t &a, const change_t &b) { return (int32_t)(a.name.id - b.name.id) < 0; });
+    changes.insert(seen ? changes.end() : changes.begin() + 1, names.begin(), names.end());
+    return changes;
 }
 
-void topology_links(uint32_t a, uint32_t b, bool down)
+// How many bindings of a range a node saw before a change of links.
+static uint32_t seen_before(const sim_name_t *name, uint32_t node, const sim_matrix_t before)
 {
-    sim_state_t *state = g_broker.cluster.state;
-    static sim_matrix_t before;
-    memcpy(before, state->down, sizeof(before));
-    {
-        sim_guard_s guard(&state->mutex);
-        sim_break(state->down, a, b, down);
-        __atomic_store_n(&state->generation, state->generation + 1, __ATOMIC_RELEASE);
-    }
-    for (auto &entry : g_broker.conns) {
-        if (!entry.second.subscriptions.empty())
-            notify_link_change(&entry.second, before);
+    const std::vector<uint32_t> *entries = range_entries(name);
+    uint32_t num = 0;
+    for (size_t i = 0; entries != nullptr && i < entries->size(); i++)
+        num += visible(sim_name_at(broker_state(), (*entries)[i]), node, before) ? 1 : 0;
+    return num;
+}
+
+static void notify_link_change(watcher_t *watcher, const sim_matrix_t before)
+{
+    const sim_state_t *state = broker_state();
+    std::map<range_t, uint32_t> seen; // bindings of a range that the node sees at this step
+    for (uint32_t peer = 0; peer < g_broker.node_num; peer++) {
+        bool is = sim_linked(state->down, watcher->node, peer);
+        if (is == sim_linked(before, watcher->node, peer))
+            continue;
+        for (const change_t &change : name_changes(watcher, peer, is)) {
+            const sim_name_t *name = &change.name;
+            auto at = seen.emplace(range_t{name->type, name->lower, name->upper}, 0);
+            if (at.second)
+                at.first->second = name->id != 0 ? seen_before(name, watcher->node, before) : is ? 0 : 1;
+            uint32_t *num = &at.first->second;
+            bool edge = change.seen ? (*num)++ == 0 : --*num == 0;
+            report_name(watcher, change.seen ? TIPC_PUBLISHED : TIPC_WITHDRAWN, name, edge);
+        }
     }
 }
 
-static void refuse(conn_t *conn, const char *why)
+void topology_links(const sim_matrix_t before)
+{
+    for (watcher_t &watcher : s_watchers) {
+        if (!watcher.subscriptions.empty())
+            notify_link_change(&watcher, before);
+    }
+    flush_all();
+}
+
+void topology_node(uint32_t index)
+{
+    for (watcher_t &watcher : s_watchers) {
+        std::vector<change_t> changes;
+        if (watcher.node != index && sim_linked(broker_state()->down, watcher.node, index))
+            add_node_changes(watcher.node, index, true, &changes);
+        for (const change_t &change : changes)
+            report_name(&watcher, TIPC_PUBLISHED, &change.name, true);
+    }
+    flush_all();
+}
+
+static void refuse(watcher_t *watcher, const char *why)
 {
     fprintf(stderr, "tipcsim: topology service: connection closed: %s\n", why);
-    conn->subscriptions.clear();
-    conn->ending = true;
-    topology_flush(conn);
+    watcher->subscriptions.clear();
+    watcher->ending = true;
 }
 
-static void cancel(conn_t *conn, struct tipc_subscr request)
+static void cancel(watcher_t *watcher, const struct tipc_subscr *request)
 {
-    request.filter &= ~(uint32_t)TIPC_SUB_CANCEL;
-    for (auto it = conn->subscriptions.begin(); it != conn->subscriptions.end(); ++it) {
-        if (memcmp(&it->request, &request, sizeof(request)) != 0)
+    for (auto it = watcher->subscriptions.begin(); it != watcher->subscriptions.end(); ++it) {
+        if (memcmp(&it->request, request, sizeof(*request)) != 0)
             continue;
-        conn->subscriptions.erase(it);
+        watcher->subscriptions.erase(it);
         return;
     }
 }
 
-static void notify_existing(conn_t *conn, const subscription_t &subscription)
+// A request of which no known filter is set is one in the other byte order.
+static subscription_t subscription_of(const struct tipc_subscr *request)
 {
-    const sim_state_t *state = g_broker.cluster.state;
-    std::vector<const sim_name_t *> notified;
-    for (uint32_t i = 0; i < state->name_num; i++) {
-        const sim_name_t &name = state->names[i];
-        bool others =
-            std::any_of(notified.begin(), notified.end(), [&](const sim_name_t *t) { return same_range(*t, name); });
-        if (!visible(name, conn->node, state->down) || !concerns(subscription, name, others))
-            continue;
-        report(conn, subscription, TIPC_PUBLISHED, &name);
-        notified.push_back(&name);
-    }
+    constexpr uint32_t known = TIPC_SUB_PORTS | TIPC_SUB_SERVICE | TIPC_SUB_CANCEL;
+    subscription_t made = {*request, (request->filter & known) == 0, *request, INT64_MAX};
+    made.asked.seq.type = in_order(&made, request->seq.type);
+    made.asked.seq.lower = in_order(&made, request->seq.lower);
+    made.asked.seq.upper = in_order(&made, request->seq.upper);
+    made.asked.timeout = in_order(&made, request->timeout);
+    made.asked.filter = in_order(&made, request->filter);
+    return made;
 }
 
-void topology_request(conn_t *conn, const void *bytes, ssize_t len)
+static size_t subscriptions_of(uint32_t node)
+{
+    size_t num = 0;
+    for (const watcher_t &watcher : s_watchers)
+        num += watcher.node == node ? watcher.subscriptions.size() : 0;
+    return num;
+}
+
+static void take_request(watcher_t *watcher, const uint8_t *bytes, size_t len)
 {
     struct tipc_subscr request;
-    if (conn->ending)
+    if (watcher->ending || len == 0)
         return;
-    if (len < (ssize_t)sizeof(request))
-        return refuse(conn, "a request is shorter than 28 bytes");
-    memcpy(&request, bytes, sizeof(request));
+    if (len < sizeof(request))
+        return refuse(watcher, "a request is shorter than 28 bytes");
+    memcpy(&request, bytes, sizeof(request)); // what follows in the same message is lost
+    subscription_t made = subscription_of(&request);
+    if ((made.asked.filter & TIPC_SUB_CANCEL) != 0) {
+        request.filter &= ~in_order(&made, TIPC_SUB_CANCEL);
+        return cancel(watcher, &request);
+    }
+    if (made.asked.seq.lower > made.asked.seq.upper)
+        return refuse(watcher, "lower bound above upper bound");
     constexpr uint32_t kinds = TIPC_SUB_PORTS | TIPC_SUB_SERVICE;
-    if ((request.filter & ~(kinds | TIPC_SUB_CANCEL)) != 0)
-        return refuse(conn, "a filter that is not simulated (or the other byte order)");
-    if ((request.filter & TIPC_SUB_CANCEL) != 0)
-        return cancel(conn, request);
-    if (request.seq.lower > request.seq.upper)
-        return refuse(conn, "lower bound above upper bound");
-    if ((request.filter & kinds) == kinds)
-        return refuse(conn, "both kinds of events asked for");
-    if (request.seq.type <= (uint32_t)TIPC_LINK_STATE && request.seq.upper != 0) // no node and no link has instance 0
-        return refuse(conn, "node and link states are not simulated");
-    subscription_t subscription = {request, INT64_MAX};
-    if (request.timeout != (uint32_t)TIPC_WAIT_FOREVER)
-        subscription.deadline = broker_now() + request.timeout;
-    conn->subscriptions.push_back(subscription);
-    notify_existing(conn, subscription);
-    topology_flush(conn);
+    if ((made.asked.filter & kinds) == kinds)
+        return refuse(watcher, "both kinds of events asked for");
+    if (subscriptions_of(watcher->node) >= MAX_SUBSCRIPTIONS)
+        return refuse(watcher, "too many subscriptions");
+    if (made.asked.timeout != (uint32_t)TIPC_WAIT_FOREVER)
+        made.deadline = sys_now() + made.asked.timeout;
+    watcher->subscriptions.push_front(made);
+    if ((made.asked.filter & NO_STATUS) == 0)
+        notify_existing(watcher, &watcher->subscriptions.front());
+}
+
+static void read_watcher(watcher_t *watcher)
+{
+    sim_state_t *state = broker_state();
+    sim_socket_t *socket = watcher->socket;
+    sim_link_t at;
+    for (sim_block_t *block; (block = sim_queue_first(state, socket, &at)) != nullptr;) {
+        uint32_t len = block->record.len;
+        if (block->record.err == TIPC_OK)
+            take_request(watcher, block->data, len);
+        if (!sim_queue_pop(state, socket, at, block))
+            continue;
+        sim_block_release(state, block);
+        sim_acknowledge(&g_broker.self, socket, len);
+    }
+    if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED)
+        return close_watcher(watcher);
+    flush(watcher);
+}
+
+// A SYN tells of whose node the connection is, so the socket is made for it before it is accepted. False when there is
+// none, or no memory.
+static bool accept_watcher(sim_socket_t *listener)
+{
+    sim_state_t *state = broker_state();
+    sim_link_t at;
+    const sim_block_t *syn = sim_queue_first(state, listener, &at);
+    if (syn == nullptr)
+        return false;
+    uint32_t node = syn->record.src_index;
+    sim_socket_t *fresh = broker_socket(SOCK_SEQPACKET, node < SIM_MAX_NODES ? node : 0);
+    if (fresh == nullptr)
+        return false;
+    if (!sim_accept(&g_broker.self, listener, fresh)) {
+        sim_socket_close(&g_broker.self, fresh, true);
+        return true;
+    }
+    fresh->importance = TIPC_CRITICAL_IMPORTANCE;
+    s_watchers.push_back({fresh, fresh->port, fresh->node, {}, {}, false, 0});
+    return true;
+}
+
+void topology_read()
+{
+    sim_socket_t *listener = sim_socket_of(broker_state(), sim_load(&broker_state()->topology));
+    while (listener != nullptr && accept_watcher(listener))
+        continue;
+    for (watcher_t &watcher : s_watchers)
+        read_watcher(&watcher);
+    sweep();
+}
+
+void topology_drop(uint32_t node)
+{
+    for (watcher_t &watcher : s_watchers) {
+        if (node == SIM_ANY_NODE || watcher.node == node)
+            close_watcher(&watcher);
+    }
+    sweep();
 }
 
 void topology_time(int64_t now)
 {
-    for (auto &entry : g_broker.conns) {
-        conn_t &conn = entry.second;
-        for (auto it = conn.subscriptions.begin(); it != conn.subscriptions.end();) {
+    for (watcher_t &watcher : s_watchers) {
+        bool any = watcher.retry != 0 && watcher.retry <= now;
+        for (auto it = watcher.subscriptions.begin(); it != watcher.subscriptions.end();) {
             if (it->deadline > now) {
                 ++it;
                 continue;
             }
-            report(&conn, *it, TIPC_SUBSCR_TIMEOUT, nullptr);
-            it = conn.subscriptions.erase(it);
+            report(&watcher, &*it, TIPC_SUBSCR_TIMEOUT, nullptr);
+            it = watcher.subscriptions.erase(it);
+            any = true;
         }
-        if (conn.kind == CONN_TOPOLOGY && !conn.events.empty())
-            topology_flush(&conn);
+        if (any)
+            flush(&watcher);
     }
+    sweep();
 }
 
 int64_t topology_deadline()
 {
     int64_t first = INT64_MAX;
-    for (const auto &entry : g_broker.conns) {
-        for (const subscription_t &subscription : entry.second.subscriptions)
+    for (const watcher_t &watcher : s_watchers) {
+        if (watcher.retry != 0)
+            first = std::min(first, watcher.retry);
+        for (const subscription_t &subscription : watcher.subscriptions)
             first = std::min(first, subscription.deadline);
     }
     return first;
+}
+
+bool topology_begin()
+{
+    sim_socket_t *listener = broker_socket(SOCK_SEQPACKET, 0);
+    if (listener == nullptr)
+        return false;
+    sim_store(&listener->conn, sim_conn(SIM_CONN_LISTEN, 0));
+    sim_store(&broker_state()->topology, listener->port);
+    return true;
 }

@@ -74,6 +74,21 @@ int preload_ioctl(int fd, sim_socket_t *socket, unsigned long request, void *arg
 int preload_wait_change(sim_socket_t *socket, uint32_t seen, int64_t until);
 bool preload_blocks(int fd, int flags); // neither the descriptor nor the call is non-blocking
 
+// Waiting for several descriptors (preload_wait.cpp). What a wait of this process takes for the time, in us.
+int64_t preload_now_us(void);
+// The descriptor `fd` is readable, and the socket has nothing to report: makes it unreadable.
+void preload_silence(const sim_self_t *self, sim_socket_t *socket, int fd);
+constexpr int64_t PRELOAD_SLICE =
+    10000; // us; how long a wait lasts that another thread's wait may have taken for its own
+
+// Registrations in sets of epoll (preload_epoll.cpp): a descriptor of such a set is to be closed, or was copied.
+bool preload_watching(int fd);
+void preload_watch_close(int fd);
+void preload_watch_copy(int from, int to);
+
+// After a recvmsg on a descriptor that is no TIPC socket: sockets that came with the message (preload_fds.cpp).
+void preload_received(const struct msghdr *msg);
+
 // Whether memory of the application can be read or written. The first and the last byte are tried.
 bool preload_readable(const void *data, size_t size);
 bool preload_writable(void *data, size_t size);

@@ -1,5 +1,6 @@
 // The way of a message between sockets, and the state of connections.
 #include "sim_deliver.h"
+#include "sim_tap.h"
 
 #include <cerrno>
 #include <cstring>
@@ -93,7 +94,8 @@ static uint32_t pass(const sim_self_t *self, sim_block_t *block)
     uint32_t err = TIPC_ERR_NO_PORT;
     record->charge = record->err != TIPC_OK ? record->len + RETURN_COST : sim_queue_charge(record->len);
     verdict_e verdict = REFUSE;
-    if (socket != nullptr && socket->node == record->dst_index) {
+    // A socket of the broker is on every node.
+    if (socket != nullptr && (socket->node == record->dst_index || socket->served != 0)) {
         if (!sim_connectionless(socket))
             verdict = filter(self, socket, record);
         else
@@ -108,16 +110,10 @@ static uint32_t pass(const sim_self_t *self, sim_block_t *block)
 
 uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
 {
-    sim_block_t *copy = sim_tap_copy(self, block);
+    sim_block_t *copy = sim_tap_copy(self, &block->record, block->data);
     uint32_t err = pass(self, block);
     sim_tap_put(self, copy, err == TIPC_OK ? SIM_FATE_TAKEN : SIM_FATE_REFUSED, err);
     return err;
-}
-
-void sim_lose(const sim_self_t *self, sim_block_t *block, sim_fate_e fate)
-{
-    sim_tap_put(self, sim_tap_copy(self, block), fate, TIPC_OK);
-    sim_block_free(self->cluster->state, block);
 }
 
 uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
@@ -126,9 +122,12 @@ uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
     uint32_t from = block->record.src_index;
     uint32_t to = block->record.dst_index;
     sim_impaired_t how;
+    if (block->record.dst_port == sim_load(&state->topology))
+        return sim_deliver_now(self, block);
     bool cut = !sim_linked(state->cut, from, to);
-    if (cut && !sim_linked(state->down, from, to)) {
-        sim_lose(self, block, SIM_FATE_CUT);
+    if (!sim_linked(state->down, from, to)) { // in both directions, also when only one of them is cut
+        sim_tap_lost(self, &block->record, block->data, SIM_FATE_CUT);
+        sim_block_free(state, block);
         return TIPC_OK; // on the wire, and lost with the link
     }
     if (!cut && (sim_load(&state->impaired_num) == 0 || !sim_impaired(state, from, to, &how)))
@@ -274,12 +273,14 @@ void sim_disconnect(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
 
 void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
 {
+    uint32_t node = socket->peer_node;
+    if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED || node >= SIM_MAX_NODES)
+        return; // who waits for an answer goes on waiting
     sim_record_t record = {};
-    bool connecting = sim_conn_state(socket) == SIM_CONN_CONNECTING;
-    record.kind = connecting ? SIM_SYN : SIM_CONN_DATA;
+    record.kind = SIM_CONN_DATA;
     record.src_port = sim_conn_peer(socket);
-    record.src_index = connecting ? socket->node : socket->peer_node;
-    record.src_node = self->cluster->state->nodes[record.src_index];
+    record.src_index = node;
+    record.src_node = self->cluster->state->nodes[node];
     record.dst_port = socket->port;
     record.dst_index = socket->node;
     record.err = err;
@@ -289,23 +290,41 @@ void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
         (void)sim_deliver_now(self, block);
 }
 
-void sim_socket_close(const sim_self_t *self, sim_socket_t *socket, bool all_gone)
+// The slot is ours to close. Every step may have been done already, by a process that was killed after it.
+static void close_slot(const sim_self_t *self, sim_socket_t *socket, bool all_gone)
 {
     sim_state_t *state = self->cluster->state;
-    sim_disconnect(self, socket, TIPC_ERR_NO_PORT);
-    uint32_t before = sim_load(&socket->use);
-    if (before == SIM_SLOT_FREE ||
-        (before != SIM_SLOT_CLOSING && !sim_swap(&socket->use, before, (uint32_t)SIM_SLOT_CLOSING)))
-        return; // another process closes it
     sim_queue_close(state, socket);
     (void)give_back(self, socket, TIPC_ERR_NO_PORT, true, true);
     sim_link_t head = sim_load(&socket->head);
     sim_link_t tail = sim_load(&socket->tail);
     sim_store(&socket->tail, sim_link(sim_link_count(tail) + 1, SIM_NONE));
     sim_store(&socket->head, sim_link(sim_link_count(head) + 1, SIM_NONE));
-    if (sim_link_number(head) != SIM_NONE)
-        sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     if (all_gone)
         sim_blocks_reclaim(state, sim_owner_queue(sim_socket_slot(socket->port)));
+    else if (sim_link_number(head) != SIM_NONE)
+        sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     sim_store(&socket->use, (uint32_t)SIM_SLOT_FREE);
+}
+
+void sim_socket_close(const sim_self_t *self, sim_socket_t *socket, bool all_gone)
+{
+    uint32_t before = sim_load(&socket->use);
+    if (before != SIM_SLOT_OPEN && before != sim_use(SIM_SLOT_TAKEN, self->owner))
+        return; // another process closes it
+    if (!sim_swap(&socket->use, before, sim_use(SIM_SLOT_CLOSING, self->owner)))
+        return;
+    if (before == SIM_SLOT_OPEN)
+        sim_disconnect(self, socket, TIPC_ERR_NO_PORT);
+    close_slot(self, socket, all_gone);
+}
+
+void sim_socket_inherit(const sim_self_t *self, sim_socket_t *socket, uint32_t owner)
+{
+    uint32_t before = sim_load(&socket->use);
+    if (sim_use_owner(before) != owner || !sim_swap(&socket->use, before, sim_use(SIM_SLOT_CLOSING, self->owner)))
+        return;
+    if (before == sim_use(SIM_SLOT_CLOSING, owner))
+        sim_disconnect(self, socket, TIPC_ERR_NO_PORT);
+    close_slot(self, socket, true);
 }

@@ -5,7 +5,6 @@
 
 #include "sim_names.h"
 #include "sim_socket.h"
-#include "sim_tap.h"
 
 constexpr uint32_t SIM_FLOW_BLOCK = 1024;  // bytes of a block of flow control
 constexpr uint32_t SIM_WINDOW_UNIT = 4096; // bytes of the receive buffer for a block of the window
@@ -16,8 +15,6 @@ constexpr uint32_t SIM_WINDOW_UNIT = 4096; // bytes of the receive buffer for a 
 uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block);
 // As sim_deliver, on a link that is in order, for the broker.
 uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block);
-// A message gets lost on a link.
-void sim_lose(const sim_self_t *self, sim_block_t *block, sim_fate_e fate);
 // Makes a block of a record and its data. Null without memory.
 sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, const struct iovec *data, size_t num);
 // Sends a message back that was refused or never read, with what it began with. Does nothing when it is droppable, or
@@ -36,5 +33,7 @@ void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err);
 // Closes a socket: its unread messages go back, its slot is free. Its names must be gone. `all_gone`: no process has it
 // any more, so that what killed ones left in its queue is freed as well.
 void sim_socket_close(const sim_self_t *self, sim_socket_t *socket, bool all_gone);
+// Closes a slot that a process took, or began to close, before it was killed. `owner` is that of its blocks.
+void sim_socket_inherit(const sim_self_t *self, sim_socket_t *socket, uint32_t owner);
 
 #endif

@@ -111,7 +111,7 @@ uint32_t sim_name_each(sim_state_t *state, uint32_t type, uint32_t lower, uint32
     return num;
 }
 
-void sim_name_link(sim_state_t *state, uint32_t entry)
+static void link_entry(sim_state_t *state, uint32_t entry)
 {
     sim_name_t *name = sim_name_at(state, entry);
     uint32_t *chain = chain_of(state, name->type, name->lower, name->upper);
@@ -137,7 +137,7 @@ int sim_name_insert(sim_state_t *state, const sim_name_t *name, uint32_t *entry)
     at->port = name->port;
     at->node = name->node;
     sim_store(&at->id, id);
-    sim_name_link(state, *entry);
+    link_entry(state, *entry);
     (void)sim_add(&state->generation, 1U);
     return 0;
 }
@@ -155,12 +155,38 @@ void sim_name_remove(sim_state_t *state, uint32_t entry)
     (void)sim_add(&state->generation, 1U);
 }
 
-void sim_names_clear(sim_state_t *state)
+static bool in_chain(sim_state_t *state, uint32_t entry)
 {
-    if (sim_load(&state->generation) % 2 == 1) // a broker was killed while it changed them
-        (void)sim_add(&state->generation, 1U);
+    const sim_name_t *name = sim_name_at(state, entry);
+    uint32_t at = *chain_of(state, name->type, name->lower, name->upper);
+    while (at != SIM_NONE && at != entry)
+        at = sim_name_at(state, at)->next;
+    return at == entry;
+}
+
+static void unlink_unused(sim_state_t *state, uint32_t *at)
+{
+    while (*at != SIM_NONE) {
+        if (sim_name_at(state, *at)->id == 0)
+            sim_store(at, sim_name_at(state, *at)->next);
+        else
+            at = &sim_name_at(state, *at)->next;
+    }
+}
+
+// The chains are whole at any time. At most one entry is on its way in or out of one, so that all others are found
+// meanwhile.
+void sim_names_restore(sim_state_t *state, const uint32_t *entries, size_t num)
+{
+    if (sim_load(&state->generation) % 2 == 0)
+        return; // no change was begun
     for (uint32_t &chain : state->singles)
-        sim_store(&chain, SIM_NONE);
+        unlink_unused(state, &chain);
     for (uint32_t &chain : state->ranges)
-        sim_store(&chain, SIM_NONE);
+        unlink_unused(state, &chain);
+    for (size_t i = 0; i < num; i++) {
+        if (!in_chain(state, entries[i]))
+            link_entry(state, entries[i]);
+    }
+    (void)sim_add(&state->generation, 1U);
 }

@@ -34,9 +34,8 @@ bool sim_name_visible(const sim_state_t *state, const sim_name_t *name, uint32_t
 // For the broker.
 int sim_name_insert(sim_state_t *state, const sim_name_t *name, uint32_t *entry); // 0, or -ENOSPC: grow, or full
 void sim_name_remove(sim_state_t *state, uint32_t entry);
-// The chains, after a broker died: empties them, and links an entry again (in the order of the ids, newest last).
-void sim_names_clear(sim_state_t *state);
-void sim_name_link(sim_state_t *state, uint32_t entry);
+// Completes what a broker that was killed began: `entries` are those in use, in the order of their ids.
+void sim_names_restore(sim_state_t *state, const uint32_t *entries, size_t num);
 static inline sim_name_t *sim_name_at(sim_state_t *state, uint32_t entry)
 {
     return (sim_name_t *)sim_entry(state, SIM_AREA_NAMES, entry);

@@ -8,11 +8,6 @@
 constexpr uint32_t DEFAULT_CONN_TIMEOUT = 8000; // ms
 constexpr uint32_t FIRST_WINDOW = 128;          // blocks, of a connection
 
-static sim_socket_t *slot_at(sim_state_t *state, uint32_t slot)
-{
-    return (sim_socket_t *)sim_entry(state, SIM_AREA_SOCKETS, slot);
-}
-
 static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
 {
     sim_state_t *state = self->cluster->state;
@@ -22,9 +17,9 @@ static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
         uint32_t first = count % num;
         for (uint32_t i = 0; i < num; i++) {
             uint32_t slot = (first + i) % num;
-            sim_socket_t *socket = slot_at(state, slot);
+            sim_socket_t *socket = sim_socket_at(state, slot);
             if (sim_load(&socket->use) != SIM_SLOT_FREE ||
-                !sim_swap(&socket->use, (uint32_t)SIM_SLOT_FREE, (uint32_t)SIM_SLOT_TAKEN))
+                !sim_swap(&socket->use, (uint32_t)SIM_SLOT_FREE, sim_use(SIM_SLOT_TAKEN, self->owner)))
                 continue;
             *port = slot + SIM_MAX_SOCKETS * (1 + count % (UINT32_MAX / SIM_MAX_SOCKETS - 1));
             for (uint32_t used = sim_load(&state->socket_num); used <= slot; used = sim_load(&state->socket_num))
@@ -110,7 +105,7 @@ sim_socket_t *sim_socket_of(sim_state_t *state, uint32_t port)
     uint32_t slot = sim_socket_slot(port);
     if (slot >= sim_load(&state->areas[SIM_AREA_SOCKETS].ready))
         return nullptr;
-    sim_socket_t *socket = slot_at(state, slot);
+    sim_socket_t *socket = sim_socket_at(state, slot);
     return sim_load(&socket->port) == port && sim_load(&socket->use) == SIM_SLOT_OPEN ? socket : nullptr;
 }
 
@@ -164,7 +159,7 @@ static bool size_up_to(sim_state_t *state, const sim_socket_t *socket, const sim
     return head == sim_load(&socket->head);
 }
 
-static uint32_t append(sim_state_t *state, sim_socket_t *socket, sim_block_t *block, uint64_t limit)
+static uint32_t append(sim_state_t *state, sim_socket_t *socket, uint32_t port, sim_block_t *block, uint64_t limit)
 {
     for (;;) {
         sim_link_t tail = sim_load(&socket->tail);
@@ -178,8 +173,8 @@ static uint32_t append(sim_state_t *state, sim_socket_t *socket, sim_block_t *bl
         block->counted = last->counted + 1;
         if (tail != sim_load(&socket->tail))
             continue;
-        if (sim_link_number(next) == SIM_CLOSED)
-            return TIPC_ERR_NO_PORT;
+        if (sim_link_number(next) == SIM_CLOSED || sim_load(&socket->port) != port)
+            return TIPC_ERR_NO_PORT; // closed, or the slot is that of another socket by now
         sim_link_t behind = sim_link(sim_link_count(tail) + 1, sim_link_number(next));
         if (sim_link_number(next) != SIM_NONE) {
             (void)sim_swap(&socket->tail, tail, behind); // another sender has not moved it yet
@@ -201,8 +196,10 @@ uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t
     sim_state_t *state = self->cluster->state;
     sim_store(&block->holds, 2U);
     sim_store(&block->next, sim_link(sim_link_count(sim_load(&block->next)) + 1, SIM_NONE));
-    sim_block_own(state, block, sim_owner_queue(sim_socket_slot(sim_load(&socket->port))));
-    uint32_t err = append(state, socket, block, limit);
+    uint32_t wire = sim_load(&state->wire); // its messages are for others
+    uint32_t port = sim_load(&socket->port) == wire ? wire : block->record.dst_port;
+    sim_block_own(state, block, sim_owner_queue(sim_socket_slot(port)));
+    uint32_t err = append(state, socket, port, block, limit);
     if (err == TIPC_OK)
         sim_socket_notify(self, socket);
     else
@@ -293,15 +290,15 @@ void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket)
         self->wake(self->cluster, socket);
 }
 
-// The order of the steps counts: what comes after the look into the epoll descriptor is seen by the last step, what
-// comes before it is taken back by nobody else.
+// The order of the steps counts. Who comes before `woken` is 0 writes nothing, but the last step sees his message,
+// unless another reader has taken it. Who comes after it writes, and nobody takes that back.
 void sim_socket_quiet(const sim_self_t *self, sim_socket_t *socket, int fd)
 {
     struct epoll_event event;
     if (sim_load(&socket->woken) == 0)
         return;
-    sim_store(&socket->woken, 0U);
     (void)sys_epoll_wait(fd, &event, 1, 0);
+    sim_store(&socket->woken, 0U);
     if ((sim_socket_events(self->cluster->state, socket) & (POLLIN | POLLHUP)) == 0)
         return;
     sim_store(&socket->woken, 1U);

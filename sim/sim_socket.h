@@ -24,6 +24,8 @@ constexpr uint32_t SIM_MAX_RETURNED = 1024;
 constexpr uint32_t SIM_CLOSED = UINT32_MAX; // in `next`: the queue ends here for good
 constexpr int SIM_MARK = 61;                // F_GETSIG of every descriptor of a socket
 
+// SIM_SLOT_TAKEN and SIM_SLOT_CLOSING have the owner that takes or closes it in their upper bits (sim_use), so that the
+// broker finishes what that process began when it is killed.
 enum sim_use_e : uint32_t { SIM_SLOT_FREE, SIM_SLOT_TAKEN, SIM_SLOT_OPEN, SIM_SLOT_CLOSING };
 
 enum sim_conn_e : uint32_t { // upper half of `conn`; the lower half is the peer's port
@@ -65,7 +67,7 @@ typedef struct sim_block_s { // a message in memory
 } sim_block_t;
 
 typedef struct sim_socket_s {
-    uint32_t use;    // sim_use_e
+    uint32_t use;    // sim_use_e and an owner
     uint32_t port;   // its index plus a multiple of SIM_MAX_SOCKETS; changes with each use of the slot
     uint32_t type;   // SOCK_RDM and so on
     uint32_t node;   // index
@@ -152,6 +154,18 @@ static inline uint32_t sim_owner_queue(uint32_t slot)           // the owner of 
 sim_socket_t *sim_socket_take(const sim_self_t *self, uint32_t type, uint32_t node, pid_t pid); // null: none left
 void sim_socket_open(sim_socket_t *socket);                     // after which others can see it
 sim_socket_t *sim_socket_of(sim_state_t *state, uint32_t port); // null when there is no such open socket
+static inline sim_socket_t *sim_socket_at(sim_state_t *state, uint32_t slot)
+{
+    return (sim_socket_t *)sim_entry(state, SIM_AREA_SOCKETS, slot);
+}
+static inline uint32_t sim_use(sim_use_e use, uint32_t owner)
+{
+    return (uint32_t)use | owner << 8;
+}
+static inline uint32_t sim_use_owner(uint32_t use)
+{
+    return use >> 8;
+}
 static inline uint32_t sim_socket_slot(uint32_t port)
 {
     return port % SIM_MAX_SOCKETS;

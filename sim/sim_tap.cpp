@@ -12,7 +12,7 @@ static uint64_t wall_clock(void) // ns
     return (uint64_t)now.tv_sec * 1000000000U + (uint64_t)now.tv_nsec;
 }
 
-sim_block_t *sim_tap_copy(const sim_self_t *self, const sim_block_t *block)
+sim_block_t *sim_tap_copy(const sim_self_t *self, const sim_record_t *record, const uint8_t *data)
 {
     sim_state_t *state = self->cluster->state;
     uint32_t port = sim_load(&state->recorder);
@@ -21,7 +21,7 @@ sim_block_t *sim_tap_copy(const sim_self_t *self, const sim_block_t *block)
     sim_tap_t tap = {};
     uint32_t most = sim_load(&state->recorded);
     tap.time = wall_clock();
-    tap.record = block->record;
+    tap.record = *record;
     tap.size = tap.record.len < most ? tap.record.len : most;
     sim_block_t *copy = sim_block_take(self, (uint32_t)sizeof(tap) + tap.size);
     if (copy == nullptr) {
@@ -35,7 +35,7 @@ sim_block_t *sim_tap_copy(const sim_self_t *self, const sim_block_t *block)
     copy->record.dst_port = port;
     copy->record.droppable = 1;
     memcpy(copy->data, &tap, sizeof(tap));
-    memcpy(copy->data + sizeof(tap), block->data, tap.size);
+    memcpy(copy->data + sizeof(tap), data, tap.size);
     return copy;
 }
 
@@ -58,4 +58,9 @@ void sim_tap_put(const sim_self_t *self, sim_block_t *copy, sim_fate_e fate, uin
         (void)sim_add(&state->unrecorded, 1U);
     else
         (void)sim_swap(&state->recorder, port, SIM_NONE);
+}
+
+void sim_tap_lost(const sim_self_t *self, const sim_record_t *record, const uint8_t *data, sim_fate_e fate)
+{
+    sim_tap_put(self, sim_tap_copy(self, record, data), fate, TIPC_OK);
 }

@@ -26,8 +26,10 @@ typedef struct sim_tap_s { // the data of such a block
 
 // A copy to hand over when it is known what becomes of the message. Null when nobody records, or when there is no
 // memory, which is counted.
-sim_block_t *sim_tap_copy(const sim_self_t *self, const sim_block_t *block);
+sim_block_t *sim_tap_copy(const sim_self_t *self, const sim_record_t *record, const uint8_t *data);
 // Hands a copy over; null does nothing. A recorder that is gone is forgotten.
 void sim_tap_put(const sim_self_t *self, sim_block_t *copy, sim_fate_e fate, uint32_t code);
+// A message gets lost on a link.
+void sim_tap_lost(const sim_self_t *self, const sim_record_t *record, const uint8_t *data, sim_fate_e fate);
 
 #endif

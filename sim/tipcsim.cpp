@@ -23,6 +23,7 @@
 
 #include "broker.h"
 #include "sim_files.h"
+#include "tipcsim_record.h"
 
 static const char USAGE[] =
     R"(tipcsim run --node N [options] -- COMMAND [ARG...]      run COMMAND as a process of node N
@@ -33,19 +34,31 @@ tipcsim cluster [options] -- COMMAND [ARG...]           make a cluster, run COMM
   --rmem BYTES          size of a socket's receive queue at importance 0 (default 2097152)
   --tolerance MS        time from a cut to the loss of the link (default 1500)
   --timeout S           end everything after S seconds, with status 124
+  --script FILE         order faults at the times that FILE says (below) while COMMAND runs
   --file PATH=TEMPLATE  as for run
 
 While processes run, in the cluster that --cluster or TIPCSIM_CLUSTER names:
 tipcsim exec NODE -- COMMAND [ARG...]                   as run
-tipcsim cut A [B]     tipcsim heal A [B]                cut or heal all links of A, or the one to B
+tipcsim cut A [B]     tipcsim heal A [B]                cut or heal all links of A, or the one to B; cut A B --one-way:
+                                                        messages from A to B only
 tipcsim node-down N   tipcsim node-up N                 a board loses its power: its links are lost at once and its
                                                         processes killed; node-up heals the links
 tipcsim kill N        tipcsim stall N      tipcsim resume N
                                                         kill, stop or continue a node's processes, or one with --pid P
 tipcsim drop-topology [N]                               close all topology connections, or those of node N
-tipcsim delay A B MS                                    delay messages between A and B, in both directions; 0 ends it
-tipcsim fail --node N | --pid P  --sends COUNT  --errno E | --short BYTES | --return CODE
-                                                        make the next COUNT sends fail (default 1)
+tipcsim delay A B MS [--jitter MS]                      delay messages between A and B, in both directions; 0 ends it;
+                                                        with jitter by up to as much more, so that they overtake
+tipcsim loss A B PERCENT                                lose as many of the messages between A and B; 0 ends it
+tipcsim congest A B [--end]                             the link between A and B takes no messages, until --end
+tipcsim fail --node N | --pid P  --sends COUNT  --errno E | --short BYTES | --return CODE  [--after COUNT]
+                                                        make the next COUNT sends fail (default 1), or those after
+                                                        the next COUNT
+tipcsim script FILE                                     order faults at their times: each line of FILE is a time, as
+                                                        1.5s, 200ms or +100ms after the line above, and a command
+tipcsim record FILE [--bytes N] [--seconds S]           write what passes, for Wireshark, with N bytes of each message's
+                                                        data (default 128), until a signal; - for standard output
+tipcsim show [FILE] [--seconds S]                       print a line for each message of a file that record wrote, or of
+                                                        the cluster from now on
 tipcsim broker-stop   tipcsim broker-start              kill the broker, so that there is none until broker-start
 tipcsim links | names | wait-links                      print the links or the names; wait-links returns at once
 tipcsim broker --cluster DIR                            run the broker; clients start it when they need it
@@ -61,6 +74,13 @@ typedef struct options_s {
     long tolerance = SIM_DEFAULT_TOLERANCE;
     long timeout = 0;
     long sends = 1;
+    long jitter = 0; // ms
+    long after = 0;  // sends
+    long seconds = 0;
+    long data = RECORD_BYTES; // bytes
+    std::string script;
+    bool one_way = false;
+    bool end = false;
     std::string pid;
     std::string err;
     std::string bytes;
@@ -155,27 +175,18 @@ static int join_cluster(const options_t &options)
     return lock;
 }
 
-static int connect_broker()
+static void ask(uint32_t op, uint32_t a, uint32_t b, uint32_t value, const void *data = nullptr, size_t size = 0)
 {
-    int fd = sim_broker_connect(&s_cluster, self().c_str());
-    if (fd < 0)
-        die("no broker in " + std::string(s_cluster.dir) + ": " + strerror(-fd));
-    return fd;
+    int ret = sim_ask_broker(&s_cluster, self().c_str(), op, a, b, value, data, size);
+    if (ret == -ENOTCONN)
+        die("no broker in " + std::string(s_cluster.dir) + ": " + strerror(-ret));
+    if (ret < 0)
+        die(std::string("the broker refuses: ") + strerror(-ret));
 }
 
 static void start_broker()
 {
-    (void)close(connect_broker());
-}
-
-static void ask(uint32_t op, uint32_t a, uint32_t b, uint32_t value)
-{
-    int fd = connect_broker();
-    sim_request_t request = {SIM_MAGIC, op, 0, a, b, value};
-    int ret = sim_broker_ask(fd, &request, nullptr, 0);
-    if (ret != 0)
-        die(std::string("the broker refuses: ") + strerror(-ret));
-    (void)close(fd);
+    ask(SIM_HELLO, 0, 0, 0);
 }
 
 // PATH=TEMPLATE of every file that each node has a copy of: from the caller's options, the cluster's, and the defaults.
@@ -370,25 +381,6 @@ static void each_chosen(const options_t &options, Visit visit)
         die("no process " + options.pid + " in this cluster");
 }
 
-static bool is_thread_of(pid_t pid, pid_t thread)
-{
-    std::string task = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(thread);
-    return thread != 0 && access(task.c_str(), F_OK) == 0;
-}
-
-static bool holds_a_lock(pid_t pid)
-{
-    bool holds = is_thread_of(pid, sim_mutex_holder(&s_cluster.state->mutex));
-    sim_each_file(s_cluster.dir, "s.", [&holds, pid](const std::string &name) {
-        sim_queue_t queue;
-        if (holds || sim_queue_open(&queue, s_cluster.dir, (uint32_t)atol(name.c_str() + 2)) != 0)
-            return;
-        holds = is_thread_of(pid, sim_mutex_holder(&queue.socket->mutex));
-        sim_queue_unmap(&queue);
-    });
-    return holds;
-}
-
 // Whether all threads of the process have stopped: they do not stop at the same time. A process that has ended counts
 // as stopped.
 static bool stopped(pid_t pid)
@@ -405,15 +397,28 @@ static bool stopped(pid_t pid)
     return all;
 }
 
-// Stops a process, but never while it holds a lock of the cluster, for which other processes would wait.
+// Returns when it has stopped. Nobody waits for it, wherever that is.
 static void stall(pid_t pid)
 {
-    do {
-        (void)kill(pid, SIGCONT);
-        (void)kill(pid, SIGSTOP);
-        while (!stopped(pid))
-            (void)sched_yield();
-    } while (holds_a_lock(pid) && kill(pid, 0) == 0);
+    (void)kill(pid, SIGSTOP);
+    while (!stopped(pid) && kill(pid, 0) == 0)
+        (void)sched_yield();
+}
+
+// An entry that nobody uses any more.
+static sim_fault_t *take_fault(sim_state_t *state)
+{
+    for (uint32_t at = 0; at < SIM_MAX_FAULTS; at++) {
+        sim_fault_t *fault = &state->faults[at];
+        uint32_t kind = sim_load(&fault->kind);
+        bool spent = kind == SIM_FAULT_NONE || (kind != SIM_FAULT_TAKEN && sim_load(&fault->left) <= 0);
+        if (!spent || !sim_swap(&fault->kind, kind, (uint32_t)SIM_FAULT_TAKEN))
+            continue;
+        for (uint32_t num = sim_load(&state->fault_num); num <= at; num = sim_load(&state->fault_num))
+            (void)sim_swap(&state->fault_num, num, at + 1);
+        return fault;
+    }
+    die("too many faults at once");
 }
 
 static int fail_sends(const options_t &options)
@@ -440,15 +445,13 @@ static int fail_sends(const options_t &options)
         fault.value = (uint32_t)number(options.code, "--return", 1, 15);
     }
     sim_state_t *state = s_cluster.state;
-    sim_guard_s guard(&state->mutex);
-    uint32_t at = 0;
-    while (at < state->fault_num && state->faults[at].left > 0)
-        at++;
-    if (at == SIM_MAX_FAULTS)
-        die("too many faults at once");
-    state->faults[at] = fault;
-    if (at == state->fault_num)
-        __atomic_store_n(&state->fault_num, at + 1, __ATOMIC_RELAXED);
+    sim_fault_t *at = take_fault(state);
+    at->pid = fault.pid;
+    at->node = fault.node;
+    at->skip = (int32_t)options.after;
+    at->value = fault.value;
+    sim_store(&at->left, fault.left);
+    sim_store(&at->kind, fault.kind);
     return 0;
 }
 
@@ -473,13 +476,25 @@ static int broker_start()
 
 static int show_names()
 {
-    const sim_state_t *state = s_cluster.state;
-    for (uint32_t i = 0; i < state->name_num; i++) {
-        const sim_name_t &name = state->names[i];
+    sim_state_t *state = s_cluster.state;
+    std::vector<sim_name_t> names;
+    for (uint32_t i = 1; i < sim_load(&state->name_num); i++) {
+        if (sim_load(&sim_name_at(state, i)->id) != 0)
+            names.push_back(*sim_name_at(state, i));
+    }
+    std::sort(names.begin(), names.end(), [](const sim_name_t &a, const sim_name_t &b) { return a.id < b.id; });
+    for (const sim_name_t &name : names) {
         printf("%u %u-%u %s node %u socket %u\n", name.type, name.lower, name.upper,
                name.scope == TIPC_NODE_SCOPE ? "node" : "cluster", state->nodes[name.node], name.port);
     }
     return 0;
+}
+
+static const char *link_state(const sim_state_t *state, uint32_t a, uint32_t b)
+{
+    if (!sim_linked(state->down, a, b))
+        return "down";
+    return sim_linked(state->cut, a, b) && sim_linked(state->cut, b, a) ? "up" : "cut";
 }
 
 static int show_links()
@@ -487,9 +502,48 @@ static int show_links()
     const sim_state_t *state = s_cluster.state;
     for (uint32_t a = 0; a < state->node_num; a++) {
         for (uint32_t b = a + 1; b < state->node_num; b++)
-            printf("%u-%u: %s\n", state->nodes[a], state->nodes[b],
-                   sim_linked(state->down, a, b) ? (sim_linked(state->cut, a, b) ? "up" : "cut") : "down");
+            printf("%u-%u: %s\n", state->nodes[a], state->nodes[b], link_state(state, a, b));
     }
+    return 0;
+}
+
+// What is set for the link between the first two words already, with addresses.
+static sim_impaired_t impaired(const options_t &options)
+{
+    const sim_state_t *state = s_cluster.state;
+    sim_impaired_t how = {node_word(options, 0), node_word(options, 1), 0, 0, 0, 0, 0};
+    uint32_t a = sim_node_find(state, how.a);
+    uint32_t b = sim_node_find(state, how.b);
+    for (uint32_t i = 0; i < sim_load(&state->impaired_num); i++) {
+        const sim_impaired_t *link = &state->impaired[i];
+        if ((link->a != a || link->b != b) && (link->a != b || link->b != a))
+            continue;
+        how.delay = link->delay;
+        how.jitter = link->jitter;
+        how.loss = link->loss;
+        how.congest = link->congest;
+    }
+    return how;
+}
+
+static int impair(const std::string &verb, const options_t &options)
+{
+    sim_impaired_t how = impaired(options);
+    if (options.words.size() != (verb == "congest" ? 2 : 3))
+        die(verb + (verb == "delay" ? " takes A B MS" : verb == "loss" ? " takes A B PERCENT" : " takes A B"));
+    if (verb == "delay") {
+        how.delay = (uint32_t)number(options.words[2], "the delay", 0, 3600000);
+        how.jitter = (uint32_t)options.jitter;
+    } else if (verb == "loss") {
+        char *end = nullptr;
+        double percent = strtod(options.words[2].c_str(), &end);
+        if (options.words[2].empty() || *end != '\0' || !(percent >= 0 && percent <= 100))
+            die("the loss is '" + options.words[2] + "'; it takes 0 to 100");
+        how.loss = (uint32_t)(percent * 100 + 0.5);
+    } else {
+        how.congest = options.end ? 0 : 1;
+    }
+    ask(SIM_IMPAIR, 0, 0, 0, &how, sizeof(how));
     return 0;
 }
 
@@ -524,6 +578,21 @@ static void wait_for_removal()
         fprintf(stderr, "tipcsim: %s is still in use\n", s_cluster.dir);
 }
 
+static options_t parse(int argc, char **argv);
+static int command(const std::string &verb, const options_t &options);
+
+// A command of a script, in a process of its own.
+static int script_command(const words_t &words)
+{
+    words_t all = words;
+    all.insert(all.begin(), "tipcsim");
+    std::vector<char *> argv;
+    for (std::string &word : all)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    return command(words[0], parse((int)all.size(), argv.data()));
+}
+
 static int cluster(options_t options)
 {
     if (options.command == nullptr)
@@ -551,6 +620,9 @@ static int cluster(options_t options)
     (void)setenv("LAB", self().c_str(), 1);
     (void)setenv("LAB_RUN", s_cluster.dir, 1);
     (void)setenv("LAB_NODES", nodes.c_str(), 1);
+    pid_t script = options.script.empty() ? 0 : script_begin(options.script, script_command);
+    if (script < 0)
+        die("the command was not run");
     s_command = fork();
     if (s_command == 0)
         become(options.command);
@@ -561,12 +633,16 @@ static int cluster(options_t options)
     int status = 0;
     while (waitpid(s_command, &status, 0) < 0 && errno == EINTR)
         continue;
+    bool script_failed = script != 0 && !script_end(script);
     signal_node(SIM_ANY_NODE, SIGKILL);
+    record_end(&s_cluster);
     s_cluster.state->held = 0;
     start_broker(); // when there is none: it removes the folder
     (void)close(keep);
+    (void)sim_ask_broker(&s_cluster, nullptr, SIM_HELLO, 0, 0, 0, nullptr, 0); // so that it looks at once
     wait_for_removal();
-    return command_status(status);
+    int result = command_status(status);
+    return script_failed && result == 0 ? 125 : result;
 }
 
 static options_t parse(int argc, char **argv)
@@ -580,6 +656,10 @@ static options_t parse(int argc, char **argv)
         }
         if (word.rfind("--", 0) != 0) {
             options.words.push_back(word);
+            continue;
+        }
+        if (word == "--one-way" || word == "--end") {
+            (word == "--end" ? options.end : options.one_way) = true;
             continue;
         }
         if (++i == argc)
@@ -597,8 +677,18 @@ static options_t parse(int argc, char **argv)
             options.tolerance = number(value, "--tolerance", 0, 30000);
         else if (word == "--timeout")
             options.timeout = number(value, "--timeout", 1, 1000000);
+        else if (word == "--jitter")
+            options.jitter = number(value, "--jitter", 0, 3600000);
         else if (word == "--sends")
             options.sends = number(value, "--sends", 1, 1000000);
+        else if (word == "--after")
+            options.after = number(value, "--after", 0, 1000000);
+        else if (word == "--seconds")
+            options.seconds = number(value, "--seconds", 1, 1000000);
+        else if (word == "--bytes")
+            options.data = number(value, "--bytes", 0, SIM_MAX_DATA);
+        else if (word == "--script")
+            options.script = value;
         else if (word == "--pid")
             options.pid = value;
         else if (word == "--errno")
@@ -619,13 +709,34 @@ static options_t parse(int argc, char **argv)
     return options;
 }
 
+static int run_script(const options_t &options)
+{
+    if (options.words.empty())
+        die("script needs a file");
+    open_cluster(options);
+    (void)setenv("TIPCSIM_CLUSTER", s_cluster.dir, 1);
+    return script_run(options.words[0], script_command);
+}
+
+static int record(const options_t &options, bool text)
+{
+    if (text && !options.words.empty())
+        return show_file(options.words[0]);
+    if (!text && options.words.empty())
+        die("record needs a file");
+    open_cluster(options);
+    return record_messages(&s_cluster, self(),
+                           {text ? "" : options.words[0], text, text ? 0 : options.data, options.seconds});
+}
+
 static int command(const std::string &verb, const options_t &options)
 {
     open_cluster(options);
     if (verb == "cut" || verb == "heal") {
-        ask(verb == "cut" ? SIM_CUT : SIM_HEAL, node_word(options, 0), other_node(options), 0);
+        ask(verb == "cut" ? SIM_CUT : SIM_HEAL, node_word(options, 0), other_node(options),
+            options.one_way ? SIM_CUT_ONE_WAY : 0);
     } else if (verb == "node-down") {
-        ask(SIM_CUT, node_word(options, 0), SIM_ANY_NODE, 1);
+        ask(SIM_NODE_DOWN, node_word(options, 0), 0, 0);
         signal_node(node_word(options, 0), SIGKILL);
     } else if (verb == "node-up") {
         ask(SIM_HEAL, node_word(options, 0), SIM_ANY_NODE, 0);
@@ -637,11 +748,8 @@ static int command(const std::string &verb, const options_t &options)
         each_chosen(options, [](pid_t pid) { (void)kill(pid, SIGCONT); });
     } else if (verb == "drop-topology") {
         ask(SIM_DROP, options.words.empty() ? SIM_ANY_NODE : node_word(options, 0), 0, 0);
-    } else if (verb == "delay") {
-        if (options.words.size() != 3)
-            die("delay takes A B MS");
-        ask(SIM_DELAY, node_word(options, 0), node_word(options, 1),
-            (uint32_t)number(options.words[2], "the delay", 0, 3600000));
+    } else if (verb == "delay" || verb == "loss" || verb == "congest") {
+        return impair(verb, options);
     } else if (verb == "fail") {
         return fail_sends(options);
     } else if (verb == "broker-stop") {
@@ -675,5 +783,9 @@ int main(int argc, char **argv)
         return cluster(options);
     if (verb == "broker")
         return broker_main(options.cluster.c_str(), !options.words.empty());
+    if (verb == "script")
+        return run_script(options);
+    if (verb == "record" || verb == "show")
+        return record(options, verb == "show");
     return command(verb, options);
 }

@@ -4,6 +4,7 @@
 #define SIM_TIPCSIM_RECORD_H
 
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "sim_cluster.h"
@@ -27,5 +28,8 @@ int show_file(const std::string &file);  // prints a line for each message of a 
 // status.
 typedef int (*script_command_t)(const std::vector<std::string> &words);
 int script_run(const std::string &file, script_command_t command);
+// The same in a process beside this one, with standard error for what it prints. -1 when the file is none of a script.
+pid_t script_begin(const std::string &file, script_command_t command);
+bool script_end(pid_t script); // ends it where it is; false when one of its commands has failed
 
 #endif

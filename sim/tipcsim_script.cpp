@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <sstream>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -110,11 +112,8 @@ static int run_line(const line_t &line, script_command_t command)
     return WIFEXITED(status) ? WEXITSTATUS(status) : FAILED;
 }
 
-int script_run(const std::string &file, script_command_t command)
+static int run_lines(const std::string &file, const std::vector<line_t> &lines, script_command_t command)
 {
-    std::vector<line_t> lines;
-    if (!read_script(file, &lines))
-        return FAILED;
     int64_t begin = sys_now();
     for (const line_t &line : lines) {
         sleep_until(begin + line.time);
@@ -130,4 +129,35 @@ int script_run(const std::string &file, script_command_t command)
         }
     }
     return 0;
+}
+
+int script_run(const std::string &file, script_command_t command)
+{
+    std::vector<line_t> lines;
+    return read_script(file, &lines) ? run_lines(file, lines, command) : FAILED;
+}
+
+pid_t script_begin(const std::string &file, script_command_t command)
+{
+    std::vector<line_t> lines;
+    if (!read_script(file, &lines))
+        return -1;
+    pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    (void)dup2(STDERR_FILENO, STDOUT_FILENO);
+    int status = getppid() == parent ? run_lines(file, lines, command) : FAILED;
+    (void)fflush(stdout);
+    _exit(status);
+}
+
+bool script_end(pid_t script)
+{
+    int status = 0;
+    (void)kill(script, SIGTERM);
+    while (waitpid(script, &status, 0) < 0 && errno == EINTR)
+        continue;
+    return WIFSIGNALED(status) || WEXITSTATUS(status) == 0;
 }
