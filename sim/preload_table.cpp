@@ -232,11 +232,10 @@ int preload_wait_change(sim_socket_t *socket, uint32_t seen, int64_t until)
         limit = {(time_t)(left / 1000), (long)(left % 1000) * 1000000};
     }
     int before = 0;
-    (void)sim_add(&socket->waiters, 1U);
+    sim_store(&socket->waiting, 1U); // before the kernel compares the word
     (void)pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &before);
     int ret = sys_futex_wait(&socket->change, seen, until == INT64_MAX ? nullptr : &limit);
     (void)pthread_setcanceltype(before, nullptr);
-    (void)sim_add(&socket->waiters, UINT32_MAX);
     if (ret == -ETIMEDOUT)
         return EAGAIN;
     return ret == -EINTR ? EINTR : 0;

@@ -81,7 +81,7 @@ sim_socket_t *sim_socket_take(const sim_self_t *self, uint32_t type, uint32_t no
     reset_options(state, socket);
     reset_connection(socket);
     socket->read_at = 0;
-    socket->waiters = 0;
+    socket->waiting = 0;
     socket->woken = 0;
     socket->edge = 0;
     first->holds = 1; // there is nothing in it to read
@@ -284,7 +284,7 @@ void sim_queue_close(sim_state_t *state, sim_socket_t *socket)
 void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket)
 {
     (void)sim_add(&socket->change, 1U);
-    if (sim_load(&socket->waiters) != 0)
+    if (sim_load(&socket->waiting) != 0 && __atomic_exchange_n(&socket->waiting, 0U, __ATOMIC_SEQ_CST) != 0)
         sys_futex_wake(&socket->change);
     if (sim_swap(&socket->woken, 0U, 1U) || sim_load(&socket->edge) != 0)
         self->wake(self->cluster, socket);

@@ -93,9 +93,9 @@ typedef struct sim_socket_s {
     sim_link_t tail;
     uint64_t read_at; // bytes of the first message that were read (lower half), and its link count (upper half)
     uint32_t change;  // counted up with every message and every change of state; waiters wait for it
-    uint32_t waiters;
-    uint32_t woken; // 1: the program's descriptor is readable
-    uint32_t edge;  // 1: somebody polls it edge-triggered, so every message is written to the wake-up descriptor
+    uint32_t waiting; // 1: a call waits for a change
+    uint32_t woken;   // 1: the program's descriptor is readable
+    uint32_t edge;    // 1: somebody polls it edge-triggered, so every message is written to the wake-up descriptor
 
     // The connection.
     uint64_t conn;       // sim_conn_e and the peer's port
