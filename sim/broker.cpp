@@ -278,11 +278,13 @@ static void read_served()
     topology_read();
 }
 
-// Whether any file whose name begins with `prefix` is locked. The others are removed.
-static bool locked(const char *prefix)
+// Whether any file whose name begins with `prefix`, or is `prefix`, is locked. The others are removed.
+static bool locked(const char *prefix, bool whole)
 {
     bool any = false;
-    sim_each_file(g_broker.cluster.dir, prefix, [&any](const std::string &name) {
+    sim_each_file(g_broker.cluster.dir, prefix, [&any, prefix, whole](const std::string &name) {
+        if (whole && name != prefix)
+            return;
         std::string path = std::string(g_broker.cluster.dir) + "/" + name;
         int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
         if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0)
@@ -333,8 +335,8 @@ static bool ended()
     int lock = sim_cluster_lock(g_broker.cluster.dir);
     if (lock < 0)
         return lock == -ENOENT;
-    bool used = locked("p.");
-    used = locked("keep") || used || sockets_open();
+    bool used = locked("p.", false);
+    used = locked("keep", true) || used || sockets_open();
     struct epoll_event ready;
     used = used || sys_epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // a client is connecting
     if (!used) {

@@ -8,6 +8,18 @@
 #include <sys/ioctl.h>
 #include <sys/uio.h>
 
+#define CALLS(X)                                                                                                       \
+    X(socket)                                                                                                          \
+    X(socketpair) X(bind) X(listen) X(accept) X(accept4) X(connect) X(shutdown) X(getsockname) X(getpeername)          \
+        X(setsockopt) X(getsockopt) X(ioctl) X(sendto) X(send) X(write) X(writev) X(sendmsg) X(sendmmsg) X(recvfrom)   \
+            X(recv) X(read) X(readv) X(recvmsg) X(recvmmsg)
+CALLS(NEXT_POINTER)
+
+__attribute__((constructor)) static void find_calls()
+{
+    CALLS(NEXT_FIND)
+}
+
 namespace
 {
 struct one_message_s { // the arguments of send, recv and the like, as a msghdr
@@ -51,91 +63,79 @@ static ssize_t receive_parts(int fd, sim_socket_t *socket, const struct iovec *p
 extern "C" {
 int socket(int domain, int type, int protocol)
 {
-    NEXT(socket);
-    return domain == AF_TIPC ? preload_socket(type, protocol) : CALL(socket)(domain, type, protocol);
+    return domain == AF_TIPC ? preload_socket(type, protocol) : CALL_NEXT(socket)(domain, type, protocol);
 }
 
 int socketpair(int domain, int type, int protocol, int fds[2])
 {
-    NEXT(socketpair);
-    return domain == AF_TIPC ? preload_socketpair(type, protocol, fds) : CALL(socketpair)(domain, type, protocol, fds);
+    return domain == AF_TIPC ? preload_socketpair(type, protocol, fds)
+                             : CALL_NEXT(socketpair)(domain, type, protocol, fds);
 }
 
 int bind(int fd, const struct sockaddr *addr, socklen_t len)
 {
-    NEXT(bind);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_bind(socket, addr, len) : CALL(bind)(fd, addr, len);
+    return socket != nullptr ? preload_bind(socket, addr, len) : CALL_NEXT(bind)(fd, addr, len);
 }
 
 int listen(int fd, int backlog)
 {
-    NEXT(listen);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_listen(socket) : CALL(listen)(fd, backlog);
+    return socket != nullptr ? preload_listen(socket) : CALL_NEXT(listen)(fd, backlog);
 }
 
 int accept(int fd, struct sockaddr *addr, socklen_t *len)
 {
-    NEXT(accept);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_accept(fd, socket, addr, len, 0) : CALL(accept)(fd, addr, len);
+    return socket != nullptr ? preload_accept(fd, socket, addr, len, 0) : CALL_NEXT(accept)(fd, addr, len);
 }
 
 int accept4(int fd, struct sockaddr *addr, socklen_t *len, int flags)
 {
-    NEXT(accept4);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_accept(fd, socket, addr, len, flags) : CALL(accept4)(fd, addr, len, flags);
+    return socket != nullptr ? preload_accept(fd, socket, addr, len, flags) : CALL_NEXT(accept4)(fd, addr, len, flags);
 }
 
 int connect(int fd, const struct sockaddr *addr, socklen_t len)
 {
-    NEXT(connect);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_connect(fd, socket, addr, len) : CALL(connect)(fd, addr, len);
+    return socket != nullptr ? preload_connect(fd, socket, addr, len) : CALL_NEXT(connect)(fd, addr, len);
 }
 
 int shutdown(int fd, int how)
 {
-    NEXT(shutdown);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_shutdown(fd, socket, how) : CALL(shutdown)(fd, how);
+    return socket != nullptr ? preload_shutdown(fd, socket, how) : CALL_NEXT(shutdown)(fd, how);
 }
 
 int getsockname(int fd, struct sockaddr *addr, socklen_t *len)
 {
-    NEXT(getsockname);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_getsockname(socket, addr, len) : CALL(getsockname)(fd, addr, len);
+    return socket != nullptr ? preload_getsockname(socket, addr, len) : CALL_NEXT(getsockname)(fd, addr, len);
 }
 
 int getpeername(int fd, struct sockaddr *addr, socklen_t *len)
 {
-    NEXT(getpeername);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_getpeername(socket, addr, len) : CALL(getpeername)(fd, addr, len);
+    return socket != nullptr ? preload_getpeername(socket, addr, len) : CALL_NEXT(getpeername)(fd, addr, len);
 }
 
 int setsockopt(int fd, int level, int name, const void *value, socklen_t len)
 {
-    NEXT(setsockopt);
     sim_socket_t *socket = preload_socket_at(fd);
     return socket != nullptr ? preload_setsockopt(socket, level, name, value, len)
-                             : CALL(setsockopt)(fd, level, name, value, len);
+                             : CALL_NEXT(setsockopt)(fd, level, name, value, len);
 }
 
 int getsockopt(int fd, int level, int name, void *value, socklen_t *len)
 {
-    NEXT(getsockopt);
     sim_socket_t *socket = preload_socket_at(fd);
     return socket != nullptr ? preload_getsockopt(socket, level, name, value, len)
-                             : CALL(getsockopt)(fd, level, name, value, len);
+                             : CALL_NEXT(getsockopt)(fd, level, name, value, len);
 }
 
 int ioctl(int fd, unsigned long request, ...) noexcept
 {
-    NEXT(ioctl);
     va_list args;
     va_start(args, request);
     void *arg = va_arg(args, void *);
@@ -143,45 +143,41 @@ int ioctl(int fd, unsigned long request, ...) noexcept
     sim_socket_t *socket = preload_socket_at(fd);
     bool passed = true;
     int ret = socket != nullptr ? preload_ioctl(fd, socket, request, arg, &passed) : 0;
-    return passed ? CALL(ioctl)(fd, request, arg) : ret;
+    return passed ? CALL_NEXT(ioctl)(fd, request, arg) : ret;
 }
 
 ssize_t sendto(int fd, const void *data, size_t size, int flags, const struct sockaddr *addr, socklen_t len)
 {
-    NEXT(sendto);
     sim_socket_t *socket = preload_socket_at(fd);
     if (socket == nullptr)
-        return CALL(sendto)(fd, data, size, flags, addr, len);
+        return CALL_NEXT(sendto)(fd, data, size, flags, addr, len);
     one_message_s message(data, size, addr, len);
     return preload_send(fd, socket, &message.msg, flags);
 }
 
 ssize_t send(int fd, const void *data, size_t size, int flags)
 {
-    NEXT(send);
     sim_socket_t *socket = preload_socket_at(fd);
     if (socket == nullptr)
-        return CALL(send)(fd, data, size, flags);
+        return CALL_NEXT(send)(fd, data, size, flags);
     one_message_s message(data, size, nullptr, 0);
     return preload_send(fd, socket, &message.msg, flags);
 }
 
 ssize_t write(int fd, const void *data, size_t size)
 {
-    NEXT(write);
     sim_socket_t *socket = preload_socket_at(fd);
     if (socket == nullptr)
-        return CALL(write)(fd, data, size);
+        return CALL_NEXT(write)(fd, data, size);
     one_message_s message(data, size, nullptr, 0);
     return preload_send(fd, socket, &message.msg, 0);
 }
 
 ssize_t writev(int fd, const struct iovec *parts, int num)
 {
-    NEXT(writev);
     sim_socket_t *socket = preload_socket_at(fd);
     if (socket == nullptr)
-        return CALL(writev)(fd, parts, num);
+        return CALL_NEXT(writev)(fd, parts, num);
     struct msghdr msg = {};
     if (num < 0)
         return preload_fail(EINVAL);
@@ -192,17 +188,15 @@ ssize_t writev(int fd, const struct iovec *parts, int num)
 
 ssize_t sendmsg(int fd, const struct msghdr *msg, int flags)
 {
-    NEXT(sendmsg);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_send(fd, socket, msg, flags) : CALL(sendmsg)(fd, msg, flags);
+    return socket != nullptr ? preload_send(fd, socket, msg, flags) : CALL_NEXT(sendmsg)(fd, msg, flags);
 }
 
 int sendmmsg(int fd, struct mmsghdr *msgs, unsigned num, int flags)
 {
-    NEXT(sendmmsg);
     sim_socket_t *socket = preload_socket_at(fd);
     if (socket == nullptr)
-        return CALL(sendmmsg)(fd, msgs, num, flags);
+        return CALL_NEXT(sendmmsg)(fd, msgs, num, flags);
     unsigned done = 0;
     for (; done < num && done < 1024; done++) {
         if (!preload_writable(&msgs[done].msg_len, sizeof(msgs[done].msg_len)))
@@ -217,43 +211,38 @@ int sendmmsg(int fd, struct mmsghdr *msgs, unsigned num, int flags)
 
 ssize_t recvfrom(int fd, void *data, size_t size, int flags, struct sockaddr *addr, socklen_t *len)
 {
-    NEXT(recvfrom);
     sim_socket_t *socket = preload_socket_at(fd);
     return socket != nullptr ? receive_one(fd, socket, data, size, flags, addr, len)
-                             : CALL(recvfrom)(fd, data, size, flags, addr, len);
+                             : CALL_NEXT(recvfrom)(fd, data, size, flags, addr, len);
 }
 
 ssize_t recv(int fd, void *data, size_t size, int flags)
 {
-    NEXT(recv);
     sim_socket_t *socket = preload_socket_at(fd);
     return socket != nullptr ? receive_one(fd, socket, data, size, flags, nullptr, nullptr)
-                             : CALL(recv)(fd, data, size, flags);
+                             : CALL_NEXT(recv)(fd, data, size, flags);
 }
 
 ssize_t read(int fd, void *data, size_t size)
 {
-    NEXT(read);
     sim_socket_t *socket = preload_socket_at(fd);
     if (socket == nullptr)
-        return CALL(read)(fd, data, size);
+        return CALL_NEXT(read)(fd, data, size);
     return size == 0 ? 0 : receive_one(fd, socket, data, size, 0, nullptr, nullptr);
 }
 
 ssize_t readv(int fd, const struct iovec *parts, int num)
 {
-    NEXT(readv);
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? receive_parts(fd, socket, parts, num) : CALL(readv)(fd, parts, num);
+    return socket != nullptr ? receive_parts(fd, socket, parts, num) : CALL_NEXT(readv)(fd, parts, num);
 }
 
 ssize_t recvmsg(int fd, struct msghdr *msg, int flags)
 {
-    NEXT(recvmsg);
     sim_socket_t *socket = preload_socket_at(fd);
     if (socket != nullptr)
         return preload_receive(fd, socket, msg, flags);
-    ssize_t ret = CALL(recvmsg)(fd, msg, flags);
+    ssize_t ret = CALL_NEXT(recvmsg)(fd, msg, flags);
     if (ret >= 0)
         preload_received(msg);
     return ret;
@@ -280,11 +269,10 @@ static int receive_many(int fd, sim_socket_t *socket, struct mmsghdr *msgs, unsi
 
 int recvmmsg(int fd, struct mmsghdr *msgs, unsigned num, int flags, struct timespec *limit)
 {
-    NEXT(recvmmsg);
     sim_socket_t *socket = preload_socket_at(fd);
     if (socket != nullptr)
         return receive_many(fd, socket, msgs, num, flags, limit);
-    int ret = CALL(recvmmsg)(fd, msgs, num, flags, limit);
+    int ret = CALL_NEXT(recvmmsg)(fd, msgs, num, flags, limit);
     for (int i = 0; i < ret; i++)
         preload_received(&msgs[i].msg_hdr);
     return ret;

@@ -17,6 +17,14 @@
 #include <climits>
 #include <sys/epoll.h>
 
+#define CALLS(X) X(epoll_ctl) X(epoll_pwait2) X(epoll_pwait) X(epoll_create) X(epoll_create1) X(epoll_wait)
+CALLS(NEXT_POINTER)
+
+__attribute__((constructor)) static void find_calls()
+{
+    CALLS(NEXT_FIND)
+}
+
 constexpr uint32_t MAX_WATCHES = 4096;
 constexpr uint32_t MAX_SETS = 1024;
 constexpr int MAX_DESCRIPTOR = 65536; // a set with a higher number works for input alone
@@ -203,7 +211,6 @@ static void wake_sleepers(const sim_self_t *self, uint32_t set, sim_socket_t *so
 
 static int add_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, struct epoll_event *event)
 {
-    NEXT(epoll_ctl);
     const sim_self_t *self = preload_self();
     watch_t old;
     uint32_t before = find_watch(set, fd, sim_load(&socket->port), &old);
@@ -215,7 +222,7 @@ static int add_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, stru
     struct epoll_event native = native_event(event->events, event->data.u64);
     if (before == MAX_WATCHES)
         publish(index, set, fd, socket, event);
-    if (CALL(epoll_ctl)(epoll, EPOLL_CTL_ADD, fd, &native) != 0) {
+    if (CALL_NEXT(epoll_ctl)(epoll, EPOLL_CTL_ADD, fd, &native) != 0) {
         uint64_t word = sim_load(&s_watches[index].word);
         if (sim_swap(&s_watches[index].word, word, with_state(word, FREE)) && before == MAX_WATCHES)
             (void)sim_add(&s_sets[set].watches, UINT32_MAX);
@@ -231,7 +238,6 @@ static int add_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, stru
 
 static int change_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, struct epoll_event *event)
 {
-    NEXT(epoll_ctl);
     const sim_self_t *self = preload_self();
     watch_t old;
     uint32_t index = take_watch_or_sweep(preload_state(self));
@@ -240,7 +246,7 @@ static int change_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, s
     if (every_message_counts(event->events))
         sim_store(&socket->edge, 1U);
     struct epoll_event native = native_event(event->events, event->data.u64);
-    if (CALL(epoll_ctl)(epoll, EPOLL_CTL_MOD, fd, &native) != 0) {
+    if (CALL_NEXT(epoll_ctl)(epoll, EPOLL_CTL_MOD, fd, &native) != 0) {
         uint64_t word = sim_load(&s_watches[index].word);
         sim_store(&s_watches[index].word, with_state(word, FREE));
         return -1;
@@ -255,9 +261,8 @@ static int change_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, s
 
 static int delete_watch(uint32_t set, int epoll, int fd, const sim_socket_t *socket, struct epoll_event *event)
 {
-    NEXT(epoll_ctl);
     watch_t old;
-    if (CALL(epoll_ctl)(epoll, EPOLL_CTL_DEL, fd, event) != 0)
+    if (CALL_NEXT(epoll_ctl)(epoll, EPOLL_CTL_DEL, fd, event) != 0)
         return -1;
     uint32_t index = find_watch(set, fd, sim_load(&socket->port), &old);
     if (index != MAX_WATCHES)
@@ -456,14 +461,12 @@ static int drop_sockets(const waited_t *w, int num)
 
 static int wait_natively(const waited_t *w, int max, int64_t left, const sigset_t *mask)
 {
-    NEXT(epoll_pwait2);
-    NEXT(epoll_pwait);
     if (w->fine) {
         struct timespec limit = {(time_t)(left / 1000000), (long)(left % 1000000) * 1000};
-        return CALL(epoll_pwait2)(w->epoll, w->events, max, left != EVER ? &limit : nullptr, mask);
+        return CALL_NEXT(epoll_pwait2)(w->epoll, w->events, max, left != EVER ? &limit : nullptr, mask);
     }
     int64_t ms = left / 1000 + (left % 1000 != 0 ? 1 : 0);
-    return CALL(epoll_pwait)(w->epoll, w->events, max, left == EVER ? -1 : ms < INT_MAX ? (int)ms : INT_MAX, mask);
+    return CALL_NEXT(epoll_pwait)(w->epoll, w->events, max, left == EVER ? -1 : ms < INT_MAX ? (int)ms : INT_MAX, mask);
 }
 
 // The events of the kernel without those of sockets, or -1.
@@ -572,27 +575,24 @@ static int number(int fd)
 extern "C" {
 int epoll_create(int size)
 {
-    NEXT(epoll_create);
-    return number(CALL(epoll_create)(size));
+    return number(CALL_NEXT(epoll_create)(size));
 }
 
 int epoll_create1(int flags)
 {
-    NEXT(epoll_create1);
-    return number(CALL(epoll_create1)(flags));
+    return number(CALL_NEXT(epoll_create1)(flags));
 }
 
 int epoll_ctl(int epoll, int op, int fd, struct epoll_event *event)
 {
-    NEXT(epoll_ctl);
     if (is_socket(epoll))
         return preload_fail(EINVAL);
     sim_socket_t *socket = fd >= 0 && preload_known(fd) ? preload_socket_at(fd) : nullptr;
     if (socket == nullptr || preload_shares_memory())
-        return CALL(epoll_ctl)(epoll, op, fd, event);
+        return CALL_NEXT(epoll_ctl)(epoll, op, fd, event);
     bool known_op = op == EPOLL_CTL_ADD || op == EPOLL_CTL_MOD || op == EPOLL_CTL_DEL;
     if (!known_op || (op != EPOLL_CTL_DEL && (event == nullptr || !preload_readable(event, sizeof(*event)))))
-        return CALL(epoll_ctl)(epoll, op, fd, event);
+        return CALL_NEXT(epoll_ctl)(epoll, op, fd, event);
     if (op != EPOLL_CTL_DEL && exclusive_is_wrong(op, event->events))
         return preload_fail(EINVAL);
     uint32_t set = set_for(epoll);
@@ -605,34 +605,31 @@ int epoll_ctl(int epoll, int op, int fd, struct epoll_event *event)
 
 int epoll_wait(int epoll, struct epoll_event *events, int max, int ms)
 {
-    NEXT(epoll_wait);
     if (is_socket(epoll))
         return preload_fail(EINVAL);
     if (set_at(epoll) == MAX_SETS || max <= 0)
-        return CALL(epoll_wait)(epoll, events, max, ms);
+        return CALL_NEXT(epoll_wait)(epoll, events, max, ms);
     waited_t w = {epoll, set_at(epoll), events, max, end_of_ms(ms), nullptr, false, preload_self()};
     return wait_on(&w);
 }
 
 int epoll_pwait(int epoll, struct epoll_event *events, int max, int ms, const sigset_t *mask)
 {
-    NEXT(epoll_pwait);
     if (is_socket(epoll))
         return preload_fail(EINVAL);
     if (set_at(epoll) == MAX_SETS || max <= 0)
-        return CALL(epoll_pwait)(epoll, events, max, ms, mask);
+        return CALL_NEXT(epoll_pwait)(epoll, events, max, ms, mask);
     waited_t w = {epoll, set_at(epoll), events, max, end_of_ms(ms), mask, false, preload_self()};
     return wait_on(&w);
 }
 
 int epoll_pwait2(int epoll, struct epoll_event *events, int max, const struct timespec *limit, const sigset_t *mask)
 {
-    NEXT(epoll_pwait2);
     bool valid = limit == nullptr || (limit->tv_sec >= 0 && limit->tv_nsec >= 0 && limit->tv_nsec < 1000000000);
     if (is_socket(epoll))
         return preload_fail(EINVAL);
     if (!valid || set_at(epoll) == MAX_SETS || max <= 0)
-        return CALL(epoll_pwait2)(epoll, events, max, limit, mask);
+        return CALL_NEXT(epoll_pwait2)(epoll, events, max, limit, mask);
     waited_t w = {epoll, set_at(epoll), events, max, end_of_limit(limit), mask, true, preload_self()};
     return wait_on(&w);
 }

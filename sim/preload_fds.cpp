@@ -4,12 +4,23 @@
 // socket itself is released after that. Between the two the thread cannot be cancelled.
 #include "preload.h"
 #include "preload_next.h"
+#include "preload_paths.h"
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
+
+#define CALLS(X)                                                                                                       \
+    X(close)                                                                                                           \
+    X(close_range) X(closefrom) X(dup) X(dup3) X(dup2) X(fcntl) X(fcntl64) X(fclose) X(freopen) X(freopen64)
+CALLS(NEXT_POINTER)
+
+__attribute__((constructor)) static void find_calls()
+{
+    CALLS(NEXT_FIND)
+}
 
 constexpr int MAX_DESCRIPTOR = 1 << 20; // more than a process can have
 
@@ -88,30 +99,26 @@ static bool concerns_copy(int from, int to)
 extern "C" {
 int close(int fd)
 {
-    NEXT(close);
-    return concerns(fd) ? close_one(fd) : CALL(close)(fd);
+    return concerns(fd) ? close_one(fd) : CALL_NEXT(close)(fd);
 }
 
 int close_range(unsigned first, unsigned last, int flags)
 {
-    NEXT(close_range);
     if (first <= last && (flags & ~(int)CLOSE_RANGE_UNSHARE) == 0 && !preload_shares_memory())
         close_ours(first, last);
-    return CALL(close_range)(first, last, flags);
+    return CALL_NEXT(close_range)(first, last, flags);
 }
 
 void closefrom(int first)
 {
-    NEXT(closefrom);
     if (!preload_shares_memory())
         close_ours(first > 0 ? (unsigned)first : 0, (unsigned)MAX_DESCRIPTOR);
-    CALL(closefrom)(first);
+    CALL_NEXT(closefrom)(first);
 }
 
 int dup(int fd)
 {
-    NEXT(dup);
-    int copy = CALL(dup)(fd);
+    int copy = CALL_NEXT(dup)(fd);
     if (copy >= 0 && concerns_copy(fd, copy))
         copied(fd, copy);
     return copy;
@@ -119,11 +126,10 @@ int dup(int fd)
 
 int dup3(int fd, int copy, int flags)
 {
-    NEXT(dup3);
     if (fd == copy || !concerns_copy(fd, copy))
-        return CALL(dup3)(fd, copy, flags);
+        return CALL_NEXT(dup3)(fd, copy, flags);
     kept_t kept = let_go(copy);
-    int ret = CALL(dup3)(fd, copy, flags);
+    int ret = CALL_NEXT(dup3)(fd, copy, flags);
     if (ret >= 0)
         copied(fd, copy);
     let_go_done(&kept, ret >= 0);
@@ -132,22 +138,22 @@ int dup3(int fd, int copy, int flags)
 
 int dup2(int fd, int copy)
 {
-    NEXT(dup2);
     if (fd == copy || !concerns_copy(fd, copy))
-        return CALL(dup2)(fd, copy);
+        return CALL_NEXT(dup2)(fd, copy);
     kept_t kept = let_go(copy);
-    int ret = CALL(dup2)(fd, copy);
+    int ret = CALL_NEXT(dup2)(fd, copy);
     if (ret >= 0)
         copied(fd, copy);
     let_go_done(&kept, ret >= 0);
     return ret;
 }
 
-int pidfd_getfd(int process, int fd, unsigned flags)
+int pidfd_getfd(int process, int fd, unsigned flags) noexcept
 {
-    NEXT(pidfd_getfd);
-    int ret = CALL(pidfd_getfd)(process, fd, flags);
-    if (ret >= 0 && sim_socket_is(ret))
+    int ret = (int)sys_call(SYS_pidfd_getfd, process, fd, flags);
+    if (ret < 0)
+        return preload_fail(-ret);
+    if (sim_socket_is(ret))
         (void)preload_adopt(ret);
     return ret;
 }
@@ -205,22 +211,20 @@ static int any_fcntl(fcntl_t next, int fd, int op, void *arg)
 extern "C" {
 int fcntl(int fd, int op, ...)
 {
-    NEXT(fcntl);
     va_list args;
     va_start(args, op);
     void *arg = va_arg(args, void *);
     va_end(args);
-    return any_fcntl(CALL(fcntl), fd, op, arg);
+    return any_fcntl(CALL_NEXT(fcntl), fd, op, arg);
 }
 
 int fcntl64(int fd, int op, ...)
 {
-    NEXT(fcntl64);
     va_list args;
     va_start(args, op);
     void *arg = va_arg(args, void *);
     va_end(args);
-    return any_fcntl(CALL(fcntl64), fd, op, arg);
+    return any_fcntl(CALL_NEXT(fcntl64), fd, op, arg);
 }
 }
 
@@ -236,39 +240,38 @@ static int descriptor_of(FILE *file)
 extern "C" {
 int fclose(FILE *file)
 {
-    NEXT(fclose);
     int fd = descriptor_of(file);
     if (!concerns(fd))
-        return CALL(fclose)(file);
+        return CALL_NEXT(fclose)(file);
     kept_t kept = let_go(fd);
     preload_watch_close(fd);
-    int ret = CALL(fclose)(file);
+    int ret = CALL_NEXT(fclose)(file);
     let_go_done(&kept, true);
     return ret;
 }
 
 FILE *freopen(const char *path, const char *mode, FILE *file)
 {
-    NEXT(freopen);
+    preload_own_s own(path, preload_use_of(mode));
     int fd = descriptor_of(file);
     if (!concerns(fd))
-        return CALL(freopen)(path, mode, file);
+        return CALL_NEXT(freopen)(own.path, mode, file);
     kept_t kept = let_go(fd);
     preload_watch_close(fd);
-    FILE *ret = CALL(freopen)(path, mode, file);
+    FILE *ret = CALL_NEXT(freopen)(own.path, mode, file);
     let_go_done(&kept, !sim_socket_is(fd));
     return ret;
 }
 
 FILE *freopen64(const char *path, const char *mode, FILE *file)
 {
-    NEXT(freopen64);
+    preload_own_s own(path, preload_use_of(mode));
     int fd = descriptor_of(file);
     if (!concerns(fd))
-        return CALL(freopen64)(path, mode, file);
+        return CALL_NEXT(freopen64)(own.path, mode, file);
     kept_t kept = let_go(fd);
     preload_watch_close(fd);
-    FILE *ret = CALL(freopen64)(path, mode, file);
+    FILE *ret = CALL_NEXT(freopen64)(own.path, mode, file);
     let_go_done(&kept, !sim_socket_is(fd));
     return ret;
 }

@@ -1,269 +1,351 @@
-// Calls for files, on the descriptor of a TIPC socket: those that a socket answers are answered as the kernel does, and
-// those that would do something else on what stands for the socket are refused.
-#include "preload.h"
+// The interposed calls of the C library that open, make, rename and remove files by their path. They go to the node's
+// own copy of a file when it has one (preload_paths.h).
+#undef _FORTIFY_SOURCE   // its inline functions have the names of the calls below
+#undef _FILE_OFFSET_BITS // and so has this
 #include "preload_next.h"
+#include "preload_paths.h"
 
-#include <aio.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <sys/sendfile.h>
+#include <dirent.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
-#include <sys/uio.h>
+#include <unistd.h>
 
-constexpr unsigned SOCKET_MODE = S_IFSOCK | 0777;
+// clang-format off
+#define CALLS(X) \
+    X(open) X(open64) X(openat) X(openat64) X(creat) X(creat64) X(fopen) X(fopen64) \
+    X(opendir) X(chdir) X(inotify_add_watch) X(mkostemps) X(mkostemps64) X(mkdir) X(mkdirat) \
+    X(rmdir) X(mkfifo) X(mkfifoat) X(mknod) X(mknodat) X(symlink) X(symlinkat) X(unlink) X(unlinkat) X(remove) \
+    X(renameat) X(renameat2) X(linkat) X(truncate) X(truncate64)
+// clang-format on
 
-static sim_socket_t *socket_at(int fd)
+CALLS(NEXT_POINTER)
+
+__attribute__((constructor)) static void find_calls()
 {
-    return fd >= 0 && preload_known(fd) ? preload_socket_at(fd) : nullptr;
+    CALLS(NEXT_FIND)
 }
 
-static bool is_socket(int fd)
+static preload_use_e use_of(int flags)
 {
-    return socket_at(fd) != nullptr;
+    if ((flags & O_TMPFILE) == O_TMPFILE)
+        return PRELOAD_FOLDER;
+    if ((flags & O_CREAT) == 0)
+        return PRELOAD_USE;
+    return (flags & O_EXCL) != 0 ? PRELOAD_TEMP : PRELOAD_MAKE;
 }
 
-template <typename stat_t>
-static int describe(int ret, int fd, stat_t *status)
+preload_use_e preload_use_of(const char *mode)
 {
-    const sim_socket_t *socket = ret == 0 ? socket_at(fd) : nullptr;
-    if (socket == nullptr)
-        return ret;
-    status->st_mode = SOCKET_MODE;
-    status->st_ino = sim_load(&socket->port);
-    status->st_uid = geteuid();
-    status->st_gid = getegid();
-    return ret;
+    if (mode == nullptr || mode[0] == 'r')
+        return PRELOAD_USE;
+    return strchr(mode, 'x') != nullptr ? PRELOAD_TEMP : PRELOAD_MAKE;
 }
 
-static bool names_itself(const char *path, int flags)
+static mode_t mode_of(int flags, va_list args)
 {
-    return (flags & AT_EMPTY_PATH) != 0 && (path == nullptr || path[0] == '\0');
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? (mode_t)va_arg(args, unsigned) : 0;
+}
+
+// The fortified and older forms, which no header declares here.
+extern "C" {
+int __open_2(const char *path, int flags);
+int __open64_2(const char *path, int flags);
+int __openat_2(int dir, const char *path, int flags);
+int __openat64_2(int dir, const char *path, int flags);
+int __xmknod(int version, const char *path, mode_t mode, dev_t *device);
+int __xmknodat(int version, int dir, const char *path, mode_t mode, dev_t *device);
 }
 
 extern "C" {
-int fstat(int fd, struct stat *status)
+int open(const char *path, int flags, ...)
 {
-    NEXT(fstat);
-    return describe(CALL(fstat)(fd, status), fd, status);
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = mode_of(flags, args);
+    va_end(args);
+    preload_own_s own(path, use_of(flags));
+    return CALL_NEXT(open)(own.path, flags, mode);
 }
 
-int fstat64(int fd, struct stat64 *status)
+int open64(const char *path, int flags, ...)
 {
-    NEXT(fstat64);
-    return describe(CALL(fstat64)(fd, status), fd, status);
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = mode_of(flags, args);
+    va_end(args);
+    preload_own_s own(path, use_of(flags));
+    return CALL_NEXT(open64)(own.path, flags, mode);
 }
 
-// What fstat was before version 2.33 of the C library.
-int __fxstat(int version, int fd, struct stat *status);
-int __fxstat64(int version, int fd, struct stat64 *status);
-
-int __fxstat(int version, int fd, struct stat *status)
+int openat(int dir, const char *path, int flags, ...)
 {
-    NEXT(__fxstat);
-    return describe(CALL(__fxstat)(version, fd, status), fd, status);
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = mode_of(flags, args);
+    va_end(args);
+    preload_own_s own(path, use_of(flags), dir);
+    return CALL_NEXT(openat)(dir, own.path, flags, mode);
 }
 
-int __fxstat64(int version, int fd, struct stat64 *status)
+int openat64(int dir, const char *path, int flags, ...)
 {
-    NEXT(__fxstat64);
-    return describe(CALL(__fxstat64)(version, fd, status), fd, status);
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = mode_of(flags, args);
+    va_end(args);
+    preload_own_s own(path, use_of(flags), dir);
+    return CALL_NEXT(openat64)(dir, own.path, flags, mode);
 }
 
-int fstatat(int fd, const char *path, struct stat *status, int flags)
+int __open_2(const char *path, int flags)
 {
-    NEXT(fstatat);
-    int ret = CALL(fstatat)(fd, path, status, flags);
-    return ret == 0 && names_itself(path, flags) ? describe(ret, fd, status) : ret;
+    return open(path, flags);
 }
 
-int fstatat64(int fd, const char *path, struct stat64 *status, int flags)
+int __open64_2(const char *path, int flags)
 {
-    NEXT(fstatat64);
-    int ret = CALL(fstatat64)(fd, path, status, flags);
-    return ret == 0 && names_itself(path, flags) ? describe(ret, fd, status) : ret;
+    return open64(path, flags);
 }
 
-int statx(int fd, const char *path, int flags, unsigned mask, struct statx *status)
+int __openat_2(int dir, const char *path, int flags)
 {
-    NEXT(statx);
-    int ret = CALL(statx)(fd, path, flags, mask, status);
-    const sim_socket_t *socket = ret == 0 && names_itself(path, flags) ? socket_at(fd) : nullptr;
-    if (socket == nullptr)
+    return openat(dir, path, flags);
+}
+
+int __openat64_2(int dir, const char *path, int flags)
+{
+    return openat64(dir, path, flags);
+}
+
+int creat(const char *path, mode_t mode)
+{
+    preload_own_s own(path, PRELOAD_MAKE);
+    return CALL_NEXT(creat)(own.path, mode);
+}
+
+int creat64(const char *path, mode_t mode)
+{
+    preload_own_s own(path, PRELOAD_MAKE);
+    return CALL_NEXT(creat64)(own.path, mode);
+}
+
+FILE *fopen(const char *path, const char *mode)
+{
+    preload_own_s own(path, preload_use_of(mode));
+    return CALL_NEXT(fopen)(own.path, mode);
+}
+
+FILE *fopen64(const char *path, const char *mode)
+{
+    preload_own_s own(path, preload_use_of(mode));
+    return CALL_NEXT(fopen64)(own.path, mode);
+}
+
+DIR *opendir(const char *path)
+{
+    preload_own_s own(path);
+    return CALL_NEXT(opendir)(own.path);
+}
+
+int chdir(const char *path)
+{
+    preload_own_s own(path);
+    return CALL_NEXT(chdir)(own.path);
+}
+
+int inotify_add_watch(int fd, const char *path, uint32_t mask)
+{
+    preload_own_s own(path, PRELOAD_FOLDER);
+    return CALL_NEXT(inotify_add_watch)(fd, own.path, mask);
+}
+
+// Makes the file beside the node's copy, and gives the program the name that it would have in the folder of its own.
+static int make_temp(char *name, int suffix, int flags, decltype(&::mkostemps) make)
+{
+    preload_own_s own(name, PRELOAD_TEMP);
+    if (!own.own())
+        return make(name, suffix, flags);
+    int fd = make(own.text, suffix, flags);
+    char *slash = strrchr(name, '/');
+    char *last = slash == nullptr ? name : slash + 1;
+    if (fd >= 0)
+        (void)memcpy(last, strrchr(own.text, '/') + 1, strlen(last));
+    return fd;
+}
+
+int mkstemp(char *name)
+{
+    return make_temp(name, 0, 0, CALL_NEXT(mkostemps));
+}
+
+int mkostemp(char *name, int flags)
+{
+    return make_temp(name, 0, flags, CALL_NEXT(mkostemps));
+}
+
+int mkstemps(char *name, int suffix)
+{
+    return make_temp(name, suffix, 0, CALL_NEXT(mkostemps));
+}
+
+int mkostemps(char *name, int suffix, int flags)
+{
+    return make_temp(name, suffix, flags, CALL_NEXT(mkostemps));
+}
+
+int mkstemp64(char *name)
+{
+    return make_temp(name, 0, 0, CALL_NEXT(mkostemps64));
+}
+
+int mkostemp64(char *name, int flags)
+{
+    return make_temp(name, 0, flags, CALL_NEXT(mkostemps64));
+}
+
+int mkstemps64(char *name, int suffix)
+{
+    return make_temp(name, suffix, 0, CALL_NEXT(mkostemps64));
+}
+
+int mkostemps64(char *name, int suffix, int flags)
+{
+    return make_temp(name, suffix, flags, CALL_NEXT(mkostemps64));
+}
+
+int mkdir(const char *path, mode_t mode)
+{
+    preload_own_s own(path, PRELOAD_MAKE);
+    return CALL_NEXT(mkdir)(own.path, mode);
+}
+
+int mkdirat(int dir, const char *path, mode_t mode)
+{
+    preload_own_s own(path, PRELOAD_MAKE, dir);
+    return CALL_NEXT(mkdirat)(dir, own.path, mode);
+}
+
+int rmdir(const char *path)
+{
+    preload_own_s own(path);
+    return CALL_NEXT(rmdir)(own.path);
+}
+
+int mkfifo(const char *path, mode_t mode)
+{
+    preload_own_s own(path, PRELOAD_MAKE);
+    return CALL_NEXT(mkfifo)(own.path, mode);
+}
+
+int mkfifoat(int dir, const char *path, mode_t mode)
+{
+    preload_own_s own(path, PRELOAD_MAKE, dir);
+    return CALL_NEXT(mkfifoat)(dir, own.path, mode);
+}
+
+int mknod(const char *path, mode_t mode, dev_t device)
+{
+    preload_own_s own(path, PRELOAD_MAKE);
+    return CALL_NEXT(mknod)(own.path, mode, device);
+}
+
+int mknodat(int dir, const char *path, mode_t mode, dev_t device)
+{
+    preload_own_s own(path, PRELOAD_MAKE, dir);
+    return CALL_NEXT(mknodat)(dir, own.path, mode, device);
+}
+
+int __xmknod(int, const char *path, mode_t mode, dev_t *device)
+{
+    return mknod(path, mode, *device);
+}
+
+int __xmknodat(int, int dir, const char *path, mode_t mode, dev_t *device)
+{
+    return mknodat(dir, path, mode, *device);
+}
+
+int symlink(const char *target, const char *path)
+{
+    preload_own_s own(path, PRELOAD_TEMP);
+    return CALL_NEXT(symlink)(target, own.path);
+}
+
+int symlinkat(const char *target, int dir, const char *path)
+{
+    preload_own_s own(path, PRELOAD_TEMP, dir);
+    return CALL_NEXT(symlinkat)(target, dir, own.path);
+}
+
+int unlink(const char *path)
+{
+    preload_own_s own(path);
+    return CALL_NEXT(unlink)(own.path);
+}
+
+int unlinkat(int dir, const char *path, int flags)
+{
+    preload_own_s own(path, PRELOAD_USE, dir);
+    return CALL_NEXT(unlinkat)(dir, own.path, flags);
+}
+
+int remove(const char *path)
+{
+    preload_own_s own(path);
+    return CALL_NEXT(remove)(own.path);
+}
+
+int truncate(const char *path, off_t size)
+{
+    preload_own_s own(path);
+    return CALL_NEXT(truncate)(own.path, size);
+}
+
+int truncate64(const char *path, off64_t size)
+{
+    preload_own_s own(path);
+    return CALL_NEXT(truncate64)(own.path, size);
+}
+
+int renameat2(int from_dir, const char *from, int to_dir, const char *to, unsigned flags)
+{
+    preload_own_s old(from, PRELOAD_USE, from_dir);
+    preload_own_s own(to, old.own() ? PRELOAD_INSTEAD : PRELOAD_MAKE, to_dir);
+    // renameat does without flags, also on a kernel or a file system that knows none
+    int ret = flags == 0 ? CALL_NEXT(renameat)(from_dir, old.path, to_dir, own.path)
+                         : CALL_NEXT(renameat2)(from_dir, old.path, to_dir, own.path, flags);
+    if (ret == 0 || errno != EXDEV || old.own() == own.own())
         return ret;
-    status->stx_mode = (uint16_t)SOCKET_MODE;
-    status->stx_ino = sim_load(&socket->port);
-    status->stx_uid = geteuid();
-    status->stx_gid = getegid();
-    return ret;
+    return preload_carry(from_dir, old.path, to_dir, own.path, flags, false);
 }
 
-// A socket has no position.
-off_t lseek(int fd, off_t offset, int whence)
+int renameat(int from_dir, const char *from, int to_dir, const char *to)
 {
-    NEXT(lseek);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(lseek)(fd, offset, whence);
+    return renameat2(from_dir, from, to_dir, to, 0);
 }
 
-off64_t lseek64(int fd, off64_t offset, int whence)
+int rename(const char *from, const char *to)
 {
-    NEXT(lseek64);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(lseek64)(fd, offset, whence);
+    return renameat2(AT_FDCWD, from, AT_FDCWD, to, 0);
 }
 
-ssize_t pread(int fd, void *data, size_t size, off_t offset)
+int linkat(int from_dir, const char *from, int to_dir, const char *to, int flags)
 {
-    NEXT(pread);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pread)(fd, data, size, offset);
+    preload_own_s old(from, PRELOAD_USE, from_dir);
+    preload_own_s own(to, old.own() ? PRELOAD_TEMP : PRELOAD_MAKE, to_dir);
+    int ret = CALL_NEXT(linkat)(from_dir, old.path, to_dir, own.path, flags);
+    if (ret == 0 || errno != EXDEV || old.own() == own.own())
+        return ret;
+    return preload_carry(from_dir, old.path, to_dir, own.path, (unsigned)flags, true);
 }
 
-ssize_t pread64(int fd, void *data, size_t size, off64_t offset)
+int link(const char *from, const char *to)
 {
-    NEXT(pread64);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pread64)(fd, data, size, offset);
-}
-
-ssize_t __pread_chk(int fd, void *data, size_t size, off_t offset, size_t room);
-ssize_t __pread64_chk(int fd, void *data, size_t size, off64_t offset, size_t room);
-
-ssize_t __pread_chk(int fd, void *data, size_t size, off_t offset, size_t room)
-{
-    NEXT(__pread_chk);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(__pread_chk)(fd, data, size, offset, room);
-}
-
-ssize_t __pread64_chk(int fd, void *data, size_t size, off64_t offset, size_t room)
-{
-    NEXT(__pread64_chk);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(__pread64_chk)(fd, data, size, offset, room);
-}
-
-ssize_t pwrite(int fd, const void *data, size_t size, off_t offset)
-{
-    NEXT(pwrite);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pwrite)(fd, data, size, offset);
-}
-
-ssize_t pwrite64(int fd, const void *data, size_t size, off64_t offset)
-{
-    NEXT(pwrite64);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pwrite64)(fd, data, size, offset);
-}
-
-ssize_t preadv(int fd, const struct iovec *parts, int num, off_t offset)
-{
-    NEXT(preadv);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(preadv)(fd, parts, num, offset);
-}
-
-ssize_t preadv64(int fd, const struct iovec *parts, int num, off64_t offset)
-{
-    NEXT(preadv64);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(preadv64)(fd, parts, num, offset);
-}
-
-ssize_t pwritev(int fd, const struct iovec *parts, int num, off_t offset)
-{
-    NEXT(pwritev);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pwritev)(fd, parts, num, offset);
-}
-
-ssize_t pwritev64(int fd, const struct iovec *parts, int num, off64_t offset)
-{
-    NEXT(pwritev64);
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL(pwritev64)(fd, parts, num, offset);
-}
-
-// With the offset -1 these read and write as readv and writev do, but with flags of their own.
-static int positioned(off64_t offset, const char *what)
-{
-    return offset == -1 ? preload_refuse(what) : preload_fail(ESPIPE);
-}
-
-ssize_t preadv2(int fd, const struct iovec *parts, int num, off_t offset, int flags)
-{
-    NEXT(preadv2);
-    return is_socket(fd) ? positioned(offset, "preadv2") : CALL(preadv2)(fd, parts, num, offset, flags);
-}
-
-ssize_t preadv64v2(int fd, const struct iovec *parts, int num, off64_t offset, int flags)
-{
-    NEXT(preadv64v2);
-    return is_socket(fd) ? positioned(offset, "preadv2") : CALL(preadv64v2)(fd, parts, num, offset, flags);
-}
-
-ssize_t pwritev2(int fd, const struct iovec *parts, int num, off_t offset, int flags)
-{
-    NEXT(pwritev2);
-    return is_socket(fd) ? positioned(offset, "pwritev2") : CALL(pwritev2)(fd, parts, num, offset, flags);
-}
-
-ssize_t pwritev64v2(int fd, const struct iovec *parts, int num, off64_t offset, int flags)
-{
-    NEXT(pwritev64v2);
-    return is_socket(fd) ? positioned(offset, "pwritev2") : CALL(pwritev64v2)(fd, parts, num, offset, flags);
-}
-
-ssize_t sendfile(int out, int in, off_t *offset, size_t count)
-{
-    NEXT(sendfile);
-    return is_socket(out) || is_socket(in) ? preload_refuse("sendfile") : CALL(sendfile)(out, in, offset, count);
-}
-
-ssize_t sendfile64(int out, int in, off64_t *offset, size_t count)
-{
-    NEXT(sendfile64);
-    return is_socket(out) || is_socket(in) ? preload_refuse("sendfile") : CALL(sendfile64)(out, in, offset, count);
-}
-
-ssize_t splice(int in, off64_t *in_offset, int out, off64_t *out_offset, size_t count, unsigned flags)
-{
-    NEXT(splice);
-    if (is_socket(in) || is_socket(out))
-        return preload_refuse("splice");
-    return CALL(splice)(in, in_offset, out, out_offset, count, flags);
-}
-
-int aio_read(struct aiocb *order)
-{
-    NEXT(aio_read);
-    return is_socket(order->aio_fildes) ? preload_refuse("aio_read") : CALL(aio_read)(order);
-}
-
-int aio_read64(struct aiocb64 *order)
-{
-    NEXT(aio_read64);
-    return is_socket(order->aio_fildes) ? preload_refuse("aio_read") : CALL(aio_read64)(order);
-}
-
-int aio_write(struct aiocb *order)
-{
-    NEXT(aio_write);
-    return is_socket(order->aio_fildes) ? preload_refuse("aio_write") : CALL(aio_write)(order);
-}
-
-int aio_write64(struct aiocb64 *order)
-{
-    NEXT(aio_write64);
-    return is_socket(order->aio_fildes) ? preload_refuse("aio_write") : CALL(aio_write64)(order);
-}
-
-int lio_listio(int mode, struct aiocb *const list[], int num, struct sigevent *event)
-{
-    NEXT(lio_listio);
-    for (int i = 0; i < num; i++) {
-        if (list[i] != nullptr && is_socket(list[i]->aio_fildes))
-            return preload_refuse("lio_listio");
-    }
-    return CALL(lio_listio)(mode, list, num, event);
-}
-
-int lio_listio64(int mode, struct aiocb64 *const list[], int num, struct sigevent *event)
-{
-    NEXT(lio_listio64);
-    for (int i = 0; i < num; i++) {
-        if (list[i] != nullptr && is_socket(list[i]->aio_fildes))
-            return preload_refuse("lio_listio");
-    }
-    return CALL(lio_listio64)(mode, list, num, event);
+    return linkat(AT_FDCWD, from, AT_FDCWD, to, 0);
 }
 }

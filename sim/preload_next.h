@@ -1,14 +1,23 @@
-// The next definition of an interposed function.
+// How an interposed call finds the definition that it replaces.
 #ifndef SIM_PRELOAD_NEXT_H
 #define SIM_PRELOAD_NEXT_H
 
 #include <dlfcn.h>
 
-// NEXT(name) looks the next definition of `name` up once; CALL(name) calls it.
-#define NEXT(name)                                                                                                     \
-    static decltype(&::name) s_next_##name;                                                                            \
-    if (__atomic_load_n(&s_next_##name, __ATOMIC_RELAXED) == nullptr)                                                  \
-    __atomic_store_n(&s_next_##name, (decltype(&::name))dlsym(RTLD_NEXT, #name), __ATOMIC_RELAXED)
-#define CALL(name) s_next_##name
+// A file names its calls in one list, LIST(NEXT_POINTER), and looks all of them up when the library is loaded,
+// LIST(NEXT_FIND): dlsym must not be called in a signal handler. A call that comes earlier looks its own up.
+template <typename call_t>
+static inline call_t preload_next(call_t *next, const char *name)
+{
+    call_t found = __atomic_load_n(next, __ATOMIC_RELAXED);
+    if (found != nullptr)
+        return found;
+    found = (call_t)dlsym(RTLD_NEXT, name);
+    __atomic_store_n(next, found, __ATOMIC_RELAXED);
+    return found;
+}
+#define NEXT_POINTER(name) static decltype(&::name) s_next_##name;
+#define NEXT_FIND(name) (void)preload_next(&s_next_##name, #name);
+#define CALL_NEXT(name) preload_next(&s_next_##name, #name)
 
 #endif

@@ -17,6 +17,20 @@
 #include <sys/mman.h>
 #include <sys/select.h>
 
+// Forms that programs built with _FORTIFY_SOURCE call, which no header declares here.
+extern "C" {
+int __poll_chk(struct pollfd *fds, nfds_t num, int ms, size_t size);
+int __ppoll_chk(struct pollfd *fds, nfds_t num, const struct timespec *limit, const sigset_t *mask, size_t size);
+}
+
+#define CALLS(X) X(ppoll) X(poll) X(__poll_chk) X(__ppoll_chk) X(pselect) X(select)
+CALLS(NEXT_POINTER)
+
+__attribute__((constructor)) static void find_calls()
+{
+    CALLS(NEXT_FIND)
+}
+
 constexpr nfds_t FEW = 64;          // descriptors whose records fit on the stack
 constexpr nfds_t MANY = 1U << 20;   // more than a process can have
 constexpr int64_t EVER = INT64_MAX; // us
@@ -129,7 +143,6 @@ static int finish(const polled_t *p)
 // One wait: 0, or the errno of poll.
 static int wait_once(const polled_t *p, int64_t left, uint32_t seen)
 {
-    NEXT(ppoll);
     if (!p->ready && p->sliced && p->num == 1 && p->mask == nullptr && left != 0 && (p->fds[0].events & INPUT) == 0) {
         int64_t until = left == EVER ? sys_now() + LONG : p->until / 1000 + 1;
         p->native[0].revents = 0;
@@ -141,7 +154,7 @@ static int wait_once(const polled_t *p, int64_t left, uint32_t seen)
         left = PRELOAD_SLICE;
     struct timespec limit = left != EVER ? span(left) : timespec{};
     int before = errno;
-    int ret = CALL(ppoll)(p->native, p->num, left != EVER ? &limit : nullptr, p->ready ? nullptr : p->mask);
+    int ret = CALL_NEXT(ppoll)(p->native, p->num, left != EVER ? &limit : nullptr, p->ready ? nullptr : p->mask);
     int err = ret < 0 ? errno : 0;
     errno = before;
     return err;
@@ -245,33 +258,29 @@ static int64_t end_of_ms(int ms)
 extern "C" {
 int poll(struct pollfd *fds, nfds_t num, int ms)
 {
-    NEXT(poll);
     if (!any_socket(fds, num))
-        return CALL(poll)(fds, num, ms);
+        return CALL_NEXT(poll)(fds, num, ms);
     return poll_until(fds, num, end_of_ms(ms), nullptr);
 }
 
 int ppoll(struct pollfd *fds, nfds_t num, const struct timespec *limit, const sigset_t *mask)
 {
-    NEXT(ppoll);
     if (!valid(limit) || !any_socket(fds, num))
-        return CALL(ppoll)(fds, num, limit, mask);
+        return CALL_NEXT(ppoll)(fds, num, limit, mask);
     return poll_until(fds, num, end_of_limit(limit), mask);
 }
 
 int __poll_chk(struct pollfd *fds, nfds_t num, int ms, size_t size)
 {
-    NEXT(__poll_chk);
     if (size / sizeof(*fds) < num || !any_socket(fds, num))
-        return CALL(__poll_chk)(fds, num, ms, size);
+        return CALL_NEXT(__poll_chk)(fds, num, ms, size);
     return poll_until(fds, num, end_of_ms(ms), nullptr);
 }
 
 int __ppoll_chk(struct pollfd *fds, nfds_t num, const struct timespec *limit, const sigset_t *mask, size_t size)
 {
-    NEXT(__ppoll_chk);
     if (size / sizeof(*fds) < num || !valid(limit) || !any_socket(fds, num))
-        return CALL(__ppoll_chk)(fds, num, limit, mask, size);
+        return CALL_NEXT(__ppoll_chk)(fds, num, limit, mask, size);
     return poll_until(fds, num, end_of_limit(limit), mask);
 }
 }
@@ -377,16 +386,15 @@ static int finish_sets(const selected_t *s)
 // One wait: 0, or the errno of select.
 static int select_once(const selected_t *s, int64_t left)
 {
-    NEXT(pselect);
     if (s->ready)
         left = 0;
     else if (s->sliced && left > PRELOAD_SLICE)
         left = PRELOAD_SLICE;
     struct timespec limit = left != EVER ? span(left) : timespec{};
     int before = errno;
-    int ret = CALL(pselect)(s->num, (fd_set *)s->native.in[READ_SET], (fd_set *)s->native.in[WRITE_SET],
-                            (fd_set *)s->native.in[EXCEPT_SET], left != EVER ? &limit : nullptr,
-                            s->ready ? nullptr : s->mask);
+    int ret = CALL_NEXT(pselect)(s->num, (fd_set *)s->native.in[READ_SET], (fd_set *)s->native.in[WRITE_SET],
+                                 (fd_set *)s->native.in[EXCEPT_SET], left != EVER ? &limit : nullptr,
+                                 s->ready ? nullptr : s->mask);
     int err = ret < 0 ? errno : 0;
     errno = before;
     for (int k = 0; err != 0 && k < SETS; k++)
@@ -462,11 +470,10 @@ static bool any_selected(int num, const sets_t *sets)
 extern "C" {
 int select(int num, fd_set *in, fd_set *out, fd_set *except, struct timeval *limit)
 {
-    NEXT(select);
     sets_t sets = {{(unsigned long *)in, (unsigned long *)out, (unsigned long *)except}};
     bool odd = limit != nullptr && (limit->tv_sec < 0 || limit->tv_usec < 0);
     if (odd || !any_selected(num, &sets))
-        return CALL(select)(num, in, out, except, limit);
+        return CALL_NEXT(select)(num, in, out, except, limit);
     int64_t until = limit != nullptr ? end_of(limit->tv_sec, limit->tv_usec) : EVER;
     int ret = select_until(num, &sets, until, nullptr);
     if (limit != nullptr && until != EVER) { // as the kernel, also after a failure
@@ -479,10 +486,9 @@ int select(int num, fd_set *in, fd_set *out, fd_set *except, struct timeval *lim
 
 int pselect(int num, fd_set *in, fd_set *out, fd_set *except, const struct timespec *limit, const sigset_t *mask)
 {
-    NEXT(pselect);
     sets_t sets = {{(unsigned long *)in, (unsigned long *)out, (unsigned long *)except}};
     if (!valid(limit) || !any_selected(num, &sets))
-        return CALL(pselect)(num, in, out, except, limit, mask);
+        return CALL_NEXT(pselect)(num, in, out, except, limit, mask);
     return select_until(num, &sets, end_of_limit(limit), mask);
 }
 }

@@ -1,0 +1,80 @@
+// What the files of the launcher share. The launcher is one thread in a process of its own; a failure ends it.
+#ifndef SIM_TIPCSIM_H
+#define SIM_TIPCSIM_H
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include "sim_cluster.h"
+#include "tipcsim_record.h"
+
+typedef std::vector<std::string> words_t;
+
+typedef struct options_s {
+    std::string cluster;
+    std::string node;
+    long nodes = 1;
+    long rmem = SIM_DEFAULT_RMEM;
+    long tolerance = SIM_DEFAULT_TOLERANCE;
+    long timeout = 0;
+    long sends = 1;
+    long jitter = 0; // ms
+    long after = 0;  // sends
+    long seconds = 0;
+    long data = RECORD_BYTES; // bytes
+    std::string script;
+    bool one_way = false;
+    bool end = false;
+    std::string pid;
+    std::string err;
+    std::string bytes;
+    std::string code;
+    words_t files;
+    words_t words; // arguments that are not options
+    char **command = nullptr;
+} options_t;
+
+extern sim_cluster_t g_cluster; // the one that this command is about
+
+[[noreturn]] void die(const std::string &text);
+long number(const std::string &text, const char *what, long lowest, long highest); // dies when it is none of the range
+std::string self();                                                                // the path of this program
+void make_folders(const std::string &path);                                        // all folders above `path`
+std::string in_cluster(const std::string &name);
+uint32_t node_word(const options_t &options, size_t index);
+
+// The cluster that the options or the environment name (tipcsim_run.cpp).
+void open_cluster(const options_t &options);
+int join_cluster(const options_t &options); // the cluster's lock: until it is closed, the folder is not removed
+
+// The files of which each node has a copy (tipcsim_files.cpp).
+std::string file_option(const std::string &value);    // PATH=TEMPLATE with TEMPLATE's whole path
+std::string node_file_list(const options_t &options); // the paths, with colons between them
+void make_node_files(const options_t &options, const std::string &node);
+
+// Programs on nodes (tipcsim_run.cpp).
+int run(const options_t &options);
+int exec_in(options_t options);
+[[noreturn]] void become(char **command);
+
+// The processes of nodes (tipcsim_processes.cpp).
+void signal_node(uint32_t node, int signal);
+void signal_chosen(const options_t &options,
+                   int signal); // the process of --pid, or those of the node in the first word
+void stall_chosen(const options_t &options);
+pid_t pid_option(const options_t &options); // the process of --pid, or 0 without the option
+
+// The state that the processes share, and the broker (tipcsim_state.cpp).
+void begin_cluster(const options_t &options); // of `tipcsim cluster`: its settings and its first nodes
+void end_cluster();                           // its last process has ended: the folder is removed
+void look_at_end();                           // tells the broker that the launcher is through with the cluster
+void add_node(const std::string &node);       // dies when there are too many
+void lose_links(uint32_t node);               // all of a node that failed
+// Does what `verb` asks of the cluster, and gives the status to exit with. False when it is no such verb.
+bool state_command(const std::string &verb, const options_t &options, int *status);
+
+int cluster(options_t options);           // makes a cluster for the length of a command (tipcsim_cluster.cpp)
+int script_command(const words_t &words); // does a command of a script, in a process of its own
+
+#endif
