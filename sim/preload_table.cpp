@@ -256,7 +256,7 @@ static uintptr_t s_writable[PAGES];
 
 static bool tried(uintptr_t *pages, uintptr_t at)
 {
-    return __atomic_load_n(&pages[at / PAGE % PAGES], __ATOMIC_RELAXED) == at / PAGE;
+    return at / PAGE != 0 && __atomic_load_n(&pages[at / PAGE % PAGES], __ATOMIC_RELAXED) == at / PAGE;
 }
 
 static bool keep(uintptr_t *pages, uintptr_t at, bool good)

@@ -229,7 +229,7 @@ static int poll_until(struct pollfd *fds, nfds_t num, int64_t until, const sigse
     return wait_on(&p);
 }
 
-static bool any_socket(const struct pollfd *fds, nfds_t num)
+static bool any_socket(struct pollfd *fds, nfds_t num)
 {
     if (num == 0 || num > MANY || !preload_readable(fds, num * sizeof(*fds)))
         return false;
