@@ -18,7 +18,8 @@ SETTLED = 20  # seconds from the last publication, in which handshakes come to t
 
 
 def on_node(node, *command):
-    return [TIPCSIM, "run", "--node", str(node), "--file", "/etc/zeb.conf=tests/integration/zeb.conf.in", "--", *command]
+    return [TIPCSIM, "run", "--node", str(node), "--node-files", "zeb", "--file", "/etc/zeb.conf=tests/integration/zeb.conf.in",
+            "--", *command]
 
 
 def spent():

@@ -12,7 +12,7 @@ TIPCSIM, PROGRAM, RESULT = sys.argv[1:4]
 
 
 def measure(number):
-    children = [subprocess.Popen([TIPCSIM, "run", "--node", str(node), "--file",
+    children = [subprocess.Popen([TIPCSIM, "run", "--node", str(node), "--node-files", "zeb", "--file",
                                   "/etc/zeb.conf=tests/integration/zeb.conf.in", "--", PROGRAM, str(number)],
                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
                 for node in range(1, number + 1)]

@@ -2,7 +2,7 @@
 """A client of board_server or epoll_server with an event loop. It prints who joins and quits. Each line of its input is sent to
 all servers, which send it back, and then all are asked. It ends with its input.
 
-    tipcsim run --node 2 -- python3 examples/asyncio_client.py
+    tipcsim run --node 2 --node-files zeb -- python3 examples/asyncio_client.py
 """
 
 import asyncio

@@ -111,14 +111,46 @@ doctor() {
     echo "prepared in: $(cache_dir)"
 }
 
+add_preset() { # FILE: its lines PATH=TEMPLATE; a template's path begins in the folder of FILE; without one it is this host's PATH
+    local line from folder
+    [ -r "$1" ] || die "cannot read $1"
+    folder=$(dirname "$(readlink -f "$1")")
+    while IFS= read -r line || [ -n "$line" ]; do
+        from=${line#*=}
+        case $line in
+        '' | '#'*) continue ;;
+        /*=) from=${line%=} ;;
+        /*=/*) ;;
+        /*=*) from=$folder/$from ;;
+        *) die "'$line' is no PATH=TEMPLATE" ;;
+        esac
+        case $line in
+        *=) [ -r "$from" ] || continue ;;
+        esac
+        [ -r "$from" ] || die "cannot read $from"
+        PRESET_FILES+=("${line%%=*}=$(readlink -f "$from")")
+    done <"$1"
+}
+
+merge_presets() { # --node-file comes before a preset
+    local file given
+    for file in ${PRESET_FILES[@]+"${PRESET_FILES[@]}"}; do
+        for given in ${NODE_FILES[@]+"${NODE_FILES[@]}"}; do
+            [ "${given%%=*}" != "${file%%=*}" ] || continue 2
+        done
+        NODE_FILES+=("$file")
+    done
+}
+
 parse_options() {
     NODE_IDS=1 OUT='' VIRTUAL='' MACHINES=1 LIMIT=300 MEMORY=1024 WHERE='' TOLERANCE=''
-    NODE_FILES=() SYSCTLS=() ENVIRONMENT=() SHARES=()
+    NODE_FILES=() PRESET_FILES=() SYSCTLS=() ENVIRONMENT=() SHARES=()
     while [ $# -gt 0 ]; do
         case $1 in
         --nodes) NODE_IDS=$(seq -s ' ' 1 "$2") && shift ;;
         --node-ids) NODE_IDS=${2//,/ } && shift ;;
         --node-file) NODE_FILES+=("${2%%=*}=$(readlink -f "${2#*=}")") && shift ;;
+        --node-files) add_preset "$2" && shift ;;
         --tolerance) TOLERANCE=$2 && shift ;;
         --sysctl) SYSCTLS+=("$2") && shift ;;
         --env) ENVIRONMENT+=("$2") && shift ;;
@@ -132,6 +164,7 @@ parse_options() {
         --)
             shift
             COMMAND=("$@")
+            merge_presets
             return
             ;;
         *) die "unknown option '$1' (lab help)" ;;

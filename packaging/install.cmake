@@ -30,6 +30,11 @@ install(CODE "
     file(WRITE \"${CMAKE_CURRENT_BINARY_DIR}/zeb.pc\" \"\${text}\")")
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeb.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# What tipcsim gives each node for programs that use ZEB. A build has it beside tipcsim.
+foreach(file zeb zeb_node_addr.in)
+    configure_file(examples/node-files/${file} sim/node-files/${file} COPYONLY)
+    install(FILES examples/node-files/${file} DESTINATION ${CMAKE_INSTALL_DATADIR}/tipcsim)
+endforeach()
 install(FILES tools/wireshark/zeb.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/zeb/wireshark)
 install(FILES packaging/tipcsim.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tipcsim)
 

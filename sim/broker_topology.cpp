@@ -423,7 +423,8 @@ static bool accept_watcher(sim_socket_t *listener)
     const sim_block_t *syn = sim_queue_first(state, listener, &at);
     if (syn == nullptr)
         return false;
-    uint32_t node = syn->record.src_index;
+    uint32_t asked = syn->record.upper != 0 ? sim_node_find(state, syn->record.upper) : SIM_ANY_NODE;
+    uint32_t node = asked != SIM_ANY_NODE ? asked : syn->record.src_index;
     sim_socket_t *fresh = broker_socket(SOCK_SEQPACKET, node < SIM_MAX_NODES ? node : 0);
     if (fresh == nullptr)
         return false;

@@ -89,6 +89,12 @@ void preload_watch_copy(int from, int to);
 // After a recvmsg on a descriptor that is no TIPC socket: sockets that came with the message (preload_fds.cpp).
 void preload_received(const struct msghdr *msg);
 
+// What a successful stat of the descriptor `fd` says when it is a socket's and `path` is empty, so that it means `fd`
+// itself (preload_other.cpp). Returns `ret`.
+int preload_describe(int ret, int fd, const char *path, int flags, struct stat *status);
+int preload_describe(int ret, int fd, const char *path, int flags, struct stat64 *status);
+int preload_describe(int ret, int fd, const char *path, int flags, struct statx *status);
+
 // Whether memory of the application can be read or written. The first and the last byte are tried.
 bool preload_readable(const void *data, size_t size);
 bool preload_writable(void *data, size_t size);

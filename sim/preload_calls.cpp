@@ -10,9 +10,13 @@
 
 #define CALLS(X)                                                                                                       \
     X(socket)                                                                                                          \
-    X(socketpair) X(bind) X(listen) X(accept) X(accept4) X(connect) X(shutdown) X(getsockname) X(getpeername)          \
-        X(setsockopt) X(getsockopt) X(ioctl) X(sendto) X(send) X(write) X(writev) X(sendmsg) X(sendmmsg) X(recvfrom)   \
-            X(recv) X(read) X(readv) X(recvmsg) X(recvmmsg)
+    X(socketpair)                                                                                                      \
+    X(bind)                                                                                                            \
+    X(listen)                                                                                                          \
+    X(accept)                                                                                                          \
+    X(accept4)                                                                                                         \
+    X(connect) X(shutdown) X(getsockname) X(getpeername) X(setsockopt) X(getsockopt) X(ioctl) X(sendto) X(send)        \
+        X(write) X(writev) X(sendmsg) X(sendmmsg) X(recvfrom) X(recv) X(read) X(readv) X(recvmsg) X(recvmmsg)
 CALLS(NEXT_POINTER)
 
 __attribute__((constructor)) static void find_calls()
@@ -36,25 +40,46 @@ struct one_message_s { // the arguments of send, recv and the like, as a msghdr
 };
 } // namespace
 
+// As the kernel, this gives the sender's address out after the message was taken.
 static ssize_t receive_one(int fd, sim_socket_t *socket, void *data, size_t size, int flags, struct sockaddr *addr,
                            socklen_t *len)
 {
-    one_message_s message(data, size, addr, 0);
-    if (addr != nullptr && len != nullptr && !preload_readable(len, sizeof(*len)))
-        return preload_fail(EFAULT);
-    if (addr != nullptr && len != nullptr)
-        message.msg.msg_namelen = *len;
+    struct sockaddr_tipc from;
+    one_message_s message(data, size, addr != nullptr ? &from : nullptr, sizeof(from));
     ssize_t ret = preload_receive(fd, socket, &message.msg, flags);
-    if (ret >= 0 && addr != nullptr && len != nullptr)
-        *len = message.msg.msg_namelen;
+    if (ret < 0 || addr == nullptr)
+        return ret;
+    if (!preload_writable(len, sizeof(*len)))
+        return preload_fail(EFAULT);
+    if ((int)*len < 0)
+        return preload_fail(EINVAL);
+    size_t part = *len < sizeof(from) ? *len : sizeof(from);
+    if (!preload_writable(addr, part))
+        return preload_fail(EFAULT);
+    memcpy(addr, &from, part);
+    *len = sizeof(from);
     return ret;
+}
+
+// The bytes of all parts; -1 when there are too many or they cannot be read.
+static ssize_t bytes_of(const struct iovec *parts, int num)
+{
+    ssize_t bytes = 0;
+    if (num < 0 || num > 1024)
+        return preload_fail(EINVAL);
+    if (!preload_readable(parts, (size_t)num * sizeof(*parts)))
+        return preload_fail(EFAULT);
+    for (int i = 0; i < num; i++)
+        bytes += (ssize_t)parts[i].iov_len;
+    return bytes;
 }
 
 static ssize_t receive_parts(int fd, sim_socket_t *socket, const struct iovec *parts, int num)
 {
     struct msghdr msg = {};
-    if (num < 0)
-        return preload_fail(EINVAL);
+    ssize_t bytes = bytes_of(parts, num);
+    if (bytes <= 0)
+        return bytes;
     msg.msg_iov = const_cast<struct iovec *>(parts);
     msg.msg_iovlen = (size_t)num;
     return preload_receive(fd, socket, &msg, 0);
@@ -179,8 +204,9 @@ ssize_t writev(int fd, const struct iovec *parts, int num)
     if (socket == nullptr)
         return CALL_NEXT(writev)(fd, parts, num);
     struct msghdr msg = {};
-    if (num < 0)
-        return preload_fail(EINVAL);
+    ssize_t bytes = bytes_of(parts, num);
+    if (bytes <= 0)
+        return bytes;
     msg.msg_iov = const_cast<struct iovec *>(parts);
     msg.msg_iovlen = (size_t)num;
     return preload_send(fd, socket, &msg, 0);

@@ -178,6 +178,14 @@ static void publish(uint32_t index, uint32_t set, int fd, const sim_socket_t *so
     sim_store(&watch->word, with_state(word, LIVE));
 }
 
+// Gives an entry back that this call has taken, whether it was published or not.
+static void withdraw(uint32_t index, uint32_t set)
+{
+    uint64_t word = sim_load(&s_watches[index].word);
+    if (sim_swap(&s_watches[index].word, word, with_state(word, FREE)) && state_of(word) != TAKEN)
+        (void)sim_add(&s_sets[set].watches, UINT32_MAX);
+}
+
 // What the kernel is told. A registration for anything but input is edge-triggered there: input that nobody asked for
 // would end every wait.
 static struct epoll_event native_event(uint32_t events, uint64_t data)
@@ -223,9 +231,7 @@ static int add_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, stru
     if (before == MAX_WATCHES)
         publish(index, set, fd, socket, event);
     if (CALL_NEXT(epoll_ctl)(epoll, EPOLL_CTL_ADD, fd, &native) != 0) {
-        uint64_t word = sim_load(&s_watches[index].word);
-        if (sim_swap(&s_watches[index].word, word, with_state(word, FREE)) && before == MAX_WATCHES)
-            (void)sim_add(&s_sets[set].watches, UINT32_MAX);
+        withdraw(index, set);
         return -1;
     }
     if (before != MAX_WATCHES) { // the old one was deleted past this library
@@ -236,25 +242,25 @@ static int add_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, stru
     return 0;
 }
 
+// The table has the new registration first, so that whoever the kernel wakes from here on finds it.
 static int change_watch(uint32_t set, int epoll, int fd, sim_socket_t *socket, struct epoll_event *event)
 {
     const sim_self_t *self = preload_self();
+    uint32_t port = sim_load(&socket->port);
     watch_t old;
     uint32_t index = take_watch_or_sweep(preload_state(self));
     if (index == MAX_WATCHES)
         return preload_refuse("more than 4,096 registrations of TIPC sockets with epoll");
     if (every_message_counts(event->events))
         sim_store(&socket->edge, 1U);
-    struct epoll_event native = native_event(event->events, event->data.u64);
-    if (CALL_NEXT(epoll_ctl)(epoll, EPOLL_CTL_MOD, fd, &native) != 0) {
-        uint64_t word = sim_load(&s_watches[index].word);
-        sim_store(&s_watches[index].word, with_state(word, FREE));
-        return -1;
-    }
-    for (uint32_t i = find_watch(set, fd, sim_load(&socket->port), &old); i != MAX_WATCHES;
-         i = find_watch(set, fd, sim_load(&socket->port), &old))
+    for (uint32_t i = find_watch(set, fd, port, &old); i != MAX_WATCHES; i = find_watch(set, fd, port, &old))
         drop_watch(i, &old);
     publish(index, set, fd, socket, event);
+    struct epoll_event native = native_event(event->events, event->data.u64);
+    if (CALL_NEXT(epoll_ctl)(epoll, EPOLL_CTL_MOD, fd, &native) != 0) {
+        withdraw(index, set);
+        return -1;
+    }
     wake_sleepers(self, set, socket, event->events);
     return 0;
 }
@@ -328,24 +334,9 @@ static void arm(const waited_t *w, const found_t *found)
     (void)sys_epoll_ctl(w->epoll, EPOLL_CTL_MOD, found->watch.fd, &native);
 }
 
-// A one-shot registration was reported. Should the caller arm it again at this moment, that stays in force.
-static void disarm(const waited_t *w, const found_t *found)
-{
-    struct epoll_event none = {};
-    none.events = EPOLLONESHOT;
-    none.data.u64 = found->watch.data;
-    uint64_t spent = with_state(found->watch.word, SPENT);
-    (void)sys_epoll_ctl(w->epoll, EPOLL_CTL_MOD, found->watch.fd, &none);
-    if (sim_load(&s_watches[found->index].word) == spent)
-        return;
-    found_t now;
-    now.index = find_watch(w->set, found->watch.fd, found->watch.port, &now.watch);
-    if (now.index != MAX_WATCHES && state_of(now.watch.word) == LIVE)
-        arm(w, &now);
-}
-
-// Takes the right to report an event. False when another thread has it.
-static bool claim(const waited_t *w, const found_t *found)
+// Takes the right to report an event. False when another thread has it. The kernel may still report a one-shot
+// registration once more, which is dropped.
+static bool claim(const found_t *found)
 {
     watch_t *watch = &s_watches[found->index];
     uint64_t now = (uint64_t)generation(found->watch.word) << 32 | found->change;
@@ -353,10 +344,7 @@ static bool claim(const waited_t *w, const found_t *found)
         return false;
     if ((found->watch.events & EPOLLONESHOT) == 0)
         return true;
-    if (!sim_swap(&watch->word, found->watch.word, with_state(found->watch.word, SPENT)))
-        return false;
-    disarm(w, found);
-    return true;
+    return sim_swap(&watch->word, found->watch.word, with_state(found->watch.word, SPENT));
 }
 
 // Counts the sockets that have an event to report. `sliced`: one asks for output and cannot send now.
@@ -390,7 +378,7 @@ static int collect(const waited_t *w, int num, uint32_t turn)
                 arm(w, &found);
             continue;
         }
-        if (!claim(w, &found))
+        if (!claim(&found))
             continue;
         w->events[num].events = found.events;
         w->events[num].data.u64 = found.watch.data;

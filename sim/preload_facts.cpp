@@ -2,6 +2,7 @@
 // extended attributes. They go to the node's own copy of a file when it has one (preload_paths.h).
 #undef _FORTIFY_SOURCE   // its inline functions have the names of the calls below
 #undef _FILE_OFFSET_BITS // and so has this
+#include "preload.h"
 #include "preload_next.h"
 #include "preload_paths.h"
 
@@ -71,19 +72,19 @@ int lstat64(const char *path, struct stat64 *status)
 int fstatat(int dir, const char *path, struct stat *status, int flags)
 {
     preload_own_s own(path, PRELOAD_USE, dir);
-    return CALL_NEXT(fstatat)(dir, own.path, status, flags);
+    return preload_describe(CALL_NEXT(fstatat)(dir, own.path, status, flags), dir, path, flags, status);
 }
 
 int fstatat64(int dir, const char *path, struct stat64 *status, int flags)
 {
     preload_own_s own(path, PRELOAD_USE, dir);
-    return CALL_NEXT(fstatat64)(dir, own.path, status, flags);
+    return preload_describe(CALL_NEXT(fstatat64)(dir, own.path, status, flags), dir, path, flags, status);
 }
 
 int statx(int dir, const char *path, int flags, unsigned mask, struct statx *status)
 {
     preload_own_s own(path, PRELOAD_USE, dir);
-    return CALL_NEXT(statx)(dir, own.path, flags, mask, status);
+    return preload_describe(CALL_NEXT(statx)(dir, own.path, flags, mask, status), dir, path, flags, status);
 }
 
 int __xstat(int, const char *path, struct stat *status)

@@ -28,7 +28,7 @@ static int set_tipc(sim_socket_t *socket, int name, const void *value, socklen_t
 {
     uint32_t number = 0;
     if (name == TIPC_MCAST_BROADCAST || name == TIPC_MCAST_REPLICAST) {
-        if (len != 0)
+        if (value != nullptr || len != 0)
             return preload_fail(EINVAL);
         socket->mcast = (uint32_t)name;
         return 0;
@@ -84,6 +84,12 @@ static uint32_t doubled(uint32_t number, uint32_t lowest, bool forced)
     return twice < lowest ? lowest : twice;
 }
 
+static void keep_inert(sim_socket_t *socket, int name, bool on)
+{
+    uint64_t bit = 1ULL << name;
+    socket->inert = on ? socket->inert | bit : socket->inert & ~bit;
+}
+
 static int set_socket(sim_socket_t *socket, int name, const void *value, socklen_t len)
 {
     uint32_t number = 0;
@@ -116,6 +122,7 @@ static int set_socket(sim_socket_t *socket, int name, const void *value, socklen
     case SO_DONTROUTE:
     case SO_OOBINLINE:
     case SO_PASSCRED:
+        keep_inert(socket, name, number != 0);
         return 0;
     case SO_TYPE:
     case SO_ERROR:
@@ -188,6 +195,8 @@ static int get_tipc(sim_socket_t *socket, int name, void *value, socklen_t *len)
     return give(&number, sizeof(number), value, len);
 }
 
+static const struct ucred NOBODY = {0, (uid_t)-1, (gid_t)-1}; // TIPC does not tell the peer's process
+
 static int get_time(int64_t us, void *value, socklen_t *len)
 {
     struct timeval time = {(time_t)(us / 1000000), (suseconds_t)(us % 1000000)};
@@ -227,7 +236,10 @@ static int get_socket(sim_socket_t *socket, int name, void *value, socklen_t *le
         number = 1;
         break;
     case SO_PROTOCOL:
-    case SO_REUSEADDR: // what is set has no effect, and is not kept
+        break;
+    case SO_PEERCRED:
+        return give(&NOBODY, sizeof(NOBODY), value, len);
+    case SO_REUSEADDR:
     case SO_REUSEPORT:
     case SO_KEEPALIVE:
     case SO_BROADCAST:
@@ -236,6 +248,7 @@ static int get_socket(sim_socket_t *socket, int name, void *value, socklen_t *le
     case SO_DONTROUTE:
     case SO_OOBINLINE:
     case SO_PASSCRED:
+        number = (socket->inert >> name & 1) != 0 ? 1 : 0;
         break;
     default:
         return preload_refuse("this option of SOL_SOCKET");

@@ -119,6 +119,9 @@ static int wait_for_message(const incoming_t *in, sim_link_t *at, sim_block_t **
     sim_state_t *state = preload_state(in->self);
     for (;;) {
         uint32_t seen = sim_load(&in->socket->change);
+        uint32_t err = __atomic_exchange_n(&in->socket->err, 0U, __ATOMIC_SEQ_CST);
+        if (err != 0)
+            return (int)err;
         *block = sim_queue_first(state, in->socket, at);
         if (*block != nullptr)
             return 0;
@@ -127,9 +130,6 @@ static int wait_for_message(const incoming_t *in, sim_link_t *at, sim_block_t **
             return EAGAIN;
         if (sim_load(&in->socket->shut) != 0)
             return ENOTCONN;
-        uint32_t err = __atomic_exchange_n(&in->socket->err, 0U, __ATOMIC_SEQ_CST);
-        if (err != 0)
-            return (int)err;
         int waited = preload_wait_change(in->socket, seen, in->until);
         if (waited != 0 && sim_queue_empty(state, in->socket))
             return waited;

@@ -270,6 +270,7 @@ static ssize_t send_datagram(const outgoing_t *out, struct sockaddr_tipc *addr)
 static ssize_t send_to_topology(const outgoing_t *out, sim_record_t *record, const struct sockaddr_tipc *addr)
 {
     name_record(record, addr);
+    record->upper = addr->addr.name.domain; // another node's service may be asked
     record->dst_index = out->socket->node;
     for (int tries = 0; tries < 2; tries++) {
         record->dst_port = sim_load(&preload_state(out->self)->topology);
@@ -285,6 +286,21 @@ static ssize_t send_to_topology(const outgoing_t *out, sim_record_t *record, con
     return preload_fail(ECONNREFUSED);
 }
 
+// A send that begins a connection waits for the answer, and succeeds whatever that is.
+static void wait_for_answer(const outgoing_t *out)
+{
+    sim_socket_t *socket = out->socket;
+    int err = 0;
+    while (err == 0) {
+        uint32_t seen = sim_load(&socket->change);
+        if (sim_conn_state(socket) != SIM_CONN_CONNECTING) {
+            sim_store(&socket->err, 0U);
+            return;
+        }
+        err = preload_wait_change(socket, seen, out->until);
+    }
+}
+
 // The first message of a connection, from connect() or from a send with an address.
 static ssize_t send_syn(const outgoing_t *out, const struct sockaddr_tipc *addr)
 {
@@ -295,8 +311,10 @@ static ssize_t send_syn(const outgoing_t *out, const struct sockaddr_tipc *addr)
         return preload_fail(EMSGSIZE);
     if (sim_load(&socket->published) != 0)
         return preload_fail(EOPNOTSUPP);
-    if (addr->addrtype == TIPC_SERVICE_RANGE)
-        return preload_fail(EINVAL);
+    if (addr->addrtype == TIPC_SERVICE_RANGE) { // a multicast, which connects nobody
+        sim_record_t copies = record_of(out, SIM_MCAST);
+        return route(out, addr, &copies);
+    }
     socket->conn_named = addr->addrtype == TIPC_SERVICE_ADDR ? 1 : 0;
     socket->conn_type = addr->addr.name.name.type;
     socket->conn_lower = addr->addr.name.name.instance;
@@ -306,6 +324,8 @@ static ssize_t send_syn(const outgoing_t *out, const struct sockaddr_tipc *addr)
     ssize_t ret = is_topology(addr) ? send_to_topology(out, &record, addr) : route(out, addr, &record);
     if (ret < 0)
         (void)sim_swap(&socket->conn, connecting, open);
+    else if (out->len != 0 && blocks(out))
+        wait_for_answer(out);
     return ret;
 }
 
@@ -350,6 +370,17 @@ static sim_block_t *part_of(const outgoing_t *out, const sim_record_t *record, s
     return block;
 }
 
+// Returns a part of the message that nobody took.
+static void give_back(const outgoing_t *out, sim_record_t *record, size_t from, uint32_t err)
+{
+    record->len = record->len < SIM_MAX_RETURNED ? record->len : SIM_MAX_RETURNED;
+    sim_block_t *block = part_of(out, record, from);
+    if (block == nullptr)
+        return;
+    sim_return(out->self, record, block->data, err);
+    sim_block_free(preload_state(out->self), block);
+}
+
 // A small write to a stream makes the receiver acknowledge, and with that tell its whole window.
 static void ask_for_window(sim_state_t *state, sim_socket_t *socket)
 {
@@ -378,7 +409,7 @@ static int send_part(const outgoing_t *out, size_t from, size_t len)
     (void)sim_add(&socket->sent_unacked, (record.len + HEADER) / SIM_FLOW_BLOCK + 1);
     uint32_t refused = sim_deliver(out->self, block);
     if (refused != TIPC_OK)
-        sim_return(out->self, &record, nullptr, refused); // which ends the connection
+        give_back(out, &record, from, refused); // which ends the connection
     return 0;
 }
 

@@ -103,6 +103,7 @@ static void point_at(sim_socket_t *socket, const sim_state_t *state, const sim_s
     addr.addr.id.ref = peer->port;
     addr.addr.id.node = state->nodes[peer->node];
     memcpy(socket->dest, &addr, sizeof(addr));
+    socket->paired = 1;
 }
 
 static void join(const sim_state_t *state, sim_socket_t *one, sim_socket_t *other)
@@ -238,6 +239,10 @@ int preload_getsockname(sim_socket_t *socket, struct sockaddr *out, socklen_t *l
 int preload_getpeername(sim_socket_t *socket, struct sockaddr *out, socklen_t *len)
 {
     struct sockaddr_tipc addr;
+    if (socket->paired != 0) {
+        memcpy(&addr, socket->dest, sizeof(addr));
+        return give_address(&addr, out, len);
+    }
     if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED)
         return preload_fail(ENOTCONN);
     socket_address(preload_state(preload_self()), sim_conn_peer(socket), socket->peer_node, &addr);

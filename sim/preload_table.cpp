@@ -271,6 +271,8 @@ static bool readable_at(uintptr_t at)
 {
     if (tried(s_readable, at))
         return true;
+    if (at / PAGE == 0)
+        return false; // no mask at all would be right for that call
     const void *mask = (const void *)(at & ~(uintptr_t)7);
     return keep(s_readable, at, sys_call(SYS_rt_sigprocmask, -1, mask, nullptr, (size_t)8) != -EFAULT);
 }

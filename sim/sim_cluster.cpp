@@ -180,6 +180,22 @@ static int map_state(sim_cluster_t *cluster, bool create, const char **why)
     return -EINVAL;
 }
 
+// What lies in the folder is trusted, so nobody else may have made it or may get into it.
+static int check_folder(const char *dir, const char **why)
+{
+    struct stat status;
+    if (lstat(dir, &status) != 0)
+        return -errno;
+    *why = S_ISLNK(status.st_mode) ? "it is a symbolic link" : "it is no folder";
+    if (!S_ISDIR(status.st_mode))
+        return -ENOTDIR;
+    *why = "the folder is another user's";
+    if (status.st_uid != geteuid())
+        return -EPERM;
+    *why = "others may use the folder; its mode has to be 0700";
+    return (status.st_mode & 0777) == 0700 ? 0 : -EPERM;
+}
+
 static int open_locked(sim_cluster_t *cluster, const char *dir, bool create, const char **why)
 {
     cluster->state = nullptr;
@@ -191,13 +207,19 @@ static int open_locked(sim_cluster_t *cluster, const char *dir, bool create, con
         *why = "cannot make the folder";
         if (create && mkdir(dir, 0700) != 0 && errno != EEXIST)
             return -errno;
+        *why = "cannot look at the folder";
+        int ret = check_folder(dir, why);
+        if (ret == -ENOENT && create)
+            continue; // the broker removed it
+        if (ret != 0)
+            return ret;
         *why = "cannot lock it";
         int lock = sim_cluster_lock(dir);
         if (lock == -ENOENT && create)
             continue; // the broker removed the folder between mkdir and the lock
         if (lock < 0)
             return lock;
-        int ret = map_state(cluster, create, why);
+        ret = map_state(cluster, create, why);
         if (ret == 0)
             return lock;
         (void)sys_close(lock);
@@ -279,10 +301,10 @@ uint32_t sim_node_find(const sim_state_t *state, uint32_t node)
 uint32_t sim_node_index(sim_state_t *state, uint32_t node)
 {
     for (uint32_t i = 0; i < SIM_MAX_NODES; i++) {
-        if (sim_load(&state->nodes[i]) != node && !sim_swap(&state->nodes[i], 0U, node)) {
-            if (sim_load(&state->nodes[i]) != node)
-                continue;
-        }
+        if (sim_swap(&state->nodes[i], 0U, node))
+            (void)snprintf((char *)state->identities[i], SIM_IDENTITY_LEN, "node%u", node);
+        else if (sim_load(&state->nodes[i]) != node)
+            continue;
         for (uint32_t num = sim_load(&state->node_num); num <= i; num = sim_load(&state->node_num))
             (void)sim_swap(&state->node_num, num, i + 1);
         return i;

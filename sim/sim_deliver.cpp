@@ -99,7 +99,7 @@ static uint32_t pass(const sim_self_t *self, sim_block_t *block)
         if (!sim_connectionless(socket))
             verdict = filter(self, socket, record);
         else
-            verdict = record->kind < SIM_SYN ? QUEUE : DONE; // a request for a connection gets no answer
+            verdict = record->kind <= SIM_SYN ? QUEUE : DONE; // a request for a connection is a message like others
     }
     if (verdict == QUEUE)
         err = sim_queue_put(self, socket, block, limit_of(socket, record));
@@ -144,7 +144,7 @@ void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_
     if (record->err != TIPC_OK || record->droppable != 0)
         return;
     sim_record_t answer = *record;
-    answer.len = record->len < SIM_MAX_RETURNED ? record->len : SIM_MAX_RETURNED;
+    answer.len = data == nullptr ? 0 : record->len < SIM_MAX_RETURNED ? record->len : SIM_MAX_RETURNED;
     answer.err = err;
     answer.src_port = record->dst_port;
     answer.src_index = record->dst_index;
@@ -230,8 +230,14 @@ void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t byte
         sim_socket_notify(self, peer);
 }
 
-// Takes all messages out of a socket's queue. The first, or with `all` each of them, goes back with `err`. True when
-// there was one.
+static bool read_in_part(const sim_socket_t *socket, sim_link_t at)
+{
+    uint64_t read = sim_load(&socket->read_at);
+    return (uint32_t)read != 0 && (uint32_t)(read >> 32) == sim_link_count(at);
+}
+
+// Takes all messages out of a socket's queue, of which one that was read in part is lost. The first, or with `all` each
+// of them, goes back with `err`. True when there was one.
 static bool give_back(const sim_self_t *self, sim_socket_t *socket, uint32_t err, bool first, bool all)
 {
     sim_state_t *state = self->cluster->state;
@@ -243,6 +249,10 @@ static bool give_back(const sim_self_t *self, sim_socket_t *socket, uint32_t err
             return any;
         if (!sim_queue_pop(state, socket, at, block))
             continue;
+        if (read_in_part(socket, at)) {
+            sim_block_release(state, block);
+            continue;
+        }
         if (all || (first && !any))
             sim_return(self, &block->record, block->data, err);
         any = true;

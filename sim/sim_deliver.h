@@ -18,7 +18,7 @@ uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block);
 // Makes a block of a record and its data. Null without memory.
 sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, const struct iovec *data, size_t num);
 // Sends a message back that was refused or never read, with what it began with. Does nothing when it is droppable, or
-// was returned itself.
+// was returned itself. Without `data` it comes back empty.
 void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_t *data, uint32_t err);
 
 // Takes a SYN out of the queue of a listening socket and connects `fresh` with its sender. The SYN's data, if any, is

@@ -92,8 +92,11 @@ void sim_blocks_reclaim(sim_state_t *state, uint32_t owner)
         uint32_t num = ready(state, pool);
         uint32_t *owners = (uint32_t *)sim_entry(state, SIM_AREA_OWNERS + pool, 0);
         for (uint32_t i = 0; i < num; i++) {
-            if (__atomic_load_n(&owners[i], __ATOMIC_RELAXED) == owner)
-                sim_block_free(state, sim_block_of(state, (i << POOL_BITS) + pool + 1));
+            if (__atomic_load_n(&owners[i], __ATOMIC_RELAXED) != owner)
+                continue;
+            sim_block_t *block = sim_block_of(state, (i << POOL_BITS) + pool + 1);
+            block->number = (i << POOL_BITS) + pool + 1; // its owner may have been killed before it wrote that
+            sim_block_free(state, block);
         }
     }
 }

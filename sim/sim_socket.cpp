@@ -43,6 +43,8 @@ static void reset_options(const sim_state_t *state, sim_socket_t *socket)
     socket->nodelay = 0;
     socket->mcast = 0;
     socket->lowat = 1;
+    socket->inert = 0;
+    socket->paired = 0;
     socket->rcvtimeo = 0;
     socket->sndtimeo = 0;
 }

@@ -1,9 +1,9 @@
 // The launcher. It starts processes on simulated nodes, makes a cluster for the length of a command, and orders faults.
 // This file has its command line.
 #include "tipcsim.h"
+#include "tipcsim_processes.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <sys/stat.h>
@@ -14,7 +14,11 @@
 static const char USAGE[] =
     R"(tipcsim run --node N [options] -- COMMAND [ARG...]      run COMMAND as a process of node N
   --cluster NAME        the cluster (default: the one that the caller runs in, else "default")
-  --file PATH=TEMPLATE  give the node its own file PATH; @NODE@ in TEMPLATE is the node id (repeatable)
+  --file PATH=TEMPLATE  give the node its own file PATH; @NODE@ in TEMPLATE is the node id (repeatable); without
+                        TEMPLATE a copy of the host's file, if there is one
+  --node-files PRESET   the same for each line PATH=TEMPLATE of a file; without a slash in its name one that is installed
+                        (default: TIPCSIM_NODE_FILES)
+  --force               run COMMAND even if the simulator's library cannot be loaded into it
 tipcsim cluster [options] -- COMMAND [ARG...]           make a cluster, run COMMAND, remove the cluster
   --nodes N             name nodes 1 to N in LAB_NODES and make their files (default 1)
   --rmem BYTES          size of a socket's receive queue at importance 0 (default 2097152)
@@ -22,6 +26,7 @@ tipcsim cluster [options] -- COMMAND [ARG...]           make a cluster, run COMM
   --timeout S           end everything after S seconds, with status 124
   --script FILE         order faults at the times that FILE says (below) while COMMAND runs
   --file PATH=TEMPLATE  as for run
+  --node-files PRESET   as for run
 
 While processes run, in the cluster that --cluster or TIPCSIM_CLUSTER names:
 tipcsim exec NODE -- COMMAND [ARG...]                   as run
@@ -111,6 +116,10 @@ static options_t parse(int argc, char **argv)
             (word == "--end" ? options.end : options.one_way) = true;
             continue;
         }
+        if (word == "--force") {
+            options.force = true;
+            continue;
+        }
         if (++i == argc)
             die(word + " needs a value");
         std::string value = argv[i];
@@ -148,7 +157,10 @@ static options_t parse(int argc, char **argv)
             options.code = value;
         else if (word == "--file")
             options.files.push_back(file_option(value));
-        else
+        else if (word == "--node-files") {
+            words_t more = preset_files(value);
+            options.preset_files.insert(options.preset_files.end(), more.begin(), more.end());
+        } else
             die("unknown option '" + word + "' (tipcsim help)");
     }
     return options;
@@ -162,13 +174,13 @@ static int command(const std::string &verb, const options_t &options)
         return status;
     if (verb == "node-down") {
         lose_links(node_word(options, 0));
-        signal_node(node_word(options, 0), SIGKILL);
+        kill_node(node_word(options, 0));
     } else if (verb == "kill") {
-        signal_chosen(options, SIGKILL);
+        kill_chosen(options);
     } else if (verb == "stall") {
         stall_chosen(options);
     } else if (verb == "resume") {
-        signal_chosen(options, SIGCONT);
+        resume_chosen(options);
     } else {
         fputs(USAGE, stderr);
         return 2;
@@ -221,8 +233,10 @@ int main(int argc, char **argv)
         return exec_in(options);
     if (verb == "cluster")
         return cluster(options);
-    if (verb == "broker")
+    if (verb == "broker") {
+        tree_mark(TREE_SERVANT);
         return broker_main(options.cluster.c_str(), !options.words.empty());
+    }
     if (verb == "script")
         return run_script(options);
     if (verb == "record" || verb == "show")

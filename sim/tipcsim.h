@@ -31,7 +31,9 @@ typedef struct options_s {
     std::string bytes;
     std::string code;
     words_t files;
-    words_t words; // arguments that are not options
+    words_t preset_files; // --file comes before them
+    words_t words;        // arguments that are not options
+    bool force = false;
     char **command = nullptr;
 } options_t;
 
@@ -49,21 +51,18 @@ void open_cluster(const options_t &options);
 int join_cluster(const options_t &options); // the cluster's lock: until it is closed, the folder is not removed
 
 // The files of which each node has a copy (tipcsim_files.cpp).
-std::string file_option(const std::string &value);    // PATH=TEMPLATE with TEMPLATE's whole path
-std::string node_file_list(const options_t &options); // the paths, with colons between them
+std::string file_option(const std::string &value); // PATH=TEMPLATE with the whole path of TEMPLATE
+words_t preset_files(const std::string &name);     // the same of every line of a preset
+void keep_file_options(const options_t &options);  // for all nodes of this cluster
 void make_node_files(const options_t &options, const std::string &node);
+std::string node_file_list(const std::string &node); // the paths, with colons between them
 
 // Programs on nodes (tipcsim_run.cpp).
 int run(const options_t &options);
 int exec_in(options_t options);
 [[noreturn]] void become(char **command);
-
-// The processes of nodes (tipcsim_processes.cpp).
-void signal_node(uint32_t node, int signal);
-void signal_chosen(const options_t &options,
-                   int signal); // the process of --pid, or those of the node in the first word
-void stall_chosen(const options_t &options);
-pid_t pid_option(const options_t &options); // the process of --pid, or 0 without the option
+std::string preload_library();                // its path
+void check_program(const options_t &options); // whether it can be simulated (tipcsim_elf.cpp)
 
 // The state that the processes share, and the broker (tipcsim_state.cpp).
 void begin_cluster(const options_t &options); // of `tipcsim cluster`: its settings and its first nodes

@@ -1,5 +1,6 @@
 // A cluster for the length of a command.
 #include "tipcsim.h"
+#include "tipcsim_processes.h"
 
 #include <cerrno>
 #include <csignal>
@@ -24,18 +25,64 @@ static int keep_cluster()
     return fd;
 }
 
-static pid_t s_command;
+static volatile pid_t s_command; // 0 when it has ended: its number may be another process's
 static volatile sig_atomic_t s_late;
 
 static void on_alarm(int /*signal*/)
 {
     s_late = 1;
-    (void)kill(s_command, SIGKILL);
+    if (s_command > 0)
+        (void)kill(s_command, SIGKILL);
 }
 
 static void pass_on(int signal)
 {
-    (void)kill(s_command, signal);
+    if (s_command > 0)
+        (void)kill(s_command, signal);
+}
+
+static pid_t s_script; // 0: none, or it has ended
+static int s_script_status;
+
+static void begin_script(const options_t &options)
+{
+    if (options.script.empty())
+        return;
+    s_script = script_begin(options.script, script_command);
+    if (s_script < 0)
+        die("the command was not run");
+}
+
+// A script that has not come to its end is no failure.
+static void end_script()
+{
+    if (s_script <= 0)
+        return;
+    (void)kill(s_script, SIGKILL);
+    while (waitpid(s_script, nullptr, 0) < 0 && errno == EINTR)
+        continue;
+    s_script = 0;
+}
+
+// Waits for the command, and for the orphans of its tree that end meanwhile.
+static int wait_for_command()
+{
+    for (;;) {
+        siginfo_t info = {};
+        if (waitid(P_ALL, 0, &info, WEXITED | WNOWAIT) != 0)
+            continue; // a signal
+        bool command = info.si_pid == s_command;
+        if (command)
+            s_command = 0;
+        int status = 0;
+        (void)waitpid(info.si_pid, &status, 0);
+        if (command)
+            return status;
+        if (info.si_pid == s_script) {
+            s_script = 0;
+            s_script_status = status;
+        }
+    }
 }
 
 static int command_status(int status)
@@ -44,6 +91,8 @@ static int command_status(int status)
         fprintf(stderr, "tipcsim: time limit\n");
         return 124;
     }
+    if (status == 0 && s_script_status != 0)
+        return 125;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -62,13 +111,10 @@ int cluster(options_t options)
     options.cluster = std::to_string(getpid()) + "-" + std::to_string(time(nullptr));
     int lock = join_cluster(options);
     int keep = keep_cluster();
+    tree_id();
     (void)close(lock);
-    std::ofstream list(in_cluster("files"));
-    for (const std::string &file : options.files)
-        list << file << "\n";
-    list.close();
-    if (!list)
-        die("cannot write " + in_cluster("files"));
+    tree_begin();
+    keep_file_options(options);
     begin_cluster(options);
     std::string nodes;
     for (long node = 1; node <= options.nodes; node++) {
@@ -79,26 +125,28 @@ int cluster(options_t options)
     (void)setenv("LAB", self().c_str(), 1);
     (void)setenv("LAB_RUN", g_cluster.dir, 1);
     (void)setenv("LAB_NODES", nodes.c_str(), 1);
-    pid_t script = options.script.empty() ? 0 : script_begin(options.script, script_command);
-    if (script < 0)
-        die("the command was not run");
-    s_command = fork();
-    if (s_command == 0)
+    begin_script(options);
+    for (const char *name : {"TIPCSIM_NODE", "TIPCSIM_FILES"}) // of the cluster in which this one is made
+        (void)unsetenv(name);
+    pid_t pid = fork();
+    if (pid < 0)
+        die(std::string("cannot start the command: ") + strerror(errno));
+    if (pid == 0) {
+        tree_mark(TREE_COMMAND);
         become(options.command);
+    }
+    s_command = pid;
     (void)signal(SIGALRM, on_alarm);
     (void)signal(SIGTERM, pass_on);
     (void)signal(SIGINT, pass_on);
     (void)alarm((unsigned)options.timeout);
-    int status = 0;
-    while (waitpid(s_command, &status, 0) < 0 && errno == EINTR)
-        continue;
-    bool script_failed = script != 0 && !script_end(script);
-    signal_node(SIM_ANY_NODE, SIGKILL);
+    int status = wait_for_command();
+    end_script();
     record_end(&g_cluster);
+    tree_end();
     end_cluster();
     (void)close(keep);
     look_at_end();
     wait_for_removal();
-    int result = command_status(status);
-    return script_failed && result == 0 ? 125 : result;
+    return command_status(status);
 }

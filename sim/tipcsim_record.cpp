@@ -12,6 +12,7 @@
 #include "sim_sys.h"
 
 constexpr int FAILED = 125;
+constexpr int END_MS = 5000;
 constexpr int64_t LOOK_MS = 5;     // between two looks into the recorder's queue
 constexpr int64_t FOLDER_MS = 200; // between two looks whether the cluster is still there
 
@@ -132,8 +133,13 @@ void record_end(sim_cluster_t *cluster)
 {
     uint32_t port = sim_load(&cluster->state->recorder);
     const sim_socket_t *recorder = port != SIM_NONE ? sim_socket_of(cluster->state, port) : nullptr;
-    if (recorder != nullptr && recorder->pid > 0)
-        (void)kill(recorder->pid, SIGTERM);
+    int fd = recorder != nullptr ? (int)sys_call(SYS_pidfd_open, recorder->pid, 0) : -1;
+    if (fd < 0)
+        return;
+    struct pollfd ended = {fd, POLLIN, 0};
+    if (sys_call(SYS_pidfd_send_signal, fd, SIGTERM, nullptr, 0) == 0)
+        (void)poll(&ended, 1, END_MS);
+    (void)close(fd);
 }
 
 int show_file(const std::string &file)

@@ -21,8 +21,9 @@ typedef struct recording_s {
 // Records what passes in a cluster, until a signal that ends processes, the time, or the cluster's end. `tool`: this
 // program, with which a broker is started.
 int record_messages(sim_cluster_t *cluster, const std::string &tool, const recording_t &what);
-void record_end(sim_cluster_t *cluster); // tells the process that records, if there is one, to end
-int show_file(const std::string &file);  // prints a line for each message of a file; "-": standard input
+// Ends the recording, if there is one: returns when its file is whole, or after 5 seconds.
+void record_end(sim_cluster_t *cluster);
+int show_file(const std::string &file); // prints a line for each message of a file; "-": standard input
 
 // Runs the commands of a file at their times. `command` does one of them, in a process of its own, and gives its exit
 // status.
@@ -30,6 +31,5 @@ typedef int (*script_command_t)(const std::vector<std::string> &words);
 int script_run(const std::string &file, script_command_t command);
 // The same in a process beside this one, with standard error for what it prints. -1 when the file is none of a script.
 pid_t script_begin(const std::string &file, script_command_t command);
-bool script_end(pid_t script); // ends it where it is; false when one of its commands has failed
 
 #endif

@@ -1,7 +1,9 @@
 // Programs on simulated nodes: the cluster that they join, and how they are started.
 #include "tipcsim.h"
+#include "tipcsim_processes.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,7 +11,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-static std::string preload_library()
+std::string preload_library()
 {
     std::string dir = self();
     dir.resize(dir.rfind('/'));
@@ -27,7 +29,13 @@ static std::string chosen_cluster(const options_t &options)
     char dir[SIM_DIR_LEN];
     if (!sim_cluster_dir(name.c_str(), dir, sizeof(dir)))
         die("the folder of cluster " + name + " has a path of more than " + std::to_string(SIM_DIR_LEN - 1) + " bytes");
-    return dir;
+    if (dir[0] == '/')
+        return dir;
+    char here[PATH_MAX]; // programs that change their folder are to find the cluster
+    std::string whole = getcwd(here, sizeof(here)) == nullptr ? dir : std::string(here) + "/" + dir;
+    if (whole.size() >= SIM_DIR_LEN)
+        die("the folder of cluster " + name + " has a path of more than " + std::to_string(SIM_DIR_LEN - 1) + " bytes");
+    return whole;
 }
 
 [[noreturn]] static void die_of(const std::string &dir, const char *why, int ret)
@@ -89,12 +97,15 @@ int run(const options_t &options)
     if (options.command == nullptr)
         die("no command (tipcsim help)");
     std::string node = std::to_string(number(options.node, "--node", 1, 65535));
+    check_program(options);
     int lock = join_cluster(options);
     mark_process(node);
+    tree_id();
+    tree_mark((uint32_t)atol(node.c_str()));
     make_node_files(options, node);
     (void)close(lock);
     add_node(node);
-    (void)setenv("TIPCSIM_FILES", node_file_list(options).c_str(), 1);
+    (void)setenv("TIPCSIM_FILES", node_file_list(node).c_str(), 1);
     (void)setenv("TIPCSIM_CLUSTER", g_cluster.dir, 1);
     (void)setenv("TIPCSIM_NODE", node.c_str(), 1);
     (void)setenv("TIPCSIM_TOOL", self().c_str(), 1);

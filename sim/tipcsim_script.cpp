@@ -152,12 +152,3 @@ pid_t script_begin(const std::string &file, script_command_t command)
     (void)fflush(stdout);
     _exit(status);
 }
-
-bool script_end(pid_t script)
-{
-    int status = 0;
-    (void)kill(script, SIGTERM);
-    while (waitpid(script, &status, 0) < 0 && errno == EINTR)
-        continue;
-    return WIFSIGNALED(status) || WEXITSTATUS(status) == 0;
-}

@@ -1,5 +1,6 @@
 // What the launcher does with the state that the processes of a cluster share, and with its broker.
 #include "tipcsim.h"
+#include "tipcsim_processes.h"
 
 #include <algorithm>
 #include <cerrno>

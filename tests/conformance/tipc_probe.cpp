@@ -1,7 +1,7 @@
 // Makes the system calls on sockets that its standard input names, one line each, and answers each with one line, `done
 // VERB RESULT`. The result of a failed call is the name of its errno. The program judges nothing.
 //   S is a socket's name. ADDR is an address as probe_text.h writes it, or none.
-#include "probe_text.h"
+#include "probe_verbs.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
+#include <arpa/inet.h>
 #include <iostream>
 #include <linux/tipc.h>
 #include <map>
@@ -21,22 +21,39 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 static std::map<std::string, int> s_sockets;
 static pid_t s_child = -1;
 
-static int sd_of(const words &w)
+int sd_named(const std::string &name)
 {
-    auto it = s_sockets.find(w.size() > 1 ? w[1] : "");
+    auto it = s_sockets.find(name);
     return it == s_sockets.end() ? -1 : it->second;
+}
+
+int sd_of(const words &w)
+{
+    return sd_named(w.size() > 1 ? w[1] : "");
+}
+
+void keep(const std::string &name, int sd)
+{
+    if (sd >= 0)
+        s_sockets[name] = sd;
+    else
+        s_sockets.erase(name);
+}
+
+int type_named(const std::string &name)
+{
+    static const std::map<std::string, int> types = {
+        {"rdm", SOCK_RDM}, {"seqpacket", SOCK_SEQPACKET}, {"dgram", SOCK_DGRAM}, {"stream", SOCK_STREAM}};
+    return types.at(name);
 }
 
 static std::string open_socket(const words &w)
 {
-    static const std::map<std::string, int> types = {
-        {"rdm", SOCK_RDM}, {"seqpacket", SOCK_SEQPACKET}, {"dgram", SOCK_DGRAM}, {"stream", SOCK_STREAM}};
-    int sd = socket(AF_TIPC, types.at(w.at(2)) | SOCK_CLOEXEC, 0);
+    int sd = socket(AF_TIPC, type_named(w.at(2)) | SOCK_CLOEXEC, 0);
     if (sd < 0)
         return result(-1);
     s_sockets[w[1]] = sd;
@@ -53,38 +70,62 @@ static std::string close_socket(const words &w)
 // bind S ADDR SCOPE [len=BYTES]
 static std::string bind_name(const words &w)
 {
-    struct sockaddr_tipc addr = address(w.at(2));
-    addr.scope = (signed char)atoi(w.at(3).c_str());
+    struct sockaddr_tipc addr[9] = {address(w.at(2))}; // room for the longest length that the kernel takes, and more
+    addr[0].scope = (signed char)atoi(w.at(3).c_str());
     bool none = w[2] == "none";
-    socklen_t len = (socklen_t)option(w, "len", none ? 0 : sizeof(addr));
-    return result(bind(sd_of(w), none ? nullptr : (struct sockaddr *)&addr, len));
+    socklen_t len = (socklen_t)option(w, "len", none ? 0 : sizeof(addr[0]));
+    return result(bind(sd_of(w), none ? nullptr : (struct sockaddr *)addr, len));
 }
 
+// bindmany S TYPE COUNT: the instances from 0 on. Answers how many it bound, and the last call's result.
+static std::string bind_many(const words &w)
+{
+    uint32_t count = number(w.at(3));
+    uint32_t bound = 0;
+    int ret = 0;
+    while (ret == 0 && bound < count) {
+        struct sockaddr_tipc addr = address("name:" + w.at(2) + ":" + str(bound));
+        addr.scope = TIPC_CLUSTER_SCOPE;
+        ret = bind(sd_of(w), (struct sockaddr *)&addr, sizeof(addr));
+        bound += ret == 0;
+    }
+    return str(bound) + " " + result(ret);
+}
+
+// name S [len=BYTES]
 static std::string own_address(const words &w)
 {
     struct sockaddr_tipc addr;
-    socklen_t len = sizeof(addr);
+    memset(&addr, 0, sizeof(addr));
+    socklen_t len = (socklen_t)option(w, "len", sizeof(addr));
     if (getsockname(sd_of(w), (struct sockaddr *)&addr, &len) != 0)
         return result(-1);
+    if (option(w, "len", -1) >= 0)
+        return "0 len=" + str(len);
     return addr.addrtype == TIPC_ADDR_ID && len == sizeof(addr) ? id_text(addr.addr.id) : "odd";
 }
 
+// connect S ADDR [len=BYTES]
 static std::string connect_to(const words &w)
 {
-    struct sockaddr_tipc addr = address(w.at(2));
-    return result(connect(sd_of(w), (struct sockaddr *)&addr, sizeof(addr)));
+    struct sockaddr_tipc addr[2] = {address(w.at(2)), address(w.at(2))};
+    bool none = w[2] == "none";
+    socklen_t len = (socklen_t)option(w, "len", none ? 0 : sizeof(addr[0]));
+    return result(connect(sd_of(w), none ? nullptr : (struct sockaddr *)addr, len));
 }
 
-// send S ADDR NUMBER LENGTH [dontwait] [count=MAX] [msg] [len=BYTES]: `count` sends more, numbered upwards, until one
-// fails; the answer is how many were sent and the last call's result. `msg` uses sendmsg and two pieces.
+// send S ADDR NUMBER LENGTH [dontwait] [count=MAX] [msg] [len=BYTES] [scope=SCOPE]: `count` sends more, numbered
+// upwards, until one fails; the answer is how many were sent and the last call's result. `msg` uses sendmsg and two
+// pieces.
 static std::string send_to(const words &w)
 {
-    struct sockaddr_tipc addr = address(w.at(2));
+    struct sockaddr_tipc addr[9] = {address(w.at(2))}; // room for the longest length that the kernel takes, and more
+    addr[0].scope = (signed char)option(w, "scope", 0);
     bool none = w[2] == "none";
     struct msghdr hdr;
     memset(&hdr, 0, sizeof(hdr));
-    hdr.msg_name = none ? nullptr : &addr;
-    hdr.msg_namelen = none ? 0 : (socklen_t)option(w, "len", sizeof(addr));
+    hdr.msg_name = none ? nullptr : addr;
+    hdr.msg_namelen = (socklen_t)option(w, "len", none ? 0 : sizeof(addr[0]));
     int flags = MSG_NOSIGNAL | (has(w, "dontwait") ? MSG_DONTWAIT : 0);
     long count = option(w, "count", 0);
     long sent = 0;
@@ -103,7 +144,7 @@ static std::string send_to(const words &w)
     return count == 0 ? result(ret) : str(sent) + " " + result(ret);
 }
 
-static int wait_for(int sd, long ms, short events)
+int wait_for(int sd, long ms, short events)
 {
     struct pollfd fd = {sd, events, 0};
     return poll(&fd, 1, (int)ms);
@@ -131,9 +172,14 @@ static std::string ancillary(struct msghdr *hdr)
     return text;
 }
 
-// recv S [wait=MS] [buf=BYTES] [ctl=BYTES] [peek] [block] [plain]: first waits for something to read; `plain` is recv
-// without any address or control buffer, `block` reads without MSG_DONTWAIT.
-static std::string receive(const words &w)
+static std::string sender_text(const struct sockaddr_tipc &from)
+{
+    return from.family == AF_TIPC && from.addrtype == TIPC_ADDR_ID ? id_text(from.addr.id) : "odd";
+}
+
+// recv S [wait=MS] [buf=BYTES] [ctl=BYTES] [peek] [block] [plain] [member]: first waits for something to read; `plain`
+// is recv without any address or control buffer, `block` reads without MSG_DONTWAIT.
+std::string receive(const words &w)
 {
     int sd = sd_of(w);
     long ms = option(w, "wait", 0);
@@ -146,12 +192,12 @@ static std::string receive(const words &w)
         ssize_t got = recv(sd, data.data(), data.size(), flags);
         return got < 0 ? result(got) : str(got) + described(data.data(), (size_t)got, "");
     }
-    struct sockaddr_tipc from;
+    struct sockaddr_tipc from[2];
     struct iovec piece = {data.data(), data.size()};
     struct msghdr hdr;
     memset(&hdr, 0, sizeof(hdr));
-    hdr.msg_name = &from;
-    hdr.msg_namelen = sizeof(from);
+    hdr.msg_name = from;
+    hdr.msg_namelen = has(w, "member") ? sizeof(from) : sizeof(from[0]);
     hdr.msg_iov = &piece;
     hdr.msg_iovlen = 1;
     hdr.msg_control = control.empty() ? nullptr : control.data();
@@ -161,9 +207,13 @@ static std::string receive(const words &w)
         return result(ret);
     std::string text = str(ret) + described(data.data(), (size_t)ret, "");
     if (hdr.msg_namelen != 0)
-        text += " from=" + (from.family == AF_TIPC && from.addrtype == TIPC_ADDR_ID ? id_text(from.addr.id) : "odd");
+        text += " from=" + sender_text(from[0]);
+    if (hdr.msg_namelen == sizeof(from) && has(w, "member"))
+        text += " member=" + str(from[1].addr.nameseq.type) + ":" + str(from[1].addr.nameseq.lower);
     text += " fromlen=" + str(hdr.msg_namelen);
     text += (hdr.msg_flags & MSG_TRUNC) != 0 ? " flag=trunc" : "";
+    text += (hdr.msg_flags & MSG_OOB) != 0 ? " flag=oob" : "";
+    text += (hdr.msg_flags & MSG_EOR) != 0 ? " flag=eor" : "";
     text += (hdr.msg_flags & MSG_CTRUNC) != 0 ? " flag=ctrunc" : "";
     return text + ancillary(&hdr);
 }
@@ -198,11 +248,14 @@ static std::string drain(const words &w)
     return str(plain) + " first=" + str(first) + " bad=" + str(bad) + " back=" + str(back) + " err=" + err;
 }
 
+// poll S [in] [out] [hup] [all] [wait=MS]: for these events alone; `all` adds those that mean the same to the others.
 static std::string poll_once(const words &w)
 {
     struct pollfd fd = {sd_of(w), POLLIN | POLLOUT | POLLPRI | POLLRDHUP, 0};
-    if (has(w, "in"))
-        fd.events = POLLIN;
+    if (has(w, "in") || has(w, "out") || has(w, "hup"))
+        fd.events = (short)((has(w, "in") ? POLLIN : 0) | (has(w, "out") ? POLLOUT : 0));
+    if (has(w, "all"))
+        fd.events |= POLLRDNORM | POLLRDBAND | POLLWRNORM | POLLWRBAND;
     if (poll(&fd, 1, (int)option(w, "wait", 0)) < 0)
         return result(-1);
     std::string text;
@@ -211,39 +264,59 @@ static std::string poll_once(const words &w)
     text += (fd.revents & POLLRDHUP) != 0 ? "rdhup " : "";
     text += (fd.revents & POLLHUP) != 0 ? "hup " : "";
     text += (fd.revents & POLLERR) != 0 ? "err " : "";
+    text += (fd.revents & POLLPRI) != 0 ? "pri " : "";
+    text += (fd.revents & POLLRDNORM) != 0 ? "rdnorm " : "";
+    text += (fd.revents & POLLRDBAND) != 0 ? "rdband " : "";
+    text += (fd.revents & POLLWRNORM) != 0 ? "wrnorm " : "";
+    text += (fd.revents & POLLWRBAND) != 0 ? "wrband " : "";
     return text.empty() ? "none" : text.substr(0, text.size() - 1);
 }
 
-// opt S tipc|socket NAME [VALUE [len=BYTES]]: with a value it sets, else it gets.
+// opt S tipc|socket|LEVEL NAME [VALUE|null [len=BYTES]]: with a value it sets, else it gets.
 static std::string sock_option(const words &w)
 {
-    int level = w.at(2) == "tipc" ? SOL_TIPC : SOL_SOCKET;
-    uint32_t value = 0;
-    socklen_t len = (socklen_t)option(w, "len", sizeof(value));
+    int level = w.at(2) == "tipc" ? SOL_TIPC : w[2] == "socket" ? SOL_SOCKET : (int)number(w[2]);
+    uint32_t value[4] = {0, 0, 0, 0};
+    socklen_t len = (socklen_t)option(w, "len", sizeof(value[0]));
     if (w.size() > 4 && w[4].compare(0, 4, "len=") != 0) {
-        value = number(w[4]);
-        return result(setsockopt(sd_of(w), level, (int)number(w.at(3)), &value, len));
+        value[0] = number(w[4]);
+        return result(setsockopt(sd_of(w), level, (int)number(w.at(3)), w[4] == "null" ? nullptr : value, len));
     }
-    if (getsockopt(sd_of(w), level, (int)number(w.at(3)), &value, &len) != 0)
+    if (getsockopt(sd_of(w), level, (int)number(w.at(3)), value, &len) != 0)
         return result(-1);
-    return str(value) + " " + str(len);
+    return str(value[0]) + " " + str(len);
 }
 
-// subscribe S TYPE LOWER UPPER TIMEOUT FILTER HANDLE [bytes=BYTES]: how much of the request is sent.
+// subscribe S TYPE LOWER UPPER TIMEOUT FILTER HANDLE [bytes=BYTES] [net] [to=ADDR]: how much of the request is sent, in
+// network byte order, from a socket that this connects.
 static std::string subscribe(const words &w)
 {
+    bool net = has(w, "net");
+    auto field = [&](size_t at) { return net ? htonl(number(w.at(at))) : number(w.at(at)); };
     struct tipc_subscr request[2];
     memset(request, 0, sizeof(request));
-    request[0].seq = {number(w.at(2)), number(w.at(3)), number(w.at(4))};
-    request[0].timeout = number(w.at(5));
-    request[0].filter = number(w.at(6));
+    request[0].seq = {field(2), field(3), field(4)};
+    request[0].timeout = field(5);
+    request[0].filter = field(6);
     strncpy(request[0].usr_handle, w.at(7).c_str(), sizeof(request[0].usr_handle) - 1);
     request[1] = request[0];
-    size_t len = (size_t)option(w, "bytes", sizeof(request[0]));
-    return result(send(sd_of(w), request, std::min(len, sizeof(request)), MSG_NOSIGNAL));
+    size_t len = std::min((size_t)option(w, "bytes", sizeof(request[0])), sizeof(request));
+    if (w.back().compare(0, 3, "to=") != 0)
+        return result(send(sd_of(w), request, len, MSG_NOSIGNAL));
+    struct sockaddr_tipc to = address(w.back().substr(3));
+    return result(sendto(sd_of(w), request, len, MSG_NOSIGNAL, (struct sockaddr *)&to, sizeof(to)));
 }
 
-// event S [wait=MS]
+// All fields of an event but the handle, from network byte order.
+static void to_host(struct tipc_event *e)
+{
+    uint32_t *const fields[] = {&e->event,      &e->found_lower, &e->found_upper, &e->port.ref,  &e->port.node,
+                                &e->s.seq.type, &e->s.seq.lower, &e->s.seq.upper, &e->s.timeout, &e->s.filter};
+    for (uint32_t *field : fields)
+        *field = ntohl(*field);
+}
+
+// event S [wait=MS] [net]
 static std::string read_event(const words &w)
 {
     static const char *const kinds[] = {"none", "published", "withdrawn", "timeout"};
@@ -255,10 +328,12 @@ static std::string read_event(const words &w)
     ssize_t ret = recv(sd_of(w), event, sizeof(event), MSG_DONTWAIT);
     if (ret != (ssize_t)sizeof(event[0]))
         return result(ret);
-    const struct tipc_event &e = event[0];
-    return std::string(kinds[e.event & 3]) + " found=" + str(e.found_lower) + ":" + str(e.found_upper) +
-           " port=" + id_text(e.port) + " asked=" + str(e.s.seq.type) + ":" + str(e.s.seq.lower) + ":" +
-           str(e.s.seq.upper) + " timeout=" + str(e.s.timeout) + " filter=" + str(e.s.filter) +
+    struct tipc_event &e = event[0];
+    if (has(w, "net"))
+        to_host(&e);
+    return std::string(e.event > 3 ? "odd" : kinds[e.event]) + " found=" + str(e.found_lower) + ":" +
+           str(e.found_upper) + " port=" + id_text(e.port) + " asked=" + str(e.s.seq.type) + ":" + str(e.s.seq.lower) +
+           ":" + str(e.s.seq.upper) + " timeout=" + str(e.s.timeout) + " filter=" + str(e.s.filter) +
            " handle=" + std::string(e.s.usr_handle, strnlen(e.s.usr_handle, sizeof(e.s.usr_handle)));
 }
 
@@ -322,14 +397,19 @@ static std::string reset(const words &w)
     return end_child(w);
 }
 
-int main()
+int main(int argc, char **)
 {
-    static const std::map<std::string, std::function<std::string(const words &)>> verbs = {
-        {"open", open_socket},   {"close", close_socket}, {"bind", bind_name},      {"name", own_address},
-        {"connect", connect_to}, {"send", send_to},       {"recv", receive},        {"drain", drain},
-        {"poll", poll_once},     {"opt", sock_option},    {"subscribe", subscribe}, {"event", read_event},
-        {"await", await_name},   {"fork", fork_child},    {"endchild", end_child},  {"reset", reset},
+    if (argc > 1)
+        read_after_exec();
+    verb_table verbs = {
+        {"open", open_socket}, {"close", close_socket}, {"bind", bind_name},  {"bindmany", bind_many},
+        {"name", own_address}, {"connect", connect_to}, {"send", send_to},    {"recv", receive},
+        {"drain", drain},      {"poll", poll_once},     {"opt", sock_option}, {"subscribe", subscribe},
+        {"event", read_event}, {"await", await_name},   {"fork", fork_child}, {"endchild", end_child},
+        {"reset", reset},
     };
+    for (const verb_table &more : {connection_verbs(), call_verbs(), descriptor_verbs()})
+        verbs.insert(more.begin(), more.end());
     for (std::string line; std::getline(std::cin, line);) {
         words w = split(line, ' ');
         auto verb = verbs.find(w.empty() ? "" : w[0]);

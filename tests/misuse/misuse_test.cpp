@@ -32,7 +32,8 @@ class misuse : public testing::Test
     // All that a run of the program prints, in the order in which it is written. `options` are those of tipcsim.
     std::string run(const std::string &name, const std::string &options = "")
     {
-        return output(TIPCSIM " cluster " + options + " -- " TIPCSIM " exec 1 -- stdbuf -oL " MISUSE " " + name);
+        return output(TIPCSIM " cluster --node-files zeb " + options +
+                      " -- " TIPCSIM " exec 1 -- stdbuf -oL " MISUSE " " + name);
     }
 
     static std::string output(const std::string &command)

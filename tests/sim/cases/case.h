@@ -150,6 +150,14 @@ static inline long ms_now(void)
     return now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
+/* Time of the processor that this process has used. */
+static inline long used_ms(void)
+{
+    struct timespec used;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return used.tv_sec * 1000 + used.tv_nsec / 1000000;
+}
+
 static inline void pause_ms(int ms)
 {
     struct timespec time = {ms / 1000, ms % 1000 * 1000000L};

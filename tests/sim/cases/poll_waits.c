@@ -120,6 +120,9 @@ static void interrupted(void)
     send_to(receiver, 3, "x");
     IS(ppoll(&in, 1, NULL, &open), 1); /* what is ready comes before the signal */
     IS(signals, 2);
+    out.fd = receiver;
+    IS(ppoll(&out, 1, NULL, &open), 1);
+    IS(signals, 2);
     CHECK(gets(receiver, "x"));
     FAILS(ppoll(&in, 1, NULL, &open), EINTR);
     IS(signals, 3);
@@ -162,8 +165,41 @@ static void output(int with_input)
     close(pipes[1]);
 }
 
+/* A wait that has nothing to report sleeps, whatever happens to the socket that it did not ask for. */
+static void sleeps(void)
+{
+    int ends[2];
+    int pipes[2];
+    CHECK(pipe(pipes) == 0);
+    connection(SOCK_SEQPACKET, 6, ends);
+    struct pollfd fds[2] = {{ends[0], POLLIN, 0}, {pipes[0], POLLIN, 0}};
+    int set = epoll_create1(0);
+    struct epoll_event event = {.events = EPOLLIN};
+    IS(epoll_ctl(set, EPOLL_CTL_ADD, ends[0], &event), 0);
+    fill(ends[0]);
+    long before = used_ms();
+    drain(ends[1]); /* it may send now */
+    IS(poll(fds, 2, 300), 0);
+    fill(ends[0]);
+    drain(ends[1]);
+    IS(epoll_wait(set, &event, 1, 300), 0);
+    IS(send(ends[1], "x", 1, 0), 1); /* input */
+    fill(ends[0]);
+    fds[0].events = POLLOUT;
+    IS(poll(fds, 2, 300), 0);
+    event.events = EPOLLOUT;
+    IS(epoll_ctl(set, EPOLL_CTL_MOD, ends[0], &event), 0);
+    IS(epoll_wait(set, &event, 1, 300), 0);
+    CHECK(used_ms() - before < 150);
+    close(set);
+    close(ends[0]);
+    close(ends[1]);
+    close(pipes[0]);
+    close(pipes[1]);
+}
+
 /* One thread waits for input while the other waits for output, on one socket. Neither takes the other's wake-up. */
-static void *poll_input(void *argument)
+static void *read_all(void *argument)
 {
     int fd = *(int *)argument;
     struct pollfd one = {fd, POLLIN, 0};
@@ -175,19 +211,30 @@ static void *poll_input(void *argument)
 static void both_ways(void)
 {
     int ends[2];
-    pthread_t reader;
+    int pipes[2];
+    pthread_t readers[2];
+    CHECK(pipe(pipes) == 0);
     connection(SOCK_SEQPACKET, 6, ends);
-    CHECK(pthread_create(&reader, NULL, poll_input, &ends[0]) == 0);
-    for (int turn = 0; turn < 50; turn++) {
+    int set = epoll_create1(0);
+    struct epoll_event event = {.events = EPOLLOUT};
+    IS(epoll_ctl(set, EPOLL_CTL_ADD, ends[0], &event), 0);
+    for (int i = 0; i < 2; i++)
+        CHECK(pthread_create(&readers[i], NULL, read_all, &ends[i]) == 0);
+    for (int turn = 0; turn < 600; turn++) {
+        struct pollfd fds[2] = {{ends[0], POLLOUT, 0}, {pipes[0], POLLIN, 0}};
         fill(ends[0]);
-        IS(send(ends[1], "x", 1, 0), 1);
-        drain(ends[1]);
-        struct pollfd one = {ends[0], POLLOUT, 0};
-        IS(poll(&one, 1, 5000), 1);
+        if (turn % 3 == 2)
+            IS(epoll_wait(set, &event, 1, 5000), 1);
+        else
+            IS(poll(fds, 1 + (unsigned)turn % 3, 5000), 1);
     }
-    close(ends[1]);
-    pthread_join(reader, NULL);
-    close(ends[0]);
+    shutdown(ends[0], SHUT_RDWR);
+    for (int i = 0; i < 2; i++) {
+        pthread_join(readers[i], NULL);
+        close(ends[i]);
+        close(pipes[i]);
+    }
+    close(set);
 }
 
 static void *wait_for_ever(void *argument)
@@ -239,6 +286,7 @@ int main(void)
     interrupted();
     output(0);
     output(1);
+    sleeps();
     both_ways();
     cancelled();
     errno_stays();

@@ -150,7 +150,7 @@ class Cluster:
         self.nodes = tuple(range(1, nodes + 1))
         self.processes: list[Process] = []
         self.environment = {name: value for name, value in os.environ.items() if not _of_a_cluster(name)}
-        self._options = ["--nodes", str(nodes)]
+        self._options = ["--nodes", str(nodes), "--node-files", os.environ.get("TIPCSIM_NODE_FILES") or "zeb"]
         for path, template in (files or {}).items():
             self._options += ["--file", f"{path}={os.fspath(template)}"]
         if tolerance is not None:
