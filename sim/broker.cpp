@@ -38,8 +38,15 @@ sim_socket_t *broker_socket(uint32_t type, uint32_t node)
         return nullptr;
     socket->served = 1;
     socket->wake = g_broker.wake_there;
+    (void)g_broker.served.insert(socket);
     sim_socket_open(socket);
     return socket;
+}
+
+void broker_close(sim_socket_t *socket)
+{
+    (void)g_broker.served.erase(socket);
+    sim_socket_close(&g_broker.self, socket, true);
 }
 
 static sim_socket_t *slot_in_use(uint32_t slot) // of a program; null otherwise
@@ -268,12 +275,8 @@ static void read_served()
 {
     uint64_t times = 0;
     (void)sys_call(SYS_read, g_broker.wake, &times, sizeof(times));
-    uint32_t num = sim_load(&broker_state()->socket_num);
-    for (uint32_t slot = 0; slot < num; slot++) {
-        sim_socket_t *socket = sim_socket_at(broker_state(), slot);
-        if (socket->served != 0 && sim_load(&socket->woken) != 0)
-            sim_store(&socket->woken, 0U);
-    }
+    for (sim_socket_t *socket : g_broker.served)
+        sim_store(&socket->woken, 0U);
     links_read();
     topology_read();
 }

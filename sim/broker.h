@@ -32,8 +32,9 @@ typedef struct broker_s {
     sim_self_t self;
     int epoll;
     int listener;
-    int wake;                          // the wake-up descriptor of all sockets of the broker
-    int wake_there;                    // its number in the keeper
+    int wake;       // the wake-up descriptor of all sockets of the broker
+    int wake_there; // its number in the keeper
+    std::set<sim_socket_t *> served;
     int look_fd;                       // an epoll descriptor that holds no lock, to look at those of others
     std::set<int> conns;               // clients whose request has not come yet
     std::map<int, uint32_t> processes; // pidfd to entry
@@ -60,6 +61,7 @@ static inline int32_t broker_pid(void)
 
 // A socket of the broker. Null without memory.
 sim_socket_t *broker_socket(uint32_t type, uint32_t node);
+void broker_close(sim_socket_t *socket); // one of these
 
 // Names (broker_names.cpp).
 void names_adopt(void); // those that a broker before left

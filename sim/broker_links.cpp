@@ -320,8 +320,10 @@ void links_begin()
     sim_socket_t *wire = sim_socket_of(state, sim_load(&state->wire));
     if (wire == nullptr && (wire = broker_socket(SOCK_RDM, 0)) != nullptr)
         sim_store(&state->wire, wire->port);
-    if (wire != nullptr)
+    if (wire != nullptr) {
         wire->pid = sys_getpid();
+        (void)g_broker.served.insert(wire);
+    }
     uint32_t num = std::min(sim_load(&state->node_num), SIM_MAX_NODES);
     for (uint32_t a = 0; a < num; a++) {
         for (uint32_t b = 0; b < num; b++) {

@@ -89,7 +89,7 @@ static void report_name(watcher_t *watcher, uint32_t what, const sim_name_t *nam
 static void close_watcher(watcher_t *watcher)
 {
     sim_disconnect(&g_broker.self, watcher->socket, TIPC_CONN_SHUTDOWN);
-    sim_socket_close(&g_broker.self, watcher->socket, true);
+    broker_close(watcher->socket);
     watcher->port = SIM_NONE; // removed by sweep()
 }
 
@@ -429,7 +429,7 @@ static bool accept_watcher(sim_socket_t *listener)
     if (fresh == nullptr)
         return false;
     if (!sim_accept(&g_broker.self, listener, fresh)) {
-        sim_socket_close(&g_broker.self, fresh, true);
+        broker_close(fresh);
         return true;
     }
     fresh->importance = TIPC_CRITICAL_IMPORTANCE;

@@ -15,6 +15,7 @@
 #include <sys/un.h>
 
 constexpr int FOLDER_MS = 1000; // the interval of looks whether the folder is there
+constexpr int ALONE_MS = 5000;  // without a broker; then the keeper starts one, which removes what nobody uses any more
 constexpr int RESERVE = 64;     // descriptors that are left for connections
 constexpr int EVENTS = 64;
 
@@ -26,6 +27,7 @@ typedef struct keeper_s {
     int epoll;
     int broker_fd;  // a pidfd of the broker, -1 for none
     int32_t broker; // its process id
+    int64_t alone;  // ms: since when there is no broker
     int limit;      // descriptors below it may be kept
     int kept[SIM_MAX_SOCKETS];
 } keeper_t;
@@ -86,6 +88,23 @@ static void broker_gone()
         (void)close(s_keeper.broker_fd);
     s_keeper.broker_fd = -1;
     s_keeper.broker = 0;
+    s_keeper.alone = sys_now();
+}
+
+// A broker that was killed may have been the last that used the cluster.
+static void start_broker()
+{
+    char word[] = "broker";
+    char if_none[] = "if-none";
+    char option[] = "--cluster";
+    char name[] = "tipcsim";
+    char *argv[] = {name, word, if_none, option, s_keeper.cluster.dir, nullptr};
+    s_keeper.alone = sys_now();
+    if (fork() != 0)
+        return;
+    (void)signal(SIGCHLD, SIG_DFL);
+    (void)execv("/proc/self/exe", argv);
+    _exit(127);
 }
 
 // Watches the broker that there is now. A new one asks for something as it begins, so it is noticed at once.
@@ -240,6 +259,9 @@ static void loop()
         }
         if (num <= 0 && access(s_keeper.cluster.dir, F_OK) != 0)
             return;
+        bool alone = s_keeper.broker == 0 && sim_load(&s_keeper.cluster.state->held) == 0;
+        if (alone && sys_now() - s_keeper.alone > ALONE_MS)
+            start_broker();
     }
 }
 
@@ -256,6 +278,8 @@ static void loop()
     (void)getrlimit(RLIMIT_NOFILE, &files);
     s_keeper.limit = files.rlim_cur > INT_MAX ? INT_MAX : (int)files.rlim_cur - RESERVE;
     s_keeper.broker_fd = -1;
+    s_keeper.alone = sys_now();
+    (void)signal(SIGCHLD, SIG_IGN); // nobody waits for what starts a broker
     s_keeper.self = {&s_keeper.cluster, 0, grow, wake_socket};
     s_keeper.self.owner = (uint32_t)sim_process_enter(s_keeper.cluster.state, sys_getpid(), 0) + 1;
     s_keeper.epoll = epoll_create1(EPOLL_CLOEXEC);

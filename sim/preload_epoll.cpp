@@ -290,7 +290,6 @@ typedef struct waited_s { // one call of epoll_wait
     int64_t until; // us, EVER, 0 to look only
     const sigset_t *mask;
     bool fine; // epoll_pwait2
-    const sim_self_t *self;
 } waited_t;
 
 typedef struct found_s { // a registration in the set, and its socket at this moment
@@ -306,14 +305,15 @@ static bool look_at(const waited_t *w, uint32_t index, found_t *found)
 {
     if (!read_watch(index, &found->watch) || found->watch.set != w->set)
         return false;
+    const sim_self_t *self = preload_self();
     found->index = index;
-    found->socket = sim_socket_of(preload_state(w->self), found->watch.port);
+    found->socket = sim_socket_of(preload_state(self), found->watch.port);
     if (found->socket == nullptr) {
         drop_watch(index, &found->watch);
         return false;
     }
     found->change = sim_load(&found->socket->change);
-    found->all = events_of(w->self, found->socket);
+    found->all = events_of(self, found->socket);
     found->events = found->all & (found->watch.events | ALWAYS);
     return true;
 }
@@ -422,7 +422,7 @@ static int sockets_with(const waited_t *w, uint64_t data)
         int fd = descriptor_of(&found);
         if (!natively_readable(fd))
             continue;
-        preload_silence(w->self, found.socket, fd);
+        preload_silence(preload_self(), found.socket, fd);
         if ((found.watch.events & EPOLLONESHOT) != 0 && state_of(found.watch.word) == LIVE)
             arm(w, &found);
         return INT_MAX;
@@ -597,7 +597,7 @@ int epoll_wait(int epoll, struct epoll_event *events, int max, int ms)
         return preload_fail(EINVAL);
     if (set_at(epoll) == MAX_SETS || max <= 0)
         return CALL_NEXT(epoll_wait)(epoll, events, max, ms);
-    waited_t w = {epoll, set_at(epoll), events, max, end_of_ms(ms), nullptr, false, preload_self()};
+    waited_t w = {epoll, set_at(epoll), events, max, end_of_ms(ms), nullptr, false};
     return wait_on(&w);
 }
 
@@ -607,7 +607,7 @@ int epoll_pwait(int epoll, struct epoll_event *events, int max, int ms, const si
         return preload_fail(EINVAL);
     if (set_at(epoll) == MAX_SETS || max <= 0)
         return CALL_NEXT(epoll_pwait)(epoll, events, max, ms, mask);
-    waited_t w = {epoll, set_at(epoll), events, max, end_of_ms(ms), mask, false, preload_self()};
+    waited_t w = {epoll, set_at(epoll), events, max, end_of_ms(ms), mask, false};
     return wait_on(&w);
 }
 
@@ -618,7 +618,7 @@ int epoll_pwait2(int epoll, struct epoll_event *events, int max, const struct ti
         return preload_fail(EINVAL);
     if (!valid || set_at(epoll) == MAX_SETS || max <= 0)
         return CALL_NEXT(epoll_pwait2)(epoll, events, max, limit, mask);
-    waited_t w = {epoll, set_at(epoll), events, max, end_of_limit(limit), mask, true, preload_self()};
+    waited_t w = {epoll, set_at(epoll), events, max, end_of_limit(limit), mask, true};
     return wait_on(&w);
 }
 }

@@ -69,16 +69,66 @@ static int close_one(int fd)
     return ret < 0 ? preload_fail(-ret) : 0;
 }
 
-// Closes the descriptors of a range for which something is kept; the caller closes the others.
-static void close_ours(unsigned first, unsigned last)
+constexpr int INHERITED = 4096; // descriptors that may have been inherited, when nothing lists the open ones
+
+typedef struct entry_s { // of a folder, as the kernel writes it
+    uint64_t inode;
+    int64_t next;
+    uint16_t size;
+    uint8_t type;
+    char name[1];
+} entry_t;
+
+typedef struct range_s { // of descriptors, both ends included
+    unsigned first;
+    unsigned last;
+} range_t;
+
+static bool in_range(const range_t *range, int fd)
 {
-    for (unsigned fd = first; fd <= last && fd < (unsigned)MAX_DESCRIPTOR; fd++) {
-        if (preload_known((int)fd) || preload_watching((int)fd)) {
-            int before = errno;
-            (void)close_one((int)fd);
-            errno = before;
-        }
+    return (unsigned)fd >= range->first && (unsigned)fd <= range->last;
+}
+
+static void visit_listed(const char *list, long len, const range_t *range, int but, void (*visit)(int fd))
+{
+    for (long at = 0; at < len;) {
+        const entry_t *entry = (const entry_t *)(list + at);
+        int fd = entry->name[0] >= '0' && entry->name[0] <= '9' ? atoi(entry->name) : but;
+        if (fd != but && in_range(range, fd))
+            visit(fd);
+        at += entry->size;
     }
+}
+
+// Calls `visit` for every open descriptor of a range. `most`: the numbers to try without a list of them.
+static void each_open(const range_t *range, int most, void (*visit)(int fd))
+{
+    alignas(entry_t) char list[2048];
+    long len;
+    int folder = (int)sys_call(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+    for (int fd = 0; folder < 0 && fd < most; fd++) {
+        if (in_range(range, fd))
+            visit(fd);
+    }
+    while (folder >= 0 && (len = sys_call(SYS_getdents64, folder, list, sizeof(list))) > 0)
+        visit_listed(list, len, range, folder, visit);
+    if (folder >= 0)
+        (void)sys_close(folder);
+}
+
+static void close_ours(int fd)
+{
+    int before = errno;
+    if (preload_known(fd) || preload_watching(fd))
+        (void)close_one(fd);
+    errno = before;
+}
+
+// Closes the descriptors of a range for which something is kept; the caller closes the others.
+static void close_range_of_ours(unsigned first, unsigned last)
+{
+    range_t range = {first, last};
+    each_open(&range, MAX_DESCRIPTOR, close_ours);
 }
 
 // `to` is now a duplicate of `from`.
@@ -105,14 +155,14 @@ int close(int fd)
 int close_range(unsigned first, unsigned last, int flags)
 {
     if (first <= last && (flags & ~(int)CLOSE_RANGE_UNSHARE) == 0 && !preload_shares_memory())
-        close_ours(first, last);
+        close_range_of_ours(first, last);
     return CALL_NEXT(close_range)(first, last, flags);
 }
 
 void closefrom(int first)
 {
     if (!preload_shares_memory())
-        close_ours(first > 0 ? (unsigned)first : 0, (unsigned)MAX_DESCRIPTOR);
+        close_range_of_ours(first > 0 ? (unsigned)first : 0, ~0U);
     CALL_NEXT(closefrom)(first);
 }
 
@@ -293,40 +343,16 @@ void preload_received(const struct msghdr *msg)
     }
 }
 
-constexpr int LOOKS = 4096; // numbers that are tried without a list of the open ones
-
-typedef struct entry_s { // of a folder, as the kernel writes it
-    uint64_t inode;
-    int64_t next;
-    uint16_t size;
-    uint8_t type;
-    char name[1];
-} entry_t;
-
-static void adopt_listed(const char *list, long len)
+static void adopt(int fd)
 {
-    for (long at = 0; at < len;) {
-        const entry_t *entry = (const entry_t *)(list + at);
-        if (entry->name[0] >= '0' && entry->name[0] <= '9' && sim_socket_is(atoi(entry->name)))
-            (void)preload_adopt(atoi(entry->name));
-        at += entry->size;
-    }
+    if (sim_socket_is(fd))
+        (void)preload_adopt(fd);
 }
 
 // Sockets that the process got from its parent by exec.
 __attribute__((constructor)) static void adopt_inherited()
 {
-    alignas(entry_t) char list[2048];
-    long len;
-    if (getenv("TIPCSIM_CLUSTER") == nullptr)
-        return;
-    int folder = (int)sys_call(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
-    for (int fd = 0; folder < 0 && fd < LOOKS; fd++) {
-        if (sim_socket_is(fd))
-            (void)preload_adopt(fd);
-    }
-    while (folder >= 0 && (len = sys_call(SYS_getdents64, folder, list, sizeof(list))) > 0)
-        adopt_listed(list, len);
-    if (folder >= 0)
-        (void)sys_close(folder);
+    range_t all = {0, ~0U};
+    if (getenv("TIPCSIM_CLUSTER") != nullptr)
+        each_open(&all, INHERITED, adopt);
 }
