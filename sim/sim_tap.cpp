@@ -35,7 +35,8 @@ sim_block_t *sim_tap_copy(const sim_self_t *self, const sim_record_t *record, co
     copy->record.dst_port = port;
     copy->record.droppable = 1;
     memcpy(copy->data, &tap, sizeof(tap));
-    memcpy(copy->data + sizeof(tap), data, tap.size);
+    if (tap.size != 0) // without data there may be no address
+        memcpy(copy->data + sizeof(tap), data, tap.size);
     return copy;
 }
 
