@@ -2,6 +2,7 @@
 // comes to the broker through the wire, a socket whose queue outlives the broker. It is copied out of there: a block of
 // a queue cannot be put into another one while it is that queue's first.
 #include "broker.h"
+#include "sim_tap.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -54,6 +55,11 @@ static void put(const message_t *message)
         sim_return(&g_broker.self, &message->record, message->data.data(), err);
 }
 
+static void record_loss(const message_t &message, sim_fate_e fate)
+{
+    sim_tap_lost(&g_broker.self, &message.record, message.data.data(), fate);
+}
+
 static void deliver(message_t &&message)
 {
     const sim_state_t *state = broker_state();
@@ -61,7 +67,7 @@ static void deliver(message_t &&message)
     uint32_t to = message.record.dst_index;
     sim_impaired_t how;
     if (!sim_linked(state->down, from, to))
-        return; // lost with its link
+        return record_loss(message, SIM_FATE_CUT);
     if (!sim_linked(state->cut, from, to) || (sim_impaired(state, from, to, &how) && how.congest != 0))
         s_links.held.push_back(std::move(message));
     else
@@ -87,7 +93,7 @@ static void send_on(message_t &&message)
     (void)sim_impaired(broker_state(), record.src_index, record.dst_index, &how);
     bool datagram = record.kind < SIM_SYN;
     if (datagram && how.loss != 0 && s_links.random() % ALL_LOST < how.loss)
-        return;
+        return record_loss(message, SIM_FATE_LOSS);
     uint32_t ms = how.delay + (datagram && how.jitter != 0 ? s_links.random() % (how.jitter + 1) : 0);
     if (ms == 0)
         deliver(std::move(message));
@@ -117,7 +123,9 @@ static void end_delay(uint32_t a, uint32_t b, bool drop)
             ++it;
             continue;
         }
-        if (!drop)
+        if (drop)
+            record_loss(it->second, SIM_FATE_CUT);
+        else
             deliver(std::move(it->second));
         it = s_links.delayed.erase(it);
     }
@@ -157,15 +165,21 @@ static void stop_breaking(uint32_t a, uint32_t b)
         it = between(it->first.first, it->first.second, a, b) ? s_links.breaking.erase(it) : std::next(it);
 }
 
+static void drop_held(uint32_t a, uint32_t b)
+{
+    auto &held = s_links.held;
+    auto first = std::stable_partition(held.begin(), held.end(), [a, b](const message_t &message) {
+        return !between(message.record.src_index, message.record.dst_index, a, b);
+    });
+    std::for_each(first, held.end(), [](const message_t &message) { record_loss(message, SIM_FATE_CUT); });
+    held.erase(first, held.end());
+}
+
 static void lose_links(uint32_t a, uint32_t b)
 {
     stop_breaking(a, b);
     end_delay(a, b, true);
-    auto &held = s_links.held;
-    held.erase(
-        std::remove_if(held.begin(), held.end(),
-                       [a, b](const message_t &m) { return between(m.record.src_index, m.record.dst_index, a, b); }),
-        held.end());
+    drop_held(a, b);
     set_down(a, b, true);
     abort_connections();
 }

@@ -136,6 +136,9 @@ typedef struct sim_state_s {
     uint64_t lock_base;             // first offset of the range of locks that tell which sockets are open
     uint8_t secret[SIM_SECRET_LEN]; // who sends it to the broker or the keeper belongs to the cluster
     sim_area_t areas[SIM_AREAS];
+    uint32_t recorder; // port of the socket that gets a copy of every message (sim_tap.h), SIM_NONE when nobody records
+    uint32_t recorded; // bytes of each message's data that are copied
+    uint32_t unrecorded; // messages since the recorder began for which there was no room
 
     uint32_t generation; // of names and links: odd while the broker changes them
     uint32_t node_num;

@@ -1,5 +1,6 @@
 // The way of a message between sockets, and the state of connections.
 #include "sim_deliver.h"
+#include "sim_tap.h"
 
 #include <cerrno>
 #include <cstring>
@@ -85,7 +86,7 @@ static uint64_t limit_of(const sim_socket_t *socket, const sim_record_t *record)
     return (uint64_t)socket->rcvbuf << record->importance;
 }
 
-uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
+static uint32_t pass(const sim_self_t *self, sim_block_t *block)
 {
     sim_state_t *state = self->cluster->state;
     sim_record_t *record = &block->record;
@@ -107,6 +108,14 @@ uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
     return verdict == DONE ? (uint32_t)TIPC_OK : err;
 }
 
+uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
+{
+    sim_block_t *copy = sim_tap_copy(self, &block->record, block->data);
+    uint32_t err = pass(self, block);
+    sim_tap_put(self, copy, err == TIPC_OK ? SIM_FATE_TAKEN : SIM_FATE_REFUSED, err);
+    return err;
+}
+
 uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
 {
     sim_state_t *state = self->cluster->state;
@@ -117,6 +126,7 @@ uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
         return sim_deliver_now(self, block);
     bool cut = !sim_linked(state->cut, from, to);
     if (!sim_linked(state->down, from, to)) { // in both directions, also when only one of them is cut
+        sim_tap_lost(self, &block->record, block->data, SIM_FATE_CUT);
         sim_block_free(state, block);
         return TIPC_OK; // on the wire, and lost with the link
     }
@@ -175,7 +185,7 @@ static void take_over(const sim_self_t *self, sim_socket_t *fresh, const sim_blo
     record.dst_port = fresh->port;
     sim_block_t *block = sim_message(self, &record, &part, 1);
     if (block != nullptr)
-        (void)sim_deliver_now(self, block);
+        (void)pass(self, block); // the recorder has had it with the SYN
 }
 
 bool sim_accept(const sim_self_t *self, sim_socket_t *listener, sim_socket_t *fresh)

@@ -24,6 +24,7 @@ tipcsim cluster [options] -- COMMAND [ARG...]           make a cluster, run COMM
   --rmem BYTES          size of a socket's receive queue at importance 0 (default 2097152)
   --tolerance MS        time from a cut to the loss of the link (default 1500)
   --timeout S           end everything after S seconds, with status 124
+  --script FILE         order faults at the times that FILE says (below) while COMMAND runs
   --file PATH=TEMPLATE  as for run
   --node-files PRESET   as for run
 
@@ -40,8 +41,15 @@ tipcsim delay A B MS [--jitter MS]                      delay messages between A
                                                         with jitter by up to as much more, so that they overtake
 tipcsim loss A B PERCENT                                lose as many of the messages between A and B; 0 ends it
 tipcsim congest A B [--end]                             the link between A and B takes no messages, until --end
-tipcsim fail --node N | --pid P  --sends COUNT  --errno E | --short BYTES | --return CODE
-                                                        make the next COUNT sends fail (default 1)
+tipcsim fail --node N | --pid P  --sends COUNT  --errno E | --short BYTES | --return CODE  [--after COUNT]
+                                                        make the next COUNT sends fail (default 1), or those after
+                                                        the next COUNT
+tipcsim script FILE                                     order faults at their times: each line of FILE is a time, as
+                                                        1.5s, 200ms or +100ms after the line above, and a command
+tipcsim record FILE [--bytes N] [--seconds S]           write what passes, for Wireshark, with N bytes of each message's
+                                                        data (default 128), until a signal; - for standard output
+tipcsim show [FILE] [--seconds S]                       print a line for each message of a file that record wrote, or of
+                                                        the cluster from now on
 tipcsim broker-stop   tipcsim broker-start              kill the broker, so that there is none until broker-start
 tipcsim links | names | wait-links                      print the links or the names; wait-links returns at once
 tipcsim broker --cluster DIR                            run the broker; clients start it when they need it
@@ -131,6 +139,14 @@ static options_t parse(int argc, char **argv)
             options.jitter = number(value, "--jitter", 0, 3600000);
         else if (word == "--sends")
             options.sends = number(value, "--sends", 1, 1000000);
+        else if (word == "--after")
+            options.after = number(value, "--after", 0, 1000000);
+        else if (word == "--seconds")
+            options.seconds = number(value, "--seconds", 1, 1000000);
+        else if (word == "--bytes")
+            options.data = number(value, "--bytes", 0, SIM_MAX_DATA);
+        else if (word == "--script")
+            options.script = value;
         else if (word == "--pid")
             options.pid = value;
         else if (word == "--errno")
@@ -172,6 +188,37 @@ static int command(const std::string &verb, const options_t &options)
     return 0;
 }
 
+int script_command(const words_t &words)
+{
+    words_t all = words;
+    all.insert(all.begin(), "tipcsim");
+    std::vector<char *> argv;
+    for (std::string &word : all)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    return command(words[0], parse((int)all.size(), argv.data()));
+}
+
+static int run_script(const options_t &options)
+{
+    if (options.words.empty())
+        die("script needs a file");
+    open_cluster(options);
+    (void)setenv("TIPCSIM_CLUSTER", g_cluster.dir, 1);
+    return script_run(options.words[0], script_command);
+}
+
+static int record(const options_t &options, bool text)
+{
+    if (text && !options.words.empty())
+        return show_file(options.words[0]);
+    if (!text && options.words.empty())
+        die("record needs a file");
+    open_cluster(options);
+    return record_messages(&g_cluster, self(),
+                           {text ? "" : options.words[0], text, text ? 0 : options.data, options.seconds});
+}
+
 int main(int argc, char **argv)
 {
     std::string verb = argc > 1 ? argv[1] : "help";
@@ -190,5 +237,9 @@ int main(int argc, char **argv)
         tree_mark(TREE_SERVANT);
         return broker_main(options.cluster.c_str(), !options.words.empty());
     }
+    if (verb == "script")
+        return run_script(options);
+    if (verb == "record" || verb == "show")
+        return record(options, verb == "show");
     return command(verb, options);
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "sim_cluster.h"
+#include "tipcsim_record.h"
 
 typedef std::vector<std::string> words_t;
 
@@ -19,6 +20,10 @@ typedef struct options_s {
     long timeout = 0;
     long sends = 1;
     long jitter = 0; // ms
+    long after = 0;  // sends
+    long seconds = 0;
+    long data = RECORD_BYTES; // bytes
+    std::string script;
     bool one_way = false;
     bool end = false;
     std::string pid;
@@ -68,6 +73,7 @@ void lose_links(uint32_t node);               // all of a node that failed
 // Does what `verb` asks of the cluster, and gives the status to exit with. False when it is no such verb.
 bool state_command(const std::string &verb, const options_t &options, int *status);
 
-int cluster(options_t options); // makes a cluster for the length of a command (tipcsim_cluster.cpp)
+int cluster(options_t options);           // makes a cluster for the length of a command (tipcsim_cluster.cpp)
+int script_command(const words_t &words); // does a command of a script, in a process of its own
 
 #endif

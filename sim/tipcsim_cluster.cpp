@@ -41,6 +41,29 @@ static void pass_on(int signal)
         (void)kill(s_command, signal);
 }
 
+static pid_t s_script; // 0: none, or it has ended
+static int s_script_status;
+
+static void begin_script(const options_t &options)
+{
+    if (options.script.empty())
+        return;
+    s_script = script_begin(options.script, script_command);
+    if (s_script < 0)
+        die("the command was not run");
+}
+
+// A script that has not come to its end is no failure.
+static void end_script()
+{
+    if (s_script <= 0)
+        return;
+    (void)kill(s_script, SIGKILL);
+    while (waitpid(s_script, nullptr, 0) < 0 && errno == EINTR)
+        continue;
+    s_script = 0;
+}
+
 // Waits for the command, and for the orphans of its tree that end meanwhile.
 static int wait_for_command()
 {
@@ -55,6 +78,10 @@ static int wait_for_command()
         (void)waitpid(info.si_pid, &status, 0);
         if (command)
             return status;
+        if (info.si_pid == s_script) {
+            s_script = 0;
+            s_script_status = status;
+        }
     }
 }
 
@@ -64,6 +91,8 @@ static int command_status(int status)
         fprintf(stderr, "tipcsim: time limit\n");
         return 124;
     }
+    if (status == 0 && s_script_status != 0)
+        return 125;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -96,6 +125,7 @@ int cluster(options_t options)
     (void)setenv("LAB", self().c_str(), 1);
     (void)setenv("LAB_RUN", g_cluster.dir, 1);
     (void)setenv("LAB_NODES", nodes.c_str(), 1);
+    begin_script(options);
     for (const char *name : {"TIPCSIM_NODE", "TIPCSIM_FILES"}) // of the cluster in which this one is made
         (void)unsetenv(name);
     pid_t pid = fork();
@@ -113,6 +143,8 @@ int cluster(options_t options)
         (void)signal(SIGHUP, SIG_IGN);
     (void)alarm((unsigned)options.timeout);
     int status = wait_for_command();
+    end_script();
+    record_end(&g_cluster);
     tree_end();
     end_cluster();
     (void)close(keep);

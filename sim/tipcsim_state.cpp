@@ -73,7 +73,7 @@ static int fail_sends(const options_t &options)
     sim_fault_t *at = take_fault(state);
     at->pid = fault.pid;
     at->node = fault.node;
-    at->skip = 0;
+    at->skip = (int32_t)options.after;
     at->value = fault.value;
     sim_store(&at->left, fault.left);
     sim_store(&at->kind, fault.kind);
