@@ -103,6 +103,8 @@ static uint32_t pass(const sim_self_t *self, sim_block_t *block)
     }
     if (verdict == QUEUE)
         err = sim_queue_put(self, socket, block, limit_of(socket, record));
+    if (err == SIM_BLOCK_GONE)
+        return TIPC_ERR_NO_PORT;
     if (verdict == DONE || err != TIPC_OK || verdict == REFUSE)
         sim_block_free(state, block);
     return verdict == DONE ? (uint32_t)TIPC_OK : err;
@@ -134,9 +136,8 @@ uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
         return sim_deliver_now(self, block);
     sim_socket_t *wire = sim_socket_of(state, sim_load(&state->wire));
     block->record.charge = 0;
-    if (wire == nullptr || sim_queue_put(self, wire, block, UINT64_MAX) != TIPC_OK)
-        return sim_deliver_now(self, block);
-    return TIPC_OK;
+    uint32_t err = wire == nullptr ? (uint32_t)TIPC_ERR_NO_PORT : sim_queue_put(self, wire, block, UINT64_MAX);
+    return err == TIPC_OK || err == SIM_BLOCK_GONE ? (uint32_t)TIPC_OK : sim_deliver_now(self, block);
 }
 
 void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_t *data, uint32_t err)

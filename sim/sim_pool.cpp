@@ -73,6 +73,11 @@ void sim_block_own(sim_state_t *state, sim_block_t *block, uint32_t owner)
     sim_store(owner_of(state, block->number), owner);
 }
 
+bool sim_block_disown(sim_state_t *state, sim_block_t *block, uint32_t from, uint32_t to)
+{
+    return sim_swap(owner_of(state, block->number), from, to);
+}
+
 void sim_block_free(sim_state_t *state, sim_block_t *block)
 {
     // The link's count goes on, so that who still looks at the block in a queue fails to link to it.

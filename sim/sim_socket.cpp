@@ -200,12 +200,13 @@ uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t
     sim_store(&block->next, sim_link(sim_link_count(sim_load(&block->next)) + 1, SIM_NONE));
     uint32_t wire = sim_load(&state->wire); // its messages are for others
     uint32_t port = sim_load(&socket->port) == wire ? wire : block->record.dst_port;
-    sim_block_own(state, block, sim_owner_queue(sim_socket_slot(port)));
+    uint32_t queue = sim_owner_queue(sim_socket_slot(port));
+    sim_block_own(state, block, queue);
     uint32_t err = append(state, socket, port, block, limit);
+    if (err != TIPC_OK && !sim_block_disown(state, block, queue, self->owner))
+        return SIM_BLOCK_GONE; // the socket was closed, and all that its queue owned was freed
     if (err == TIPC_OK)
         sim_socket_notify(self, socket);
-    else
-        sim_block_own(state, block, self->owner);
     return err;
 }
 

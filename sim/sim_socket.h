@@ -144,6 +144,8 @@ typedef struct sim_self_s {
 sim_block_t *sim_block_take(const sim_self_t *self, uint32_t len); // for `len` bytes of data; null without memory
 sim_block_t *sim_block_of(sim_state_t *state, uint32_t number);
 void sim_block_own(sim_state_t *state, sim_block_t *block, uint32_t owner);
+bool sim_block_disown(sim_state_t *state, sim_block_t *block, uint32_t from,
+                      uint32_t to); // false: it was freed meanwhile
 void sim_block_free(sim_state_t *state, sim_block_t *block);
 void sim_block_release(sim_state_t *state, sim_block_t *block); // takes one hold away
 void sim_blocks_reclaim(sim_state_t *state, uint32_t owner);    // frees all blocks of an owner that is gone
@@ -177,7 +179,9 @@ int sim_socket_mark(const sim_state_t *state, int fd, uint32_t port);     // 0 o
 bool sim_socket_held(const sim_state_t *state, int other, uint32_t port); // through another epoll descriptor
 bool sim_socket_is(int fd);                                               // `fd` is the descriptor of some socket
 
-// The queue. sim_queue_put takes the block over unless it returns an error of TIPC.
+// The queue. sim_queue_put takes the block over unless it returns an error of TIPC. SIM_BLOCK_GONE: refused with
+// TIPC_ERR_NO_PORT, and the socket's end has freed the block.
+constexpr uint32_t SIM_BLOCK_GONE = UINT32_MAX;
 uint32_t sim_queue_charge(uint32_t len); // bytes that the kernel charges a receive queue for a message of `len` bytes
 uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t *block, uint64_t limit);
 // The first message, null when there is none; `at` is for the two calls below.
