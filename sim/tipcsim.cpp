@@ -51,7 +51,8 @@ tipcsim record FILE [--bytes N] [--seconds S]           write what passes, for W
 tipcsim show [FILE] [--seconds S]                       print a line for each message of a file that record wrote, or of
                                                         the cluster from now on
 tipcsim broker-stop   tipcsim broker-start              kill the broker, so that there is none until broker-start
-tipcsim links | names | wait-links                      print the links or the names; wait-links returns at once
+tipcsim links | names | sockets | wait-links            print the links, the names or the sockets, as tipc and ss do on
+                                                        a kernel; wait-links returns at once
 tipcsim broker --cluster DIR                            run the broker; clients start it when they need it
 )";
 
@@ -72,6 +73,18 @@ long number(const std::string &text, const char *what, long lowest, long highest
         die(std::string(what) + " is '" + text + "'; it takes " + std::to_string(lowest) + " to " +
             std::to_string(highest));
     return value;
+}
+
+uint32_t node_number(const std::string &text, const char *what)
+{
+    unsigned zone = 0;
+    unsigned cluster = 0;
+    unsigned node = 0;
+    char rest = '\0';
+    if (sscanf(text.c_str(), "%3u.%4u.%4u%c", &zone, &cluster, &node, &rest) == 3 && zone > 0 && zone < 256 &&
+        cluster < 4096 && node < 4096)
+        return zone << 24 | cluster << 12 | node;
+    return (uint32_t)number(text, what, 1, UINT32_MAX - 1L);
 }
 
 std::string self()
@@ -96,7 +109,7 @@ uint32_t node_word(const options_t &options, size_t index)
 {
     if (options.words.size() <= index)
         die("a node is missing (tipcsim help)");
-    return (uint32_t)number(options.words[index], "a node", 1, 65535);
+    return node_number(options.words[index], "a node");
 }
 
 static options_t parse(int argc, char **argv)

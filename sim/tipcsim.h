@@ -41,8 +41,9 @@ extern sim_cluster_t g_cluster; // the one that this command is about
 
 [[noreturn]] void die(const std::string &text);
 long number(const std::string &text, const char *what, long lowest, long highest); // dies when it is none of the range
-std::string self();                                                                // the path of this program
-void make_folders(const std::string &path);                                        // all folders above `path`
+uint32_t node_number(const std::string &text, const char *what); // an address, also as Z.C.N; dies when it is none
+std::string self();                                              // the path of this program
+void make_folders(const std::string &path);                      // all folders above `path`
 std::string in_cluster(const std::string &name);
 uint32_t node_word(const options_t &options, size_t index);
 

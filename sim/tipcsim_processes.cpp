@@ -25,6 +25,7 @@
 
 constexpr uint64_t MARK = 1ULL << 62; // no limit that anybody else would set
 constexpr int NODE_BITS = 17;
+constexpr uint32_t SERVANT_PLACE = (1U << NODE_BITS) - 1; // 0 is the command's, others are a node's index plus one
 constexpr uint64_t ID_MASK = (1ULL << 44) - 1;
 constexpr uint32_t NOBODY = UINT32_MAX;
 constexpr double PATIENCE = 5; // seconds for processes to stop or to end, which a busy disk can delay
@@ -132,6 +133,13 @@ static bool says_environment(const seen_t &seen, uint32_t *node)
     return !cluster.empty();
 }
 
+static uint32_t node_at(uint32_t place)
+{
+    if (place == 0)
+        return TREE_COMMAND;
+    return place <= SIM_MAX_NODES ? sim_load(&g_cluster.state->nodes[place - 1]) : NOBODY;
+}
+
 static void find_out(seen_map_t *all, seen_t *seen, uint64_t id)
 {
     if (seen->known)
@@ -144,10 +152,9 @@ static void find_out(seen_map_t *all, seen_t *seen, uint64_t id)
     bool older = before != s_before.end() && before->second.start == seen->start;
     seen->below = !older && parent != all->end() && (seen->parent == getpid() || parent->second.below);
     if (seen->mark != 0) {
-        bool servant = (seen->mark & TREE_SERVANT) == TREE_SERVANT;
-        seen->below = seen->below && !servant;
-        seen->node =
-            !servant && (seen->mark >> NODE_BITS & ID_MASK) == id ? (uint32_t)seen->mark & TREE_SERVANT : NOBODY;
+        uint32_t place = (uint32_t)seen->mark & SERVANT_PLACE;
+        seen->below = seen->below && place != SERVANT_PLACE;
+        seen->node = (seen->mark >> NODE_BITS & ID_MASK) == id ? node_at(place) : NOBODY;
     } else if (!says_environment(*seen, &seen->node)) {
         seen->node = parent != all->end() ? parent->second.node : NOBODY;
     }
@@ -376,7 +383,10 @@ void tree_mark(uint32_t node)
     uint64_t id = node == TREE_SERVANT ? 0 : cluster_id();
     if (getrlimit64(RLIMIT_LOCKS, &limit) != 0)
         return; // the environment tells where a process belongs
-    limit.rlim_cur = MARK | id << NODE_BITS | node;
+    uint32_t place = node == TREE_SERVANT ? SERVANT_PLACE : 0;
+    if (node != TREE_SERVANT && node != TREE_COMMAND)
+        place = sim_node_index(g_cluster.state, node) + 1;
+    limit.rlim_cur = MARK | id << NODE_BITS | place;
     (void)setrlimit64(RLIMIT_LOCKS, &limit);
 }
 

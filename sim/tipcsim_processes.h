@@ -3,8 +3,8 @@
 // environment.
 //
 // What tells them is a mark that a process inherits, over fork and exec alike: the soft limit RLIMIT_LOCKS, which Linux
-// hands down and shows in /proc/PID/limits and has not used since 2.4.25. It holds the cluster's number and the node. A
-// process without a mark, because it may not set the limit or has taken it back, is one of the node that its
+// hands down and shows in /proc/PID/limits and has not used since 2.4.25. It holds the cluster's number and the node's
+// index. A process without a mark, because it may not set the limit or has taken it back, is one of the node that its
 // environment names; if that names none, it is one of its parent's node.
 //
 // A signal goes to a descriptor of the process, after its start time and its mark have been compared, so it never meets
@@ -16,8 +16,8 @@
 
 #include "tipcsim.h"
 
-constexpr uint32_t TREE_COMMAND = 0;       // in place of a node: the command of `tipcsim cluster`
-constexpr uint32_t TREE_SERVANT = 0x1ffff; // and what serves a cluster, and is never signalled
+constexpr uint32_t TREE_COMMAND = 0;          // in place of a node: the command of `tipcsim cluster`
+constexpr uint32_t TREE_SERVANT = UINT32_MAX; // and what serves a cluster, and is never signalled
 
 void tree_id(); // gives the cluster its number, if it has none; called with the cluster's lock held
 // Marks this process, and all that it starts from now on.

@@ -96,12 +96,12 @@ int run(const options_t &options)
         die("run needs --node N");
     if (options.command == nullptr)
         die("no command (tipcsim help)");
-    std::string node = std::to_string(number(options.node, "--node", 1, 65535));
+    std::string node = std::to_string(node_number(options.node, "--node"));
     check_program(options);
     int lock = join_cluster(options);
     mark_process(node);
     tree_id();
-    tree_mark((uint32_t)atol(node.c_str()));
+    tree_mark((uint32_t)strtoul(node.c_str(), nullptr, 10));
     make_node_files(options, node);
     (void)close(lock);
     add_node(node);

@@ -52,7 +52,7 @@ static int fail_sends(const options_t &options)
     fault.left = (int32_t)options.sends;
     fault.pid = pid_option(options);
     if (fault.pid == 0)
-        fault.node = sim_node_index(g_cluster.state, (uint32_t)number(options.node, "--node", 1, 65535));
+        fault.node = sim_node_index(g_cluster.state, node_number(options.node, "--node"));
     if (!options.err.empty()) {
         fault.kind = SIM_FAULT_ERRNO;
         fault.value = 0;
@@ -118,6 +118,43 @@ static int show_names()
     return 0;
 }
 
+static const char *kind_of(const sim_socket_t *socket)
+{
+    switch (socket->type) {
+    case SOCK_STREAM:
+        return "stream";
+    case SOCK_SEQPACKET:
+        return "seqpacket";
+    case SOCK_DGRAM:
+        return "dgram";
+    default:
+        return "rdm";
+    }
+}
+
+// One line a socket: what `ss --tipc` and `tipc socket list` print on a kernel.
+static int show_sockets()
+{
+    static const char *const STATES[] = {"open", "listen", "connecting", "established", "disconnecting"};
+    sim_state_t *state = g_cluster.state;
+    for (uint32_t slot = 0; slot < sim_load(&state->socket_num); slot++) {
+        sim_socket_t *socket = sim_socket_at(state, slot);
+        if (sim_load(&socket->use) != SIM_SLOT_OPEN || socket->served != 0)
+            continue;
+        uint32_t num = 0;
+        uint64_t charged = 0;
+        uint32_t conn = sim_conn_state(socket);
+        sim_queue_size(state, socket, &num, &charged);
+        printf("%s %s node %u socket %u pid %d names %u unread %u bytes %llu", kind_of(socket),
+               conn < sizeof(STATES) / sizeof(*STATES) ? STATES[conn] : "?", state->nodes[socket->node], socket->port,
+               socket->pid, socket->published, num, (unsigned long long)charged);
+        if (conn == SIM_CONN_ESTABLISHED)
+            printf(" peer node %u socket %u", state->nodes[socket->peer_node], sim_conn_peer(socket));
+        printf("\n");
+    }
+    return 0;
+}
+
 static const char *link_state(const sim_state_t *state, uint32_t a, uint32_t b)
 {
     if (!sim_linked(state->down, a, b))
@@ -177,7 +214,7 @@ static int impair(const std::string &verb, const options_t &options)
 
 void add_node(const std::string &node)
 {
-    if (sim_node_index(g_cluster.state, (uint32_t)number(node, "a node", 1, 65535)) == SIM_ANY_NODE)
+    if (sim_node_index(g_cluster.state, node_number(node, "a node")) == SIM_ANY_NODE)
         die("a cluster has at most " + std::to_string(SIM_MAX_NODES) + " nodes");
     if (g_cluster.state->held == 0) // the broker removes the cluster, even when the command never opens a socket
         start_broker();
@@ -233,6 +270,8 @@ bool state_command(const std::string &verb, const options_t &options, int *statu
         *status = broker_start();
     else if (verb == "names")
         *status = show_names();
+    else if (verb == "sockets")
+        *status = show_sockets();
     else if (verb == "links")
         *status = show_links();
     else if (verb != "wait-links") // a healed link is up at once
