@@ -301,7 +301,7 @@ static void close_slot(const sim_self_t *self, sim_socket_t *socket, bool all_go
     sim_store(&socket->tail, sim_link(sim_link_count(tail) + 1, SIM_NONE));
     sim_store(&socket->head, sim_link(sim_link_count(head) + 1, SIM_NONE));
     if (all_gone)
-        sim_blocks_reclaim(state, sim_owner_queue(sim_socket_slot(socket->port)));
+        sim_blocks_reclaim(state, sim_owner_queue(sim_socket_index(state, socket)));
     else if (sim_link_number(head) != SIM_NONE)
         sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     sim_store(&socket->use, (uint32_t)SIM_SLOT_FREE);

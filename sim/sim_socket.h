@@ -160,6 +160,11 @@ static inline sim_socket_t *sim_socket_at(sim_state_t *state, uint32_t slot)
 {
     return (sim_socket_t *)sim_entry(state, SIM_AREA_SOCKETS, slot);
 }
+// The slot of a socket, also of one that has no port yet.
+static inline uint32_t sim_socket_index(sim_state_t *state, const sim_socket_t *socket)
+{
+    return (uint32_t)(socket - sim_socket_at(state, 0));
+}
 static inline uint32_t sim_use(sim_use_e use, uint32_t owner)
 {
     return (uint32_t)use | owner << 8;

@@ -153,6 +153,18 @@ TEST_F(sim_memory, unread_messages_of_a_closed_socket_come_back)
     EXPECT_EQ(receive(from), "-");
 }
 
+TEST_F(sim_memory, a_socket_whose_maker_was_killed_before_it_had_a_port_leaves_no_block)
+{
+    (void)open_socket();
+    uint32_t before = blocks_in_use();
+    sim_socket_t *half = sim_socket_take(&self_, SOCK_RDM, 0, getpid());
+    half->port = SIM_NONE; // as in a slot that was never in use: the port is written last
+    sim_self_t broker = {&cluster_, 2, grow_memory, count_wake};
+    sim_socket_inherit(&broker, half, self_.owner);
+    EXPECT_EQ(half->use, (uint32_t)SIM_SLOT_FREE);
+    EXPECT_EQ(blocks_in_use(), before);
+}
+
 TEST_F(sim_memory, a_port_is_not_used_again_with_its_slot)
 {
     sim_socket_t *from = open_socket();
