@@ -5,6 +5,8 @@
 
 constexpr uint32_t POOL_BITS = 2; // of a block's number: index * SIM_POOLS + pool + 1
 
+constexpr uint32_t QUEUE = 0x80000000U; // of an owner: sim_owner_queue and sim_owner_sending
+
 static uint32_t pool_of(uint32_t number)
 {
     return (number - 1) & (SIM_POOLS - 1);
@@ -73,6 +75,11 @@ void sim_block_own(sim_state_t *state, sim_block_t *block, uint32_t owner)
     sim_store(owner_of(state, block->number), owner);
 }
 
+void sim_block_sent(sim_state_t *state, uint32_t number, uint32_t slot, uint32_t owner)
+{
+    (void)sim_swap(owner_of(state, number), sim_owner_sending(slot, owner), sim_owner_queue(slot));
+}
+
 void sim_block_free(sim_state_t *state, sim_block_t *block)
 {
     // The link's count goes on, so that who still looks at the block in a queue fails to link to it.
@@ -86,12 +93,24 @@ void sim_block_release(sim_state_t *state, sim_block_t *block)
         sim_block_free(state, block);
 }
 
+// A process was killed while it put a block into a queue. When it is there it is freed with the socket at the latest. It
+// is nowhere when the slot is free.
+static void end_sending(sim_state_t *state, uint32_t *has, uint32_t before)
+{
+    uint32_t slot = before % SIM_MAX_SOCKETS;
+    bool used = sim_load(&sim_socket_at(state, slot)->use) != SIM_SLOT_FREE;
+    (void)sim_swap(has, before, used ? sim_owner_queue(slot) : 0U);
+}
+
 void sim_blocks_reclaim(sim_state_t *state, uint32_t owner)
 {
     for (uint32_t pool = 0; pool < SIM_POOLS; pool++) {
         uint32_t num = ready(state, pool);
         uint32_t *owners = (uint32_t *)sim_entry(state, SIM_AREA_OWNERS + pool, 0);
         for (uint32_t i = 0; i < num; i++) {
+            uint32_t has = __atomic_load_n(&owners[i], __ATOMIC_RELAXED);
+            if (has != owner && owner < QUEUE && sim_owner_sending(has % SIM_MAX_SOCKETS, owner) == has)
+                end_sending(state, &owners[i], has);
             if (__atomic_load_n(&owners[i], __ATOMIC_RELAXED) != owner)
                 continue;
             sim_block_t *block = sim_block_of(state, (i << POOL_BITS) + pool + 1);

@@ -200,13 +200,19 @@ uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t
     sim_store(&block->next, sim_link(sim_link_count(sim_load(&block->next)) + 1, SIM_NONE));
     uint32_t wire = sim_load(&state->wire); // its messages are for others
     uint32_t port = sim_load(&socket->port) == wire ? wire : block->record.dst_port;
-    sim_block_own(state, block, sim_owner_queue(sim_socket_slot(port)));
+    // While it is neither ours alone nor certainly in the queue, nobody but the broker after our end may free it: the
+    // socket may be closed, and its slot used again, between any two steps.
+    uint32_t slot = sim_socket_slot(port);
+    uint32_t number = block->number;
+    sim_block_own(state, block, sim_owner_sending(slot, self->owner));
     uint32_t err = append(state, socket, port, block, limit);
-    if (err == TIPC_OK)
-        sim_socket_notify(self, socket);
-    else
+    if (err != TIPC_OK) {
         sim_block_own(state, block, self->owner);
-    return err;
+        return err;
+    }
+    sim_block_sent(state, number, slot, self->owner);
+    sim_socket_notify(self, socket);
+    return TIPC_OK;
 }
 
 void sim_queue_size(sim_state_t *state, sim_socket_t *socket, uint32_t *num, uint64_t *charged)

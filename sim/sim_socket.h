@@ -144,6 +144,8 @@ typedef struct sim_self_s {
 sim_block_t *sim_block_take(const sim_self_t *self, uint32_t len); // for `len` bytes of data; null without memory
 sim_block_t *sim_block_of(sim_state_t *state, uint32_t number);
 void sim_block_own(sim_state_t *state, sim_block_t *block, uint32_t owner);
+// A block is in the queue of a slot, unless a reader has freed it already.
+void sim_block_sent(sim_state_t *state, uint32_t number, uint32_t slot, uint32_t owner);
 void sim_block_free(sim_state_t *state, sim_block_t *block);
 void sim_block_release(sim_state_t *state, sim_block_t *block); // takes one hold away
 void sim_blocks_reclaim(sim_state_t *state, uint32_t owner);    // frees all blocks of an owner that is gone
@@ -151,6 +153,11 @@ static inline uint32_t sim_owner_queue(uint32_t slot)           // the owner of 
 {
     return 0x80000000U | slot;
 }
+static inline uint32_t sim_owner_sending(uint32_t slot, uint32_t owner) // the same while a process puts it there
+{
+    return 0x80000000U | owner << 14 | slot;
+}
+static_assert(SIM_MAX_SOCKETS == 1U << 14 && SIM_MAX_PROCESSES < 1U << 16, "what an owner's word has room for");
 
 // Slots.
 sim_socket_t *sim_socket_take(const sim_self_t *self, uint32_t type, uint32_t node, pid_t pid); // null: none left

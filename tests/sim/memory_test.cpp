@@ -165,6 +165,38 @@ TEST_F(sim_memory, a_socket_whose_maker_was_killed_before_it_had_a_port_leaves_n
     EXPECT_EQ(blocks_in_use(), before);
 }
 
+TEST_F(sim_memory, a_block_on_its_way_into_a_queue_is_the_senders_alone_until_it_is_there)
+{
+    sim_socket_t *to = open_socket();
+    uint32_t slot = sim_socket_index(state(), to);
+    uint32_t before = blocks_in_use();
+    sim_self_t sender = {&cluster_, 2, grow_memory, count_wake};
+    sim_block_t *block = sim_block_take(&sender, 10);
+    sim_block_own(state(), block, sim_owner_sending(slot, sender.owner)); // and it is stopped there
+    sim_socket_close(&self_, to, true);
+    EXPECT_EQ(blocks_in_use(), before) << "one less, and the sender's";
+    sim_blocks_reclaim(state(), self_.owner);
+    EXPECT_EQ(blocks_in_use(), before);
+    sim_blocks_reclaim(state(), sender.owner);
+    EXPECT_EQ(blocks_in_use(), before - 1) << "the sender was killed";
+}
+
+TEST_F(sim_memory, a_block_whose_sender_was_killed_on_the_way_is_freed_with_the_socket)
+{
+    sim_socket_t *to = open_socket();
+    sim_self_t sender = {&cluster_, 2, grow_memory, count_wake};
+    sim_block_t *block = sim_block_take(&sender, 10);
+    uint32_t number = block->number;
+    sim_block_own(state(), block, sim_owner_sending(sim_socket_index(state(), to), sender.owner));
+    sim_blocks_reclaim(state(), sender.owner);
+    EXPECT_EQ(send(to, to, "next"), (uint32_t)TIPC_OK);
+    EXPECT_EQ(sim_block_of(state(), number), block);
+    EXPECT_EQ(receive(to), "next");
+    EXPECT_EQ(blocks_in_use(), 2U) << "the queue's first, and that one, which might have been there";
+    sim_socket_close(&self_, to, true);
+    EXPECT_EQ(blocks_in_use(), 0U);
+}
+
 TEST_F(sim_memory, a_port_is_not_used_again_with_its_slot)
 {
     sim_socket_t *from = open_socket();
