@@ -58,7 +58,7 @@ void process_raise_files()
 void keeper_end_served(const sim_self_t *self, int32_t pid, int32_t but)
 {
     sim_state_t *state = self->cluster->state;
-    uint32_t num = sim_load(&state->socket_num);
+    uint32_t num = sim_socket_num(state);
     for (uint32_t slot = 0; slot < num; slot++) {
         sim_socket_t *socket = sim_socket_at(state, slot);
         if (sim_load(&socket->use) != SIM_SLOT_OPEN || socket->served == 0 || socket->port == sim_load(&state->wire))

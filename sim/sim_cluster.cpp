@@ -290,8 +290,8 @@ int sim_process_enter(sim_state_t *state, pid_t pid, uint32_t node)
 
 uint32_t sim_node_find(const sim_state_t *state, uint32_t node)
 {
-    uint32_t num = sim_load(&state->node_num);
-    for (uint32_t i = 0; i < num && i < SIM_MAX_NODES; i++) {
+    uint32_t num = sim_node_num(state);
+    for (uint32_t i = 0; i < num; i++) {
         if (sim_load(&state->nodes[i]) == node)
             return i;
     }
@@ -321,6 +321,8 @@ bool sim_in_domain(uint32_t domain, uint32_t address)
 
 bool sim_linked(const sim_matrix_t broken, uint32_t from, uint32_t to)
 {
+    if (from >= SIM_MAX_NODES || to >= SIM_MAX_NODES)
+        return false;
     return from == to || (__atomic_load_n(&broken[from][to / 8], __ATOMIC_RELAXED) & 1U << to % 8) == 0;
 }
 

@@ -82,7 +82,7 @@ static uint64_t limit_of(const sim_socket_t *socket, const sim_record_t *record)
         return UINT64_MAX; // the end of a connection is never lost
     if (record->kind == SIM_CONN_DATA)
         return socket->rcvbuf;
-    return (uint64_t)socket->rcvbuf << record->importance;
+    return (uint64_t)socket->rcvbuf << (record->importance & TIPC_CRITICAL_IMPORTANCE);
 }
 
 uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block)
@@ -138,7 +138,7 @@ void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_
     answer.err = err;
     answer.src_port = record->dst_port;
     answer.src_index = record->dst_index;
-    answer.src_node = self->cluster->state->nodes[record->dst_index];
+    answer.src_node = sim_node_address(self->cluster->state, record->dst_index);
     answer.dst_port = record->src_port;
     answer.dst_index = record->src_index;
     answer.droppable = 1;
@@ -156,7 +156,7 @@ static void tell_peer(const sim_self_t *self, const sim_socket_t *socket, uint32
     record.kind = kind;
     record.src_port = socket->port;
     record.src_index = socket->node;
-    record.src_node = self->cluster->state->nodes[socket->node];
+    record.src_node = sim_node_address(self->cluster->state, socket->node);
     record.dst_port = sim_conn_peer(socket);
     record.dst_index = socket->peer_node;
     record.err = err;
@@ -232,9 +232,9 @@ static bool give_back(const sim_self_t *self, sim_socket_t *socket, uint32_t err
 {
     sim_state_t *state = self->cluster->state;
     bool any = false;
-    for (;;) {
+    for (uint32_t limit = sim_block_num(state);; limit--) {
         sim_link_t at;
-        sim_block_t *block = sim_queue_first(state, socket, &at);
+        sim_block_t *block = limit != 0 ? sim_queue_first(state, socket, &at) : nullptr;
         if (block == nullptr)
             return any;
         if (!sim_queue_pop(state, socket, at, block))

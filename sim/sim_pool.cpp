@@ -3,6 +3,8 @@
 // so what a killed process had is found again.
 #include "sim_socket.h"
 
+#include <cstddef>
+
 constexpr uint32_t POOL_BITS = 2; // of a block's number: index * SIM_POOLS + pool + 1
 
 constexpr uint32_t QUEUE = 0x80000000U; // of an owner: sim_owner_queue and sim_owner_sending
@@ -12,21 +14,37 @@ static uint32_t pool_of(uint32_t number)
     return (number - 1) & (SIM_POOLS - 1);
 }
 
-static uint32_t *owner_of(sim_state_t *state, uint32_t number)
-{
-    return (uint32_t *)sim_entry(state, SIM_AREA_OWNERS + pool_of(number), (number - 1) >> POOL_BITS);
-}
-
-sim_block_t *sim_block_of(sim_state_t *state, uint32_t number)
-{
-    return (sim_block_t *)sim_entry(state, SIM_AREA_BLOCKS + pool_of(number), (number - 1) >> POOL_BITS);
-}
-
 static uint32_t ready(const sim_state_t *state, uint32_t pool)
 {
     uint32_t owners = sim_load(&state->areas[SIM_AREA_OWNERS + pool].ready);
     uint32_t blocks = sim_load(&state->areas[SIM_AREA_BLOCKS + pool].ready);
     return owners < blocks ? owners : blocks;
+}
+
+static uint32_t *owner_of(sim_state_t *state, uint32_t number)
+{
+    uint32_t area = SIM_AREA_OWNERS + pool_of(number);
+    return (uint32_t *)sim_entry(state, area, ((number - 1) >> POOL_BITS) & (state->areas[area].capacity - 1));
+}
+
+// Some block for any number.
+sim_block_t *sim_block_of(sim_state_t *state, uint32_t number)
+{
+    uint32_t area = SIM_AREA_BLOCKS + pool_of(number);
+    return (sim_block_t *)sim_entry(state, area, ((number - 1) >> POOL_BITS) & (state->areas[area].capacity - 1));
+}
+
+uint32_t sim_block_room(const sim_state_t *state, uint32_t number)
+{
+    return state->areas[SIM_AREA_BLOCKS + pool_of(number)].size - (uint32_t)offsetof(sim_block_t, data);
+}
+
+uint32_t sim_block_num(const sim_state_t *state)
+{
+    uint32_t num = 0;
+    for (uint32_t pool = 0; pool < SIM_POOLS; pool++)
+        num += ready(state, pool);
+    return num;
 }
 
 // Where the last search ended: one that begins there mostly succeeds at once.

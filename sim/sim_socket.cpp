@@ -7,6 +7,7 @@
 
 constexpr uint32_t DEFAULT_CONN_TIMEOUT = 8000; // ms
 constexpr uint32_t FIRST_WINDOW = 128;          // blocks, of a connection
+constexpr uint32_t MAX_TRIES = 1U << 20;        // of a step that others come between: more are a queue that has no end
 
 static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
 {
@@ -163,7 +164,7 @@ static bool size_up_to(sim_state_t *state, const sim_socket_t *socket, const sim
 
 static uint32_t append(sim_state_t *state, sim_socket_t *socket, uint32_t port, sim_block_t *block, uint64_t limit)
 {
-    for (;;) {
+    for (uint32_t tries = 0; tries < MAX_TRIES; tries++) {
         sim_link_t tail = sim_load(&socket->tail);
         if (sim_link_number(tail) == SIM_NONE)
             return TIPC_ERR_NO_PORT; // the slot is free
@@ -191,6 +192,7 @@ static uint32_t append(sim_state_t *state, sim_socket_t *socket, uint32_t port, 
         (void)sim_swap(&socket->tail, tail, sim_link(sim_link_count(tail) + 1, block->number));
         return TIPC_OK;
     }
+    return TIPC_ERR_OVERLOAD;
 }
 
 uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t *block, uint64_t limit)
@@ -219,7 +221,7 @@ void sim_queue_size(sim_state_t *state, sim_socket_t *socket, uint32_t *num, uin
 {
     *num = 0;
     *charged = 0;
-    for (;;) {
+    for (uint32_t tries = 0; tries < MAX_TRIES; tries++) {
         sim_link_t tail = sim_load(&socket->tail);
         if (sim_link_number(tail) == SIM_NONE)
             return;
@@ -231,7 +233,7 @@ void sim_queue_size(sim_state_t *state, sim_socket_t *socket, uint32_t *num, uin
 
 sim_block_t *sim_queue_first(sim_state_t *state, sim_socket_t *socket, sim_link_t *at)
 {
-    for (;;) {
+    for (uint32_t tries = 0; tries < MAX_TRIES; tries++) {
         sim_link_t head = sim_load(&socket->head);
         sim_link_t tail = sim_load(&socket->tail);
         if (sim_link_number(head) == SIM_NONE)
@@ -247,8 +249,12 @@ sim_block_t *sim_queue_first(sim_state_t *state, sim_socket_t *socket, sim_link_
             continue;
         }
         *at = head;
-        return sim_block_of(state, number);
+        sim_block_t *first = sim_block_of(state, number);
+        if (first->record.len > sim_block_room(state, number))
+            first->record.len = 0; // it is no message that anybody sent, or was taken away this moment
+        return first;
     }
+    return nullptr;
 }
 
 bool sim_queue_same(const sim_socket_t *socket, sim_link_t at)
@@ -272,7 +278,7 @@ bool sim_queue_empty(sim_state_t *state, sim_socket_t *socket)
 
 void sim_queue_close(sim_state_t *state, sim_socket_t *socket)
 {
-    for (;;) {
+    for (uint32_t tries = 0; tries < MAX_TRIES; tries++) {
         sim_link_t tail = sim_load(&socket->tail);
         if (sim_link_number(tail) == SIM_NONE)
             return;

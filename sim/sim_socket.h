@@ -143,6 +143,8 @@ typedef struct sim_self_s {
 // Blocks (sim_pool.cpp).
 sim_block_t *sim_block_take(const sim_self_t *self, uint32_t len); // for `len` bytes of data; null without memory
 sim_block_t *sim_block_of(sim_state_t *state, uint32_t number);
+uint32_t sim_block_room(const sim_state_t *state, uint32_t number); // bytes of data
+uint32_t sim_block_num(const sim_state_t *state);                   // no queue has more
 void sim_block_own(sim_state_t *state, sim_block_t *block, uint32_t owner);
 // A block is in the queue of a slot, unless a reader has freed it already.
 void sim_block_sent(sim_state_t *state, uint32_t number, uint32_t slot, uint32_t owner);
