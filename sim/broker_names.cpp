@@ -66,18 +66,19 @@ static uint32_t unused_entry()
 
 static int insert(const sim_name_t *name, uint32_t *entry)
 {
+    uint32_t ready = sim_load(&broker_state()->areas[SIM_AREA_NAMES].ready);
     *entry = unused_entry();
     int ret = sim_name_insert(broker_state(), name, entry);
     if (ret != -ENOSPC)
         return ret;
-    ret = g_broker.self.grow(&g_broker.cluster, SIM_AREA_NAMES);
+    ret = g_broker.self.grow(&g_broker.cluster, SIM_AREA_NAMES, ready);
     return ret != 0 ? ret : sim_name_insert(broker_state(), name, entry);
 }
 
 int names_bind(uint32_t port, const sim_name_t *asked)
 {
     const sim_socket_t *socket = sim_socket_of(broker_state(), port);
-    if (socket == nullptr || asked->lower > asked->upper)
+    if (socket == nullptr || socket->served != 0 || asked->lower > asked->upper)
         return -EINVAL;
     auto old = g_broker.names.sockets.find(port);
     for (size_t i = 0; asked->id != 0 && old != g_broker.names.sockets.end() && i < old->second.size(); i++) {

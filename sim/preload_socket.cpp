@@ -27,7 +27,7 @@ static int make_descriptor(const sim_self_t *self, sim_socket_t *socket, int fla
     if (ret >= 0 && (flags & SOCK_NONBLOCK) != 0)
         ret = sys_fcntl(fd, F_SETFL, O_NONBLOCK);
     if (ret >= 0)
-        ret = sim_ask_keeper(self->cluster, SIM_KEEP, socket->port, wake);
+        ret = sim_ask_keeper(self->cluster, SIM_KEEP, socket->port, 0, wake);
     if (wake >= 0)
         (void)sys_close(wake);
     if (ret >= 0) {

@@ -93,12 +93,14 @@ static uint64_t lay_out(sim_state_t *state)
     return (at + 4095) & ~(uint64_t)4095;
 }
 
-int sim_area_grow(sim_state_t *state, int fd, uint32_t area)
+int sim_area_grow(sim_state_t *state, int fd, uint32_t area, uint32_t seen)
 {
     if (area >= SIM_AREAS)
         return -EINVAL;
     sim_area_t *a = &state->areas[area];
     uint32_t ready = sim_load(&a->ready);
+    if (ready != seen)
+        return 0;
     if (ready >= a->capacity)
         return -ENOSPC;
     uint32_t more = a->step + ready / 2; // larger steps for what is used much
@@ -127,7 +129,7 @@ static int create_state(int fd)
     (void)lay_out(state);
     int ret = 0;
     for (uint32_t area = 0; area < SIM_AREAS && ret == 0; area++)
-        ret = sim_area_grow(state, fd, area);
+        ret = sim_area_grow(state, fd, area, 0);
     if (ret == 0 && getrandom(state->secret, sizeof(state->secret), 0) != (ssize_t)sizeof(state->secret))
         ret = -EIO;
     uint64_t base = 0;

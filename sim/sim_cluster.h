@@ -210,8 +210,9 @@ static inline uint32_t sim_node_address(const sim_state_t *state, uint32_t index
     return index < SIM_MAX_NODES ? sim_load(&state->nodes[index]) : 0;
 }
 
-// Gives memory to more entries of an area, through a descriptor of the file. 0 or a negative errno.
-int sim_area_grow(sim_state_t *state, int fd, uint32_t area);
+// Gives memory to more entries of an area, through a descriptor of the file, unless there are others than the `seen`
+// ones already: many processes may ask at once. 0 or a negative errno.
+int sim_area_grow(sim_state_t *state, int fd, uint32_t area, uint32_t seen);
 
 // The entry of this process, which is made when there is none. Its index, or -1 when there are too many.
 int sim_process_enter(sim_state_t *state, pid_t pid, uint32_t node);

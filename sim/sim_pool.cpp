@@ -77,12 +77,14 @@ sim_block_t *sim_block_take(const sim_self_t *self, uint32_t len)
     if (pool == SIM_POOLS)
         return nullptr;
     for (;;) {
+        uint32_t owners_seen = sim_load(&state->areas[SIM_AREA_OWNERS + pool].ready);
+        uint32_t blocks_seen = sim_load(&state->areas[SIM_AREA_BLOCKS + pool].ready);
         sim_block_t *block = search(state, pool, self->owner);
         if (block != nullptr)
             return block;
-        uint32_t before = ready(state, pool);
-        int owners = self->grow(self->cluster, SIM_AREA_OWNERS + pool);
-        int blocks = self->grow(self->cluster, SIM_AREA_BLOCKS + pool);
+        uint32_t before = owners_seen < blocks_seen ? owners_seen : blocks_seen;
+        int owners = self->grow(self->cluster, SIM_AREA_OWNERS + pool, owners_seen);
+        int blocks = self->grow(self->cluster, SIM_AREA_BLOCKS + pool, blocks_seen);
         if ((owners != 0 || blocks != 0) && ready(state, pool) == before)
             return nullptr;
     }

@@ -135,8 +135,9 @@ static inline bool sim_connectionless(const sim_socket_t *socket)
 // What differs between a program and the broker, both of which send, receive and close.
 typedef struct sim_self_s {
     sim_cluster_t *cluster;
-    uint32_t owner;                                             // of blocks: index of the process's entry plus one
-    int (*grow)(sim_cluster_t *cluster, uint32_t area);         // gives memory to more entries; 0 or a negative errno
+    uint32_t owner; // of blocks: index of the process's entry plus one
+    // Gives memory to more entries than the `seen` ones; 0 or a negative errno.
+    int (*grow)(sim_cluster_t *cluster, uint32_t area, uint32_t seen);
     void (*wake)(sim_cluster_t *cluster, sim_socket_t *socket); // writes to a socket's wake-up descriptor
 } sim_self_t;
 

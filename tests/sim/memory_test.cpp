@@ -22,9 +22,9 @@ namespace
 int s_file = -1;
 uint32_t s_woken; // calls for a socket's wake-up descriptor
 
-int grow_memory(sim_cluster_t *cluster, uint32_t area)
+int grow_memory(sim_cluster_t *cluster, uint32_t area, uint32_t seen)
 {
-    return sim_area_grow(cluster->state, s_file, area);
+    return sim_area_grow(cluster->state, s_file, area, seen);
 }
 
 void count_wake(sim_cluster_t * /*cluster*/, sim_socket_t * /*socket*/)
@@ -238,6 +238,49 @@ TEST_F(sim_memory, more_sockets_and_messages_than_at_first_get_memory)
         ASSERT_EQ(send(socket, socket, std::string(1500, 'x')), (uint32_t)TIPC_OK);
     for (sim_socket_t *socket : sockets)
         ASSERT_EQ(receive(socket).size(), 1500U);
+}
+
+TEST_F(sim_memory, memory_is_given_once_when_several_ask_for_it)
+{
+    uint32_t before = state()->areas[SIM_AREA_BLOCKS].ready;
+    ASSERT_EQ(sim_area_grow(state(), s_file, SIM_AREA_BLOCKS, before), 0);
+    uint32_t after = state()->areas[SIM_AREA_BLOCKS].ready;
+    EXPECT_GT(after, before);
+    EXPECT_EQ(sim_area_grow(state(), s_file, SIM_AREA_BLOCKS, before), 0);
+    EXPECT_EQ(state()->areas[SIM_AREA_BLOCKS].ready, after);
+}
+
+TEST_F(sim_memory, junk_in_the_tables_leads_nobody_out_of_them)
+{
+    sim_socket_t *to = open_socket();
+    sim_name_t name = {100, 5, 5, TIPC_CLUSTER_SCOPE, to->port, 0, 1, 0};
+    uint32_t entry = SIM_NONE;
+    ASSERT_EQ(sim_name_insert(state(), &name, &entry), 0);
+    sim_name_at(state(), entry)->next = entry; // a chain without an end
+    sim_target_t target = {};
+    (void)sim_name_lookup(state(), 100, 5, 0, 0, &target);
+    sim_name_at(state(), entry)->node = UINT32_MAX;
+    EXPECT_FALSE(sim_name_lookup(state(), 100, 5, 0, 0, &target));
+    sim_name_remove(state(), entry);
+    ASSERT_EQ(send(to, to, "x"), (uint32_t)TIPC_OK);
+    sim_block_t *first = sim_block_of(state(), sim_link_number(to->tail));
+    first->record.len = UINT32_MAX;
+    first->record.dst_index = UINT32_MAX;
+    first->record.importance = UINT32_MAX;
+    first->next = sim_link(1, first->number); // a queue without an end
+    first->holds = UINT32_MAX;
+    sim_link_t at;
+    EXPECT_EQ(sim_queue_first(state(), to, &at)->record.len, 0U);
+    EXPECT_EQ(send(to, to, "y"), (uint32_t)TIPC_ERR_OVERLOAD);
+    to->head = sim_link(1, UINT32_MAX); // no such block
+    to->tail = sim_link(1, 0x7fffffff);
+    (void)sim_queue_first(state(), to, &at);
+    state()->socket_num = UINT32_MAX;
+    state()->name_num = UINT32_MAX;
+    EXPECT_LE(sim_socket_num(state()), SIM_MAX_SOCKETS);
+    EXPECT_LE(sim_name_num(state()), SIM_MAX_NAMES);
+    sim_socket_close(&self_, to, true);
+    EXPECT_EQ(to->use, (uint32_t)SIM_SLOT_FREE);
 }
 
 TEST_F(sim_memory, a_connection_begins_carries_data_and_ends)
