@@ -226,6 +226,11 @@ void sim_queue_size(sim_state_t *state, sim_socket_t *socket, uint32_t *num, uin
         if (sim_link_number(tail) == SIM_NONE)
             return;
         const sim_block_t *last = sim_block_of(state, sim_link_number(tail));
+        uint32_t next = sim_link_number(sim_load(&last->next));
+        if (next != SIM_NONE && next != SIM_CLOSED) { // its sender has not moved the tail yet, or was killed before
+            (void)sim_swap(&socket->tail, tail, sim_link(sim_link_count(tail) + 1, next));
+            continue;
+        }
         if (size_up_to(state, socket, last, num, charged) && tail == sim_load(&socket->tail))
             return;
     }

@@ -283,6 +283,19 @@ TEST_F(sim_memory, junk_in_the_tables_leads_nobody_out_of_them)
     EXPECT_EQ(to->use, (uint32_t)SIM_SLOT_FREE);
 }
 
+TEST_F(sim_memory, a_message_counts_whose_sender_was_killed_before_it_moved_the_tail)
+{
+    sim_socket_t *to = open_socket();
+    sim_link_t before = to->tail;
+    ASSERT_EQ(send(to, to, "x"), (uint32_t)TIPC_OK);
+    to->tail = before;
+    uint32_t num = 0;
+    uint64_t charged = 0;
+    sim_queue_size(state(), to, &num, &charged);
+    EXPECT_EQ(num, 1U);
+    EXPECT_EQ(charged, sim_queue_charge(1));
+}
+
 TEST_F(sim_memory, a_connection_begins_carries_data_and_ends)
 {
     sim_socket_t *client = open_socket(SOCK_SEQPACKET);
