@@ -102,7 +102,8 @@ void links_read()
     sim_link_t at;
     uint32_t limit = wire != nullptr ? sim_block_num(state) : 0;
     for (sim_block_t *block; limit-- != 0 && (block = sim_queue_first(state, wire, &at)) != nullptr;) {
-        message_t message = {block->record, {block->data, block->data + block->record.len}};
+        const uint8_t *data = block->data;
+        message_t message = {block->record, {data, data + block->record.len}};
         if (!sim_queue_pop(state, wire, at, block))
             continue;
         sim_block_release(state, block);
