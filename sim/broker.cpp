@@ -500,7 +500,8 @@ static bool begin()
     keeper_end_served(&g_broker.self, 0, sys_getpid());
     links_begin();
     sim_socket_t *wire = sim_socket_of(state, sim_load(&state->wire));
-    g_broker.wake_there = wire != nullptr ? sim_ask_keeper(&g_broker.cluster, SIM_KEEP, wire->port, 0, g_broker.wake) : -1;
+    g_broker.wake_there =
+        wire != nullptr ? sim_ask_keeper(&g_broker.cluster, SIM_KEEP, wire->port, 0, g_broker.wake) : -1;
     if (g_broker.wake_there < 0)
         return false;
     sim_store(&wire->wake, g_broker.wake_there);

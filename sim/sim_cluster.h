@@ -184,8 +184,8 @@ static inline void *sim_entry(sim_state_t *state, uint32_t area, uint32_t index)
     const sim_area_t *a = &state->areas[area];
     return (uint8_t *)state + a->offset + (uint64_t)index * a->size;
 }
-// What a process that went wild has written into a count or an index must not lead others out of their tables. The areas
-// themselves are written once.
+// What a process that went wild has written into a count or an index must not lead others out of their tables. The
+// areas themselves are written once.
 static inline uint32_t sim_count(const sim_state_t *state, const uint32_t *num, uint32_t area)
 {
     uint32_t ready = sim_load(&state->areas[area].ready);

@@ -46,7 +46,8 @@ static void look_through(search_t *search, uint32_t first)
         if (name->type != search->type || search->instance < name->lower || search->instance > name->upper ||
             name->lower > search->lower || sim_load(&name->id) == 0)
             continue;
-        if (!sim_name_visible(state, name, search->from) || !sim_in_domain(search->domain, sim_node_address(state, name->node)))
+        if (!sim_name_visible(state, name, search->from) ||
+            !sim_in_domain(search->domain, sim_node_address(state, name->node)))
             continue;
         if (name->lower < search->lower)
             search->num = 0;

@@ -113,8 +113,8 @@ void sim_block_release(sim_state_t *state, sim_block_t *block)
         sim_block_free(state, block);
 }
 
-// A process was killed while it put a block into a queue. When it is there it is freed with the socket at the latest. It
-// is nowhere when the slot is free.
+// A process was killed while it put a block into a queue. When it is there it is freed with the socket at the latest.
+// It is nowhere when the slot is free.
 static void end_sending(sim_state_t *state, uint32_t *has, uint32_t before)
 {
     uint32_t slot = before % SIM_MAX_SOCKETS;

@@ -27,7 +27,8 @@ static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
                 (void)sim_swap(&state->socket_num, used, slot + 1);
             return socket;
         }
-        if (self->grow(self->cluster, SIM_AREA_SOCKETS, num) != 0 && sim_load(&state->areas[SIM_AREA_SOCKETS].ready) == num)
+        if (self->grow(self->cluster, SIM_AREA_SOCKETS, num) != 0 &&
+            sim_load(&state->areas[SIM_AREA_SOCKETS].ready) == num)
             return nullptr;
     }
 }

@@ -1,6 +1,6 @@
-/* Many sockets. `crowd PROCESSES SOCKETS` forks that many children, each with so many sockets of its own, one of which has
- * a name. When all are there each child asks the next one, which answers; then all say whether they got it.
- * `crowd alone SOCKETS` has them in one process, and sends to each. Prints what was counted. */
+/* Many sockets. `crowd PROCESSES SOCKETS` forks that many children, each with so many sockets of its own, one of which
+ * has a name. When all are there each child asks the next one, which answers; then all say whether they got it. `crowd
+ * alone SOCKETS` has them in one process, and sends to each. Prints what was counted. */
 #include "../cases/case.h"
 
 #include <sys/resource.h>

@@ -1,7 +1,7 @@
-/* Clients that send, receive, connect, bind, fork and close at random, of which most are killed or stopped meanwhile, and
- * watchers that ask each other and are never killed. `kills client SEED`, `kills watcher NUMBER OF FILE`: a watcher asks the
- * others and answers them until the file is gone, and says how many answers it got. One that waits too long for an answer
- * exits with 1. */
+/* Clients that send, receive, connect, bind, fork and close at random, of which most are killed or stopped meanwhile,
+ * and watchers that ask each other and are never killed. `kills client SEED`, `kills watcher NUMBER OF FILE`: a watcher
+ * asks the others and answers them until the file is gone, and says how many answers it got. One that waits too long
+ * for an answer exits with 1. */
 #include "../cases/case.h"
 
 enum { WATCHED = 100000, BOUND_MS = 10000, NAMES = 40 };
