@@ -155,7 +155,7 @@ TEST_F(sim_memory, unread_messages_of_a_closed_socket_come_back)
 
 TEST_F(sim_memory, a_socket_whose_maker_was_killed_before_it_had_a_port_leaves_no_block)
 {
-    (void)open_socket();
+    sim_socket_t *other = open_socket();
     uint32_t before = blocks_in_use();
     sim_socket_t *half = sim_socket_take(&self_, SOCK_RDM, 0, getpid());
     half->port = SIM_NONE; // as in a slot that was never in use: the port is written last
@@ -163,6 +163,7 @@ TEST_F(sim_memory, a_socket_whose_maker_was_killed_before_it_had_a_port_leaves_n
     sim_socket_inherit(&broker, half, self_.owner);
     EXPECT_EQ(half->use, (uint32_t)SIM_SLOT_FREE);
     EXPECT_EQ(blocks_in_use(), before);
+    EXPECT_EQ(send(other, other, "x"), (uint32_t)TIPC_OK) << "the other one's blocks are its own";
 }
 
 TEST_F(sim_memory, a_block_on_its_way_into_a_queue_is_the_senders_alone_until_it_is_there)
