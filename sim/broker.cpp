@@ -71,7 +71,7 @@ static void close_socket(sim_socket_t *socket)
 static void close_sockets_of(int32_t pid, uint32_t owner)
 {
     std::vector<sim_socket_t *> found;
-    uint32_t num = sim_load(&broker_state()->socket_num);
+    uint32_t num = sim_socket_num(broker_state());
     for (uint32_t slot = 0; slot < num; slot++) {
         sim_socket_t *socket = sim_socket_at(broker_state(), slot);
         if (sim_use_owner(sim_load(&socket->use)) == owner) {
@@ -89,7 +89,7 @@ static void close_sockets_of(int32_t pid, uint32_t owner)
 // A process that was killed between putting a message into a queue and waking the receiver has left that to us.
 static void wake_readers()
 {
-    uint32_t num = sim_load(&broker_state()->socket_num);
+    uint32_t num = sim_socket_num(broker_state());
     for (uint32_t slot = 0; slot < num; slot++) {
         sim_socket_t *socket = slot_in_use(slot);
         if (socket == nullptr || sim_queue_empty(broker_state(), socket))
@@ -116,7 +116,7 @@ static bool watch_process(uint32_t entry, int32_t pid)
 {
     int fd = (int)sys_call(SYS_pidfd_open, pid, 0);
     if (fd < 0)
-        return fd != -ESRCH;
+        return fd != -ESRCH && fd != -EINVAL;
     g_broker.processes[fd] = entry;
     (void)g_broker.watched.insert(entry);
     watch(fd);
@@ -302,7 +302,7 @@ static bool locked(const char *prefix, bool whole)
 
 static bool sockets_open()
 {
-    uint32_t num = sim_load(&broker_state()->socket_num);
+    uint32_t num = sim_socket_num(broker_state());
     for (uint32_t slot = 0; slot < num; slot++) {
         const sim_socket_t *socket = sim_socket_at(broker_state(), slot);
         if (sim_load(&socket->use) != SIM_SLOT_FREE && socket->served == 0)
@@ -354,7 +354,7 @@ static void look()
 {
     look_for_processes(false);
     names_check();
-    uint32_t num = sim_load(&broker_state()->socket_num);
+    uint32_t num = sim_socket_num(broker_state());
     for (uint32_t i = 0; i < LOOK_SLOTS && i < num; i++) {
         uint32_t slot = (g_broker.next_slot + i) % num;
         sim_socket_t *socket = slot_in_use(slot);
@@ -367,7 +367,7 @@ static void look()
 
 static void look_for_nodes()
 {
-    uint32_t num = sim_load(&broker_state()->node_num);
+    uint32_t num = sim_node_num(broker_state());
     for (; g_broker.node_num < num; g_broker.node_num++) {
         links_node(g_broker.node_num);
         topology_node(g_broker.node_num);
@@ -503,7 +503,8 @@ static bool begin()
     keeper_end_served(&g_broker.self, 0, sys_getpid());
     links_begin();
     sim_socket_t *wire = sim_socket_of(state, sim_load(&state->wire));
-    g_broker.wake_there = wire != nullptr ? sim_ask_keeper(&g_broker.cluster, SIM_KEEP, wire->port, g_broker.wake) : -1;
+    g_broker.wake_there =
+        wire != nullptr ? sim_ask_keeper(&g_broker.cluster, SIM_KEEP, wire->port, 0, g_broker.wake) : -1;
     if (g_broker.wake_there < 0)
         return false;
     sim_store(&wire->wake, g_broker.wake_there);
@@ -515,11 +516,11 @@ static bool begin()
 // Makes what a broker before left consistent: it may have been killed at any place.
 static void finish_last()
 {
-    uint32_t num = sim_load(&broker_state()->socket_num);
+    uint32_t num = sim_socket_num(broker_state());
     for (uint32_t slot = 0; slot < num; slot++) {
         sim_socket_t *socket = sim_socket_at(broker_state(), slot);
         uint32_t owner = sim_use_owner(sim_load(&socket->use));
-        if (owner != 0 && sim_load(&broker_state()->processes[owner - 1].pid) == 0)
+        if (owner != 0 && owner <= SIM_MAX_PROCESSES && sim_load(&broker_state()->processes[owner - 1].pid) == 0)
             sim_socket_inherit(&g_broker.self, socket, owner);
         else if (slot_in_use(slot) != nullptr && !held(socket))
             close_socket(socket);

@@ -23,6 +23,7 @@ typedef std::tuple<uint32_t, uint32_t, uint32_t> range_t; // type, lower and upp
 typedef struct names_s {
     std::map<range_t, std::vector<uint32_t>> ranges;   // entries of the name table, in the order of their ids
     std::map<uint32_t, std::vector<uint32_t>> sockets; // the same, by port
+    std::map<uint32_t, sim_name_t> own;                // what the entries say
     std::map<uint32_t, uint32_t> nodes;                // number of bindings, by node index
     std::deque<std::pair<int64_t, uint32_t>> unused;   // entries, and from when on, in ms, they may be used again
 } names_t;

@@ -106,8 +106,10 @@ void links_read()
     sim_state_t *state = broker_state();
     sim_socket_t *wire = sim_socket_of(state, sim_load(&state->wire));
     sim_link_t at;
-    for (sim_block_t *block; wire != nullptr && (block = sim_queue_first(state, wire, &at)) != nullptr;) {
-        message_t message = {block->record, {block->data, block->data + block->record.len}};
+    uint32_t limit = wire != nullptr ? sim_block_num(state) : 0;
+    for (sim_block_t *block; limit-- != 0 && (block = sim_queue_first(state, wire, &at)) != nullptr;) {
+        const uint8_t *data = block->data;
+        message_t message = {block->record, {data, data + block->record.len}};
         if (!sim_queue_pop(state, wire, at, block))
             continue;
         sim_block_release(state, block);
@@ -140,7 +142,7 @@ static bool lost(const sim_socket_t *socket)
 static void abort_connections()
 {
     sim_state_t *state = broker_state();
-    uint32_t num = sim_load(&state->socket_num);
+    uint32_t num = sim_socket_num(state);
     for (uint32_t slot = 0; slot < num; slot++) {
         sim_socket_t *socket = sim_socket_at(state, slot);
         if (sim_load(&socket->use) == SIM_SLOT_OPEN && lost(socket))
@@ -201,7 +203,7 @@ int links_cut(uint32_t a, uint32_t b, uint32_t flags)
         lose_links(a, b);
         return 0;
     }
-    uint32_t num = std::min(sim_load(&state->node_num), SIM_MAX_NODES);
+    uint32_t num = sim_node_num(state);
     for (uint32_t i = 0; i < num; i++) {
         if (b == SIM_ANY_NODE || i == b)
             begin_breaking(a, i);
@@ -245,7 +247,7 @@ static bool same_link(const sim_impaired_t *a, const sim_impaired_t *b)
 static void wake_senders()
 {
     sim_state_t *state = broker_state();
-    uint32_t num = sim_load(&state->socket_num);
+    uint32_t num = sim_socket_num(state);
     for (uint32_t slot = 0; slot < num; slot++) {
         sim_socket_t *socket = sim_socket_at(state, slot);
         if (sim_load(&socket->use) == SIM_SLOT_OPEN && socket->served == 0)
@@ -256,7 +258,7 @@ static void wake_senders()
 static int set_impaired(const sim_impaired_t *how, bool on)
 {
     sim_state_t *state = broker_state();
-    uint32_t num = sim_load(&state->impaired_num);
+    uint32_t num = std::min(sim_load(&state->impaired_num), SIM_MAX_IMPAIRED);
     uint32_t at = 0;
     while (at < num && !same_link(&state->impaired[at], how))
         at++;
@@ -324,7 +326,7 @@ void links_begin()
         wire->pid = sys_getpid();
         (void)g_broker.served.insert(wire);
     }
-    uint32_t num = std::min(sim_load(&state->node_num), SIM_MAX_NODES);
+    uint32_t num = sim_node_num(state);
     for (uint32_t a = 0; a < num; a++) {
         for (uint32_t b = 0; b < num; b++) {
             if (!sim_linked(state->cut, a, b))

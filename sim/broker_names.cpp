@@ -27,11 +27,18 @@ static void list_entry(uint32_t entry)
     g_broker.names.ranges[range_of(name)].push_back(entry);
     g_broker.names.sockets[name->port].push_back(entry);
     g_broker.names.nodes[name->node]++;
+    g_broker.names.own[entry] = *name;
 }
 
 static void withdraw(uint32_t entry)
 {
-    const sim_name_t name = *sim_name_at(broker_state(), entry);
+    auto own = g_broker.names.own.find(entry);
+    const sim_name_t name = own->second;
+    g_broker.names.own.erase(own);
+    sim_name_t *shown = sim_name_at(broker_state(), entry);
+    shown->type = name.type; // should another process have written there
+    shown->lower = name.lower;
+    shown->upper = name.upper;
     auto range = g_broker.names.ranges.find(range_of(&name));
     range->second.erase(std::find(range->second.begin(), range->second.end(), entry));
     if (range->second.empty())
@@ -59,18 +66,19 @@ static uint32_t unused_entry()
 
 static int insert(const sim_name_t *name, uint32_t *entry)
 {
+    uint32_t ready = sim_load(&broker_state()->areas[SIM_AREA_NAMES].ready);
     *entry = unused_entry();
     int ret = sim_name_insert(broker_state(), name, entry);
     if (ret != -ENOSPC)
         return ret;
-    ret = g_broker.self.grow(&g_broker.cluster, SIM_AREA_NAMES);
+    ret = g_broker.self.grow(&g_broker.cluster, SIM_AREA_NAMES, ready);
     return ret != 0 ? ret : sim_name_insert(broker_state(), name, entry);
 }
 
 int names_bind(uint32_t port, const sim_name_t *asked)
 {
     const sim_socket_t *socket = sim_socket_of(broker_state(), port);
-    if (socket == nullptr || asked->lower > asked->upper)
+    if (socket == nullptr || socket->served != 0 || asked->lower > asked->upper)
         return -EINVAL;
     auto old = g_broker.names.sockets.find(port);
     for (size_t i = 0; asked->id != 0 && old != g_broker.names.sockets.end() && i < old->second.size(); i++) {
@@ -138,19 +146,20 @@ void names_adopt()
 {
     sim_state_t *state = broker_state();
     std::vector<uint32_t> entries;
-    for (uint32_t entry = 1; entry < sim_load(&state->name_num); entry++) {
+    for (uint32_t entry = 1; entry < sim_name_num(state); entry++) {
         if (sim_name_at(state, entry)->id != 0)
             entries.push_back(entry);
         else
             g_broker.names.unused.emplace_back(sys_now() + REST_MS, entry);
     }
-    std::sort(entries.begin(), entries.end(), [state](uint32_t a, uint32_t b) {
-        return (int32_t)(sim_name_at(state, a)->id - sim_name_at(state, b)->id) < 0;
+    uint32_t next = sim_load(&state->next_id); // ids may have begun again at 0
+    std::sort(entries.begin(), entries.end(), [state, next](uint32_t a, uint32_t b) {
+        return sim_name_at(state, a)->id - next < sim_name_at(state, b)->id - next;
     });
     sim_names_restore(state, entries.data(), entries.size());
     for (uint32_t entry : entries) {
         list_entry(entry);
-        uint32_t port = sim_name_at(state, entry)->port;
+        uint32_t port = g_broker.names.own[entry].port;
         count(port, g_broker.names.sockets[port]);
     }
     names_check();

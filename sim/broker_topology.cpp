@@ -65,7 +65,7 @@ static void report(watcher_t *watcher, const subscription_t *subscription, uint3
     event.found_lower = in_order(subscription, name != nullptr ? name->lower : raw->lower);
     event.found_upper = in_order(subscription, name != nullptr ? name->upper : raw->upper);
     event.port.ref = in_order(subscription, name != nullptr ? name->port : 0);
-    event.port.node = in_order(subscription, name != nullptr ? broker_state()->nodes[name->node] : 0);
+    event.port.node = in_order(subscription, name != nullptr ? sim_node_address(broker_state(), name->node) : 0);
     event.s = subscription->request;
     watcher->events.push_back(event);
 }
@@ -106,7 +106,7 @@ static uint32_t send_event(const watcher_t *watcher, const struct tipc_event *ev
     record.kind = SIM_CONN_DATA;
     record.src_port = watcher->port;
     record.src_index = socket->node;
-    record.src_node = broker_state()->nodes[socket->node];
+    record.src_node = sim_node_address(broker_state(), socket->node);
     record.dst_port = sim_conn_peer(socket);
     record.dst_index = socket->peer_node;
     record.importance = socket->importance;
@@ -233,8 +233,9 @@ static void notify_existing(watcher_t *watcher, const subscription_t *subscripti
         if (std::get<2>(it->first) >= range->lower)
             take_range(&it->second, watcher, subscription->asked.filter, &found);
     }
+    uint32_t next = sim_load(&broker_state()->next_id);
     std::stable_sort(found.begin(), found.end(),
-                     [](const sim_name_t &a, const sim_name_t &b) { return (int32_t)(a.id - b.id) < 0; });
+                     [next](const sim_name_t &a, const sim_name_t &b) { return a.id - next < b.id - next; });
     for (const sim_name_t &name : found) {
         bool node_only = name.scope == TIPC_NODE_SCOPE;
         bool hidden = (subscription->asked.filter & (node_only ? CLUSTER_SCOPE_ONLY : OWN_SCOPE_ONLY)) != 0;
@@ -273,8 +274,9 @@ static std::vector<change_t> name_changes(const watcher_t *watcher, uint32_t pee
                 names.push_back({*name, peer, seen});
         }
     }
+    uint32_t next = sim_load(&broker_state()->next_id);
     std::sort(names.begin(), names.end(),
-              [](const change_t &a, const change_t &b) { return (int32_t)(a.name.id - b.name.id) < 0; });
+              [next](const change_t &a, const change_t &b) { return a.name.id - next < b.name.id - next; });
     changes.insert(seen ? changes.end() : changes.begin() + 1, names.begin(), names.end());
     return changes;
 }
@@ -400,7 +402,8 @@ static void read_watcher(watcher_t *watcher)
     sim_state_t *state = broker_state();
     sim_socket_t *socket = watcher->socket;
     sim_link_t at;
-    for (sim_block_t *block; (block = sim_queue_first(state, socket, &at)) != nullptr;) {
+    uint32_t limit = sim_block_num(state);
+    for (sim_block_t *block; limit-- != 0 && (block = sim_queue_first(state, socket, &at)) != nullptr;) {
         uint32_t len = block->record.len;
         if (block->record.err == TIPC_OK)
             take_request(watcher, block->data, len);

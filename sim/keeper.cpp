@@ -60,7 +60,7 @@ void process_raise_files()
 void keeper_end_served(const sim_self_t *self, int32_t pid, int32_t but)
 {
     sim_state_t *state = self->cluster->state;
-    uint32_t num = sim_load(&state->socket_num);
+    uint32_t num = sim_socket_num(state);
     for (uint32_t slot = 0; slot < num; slot++) {
         sim_socket_t *socket = sim_socket_at(state, slot);
         if (sim_load(&socket->use) != SIM_SLOT_OPEN || socket->served == 0 || socket->port == sim_load(&state->wire))
@@ -143,9 +143,9 @@ static void wake_socket(sim_cluster_t * /*cluster*/, sim_socket_t *socket)
     (void)wake(s_keeper.kept[sim_socket_slot(sim_load(&socket->port))]);
 }
 
-static int grow(sim_cluster_t *cluster, uint32_t area)
+static int grow(sim_cluster_t *cluster, uint32_t area, uint32_t seen)
 {
-    return sim_area_grow(cluster->state, KEEPER_STATE, area);
+    return sim_area_grow(cluster->state, KEEPER_STATE, area, seen);
 }
 
 static void forget(uint32_t slot)
@@ -231,7 +231,7 @@ static int serve(const sim_request_t *request, int passed, bool lost)
     case SIM_WAKE:
         return wake(s_keeper.kept[sim_socket_slot(request->a)]);
     case SIM_GROW:
-        return sim_area_grow(s_keeper.cluster.state, KEEPER_STATE, request->a);
+        return sim_area_grow(s_keeper.cluster.state, KEEPER_STATE, request->a, request->b);
     case SIM_END:
         return 0;
     default:
@@ -382,7 +382,7 @@ void keeper_end(const sim_cluster_t *cluster)
 {
     int fd = (int)sys_call(SYS_pidfd_open, sim_load(&cluster->state->keeper), 0);
     struct pollfd ended = {fd, POLLIN, 0};
-    if (sim_ask_keeper(cluster, SIM_END, 0, -1) == 0 && fd >= 0)
+    if (sim_ask_keeper(cluster, SIM_END, 0, 0, -1) == 0 && fd >= 0)
         (void)poll(&ended, 1, FOLDER_MS);
     if (fd >= 0)
         (void)close(fd);

@@ -70,7 +70,7 @@ static sim_record_t record_of(const outgoing_t *out, uint32_t kind)
     record.kind = kind;
     record.src_port = socket->port;
     record.src_index = socket->node;
-    record.src_node = preload_state(out->self)->nodes[socket->node];
+    record.src_node = sim_node_address(preload_state(out->self), socket->node);
     record.importance = socket->importance;
     record.droppable = socket->dest_droppable;
     return record;

@@ -27,7 +27,7 @@ static int make_descriptor(const sim_self_t *self, sim_socket_t *socket, int fla
     if (ret >= 0 && (flags & SOCK_NONBLOCK) != 0)
         ret = sys_fcntl(fd, F_SETFL, O_NONBLOCK);
     if (ret >= 0)
-        ret = sim_ask_keeper(self->cluster, SIM_KEEP, socket->port, wake);
+        ret = sim_ask_keeper(self->cluster, SIM_KEEP, socket->port, 0, wake);
     if (wake >= 0)
         (void)sys_close(wake);
     if (ret >= 0) {
@@ -101,7 +101,7 @@ static void point_at(sim_socket_t *socket, const sim_state_t *state, const sim_s
     addr.family = AF_TIPC;
     addr.addrtype = TIPC_SOCKET_ADDR;
     addr.addr.id.ref = peer->port;
-    addr.addr.id.node = state->nodes[peer->node];
+    addr.addr.id.node = sim_node_address(state, peer->node);
     memcpy(socket->dest, &addr, sizeof(addr));
     socket->paired = 1;
 }
@@ -211,7 +211,7 @@ static void socket_address(const sim_state_t *state, uint32_t port, uint32_t nod
     addr->family = AF_TIPC;
     addr->addrtype = TIPC_SOCKET_ADDR;
     addr->addr.id.ref = port;
-    addr->addr.id.node = node < SIM_MAX_NODES ? state->nodes[node] : 0;
+    addr->addr.id.node = sim_node_address(state, node);
 }
 
 // Gives an address to the application, cut to its room.

@@ -93,12 +93,14 @@ static uint64_t lay_out(sim_state_t *state)
     return (at + 4095) & ~(uint64_t)4095;
 }
 
-int sim_area_grow(sim_state_t *state, int fd, uint32_t area)
+int sim_area_grow(sim_state_t *state, int fd, uint32_t area, uint32_t seen)
 {
     if (area >= SIM_AREAS)
         return -EINVAL;
     sim_area_t *a = &state->areas[area];
     uint32_t ready = sim_load(&a->ready);
+    if (ready != seen)
+        return 0;
     if (ready >= a->capacity)
         return -ENOSPC;
     uint32_t more = a->step + ready / 2; // larger steps for what is used much
@@ -127,7 +129,7 @@ static int create_state(int fd)
     (void)lay_out(state);
     int ret = 0;
     for (uint32_t area = 0; area < SIM_AREAS && ret == 0; area++)
-        ret = sim_area_grow(state, fd, area);
+        ret = sim_area_grow(state, fd, area, 0);
     if (ret == 0 && getrandom(state->secret, sizeof(state->secret), 0) != (ssize_t)sizeof(state->secret))
         ret = -EIO;
     uint64_t base = 0;
@@ -290,8 +292,8 @@ int sim_process_enter(sim_state_t *state, pid_t pid, uint32_t node)
 
 uint32_t sim_node_find(const sim_state_t *state, uint32_t node)
 {
-    uint32_t num = sim_load(&state->node_num);
-    for (uint32_t i = 0; i < num && i < SIM_MAX_NODES; i++) {
+    uint32_t num = sim_node_num(state);
+    for (uint32_t i = 0; i < num; i++) {
         if (sim_load(&state->nodes[i]) == node)
             return i;
     }
@@ -321,6 +323,8 @@ bool sim_in_domain(uint32_t domain, uint32_t address)
 
 bool sim_linked(const sim_matrix_t broken, uint32_t from, uint32_t to)
 {
+    if (from >= SIM_MAX_NODES || to >= SIM_MAX_NODES)
+        return false;
     return from == to || (__atomic_load_n(&broken[from][to / 8], __ATOMIC_RELAXED) & 1U << to % 8) == 0;
 }
 

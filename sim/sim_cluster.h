@@ -187,8 +187,35 @@ static inline void *sim_entry(sim_state_t *state, uint32_t area, uint32_t index)
     const sim_area_t *a = &state->areas[area];
     return (uint8_t *)state + a->offset + (uint64_t)index * a->size;
 }
-// Gives memory to more entries of an area, through a descriptor of the file. 0 or a negative errno.
-int sim_area_grow(sim_state_t *state, int fd, uint32_t area);
+// What a process that went wild has written into a count or an index must not lead others out of their tables. The
+// areas themselves are written once.
+static inline uint32_t sim_count(const sim_state_t *state, const uint32_t *num, uint32_t area)
+{
+    uint32_t ready = sim_load(&state->areas[area].ready);
+    uint32_t is = sim_load(num);
+    return is < ready ? is : ready;
+}
+static inline uint32_t sim_socket_num(const sim_state_t *state) // slots that have ever been in use
+{
+    return sim_count(state, &state->socket_num, SIM_AREA_SOCKETS);
+}
+static inline uint32_t sim_name_num(const sim_state_t *state)
+{
+    return sim_count(state, &state->name_num, SIM_AREA_NAMES);
+}
+static inline uint32_t sim_node_num(const sim_state_t *state)
+{
+    uint32_t num = sim_load(&state->node_num);
+    return num < SIM_MAX_NODES ? num : SIM_MAX_NODES;
+}
+static inline uint32_t sim_node_address(const sim_state_t *state, uint32_t index) // 0 when there is no such node
+{
+    return index < SIM_MAX_NODES ? sim_load(&state->nodes[index]) : 0;
+}
+
+// Gives memory to more entries of an area, through a descriptor of the file, unless there are others than the `seen`
+// ones already: many processes may ask at once. 0 or a negative errno.
+int sim_area_grow(sim_state_t *state, int fd, uint32_t area, uint32_t seen);
 
 // The entry of this process, which is made when there is none. Its index, or -1 when there are too many.
 int sim_process_enter(sim_state_t *state, pid_t pid, uint32_t node);

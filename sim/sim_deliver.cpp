@@ -83,7 +83,7 @@ static uint64_t limit_of(const sim_socket_t *socket, const sim_record_t *record)
         return UINT64_MAX; // the end of a connection is never lost
     if (record->kind == SIM_CONN_DATA)
         return socket->rcvbuf;
-    return (uint64_t)socket->rcvbuf << record->importance;
+    return (uint64_t)socket->rcvbuf << (record->importance & TIPC_CRITICAL_IMPORTANCE);
 }
 
 static uint32_t pass(const sim_self_t *self, sim_block_t *block)
@@ -103,8 +103,6 @@ static uint32_t pass(const sim_self_t *self, sim_block_t *block)
     }
     if (verdict == QUEUE)
         err = sim_queue_put(self, socket, block, limit_of(socket, record));
-    if (err == SIM_BLOCK_GONE)
-        return TIPC_ERR_NO_PORT;
     if (verdict == DONE || err != TIPC_OK || verdict == REFUSE)
         sim_block_free(state, block);
     return verdict == DONE ? (uint32_t)TIPC_OK : err;
@@ -137,7 +135,7 @@ uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block)
     sim_socket_t *wire = sim_socket_of(state, sim_load(&state->wire));
     block->record.charge = 0;
     uint32_t err = wire == nullptr ? (uint32_t)TIPC_ERR_NO_PORT : sim_queue_put(self, wire, block, UINT64_MAX);
-    return err == TIPC_OK || err == SIM_BLOCK_GONE ? (uint32_t)TIPC_OK : sim_deliver_now(self, block);
+    return err == TIPC_OK ? (uint32_t)TIPC_OK : sim_deliver_now(self, block);
 }
 
 void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_t *data, uint32_t err)
@@ -149,7 +147,7 @@ void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_
     answer.err = err;
     answer.src_port = record->dst_port;
     answer.src_index = record->dst_index;
-    answer.src_node = self->cluster->state->nodes[record->dst_index];
+    answer.src_node = sim_node_address(self->cluster->state, record->dst_index);
     answer.dst_port = record->src_port;
     answer.dst_index = record->src_index;
     answer.droppable = 1;
@@ -167,7 +165,7 @@ static void tell_peer(const sim_self_t *self, const sim_socket_t *socket, uint32
     record.kind = kind;
     record.src_port = socket->port;
     record.src_index = socket->node;
-    record.src_node = self->cluster->state->nodes[socket->node];
+    record.src_node = sim_node_address(self->cluster->state, socket->node);
     record.dst_port = sim_conn_peer(socket);
     record.dst_index = socket->peer_node;
     record.err = err;
@@ -243,9 +241,9 @@ static bool give_back(const sim_self_t *self, sim_socket_t *socket, uint32_t err
 {
     sim_state_t *state = self->cluster->state;
     bool any = false;
-    for (;;) {
+    for (uint32_t limit = sim_block_num(state);; limit--) {
         sim_link_t at;
-        sim_block_t *block = sim_queue_first(state, socket, &at);
+        sim_block_t *block = limit != 0 ? sim_queue_first(state, socket, &at) : nullptr;
         if (block == nullptr)
             return any;
         if (!sim_queue_pop(state, socket, at, block))
@@ -312,7 +310,7 @@ static void close_slot(const sim_self_t *self, sim_socket_t *socket, bool all_go
     sim_store(&socket->tail, sim_link(sim_link_count(tail) + 1, SIM_NONE));
     sim_store(&socket->head, sim_link(sim_link_count(head) + 1, SIM_NONE));
     if (all_gone)
-        sim_blocks_reclaim(state, sim_owner_queue(sim_socket_slot(socket->port)));
+        sim_blocks_reclaim(state, sim_owner_queue(sim_socket_index(state, socket)));
     else if (sim_link_number(head) != SIM_NONE)
         sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     sim_store(&socket->use, (uint32_t)SIM_SLOT_FREE);

@@ -40,13 +40,14 @@ typedef struct search_s {
 static void look_through(search_t *search, uint32_t first)
 {
     sim_state_t *state = search->state;
-    uint32_t limit = sim_load(&state->name_num); // a chain that changes meanwhile cannot keep us forever
+    uint32_t limit = sim_name_num(state); // a chain that changes meanwhile cannot keep us forever
     for (uint32_t at = first; at != SIM_NONE && limit-- != 0; at = sim_load(&sim_name_at(state, at)->next)) {
         const sim_name_t *name = sim_name_at(state, at);
         if (name->type != search->type || search->instance < name->lower || search->instance > name->upper ||
             name->lower > search->lower || sim_load(&name->id) == 0)
             continue;
-        if (!sim_name_visible(state, name, search->from) || !sim_in_domain(search->domain, state->nodes[name->node]))
+        if (!sim_name_visible(state, name, search->from) ||
+            !sim_in_domain(search->domain, sim_node_address(state, name->node)))
             continue;
         if (name->lower < search->lower)
             search->num = 0;
@@ -93,12 +94,12 @@ uint32_t sim_name_each(sim_state_t *state, uint32_t type, uint32_t lower, uint32
     static thread_local uint8_t s_seen[SIM_MAX_SOCKETS / 8];
     __builtin_memset(s_seen, 0, sizeof(s_seen));
     uint32_t num = 0;
-    uint32_t all = sim_load(&state->name_num);
+    uint32_t all = sim_name_num(state);
     for (uint32_t i = 1; i < all; i++) {
         const sim_name_t *name = sim_name_at(state, i);
         if (sim_load(&name->id) == 0 || name->type != type || name->lower > upper || name->upper < lower)
             continue;
-        if (!sim_name_visible(state, name, from) || !sim_in_domain(domain, state->nodes[name->node]))
+        if (!sim_name_visible(state, name, from) || !sim_in_domain(domain, sim_node_address(state, name->node)))
             continue;
         uint32_t slot = name->port % SIM_MAX_SOCKETS;
         if ((s_seen[slot / 8] & 1U << slot % 8) != 0)
@@ -146,7 +147,7 @@ void sim_name_remove(sim_state_t *state, uint32_t entry)
 {
     sim_name_t *name = sim_name_at(state, entry);
     uint32_t *at = chain_of(state, name->type, name->lower, name->upper);
-    while (*at != SIM_NONE && *at != entry)
+    for (uint32_t limit = sim_name_num(state); *at != SIM_NONE && *at != entry && limit != 0; limit--)
         at = &sim_name_at(state, *at)->next;
     (void)sim_add(&state->generation, 1U);
     sim_store(&name->id, 0U);
@@ -159,14 +160,14 @@ static bool in_chain(sim_state_t *state, uint32_t entry)
 {
     const sim_name_t *name = sim_name_at(state, entry);
     uint32_t at = *chain_of(state, name->type, name->lower, name->upper);
-    while (at != SIM_NONE && at != entry)
+    for (uint32_t limit = sim_name_num(state); at != SIM_NONE && at != entry && limit != 0; limit--)
         at = sim_name_at(state, at)->next;
     return at == entry;
 }
 
 static void unlink_unused(sim_state_t *state, uint32_t *at)
 {
-    while (*at != SIM_NONE) {
+    for (uint32_t limit = sim_name_num(state); *at != SIM_NONE && limit != 0; limit--) {
         if (sim_name_at(state, *at)->id == 0)
             sim_store(at, sim_name_at(state, *at)->next);
         else

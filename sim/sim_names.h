@@ -38,7 +38,7 @@ void sim_name_remove(sim_state_t *state, uint32_t entry);
 void sim_names_restore(sim_state_t *state, const uint32_t *entries, size_t num);
 static inline sim_name_t *sim_name_at(sim_state_t *state, uint32_t entry)
 {
-    return (sim_name_t *)sim_entry(state, SIM_AREA_NAMES, entry);
+    return (sim_name_t *)sim_entry(state, SIM_AREA_NAMES, entry % SIM_MAX_NAMES);
 }
 
 #endif

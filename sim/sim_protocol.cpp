@@ -120,9 +120,9 @@ int sim_ask_broker(const sim_cluster_t *cluster, const char *tool, uint32_t op, 
     return -ENOTCONN;
 }
 
-int sim_ask_keeper(const sim_cluster_t *cluster, uint32_t op, uint32_t a, int fd)
+int sim_ask_keeper(const sim_cluster_t *cluster, uint32_t op, uint32_t a, uint32_t b, int fd)
 {
-    sim_request_t request = request_of(cluster->state, op, a, 0, 0);
+    sim_request_t request = request_of(cluster->state, op, a, b, 0);
     int to = connect_to(cluster->state, true);
     if (to < 0)
         return to;
@@ -131,9 +131,9 @@ int sim_ask_keeper(const sim_cluster_t *cluster, uint32_t op, uint32_t a, int fd
     return ret;
 }
 
-int sim_keeper_grow(sim_cluster_t *cluster, uint32_t area)
+int sim_keeper_grow(sim_cluster_t *cluster, uint32_t area, uint32_t seen)
 {
-    return sim_ask_keeper(cluster, SIM_GROW, area, -1);
+    return sim_ask_keeper(cluster, SIM_GROW, area, seen, -1);
 }
 
 static int s_keeper = -1; // a pidfd of the keeper
@@ -181,5 +181,5 @@ void sim_keeper_wake(sim_cluster_t *cluster, sim_socket_t *socket)
     if (ret == -EBADF && keeper >= 0) // the application closed it: the next one gets another number
         ret = wake_once(keeper_fd(cluster->state, keeper), number);
     if (ret != 0)
-        (void)sim_ask_keeper(cluster, SIM_WAKE, sim_load(&socket->port), -1);
+        (void)sim_ask_keeper(cluster, SIM_WAKE, sim_load(&socket->port), 0, -1);
 }

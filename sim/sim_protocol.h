@@ -23,7 +23,7 @@ enum sim_op_e : uint32_t {
     // To the keeper.
     SIM_KEEP, // a: port; the wake-up descriptor is passed along. The result is its number in the keeper
     SIM_WAKE, // a: port; writes to its wake-up descriptor. For processes that may not do it themselves
-    SIM_GROW, // a: sim_area_e
+    SIM_GROW, // a: sim_area_e, b: the entries that the client found ready
     SIM_END,  // the keeper ends
 };
 
@@ -53,10 +53,10 @@ void sim_address(const sim_state_t *state, bool keeper, struct sockaddr_un *addr
 int sim_ask_broker(const sim_cluster_t *cluster, const char *tool, uint32_t op, uint32_t a, uint32_t b, uint32_t value,
                    const void *data, size_t size);
 // As sim_ask_broker; `fd` is passed along when it is not -1. The keeper is there as long as the cluster.
-int sim_ask_keeper(const sim_cluster_t *cluster, uint32_t op, uint32_t a, int fd);
+int sim_ask_keeper(const sim_cluster_t *cluster, uint32_t op, uint32_t a, uint32_t b, int fd);
 
 // What sim_self_t needs, by way of the keeper.
-int sim_keeper_grow(sim_cluster_t *cluster, uint32_t area);
+int sim_keeper_grow(sim_cluster_t *cluster, uint32_t area, uint32_t seen);
 void sim_keeper_wake(sim_cluster_t *cluster, sim_socket_t *socket);
 
 #endif

@@ -7,6 +7,7 @@
 
 constexpr uint32_t DEFAULT_CONN_TIMEOUT = 8000; // ms
 constexpr uint32_t FIRST_WINDOW = 128;          // blocks, of a connection
+constexpr uint32_t MAX_TRIES = 1U << 20;        // of a step that others come between: more are a queue that has no end
 
 static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
 {
@@ -26,7 +27,8 @@ static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
                 (void)sim_swap(&state->socket_num, used, slot + 1);
             return socket;
         }
-        if (self->grow(self->cluster, SIM_AREA_SOCKETS) != 0 && sim_load(&state->areas[SIM_AREA_SOCKETS].ready) == num)
+        if (self->grow(self->cluster, SIM_AREA_SOCKETS, num) != 0 &&
+            sim_load(&state->areas[SIM_AREA_SOCKETS].ready) == num)
             return nullptr;
     }
 }
@@ -163,7 +165,7 @@ static bool size_up_to(sim_state_t *state, const sim_socket_t *socket, const sim
 
 static uint32_t append(sim_state_t *state, sim_socket_t *socket, uint32_t port, sim_block_t *block, uint64_t limit)
 {
-    for (;;) {
+    for (uint32_t tries = 0; tries < MAX_TRIES; tries++) {
         sim_link_t tail = sim_load(&socket->tail);
         if (sim_link_number(tail) == SIM_NONE)
             return TIPC_ERR_NO_PORT; // the slot is free
@@ -191,6 +193,7 @@ static uint32_t append(sim_state_t *state, sim_socket_t *socket, uint32_t port, 
         (void)sim_swap(&socket->tail, tail, sim_link(sim_link_count(tail) + 1, block->number));
         return TIPC_OK;
     }
+    return TIPC_ERR_OVERLOAD;
 }
 
 uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t *block, uint64_t limit)
@@ -200,25 +203,35 @@ uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t
     sim_store(&block->next, sim_link(sim_link_count(sim_load(&block->next)) + 1, SIM_NONE));
     uint32_t wire = sim_load(&state->wire); // its messages are for others
     uint32_t port = sim_load(&socket->port) == wire ? wire : block->record.dst_port;
-    uint32_t queue = sim_owner_queue(sim_socket_slot(port));
-    sim_block_own(state, block, queue);
+    // While it is neither ours alone nor certainly in the queue, nobody but the broker after our end may free it: the
+    // socket may be closed, and its slot used again, between any two steps.
+    uint32_t slot = sim_socket_slot(port);
+    uint32_t number = block->number;
+    sim_block_own(state, block, sim_owner_sending(slot, self->owner));
     uint32_t err = append(state, socket, port, block, limit);
-    if (err != TIPC_OK && !sim_block_disown(state, block, queue, self->owner))
-        return SIM_BLOCK_GONE; // the socket was closed, and all that its queue owned was freed
-    if (err == TIPC_OK)
-        sim_socket_notify(self, socket);
-    return err;
+    if (err != TIPC_OK) {
+        sim_block_own(state, block, self->owner);
+        return err;
+    }
+    sim_block_sent(state, number, slot, self->owner);
+    sim_socket_notify(self, socket);
+    return TIPC_OK;
 }
 
 void sim_queue_size(sim_state_t *state, sim_socket_t *socket, uint32_t *num, uint64_t *charged)
 {
     *num = 0;
     *charged = 0;
-    for (;;) {
+    for (uint32_t tries = 0; tries < MAX_TRIES; tries++) {
         sim_link_t tail = sim_load(&socket->tail);
         if (sim_link_number(tail) == SIM_NONE)
             return;
         const sim_block_t *last = sim_block_of(state, sim_link_number(tail));
+        uint32_t next = sim_link_number(sim_load(&last->next));
+        if (next != SIM_NONE && next != SIM_CLOSED) { // its sender has not moved the tail yet, or was killed before
+            (void)sim_swap(&socket->tail, tail, sim_link(sim_link_count(tail) + 1, next));
+            continue;
+        }
         if (size_up_to(state, socket, last, num, charged) && tail == sim_load(&socket->tail))
             return;
     }
@@ -226,7 +239,7 @@ void sim_queue_size(sim_state_t *state, sim_socket_t *socket, uint32_t *num, uin
 
 sim_block_t *sim_queue_first(sim_state_t *state, sim_socket_t *socket, sim_link_t *at)
 {
-    for (;;) {
+    for (uint32_t tries = 0; tries < MAX_TRIES; tries++) {
         sim_link_t head = sim_load(&socket->head);
         sim_link_t tail = sim_load(&socket->tail);
         if (sim_link_number(head) == SIM_NONE)
@@ -242,8 +255,12 @@ sim_block_t *sim_queue_first(sim_state_t *state, sim_socket_t *socket, sim_link_
             continue;
         }
         *at = head;
-        return sim_block_of(state, number);
+        sim_block_t *first = sim_block_of(state, number);
+        if (first->record.len > sim_block_room(state, number))
+            first->record.len = 0; // it is no message that anybody sent, or was taken away this moment
+        return first;
     }
+    return nullptr;
 }
 
 bool sim_queue_same(const sim_socket_t *socket, sim_link_t at)
@@ -267,7 +284,7 @@ bool sim_queue_empty(sim_state_t *state, sim_socket_t *socket)
 
 void sim_queue_close(sim_state_t *state, sim_socket_t *socket)
 {
-    for (;;) {
+    for (uint32_t tries = 0; tries < MAX_TRIES; tries++) {
         sim_link_t tail = sim_load(&socket->tail);
         if (sim_link_number(tail) == SIM_NONE)
             return;

@@ -135,17 +135,20 @@ static inline bool sim_connectionless(const sim_socket_t *socket)
 // What differs between a program and the broker, both of which send, receive and close.
 typedef struct sim_self_s {
     sim_cluster_t *cluster;
-    uint32_t owner;                                             // of blocks: index of the process's entry plus one
-    int (*grow)(sim_cluster_t *cluster, uint32_t area);         // gives memory to more entries; 0 or a negative errno
+    uint32_t owner; // of blocks: index of the process's entry plus one
+    // Gives memory to more entries than the `seen` ones; 0 or a negative errno.
+    int (*grow)(sim_cluster_t *cluster, uint32_t area, uint32_t seen);
     void (*wake)(sim_cluster_t *cluster, sim_socket_t *socket); // writes to a socket's wake-up descriptor
 } sim_self_t;
 
 // Blocks (sim_pool.cpp).
 sim_block_t *sim_block_take(const sim_self_t *self, uint32_t len); // for `len` bytes of data; null without memory
 sim_block_t *sim_block_of(sim_state_t *state, uint32_t number);
+uint32_t sim_block_room(const sim_state_t *state, uint32_t number); // bytes of data
+uint32_t sim_block_num(const sim_state_t *state);                   // no queue has more
 void sim_block_own(sim_state_t *state, sim_block_t *block, uint32_t owner);
-bool sim_block_disown(sim_state_t *state, sim_block_t *block, uint32_t from,
-                      uint32_t to); // false: it was freed meanwhile
+// A block is in the queue of a slot, unless a reader has freed it already.
+void sim_block_sent(sim_state_t *state, uint32_t number, uint32_t slot, uint32_t owner);
 void sim_block_free(sim_state_t *state, sim_block_t *block);
 void sim_block_release(sim_state_t *state, sim_block_t *block); // takes one hold away
 void sim_blocks_reclaim(sim_state_t *state, uint32_t owner);    // frees all blocks of an owner that is gone
@@ -153,6 +156,11 @@ static inline uint32_t sim_owner_queue(uint32_t slot)           // the owner of 
 {
     return 0x80000000U | slot;
 }
+static inline uint32_t sim_owner_sending(uint32_t slot, uint32_t owner) // the same while a process puts it there
+{
+    return 0x80000000U | owner << 14 | slot;
+}
+static_assert(SIM_MAX_SOCKETS == 1U << 14 && SIM_MAX_PROCESSES < 1U << 16, "what an owner's word has room for");
 
 // Slots.
 sim_socket_t *sim_socket_take(const sim_self_t *self, uint32_t type, uint32_t node, pid_t pid); // null: none left
@@ -161,6 +169,11 @@ sim_socket_t *sim_socket_of(sim_state_t *state, uint32_t port); // null when the
 static inline sim_socket_t *sim_socket_at(sim_state_t *state, uint32_t slot)
 {
     return (sim_socket_t *)sim_entry(state, SIM_AREA_SOCKETS, slot);
+}
+// The slot of a socket, also of one that has no port yet.
+static inline uint32_t sim_socket_index(sim_state_t *state, const sim_socket_t *socket)
+{
+    return (uint32_t)(socket - sim_socket_at(state, 0));
 }
 static inline uint32_t sim_use(sim_use_e use, uint32_t owner)
 {
@@ -179,9 +192,7 @@ int sim_socket_mark(const sim_state_t *state, int fd, uint32_t port);     // 0 o
 bool sim_socket_held(const sim_state_t *state, int other, uint32_t port); // through another epoll descriptor
 bool sim_socket_is(int fd);                                               // `fd` is the descriptor of some socket
 
-// The queue. sim_queue_put takes the block over unless it returns an error of TIPC. SIM_BLOCK_GONE: refused with
-// TIPC_ERR_NO_PORT, and the socket's end has freed the block.
-constexpr uint32_t SIM_BLOCK_GONE = UINT32_MAX;
+// The queue. sim_queue_put takes the block over unless it returns an error of TIPC.
 uint32_t sim_queue_charge(uint32_t len); // bytes that the kernel charges a receive queue for a message of `len` bytes
 uint32_t sim_queue_put(const sim_self_t *self, sim_socket_t *socket, sim_block_t *block, uint64_t limit);
 // The first message, null when there is none; `at` is for the two calls below.

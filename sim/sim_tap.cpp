@@ -54,8 +54,7 @@ void sim_tap_put(const sim_self_t *self, sim_block_t *copy, sim_fate_e fate, uin
         err = sim_queue_put(self, recorder, copy, SIM_TAP_LIMIT);
     if (err == TIPC_OK)
         return;
-    if (err != SIM_BLOCK_GONE)
-        sim_block_free(state, copy);
+    sim_block_free(state, copy);
     if (err == TIPC_ERR_OVERLOAD)
         (void)sim_add(&state->unrecorded, 1U);
     else

@@ -106,14 +106,14 @@ static int show_names()
 {
     sim_state_t *state = g_cluster.state;
     std::vector<sim_name_t> names;
-    for (uint32_t i = 1; i < sim_load(&state->name_num); i++) {
+    for (uint32_t i = 1; i < sim_name_num(state); i++) {
         if (sim_load(&sim_name_at(state, i)->id) != 0)
             names.push_back(*sim_name_at(state, i));
     }
     std::sort(names.begin(), names.end(), [](const sim_name_t &a, const sim_name_t &b) { return a.id < b.id; });
     for (const sim_name_t &name : names) {
         printf("%u %u-%u %s node %u socket %u\n", name.type, name.lower, name.upper,
-               name.scope == TIPC_NODE_SCOPE ? "node" : "cluster", state->nodes[name.node], name.port);
+               name.scope == TIPC_NODE_SCOPE ? "node" : "cluster", sim_node_address(state, name.node), name.port);
     }
     return 0;
 }
@@ -165,8 +165,8 @@ static const char *link_state(const sim_state_t *state, uint32_t a, uint32_t b)
 static int show_links()
 {
     const sim_state_t *state = g_cluster.state;
-    for (uint32_t a = 0; a < state->node_num; a++) {
-        for (uint32_t b = a + 1; b < state->node_num; b++)
+    for (uint32_t a = 0; a < sim_node_num(state); a++) {
+        for (uint32_t b = a + 1; b < sim_node_num(state); b++)
             printf("%u-%u: %s\n", state->nodes[a], state->nodes[b], link_state(state, a, b));
     }
     return 0;

@@ -22,9 +22,9 @@ namespace
 int s_file = -1;
 uint32_t s_woken; // calls for a socket's wake-up descriptor
 
-int grow_memory(sim_cluster_t *cluster, uint32_t area)
+int grow_memory(sim_cluster_t *cluster, uint32_t area, uint32_t seen)
 {
-    return sim_area_grow(cluster->state, s_file, area);
+    return sim_area_grow(cluster->state, s_file, area, seen);
 }
 
 void count_wake(sim_cluster_t * /*cluster*/, sim_socket_t * /*socket*/)
@@ -153,6 +153,51 @@ TEST_F(sim_memory, unread_messages_of_a_closed_socket_come_back)
     EXPECT_EQ(receive(from), "-");
 }
 
+TEST_F(sim_memory, a_socket_whose_maker_was_killed_before_it_had_a_port_leaves_no_block)
+{
+    sim_socket_t *other = open_socket();
+    uint32_t before = blocks_in_use();
+    sim_socket_t *half = sim_socket_take(&self_, SOCK_RDM, 0, getpid());
+    half->port = SIM_NONE; // as in a slot that was never in use: the port is written last
+    sim_self_t broker = {&cluster_, 2, grow_memory, count_wake};
+    sim_socket_inherit(&broker, half, self_.owner);
+    EXPECT_EQ(half->use, (uint32_t)SIM_SLOT_FREE);
+    EXPECT_EQ(blocks_in_use(), before);
+    EXPECT_EQ(send(other, other, "x"), (uint32_t)TIPC_OK) << "the other one's blocks are its own";
+}
+
+TEST_F(sim_memory, a_block_on_its_way_into_a_queue_is_the_senders_alone_until_it_is_there)
+{
+    sim_socket_t *to = open_socket();
+    uint32_t slot = sim_socket_index(state(), to);
+    uint32_t before = blocks_in_use();
+    sim_self_t sender = {&cluster_, 2, grow_memory, count_wake};
+    sim_block_t *block = sim_block_take(&sender, 10);
+    sim_block_own(state(), block, sim_owner_sending(slot, sender.owner)); // and it is stopped there
+    sim_socket_close(&self_, to, true);
+    EXPECT_EQ(blocks_in_use(), before) << "one less, and the sender's";
+    sim_blocks_reclaim(state(), self_.owner);
+    EXPECT_EQ(blocks_in_use(), before);
+    sim_blocks_reclaim(state(), sender.owner);
+    EXPECT_EQ(blocks_in_use(), before - 1) << "the sender was killed";
+}
+
+TEST_F(sim_memory, a_block_whose_sender_was_killed_on_the_way_is_freed_with_the_socket)
+{
+    sim_socket_t *to = open_socket();
+    sim_self_t sender = {&cluster_, 2, grow_memory, count_wake};
+    sim_block_t *block = sim_block_take(&sender, 10);
+    uint32_t number = block->number;
+    sim_block_own(state(), block, sim_owner_sending(sim_socket_index(state(), to), sender.owner));
+    sim_blocks_reclaim(state(), sender.owner);
+    EXPECT_EQ(send(to, to, "next"), (uint32_t)TIPC_OK);
+    EXPECT_EQ(sim_block_of(state(), number), block);
+    EXPECT_EQ(receive(to), "next");
+    EXPECT_EQ(blocks_in_use(), 2U) << "the queue's first, and that one, which might have been there";
+    sim_socket_close(&self_, to, true);
+    EXPECT_EQ(blocks_in_use(), 0U);
+}
+
 TEST_F(sim_memory, a_port_is_not_used_again_with_its_slot)
 {
     sim_socket_t *from = open_socket();
@@ -194,6 +239,62 @@ TEST_F(sim_memory, more_sockets_and_messages_than_at_first_get_memory)
         ASSERT_EQ(send(socket, socket, std::string(1500, 'x')), (uint32_t)TIPC_OK);
     for (sim_socket_t *socket : sockets)
         ASSERT_EQ(receive(socket).size(), 1500U);
+}
+
+TEST_F(sim_memory, memory_is_given_once_when_several_ask_for_it)
+{
+    uint32_t before = state()->areas[SIM_AREA_BLOCKS].ready;
+    ASSERT_EQ(sim_area_grow(state(), s_file, SIM_AREA_BLOCKS, before), 0);
+    uint32_t after = state()->areas[SIM_AREA_BLOCKS].ready;
+    EXPECT_GT(after, before);
+    EXPECT_EQ(sim_area_grow(state(), s_file, SIM_AREA_BLOCKS, before), 0);
+    EXPECT_EQ(state()->areas[SIM_AREA_BLOCKS].ready, after);
+}
+
+TEST_F(sim_memory, junk_in_the_tables_leads_nobody_out_of_them)
+{
+    sim_socket_t *to = open_socket();
+    sim_name_t name = {100, 5, 5, TIPC_CLUSTER_SCOPE, to->port, 0, 1, 0};
+    uint32_t entry = SIM_NONE;
+    ASSERT_EQ(sim_name_insert(state(), &name, &entry), 0);
+    sim_name_at(state(), entry)->next = entry; // a chain without an end
+    sim_target_t target = {};
+    (void)sim_name_lookup(state(), 100, 5, 0, 0, &target);
+    sim_name_at(state(), entry)->node = UINT32_MAX;
+    EXPECT_FALSE(sim_name_lookup(state(), 100, 5, 0, 0, &target));
+    sim_name_remove(state(), entry);
+    ASSERT_EQ(send(to, to, "x"), (uint32_t)TIPC_OK);
+    sim_block_t *first = sim_block_of(state(), sim_link_number(to->tail));
+    first->record.len = UINT32_MAX;
+    first->record.dst_index = UINT32_MAX;
+    first->record.importance = UINT32_MAX;
+    first->next = sim_link(1, first->number); // a queue without an end
+    first->holds = UINT32_MAX;
+    sim_link_t at;
+    EXPECT_EQ(sim_queue_first(state(), to, &at)->record.len, 0U);
+    EXPECT_EQ(send(to, to, "y"), (uint32_t)TIPC_ERR_OVERLOAD);
+    to->head = sim_link(1, UINT32_MAX); // no such block
+    to->tail = sim_link(1, 0x7fffffff);
+    (void)sim_queue_first(state(), to, &at);
+    state()->socket_num = UINT32_MAX;
+    state()->name_num = UINT32_MAX;
+    EXPECT_LE(sim_socket_num(state()), SIM_MAX_SOCKETS);
+    EXPECT_LE(sim_name_num(state()), SIM_MAX_NAMES);
+    sim_socket_close(&self_, to, true);
+    EXPECT_EQ(to->use, (uint32_t)SIM_SLOT_FREE);
+}
+
+TEST_F(sim_memory, a_message_counts_whose_sender_was_killed_before_it_moved_the_tail)
+{
+    sim_socket_t *to = open_socket();
+    sim_link_t before = to->tail;
+    ASSERT_EQ(send(to, to, "x"), (uint32_t)TIPC_OK);
+    to->tail = before;
+    uint32_t num = 0;
+    uint64_t charged = 0;
+    sim_queue_size(state(), to, &num, &charged);
+    EXPECT_EQ(num, 1U);
+    EXPECT_EQ(charged, sim_queue_charge(1));
 }
 
 TEST_F(sim_memory, a_connection_begins_carries_data_and_ends)

@@ -17,9 +17,9 @@ namespace
 int s_file = -1;
 uint32_t s_woken;
 
-int grow_memory(sim_cluster_t *cluster, uint32_t area)
+int grow_memory(sim_cluster_t *cluster, uint32_t area, uint32_t ready)
 {
-    return sim_area_grow(cluster->state, s_file, area);
+    return sim_area_grow(cluster->state, s_file, area, ready);
 }
 
 void count_wake(sim_cluster_t * /*cluster*/, sim_socket_t * /*socket*/)
