@@ -19,8 +19,9 @@
     X(shutdown)                                                                                                        \
     X(getsockname)                                                                                                     \
     X(getpeername)                                                                                                     \
-    X(setsockopt) X(getsockopt) X(ioctl) X(sendto) X(send) X(write) X(writev) X(sendmsg) X(sendmmsg) X(recvfrom)       \
-        X(recv) X(read) X(readv) X(recvmsg) X(recvmmsg)
+    X(setsockopt)                                                                                                      \
+    X(getsockopt) X(ioctl) X(sendto) X(send) X(write) X(writev) X(sendmsg) X(sendmmsg) X(recvfrom) X(recv) X(read)     \
+        X(readv) X(recvmsg) X(recvmmsg)
 CALLS(NEXT_POINTER)
 
 __attribute__((constructor)) static void find_calls()

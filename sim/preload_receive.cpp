@@ -106,7 +106,7 @@ static void copy_out(const struct msghdr *msg, size_t from, const uint8_t *data,
     for (size_t i = 0; i < msg->msg_iovlen && len != 0; i++) {
         size_t skip = from < msg->msg_iov[i].iov_len ? from : msg->msg_iov[i].iov_len;
         size_t part = msg->msg_iov[i].iov_len - skip < len ? msg->msg_iov[i].iov_len - skip : len;
-        memcpy((uint8_t *)msg->msg_iov[i].iov_base + skip, data, part);
+        sim_copy((uint8_t *)msg->msg_iov[i].iov_base + skip, data, part);
         data += part;
         from -= skip;
         len -= part;
@@ -179,7 +179,7 @@ static step_e take_error(const incoming_t *in, sim_link_t at, sim_block_t *block
     uint8_t data[SIM_MAX_RETURNED];
     bool connected = !sim_connectionless(in->socket);
     uint32_t len = record->len < sizeof(data) ? record->len : (uint32_t)sizeof(data);
-    memcpy(data, block->data, len);
+    sim_copy(data, block->data, len);
     if (!sim_queue_same(in->socket, at))
         return AGAIN;
     if (!takes(in, 0, 0))

@@ -363,7 +363,7 @@ static sim_block_t *part_of(const outgoing_t *out, const sim_record_t *record, s
         const struct iovec *part = &out->msg->msg_iov[i];
         size_t skip = from < part->iov_len ? from : part->iov_len;
         size_t len = part->iov_len - skip < record->len - at ? part->iov_len - skip : record->len - at;
-        memcpy(block->data + at, (const uint8_t *)part->iov_base + skip, len);
+        sim_copy(block->data + at, (const uint8_t *)part->iov_base + skip, len);
         from -= skip;
         at += len;
     }

@@ -1,5 +1,6 @@
 // The way of a message between sockets, and the state of connections.
 #include "sim_deliver.h"
+#include "sim_sys.h"
 #include "sim_tap.h"
 
 #include <cerrno>
@@ -20,7 +21,7 @@ sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, con
     size_t at = 0;
     for (size_t i = 0; i < num && at < record->len; i++) {
         size_t part = data[i].iov_len < record->len - at ? data[i].iov_len : record->len - at;
-        memcpy(block->data + at, data[i].iov_base, part);
+        sim_copy(block->data + at, data[i].iov_base, part);
         at += part;
     }
     return block;

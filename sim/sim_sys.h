@@ -91,6 +91,32 @@ static inline ssize_t sys_write(int fd, const void *data, size_t size)
     return sys_call(SYS_write, fd, data, size);
 }
 
+// Copies bytes to or from the shared memory. Not memcpy: a sanitizer of the application would take that over, and does
+// not know what puts the copies of two threads in order.
+static inline void sim_copy(void *to, const void *from, size_t size)
+{
+    uint8_t *at = (uint8_t *)to;
+    const uint8_t *source = (const uint8_t *)from;
+#ifdef __x86_64__
+    if (size > 256) {
+        __asm__ volatile("rep movsb" : "+D"(at), "+S"(source), "+c"(size) : : "memory");
+        return;
+    }
+#endif
+    for (; size >= sizeof(uint64_t); size -= sizeof(uint64_t)) {
+        uint64_t word;
+        __builtin_memcpy(&word, source, sizeof(word)); // a load and a store
+        __builtin_memcpy(at, &word, sizeof(word));
+        at += sizeof(word);
+        source += sizeof(word);
+        __asm__ volatile("" : : : "memory"); // so that the loop is not made a call of memcpy
+    }
+    for (; size != 0; size--) {
+        *at++ = *source++;
+        __asm__ volatile("" : : : "memory");
+    }
+}
+
 static inline int64_t sys_now(void) // ms of the monotonic clock
 {
     struct timespec now = {};

@@ -36,7 +36,7 @@ sim_block_t *sim_tap_copy(const sim_self_t *self, const sim_record_t *record, co
     copy->record.droppable = 1;
     memcpy(copy->data, &tap, sizeof(tap));
     if (tap.size != 0) // without data there may be no address
-        memcpy(copy->data + sizeof(tap), data, tap.size);
+        sim_copy(copy->data + sizeof(tap), data, tap.size);
     return copy;
 }
 
