@@ -8,20 +8,12 @@
 #include <sys/ioctl.h>
 #include <sys/uio.h>
 
-#define CALLS(X)                                                                                                       \
-    X(socket)                                                                                                          \
-    X(socketpair)                                                                                                      \
-    X(bind)                                                                                                            \
-    X(listen)                                                                                                          \
-    X(accept)                                                                                                          \
-    X(accept4)                                                                                                         \
-    X(connect)                                                                                                         \
-    X(shutdown)                                                                                                        \
-    X(getsockname)                                                                                                     \
-    X(getpeername)                                                                                                     \
-    X(setsockopt)                                                                                                      \
-    X(getsockopt) X(ioctl) X(sendto) X(send) X(write) X(writev) X(sendmsg) X(sendmmsg) X(recvfrom) X(recv) X(read)     \
-        X(readv) X(recvmsg) X(recvmmsg)
+// clang-format off
+#define CALLS(X) \
+    X(socket) X(socketpair) X(bind) X(listen) X(accept) X(accept4) X(connect) X(shutdown) X(getsockname) \
+    X(getpeername) X(setsockopt) X(getsockopt) X(ioctl) X(sendto) X(send) X(write) X(writev) X(sendmsg) \
+    X(sendmmsg) X(recvfrom) X(recv) X(read) X(readv) X(recvmsg) X(recvmmsg)
+// clang-format on
 CALLS(NEXT_POINTER)
 
 __attribute__((constructor)) static void find_calls()

@@ -17,7 +17,10 @@
 #include <climits>
 #include <sys/epoll.h>
 
-#define CALLS(X) X(epoll_ctl) X(epoll_pwait2) X(epoll_pwait) X(epoll_create) X(epoll_create1) X(epoll_wait)
+// clang-format off
+#define CALLS(X) \
+    X(epoll_ctl) X(epoll_pwait2) X(epoll_pwait) X(epoll_create) X(epoll_create1) X(epoll_wait)
+// clang-format on
 CALLS(NEXT_POINTER)
 
 __attribute__((constructor)) static void find_calls()

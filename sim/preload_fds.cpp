@@ -12,9 +12,11 @@
 #include <cstring>
 #include <pthread.h>
 
-#define CALLS(X)                                                                                                       \
-    X(close)                                                                                                           \
-    X(close_range) X(closefrom) X(dup) X(dup3) X(dup2) X(fcntl) X(fcntl64) X(fclose) X(freopen) X(freopen64)
+// clang-format off
+#define CALLS(X) \
+    X(close) X(close_range) X(closefrom) X(dup) X(dup3) X(dup2) X(fcntl) X(fcntl64) X(fclose) X(freopen) \
+    X(freopen64)
+// clang-format on
 CALLS(NEXT_POINTER)
 
 __attribute__((constructor)) static void find_calls()

@@ -23,7 +23,10 @@ int __poll_chk(struct pollfd *fds, nfds_t num, int ms, size_t size);
 int __ppoll_chk(struct pollfd *fds, nfds_t num, const struct timespec *limit, const sigset_t *mask, size_t size);
 }
 
-#define CALLS(X) X(ppoll) X(poll) X(__poll_chk) X(__ppoll_chk) X(pselect) X(select)
+// clang-format off
+#define CALLS(X) \
+    X(ppoll) X(poll) X(__poll_chk) X(__ppoll_chk) X(pselect) X(select)
+// clang-format on
 CALLS(NEXT_POINTER)
 
 __attribute__((constructor)) static void find_calls()
