@@ -14,66 +14,14 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 
-#include "sim_deliver.h"
+#include "shared_memory.h"
 #include "sim_sys.h"
 
 namespace
 {
-int s_file = -1;
-uint32_t s_woken; // calls for a socket's wake-up descriptor
-
-int grow_memory(sim_cluster_t *cluster, uint32_t area, uint32_t seen)
-{
-    return sim_area_grow(cluster->state, s_file, area, seen);
-}
-
-void count_wake(sim_cluster_t * /*cluster*/, sim_socket_t * /*socket*/)
-{
-    s_woken++;
-}
-
-class sim_memory : public testing::Test
+class sim_memory : public shared_memory
 {
   protected:
-    void SetUp() override
-    {
-        char dir[] = "/tmp/sim_memory.XXXXXX";
-        const char *why = "";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        ASSERT_EQ(sim_cluster_open(&cluster_, dir, true, &why), 0) << why;
-        s_file = open((dir_ + "/state").c_str(), O_RDWR | O_CLOEXEC);
-        ASSERT_EQ(sim_node_index(state(), 1), 0U);
-        ASSERT_EQ(sim_node_index(state(), 2), 1U);
-    }
-    void TearDown() override
-    {
-        sim_cluster_close(&cluster_);
-        (void)close(s_file);
-        std::filesystem::remove_all(dir_);
-    }
-    sim_state_t *state()
-    {
-        return cluster_.state;
-    }
-    sim_socket_t *open_socket(int type = SOCK_RDM, uint32_t node = 0)
-    {
-        sim_socket_t *socket = sim_socket_take(&self_, (uint32_t)type, node, getpid());
-        if (socket != nullptr)
-            sim_socket_open(socket);
-        return socket;
-    }
-    sim_record_t record(const sim_socket_t *from, const sim_socket_t *to, uint32_t len)
-    {
-        sim_record_t record = {};
-        record.len = len;
-        record.src_port = from->port;
-        record.src_index = from->node;
-        record.src_node = state()->nodes[from->node];
-        record.dst_port = to->port;
-        record.dst_index = to->node;
-        return record;
-    }
     uint32_t send(const sim_socket_t *from, const sim_socket_t *to, const std::string &text, bool returnable = false)
     {
         sim_record_t head = record(from, to, (uint32_t)text.size());
@@ -104,10 +52,6 @@ class sim_memory : public testing::Test
         }
         return used;
     }
-
-    std::string dir_;
-    sim_cluster_t cluster_ = {};
-    sim_self_t self_ = {&cluster_, 1, grow_memory, count_wake};
 };
 
 TEST_F(sim_memory, messages_leave_a_queue_in_the_order_in_which_they_came)
@@ -159,7 +103,7 @@ TEST_F(sim_memory, a_socket_whose_maker_was_killed_before_it_had_a_port_leaves_n
     uint32_t before = blocks_in_use();
     sim_socket_t *half = sim_socket_take(&self_, SOCK_RDM, 0, getpid());
     half->port = SIM_NONE; // as in a slot that was never in use: the port is written last
-    sim_self_t broker = {&cluster_, 2, grow_memory, count_wake};
+    sim_self_t broker = {&cluster_, 2, self_.grow, self_.wake};
     sim_socket_inherit(&broker, half, self_.owner);
     EXPECT_EQ(half->use, (uint32_t)SIM_SLOT_FREE);
     EXPECT_EQ(blocks_in_use(), before);
@@ -171,7 +115,7 @@ TEST_F(sim_memory, a_block_on_its_way_into_a_queue_is_the_senders_alone_until_it
     sim_socket_t *to = open_socket();
     uint32_t slot = sim_socket_index(state(), to);
     uint32_t before = blocks_in_use();
-    sim_self_t sender = {&cluster_, 2, grow_memory, count_wake};
+    sim_self_t sender = {&cluster_, 2, self_.grow, self_.wake};
     sim_block_t *block = sim_block_take(&sender, 10);
     sim_block_own(state(), block, sim_owner_sending(slot, sender.owner)); // and it is stopped there
     sim_socket_close(&self_, to, true);
@@ -185,7 +129,7 @@ TEST_F(sim_memory, a_block_on_its_way_into_a_queue_is_the_senders_alone_until_it
 TEST_F(sim_memory, a_block_whose_sender_was_killed_on_the_way_is_freed_with_the_socket)
 {
     sim_socket_t *to = open_socket();
-    sim_self_t sender = {&cluster_, 2, grow_memory, count_wake};
+    sim_self_t sender = {&cluster_, 2, self_.grow, self_.wake};
     sim_block_t *block = sim_block_take(&sender, 10);
     uint32_t number = block->number;
     sim_block_own(state(), block, sim_owner_sending(sim_socket_index(state(), to), sender.owner));
@@ -219,13 +163,13 @@ TEST_F(sim_memory, a_port_is_not_used_again_with_its_slot)
 TEST_F(sim_memory, a_first_message_wakes_and_a_second_one_does_not_unless_it_is_polled_by_edges)
 {
     sim_socket_t *to = open_socket();
-    s_woken = 0;
+    g_woken = 0;
     (void)send(to, to, "1");
     (void)send(to, to, "2");
-    EXPECT_EQ(s_woken, 1U);
+    EXPECT_EQ(g_woken, 1U);
     to->edge = 1;
     (void)send(to, to, "3");
-    EXPECT_EQ(s_woken, 2U);
+    EXPECT_EQ(g_woken, 2U);
 }
 
 TEST_F(sim_memory, more_sockets_and_messages_than_at_first_get_memory)
@@ -244,10 +188,10 @@ TEST_F(sim_memory, more_sockets_and_messages_than_at_first_get_memory)
 TEST_F(sim_memory, memory_is_given_once_when_several_ask_for_it)
 {
     uint32_t before = state()->areas[SIM_AREA_BLOCKS].ready;
-    ASSERT_EQ(sim_area_grow(state(), s_file, SIM_AREA_BLOCKS, before), 0);
+    ASSERT_EQ(sim_area_grow(state(), g_state_file, SIM_AREA_BLOCKS, before), 0);
     uint32_t after = state()->areas[SIM_AREA_BLOCKS].ready;
     EXPECT_GT(after, before);
-    EXPECT_EQ(sim_area_grow(state(), s_file, SIM_AREA_BLOCKS, before), 0);
+    EXPECT_EQ(sim_area_grow(state(), g_state_file, SIM_AREA_BLOCKS, before), 0);
     EXPECT_EQ(state()->areas[SIM_AREA_BLOCKS].ready, after);
 }
 

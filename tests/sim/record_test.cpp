@@ -10,64 +10,21 @@
 #include <unistd.h>
 
 #include "recorder.h"
-#include "sim_deliver.h"
+#include "shared_memory.h"
 
 namespace
 {
-int s_file = -1;
-uint32_t s_woken;
-
-int grow_memory(sim_cluster_t *cluster, uint32_t area, uint32_t ready)
-{
-    return sim_area_grow(cluster->state, s_file, area, ready);
-}
-
-void count_wake(sim_cluster_t * /*cluster*/, sim_socket_t * /*socket*/)
-{
-    s_woken++;
-}
-
-class sim_record : public testing::Test
+class sim_record : public shared_memory
 {
   protected:
-    void SetUp() override
+    sim_record() : shared_memory(11, 12)
     {
-        char dir[] = "/tmp/sim_record.XXXXXX";
-        const char *why = "";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        ASSERT_EQ(sim_cluster_open(&cluster_, dir, true, &why), 0) << why;
-        s_file = open((dir_ + "/state").c_str(), O_RDWR | O_CLOEXEC);
-        ASSERT_EQ(sim_node_index(state(), 11), 0U);
-        ASSERT_EQ(sim_node_index(state(), 12), 1U);
-    }
-    void TearDown() override
-    {
-        sim_cluster_close(&cluster_);
-        (void)close(s_file);
-        std::filesystem::remove_all(dir_);
-    }
-    sim_state_t *state()
-    {
-        return cluster_.state;
-    }
-    sim_socket_t *open_socket(int type = SOCK_RDM, uint32_t node = 0)
-    {
-        sim_socket_t *socket = sim_socket_take(&self_, (uint32_t)type, node, getpid());
-        sim_socket_open(socket);
-        return socket;
     }
     uint32_t send(const sim_socket_t *from, const sim_socket_t *to, const std::string &text, uint32_t kind = SIM_DATA,
                   bool droppable = true)
     {
-        sim_record_t head = {};
-        head.len = (uint32_t)text.size();
+        sim_record_t head = record(from, to, (uint32_t)text.size());
         head.kind = kind;
-        head.src_port = from->port;
-        head.src_index = from->node;
-        head.src_node = state()->nodes[from->node];
-        head.dst_port = to->port;
-        head.dst_index = to->node;
         head.droppable = droppable ? 1 : 0;
         struct iovec part = {const_cast<char *>(text.data()), text.size()};
         return sim_deliver(&self_, sim_message(&self_, &head, &part, 1));
@@ -90,9 +47,6 @@ class sim_record : public testing::Test
         return used;
     }
 
-    std::string dir_;
-    sim_cluster_t cluster_ = {};
-    sim_self_t self_ = {&cluster_, 1, grow_memory, count_wake};
     recorder_t recorder_ = {};
 };
 
@@ -199,7 +153,7 @@ TEST_F(sim_record, a_recorder_that_reads_nothing_holds_nobody_up_and_what_it_mis
     ASSERT_EQ(recorder_open(&recorder_, &self_, SIM_MAX_DATA), 0);
     std::string text(SIM_MAX_DATA, 'x');
     uint32_t sent = 0;
-    s_woken = 0;
+    g_woken = 0;
     for (; recorder_lost(&recorder_) < 3; sent++) {
         ASSERT_EQ(send(to, to, text), (uint32_t)TIPC_OK);
         sim_block_t *block = sim_queue_first(state(), to, &at);
@@ -207,7 +161,7 @@ TEST_F(sim_record, a_recorder_that_reads_nothing_holds_nobody_up_and_what_it_mis
         sim_block_release(state(), block);
         to->woken = 0;
     }
-    EXPECT_EQ(s_woken, sent) << "for the receiver; the recorder needs none";
+    EXPECT_EQ(g_woken, sent) << "for the receiver; the recorder needs none";
     EXPECT_EQ(taken().size(), sent - 3);
     EXPECT_LE((uint64_t)sent * SIM_MAX_DATA, SIM_TAP_LIMIT + 4ULL * SIM_MAX_DATA);
     recorder_close(&recorder_);
