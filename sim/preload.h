@@ -26,14 +26,21 @@ int preload_ask_broker(uint32_t op, uint32_t a, const void *data, size_t size); 
 
 // The table of descriptors: the port for each. The entry counts only while the descriptor bears the mark of a socket,
 // so a number that was closed by another way and used again is not taken for a socket.
+constexpr socklen_t PRELOAD_MAX_ADDRESS = 128; // bytes, sizeof(struct sockaddr_storage)
+constexpr size_t PRELOAD_MAX_PARTS = 1024;     // of an iovec, and messages of one call, as in the kernel
+
 bool preload_known(int fd);              // quick and may be wrong: false when it certainly is no socket
 sim_socket_t *preload_socket_at(int fd); // null when it is no TIPC socket of this cluster; errno is unchanged
+static inline bool preload_is_socket(int fd)
+{
+    return preload_socket_at(fd) != nullptr;
+}
 void preload_remember(int fd, uint32_t port);
 uint32_t
 preload_forget(int fd); // before the descriptor is closed or replaced: its port, SIM_NONE when it was no socket
 void preload_released(uint32_t port); // after that: closes the socket unless somebody still has it. SIM_NONE is no port
-bool preload_adopt(int fd);       // a descriptor that came by exec or from another process: true when it is a socket
-bool preload_shares_memory(void); // true in the child of a vfork, which must leave the table to its parent
+void preload_adopt(int fd);           // a descriptor that came by exec or from another process, a socket or not
+bool preload_shares_memory(void);     // true in the child of a vfork, which must leave the table to its parent
 
 // Says that something is not simulated: one line on standard error; ends the process when TIPCSIM_STRICT is 1.
 // -1 and EOPNOTSUPP.
@@ -52,21 +59,20 @@ int preload_bind(sim_socket_t *socket, const struct sockaddr *addr, socklen_t le
 int preload_listen(sim_socket_t *socket);
 int preload_accept(int fd, sim_socket_t *socket, struct sockaddr *addr, socklen_t *len, int flags);
 int preload_connect(int fd, sim_socket_t *socket, const struct sockaddr *addr, socklen_t len);
-int preload_shutdown(int fd, sim_socket_t *socket, int how);
+int preload_shutdown(sim_socket_t *socket, int how);
 int preload_getsockname(sim_socket_t *socket, struct sockaddr *addr, socklen_t *len);
 int preload_getpeername(sim_socket_t *socket, struct sockaddr *addr, socklen_t *len);
+// The address of a socket; `node` is the node's.
+void preload_socket_address(uint32_t port, uint32_t node, struct sockaddr_tipc *addr);
 
 // Messages (preload_send.cpp, preload_receive.cpp).
 ssize_t preload_send(int fd, sim_socket_t *socket, const struct msghdr *msg, int flags);
 ssize_t preload_receive(int fd, sim_socket_t *socket, struct msghdr *msg, int flags);
 
-// A message from another socket: sockets that came with it are known from then on (preload_fds.cpp).
-void preload_received(const struct msghdr *msg);
-
 // Options (preload_options.cpp). `passed` is set when the C library has to handle the call.
 int preload_setsockopt(sim_socket_t *socket, int level, int name, const void *value, socklen_t len);
 int preload_getsockopt(sim_socket_t *socket, int level, int name, void *value, socklen_t *len);
-int preload_ioctl(int fd, sim_socket_t *socket, unsigned long request, void *arg, bool *passed);
+int preload_ioctl(sim_socket_t *socket, unsigned long request, void *arg, bool *passed);
 
 // Waits until socket->change is no longer `seen`, as a blocking call does. `until`: ms of sys_now, INT64_MAX for ever.
 // 0 when it has changed, or an errno: EINTR, EAGAIN at the end of the time. Nothing may be held: the thread can be
@@ -76,6 +82,13 @@ bool preload_blocks(int fd, int flags); // neither the descriptor nor the call i
 
 // Waiting for several descriptors (preload_wait.cpp). What a wait of this process takes for the time, in us.
 int64_t preload_now_us(void);
+// The moment at which a wait ends: 0 when it only looks, PRELOAD_EVER when it does not end.
+constexpr int64_t PRELOAD_EVER = INT64_MAX;
+int64_t preload_end_of_ms(int ms);
+int64_t preload_end_of_limit(const struct timespec *limit);
+int64_t preload_left_until(int64_t until); // us; PRELOAD_EVER
+bool preload_valid_limit(const struct timespec *limit);
+struct timespec preload_span(int64_t us);
 // The descriptor `fd` is readable, and the socket has nothing to report: makes it unreadable.
 void preload_silence(const sim_self_t *self, sim_socket_t *socket, int fd);
 constexpr int64_t PRELOAD_SLICE =

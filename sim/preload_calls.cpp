@@ -62,7 +62,7 @@ static ssize_t receive_one(int fd, sim_socket_t *socket, void *data, size_t size
 static ssize_t bytes_of(const struct iovec *parts, int num)
 {
     ssize_t bytes = 0;
-    if (num < 0 || num > 1024)
+    if (num < 0 || num > (int)PRELOAD_MAX_PARTS)
         return preload_fail(EINVAL);
     if (!preload_readable(parts, (size_t)num * sizeof(*parts)))
         return preload_fail(EFAULT);
@@ -127,7 +127,7 @@ int connect(int fd, const struct sockaddr *addr, socklen_t len)
 int shutdown(int fd, int how)
 {
     sim_socket_t *socket = preload_socket_at(fd);
-    return socket != nullptr ? preload_shutdown(fd, socket, how) : CALL_NEXT(shutdown)(fd, how);
+    return socket != nullptr ? preload_shutdown(socket, how) : CALL_NEXT(shutdown)(fd, how);
 }
 
 int getsockname(int fd, struct sockaddr *addr, socklen_t *len)
@@ -164,7 +164,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept
     va_end(args);
     sim_socket_t *socket = preload_socket_at(fd);
     bool passed = true;
-    int ret = socket != nullptr ? preload_ioctl(fd, socket, request, arg, &passed) : 0;
+    int ret = socket != nullptr ? preload_ioctl(socket, request, arg, &passed) : 0;
     return passed ? CALL_NEXT(ioctl)(fd, request, arg) : ret;
 }
 
@@ -221,7 +221,7 @@ int sendmmsg(int fd, struct mmsghdr *msgs, unsigned num, int flags)
     if (socket == nullptr)
         return CALL_NEXT(sendmmsg)(fd, msgs, num, flags);
     unsigned done = 0;
-    for (; done < num && done < 1024; done++) {
+    for (; done < num && done < PRELOAD_MAX_PARTS; done++) {
         if (!preload_writable(&msgs[done].msg_len, sizeof(msgs[done].msg_len)))
             return done != 0 ? (int)done : preload_fail(EFAULT);
         ssize_t ret = preload_send(fd, socket, &msgs[done].msg_hdr, flags);
@@ -276,7 +276,7 @@ static int receive_many(int fd, sim_socket_t *socket, struct mmsghdr *msgs, unsi
 {
     int64_t until = limit != nullptr ? sys_now() + limit->tv_sec * 1000 + limit->tv_nsec / 1000000 : INT64_MAX;
     unsigned done = 0;
-    for (; done < num && done < 1024; done++) {
+    for (; done < num && done < PRELOAD_MAX_PARTS; done++) {
         int each = done != 0 && (flags & MSG_WAITFORONE) != 0 ? flags | MSG_DONTWAIT : flags;
         if (!preload_writable(&msgs[done].msg_len, sizeof(msgs[done].msg_len)))
             return done != 0 ? (int)done : preload_fail(EFAULT);

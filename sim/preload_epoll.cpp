@@ -31,7 +31,6 @@ __attribute__((constructor)) static void find_calls()
 constexpr uint32_t MAX_WATCHES = 4096;
 constexpr uint32_t MAX_SETS = 1024;
 constexpr int MAX_DESCRIPTOR = 65536; // a set with a higher number works for input alone
-constexpr int64_t EVER = INT64_MAX;   // us
 constexpr uint32_t INPUT = EPOLLIN | EPOLLRDNORM;
 constexpr uint32_t ALWAYS = EPOLLERR | EPOLLHUP;
 constexpr uint32_t OPTIONS = EPOLLET | EPOLLONESHOT | EPOLLWAKEUP | EPOLLEXCLUSIVE;
@@ -297,7 +296,7 @@ typedef struct waited_s { // one call of epoll_wait
     uint32_t set;
     struct epoll_event *events;
     int max;
-    int64_t until; // us, EVER, 0 to look only
+    int64_t until; // us, as of preload_end_of_ms
     const sigset_t *mask;
     bool fine; // epoll_pwait2
 } waited_t;
@@ -400,10 +399,10 @@ static int collect(const waited_t *w, int num, uint32_t turn)
 // A descriptor of the socket that is open. The one that was registered may be closed while its duplicate is not.
 static int descriptor_of(const found_t *found)
 {
-    if (preload_known(found->watch.fd) && preload_socket_at(found->watch.fd) == found->socket)
+    if (preload_socket_at(found->watch.fd) == found->socket)
         return found->watch.fd;
     for (int fd = 0; fd < MAX_DESCRIPTOR; fd++) {
-        if (preload_known(fd) && preload_socket_at(fd) == found->socket)
+        if (preload_socket_at(fd) == found->socket)
             return fd;
     }
     return -1;
@@ -460,11 +459,15 @@ static int drop_sockets(const waited_t *w, int num)
 static int wait_natively(const waited_t *w, int max, int64_t left, const sigset_t *mask)
 {
     if (w->fine) {
-        struct timespec limit = {(time_t)(left / 1000000), (long)(left % 1000000) * 1000};
-        return CALL_NEXT(epoll_pwait2)(w->epoll, w->events, max, left != EVER ? &limit : nullptr, mask);
+        struct timespec limit = preload_span(left);
+        return CALL_NEXT(epoll_pwait2)(w->epoll, w->events, max, left != PRELOAD_EVER ? &limit : nullptr, mask);
     }
     int64_t ms = left / 1000 + (left % 1000 != 0 ? 1 : 0);
-    return CALL_NEXT(epoll_pwait)(w->epoll, w->events, max, left == EVER ? -1 : ms < INT_MAX ? (int)ms : INT_MAX, mask);
+    return CALL_NEXT(epoll_pwait)(w->epoll, w->events, max,
+                                  left == PRELOAD_EVER ? -1
+                                  : ms < INT_MAX       ? (int)ms
+                                                       : INT_MAX,
+                                  mask);
 }
 
 // The events of the kernel without those of sockets, or -1.
@@ -472,14 +475,6 @@ static int others(const waited_t *w, int max, int64_t left, const sigset_t *mask
 {
     int num = max > 0 ? wait_natively(w, max, left, mask) : 0;
     return num > 0 && sim_load(&s_sets[w->set].watches) != 0 ? drop_sockets(w, num) : num;
-}
-
-static int64_t left_until(int64_t until)
-{
-    if (until == 0 || until == EVER)
-        return until;
-    int64_t left = until - preload_now_us();
-    return left > 0 ? left : 0;
 }
 
 // Each side gets half of the room, and the sockets get what the others leave.
@@ -501,7 +496,7 @@ static int wait_on(const waited_t *w)
 {
     for (;;) {
         bool sliced;
-        int64_t left = left_until(w->until);
+        int64_t left = preload_left_until(w->until);
         (void)sim_add(&s_sets[w->set].sleepers, 1U); // before the look, so that no new registration is missed
         int ready = count_ready(w, &sliced);
         uint32_t turn = sim_add(&s_sets[w->set].turn, 1U);
@@ -514,24 +509,6 @@ static int wait_on(const waited_t *w)
         if (num != 0 || left == 0)
             return num;
     }
-}
-
-static bool is_socket(int fd)
-{
-    return fd >= 0 && preload_known(fd) && preload_socket_at(fd) != nullptr;
-}
-
-static int64_t end_of_ms(int ms)
-{
-    return ms < 0 ? EVER : ms == 0 ? 0 : preload_now_us() + (int64_t)ms * 1000;
-}
-
-static int64_t end_of_limit(const struct timespec *limit)
-{
-    if (limit == nullptr || limit->tv_sec > INT_MAX)
-        return EVER;
-    int64_t us = (int64_t)limit->tv_sec * 1000000 + (limit->tv_nsec + 999) / 1000;
-    return us != 0 ? preload_now_us() + us : 0;
 }
 
 bool preload_watching(int fd)
@@ -583,9 +560,9 @@ int epoll_create1(int flags)
 
 int epoll_ctl(int epoll, int op, int fd, struct epoll_event *event)
 {
-    if (is_socket(epoll))
+    if (preload_is_socket(epoll))
         return preload_fail(EINVAL);
-    sim_socket_t *socket = fd >= 0 && preload_known(fd) ? preload_socket_at(fd) : nullptr;
+    sim_socket_t *socket = preload_socket_at(fd);
     if (socket == nullptr || preload_shares_memory())
         return CALL_NEXT(epoll_ctl)(epoll, op, fd, event);
     bool known_op = op == EPOLL_CTL_ADD || op == EPOLL_CTL_MOD || op == EPOLL_CTL_DEL;
@@ -603,32 +580,31 @@ int epoll_ctl(int epoll, int op, int fd, struct epoll_event *event)
 
 int epoll_wait(int epoll, struct epoll_event *events, int max, int ms)
 {
-    if (is_socket(epoll))
+    if (preload_is_socket(epoll))
         return preload_fail(EINVAL);
     if (set_at(epoll) == MAX_SETS || max <= 0)
         return CALL_NEXT(epoll_wait)(epoll, events, max, ms);
-    waited_t w = {epoll, set_at(epoll), events, max, end_of_ms(ms), nullptr, false};
+    waited_t w = {epoll, set_at(epoll), events, max, preload_end_of_ms(ms), nullptr, false};
     return wait_on(&w);
 }
 
 int epoll_pwait(int epoll, struct epoll_event *events, int max, int ms, const sigset_t *mask)
 {
-    if (is_socket(epoll))
+    if (preload_is_socket(epoll))
         return preload_fail(EINVAL);
     if (set_at(epoll) == MAX_SETS || max <= 0)
         return CALL_NEXT(epoll_pwait)(epoll, events, max, ms, mask);
-    waited_t w = {epoll, set_at(epoll), events, max, end_of_ms(ms), mask, false};
+    waited_t w = {epoll, set_at(epoll), events, max, preload_end_of_ms(ms), mask, false};
     return wait_on(&w);
 }
 
 int epoll_pwait2(int epoll, struct epoll_event *events, int max, const struct timespec *limit, const sigset_t *mask)
 {
-    bool valid = limit == nullptr || (limit->tv_sec >= 0 && limit->tv_nsec >= 0 && limit->tv_nsec < 1000000000);
-    if (is_socket(epoll))
+    if (preload_is_socket(epoll))
         return preload_fail(EINVAL);
-    if (!valid || set_at(epoll) == MAX_SETS || max <= 0)
+    if (!preload_valid_limit(limit) || set_at(epoll) == MAX_SETS || max <= 0)
         return CALL_NEXT(epoll_pwait2)(epoll, events, max, limit, mask);
-    waited_t w = {epoll, set_at(epoll), events, max, end_of_limit(limit), mask, true};
+    waited_t w = {epoll, set_at(epoll), events, max, preload_end_of_limit(limit), mask, true};
     return wait_on(&w);
 }
 }

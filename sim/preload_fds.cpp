@@ -26,11 +26,6 @@ __attribute__((constructor)) static void find_calls()
 
 constexpr int MAX_DESCRIPTOR = 1 << 20; // more than a process can have
 
-static bool is_socket(int fd)
-{
-    return fd >= 0 && preload_known(fd) && preload_socket_at(fd) != nullptr;
-}
-
 // Whether the library keeps something for a number. The child of a vfork must not change it.
 static bool concerns(int fd)
 {
@@ -136,7 +131,7 @@ static void close_range_of_ours(unsigned first, unsigned last)
 // `to` is now a duplicate of `from`.
 static void copied(int from, int to)
 {
-    sim_socket_t *socket = preload_known(from) ? preload_socket_at(from) : nullptr;
+    sim_socket_t *socket = preload_socket_at(from);
     if (socket != nullptr)
         preload_remember(to, sim_load(&socket->port));
     if (preload_watching(from) || preload_watching(to))
@@ -190,14 +185,7 @@ int dup3(int fd, int copy, int flags)
 
 int dup2(int fd, int copy)
 {
-    if (fd == copy || !concerns_copy(fd, copy))
-        return CALL_NEXT(dup2)(fd, copy);
-    kept_t kept = let_go(copy);
-    int ret = CALL_NEXT(dup2)(fd, copy);
-    if (ret >= 0)
-        copied(fd, copy);
-    let_go_done(&kept, ret >= 0);
-    return ret;
+    return fd == copy || !concerns_copy(fd, copy) ? CALL_NEXT(dup2)(fd, copy) : dup3(fd, copy, 0);
 }
 
 int pidfd_getfd(int process, int fd, unsigned flags) noexcept
@@ -205,8 +193,7 @@ int pidfd_getfd(int process, int fd, unsigned flags) noexcept
     int ret = (int)sys_call(SYS_pidfd_getfd, process, fd, flags);
     if (ret < 0)
         return preload_fail(-ret);
-    if (sim_socket_is(ret))
-        (void)preload_adopt(ret);
+    preload_adopt(ret);
     return ret;
 }
 }
@@ -255,7 +242,7 @@ static int any_fcntl(fcntl_t next, int fd, int op, void *arg)
             copied(fd, ret);
         return ret;
     }
-    if (is_socket(fd) && refused(op, (long)arg, &ret) == REFUSED)
+    if (preload_is_socket(fd) && refused(op, (long)arg, &ret) == REFUSED)
         return ret;
     return next(fd, op, arg);
 }
@@ -289,6 +276,19 @@ static int descriptor_of(FILE *file)
     return fd;
 }
 
+static FILE *reopen(decltype(&::freopen) next, const char *path, const char *mode, FILE *file)
+{
+    preload_own_s own(path, preload_use_of(mode));
+    int fd = descriptor_of(file);
+    if (!concerns(fd))
+        return next(own.path, mode, file);
+    kept_t kept = let_go(fd);
+    preload_watch_close(fd);
+    FILE *ret = next(own.path, mode, file);
+    let_go_done(&kept, !sim_socket_is(fd));
+    return ret;
+}
+
 extern "C" {
 int fclose(FILE *file)
 {
@@ -304,28 +304,12 @@ int fclose(FILE *file)
 
 FILE *freopen(const char *path, const char *mode, FILE *file)
 {
-    preload_own_s own(path, preload_use_of(mode));
-    int fd = descriptor_of(file);
-    if (!concerns(fd))
-        return CALL_NEXT(freopen)(own.path, mode, file);
-    kept_t kept = let_go(fd);
-    preload_watch_close(fd);
-    FILE *ret = CALL_NEXT(freopen)(own.path, mode, file);
-    let_go_done(&kept, !sim_socket_is(fd));
-    return ret;
+    return reopen(CALL_NEXT(freopen), path, mode, file);
 }
 
 FILE *freopen64(const char *path, const char *mode, FILE *file)
 {
-    preload_own_s own(path, preload_use_of(mode));
-    int fd = descriptor_of(file);
-    if (!concerns(fd))
-        return CALL_NEXT(freopen64)(own.path, mode, file);
-    kept_t kept = let_go(fd);
-    preload_watch_close(fd);
-    FILE *ret = CALL_NEXT(freopen64)(own.path, mode, file);
-    let_go_done(&kept, !sim_socket_is(fd));
-    return ret;
+    return reopen(CALL_NEXT(freopen64), path, mode, file);
 }
 }
 
@@ -339,16 +323,9 @@ void preload_received(const struct msghdr *msg)
         for (size_t i = 0; i < num; i++) {
             int fd;
             memcpy(&fd, CMSG_DATA(part) + i * sizeof(fd), sizeof(fd));
-            if (sim_socket_is(fd))
-                (void)preload_adopt(fd);
+            preload_adopt(fd);
         }
     }
-}
-
-static void adopt(int fd)
-{
-    if (sim_socket_is(fd))
-        (void)preload_adopt(fd);
 }
 
 // Sockets that the process got from its parent by exec.
@@ -356,5 +333,5 @@ __attribute__((constructor)) static void adopt_inherited()
 {
     range_t all = {0, ~0U};
     if (getenv("TIPCSIM_CLUSTER") != nullptr)
-        each_open(&all, INHERITED, adopt);
+        each_open(&all, INHERITED, preload_adopt);
 }

@@ -30,8 +30,7 @@ static int set_tipc(sim_socket_t *socket, int name, const void *value, socklen_t
     if (name == TIPC_MCAST_BROADCAST || name == TIPC_MCAST_REPLICAST) {
         if (value != nullptr || len != 0)
             return preload_fail(EINVAL);
-        socket->mcast = (uint32_t)name;
-        return 0;
+        return 0; // every multicast is sent once to each receiver
     }
     if (name == TIPC_GROUP_JOIN || name == TIPC_GROUP_LEAVE)
         return preload_refuse("group messaging (TIPC_GROUP_JOIN)");
@@ -307,10 +306,9 @@ static int link_name(const sim_state_t *state, const sim_socket_t *socket, void 
     return 0;
 }
 
-int preload_ioctl(int fd, sim_socket_t *socket, unsigned long request, void *arg, bool *passed)
+int preload_ioctl(sim_socket_t *socket, unsigned long request, void *arg, bool *passed)
 {
     const sim_state_t *state = preload_state(preload_self());
-    (void)fd;
     *passed = false;
     switch (request) {
     case SIOCGETNODEID:

@@ -32,20 +32,10 @@ __attribute__((constructor)) static void find_calls()
 
 constexpr unsigned SOCKET_MODE = S_IFSOCK | 0777;
 
-static sim_socket_t *socket_at(int fd)
-{
-    return fd >= 0 && preload_known(fd) ? preload_socket_at(fd) : nullptr;
-}
-
-static bool is_socket(int fd)
-{
-    return socket_at(fd) != nullptr;
-}
-
 template <typename stat_t>
 static int describe(int ret, int fd, stat_t *status)
 {
-    const sim_socket_t *socket = ret == 0 ? socket_at(fd) : nullptr;
+    const sim_socket_t *socket = ret == 0 ? preload_socket_at(fd) : nullptr;
     if (socket == nullptr)
         return ret;
     status->st_mode = SOCKET_MODE;
@@ -72,7 +62,7 @@ int preload_describe(int ret, int fd, const char *path, int flags, struct stat64
 
 int preload_describe(int ret, int fd, const char *path, int flags, struct statx *status)
 {
-    const sim_socket_t *socket = ret == 0 && names_itself(path, flags) ? socket_at(fd) : nullptr;
+    const sim_socket_t *socket = ret == 0 && names_itself(path, flags) ? preload_socket_at(fd) : nullptr;
     if (socket == nullptr)
         return ret;
     status->stx_mode = (uint16_t)SOCKET_MODE;
@@ -106,12 +96,12 @@ int __fxstat64(int version, int fd, struct stat64 *status)
 // A socket has no position. (The kernel itself refuses pread and the like, as on a socket.)
 off_t lseek(int fd, off_t offset, int whence)
 {
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL_NEXT(lseek)(fd, offset, whence);
+    return preload_is_socket(fd) ? preload_fail(ESPIPE) : CALL_NEXT(lseek)(fd, offset, whence);
 }
 
 off64_t lseek64(int fd, off64_t offset, int whence)
 {
-    return is_socket(fd) ? preload_fail(ESPIPE) : CALL_NEXT(lseek64)(fd, offset, whence);
+    return preload_is_socket(fd) ? preload_fail(ESPIPE) : CALL_NEXT(lseek64)(fd, offset, whence);
 }
 
 // With the offset -1 these read and write as readv and writev do, but with flags of their own.
@@ -122,65 +112,68 @@ static int positioned(off64_t offset, const char *what)
 
 ssize_t preadv2(int fd, const struct iovec *parts, int num, off_t offset, int flags)
 {
-    return is_socket(fd) ? positioned(offset, "preadv2") : CALL_NEXT(preadv2)(fd, parts, num, offset, flags);
+    return preload_is_socket(fd) ? positioned(offset, "preadv2") : CALL_NEXT(preadv2)(fd, parts, num, offset, flags);
 }
 
 ssize_t preadv64v2(int fd, const struct iovec *parts, int num, off64_t offset, int flags)
 {
-    return is_socket(fd) ? positioned(offset, "preadv2") : CALL_NEXT(preadv64v2)(fd, parts, num, offset, flags);
+    return preload_is_socket(fd) ? positioned(offset, "preadv2") : CALL_NEXT(preadv64v2)(fd, parts, num, offset, flags);
 }
 
 ssize_t pwritev2(int fd, const struct iovec *parts, int num, off_t offset, int flags)
 {
-    return is_socket(fd) ? positioned(offset, "pwritev2") : CALL_NEXT(pwritev2)(fd, parts, num, offset, flags);
+    return preload_is_socket(fd) ? positioned(offset, "pwritev2") : CALL_NEXT(pwritev2)(fd, parts, num, offset, flags);
 }
 
 ssize_t pwritev64v2(int fd, const struct iovec *parts, int num, off64_t offset, int flags)
 {
-    return is_socket(fd) ? positioned(offset, "pwritev2") : CALL_NEXT(pwritev64v2)(fd, parts, num, offset, flags);
+    return preload_is_socket(fd) ? positioned(offset, "pwritev2")
+                                 : CALL_NEXT(pwritev64v2)(fd, parts, num, offset, flags);
 }
 
 ssize_t sendfile(int out, int in, off_t *offset, size_t count)
 {
-    return is_socket(out) || is_socket(in) ? preload_refuse("sendfile") : CALL_NEXT(sendfile)(out, in, offset, count);
+    return preload_is_socket(out) || preload_is_socket(in) ? preload_refuse("sendfile")
+                                                           : CALL_NEXT(sendfile)(out, in, offset, count);
 }
 
 ssize_t sendfile64(int out, int in, off64_t *offset, size_t count)
 {
-    return is_socket(out) || is_socket(in) ? preload_refuse("sendfile") : CALL_NEXT(sendfile64)(out, in, offset, count);
+    return preload_is_socket(out) || preload_is_socket(in) ? preload_refuse("sendfile")
+                                                           : CALL_NEXT(sendfile64)(out, in, offset, count);
 }
 
 ssize_t splice(int in, off64_t *in_offset, int out, off64_t *out_offset, size_t count, unsigned flags)
 {
-    if (is_socket(in) || is_socket(out))
+    if (preload_is_socket(in) || preload_is_socket(out))
         return preload_refuse("splice");
     return CALL_NEXT(splice)(in, in_offset, out, out_offset, count, flags);
 }
 
 int aio_read(struct aiocb *order)
 {
-    return is_socket(order->aio_fildes) ? preload_refuse("aio_read") : CALL_NEXT(aio_read)(order);
+    return preload_is_socket(order->aio_fildes) ? preload_refuse("aio_read") : CALL_NEXT(aio_read)(order);
 }
 
 int aio_read64(struct aiocb64 *order)
 {
-    return is_socket(order->aio_fildes) ? preload_refuse("aio_read") : CALL_NEXT(aio_read64)(order);
+    return preload_is_socket(order->aio_fildes) ? preload_refuse("aio_read") : CALL_NEXT(aio_read64)(order);
 }
 
 int aio_write(struct aiocb *order)
 {
-    return is_socket(order->aio_fildes) ? preload_refuse("aio_write") : CALL_NEXT(aio_write)(order);
+    return preload_is_socket(order->aio_fildes) ? preload_refuse("aio_write") : CALL_NEXT(aio_write)(order);
 }
 
 int aio_write64(struct aiocb64 *order)
 {
-    return is_socket(order->aio_fildes) ? preload_refuse("aio_write") : CALL_NEXT(aio_write64)(order);
+    return preload_is_socket(order->aio_fildes) ? preload_refuse("aio_write") : CALL_NEXT(aio_write64)(order);
 }
 
 int lio_listio(int mode, struct aiocb *const list[], int num, struct sigevent *event)
 {
     for (int i = 0; i < num; i++) {
-        if (list[i] != nullptr && is_socket(list[i]->aio_fildes))
+        if (list[i] != nullptr && preload_is_socket(list[i]->aio_fildes))
             return preload_refuse("lio_listio");
     }
     return CALL_NEXT(lio_listio)(mode, list, num, event);
@@ -189,7 +182,7 @@ int lio_listio(int mode, struct aiocb *const list[], int num, struct sigevent *e
 int lio_listio64(int mode, struct aiocb64 *const list[], int num, struct sigevent *event)
 {
     for (int i = 0; i < num; i++) {
-        if (list[i] != nullptr && is_socket(list[i]->aio_fildes))
+        if (list[i] != nullptr && preload_is_socket(list[i]->aio_fildes))
             return preload_refuse("lio_listio");
     }
     return CALL_NEXT(lio_listio64)(mode, list, num, event);

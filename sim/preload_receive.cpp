@@ -4,8 +4,6 @@
 #include <cstring>
 #include <pthread.h>
 
-constexpr size_t MAX_PARTS = 1024;
-
 typedef struct incoming_s {
     const sim_self_t *self;
     sim_socket_t *socket;
@@ -71,11 +69,7 @@ static void describe(const incoming_t *in, const sim_record_t *record, const uin
 static void name_sender(const sim_record_t *record, struct msghdr *msg)
 {
     struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    addr.addrtype = TIPC_SOCKET_ADDR;
-    addr.addr.id.ref = record->src_port;
-    addr.addr.id.node = record->src_node;
+    preload_socket_address(record->src_port, record->src_node, &addr);
     if (msg->msg_name != nullptr)
         memcpy(msg->msg_name, &addr, msg->msg_namelen < sizeof(addr) ? msg->msg_namelen : sizeof(addr));
     msg->msg_namelen = sizeof(addr);
@@ -307,7 +301,7 @@ ssize_t preload_receive(int fd, sim_socket_t *socket, struct msghdr *msg, int fl
     pthread_testcancel();
     if (!preload_readable(msg, sizeof(*msg)))
         return preload_fail(EFAULT);
-    if (msg->msg_iovlen > MAX_PARTS)
+    if (msg->msg_iovlen > PRELOAD_MAX_PARTS)
         return preload_fail(EMSGSIZE);
     if (!preload_readable(msg->msg_iov, msg->msg_iovlen * sizeof(*msg->msg_iov)))
         return preload_fail(EFAULT);

@@ -4,11 +4,8 @@
 #include <cstring>
 #include <pthread.h>
 
-constexpr uint32_t HEADER = 24;        // bytes of a connection's message head that flow control counts
 constexpr uint32_t SMALL = 1400;       // bytes of a write that asks for an acknowledgement of its own
 constexpr int64_t CONGESTED_LOOK = 50; // ms between looks at a congested link
-constexpr socklen_t MAX_ADDRESS = 128; // bytes
-constexpr size_t MAX_PARTS = 1024;     // of an iovec, as in the kernel
 
 typedef struct outgoing_s {
     const sim_self_t *self;
@@ -31,7 +28,7 @@ static int take_destination(const struct msghdr *msg, struct sockaddr_tipc *addr
     memset(addr, 0, sizeof(*addr));
     if (msg->msg_name == nullptr)
         return 0;
-    if (msg->msg_namelen > MAX_ADDRESS)
+    if (msg->msg_namelen > PRELOAD_MAX_ADDRESS)
         return EINVAL;
     if (!preload_readable(msg->msg_name, msg->msg_namelen < sizeof(*addr) ? msg->msg_namelen : sizeof(*addr)))
         return EFAULT;
@@ -49,7 +46,7 @@ static int take_destination(const struct msghdr *msg, struct sockaddr_tipc *addr
 static int measure(const struct msghdr *msg, size_t *len)
 {
     *len = 0;
-    if (msg->msg_iovlen > MAX_PARTS)
+    if (msg->msg_iovlen > PRELOAD_MAX_PARTS)
         return EMSGSIZE;
     if (!preload_readable(msg->msg_iov, msg->msg_iovlen * sizeof(*msg->msg_iov)))
         return EFAULT;
@@ -88,13 +85,7 @@ static void name_record(sim_record_t *record, const struct sockaddr_tipc *addr)
 static void refuse(const outgoing_t *out, const sim_record_t *record, uint32_t err)
 {
     uint8_t start[SIM_MAX_RETURNED];
-    size_t at = 0;
-    for (size_t i = 0; i < out->msg->msg_iovlen && at < sizeof(start); i++) {
-        const struct iovec *part = &out->msg->msg_iov[i];
-        size_t len = part->iov_len < sizeof(start) - at ? part->iov_len : sizeof(start) - at;
-        memcpy(start + at, part->iov_base, len);
-        at += len;
-    }
+    (void)sim_gather(start, sizeof(start), out->msg->msg_iov, out->msg->msg_iovlen, 0);
     sim_return(out->self, record, start, err);
 }
 
@@ -208,10 +199,9 @@ static void send_copy(void *arg, const sim_target_t *target)
         refuse(multicast->out, multicast->record, refused);
 }
 
-static ssize_t send_to_range(const outgoing_t *out, const struct sockaddr_tipc *addr, sim_record_t *record)
+static ssize_t send_to_range(const outgoing_t *out, sim_record_t *record)
 {
     multicast_t multicast = {out, record};
-    (void)addr;
     record->kind = SIM_MCAST;
     uint32_t num = sim_name_each(preload_state(out->self), record->type, record->lower, record->upper,
                                  out->socket->node, 0, send_copy, &multicast);
@@ -222,7 +212,7 @@ static ssize_t route(const outgoing_t *out, const struct sockaddr_tipc *addr, si
 {
     name_record(record, addr);
     if (addr->addrtype == TIPC_SERVICE_RANGE)
-        return send_to_range(out, addr, record);
+        return send_to_range(out, record);
     return addr->addrtype == TIPC_SERVICE_ADDR ? send_by_name(out, addr, record) : send_by_port(out, addr, record);
 }
 
@@ -358,15 +348,7 @@ static sim_block_t *part_of(const outgoing_t *out, const sim_record_t *record, s
     if (block == nullptr)
         return nullptr;
     block->record = *record;
-    size_t at = 0;
-    for (size_t i = 0; i < out->msg->msg_iovlen && at < record->len; i++) {
-        const struct iovec *part = &out->msg->msg_iov[i];
-        size_t skip = from < part->iov_len ? from : part->iov_len;
-        size_t len = part->iov_len - skip < record->len - at ? part->iov_len - skip : record->len - at;
-        sim_copy(block->data + at, (const uint8_t *)part->iov_base + skip, len);
-        from -= skip;
-        at += len;
-    }
+    (void)sim_gather(block->data, record->len, out->msg->msg_iov, out->msg->msg_iovlen, from);
     return block;
 }
 
@@ -406,7 +388,7 @@ static int send_part(const outgoing_t *out, size_t from, size_t len)
         return ENOMEM;
     if (socket->type == (uint32_t)SOCK_STREAM && len < SMALL)
         ask_for_window(preload_state(out->self), socket);
-    (void)sim_add(&socket->sent_unacked, (record.len + HEADER) / SIM_FLOW_BLOCK + 1);
+    (void)sim_add(&socket->sent_unacked, sim_flow_blocks(record.len));
     uint32_t refused = sim_deliver(out->self, block);
     if (refused != TIPC_OK)
         give_back(out, &record, from, refused); // which ends the connection

@@ -6,7 +6,6 @@
 #include <pthread.h>
 
 constexpr uint32_t FIRST_FREE_TYPE = TIPC_RESERVED_TYPES;
-constexpr socklen_t MAX_ADDRESS = 128; // bytes, sizeof(struct sockaddr_storage)
 
 // The program's descriptor: an epoll descriptor around a new eventfd, which goes to the keeper. A negative errno when
 // something is missing.
@@ -58,6 +57,13 @@ static sim_socket_t *make_socket(const sim_self_t *self, uint32_t type, int flag
     return nullptr;
 }
 
+// Takes back what make_socket made, before the application has seen it.
+static void discard_socket(const sim_self_t *self, sim_socket_t *socket, int fd)
+{
+    (void)sys_close(fd);
+    sim_socket_close(self, socket, false);
+}
+
 static int publish_socket(sim_socket_t *socket, int fd)
 {
     sim_socket_open(socket);
@@ -94,14 +100,19 @@ int preload_socket(int type, int protocol)
     return socket != nullptr ? publish_socket(socket, fd) : -1;
 }
 
+void preload_socket_address(uint32_t port, uint32_t node, struct sockaddr_tipc *addr)
+{
+    memset(addr, 0, sizeof(*addr));
+    addr->family = AF_TIPC;
+    addr->addrtype = TIPC_SOCKET_ADDR;
+    addr->addr.id.ref = port;
+    addr->addr.id.node = node;
+}
+
 static void point_at(sim_socket_t *socket, const sim_state_t *state, const sim_socket_t *peer)
 {
     struct sockaddr_tipc addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.family = AF_TIPC;
-    addr.addrtype = TIPC_SOCKET_ADDR;
-    addr.addr.id.ref = peer->port;
-    addr.addr.id.node = sim_node_address(state, peer->node);
+    preload_socket_address(peer->port, sim_node_address(state, peer->node), &addr);
     memcpy(socket->dest, &addr, sizeof(addr));
     socket->paired = 1;
 }
@@ -128,10 +139,8 @@ int preload_socketpair(int type, int protocol, int fds[2])
     sim_socket_t *one = new_socket(self, type, &pair[0]);
     sim_socket_t *other = one != nullptr ? new_socket(self, type, &pair[1]) : nullptr;
     if (other == nullptr) {
-        if (one != nullptr) {
-            (void)sys_close(pair[0]);
-            sim_socket_close(self, one, false);
-        }
+        if (one != nullptr)
+            discard_socket(self, one, pair[0]);
         return -1;
     }
     join(preload_state(self), one, other);
@@ -145,7 +154,7 @@ int preload_socketpair(int type, int protocol, int fds[2])
 static int take_address(const struct sockaddr *from, socklen_t len, struct sockaddr_tipc *addr)
 {
     memset(addr, 0, sizeof(*addr));
-    if (len > MAX_ADDRESS)
+    if (len > PRELOAD_MAX_ADDRESS)
         return EINVAL;
     if (!preload_readable(from, len))
         return EFAULT;
@@ -205,15 +214,6 @@ int preload_listen(sim_socket_t *socket)
     return done ? 0 : preload_fail(EINVAL);
 }
 
-static void socket_address(const sim_state_t *state, uint32_t port, uint32_t node, struct sockaddr_tipc *addr)
-{
-    memset(addr, 0, sizeof(*addr));
-    addr->family = AF_TIPC;
-    addr->addrtype = TIPC_SOCKET_ADDR;
-    addr->addr.id.ref = port;
-    addr->addr.id.node = sim_node_address(state, node);
-}
-
 // Gives an address to the application, cut to its room.
 static int give_address(const struct sockaddr_tipc *addr, struct sockaddr *out, socklen_t *len)
 {
@@ -232,8 +232,13 @@ static int give_address(const struct sockaddr_tipc *addr, struct sockaddr *out, 
 int preload_getsockname(sim_socket_t *socket, struct sockaddr *out, socklen_t *len)
 {
     struct sockaddr_tipc addr;
-    socket_address(preload_state(preload_self()), socket->port, socket->node, &addr);
+    preload_socket_address(socket->port, sim_node_address(preload_state(preload_self()), socket->node), &addr);
     return give_address(&addr, out, len);
+}
+
+static void peer_address(const sim_state_t *state, const sim_socket_t *socket, struct sockaddr_tipc *addr)
+{
+    preload_socket_address(sim_conn_peer(socket), sim_node_address(state, socket->peer_node), addr);
 }
 
 int preload_getpeername(sim_socket_t *socket, struct sockaddr *out, socklen_t *len)
@@ -245,7 +250,7 @@ int preload_getpeername(sim_socket_t *socket, struct sockaddr *out, socklen_t *l
     }
     if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED)
         return preload_fail(ENOTCONN);
-    socket_address(preload_state(preload_self()), sim_conn_peer(socket), socket->peer_node, &addr);
+    peer_address(preload_state(preload_self()), socket, &addr);
     return give_address(&addr, out, len);
 }
 
@@ -288,16 +293,14 @@ int preload_accept(int fd, sim_socket_t *socket, struct sockaddr *addr, socklen_
             return -1;
         sim_socket_open(fresh);                 // the client's first message may arrive at once
         if (!sim_accept(self, socket, fresh)) { // another thread or process took it
-            (void)sys_close(fresh_fd);
-            sim_socket_close(self, fresh, false);
+            discard_socket(self, fresh, fresh_fd);
             continue;
         }
         sim_socket_quiet(self, socket, fd);
         struct sockaddr_tipc from;
-        socket_address(preload_state(self), sim_conn_peer(fresh), fresh->peer_node, &from);
+        peer_address(preload_state(self), fresh, &from);
         if (addr != nullptr && give_address(&from, addr, len) != 0) {
-            (void)sys_close(fresh_fd);
-            sim_socket_close(self, fresh, false);
+            discard_socket(self, fresh, fresh_fd);
             return -1;
         }
         preload_remember(fresh_fd, fresh->port);
@@ -367,7 +370,7 @@ int preload_connect(int fd, sim_socket_t *socket, const struct sockaddr *generic
     return wait_for_connect(socket);
 }
 
-int preload_shutdown(int fd, sim_socket_t *socket, int how)
+int preload_shutdown(sim_socket_t *socket, int how)
 {
     const sim_self_t *self = preload_self();
     if (how != SHUT_RDWR)
@@ -377,6 +380,5 @@ int preload_shutdown(int fd, sim_socket_t *socket, int how)
     sim_disconnect(self, socket, TIPC_CONN_SHUTDOWN);
     sim_store(&socket->shut, 1U);
     sim_socket_notify(self, socket);
-    (void)fd;
     return was ? 0 : preload_fail(ENOTCONN);
 }

@@ -210,16 +210,14 @@ static uint32_t port_inside(int fd)
     return (uint32_t)(data >> 32) == SIM_MAGIC ? (uint32_t)data : SIM_NONE;
 }
 
-bool preload_adopt(int fd)
+void preload_adopt(int fd)
 {
     if (fd < 0 || fd >= MAX_FDS || !sim_socket_is(fd))
-        return false;
+        return;
     uint32_t port = port_inside(fd);
     const sim_self_t *self = port != SIM_NONE ? preload_self() : nullptr;
-    if (self == nullptr || sim_socket_of(preload_state(self), port) == nullptr)
-        return false;
-    preload_remember(fd, port);
-    return true;
+    if (self != nullptr && sim_socket_of(preload_state(self), port) != nullptr)
+        preload_remember(fd, port);
 }
 
 int preload_wait_change(sim_socket_t *socket, uint32_t seen, int64_t until)

@@ -36,15 +36,10 @@ __attribute__((constructor)) static void find_calls()
 
 constexpr nfds_t FEW = 64;          // descriptors whose records fit on the stack
 constexpr nfds_t MANY = 1U << 20;   // more than a process can have
-constexpr int64_t EVER = INT64_MAX; // us
 constexpr int64_t LONG = 1LL << 40; // ms: a time-out that never comes, for a wait that a signal is to interrupt
 constexpr short INPUT = POLLIN | POLLRDNORM;
 constexpr short OUTPUT = POLLOUT | POLLWRNORM | POLLWRBAND;
 constexpr short ALWAYS = POLLERR | POLLHUP;
-
-extern "C" int __poll_chk(struct pollfd *fds, nfds_t num, int ms, size_t size);
-extern "C" int __ppoll_chk(struct pollfd *fds, nfds_t num, const struct timespec *limit, const sigset_t *mask,
-                           size_t size);
 
 int64_t preload_now_us(void)
 {
@@ -59,11 +54,6 @@ void preload_silence(const sim_self_t *self, sim_socket_t *socket, int fd)
     sim_socket_quiet(self, socket, fd);
 }
 
-static sim_socket_t *socket_at(int fd)
-{
-    return fd >= 0 && preload_known(fd) ? preload_socket_at(fd) : nullptr;
-}
-
 static short events_of(sim_socket_t *socket)
 {
     return sim_socket_events(preload_state(preload_self()), socket);
@@ -74,18 +64,18 @@ static int64_t end_of(int64_t seconds, int64_t us)
 {
     if (seconds == 0 && us == 0)
         return 0;
-    return seconds > LONG ? EVER : preload_now_us() + seconds * 1000000 + us;
+    return seconds > LONG ? PRELOAD_EVER : preload_now_us() + seconds * 1000000 + us;
 }
 
-static int64_t left_until(int64_t until)
+int64_t preload_left_until(int64_t until)
 {
-    if (until == 0 || until == EVER)
+    if (until == 0 || until == PRELOAD_EVER)
         return until;
     int64_t left = until - preload_now_us();
     return left > 0 ? left : 0;
 }
 
-static struct timespec span(int64_t us)
+struct timespec preload_span(int64_t us)
 {
     struct timespec time = {};
     time.tv_sec = (time_t)(us / 1000000);
@@ -147,7 +137,7 @@ static int finish(const polled_t *p)
 static int wait_once(const polled_t *p, int64_t left, uint32_t seen)
 {
     if (!p->ready && p->sliced && p->num == 1 && p->mask == nullptr && left != 0 && (p->fds[0].events & INPUT) == 0) {
-        int64_t until = left == EVER ? sys_now() + LONG : p->until / 1000 + 1;
+        int64_t until = left == PRELOAD_EVER ? sys_now() + LONG : p->until / 1000 + 1;
         p->native[0].revents = 0;
         return preload_wait_change(p->sockets[0], seen, until) == EINTR ? EINTR : 0;
     }
@@ -155,9 +145,10 @@ static int wait_once(const polled_t *p, int64_t left, uint32_t seen)
         left = 0;
     else if (p->sliced && left > PRELOAD_SLICE)
         left = PRELOAD_SLICE;
-    struct timespec limit = left != EVER ? span(left) : timespec{};
+    struct timespec limit = left != PRELOAD_EVER ? preload_span(left) : timespec{};
     int before = errno;
-    int ret = CALL_NEXT(ppoll)(p->native, p->num, left != EVER ? &limit : nullptr, p->ready ? nullptr : p->mask);
+    int ret =
+        CALL_NEXT(ppoll)(p->native, p->num, left != PRELOAD_EVER ? &limit : nullptr, p->ready ? nullptr : p->mask);
     int err = ret < 0 ? errno : 0;
     errno = before;
     return err;
@@ -166,10 +157,10 @@ static int wait_once(const polled_t *p, int64_t left, uint32_t seen)
 static int wait_on(polled_t *p)
 {
     for (nfds_t i = 0; i < p->num; i++)
-        p->sockets[i] = socket_at(p->fds[i].fd);
+        p->sockets[i] = preload_socket_at(p->fds[i].fd);
     for (;;) {
         uint32_t seen = p->sockets[0] != nullptr ? sim_load(&p->sockets[0]->change) : 0;
-        int64_t left = left_until(p->until);
+        int64_t left = preload_left_until(p->until);
         prepare(p);
         int err = wait_once(p, left, seen);
         if (err != 0 && !(err == EINTR && p->ready))
@@ -232,30 +223,31 @@ static int poll_until(struct pollfd *fds, nfds_t num, int64_t until, const sigse
     return wait_on(&p);
 }
 
+// Quick: each descriptor is asked when the wait begins.
 static bool any_socket(struct pollfd *fds, nfds_t num)
 {
     if (num == 0 || num > MANY || !preload_readable(fds, num * sizeof(*fds)))
         return false;
     for (nfds_t i = 0; i < num; i++) {
-        if (socket_at(fds[i].fd) != nullptr)
+        if (preload_known(fds[i].fd))
             return true;
     }
     return false;
 }
 
-static bool valid(const struct timespec *limit)
+bool preload_valid_limit(const struct timespec *limit)
 {
     return limit == nullptr || (limit->tv_sec >= 0 && limit->tv_nsec >= 0 && limit->tv_nsec < 1000000000);
 }
 
-static int64_t end_of_limit(const struct timespec *limit)
+int64_t preload_end_of_limit(const struct timespec *limit)
 {
-    return limit != nullptr ? end_of(limit->tv_sec, (limit->tv_nsec + 999) / 1000) : EVER;
+    return limit != nullptr ? end_of(limit->tv_sec, (limit->tv_nsec + 999) / 1000) : PRELOAD_EVER;
 }
 
-static int64_t end_of_ms(int ms)
+int64_t preload_end_of_ms(int ms)
 {
-    return ms < 0 ? EVER : end_of(0, (int64_t)ms * 1000);
+    return ms < 0 ? PRELOAD_EVER : end_of(0, (int64_t)ms * 1000);
 }
 
 extern "C" {
@@ -263,28 +255,28 @@ int poll(struct pollfd *fds, nfds_t num, int ms)
 {
     if (!any_socket(fds, num))
         return CALL_NEXT(poll)(fds, num, ms);
-    return poll_until(fds, num, end_of_ms(ms), nullptr);
+    return poll_until(fds, num, preload_end_of_ms(ms), nullptr);
 }
 
 int ppoll(struct pollfd *fds, nfds_t num, const struct timespec *limit, const sigset_t *mask)
 {
-    if (!valid(limit) || !any_socket(fds, num))
+    if (!preload_valid_limit(limit) || !any_socket(fds, num))
         return CALL_NEXT(ppoll)(fds, num, limit, mask);
-    return poll_until(fds, num, end_of_limit(limit), mask);
+    return poll_until(fds, num, preload_end_of_limit(limit), mask);
 }
 
 int __poll_chk(struct pollfd *fds, nfds_t num, int ms, size_t size)
 {
     if (size / sizeof(*fds) < num || !any_socket(fds, num))
         return CALL_NEXT(__poll_chk)(fds, num, ms, size);
-    return poll_until(fds, num, end_of_ms(ms), nullptr);
+    return poll_until(fds, num, preload_end_of_ms(ms), nullptr);
 }
 
 int __ppoll_chk(struct pollfd *fds, nfds_t num, const struct timespec *limit, const sigset_t *mask, size_t size)
 {
-    if (size / sizeof(*fds) < num || !valid(limit) || !any_socket(fds, num))
+    if (size / sizeof(*fds) < num || !preload_valid_limit(limit) || !any_socket(fds, num))
         return CALL_NEXT(__ppoll_chk)(fds, num, limit, mask, size);
-    return poll_until(fds, num, end_of_limit(limit), mask);
+    return poll_until(fds, num, preload_end_of_limit(limit), mask);
 }
 }
 
@@ -353,7 +345,7 @@ static void prepare_sets(selected_t *s)
             s->native.in[k][i] = s->asked.in[k] != nullptr ? s->asked.in[k][i] : 0;
     }
     for (int fd = next_asked(&s->asked, 0, s->num); fd < s->num; fd = next_asked(&s->asked, fd + 1, s->num)) {
-        sim_socket_t *socket = socket_at(fd);
+        sim_socket_t *socket = preload_socket_at(fd);
         if (socket == nullptr)
             continue;
         short events = events_of(socket);
@@ -371,7 +363,7 @@ static int finish_sets(const selected_t *s)
 {
     int count = 0;
     for (int fd = next_asked(&s->asked, 0, s->num); fd < s->num; fd = next_asked(&s->asked, fd + 1, s->num)) {
-        sim_socket_t *socket = socket_at(fd);
+        sim_socket_t *socket = preload_socket_at(fd);
         if (socket != nullptr) {
             short events = events_of(socket);
             unsigned found = chosen(&s->asked, fd, events);
@@ -393,10 +385,10 @@ static int select_once(const selected_t *s, int64_t left)
         left = 0;
     else if (s->sliced && left > PRELOAD_SLICE)
         left = PRELOAD_SLICE;
-    struct timespec limit = left != EVER ? span(left) : timespec{};
+    struct timespec limit = left != PRELOAD_EVER ? preload_span(left) : timespec{};
     int before = errno;
     int ret = CALL_NEXT(pselect)(s->num, (fd_set *)s->native.in[READ_SET], (fd_set *)s->native.in[WRITE_SET],
-                                 (fd_set *)s->native.in[EXCEPT_SET], left != EVER ? &limit : nullptr,
+                                 (fd_set *)s->native.in[EXCEPT_SET], left != PRELOAD_EVER ? &limit : nullptr,
                                  s->ready ? nullptr : s->mask);
     int err = ret < 0 ? errno : 0;
     errno = before;
@@ -408,7 +400,7 @@ static int select_once(const selected_t *s, int64_t left)
 static int select_on(selected_t *s)
 {
     for (;;) {
-        int64_t left = left_until(s->until);
+        int64_t left = preload_left_until(s->until);
         prepare_sets(s);
         int err = select_once(s, left);
         if (err != 0 && !(err == EINTR && s->ready))
@@ -464,7 +456,7 @@ static bool any_selected(int num, const sets_t *sets)
             return false;
     }
     for (int fd = next_asked(sets, 0, num); fd < num; fd = next_asked(sets, fd + 1, num)) {
-        if (socket_at(fd) != nullptr)
+        if (preload_known(fd))
             return true;
     }
     return false;
@@ -477,10 +469,10 @@ int select(int num, fd_set *in, fd_set *out, fd_set *except, struct timeval *lim
     bool odd = limit != nullptr && (limit->tv_sec < 0 || limit->tv_usec < 0);
     if (odd || !any_selected(num, &sets))
         return CALL_NEXT(select)(num, in, out, except, limit);
-    int64_t until = limit != nullptr ? end_of(limit->tv_sec, limit->tv_usec) : EVER;
+    int64_t until = limit != nullptr ? end_of(limit->tv_sec, limit->tv_usec) : PRELOAD_EVER;
     int ret = select_until(num, &sets, until, nullptr);
-    if (limit != nullptr && until != EVER) { // as the kernel, also after a failure
-        int64_t left = left_until(until);
+    if (limit != nullptr && until != PRELOAD_EVER) { // as the kernel, also after a failure
+        int64_t left = preload_left_until(until);
         limit->tv_sec = (time_t)(left / 1000000);
         limit->tv_usec = (suseconds_t)(left % 1000000);
     }
@@ -490,8 +482,8 @@ int select(int num, fd_set *in, fd_set *out, fd_set *except, struct timeval *lim
 int pselect(int num, fd_set *in, fd_set *out, fd_set *except, const struct timespec *limit, const sigset_t *mask)
 {
     sets_t sets = {{(unsigned long *)in, (unsigned long *)out, (unsigned long *)except}};
-    if (!valid(limit) || !any_selected(num, &sets))
+    if (!preload_valid_limit(limit) || !any_selected(num, &sets))
         return CALL_NEXT(pselect)(num, in, out, except, limit, mask);
-    return select_until(num, &sets, end_of_limit(limit), mask);
+    return select_until(num, &sets, preload_end_of_limit(limit), mask);
 }
 }

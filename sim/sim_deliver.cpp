@@ -8,9 +8,21 @@
 #include <linux/tipc.h>
 #include <sys/socket.h>
 
-constexpr uint32_t HEADER = 24;       // bytes of a message's head that flow control counts
 constexpr uint32_t ACK_RATE = 4;      // a window is acknowledged in as many parts
 constexpr uint32_t RETURN_COST = 128; // bytes charged for a returned message, beside its data
+
+size_t sim_gather(void *to, size_t size, const struct iovec *parts, size_t num, size_t from)
+{
+    size_t at = 0;
+    for (size_t i = 0; i < num && at < size; i++) {
+        size_t skip = from < parts[i].iov_len ? from : parts[i].iov_len;
+        size_t len = parts[i].iov_len - skip < size - at ? parts[i].iov_len - skip : size - at;
+        sim_copy((uint8_t *)to + at, (const uint8_t *)parts[i].iov_base + skip, len);
+        from -= skip;
+        at += len;
+    }
+    return at;
+}
 
 sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, const struct iovec *data, size_t num)
 {
@@ -18,18 +30,8 @@ sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, con
     if (block == nullptr)
         return nullptr;
     block->record = *record;
-    size_t at = 0;
-    for (size_t i = 0; i < num && at < record->len; i++) {
-        size_t part = data[i].iov_len < record->len - at ? data[i].iov_len : record->len - at;
-        sim_copy(block->data + at, data[i].iov_base, part);
-        at += part;
-    }
+    (void)sim_gather(block->data, record->len, data, num, 0);
     return block;
-}
-
-static uint32_t blocks_of(uint32_t bytes)
-{
-    return (bytes + HEADER) / SIM_FLOW_BLOCK + 1;
 }
 
 // The other side of a connection has ended it. False when the message is not from the peer.
@@ -159,18 +161,25 @@ void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_
         (void)sim_deliver(self, block);
 }
 
-// A message of a connection, without data.
-static void tell_peer(const sim_self_t *self, const sim_socket_t *socket, uint32_t kind, uint32_t err)
+// A message of a connection, without data: from the socket to its peer, or the other way.
+static sim_record_t between(const sim_state_t *state, const sim_socket_t *socket, bool to_peer, uint32_t kind,
+                            uint32_t err)
 {
     sim_record_t record = {};
     record.kind = kind;
-    record.src_port = socket->port;
-    record.src_index = socket->node;
-    record.src_node = sim_node_address(self->cluster->state, socket->node);
-    record.dst_port = sim_conn_peer(socket);
-    record.dst_index = socket->peer_node;
+    record.src_port = to_peer ? socket->port : sim_conn_peer(socket);
+    record.src_index = to_peer ? socket->node : socket->peer_node;
+    record.src_node = sim_node_address(state, record.src_index);
+    record.dst_port = to_peer ? sim_conn_peer(socket) : socket->port;
+    record.dst_index = to_peer ? socket->peer_node : socket->node;
     record.err = err;
     record.importance = TIPC_CRITICAL_IMPORTANCE;
+    return record;
+}
+
+static void tell_peer(const sim_self_t *self, const sim_socket_t *socket, uint32_t kind, uint32_t err)
+{
+    sim_record_t record = between(self->cluster->state, socket, true, kind, err);
     sim_block_t *block = sim_message(self, &record, nullptr, 0);
     uint32_t refused = block != nullptr ? sim_deliver(self, block) : (uint32_t)TIPC_OK;
     if (refused != TIPC_OK && err == TIPC_OK)
@@ -215,7 +224,7 @@ bool sim_accept(const sim_self_t *self, sim_socket_t *listener, sim_socket_t *fr
 
 void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t bytes)
 {
-    uint32_t unacked = sim_add(&socket->rcv_unacked, blocks_of(bytes)) + blocks_of(bytes);
+    uint32_t unacked = sim_add(&socket->rcv_unacked, sim_flow_blocks(bytes)) + sim_flow_blocks(bytes);
     if (unacked < socket->rcv_window / ACK_RATE || !sim_swap(&socket->rcv_unacked, unacked, 0U))
         return;
     sim_socket_t *peer = sim_socket_of(self->cluster->state, sim_conn_peer(socket));
@@ -283,18 +292,9 @@ void sim_disconnect(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
 
 void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
 {
-    uint32_t node = socket->peer_node;
-    if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED || node >= SIM_MAX_NODES)
+    if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED || socket->peer_node >= SIM_MAX_NODES)
         return; // who waits for an answer goes on waiting
-    sim_record_t record = {};
-    record.kind = SIM_CONN_DATA;
-    record.src_port = sim_conn_peer(socket);
-    record.src_index = node;
-    record.src_node = self->cluster->state->nodes[node];
-    record.dst_port = socket->port;
-    record.dst_index = socket->node;
-    record.err = err;
-    record.importance = TIPC_CRITICAL_IMPORTANCE;
+    sim_record_t record = between(self->cluster->state, socket, false, SIM_CONN_DATA, err);
     sim_block_t *block = sim_message(self, &record, nullptr, 0);
     if (block != nullptr)
         (void)sim_deliver_now(self, block);

@@ -17,6 +17,8 @@ uint32_t sim_deliver(const sim_self_t *self, sim_block_t *block);
 uint32_t sim_deliver_now(const sim_self_t *self, sim_block_t *block);
 // Makes a block of a record and its data. Null without memory.
 sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, const struct iovec *data, size_t num);
+// Copies at most `size` bytes, from byte `from` of all parts on, and returns how many.
+size_t sim_gather(void *to, size_t size, const struct iovec *parts, size_t num, size_t from);
 // Sends a message back that was refused or never read, with what it began with. Does nothing when it is droppable, or
 // was returned itself. Without `data` it comes back empty.
 void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_t *data, uint32_t err);
@@ -24,6 +26,11 @@ void sim_return(const sim_self_t *self, const sim_record_t *record, const uint8_
 // Takes a SYN out of the queue of a listening socket and connects `fresh` with its sender. The SYN's data, if any, is
 // the first message of `fresh`. False when the queue is empty.
 bool sim_accept(const sim_self_t *self, sim_socket_t *listener, sim_socket_t *fresh);
+static inline uint32_t sim_flow_blocks(uint32_t bytes) // that flow control counts for a message
+{
+    constexpr uint32_t header = 24; // bytes of its head
+    return (bytes + header) / SIM_FLOW_BLOCK + 1;
+}
 // Counts a message of `bytes` that was read from a connection; the sender may go on.
 void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t bytes);
 // Ends the connection of a socket, as shutdown() and close() do: `err` is what the peer reads.

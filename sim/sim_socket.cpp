@@ -43,7 +43,6 @@ static void reset_options(const sim_state_t *state, sim_socket_t *socket)
     socket->sndbuf = 0;
     socket->conn_timeout = DEFAULT_CONN_TIMEOUT;
     socket->nodelay = 0;
-    socket->mcast = 0;
     socket->lowat = 1;
     socket->inert = 0;
     socket->paired = 0;

@@ -83,7 +83,6 @@ typedef struct sim_socket_s {
     uint32_t sndbuf;
     uint32_t conn_timeout; // ms
     uint32_t nodelay;
-    uint32_t mcast; // the replication chosen: 0, TIPC_MCAST_BROADCAST or TIPC_MCAST_REPLICAST
     uint32_t lowat;
     uint64_t inert;   // options of SOL_SOCKET that were set and have no effect, a bit each
     uint32_t paired;  // 1: made by socketpair, without a connection
