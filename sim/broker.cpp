@@ -14,10 +14,12 @@
 #include <sys/un.h>
 
 #include "sim_files.h"
+#include "tipcsim_processes.h"
 
 broker_t g_broker;
 
 constexpr int64_t LOOK_MS = 200;          // the interval of checks for what no descriptor reports
+constexpr int64_t REST_MS = 1000;         // between looks at all processes of the machine
 constexpr uint32_t LOOK_SLOTS = 64;       // sockets per look: each costs a walk through all sockets' locks
 constexpr int64_t FIRST_CLIENT_MS = 5000; // ample: the process that starts the broker connects at once
 constexpr int LISTEN_TRIES = 1000;        // ms: the descriptors of a broker that was killed are closed one by one
@@ -328,8 +330,9 @@ static void remove_cluster(const char *dir)
 }
 
 // Removes the folder when nothing uses it. A process that was started in the cluster holds a lock on its "p." file as
-// long as it, or a child of it, lives, and a launcher that made the cluster one on "keep". The cluster's lock keeps
-// processes from joining between the check and the removal.
+// long as it, or a child of it, lives, and a launcher that made the cluster one on "keep". A process that closed all
+// descriptors, and may yet make a socket, is known by its mark. The cluster's lock keeps processes from joining between
+// the check and the removal.
 static bool ended()
 {
     if (!g_broker.check_end || !g_broker.conns.empty() || sys_now() < g_broker.awaited || sockets_open())
@@ -342,6 +345,10 @@ static bool ended()
     used = locked("keep", true) || used || sockets_open();
     struct epoll_event ready;
     used = used || sys_epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // a client is connecting
+    if (!used && tree_any(tree_number(g_broker.cluster.dir))) {
+        used = true;
+        g_broker.awaited = sys_now() + REST_MS;
+    }
     if (!used) {
         keeper_end(&g_broker.cluster);
         remove_cluster(g_broker.cluster.dir);

@@ -45,7 +45,7 @@ typedef struct broker_s {
     uint32_t node_num;  // nodes that the topology service knows of
     uint32_t next_slot; // where the next look for sockets that nobody holds begins
     bool check_end;     // something happened after which nothing may use the cluster any more
-    int64_t awaited;    // ms: the broker waits for its first client until then
+    int64_t awaited;    // ms: a client may still come, so the broker does not end before
     int64_t next_look;  // ms: when it next looks for what no descriptor reports
 } broker_t;
 

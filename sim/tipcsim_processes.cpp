@@ -107,9 +107,14 @@ static bool ended(const seen_t &seen)
     return seen.state == 'Z' || seen.state == 'X';
 }
 
+uint64_t tree_number(const char *dir)
+{
+    return strtoull(whole_file(std::string(dir) + "/mark").c_str(), nullptr, 10);
+}
+
 static uint64_t cluster_id()
 {
-    return strtoull(whole_file(in_cluster("mark")).c_str(), nullptr, 10);
+    return tree_number(g_cluster.dir);
 }
 
 // The value of a variable in the environment that a program was started with.
@@ -138,6 +143,20 @@ static uint32_t node_at(uint32_t place)
     if (place == 0)
         return TREE_COMMAND;
     return place <= SIM_MAX_NODES ? sim_load(&g_cluster.state->nodes[place - 1]) : NOBODY;
+}
+
+bool tree_any(uint64_t id)
+{
+    bool any = false;
+    sim_each_file("/proc", "", [&any, id](const std::string &name) {
+        seen_t seen;
+        if (any || name.find_first_not_of("0123456789") != std::string::npos ||
+            !look_at((pid_t)atol(name.c_str()), &seen))
+            return;
+        uint32_t place = (uint32_t)seen.mark & SERVANT_PLACE;
+        any = (seen.mark >> NODE_BITS & ID_MASK) == id && place != 0 && place != SERVANT_PLACE && !ended(seen);
+    });
+    return any;
 }
 
 static void find_out(seen_map_t *all, seen_t *seen, uint64_t id)

@@ -20,6 +20,8 @@ constexpr uint32_t TREE_COMMAND = 0;          // in place of a node: the command
 constexpr uint32_t TREE_SERVANT = UINT32_MAX; // and what serves a cluster, and is never signalled
 
 void tree_id(); // gives the cluster its number, if it has none; called with the cluster's lock held
+uint64_t tree_number(const char *dir); // of the cluster in this folder; 0 for none
+bool tree_any(uint64_t number);        // whether a process of one of its nodes is alive
 // Marks this process, and all that it starts from now on.
 void tree_mark(uint32_t node);
 
