@@ -275,11 +275,15 @@ static bool readable_at(uintptr_t at)
     return keep(s_readable, at, sys_call(SYS_rt_sigprocmask, -1, mask, nullptr, (size_t)8) != -EFAULT);
 }
 
+// The kernel adds 0 to a word of the page, which leaves what is in it, and what another thread writes to it meanwhile.
 static bool writable_at(uintptr_t at)
 {
     if (tried(s_writable, at))
         return true;
-    return keep(s_writable, at, sys_call(SYS_getrandom, (void *)at, (size_t)1, 0) != -EFAULT);
+    void *word = (void *)(at & ~(uintptr_t)3);
+    long ret = sys_call(SYS_futex, word, FUTEX_WAKE_OP | FUTEX_PRIVATE_FLAG, 0, (void *)nullptr, word,
+                        FUTEX_OP(FUTEX_OP_ADD, 0, FUTEX_OP_CMP_LT, 0));
+    return keep(s_writable, at, ret != -EFAULT);
 }
 
 static bool usable(bool (*usable_at)(uintptr_t), const void *data, size_t size)

@@ -91,6 +91,17 @@ TEST_F(calls, a_bad_pointer_for_the_data_leaves_the_message)
     expect_none();
 }
 
+TEST_F(calls, memory_that_is_not_to_change_stays_as_it_was)
+{
+    EXPECT_EQ(on(1).ask("fresh r recv"), "EAGAIN changed=0");
+    send(5);
+    EXPECT_EQ(on(1).get("fresh r recvfrom").of["fromlen"], "16");
+    send(5);
+    EXPECT_EQ(on(1).get("fresh r recvfrom").of["changed"], "0");
+    EXPECT_EQ(on(1).ask("fresh r nodeid"), "0 changed=0");
+    expect_none();
+}
+
 TEST_F(calls, a_bad_pointer_for_the_address_loses_the_message)
 {
     for (const char *call : {"recvfrom", "recvfrom_len"}) {

@@ -1,6 +1,7 @@
 // The probe's commands for the less usual calls: vectors, many messages at once, bad pointers, ioctl, epoll, signals.
 #include "probe_verbs.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/uio.h>
@@ -170,6 +172,40 @@ static std::string fault(const words &w)
             return result(call->second(sd_of(w), (struct sockaddr *)&to));
     }
     return "unknown";
+}
+
+// fresh S recv|recvfrom|nodeid: the call with its arguments in memory that no call has used before, and how many bytes
+// of the rest are not as they were.
+static std::string fresh(const words &w)
+{
+    constexpr size_t PAGE = 4096;
+    constexpr uint8_t FILL = 'z';
+    void *memory = mmap(nullptr, 2 * PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        return "no memory";
+    memset(memory, FILL, 2 * PAGE);
+    auto *first = (uint8_t *)memory;
+    uint8_t *second = first + PAGE;
+    size_t used = 0; // bytes of the second page, at its begin
+    std::string text;
+    if (w.at(2) == "recv") {
+        text = result(recv(sd_of(w), second, PAGE, MSG_DONTWAIT));
+    } else if (w[2] == "recvfrom") {
+        auto *len = (socklen_t *)first;
+        *len = used = sizeof(struct sockaddr_tipc);
+        char data[100];
+        text = result(recvfrom(sd_of(w), data, sizeof(data), MSG_DONTWAIT, (struct sockaddr *)second, len));
+        text += " fromlen=" + str(*len);
+    } else {
+        struct sockaddr_tipc own;
+        socklen_t len = sizeof(own);
+        (void)getsockname(sd_of(w), (struct sockaddr *)&own, &len);
+        used = sizeof(struct tipc_sioc_nodeid_req);
+        memcpy(second, &own.addr.id.node, sizeof(own.addr.id.node));
+        text = result(ioctl(sd_of(w), SIOCGETNODEID, second));
+    }
+    auto changed = PAGE - used - (size_t)std::count(second + used, second + PAGE, FILL);
+    return text + " changed=" + str(changed);
 }
 
 // ioctl S NUMBER
@@ -341,9 +377,20 @@ static std::string send_with_sigpipe(const words &w)
 
 verb_table call_verbs()
 {
-    return {{"writev", do_writev},        {"readv", do_readv},       {"zero", no_bytes},
-            {"sendmmsg", do_sendmmsg},    {"recvmmsg", do_recvmmsg}, {"fault", fault},
-            {"ioctl", do_ioctl},          {"nodeid", node_id},       {"linkname", link_name},
-            {"epoll", watch_socket},      {"events", wait_events},   {"timeout", set_timeout},
-            {"interrupted", interrupted}, {"errno", keeps_errno},    {"pipesend", send_with_sigpipe}};
+    return {{"writev", do_writev},
+            {"readv", do_readv},
+            {"zero", no_bytes},
+            {"sendmmsg", do_sendmmsg},
+            {"recvmmsg", do_recvmmsg},
+            {"fault", fault},
+            {"ioctl", do_ioctl},
+            {"nodeid", node_id},
+            {"linkname", link_name},
+            {"epoll", watch_socket},
+            {"events", wait_events},
+            {"timeout", set_timeout},
+            {"interrupted", interrupted},
+            {"errno", keeps_errno},
+            {"pipesend", send_with_sigpipe},
+            {"fresh", fresh}};
 }
