@@ -18,6 +18,7 @@ static const char USAGE[] =
                         TEMPLATE a copy of the host's file, if there is one
   --node-files PRESET   the same for each line PATH=TEMPLATE of a file; without a slash in its name one that is installed
                         (default: TIPCSIM_NODE_FILES)
+  --identity TEXT       the node's identity: up to 16 characters, or 16 bytes as 32 hexadecimal digits (default nodeN)
   --force               run COMMAND even if the simulator's library cannot be loaded into it
 tipcsim cluster [options] -- COMMAND [ARG...]           make a cluster, run COMMAND, remove the cluster
   --nodes N             name nodes 1 to N in LAB_NODES and make their files (default 1)
@@ -140,6 +141,8 @@ static options_t parse(int argc, char **argv)
             options.cluster = value;
         else if (word == "--node")
             options.node = value;
+        else if (word == "--identity")
+            options.identity = value;
         else if (word == "--nodes")
             options.nodes = number(value, "--nodes", 1, SIM_MAX_NODES);
         else if (word == "--rmem")

@@ -14,6 +14,7 @@ typedef std::vector<std::string> words_t;
 typedef struct options_s {
     std::string cluster;
     std::string node;
+    std::string identity;
     long nodes = 1;
     long rmem = SIM_DEFAULT_RMEM;
     long tolerance = SIM_DEFAULT_TOLERANCE;
@@ -69,7 +70,8 @@ void check_program(const options_t &options); // whether it can be simulated (ti
 void begin_cluster(const options_t &options); // of `tipcsim cluster`: its settings and its first nodes
 void end_cluster();                           // its last process has ended: the folder is removed
 void look_at_end();                           // tells the broker that the launcher is through with the cluster
-void add_node(const std::string &node);       // dies when there are too many
+void add_node(const options_t &options);      // with its identity; dies when there are too many, or it has another one
+void serve_cluster();                         // starts a broker when there is none
 void lose_links(uint32_t node);               // all of a node that failed
 // Does what `verb` asks of the cluster, and gives the status to exit with. False when it is no such verb.
 bool state_command(const std::string &verb, const options_t &options, int *status);

@@ -103,8 +103,9 @@ int run(const options_t &options)
     tree_id();
     tree_mark((uint32_t)strtoul(node.c_str(), nullptr, 10));
     make_node_files(options, node);
+    add_node(options);
     (void)close(lock);
-    add_node(node);
+    serve_cluster();
     (void)setenv("TIPCSIM_FILES", node_file_list(node).c_str(), 1);
     (void)setenv("TIPCSIM_CLUSTER", g_cluster.dir, 1);
     (void)setenv("TIPCSIM_NODE", node.c_str(), 1);

@@ -212,10 +212,52 @@ static int impair(const std::string &verb, const options_t &options)
     return 0;
 }
 
-void add_node(const std::string &node)
+// The bytes of an identity: 16 of them in hexadecimal digits, or fewer as they stand.
+static std::string identity_of(const std::string &text)
 {
-    if (sim_node_index(g_cluster.state, node_number(node, "a node")) == SIM_ANY_NODE)
+    std::string bytes = text;
+    if (text.size() == 2UL * SIM_IDENTITY_LEN) {
+        bytes.clear();
+        for (size_t i = 0; i < text.size(); i += 2)
+            bytes.push_back((char)strtoul(text.substr(i, 2).c_str(), nullptr, 16));
+    }
+    bool digits = text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    if (bytes.size() > SIM_IDENTITY_LEN || (text.size() == 2UL * SIM_IDENTITY_LEN && !digits))
+        die("--identity " + text + ": it has up to 16 characters, or 32 hexadecimal digits");
+    bytes.resize(SIM_IDENTITY_LEN);
+    return bytes;
+}
+
+static void set_identity(uint32_t index, const std::string &text)
+{
+    sim_state_t *state = g_cluster.state;
+    std::string bytes = identity_of(text);
+    std::string first = "node" + std::to_string(state->nodes[index]);
+    first.resize(SIM_IDENTITY_LEN);
+    uint32_t num = sim_node_num(state);
+    for (uint32_t i = 0; i < num; i++) {
+        bool same = memcmp(state->identities[i], bytes.data(), SIM_IDENTITY_LEN) == 0;
+        if (same && i == index)
+            return;
+        if (same)
+            die("--identity " + text + ": node " + std::to_string(state->nodes[i]) + " has it");
+    }
+    if (memcmp(state->identities[index], first.data(), SIM_IDENTITY_LEN) != 0)
+        die("--identity " + text + ": node " + std::to_string(state->nodes[index]) + " has another one");
+    memcpy(state->identities[index], bytes.data(), SIM_IDENTITY_LEN);
+}
+
+void add_node(const options_t &options)
+{
+    uint32_t index = sim_node_index(g_cluster.state, node_number(options.node, "a node"));
+    if (index == SIM_ANY_NODE)
         die("a cluster has at most " + std::to_string(SIM_MAX_NODES) + " nodes");
+    if (!options.identity.empty())
+        set_identity(index, options.identity);
+}
+
+void serve_cluster()
+{
     if (g_cluster.state->held == 0) // the broker removes the cluster, even when the command never opens a socket
         start_broker();
 }
