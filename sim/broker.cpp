@@ -19,7 +19,7 @@
 broker_t g_broker;
 
 constexpr int64_t LOOK_MS = 200;          // the interval of checks for what no descriptor reports
-constexpr int64_t REST_MS = 1000;         // between looks at all processes of the machine
+constexpr int64_t LOOK_ALL_MS = 1000;     // between looks at all processes of the machine
 constexpr uint32_t LOOK_SLOTS = 64;       // sockets per look: each costs a walk through all sockets' locks
 constexpr int64_t FIRST_CLIENT_MS = 5000; // ample: the process that starts the broker connects at once
 constexpr int LISTEN_TRIES = 1000;        // ms: the descriptors of a broker that was killed are closed one by one
@@ -347,7 +347,7 @@ static bool ended()
     used = used || sys_epoll_wait(g_broker.epoll, &ready, 1, 0) > 0; // a client is connecting
     if (!used && tree_any(tree_number(g_broker.cluster.dir))) {
         used = true;
-        g_broker.awaited = sys_now() + REST_MS;
+        g_broker.awaited = sys_now() + LOOK_ALL_MS;
     }
     if (!used) {
         keeper_end(&g_broker.cluster);
