@@ -310,10 +310,11 @@ static void close_slot(const sim_self_t *self, sim_socket_t *socket, bool all_go
     sim_link_t tail = sim_load(&socket->tail);
     sim_store(&socket->tail, sim_link(sim_link_count(tail) + 1, SIM_NONE));
     sim_store(&socket->head, sim_link(sim_link_count(head) + 1, SIM_NONE));
+    // Also before the others are reclaimed: its sender may not have given it to the queue yet.
+    if (sim_link_number(head) != SIM_NONE)
+        sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     if (all_gone)
         sim_blocks_reclaim(state, sim_owner_queue(sim_socket_index(state, socket)));
-    else if (sim_link_number(head) != SIM_NONE)
-        sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     sim_store(&socket->use, (uint32_t)SIM_SLOT_FREE);
 }
 
