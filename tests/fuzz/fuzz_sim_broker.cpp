@@ -203,7 +203,7 @@ static void connect_to_service()
     uint32_t which = 0;
     sim_socket_t *socket = client(&which);
     if (socket == nullptr || sim_connectionless(socket) ||
-        !sim_swap(&socket->conn, sim_conn(SIM_CONN_OPEN, 0), sim_conn(SIM_CONN_CONNECTING, 0)))
+        !sim_swap(&socket->conn, sim_conn(SIM_CONN_OPEN, 0), sim_conn(SIM_CONN_CONNECTING, socket->port)))
         return;
     send_from(socket, SIM_SYN, broker_state()->topology, nullptr, 0);
 }

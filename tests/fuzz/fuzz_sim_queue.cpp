@@ -209,14 +209,14 @@ static void send_one(uint32_t which, sim_socket_t *from)
 static void send_connected(uint32_t which, sim_socket_t *from)
 {
     sim_socket_t *to = sim_socket_of(state(), sim_conn_peer(from));
-    if (sim_conn_state(from) != SIM_CONN_ESTABLISHED || to == nullptr || from->sent_unacked > from->send_window)
+    if (sim_conn_state(from) != SIM_CONN_ESTABLISHED || to == nullptr || sim_flow_full(sim_load(&from->flow)))
         return;
     s_model.busy[which]++;
     uint32_t id = new_message(to->port);
-    sim_record_t record = record_of(from, to->port, from->peer_node, id);
+    sim_record_t record = record_of(from, to->port, sim_conn_node(from), id);
     record.kind = SIM_CONN_DATA;
     record.droppable = 0;
-    (void)sim_add(&from->sent_unacked, (record.len + 24) / SIM_FLOW_BLOCK + 1);
+    sim_count_sent(from, (int32_t)sim_flow_blocks(record.len));
     if (send_out(to, &record, id) == TIPC_ERR_OVERLOAD)
         s_model.refused.push_back(from->port);
     s_model.messages[id].accepted = false; // the end of the connection may take it away
@@ -300,7 +300,7 @@ static void connect_one(uint32_t which, sim_socket_t *socket)
     uint32_t other = 0;
     const sim_socket_t *to = pick(&other);
     if (to == nullptr || to == socket || sim_connectionless(socket) || sim_connectionless(to) ||
-        !sim_swap(&socket->conn, sim_conn(SIM_CONN_OPEN, 0), sim_conn(SIM_CONN_CONNECTING, 0)))
+        !sim_swap(&socket->conn, sim_conn(SIM_CONN_OPEN, 0), sim_conn(SIM_CONN_CONNECTING, socket->port)))
         return;
     s_model.busy[which]++;
     sim_record_t syn = {};
@@ -520,12 +520,13 @@ static void check_connections()
 {
     for (uint32_t port : s_model.ports) {
         const sim_socket_t *socket = port != SIM_NONE ? sim_socket_of(state(), port) : nullptr;
-        if (socket == nullptr || sim_connectionless(socket) || sim_conn_state(socket) != SIM_CONN_ESTABLISHED)
+        if (socket == nullptr || sim_connectionless(socket))
+            continue;
+        require(sim_flow_unacked(socket->flow) < 1000);
+        if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED || was_refused(sim_conn_peer(socket)))
             continue;
         const sim_socket_t *peer = sim_socket_of(state(), sim_conn_peer(socket));
-        require(was_refused(sim_conn_peer(socket)) ||
-                (peer != nullptr && peer->conn == sim_conn(SIM_CONN_ESTABLISHED, port)));
-        require(socket->sent_unacked < 1000);
+        require(peer != nullptr && peer->conn == sim_conn(SIM_CONN_ESTABLISHED, port, socket->node));
     }
 }
 
