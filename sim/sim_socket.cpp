@@ -7,7 +7,10 @@
 
 constexpr uint32_t DEFAULT_CONN_TIMEOUT = 8000; // ms
 constexpr uint32_t FIRST_WINDOW = 128;          // blocks, of a connection
-constexpr uint32_t MAX_TRIES = 1U << 20;        // of a step that others come between: more are a queue that has no end
+#ifndef SIM_MAX_TRIES
+#define SIM_MAX_TRIES (1U << 20)
+#endif
+constexpr uint32_t MAX_TRIES = SIM_MAX_TRIES; // of a step that others come between: more are a queue that has no end
 
 static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
 {

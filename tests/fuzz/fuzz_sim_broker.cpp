@@ -189,7 +189,7 @@ static void send_from(const sim_socket_t *from, uint32_t kind, uint32_t port, co
 static void send_some()
 {
     static const uint8_t data[SIM_MAX_DATA] = {};
-    static const uint32_t lengths[] = {0, 10, 1000, 5000, 9000, 66000};
+    static const uint32_t lengths[] = {0, 10, 100, 1000, 5000, 66000};
     uint32_t which = 0;
     const sim_socket_t *from = client(&which);
     if (from != nullptr) {
@@ -305,8 +305,8 @@ static void write_wildly()
     size_t size = 0;
     void *place = some_place(&size);
     uint32_t value = some_word();
-    if (place == &broker_state()->node_num && below(&s_input, 16) != 0)
-        value %= 64; // all that there may be take long
+    if (place == &broker_state()->node_num && below(&s_input, 256) != 77)
+        value %= 16; // all that there may be take long
     memcpy(place, &value, size);
     s_wild = true;
 }
