@@ -73,7 +73,8 @@ static verdict_e filter(const sim_self_t *self, sim_socket_t *socket, const sim_
     case SIM_CONN_CONNECTING:
         if (record->kind == SIM_ACK)
             return connected(self, socket, record) ? DONE : REFUSE;
-        return record->kind == SIM_SYN && record->err != TIPC_OK && connect_refused(socket, record) ? QUEUE : REFUSE;
+        // The end comes first when the other was killed before it could answer.
+        return record->err != TIPC_OK && connect_refused(socket, record) ? QUEUE : REFUSE;
     case SIM_CONN_ESTABLISHED:
         if (record->src_port != sim_conn_peer(socket))
             return REFUSE;
@@ -306,12 +307,14 @@ void sim_disconnect(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
         (void)give_back(self, socket, err, true, true);
         return;
     }
-    bool ends = state == SIM_CONN_ESTABLISHED || state == SIM_CONN_CONNECTING;
-    if (ends && !sim_swap(&socket->conn, conn, sim_conn_ended(conn)))
+    if (state == SIM_CONN_CONNECTING && !sim_swap(&socket->conn, conn, sim_conn_ended(conn)))
         return sim_disconnect(self, socket, err); // it has changed this moment
     bool told = give_back(self, socket, err, state == SIM_CONN_ESTABLISHED, false);
     if (state == SIM_CONN_ESTABLISHED && !told)
         tell_peer(self, socket, SIM_CONN_DATA, err);
+    // After the peer knows: when we are killed before that, the broker tells it.
+    if (state == SIM_CONN_ESTABLISHED && !sim_swap(&socket->conn, conn, sim_conn_ended(conn)))
+        return sim_disconnect(self, socket, err);
     sim_socket_notify(self, socket);
 }
 

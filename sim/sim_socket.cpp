@@ -301,11 +301,16 @@ void sim_queue_close(sim_state_t *state, sim_socket_t *socket)
     }
 }
 
-void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket)
+void sim_socket_rouse(sim_socket_t *socket)
 {
     (void)sim_add(&socket->change, 1U);
     if (sim_load(&socket->waiting) != 0 && __atomic_exchange_n(&socket->waiting, 0U, __ATOMIC_SEQ_CST) != 0)
         sys_futex_wake(&socket->change);
+}
+
+void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket)
+{
+    sim_socket_rouse(socket);
     if (sim_swap(&socket->woken, 0U, 1U) || sim_load(&socket->edge) != 0)
         self->wake(self->cluster, socket);
 }

@@ -242,6 +242,7 @@ void sim_queue_close(sim_state_t *state, sim_socket_t *socket); // nothing can b
 
 // Tells the socket's users that something changed: waiters in calls, and who polls the descriptor.
 void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket);
+void sim_socket_rouse(sim_socket_t *socket); // waiters in calls alone
 // Makes the program's descriptor unreadable, unless there is something to report.
 void sim_socket_quiet(const sim_self_t *self, sim_socket_t *socket, int fd);
 // What poll() reports of it, POLLIN and so on.

@@ -19,6 +19,7 @@ using fuzz_sim::require;
 constexpr uint32_t DEPTHS = 3;
 constexpr uint32_t SOCKETS = 6; // of each input
 constexpr uint32_t MAX_OPERATIONS = 200;
+constexpr uint32_t MAX_RESTORES = 2;
 constexpr uint32_t TYPE = 1000;
 constexpr uint32_t NAMES = 6;
 constexpr uint32_t FIRST_SLOTS = 8;
@@ -54,6 +55,8 @@ typedef struct model_s {
     uint32_t operations;
     uint32_t receives;
     uint32_t kills;
+    uint32_t restores; // of names
+    bool half_open;    // a process was killed as it ended a connection for others, or sent on one
 } model_t;
 
 uint32_t g_fuzz_sim_left; // of the process at s_depth
@@ -490,7 +493,8 @@ static void operate(uint32_t depth)
     uint32_t busy[SOCKETS];
     bool changing = s_model.changing_names;
     memcpy(busy, s_model.busy, sizeof(busy));
-    process->kill = how >= (how % 16 == 1 ? 0xf0U : 0xc0U); // what the next broker does after that takes long
+    // What the next broker does after a change of names takes long.
+    process->kill = how >= (how % 16 != 1 ? 0xc0U : s_model.restores < MAX_RESTORES ? 0xf0U : UINT32_MAX);
     process->more = steps > 128;
     g_fuzz_sim_left = process->more ? steps - 128 : steps;
     if (setjmp(process->killed) == 0) { // NOLINT(modernize-avoid-setjmp-longjmp)
@@ -500,10 +504,12 @@ static void operate(uint32_t depth)
     }
     s_depth = depth;
     s_model.kills++;
+    s_model.half_open = s_model.half_open || (how % 16 >= 7 && how % 16 <= 9);
     memcpy(s_model.busy, busy, sizeof(busy));
     clean_up(depth);
     if (s_model.changing_names && !changing) {
         s_model.changing_names = false;
+        s_model.restores++;
         restore_names();
     }
     count_again();
@@ -567,7 +573,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     s_input = {data, size};
     while (s_input.left >= 3 && s_model.operations < MAX_OPERATIONS) {
         operate(0);
-        if (s_model.kills == 0)
+        if (!s_model.half_open)
             check_connections();
     }
     s_depth = 0;

@@ -260,6 +260,18 @@ TEST_F(sim_memory, a_connection_begins_carries_data_and_ends)
     EXPECT_EQ(receive(accepted), "returned 5 ");
 }
 
+// The broker ends the connection of a process that was killed in accept().
+TEST_F(sim_memory, who_is_connecting_learns_that_the_other_side_has_gone)
+{
+    sim_socket_t *client = open_socket(SOCK_SEQPACKET);
+    sim_socket_t *accepted = open_socket(SOCK_SEQPACKET, 1);
+    client->conn = sim_conn(SIM_CONN_CONNECTING, client->port);
+    accepted->conn = sim_conn(SIM_CONN_ESTABLISHED, client->port, client->node);
+    sim_socket_close(&self_, accepted, true);
+    EXPECT_EQ(sim_conn_state(client), (uint32_t)SIM_CONN_DISCONNECTING);
+    EXPECT_EQ(client->err, (uint32_t)ECONNREFUSED);
+}
+
 TEST_F(sim_memory, a_refused_connection_is_told)
 {
     sim_socket_t *client = open_socket(SOCK_STREAM);
