@@ -88,13 +88,16 @@ static void close_sockets_of(int32_t pid, uint32_t owner)
         close_socket(socket);
 }
 
-// A process that was killed between putting a message into a queue and waking the receiver has left that to us.
-static void wake_readers()
+// A process that was killed between a change of a socket and the wake-up has left that to us.
+static void wake_users()
 {
     uint32_t num = sim_socket_num(broker_state());
     for (uint32_t slot = 0; slot < num; slot++) {
         sim_socket_t *socket = slot_in_use(slot);
-        if (socket == nullptr || sim_queue_empty(broker_state(), socket))
+        if (socket == nullptr)
+            continue;
+        sim_socket_rouse(socket);
+        if ((sim_socket_events(broker_state(), socket) & (POLLIN | POLLHUP)) == 0)
             continue;
         sim_store(&socket->woken, 0U);
         sim_socket_notify(&g_broker.self, socket);
@@ -109,7 +112,7 @@ static void process_gone(uint32_t entry)
     sim_blocks_reclaim(broker_state(), owner);
     process->start = 0;
     sim_store(&process->pid, 0);
-    wake_readers();
+    wake_users();
     g_broker.check_end = true;
 }
 
@@ -532,7 +535,7 @@ static void finish_last()
         else if (slot_in_use(slot) != nullptr && !held(socket))
             close_socket(socket);
     }
-    wake_readers();
+    wake_users();
 }
 
 int broker_main(const char *dir, bool if_none)

@@ -136,7 +136,8 @@ static void end_delay(uint32_t a, uint32_t b, bool drop)
 static bool lost(const sim_socket_t *socket)
 {
     return !sim_connectionless(socket) && sim_conn_state(socket) == SIM_CONN_ESTABLISHED &&
-           socket->peer_node < SIM_MAX_NODES && !sim_linked(broker_state()->down, socket->node, socket->peer_node);
+           sim_conn_node(socket) < SIM_MAX_NODES &&
+           !sim_linked(broker_state()->down, socket->node, sim_conn_node(socket));
 }
 
 static void abort_connections()

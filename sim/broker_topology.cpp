@@ -108,7 +108,7 @@ static uint32_t send_event(const watcher_t *watcher, const struct tipc_event *ev
     record.src_index = socket->node;
     record.src_node = sim_node_address(broker_state(), socket->node);
     record.dst_port = sim_conn_peer(socket);
-    record.dst_index = socket->peer_node;
+    record.dst_index = sim_conn_node(socket);
     record.importance = socket->importance;
     struct iovec part = {const_cast<struct tipc_event *>(event), sizeof(*event)};
     sim_block_t *block = sim_message(&g_broker.self, &record, &part, 1);
@@ -123,14 +123,16 @@ static void flush(watcher_t *watcher)
     while (watcher->port != SIM_NONE && !watcher->events.empty()) {
         if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED)
             return; // topology_read() closes it
-        if (sim_load(&socket->sent_unacked) > socket->send_window)
+        if (sim_flow_full(sim_load(&socket->flow)))
             break;
+        sim_count_sent(socket, 1); // an event is one block of flow control
         uint32_t err = send_event(watcher, &watcher->events.front());
         if (err == TIPC_ERR_OVERLOAD)
             watcher->retry = sys_now() + RETRY_MS;
-        if (err != TIPC_OK)
+        if (err != TIPC_OK) {
+            sim_count_sent(socket, -1);
             break;
-        (void)sim_add(&socket->sent_unacked, 1U); // an event is one block of flow control
+        }
         watcher->events.pop_front();
     }
     if (watcher->events.size() > MAX_EVENTS || (watcher->ending && watcher->events.empty()))

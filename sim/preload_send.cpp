@@ -296,7 +296,7 @@ static ssize_t send_syn(const outgoing_t *out, const struct sockaddr_tipc *addr)
 {
     sim_socket_t *socket = out->socket;
     uint64_t open = sim_conn(SIM_CONN_OPEN, 0);
-    uint64_t connecting = sim_conn(SIM_CONN_CONNECTING, 0);
+    uint64_t connecting = sim_conn(SIM_CONN_CONNECTING, socket->port);
     if (out->len > SIM_MAX_DATA)
         return preload_fail(EMSGSIZE);
     if (sim_load(&socket->published) != 0)
@@ -330,10 +330,10 @@ static int wait_for_window(const outgoing_t *out)
             return EPIPE;
         if (conn != SIM_CONN_ESTABLISHED)
             return ENOTCONN;
-        int err = wait_for_link(out, socket->peer_node);
+        int err = wait_for_link(out, sim_conn_node(socket));
         if (err != 0)
             return err;
-        if (sim_load(&socket->sent_unacked) <= sim_load(&socket->send_window))
+        if (!sim_flow_full(sim_load(&socket->flow)))
             return 0;
         err = blocks(out) ? preload_wait_change(socket, seen, out->until) : EAGAIN;
         if (err != 0)
@@ -369,7 +369,7 @@ static void ask_for_window(sim_state_t *state, sim_socket_t *socket)
     sim_socket_t *peer = sim_socket_of(state, sim_conn_peer(socket));
     if (peer == nullptr || socket->nodelay != 0)
         return;
-    sim_store(&socket->send_window, peer->rcvbuf / SIM_WINDOW_UNIT);
+    sim_set_window(socket, peer->rcvbuf / SIM_WINDOW_UNIT);
     sim_store(&peer->rcv_window, peer->rcvbuf / SIM_WINDOW_UNIT);
 }
 
@@ -382,13 +382,13 @@ static int send_part(const outgoing_t *out, size_t from, size_t len)
     sim_record_t record = record_of(out, SIM_CONN_DATA);
     record.len = (uint32_t)len;
     record.dst_port = sim_conn_peer(socket);
-    record.dst_index = socket->peer_node;
+    record.dst_index = sim_conn_node(socket);
     sim_block_t *block = part_of(out, &record, from);
     if (block == nullptr)
         return ENOMEM;
     if (socket->type == (uint32_t)SOCK_STREAM && len < SMALL)
         ask_for_window(preload_state(out->self), socket);
-    (void)sim_add(&socket->sent_unacked, sim_flow_blocks(record.len));
+    sim_count_sent(socket, (int32_t)sim_flow_blocks(record.len));
     uint32_t refused = sim_deliver(out->self, block);
     if (refused != TIPC_OK)
         give_back(out, &record, from, refused); // which ends the connection

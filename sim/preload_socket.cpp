@@ -121,8 +121,7 @@ static void join(const sim_state_t *state, sim_socket_t *one, sim_socket_t *othe
 {
     if (sim_connectionless(one))
         return point_at(one, state, other);
-    one->peer_node = other->node;
-    sim_store(&one->conn, sim_conn(SIM_CONN_ESTABLISHED, other->port));
+    sim_store(&one->conn, sim_conn(SIM_CONN_ESTABLISHED, other->port, other->node));
 }
 
 int preload_socketpair(int type, int protocol, int fds[2])
@@ -238,7 +237,7 @@ int preload_getsockname(sim_socket_t *socket, struct sockaddr *out, socklen_t *l
 
 static void peer_address(const sim_state_t *state, const sim_socket_t *socket, struct sockaddr_tipc *addr)
 {
-    preload_socket_address(sim_conn_peer(socket), sim_node_address(state, socket->peer_node), addr);
+    preload_socket_address(sim_conn_peer(socket), sim_node_address(state, sim_conn_node(socket)), addr);
 }
 
 int preload_getpeername(sim_socket_t *socket, struct sockaddr *out, socklen_t *len)

@@ -14,7 +14,7 @@
 #include <sys/types.h>
 
 constexpr uint32_t SIM_MAGIC = 0x54495043;
-constexpr uint32_t SIM_VERSION = 2;
+constexpr uint32_t SIM_VERSION = 3;
 constexpr uint32_t SIM_MAX_NODES = 1024;
 constexpr uint32_t SIM_MAX_SOCKETS = 16384;
 constexpr uint32_t SIM_MAX_NAMES = 131072;

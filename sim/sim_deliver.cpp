@@ -37,21 +37,26 @@ sim_block_t *sim_message(const sim_self_t *self, const sim_record_t *record, con
 // The other side of a connection has ended it. False when the message is not from the peer.
 static bool peer_ended(sim_socket_t *socket, const sim_record_t *record)
 {
-    uint64_t before = sim_conn(SIM_CONN_ESTABLISHED, record->src_port);
-    return sim_swap(&socket->conn, before, sim_conn(SIM_CONN_DISCONNECTING, record->src_port));
+    uint64_t conn = sim_load(&socket->conn);
+    return sim_conn_of(conn) == SIM_CONN_ESTABLISHED && (uint32_t)conn == record->src_port &&
+           sim_swap(&socket->conn, conn, sim_conn_ended(conn));
 }
 
 // The request for a connection came back.
-static bool connect_refused(sim_socket_t *socket)
+static bool connect_refused(sim_socket_t *socket, const sim_record_t *record)
 {
+    uint64_t connecting = sim_conn(SIM_CONN_CONNECTING, record->dst_port);
+    if (sim_load(&socket->conn) != connecting)
+        return false;
     sim_store(&socket->err, (uint32_t)ECONNREFUSED);
-    return sim_swap(&socket->conn, sim_conn(SIM_CONN_CONNECTING, 0), sim_conn(SIM_CONN_DISCONNECTING, 0));
+    return sim_swap(&socket->conn, connecting, sim_conn(SIM_CONN_DISCONNECTING, 0));
 }
 
 static bool connected(const sim_self_t *self, sim_socket_t *socket, const sim_record_t *record)
 {
-    socket->peer_node = record->src_index;
-    if (!sim_swap(&socket->conn, sim_conn(SIM_CONN_CONNECTING, 0), sim_conn(SIM_CONN_ESTABLISHED, record->src_port)))
+    uint64_t connecting = sim_conn(SIM_CONN_CONNECTING, record->dst_port);
+    uint64_t established = sim_conn(SIM_CONN_ESTABLISHED, record->src_port, record->src_index);
+    if (!sim_swap(&socket->conn, connecting, established))
         return false;
     sim_socket_notify(self, socket);
     return true;
@@ -68,7 +73,8 @@ static verdict_e filter(const sim_self_t *self, sim_socket_t *socket, const sim_
     case SIM_CONN_CONNECTING:
         if (record->kind == SIM_ACK)
             return connected(self, socket, record) ? DONE : REFUSE;
-        return record->kind == SIM_SYN && record->err != TIPC_OK && connect_refused(socket) ? QUEUE : REFUSE;
+        // The end comes first when the other was killed before it could answer.
+        return record->err != TIPC_OK && connect_refused(socket, record) ? QUEUE : REFUSE;
     case SIM_CONN_ESTABLISHED:
         if (record->src_port != sim_conn_peer(socket))
             return REFUSE;
@@ -168,10 +174,10 @@ static sim_record_t between(const sim_state_t *state, const sim_socket_t *socket
     sim_record_t record = {};
     record.kind = kind;
     record.src_port = to_peer ? socket->port : sim_conn_peer(socket);
-    record.src_index = to_peer ? socket->node : socket->peer_node;
+    record.src_index = to_peer ? socket->node : sim_conn_node(socket);
     record.src_node = sim_node_address(state, record.src_index);
     record.dst_port = to_peer ? sim_conn_peer(socket) : socket->port;
-    record.dst_index = to_peer ? socket->peer_node : socket->node;
+    record.dst_index = to_peer ? sim_conn_node(socket) : socket->node;
     record.err = err;
     record.importance = TIPC_CRITICAL_IMPORTANCE;
     return record;
@@ -209,11 +215,10 @@ bool sim_accept(const sim_self_t *self, sim_socket_t *listener, sim_socket_t *fr
             continue;
         const sim_record_t *record = &syn->record;
         fresh->importance = record->importance;
-        fresh->peer_node = record->src_index;
         fresh->conn_named = record->named;
         fresh->conn_type = record->type;
         fresh->conn_lower = record->lower;
-        sim_store(&fresh->conn, sim_conn(SIM_CONN_ESTABLISHED, record->src_port));
+        sim_store(&fresh->conn, sim_conn(SIM_CONN_ESTABLISHED, record->src_port, record->src_index));
         if (record->len != 0)
             take_over(self, fresh, syn);
         sim_block_release(state, syn);
@@ -222,20 +227,41 @@ bool sim_accept(const sim_self_t *self, sim_socket_t *listener, sim_socket_t *fr
     }
 }
 
+void sim_count_sent(sim_socket_t *socket, int32_t blocks)
+{
+    uint64_t flow = sim_load(&socket->flow);
+    while (!sim_swap(&socket->flow, flow,
+                     sim_flow(socket->port, sim_flow_window(flow), sim_flow_unacked(flow) + (uint32_t)blocks)))
+        flow = sim_load(&socket->flow);
+}
+
+void sim_set_window(sim_socket_t *socket, uint32_t window)
+{
+    uint64_t flow = sim_load(&socket->flow);
+    while (!sim_swap(&socket->flow, flow, sim_flow(socket->port, window, sim_flow_unacked(flow))))
+        flow = sim_load(&socket->flow);
+}
+
 void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t bytes)
 {
     uint32_t unacked = sim_add(&socket->rcv_unacked, sim_flow_blocks(bytes)) + sim_flow_blocks(bytes);
     if (unacked < socket->rcv_window / ACK_RATE || !sim_swap(&socket->rcv_unacked, unacked, 0U))
         return;
-    sim_socket_t *peer = sim_socket_of(self->cluster->state, sim_conn_peer(socket));
+    uint32_t port = sim_conn_peer(socket);
+    sim_socket_t *peer = sim_socket_of(self->cluster->state, port);
     if (peer == nullptr || sim_conn_peer(peer) != socket->port)
         return;
-    bool blocked = sim_load(&peer->sent_unacked) > sim_load(&peer->send_window);
     uint32_t window = socket->rcvbuf / SIM_WINDOW_UNIT;
     sim_store(&socket->rcv_window, window); // every acknowledgement tells the whole window
-    sim_store(&peer->send_window, window);
-    (void)sim_add(&peer->sent_unacked, 0U - unacked);
-    if (blocked)
+    uint64_t flow = 0;
+    uint64_t less = 0;
+    do {
+        flow = sim_load(&peer->flow);
+        less = sim_flow(port, window, sim_flow_unacked(flow) - unacked);
+        if (!sim_flow_same(flow, less))
+            return; // of the next socket in the slot
+    } while (!sim_swap(&peer->flow, flow, less));
+    if (sim_flow_full(flow))
         sim_socket_notify(self, peer);
 }
 
@@ -276,23 +302,25 @@ void sim_disconnect(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
         return;
     }
     uint64_t conn = sim_load(&socket->conn);
-    uint32_t state = (uint32_t)(conn >> 32);
+    uint32_t state = sim_conn_of(conn);
     if (state == SIM_CONN_LISTEN) {
         (void)give_back(self, socket, err, true, true);
         return;
     }
-    bool ends = state == SIM_CONN_ESTABLISHED || state == SIM_CONN_CONNECTING;
-    if (ends && !sim_swap(&socket->conn, conn, sim_conn(SIM_CONN_DISCONNECTING, (uint32_t)conn)))
+    if (state == SIM_CONN_CONNECTING && !sim_swap(&socket->conn, conn, sim_conn_ended(conn)))
         return sim_disconnect(self, socket, err); // it has changed this moment
     bool told = give_back(self, socket, err, state == SIM_CONN_ESTABLISHED, false);
     if (state == SIM_CONN_ESTABLISHED && !told)
         tell_peer(self, socket, SIM_CONN_DATA, err);
+    // After the peer knows: when we are killed before that, the broker tells it.
+    if (state == SIM_CONN_ESTABLISHED && !sim_swap(&socket->conn, conn, sim_conn_ended(conn)))
+        return sim_disconnect(self, socket, err);
     sim_socket_notify(self, socket);
 }
 
 void sim_abort(const sim_self_t *self, sim_socket_t *socket, uint32_t err)
 {
-    if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED || socket->peer_node >= SIM_MAX_NODES)
+    if (sim_conn_state(socket) != SIM_CONN_ESTABLISHED || sim_conn_node(socket) >= SIM_MAX_NODES)
         return; // who waits for an answer goes on waiting
     sim_record_t record = between(self->cluster->state, socket, false, SIM_CONN_DATA, err);
     sim_block_t *block = sim_message(self, &record, nullptr, 0);
@@ -310,10 +338,11 @@ static void close_slot(const sim_self_t *self, sim_socket_t *socket, bool all_go
     sim_link_t tail = sim_load(&socket->tail);
     sim_store(&socket->tail, sim_link(sim_link_count(tail) + 1, SIM_NONE));
     sim_store(&socket->head, sim_link(sim_link_count(head) + 1, SIM_NONE));
+    // Also before the others are reclaimed: its sender may not have given it to the queue yet.
+    if (sim_link_number(head) != SIM_NONE)
+        sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     if (all_gone)
         sim_blocks_reclaim(state, sim_owner_queue(sim_socket_index(state, socket)));
-    else if (sim_link_number(head) != SIM_NONE)
-        sim_block_release(state, sim_block_of(state, sim_link_number(head)));
     sim_store(&socket->use, (uint32_t)SIM_SLOT_FREE);
 }
 

@@ -33,6 +33,8 @@ static inline uint32_t sim_flow_blocks(uint32_t bytes) // that flow control coun
 }
 // Counts a message of `bytes` that was read from a connection; the sender may go on.
 void sim_acknowledge(const sim_self_t *self, sim_socket_t *socket, uint32_t bytes);
+void sim_count_sent(sim_socket_t *socket, int32_t blocks); // on its connection, before they are sent; less: not sent
+void sim_set_window(sim_socket_t *socket, uint32_t window);
 // Ends the connection of a socket, as shutdown() and close() do: `err` is what the peer reads.
 void sim_disconnect(const sim_self_t *self, sim_socket_t *socket, uint32_t err);
 // The other side is gone or out of reach: what the peer's sim_disconnect would have done here.

@@ -181,10 +181,14 @@ void sim_names_restore(sim_state_t *state, const uint32_t *entries, size_t num)
 {
     if (sim_load(&state->generation) % 2 == 0)
         return; // no change was begun
-    for (uint32_t &chain : state->singles)
-        unlink_unused(state, &chain);
-    for (uint32_t &chain : state->ranges)
-        unlink_unused(state, &chain);
+    for (uint32_t &chain : state->singles) {
+        if (chain != SIM_NONE)
+            unlink_unused(state, &chain);
+    }
+    for (uint32_t &chain : state->ranges) {
+        if (chain != SIM_NONE)
+            unlink_unused(state, &chain);
+    }
     for (size_t i = 0; i < num; i++) {
         if (!in_chain(state, entries[i]))
             link_entry(state, entries[i]);

@@ -7,7 +7,10 @@
 
 constexpr uint32_t DEFAULT_CONN_TIMEOUT = 8000; // ms
 constexpr uint32_t FIRST_WINDOW = 128;          // blocks, of a connection
-constexpr uint32_t MAX_TRIES = 1U << 20;        // of a step that others come between: more are a queue that has no end
+#ifndef SIM_MAX_TRIES
+#define SIM_MAX_TRIES (1U << 20)
+#endif
+constexpr uint32_t MAX_TRIES = SIM_MAX_TRIES; // of a step that others come between: more are a queue that has no end
 
 static sim_socket_t *free_slot(const sim_self_t *self, uint32_t *port)
 {
@@ -50,17 +53,15 @@ static void reset_options(const sim_state_t *state, sim_socket_t *socket)
     socket->sndtimeo = 0;
 }
 
-static void reset_connection(sim_socket_t *socket)
+static void reset_connection(sim_socket_t *socket, uint32_t port)
 {
     sim_store(&socket->conn, sim_conn(SIM_CONN_OPEN, 0));
-    socket->peer_node = SIM_ANY_NODE;
     socket->err = 0;
     socket->shut = 0;
     socket->published = 0;
     socket->conn_named = 0;
-    socket->sent_unacked = 0;
+    sim_store(&socket->flow, sim_flow(port, FIRST_WINDOW, 0));
     socket->rcv_unacked = 0;
-    socket->send_window = FIRST_WINDOW;
     socket->rcv_window = FIRST_WINDOW;
     memset(socket->dest, 0, sizeof(socket->dest));
 }
@@ -82,7 +83,7 @@ sim_socket_t *sim_socket_take(const sim_self_t *self, uint32_t type, uint32_t no
     socket->wake = -1;
     socket->served = 0;
     reset_options(state, socket);
-    reset_connection(socket);
+    reset_connection(socket, port);
     socket->read_at = 0;
     socket->waiting = 0;
     socket->woken = 0;
@@ -300,11 +301,16 @@ void sim_queue_close(sim_state_t *state, sim_socket_t *socket)
     }
 }
 
-void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket)
+void sim_socket_rouse(sim_socket_t *socket)
 {
     (void)sim_add(&socket->change, 1U);
     if (sim_load(&socket->waiting) != 0 && __atomic_exchange_n(&socket->waiting, 0U, __ATOMIC_SEQ_CST) != 0)
         sys_futex_wake(&socket->change);
+}
+
+void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket)
+{
+    sim_socket_rouse(socket);
     if (sim_swap(&socket->woken, 0U, 1U) || sim_load(&socket->edge) != 0)
         self->wake(self->cluster, socket);
 }
@@ -332,7 +338,7 @@ short sim_socket_events(sim_state_t *state, sim_socket_t *socket)
         events |= POLLRDHUP | POLLIN | POLLRDNORM | POLLHUP;
     if (conn == SIM_CONN_DISCONNECTING)
         return POLLIN | POLLRDNORM | POLLHUP;
-    if (conn == SIM_CONN_ESTABLISHED && sim_load(&socket->sent_unacked) <= sim_load(&socket->send_window))
+    if (conn == SIM_CONN_ESTABLISHED && !sim_flow_full(sim_load(&socket->flow)))
         events |= POLLOUT;
     if (conn == SIM_CONN_OPEN)
         events |= POLLOUT;

@@ -28,7 +28,7 @@ constexpr int SIM_MARK = 61;                // F_GETSIG of every descriptor of a
 // broker finishes what that process began when it is killed.
 enum sim_use_e : uint32_t { SIM_SLOT_FREE, SIM_SLOT_TAKEN, SIM_SLOT_OPEN, SIM_SLOT_CLOSING };
 
-enum sim_conn_e : uint32_t { // upper half of `conn`; the lower half is the peer's port
+enum sim_conn_e : uint32_t {
     SIM_CONN_OPEN,
     SIM_CONN_LISTEN,
     SIM_CONN_CONNECTING,
@@ -99,32 +99,69 @@ typedef struct sim_socket_s {
     uint32_t edge;    // 1: somebody polls it edge-triggered, so every message is written to the wake-up descriptor
 
     // The connection.
-    uint64_t conn;       // sim_conn_e and the peer's port
-    uint32_t peer_node;  // index
+    uint64_t conn;       // sim_conn_e, the index of the peer's node, and the peer's port (sim_conn)
     uint32_t err;        // pending, as SO_ERROR
     uint32_t shut;       // 1: shutdown() was called, or the peer ended the connection of a SOCK_STREAM
     uint32_t published;  // names that are bound to it
     uint32_t conn_named; // 1: connected by name; then
     uint32_t conn_type;
     uint32_t conn_lower;
-    uint32_t sent_unacked; // blocks of flow control
-    uint32_t rcv_unacked;
-    uint32_t send_window;
+    uint64_t flow;        // of what it sends (sim_flow)
+    uint32_t rcv_unacked; // blocks of flow control
     uint32_t rcv_window;
     uint8_t dest[16]; // the destination that connect() saved, a struct sockaddr_tipc without its family; all 0: none
 } sim_socket_t;
 
-static inline uint64_t sim_conn(uint32_t conn, uint32_t peer)
+// What others change of a connection is a word that tells the socket from the next one of its slot: they may be stopped
+// before the change for as long as they like. A socket that is connecting has its own port in place of the peer's.
+static inline uint64_t sim_conn(uint32_t conn, uint32_t port, uint32_t node = 0)
 {
-    return (uint64_t)conn << 32 | peer;
+    return (uint64_t)(node << 8 | conn) << 32 | port;
+}
+static inline uint32_t sim_conn_of(uint64_t conn) // sim_conn_e
+{
+    return (uint32_t)(conn >> 32) & 0xff;
+}
+static inline uint64_t sim_conn_ended(uint64_t conn) // the same, disconnecting
+{
+    return (conn & ~(0xffULL << 32)) | (uint64_t)SIM_CONN_DISCONNECTING << 32;
 }
 static inline uint32_t sim_conn_state(const sim_socket_t *socket)
 {
-    return (uint32_t)(sim_load(&socket->conn) >> 32);
+    return sim_conn_of(sim_load(&socket->conn));
+}
+static inline uint32_t sim_conn_node(const sim_socket_t *socket) // index of the peer's node
+{
+    return (uint32_t)(sim_load(&socket->conn) >> 40);
 }
 static inline uint32_t sim_conn_peer(const sim_socket_t *socket)
 {
     return (uint32_t)sim_load(&socket->conn);
+}
+
+// Flow control: what tells the socket from others of its slot, the window, and what was sent and not acknowledged, both
+// in blocks.
+constexpr uint32_t SIM_MAX_BLOCKS = (1U << 25) - 1;
+constexpr uint32_t SIM_MAX_WINDOW = (1U << 21) - 1; // more than a receive buffer of 32 bits gives
+static inline uint64_t sim_flow(uint32_t port, uint32_t window, uint32_t unacked)
+{
+    return (uint64_t)(port / SIM_MAX_SOCKETS) << 46 | (uint64_t)window << 25 | (unacked & SIM_MAX_BLOCKS);
+}
+static inline uint32_t sim_flow_window(uint64_t flow)
+{
+    return (uint32_t)(flow >> 25) & SIM_MAX_WINDOW;
+}
+static inline uint32_t sim_flow_unacked(uint64_t flow)
+{
+    return (uint32_t)flow & SIM_MAX_BLOCKS;
+}
+static inline bool sim_flow_same(uint64_t one, uint64_t other) // both are of the same socket
+{
+    return one >> 46 == other >> 46;
+}
+static inline bool sim_flow_full(uint64_t flow) // the socket may not send
+{
+    return sim_flow_unacked(flow) > sim_flow_window(flow);
 }
 static inline bool sim_connectionless(const sim_socket_t *socket)
 {
@@ -205,6 +242,7 @@ void sim_queue_close(sim_state_t *state, sim_socket_t *socket); // nothing can b
 
 // Tells the socket's users that something changed: waiters in calls, and who polls the descriptor.
 void sim_socket_notify(const sim_self_t *self, sim_socket_t *socket);
+void sim_socket_rouse(sim_socket_t *socket); // waiters in calls alone
 // Makes the program's descriptor unreadable, unless there is something to report.
 void sim_socket_quiet(const sim_self_t *self, sim_socket_t *socket, int fd);
 // What poll() reports of it, POLLIN and so on.

@@ -149,7 +149,7 @@ static int show_sockets()
                conn < sizeof(STATES) / sizeof(*STATES) ? STATES[conn] : "?", state->nodes[socket->node], socket->port,
                socket->pid, socket->published, num, (unsigned long long)charged);
         if (conn == SIM_CONN_ESTABLISHED)
-            printf(" peer node %u socket %u", state->nodes[socket->peer_node], sim_conn_peer(socket));
+            printf(" peer node %u socket %u", sim_node_address(state, sim_conn_node(socket)), sim_conn_peer(socket));
         printf("\n");
     }
     return 0;

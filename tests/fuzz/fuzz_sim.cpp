@@ -48,6 +48,19 @@ void reset()
     g_calls = {1000000, nullptr, 1000};
 }
 
+void make_few(const sim_self_t *self, uint32_t sockets, uint32_t blocks)
+{
+    static const uint32_t lengths[SIM_POOLS] = {0, 1000, 5000, 60000}; // of messages in each pool
+    sim_area_t *areas = g_cluster.state->areas;
+    areas[SIM_AREA_SOCKETS].ready = sockets;
+    for (uint32_t pool = 0; pool < SIM_POOLS; pool++) {
+        areas[SIM_AREA_BLOCKS + pool].ready = blocks;
+        areas[SIM_AREA_OWNERS + pool].ready = 1;
+        sim_block_free(g_cluster.state, sim_block_take(self, lengths[pool]));
+        areas[SIM_AREA_OWNERS + pool].ready = blocks;
+    }
+}
+
 int grow(sim_cluster_t *cluster, uint32_t area, uint32_t seen)
 {
     return sim_area_grow(cluster->state, g_file, area, seen);
@@ -83,10 +96,11 @@ long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f)
     case SYS_clock_gettime:
         *(struct timespec *)b = {(time_t)(fuzz_sim::g_calls.now / 1000), fuzz_sim::g_calls.now % 1000 * 1000000};
         return 0;
-    case SYS_pidfd_open: // one that never becomes readable
-        return (int32_t)a > 0 && (int32_t)a < fuzz_sim::g_calls.alive
-                   ? __real_syscall(SYS_epoll_create1, 0, 0, 0, 0, 0, 0)
-                   : fail((int32_t)a > 0 ? ESRCH : EINVAL);
+    case SYS_pidfd_open: // some descriptor: nobody waits for it. That of an epoll set takes long to close
+        return (int32_t)a > 0 && (int32_t)a < fuzz_sim::g_calls.alive ? dup(fuzz_sim::g_file)
+                                                                      : fail((int32_t)a > 0 ? ESRCH : EINVAL);
+    case SYS_epoll_ctl:
+        return 0;
     case SYS_openat: // /proc/PID/stat
         return fail(ENOENT);
     default:

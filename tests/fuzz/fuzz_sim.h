@@ -24,6 +24,9 @@ extern calls_t g_calls;
 extern int g_file; // of the state
 
 void reset(void); // the memory, as each input finds it
+// Few sockets and blocks are ready, so that they are used again soon, and the search for blocks begins with the first
+// one, so that an input does the same after others as alone.
+void make_few(const sim_self_t *self, uint32_t sockets, uint32_t blocks);
 int grow(sim_cluster_t *cluster, uint32_t area, uint32_t seen);
 uint32_t blocks_in_use(void); // blocks that somebody has
 

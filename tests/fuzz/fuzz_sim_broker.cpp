@@ -2,16 +2,23 @@
 // clients send them, sockets of clients and of the topology service, time, processes that end, brokers that follow one
 // another, and words of the memory that a process which went wild has written.
 #include <algorithm>
+#include <random>
 #include <sys/socket.h>
 
 #include "fuzz_sim.h"
 
+constexpr uint32_t PROCESSES = 64; // more than there are here; the broker looks through all of them
+
 // The broker's functions, with those that are its own.
 // NOLINTBEGIN(bugprone-suspicious-include)
+#define SIM_MAX_PROCESSES PROCESSES
+#define mt19937 minstd_rand // which takes no time to begin
 #include "broker.cpp"
 #include "broker_links.cpp"
 #include "broker_names.cpp"
 #include "broker_topology.cpp"
+#undef mt19937
+#undef SIM_MAX_PROCESSES
 // NOLINTEND(bugprone-suspicious-include)
 
 // Here are no other processes.
@@ -31,6 +38,8 @@ using fuzz_sim::require;
 
 constexpr uint32_t SOCKETS = 8;
 constexpr uint32_t MAX_OPERATIONS = 60;
+constexpr uint32_t FIRST_SLOTS = 16;
+constexpr uint32_t FIRST_BLOCKS = 32;
 
 static input_t s_input;
 static uint32_t s_ports[SOCKETS]; // of clients
@@ -190,12 +199,12 @@ static void send_from(const sim_socket_t *from, uint32_t kind, uint32_t port, co
 static void send_some()
 {
     static const uint8_t data[SIM_MAX_DATA] = {};
-    static const uint32_t lengths[] = {0, 10, 1000, 66000};
+    static const uint32_t lengths[] = {0, 10, 100, 1000, 5000, 66000};
     uint32_t which = 0;
     const sim_socket_t *from = client(&which);
     if (from != nullptr) {
         uint32_t port = some_port();
-        send_from(from, below(&s_input, SIM_CONN_DATA + 1), port, data, lengths[below(&s_input, 4)]);
+        send_from(from, below(&s_input, SIM_CONN_DATA + 1), port, data, lengths[below(&s_input, 64) * 5 / 63]);
     }
 }
 
@@ -204,7 +213,7 @@ static void connect_to_service()
     uint32_t which = 0;
     sim_socket_t *socket = client(&which);
     if (socket == nullptr || sim_connectionless(socket) ||
-        !sim_swap(&socket->conn, sim_conn(SIM_CONN_OPEN, 0), sim_conn(SIM_CONN_CONNECTING, 0)))
+        !sim_swap(&socket->conn, sim_conn(SIM_CONN_OPEN, 0), sim_conn(SIM_CONN_CONNECTING, socket->port)))
         return;
     send_from(socket, SIM_SYN, broker_state()->topology, nullptr, 0);
 }
@@ -306,6 +315,8 @@ static void write_wildly()
     size_t size = 0;
     void *place = some_place(&size);
     uint32_t value = some_word();
+    if (place == &broker_state()->node_num && below(&s_input, 256) != 77)
+        value %= 16; // all that there may be take long
     memcpy(place, &value, size);
     s_wild = true;
 }
@@ -374,6 +385,7 @@ static void begin_all(const uint8_t *data, size_t size)
     int entry = sim_process_enter(fuzz_sim::g_cluster.state, 10, 0);
     require(entry >= 0);
     s_client.owner = (uint32_t)entry + 1;
+    fuzz_sim::make_few(&s_client, FIRST_SLOTS, FIRST_BLOCKS);
     begin_broker();
 }
 

@@ -3,11 +3,19 @@
 #ifndef FUZZ_SIM_STEPS_H
 #define FUZZ_SIM_STEPS_H
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 
-extern "C" void fuzz_sim_step(void);
+extern "C" void fuzz_sim_come_between(void);
+extern uint32_t g_fuzz_sim_left; // steps until something happens, 0 for nothing
+
+static inline void fuzz_sim_step(void)
+{
+    if (g_fuzz_sim_left != 0 && --g_fuzz_sim_left == 0)
+        fuzz_sim_come_between();
+}
 
 #define __atomic_load_n(...) (fuzz_sim_step(), __atomic_load_n(__VA_ARGS__))
 #define __atomic_store_n(...) (fuzz_sim_step(), __atomic_store_n(__VA_ARGS__))

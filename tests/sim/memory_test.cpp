@@ -246,25 +246,37 @@ TEST_F(sim_memory, a_connection_begins_carries_data_and_ends)
     sim_socket_t *client = open_socket(SOCK_SEQPACKET);
     sim_socket_t *listener = open_socket(SOCK_SEQPACKET, 1);
     listener->conn = sim_conn(SIM_CONN_LISTEN, 0);
-    client->conn = sim_conn(SIM_CONN_CONNECTING, 0);
+    client->conn = sim_conn(SIM_CONN_CONNECTING, client->port);
     sim_record_t syn = record(client, listener, 0);
     syn.kind = SIM_SYN;
     ASSERT_EQ(sim_deliver(&self_, sim_message(&self_, &syn, nullptr, 0)), (uint32_t)TIPC_OK);
     EXPECT_EQ(sim_conn_state(client), (uint32_t)SIM_CONN_CONNECTING);
     sim_socket_t *accepted = open_socket(SOCK_SEQPACKET, 1);
     ASSERT_TRUE(sim_accept(&self_, listener, accepted));
-    EXPECT_EQ(client->conn, sim_conn(SIM_CONN_ESTABLISHED, accepted->port));
-    EXPECT_EQ(accepted->conn, sim_conn(SIM_CONN_ESTABLISHED, client->port));
+    EXPECT_EQ(client->conn, sim_conn(SIM_CONN_ESTABLISHED, accepted->port, accepted->node));
+    EXPECT_EQ(accepted->conn, sim_conn(SIM_CONN_ESTABLISHED, client->port, client->node));
     sim_disconnect(&self_, client, TIPC_CONN_SHUTDOWN);
     EXPECT_EQ(sim_conn_state(accepted), (uint32_t)SIM_CONN_DISCONNECTING);
     EXPECT_EQ(receive(accepted), "returned 5 ");
+}
+
+// The broker ends the connection of a process that was killed in accept().
+TEST_F(sim_memory, who_is_connecting_learns_that_the_other_side_has_gone)
+{
+    sim_socket_t *client = open_socket(SOCK_SEQPACKET);
+    sim_socket_t *accepted = open_socket(SOCK_SEQPACKET, 1);
+    client->conn = sim_conn(SIM_CONN_CONNECTING, client->port);
+    accepted->conn = sim_conn(SIM_CONN_ESTABLISHED, client->port, client->node);
+    sim_socket_close(&self_, accepted, true);
+    EXPECT_EQ(sim_conn_state(client), (uint32_t)SIM_CONN_DISCONNECTING);
+    EXPECT_EQ(client->err, (uint32_t)ECONNREFUSED);
 }
 
 TEST_F(sim_memory, a_refused_connection_is_told)
 {
     sim_socket_t *client = open_socket(SOCK_STREAM);
     sim_socket_t *other = open_socket(SOCK_STREAM);
-    client->conn = sim_conn(SIM_CONN_CONNECTING, 0);
+    client->conn = sim_conn(SIM_CONN_CONNECTING, client->port);
     sim_record_t syn = record(client, other, 0);
     syn.kind = SIM_SYN;
     uint32_t err = sim_deliver(&self_, sim_message(&self_, &syn, nullptr, 0));

@@ -127,7 +127,7 @@ TEST_F(sim_record, a_connection_is_recorded_step_by_step_and_its_first_data_once
     sim_socket_t *client = open_socket(SOCK_SEQPACKET);
     sim_socket_t *listener = open_socket(SOCK_SEQPACKET, 1);
     listener->conn = sim_conn(SIM_CONN_LISTEN, 0);
-    client->conn = sim_conn(SIM_CONN_CONNECTING, 0);
+    client->conn = sim_conn(SIM_CONN_CONNECTING, client->port);
     ASSERT_EQ(recorder_open(&recorder_, &self_, 100), 0);
     ASSERT_EQ(send(client, listener, "first", SIM_SYN), (uint32_t)TIPC_OK);
     sim_socket_t *accepted = open_socket(SOCK_SEQPACKET, 1);
