@@ -2,6 +2,7 @@
 #include <tipcsim_test.h>
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 enum { PATIENCE = 30000, AT_ONCE = 0, SHORT = 50 };
 
@@ -52,6 +53,12 @@ static void lines(void)
     CHECK(strcmp(tipcsim_output(said), "one\ntwo\nlast") == 0);
     said = tipcsim_start(cluster, 1, "printf", "last", NULL);
     CHECK(tipcsim_expect(said, "last", PATIENCE) == 0);
+    said = tipcsim_start(cluster, 1, "sh", "-c", "printf hel; read -r word; echo $word", NULL);
+    CHECK(tipcsim_expect(said, "hel", SHORT) == -ETIMEDOUT); /* no whole line */
+    CHECK(strcmp(tipcsim_output(said), "hel") == 0);
+    CHECK(tipcsim_send(said, "lo") == 0);
+    CHECK(tipcsim_expect(said, "hel", PATIENCE) == 0);
+    CHECK(strcmp(tipcsim_line(said), "hello") == 0);
     CHECK(tipcsim_expect(boards[0], "nobody says that", AT_ONCE) == -ETIMEDOUT);
     CHECK(tipcsim_send(boards[0], "errors") == 0);
     CHECK(tipcsim_expect(boards[0], "this is an error", PATIENCE) == 0);
@@ -80,9 +87,13 @@ static void ends(void)
     tipcsim_process_t *boards[2];
     tipcsim_cluster_t *cluster = two_boards(0, boards);
     tipcsim_process_t *other = tipcsim_start(cluster, 1, "sh", "-c", "echo the end; exit 7", NULL);
+    tipcsim_process_t *much;
     CHECK(tipcsim_wait(other, PATIENCE) == 7);
     CHECK(strcmp(tipcsim_output(other), "the end\n") == 0);
     CHECK(tipcsim_signal(other, SIGTERM) == -ESRCH);
+    much = tipcsim_start(cluster, 1, "sh", "-c", "head -c 60000 /dev/zero | tr '\\0' x", NULL);
+    CHECK(tipcsim_wait(much, PATIENCE) == 0);
+    CHECK(strlen(tipcsim_output(much)) == 60000);
     tipcsim_kill(other);
     CHECK(tipcsim_wait(other, AT_ONCE) == 7);
     CHECK(tipcsim_wait(tipcsim_start(cluster, 1, "/no/such/program", NULL), PATIENCE) == 127);
@@ -209,6 +220,34 @@ static void files(void)
     CHECK(unlink(preset) == 0 && unlink(name) == 0 && rmdir(folder) == 0);
 }
 
+/* A simulator that prints what it is called with, in place of a cluster's folder. */
+static void words(void)
+{
+    char file[] = "/tmp/tipcsim-c-test-XXXXXX";
+    const char *const some[] = {"/etc/a=b", "/etc/c=", NULL};
+    tipcsim_options_t options;
+    tipcsim_cluster_t *cluster = NULL;
+    tipcsim_process_t *said;
+    int fd = mkstemp(file);
+    CHECK(fd >= 0 && close(fd) == 0 && chmod(file, 0700) == 0);
+    write_file(file, "#!/bin/sh\necho \"${*%% -- *}\"\n");
+    memset(&options, 0, sizeof(options));
+    options.nodes = 5;
+    options.tolerance_ms = 250;
+    options.timeout_s = 60;
+    options.node_files = "preset";
+    options.files = some;
+    options.tipcsim = file;
+    CHECK(tipcsim_begin(&cluster, &options) == 0);
+    said = tipcsim_start(cluster, 0, "sh", "-c", "echo $TIPCSIM_CLUSTER", NULL);
+    CHECK(tipcsim_expect(said, "", PATIENCE) == 0);
+    CHECK(strcmp(tipcsim_line(said),
+                 "cluster --nodes 5 --tolerance 250 --timeout 60 --node-files preset --file /etc/a=b "
+                 "--file /etc/c=") == 0);
+    CHECK(tipcsim_end(cluster) == 0);
+    CHECK(unlink(file) == 0);
+}
+
 static void not_made(void)
 {
     tipcsim_options_t options;
@@ -281,6 +320,7 @@ static void nothing_is_left(void)
     CHECK(!alive(orphan));
     CHECK(!alive(board));
     CHECK(descriptors() == before);
+    CHECK(waitpid(-1, NULL, WNOHANG) == -1 && errno == ECHILD);
 }
 
 /* A test that is killed itself. What it started has an end of a pipe, which is closed with the last of it. */
@@ -338,6 +378,7 @@ int main(int argc, char **argv)
                  {"faults", faults},
                  {"beside_the_nodes", beside_the_nodes},
                  {"files", files},
+                 {"words", words},
                  {"not_made", not_made},
                  {"time_limit", time_limit},
                  {"nothing_is_left", nothing_is_left},

@@ -157,7 +157,11 @@ def test_sends_fail_and_messages_come_back(tipc_cluster: Cluster) -> None:
     two.expect("says first")
     two.expect("says third")
     assert "board 1 says second" not in two.lines
+    other = tipc_cluster.start(2, BOARD)
+    other.expect("board 1 is there")
     tipc_cluster.fail(two, returned=4)
+    other.send("send 1 of another process")
+    one.expect("of another process")
     two.send("send 1 back")
     two.expect("a message came back")
     with pytest.raises(TypeError, match="one of error, short and returned"):
@@ -224,6 +228,20 @@ def test_a_cluster_leaves_nothing() -> None:
     assert not alive(orphan)
     with pytest.raises(Failed):
         made.order("links")
+
+
+def test_a_cluster_of_somebody_else_goes_on(tipc_cluster: Cluster, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.delenv("TIPCSIM_CLUSTER", raising=False)
+    with pytest.raises(Failed, match="does not run in a cluster"):
+        Cluster.current()
+    monkeypatch.setenv("TIPCSIM_CLUSTER", tipc_cluster.environment["TIPCSIM_CLUSTER"])
+    one = tipc_cluster.start(1, BOARD)
+    with Cluster.current() as same:
+        two = same.start(2, BOARD)
+        one.expect("board 2 is there")
+    one.expect("board 2 is gone")
+    assert two.wait() == -9
+    assert "1-2: up" in tipc_cluster.order("links")
 
 
 def alive(pid: int) -> bool:
