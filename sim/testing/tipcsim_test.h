@@ -85,8 +85,8 @@ static inline int tipcsim_end(tipcsim_cluster_t *cluster);
  *
  * Does not wait. A program that cannot be run prints a line and has the status 126 or 127. Returns the process, or null
  * with errno set. */
-__attribute__((sentinel)) static inline tipcsim_process_t *tipcsim_start(tipcsim_cluster_t *cluster, unsigned node,
-                                                                         const char *program, ...);
+static inline tipcsim_process_t *tipcsim_start(tipcsim_cluster_t *cluster, unsigned node, const char *program, ...)
+    __attribute__((sentinel));
 
 /* Waits at most `timeout_ms` for a line that contains `text`, on standard output or standard error, after the line that
  * was found before. tipcsim_line then gives it. The program must not keep its lines back: setvbuf or fflush.
@@ -138,8 +138,8 @@ static inline int tipcsim_resume(tipcsim_process_t *process);
  * Waits until it is carried out, at most 30 s. Returns 0; -EINVAL when tipcsim refuses it, and says why on standard
  * error; -E2BIG for more than 1,023 bytes or 31 words; -ETIMEDOUT for one that does not end, such as record; -ENOMEM,
  * -EAGAIN, -EMFILE as the system gives them. */
-__attribute__((format(printf, 2, 3))) static inline int tipcsim_order(tipcsim_cluster_t *cluster, const char *format,
-                                                                      ...);
+static inline int tipcsim_order(tipcsim_cluster_t *cluster, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 /* What the last order has printed, such as `links` or `names`. Never null. Valid until the next order. */
 static inline const char *tipcsim_answer(const tipcsim_cluster_t *cluster);
