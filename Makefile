@@ -94,10 +94,11 @@ deb: ## build Debian packages from the tree, with lintian, into build/deb
 deb-test: deb ## install these packages into a fresh root, run a program there, and remove them again (as root)
 	@packaging/test_deb
 
-python: build ## build the wheel of the Python package, in build/python
-	@rm -rf build/python && mkdir -p build/python && cp -r bindings/python build/python/source
-	@/usr/bin/python3 -m build --wheel --no-isolation --outdir build/python build/python/source >build/python/log 2>&1 || { cat build/python/log; exit 1; }
-	@rm -rf build/python/source && ls build/python/*.whl
+python: build ## build the wheels of both Python packages, zeb and the simulator's, in build/python
+	@rm -rf build/python && mkdir -p build/python
+	@set -e; for package in bindings/python sim/testing/python; do cp -rL $$package build/python/source; \
+		/usr/bin/python3 -m build --wheel --no-isolation --outdir build/python build/python/source >build/python/log 2>&1 || { cat build/python/log; exit 1; }; \
+		rm -rf build/python/source; done; ls build/python/*.whl
 
 install: build ## install to PREFIX=/where (/usr/local), below DESTDIR if that is set
 	@cmake --install $(BUILD) $(if $(PREFIX),--prefix "$(PREFIX)")

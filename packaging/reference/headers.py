@@ -8,6 +8,8 @@ import pathlib
 import re
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+FOLDERS = ("header/zeb", "sim/testing")
+HOW = "/* What follows is how they do it."  # a header that has its functions in it: here is the end of what is for others
 HEADERS = ("zeb.h", "zeb_ext.h", "zeb_msg.h", "zeb_tlv.h", "zeb_diag.h")
 
 # kind: function, type, callback, variable or constant. `text` is the declaration without its comments, `after` the comment on the
@@ -136,7 +138,8 @@ def title_and_text(section):
 
 def read(name):
     """One header."""
-    text = without_cplusplus((ROOT / "header/zeb" / name).read_text(encoding="utf-8"))
+    path = next(ROOT / folder / name for folder in FOLDERS if (ROOT / folder / name).exists())
+    text = without_cplusplus(path.read_text(encoding="utf-8").split(HOW)[0])
     groups, top, section, comment, at = [], None, "", None, 0
     fresh = True  # whether the next declaration begins a group
     while at < len(text):

@@ -1,0 +1,1 @@
+../../../../sim/testing/python/tipcsim_testing/_cluster.py
