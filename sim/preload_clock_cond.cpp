@@ -13,7 +13,7 @@
 
 // clang-format off
 #define CALLS(X) \
-    X(pthread_mutex_lock) X(pthread_mutex_unlock)
+    X(pthread_mutex_lock) X(pthread_mutex_unlock) X(mtx_lock) X(mtx_unlock)
 // clang-format on
 CALLS(NEXT_POINTER)
 
@@ -36,16 +36,28 @@ typedef struct waiter_s {
     condition_t *condition;
     pthread_mutex_t *mutex;
     int64_t until;
+    bool threads; // of <threads.h>: a sanitizer knows a mutex by the calls that made it
     sim_waiting_t waiting;
     int err; // of the last lock
 } waiter_t;
+
+static int lock(const waiter_t *waiter)
+{
+    return waiter->threads ? CALL_NEXT(mtx_lock)((mtx_t *)waiter->mutex) : CALL_NEXT(pthread_mutex_lock)(waiter->mutex);
+}
+
+static int unlock(const waiter_t *waiter)
+{
+    return waiter->threads ? CALL_NEXT(mtx_unlock)((mtx_t *)waiter->mutex)
+                           : CALL_NEXT(pthread_mutex_unlock)(waiter->mutex);
+}
 
 static void leave(void *context)
 {
     waiter_t *waiter = (waiter_t *)context;
     sim_wait_end(&waiter->waiting);
     (void)sim_add(&waiter->condition->waiters, UINT32_MAX);
-    waiter->err = CALL_NEXT(pthread_mutex_lock)(waiter->mutex);
+    waiter->err = lock(waiter);
 }
 
 // One sleep. The futex is a shared one: the condition may be.
@@ -70,13 +82,13 @@ static int sleep_on(waiter_t *waiter, uint32_t seen)
     }
 }
 
-static int wait_on(pthread_cond_t *cond, pthread_mutex_t *mutex, int64_t until)
+static int wait_on(pthread_cond_t *cond, pthread_mutex_t *mutex, int64_t until, bool threads)
 {
-    waiter_t waiter = {(condition_t *)cond, mutex, until, {}, 0};
+    waiter_t waiter = {(condition_t *)cond, mutex, until, threads, {}, 0};
     volatile int ret;
     uint32_t seen = sim_load(&waiter.condition->word);
     (void)sim_add(&waiter.condition->waiters, 1U);
-    int err = CALL_NEXT(pthread_mutex_unlock)(mutex);
+    int err = unlock(&waiter);
     if (err != 0) {
         (void)sim_add(&waiter.condition->waiters, UINT32_MAX);
         return err;
@@ -107,13 +119,13 @@ static int wait_until(pthread_cond_t *cond, pthread_mutex_t *mutex, clockid_t cl
 {
     if (time->tv_nsec < 0 || time->tv_nsec >= SIM_SECOND)
         return EINVAL;
-    return wait_on(cond, mutex, time->tv_sec < 0 ? 0 : clock_moment(clock, time));
+    return wait_on(cond, mutex, time->tv_sec < 0 ? 0 : clock_moment(clock, time), false);
 }
 
 extern "C" {
 int pthread_cond_wait(pthread_cond_t *__restrict cond, pthread_mutex_t *__restrict mutex)
 {
-    return wait_on(cond, mutex, SIM_NEVER);
+    return wait_on(cond, mutex, SIM_NEVER, false);
 }
 
 int pthread_cond_timedwait(pthread_cond_t *__restrict cond, pthread_mutex_t *__restrict mutex,
@@ -147,12 +159,15 @@ static int thread_result(int err)
 
 int cnd_wait(cnd_t *cond, mtx_t *mutex)
 {
-    return thread_result(wait_on((pthread_cond_t *)cond, (pthread_mutex_t *)mutex, SIM_NEVER));
+    return thread_result(wait_on((pthread_cond_t *)cond, (pthread_mutex_t *)mutex, SIM_NEVER, true));
 }
 
 int cnd_timedwait(cnd_t *__restrict cond, mtx_t *__restrict mutex, const struct timespec *__restrict time)
 {
-    return thread_result(wait_until((pthread_cond_t *)cond, (pthread_mutex_t *)mutex, CLOCK_REALTIME, time));
+    if (time->tv_nsec < 0 || time->tv_nsec >= SIM_SECOND)
+        return thrd_error;
+    int64_t until = time->tv_sec < 0 ? 0 : clock_moment(CLOCK_REALTIME, time);
+    return thread_result(wait_on((pthread_cond_t *)cond, (pthread_mutex_t *)mutex, until, true));
 }
 
 int cnd_signal(cnd_t *cond)

@@ -1,6 +1,7 @@
 // Virtual time: semaphores, message queues, and locks with a time limit.
 #include "preload_clock.h"
 
+#include <cstdarg>
 #include <mqueue.h>
 #include <pthread.h>
 #include <semaphore.h>
@@ -12,7 +13,7 @@
     X(sem_timedwait) X(sem_clockwait) X(sem_trywait) X(mq_timedreceive) X(mq_timedsend) X(semtimedop) \
     X(pthread_mutex_timedlock) X(pthread_mutex_clocklock) X(pthread_rwlock_timedrdlock) \
     X(pthread_rwlock_timedwrlock) X(pthread_rwlock_clockrdlock) X(pthread_rwlock_clockwrlock) \
-    X(pthread_timedjoin_np) X(pthread_clockjoin_np) X(mtx_timedlock)
+    X(pthread_timedjoin_np) X(pthread_clockjoin_np) X(mtx_timedlock) X(syscall)
 // clang-format on
 CALLS(NEXT_POINTER)
 
@@ -63,7 +64,50 @@ static int wait_for(sem_t *sem, clockid_t clock, const struct timespec *time)
     return CALL_NEXT(sem_trywait)(sem) == 0 ? 0 : clock_fail(ETIMEDOUT);
 }
 
+typedef struct futex_s { // the arguments of the system call
+    void *word;
+    int op;
+    uint32_t value;
+    const struct timespec *time;
+    void *other;
+    uint32_t mask;
+} futex_t;
+
+// A wait with a limit is how libraries build what the C library does not have, as std::future::wait_for.
+static bool is_timed(const futex_t *futex)
+{
+    int op = futex->op & FUTEX_CMD_MASK;
+    return (op == FUTEX_WAIT || op == FUTEX_WAIT_BITSET) && futex->time != nullptr && clock_valid(futex->time);
+}
+
+static long wait_for_futex(const futex_t *futex)
+{
+    bool absolute = (futex->op & FUTEX_CMD_MASK) == FUTEX_WAIT_BITSET;
+    clockid_t clock = (futex->op & FUTEX_CLOCK_REALTIME) != 0 ? CLOCK_REALTIME : CLOCK_MONOTONIC;
+    int64_t until = absolute ? clock_moment(clock, futex->time) : clock_after(clock_ns_of(futex->time));
+    struct timespec time = absolute ? clock_native_time(clock, until) : sim_span(clock_left(until));
+    long ret = clock_during(until, [&] {
+        return CALL_NEXT(syscall)(SYS_futex, futex->word, futex->op, futex->value, &time, futex->other, futex->mask);
+    });
+    return ret < 0 && clock_ended(until) ? clock_fail(ETIMEDOUT) : ret;
+}
+
 extern "C" {
+long syscall(long number, ...) noexcept
+{
+    long a[6];
+    va_list args;
+    va_start(args, number);
+    for (long &argument : a)
+        argument = va_arg(args, long);
+    va_end(args);
+    futex_t futex = {(void *)a[0], (int)a[1],     (uint32_t)a[2], (const struct timespec *)a[3],
+                     (void *)a[4], (uint32_t)a[5]};
+    if (number == SYS_futex && is_timed(&futex))
+        return wait_for_futex(&futex);
+    return CALL_NEXT(syscall)(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
 int sem_timedwait(sem_t *__restrict sem, const struct timespec *__restrict time)
 {
     return wait_for(sem, CLOCK_REALTIME, time);

@@ -148,8 +148,8 @@ static step_e step()
     }
     int64_t ahead = adopted || first == SIM_NEVER ? 0 : first - sim_clock_now();
     if (ahead > 0) {
-        timerfds_move(ahead);
-        (void)sim_add(&g_sim_clock->offset, ahead);
+        (void)sim_add(&g_sim_clock->offset, ahead); // before anybody wakes up
+        timerfds_move();
         timers_fire();
     }
     interrupt_due();

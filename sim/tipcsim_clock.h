@@ -51,7 +51,7 @@ bool look_all_asleep(look_call_t at_that_moment);
 int64_t timers_first(void);
 void timers_fire(void);       // those whose time has come
 int64_t timerfds_first(void); // finds them; the two below are about those
-void timerfds_move(int64_t ns);
+void timerfds_move(void);     // after the clock was moved
 void timerfds_forget(void);
 
 #endif

@@ -229,11 +229,11 @@ static bool first_pass()
 
 static bool second_pass()
 {
-    for (const auto &thread : s_look.threads) {
-        uint64_t counts = 0;
+    for (auto &thread : s_look.threads) {
+        uint64_t before = thread.second.seen;
         s_look.hot = thread.first;
-        if (!read_counts(thread.first, thread.second, &counts) || counts != thread.second.seen)
-            return false;
+        if (!read_thread(thread.first, &thread.second) || thread.second.seen != before || !waits(thread.second))
+            return false; // it ran, or is about to: its own time has come
     }
     return true;
 }

@@ -20,8 +20,8 @@
 typedef struct timerfd_s {
     int fd; // of the same open file as the process's
     pid_t pid;
-    int there;    // the process's descriptor
-    int64_t left; // ns, 0 when it is not armed
+    int there;     // the process's descriptor
+    int64_t until; // of the virtual monotonic clock, 0 when it is not armed
     int64_t interval;
     bool ready; // nobody has read the last ticks yet
 } timerfd_t;
@@ -110,13 +110,15 @@ static void fetch(int process, pid_t pid, int there)
     struct itimerspec time;
     int fd = (int)sys_call(SYS_pidfd_getfd, process, there, 0);
     struct pollfd look = {fd, POLLIN, 0};
+    int64_t now = sim_clock_now();
     if (fd < 0 || timerfd_gettime(fd, &time) != 0) {
         if (fd >= 0)
             (void)close(fd);
         return;
     }
+    int64_t left = ns_of(time.it_value);
     bool ready = poll(&look, 1, 0) > 0;
-    s_timerfds.push_back({fd, pid, there, ns_of(time.it_value), ns_of(time.it_interval), ready});
+    s_timerfds.push_back({fd, pid, there, left != 0 ? now + left : 0, ns_of(time.it_interval), ready});
 }
 
 static void fetch_all(pid_t pid)
@@ -140,18 +142,17 @@ static void fetch_all(pid_t pid)
 
 int64_t timerfds_first()
 {
-    int64_t left = SIM_NEVER;
+    int64_t first = SIM_NEVER;
     timerfds_forget();
     if (sim_load(&g_sim_clock->descriptors) == 0)
         return SIM_NEVER;
-    int64_t now = sim_clock_now();
     for (const auto &process : look_processes())
         fetch_all(process.first);
     for (const timerfd_t &timer : s_timerfds) {
-        if (timer.left != 0 && !timer.ready && !look_stopped(timer.pid)) // a ready one wakes nobody by more ticks
-            left = std::min(left, timer.left);
+        if (timer.until != 0 && !timer.ready && !look_stopped(timer.pid)) // a ready one wakes nobody by more ticks
+            first = std::min(first, timer.until);
     }
-    return left != SIM_NEVER ? now + left : SIM_NEVER;
+    return first;
 }
 
 static uint64_t ticks_of(int fd)
@@ -169,10 +170,10 @@ static uint64_t ticks_of(int fd)
 }
 
 // Arming a timer takes its ticks away, so those that were not read are put back.
-static void move(const timerfd_t &timer, int64_t ns)
+static void move(const timerfd_t &timer)
 {
     uint64_t ticks = timer.ready ? ticks_of(timer.fd) : 0;
-    int64_t left = timer.left - ns;
+    int64_t left = timer.until - sim_clock_now();
     if (left <= 0 && timer.interval != 0 && timer.ready) {
         int64_t more = -left / timer.interval + 1;
         ticks += (uint64_t)more;
@@ -184,11 +185,11 @@ static void move(const timerfd_t &timer, int64_t ns)
         (void)ioctl(timer.fd, _IOW('T', 0, uint64_t), &ticks); // TFD_IOC_SET_TICKS
 }
 
-void timerfds_move(int64_t ns)
+void timerfds_move()
 {
     for (const timerfd_t &timer : s_timerfds) {
-        if (timer.left != 0)
-            move(timer, ns);
+        if (timer.until != 0)
+            move(timer);
     }
 }
 
