@@ -30,6 +30,7 @@ typedef struct thread_s {
     pid_t pid;
     int stat; // descriptors of its files in /proc, or -1
     int counts;
+    int call;
     int64_t started; // ns of CLOCK_BOOTTIME, rounded down
     char state;
     uint64_t seen; // of what changes whenever the thread runs

@@ -64,23 +64,30 @@ static int64_t start_of(const char *stat)
     return at == nullptr ? 0 : strtoll(at + 1, nullptr, 10) * (SIM_SECOND / sysconf(_SC_CLK_TCK));
 }
 
+static void close_files(const thread_t &thread)
+{
+    for (int fd : {thread.stat, thread.counts, thread.call}) {
+        if (fd >= 0)
+            (void)close(fd);
+    }
+}
+
 static bool add_thread(pid_t pid, pid_t tid)
 {
     if (s_look.threads.count(tid) != 0)
         return false;
     char text[1024];
     std::string stat = path_of(pid, tid, "stat");
+    auto open_file = [](const std::string &path) { return open(path.c_str(), O_RDONLY | O_CLOEXEC); };
     thread_t thread = {pid,
-                       open(stat.c_str(), O_RDONLY | O_CLOEXEC),
-                       open(path_of(pid, tid, s_look.counts).c_str(), O_RDONLY | O_CLOEXEC),
+                       open_file(stat),
+                       open_file(path_of(pid, tid, s_look.counts)),
+                       open_file(path_of(pid, tid, "syscall")),
                        0,
                        '?',
                        0};
     if (read_file(thread.stat, stat.c_str(), text, sizeof(text)) <= 0) {
-        for (int fd : {thread.stat, thread.counts}) {
-            if (fd >= 0)
-                (void)close(fd);
-        }
+        close_files(thread);
         return false;
     }
     thread.started = start_of(text);
@@ -91,10 +98,7 @@ static bool add_thread(pid_t pid, pid_t tid)
 
 static thread_map_t::iterator drop_thread(thread_map_t::iterator thread)
 {
-    for (int fd : {thread->second.stat, thread->second.counts}) {
-        if (fd >= 0)
-            (void)close(fd);
-    }
+    close_files(thread->second);
     auto process = s_look.processes.find(thread->second.pid);
     if (--process->second == 0)
         s_look.processes.erase(process);
@@ -152,10 +156,15 @@ static bool list_all()
     return any;
 }
 
+// In the order of their numbers, so that a process is known before its children. Who was unclear comes first: what has
+// a number by now was started by somebody who is there.
 static bool find_new()
 {
     bool any = false;
     pid_t last = last_number();
+    std::set<pid_t> unclear = s_look.unclear;
+    for (pid_t number : unclear)
+        any = is_new(number) || any;
     if (last - s_look.last > (pid_t)MANY || last < s_look.last || s_look.unclear.size() > MANY) {
         s_look.unclear.clear();
         s_look.list = true;
@@ -164,9 +173,6 @@ static bool find_new()
             any = is_new(number) || any;
     }
     s_look.last = last;
-    std::set<pid_t> unclear = s_look.unclear;
-    for (pid_t number : unclear)
-        any = is_new(number) || any;
     if (s_look.list || s_look.always_list)
         any = list_all() || any;
     return any;
@@ -209,6 +215,15 @@ static bool waits(const thread_t &thread)
     return strchr("STtZXx", thread.state) != nullptr;
 }
 
+// The state says "asleep" a little before a thread leaves the processor, and it may not leave it then. This file says
+// "running" until it has left. A thread that we may not trace is believed.
+static bool off_processor(pid_t tid, const thread_t &thread)
+{
+    char text[256];
+    std::string path = thread.call >= 0 ? "" : path_of(thread.pid, tid, "syscall");
+    return read_file(thread.call, path.c_str(), text, sizeof(text)) <= 0 || strncmp(text, "running", 7) != 0;
+}
+
 static bool first_pass()
 {
     auto hot = s_look.threads.find(s_look.hot);
@@ -220,7 +235,7 @@ static bool first_pass()
             continue;
         }
         s_look.hot = it->first;
-        if (!waits(it->second))
+        if (!waits(it->second) || !off_processor(it->first, it->second))
             return false;
         ++it;
     }
@@ -280,7 +295,7 @@ void look_prepare()
 void look_begin(pid_t command)
 {
     struct rlimit files;
-    if (getrlimit(RLIMIT_NOFILE, &files) == 0) { // two for each thread
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0) { // three for each thread
         files.rlim_cur = files.rlim_max;
         (void)setrlimit(RLIMIT_NOFILE, &files);
     }
