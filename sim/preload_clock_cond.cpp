@@ -13,7 +13,7 @@
 
 // clang-format off
 #define CALLS(X) \
-    X(pthread_mutex_lock) X(pthread_mutex_unlock) X(mtx_lock) X(mtx_unlock)
+    X(pthread_mutex_lock) X(pthread_mutex_unlock) X(mtx_lock) X(mtx_unlock) X(syscall)
 // clang-format on
 CALLS(NEXT_POINTER)
 
@@ -60,15 +60,19 @@ static void leave(void *context)
     waiter->err = lock(waiter);
 }
 
-// One sleep. The futex is a shared one: the condition may be.
-static int doze(const waiter_t *waiter, uint32_t seen)
+// One sleep. The futex is a shared one: the condition may be. True when it was woken, or the word had changed.
+static bool doze(const waiter_t *waiter, uint32_t seen)
 {
+    int error = errno;
     struct timespec left = sim_span(waiter->until != SIM_NEVER ? clock_left(waiter->until) : 0);
     int before = 0;
     (void)pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &before);
-    int ret = sys_futex_wait(&waiter->condition->word, seen, waiter->until != SIM_NEVER ? &left : nullptr);
+    long ret = CALL_NEXT(syscall)(SYS_futex, &waiter->condition->word, FUTEX_WAIT, seen,
+                                  waiter->until != SIM_NEVER ? &left : nullptr, nullptr, 0);
     (void)pthread_setcanceltype(before, nullptr);
-    return ret;
+    bool woken = ret == 0 || errno == EAGAIN;
+    errno = error;
+    return woken;
 }
 
 static int sleep_on(waiter_t *waiter, uint32_t seen)
@@ -76,8 +80,7 @@ static int sleep_on(waiter_t *waiter, uint32_t seen)
     for (;;) {
         if (waiter->until != SIM_NEVER && clock_left(waiter->until) == 0)
             return ETIMEDOUT;
-        int ret = doze(waiter, seen);
-        if (ret == 0 || ret == -EAGAIN || sim_load(&waiter->condition->word) != seen)
+        if (doze(waiter, seen) || sim_load(&waiter->condition->word) != seen)
             return 0;
     }
 }

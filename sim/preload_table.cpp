@@ -1,6 +1,5 @@
 // The cluster of this process, and the table of its descriptors.
 #include "preload.h"
-#include "sim_clock.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -231,14 +230,11 @@ int preload_wait_change(sim_socket_t *socket, uint32_t seen, int64_t until)
         limit = {(time_t)(left / 1000), (long)(left % 1000) * 1000000};
     }
     int before = 0;
-    sim_waiting_t waiting;
-    sim_wait_begin(&waiting, until == INT64_MAX ? SIM_NEVER : until * 1000000);
     sim_store(&socket->waiting, 1U); // before the kernel compares the word
     (void)pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &before);
     int ret = sys_futex_wait(&socket->change, seen, until == INT64_MAX ? nullptr : &limit);
     (void)pthread_setcanceltype(before, nullptr);
-    sim_wait_end(&waiting);
-    if (ret == -ETIMEDOUT || (ret == -EINTR && until <= sys_now()))
+    if (ret == -ETIMEDOUT)
         return EAGAIN;
     return ret == -EINTR ? EINTR : 0;
 }

@@ -1,5 +1,5 @@
-// Virtual time in the waits of the simulator's own sockets. The library libtipcsim-clock.so, which is there as well
-// then, has the waits for other descriptors and all that is not about sockets.
+// Virtual time in the waits of the simulator's own sockets. They pass through the library libtipcsim-clock.so, which is
+// there as well then: a wait for one socket is one for a futex.
 #include "preload.h"
 #include "sim_clock.h"
 
