@@ -13,8 +13,8 @@
 #include <sys/file.h>
 #include <sys/un.h>
 
+#include "sim_clock.h"
 #include "sim_files.h"
-#include "tipcsim_clock.h"
 
 broker_t g_broker;
 
@@ -542,7 +542,7 @@ int broker_main(const char *dir, bool if_none)
     if (ret != 0)
         return ret < 0 && if_none ? 0 : 1;
     process_raise_files();
-    clock_join(dir);
+    sim_clock_join(dir);
     if (!begin())
         return 1;
     finish_last();

@@ -15,18 +15,12 @@
 // clang-format on
 CALLS(NEXT_POINTER)
 
-extern "C" int __sigaction(int number, const struct sigaction *action, struct sigaction *old);
-
 constexpr int STRICT_STATUS = 69; // EX_UNAVAILABLE
 
 typedef int (*read_clock_t)(clockid_t, struct timespec *);
 
 static sim_clock_t s_alone; // without a cluster: nobody moves it
 static read_clock_t s_read; // the C library's own, which makes no system call
-
-static void no_effect(int /*signal*/)
-{
-}
 
 // What was there before an exec: the new program does not wait in them.
 static void forget_own(sim_clock_t *clock)
@@ -52,9 +46,7 @@ __attribute__((constructor(101))) static void begin()
     void *libc = dlopen("libc.so.6", RTLD_LAZY | RTLD_NOLOAD); // past a sanitizer's, which may not be ready
     if (libc != nullptr)
         s_read = (read_clock_t)dlsym(libc, "clock_gettime");
-    struct sigaction action = {};
-    action.sa_handler = no_effect;
-    (void)__sigaction(SIM_CLOCK_SIGNAL, &action, nullptr);
+    sim_clock_catch();
     if (path == nullptr || sim_clock_open(path, false) != 0)
         sim_clock_use(&s_alone);
     forget_own(g_sim_clock);

@@ -7,6 +7,9 @@
 #include <sched.h>
 #include <sys/mman.h>
 
+// The name past the library for virtual time, which may be loaded into this program, and past sanitizers.
+extern "C" int __sigaction(int number, const struct sigaction *action, struct sigaction *old);
+
 constexpr int PATIENCE = 100000; // yields to a time-keeper between two steps; more, and it was killed there
 constexpr uint64_t THE_SIGNAL = 1ULL << (SIM_CLOCK_SIGNAL - 1);
 
@@ -38,6 +41,24 @@ int sim_clock_open(const char *path, bool create)
         return -EINVAL;
     sim_clock_use(clock);
     return 0;
+}
+
+static void no_effect(int /*signal*/)
+{
+}
+
+void sim_clock_catch()
+{
+    struct sigaction action = {};
+    action.sa_handler = no_effect;
+    (void)__sigaction(SIM_CLOCK_SIGNAL, &action, nullptr);
+}
+
+void sim_clock_join(const char *dir)
+{
+    char path[SIM_PATH_LEN];
+    if (sim_cluster_path(dir, "clock", path, sizeof(path)) && sim_clock_open(path, false) == 0)
+        sim_clock_catch();
 }
 
 int64_t sim_native_now(clockid_t clock)

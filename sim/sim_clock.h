@@ -80,6 +80,9 @@ SIM_HIDDEN extern sim_clock_t *g_sim_clock; // null without virtual time
 // Maps the file, which `create` makes. 0 or a negative errno. From here on sys_now and the like are virtual.
 SIM_HIDDEN int sim_clock_open(const char *path, bool create);
 SIM_HIDDEN void sim_clock_use(sim_clock_t *clock);
+SIM_HIDDEN void sim_clock_catch(void); // lets the signal have no effect but to interrupt
+// For a process of the simulator itself: takes part in the clock of the cluster in `dir`, if it has one.
+SIM_HIDDEN void sim_clock_join(const char *dir);
 
 typedef struct sim_waiting_s { // the caller's side of an entry
     sim_wait_t *entry;         // null: the wait is not registered

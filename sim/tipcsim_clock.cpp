@@ -14,8 +14,6 @@
 
 #include "sim_sys.h"
 
-extern "C" int __sigaction(int number, const struct sigaction *action, struct sigaction *old);
-
 constexpr int64_t SHORTEST = 20000;    // ns between two looks
 constexpr int64_t LONGEST = 1000000;   // while somebody works
 constexpr int64_t IDLE = 10000000;     // while nobody waits for a time
@@ -180,30 +178,12 @@ static void *keep_time(void * /*unused*/)
     return nullptr;
 }
 
-static void no_effect(int /*signal*/)
-{
-}
-
-static int join(const char *dir, bool create)
-{
-    int ret = sim_clock_open((std::string(dir) + "/clock").c_str(), create);
-    struct sigaction action = {};
-    action.sa_handler = no_effect;
-    if (ret == 0) // the name past the library for virtual time, which may be loaded into this program
-        (void)__sigaction(SIM_CLOCK_SIGNAL, &action, nullptr);
-    return ret;
-}
-
-void clock_join(const char *dir)
-{
-    (void)join(dir, false); // most clusters have no clock
-}
-
 void clock_prepare()
 {
-    int ret = join(g_cluster.dir, true);
+    int ret = sim_clock_open(in_cluster("clock").c_str(), true);
     if (ret != 0)
         die("cannot make the clock of " + std::string(g_cluster.dir) + ": " + strerror(-ret));
+    sim_clock_catch();
     look_prepare();
     clock_environment();
 }

@@ -19,8 +19,6 @@ void clock_prepare(void);
 void clock_begin(pid_t command);
 void clock_end(void);
 
-// In a process that the launcher's program runs: takes part in the clock of the cluster, if it has one.
-void clock_join(const char *dir);
 void clock_sleep_until(int64_t ms); // of sys_now
 // The environment of a program of the cluster. Call it after the cluster was opened.
 void clock_environment(void);
