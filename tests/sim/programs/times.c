@@ -556,6 +556,8 @@ static void posix_timers(void)
     CHECK(timer_settime(timer, TIMER_ABSTIME, &at, NULL) == 0);
     HOUR_OF(sigwaitinfo(&set, &info) == SIGRTMIN + 3);
     CHECK(timer_delete(timer) == 0);
+    event.sigev_notify = SIGEV_THREAD;
+    CHECK(timer_create(CLOCK_MONOTONIC, &event, &timer) == -1 && errno == EOPNOTSUPP);
 }
 
 static void host_sockets(void)
