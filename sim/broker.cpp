@@ -13,6 +13,7 @@
 #include <sys/file.h>
 #include <sys/un.h>
 
+#include "sim_clock.h"
 #include "sim_files.h"
 #include "tipcsim_processes.h"
 
@@ -405,7 +406,11 @@ static void loop()
 {
     while (!ended()) {
         struct epoll_event ready[EVENTS];
+        int64_t until = std::min(topology_deadline(), links_deadline());
+        sim_waiting_t waiting;
+        sim_wait_begin(&waiting, until != INT64_MAX ? until * 1000000 : SIM_NEVER);
         int num = sys_epoll_wait(g_broker.epoll, ready, EVENTS, wait_ms(sys_now()));
+        sim_wait_end(&waiting);
         for (int i = 0; i < num; i++) {
             int fd = ready[i].data.fd;
             if (fd == g_broker.listener)
@@ -547,6 +552,7 @@ int broker_main(const char *dir, bool if_none)
     if (ret != 0)
         return ret < 0 && if_none ? 0 : 1;
     process_raise_files();
+    sim_clock_join(dir);
     if (!begin())
         return 1;
     finish_last();

@@ -92,7 +92,9 @@ struct timespec preload_span(int64_t us);
 // The descriptor `fd` is readable, and the socket has nothing to report: makes it unreadable.
 void preload_silence(const sim_self_t *self, sim_socket_t *socket, int fd);
 constexpr int64_t PRELOAD_SLICE =
-    10000; // us; how long a wait lasts that another thread's wait may have taken for its own
+    10000;                            // us; how long a wait lasts that another thread's wait may have taken for its own
+int64_t preload_look(int64_t ms);     // the time between two looks that nobody's notice makes up for
+int64_t preload_slice(int64_t until); // the same, before the first part of a wait that ends then (preload_time.cpp)
 
 // Registrations in sets of epoll (preload_epoll.cpp): a descriptor of such a set is to be closed, or was copied.
 bool preload_watching(int fd);

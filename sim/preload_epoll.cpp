@@ -504,7 +504,7 @@ static int wait_on(const waited_t *w)
         if (ready != 0 || left == 0)
             num = look(w, ready, turn);
         else
-            num = others(w, w->max, sliced && left > PRELOAD_SLICE ? PRELOAD_SLICE : left, w->mask);
+            num = others(w, w->max, sliced && left > PRELOAD_SLICE ? preload_slice(w->until) : left, w->mask);
         (void)sim_add(&s_sets[w->set].sleepers, UINT32_MAX);
         if (num != 0 || left == 0)
             return num;

@@ -108,7 +108,7 @@ static int wait_for_link(const outgoing_t *out, uint32_t node)
            how.congest != 0) {
         if (!blocks(out) || sys_now() >= out->until)
             return EAGAIN;
-        int64_t look = sys_now() + CONGESTED_LOOK;
+        int64_t look = sys_now() + preload_look(CONGESTED_LOOK);
         int err =
             preload_wait_change(out->socket, sim_load(&out->socket->change), look < out->until ? look : out->until);
         if (err == EINTR)

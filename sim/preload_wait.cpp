@@ -43,9 +43,7 @@ constexpr short ALWAYS = POLLERR | POLLHUP;
 
 int64_t preload_now_us(void)
 {
-    struct timespec now = {};
-    (void)sys_call(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
-    return (int64_t)now.tv_sec * 1000000 + now.tv_nsec / 1000;
+    return sys_clock(CLOCK_MONOTONIC) / 1000;
 }
 
 void preload_silence(const sim_self_t *self, sim_socket_t *socket, int fd)
@@ -144,7 +142,7 @@ static int wait_once(const polled_t *p, int64_t left, uint32_t seen)
     if (p->ready)
         left = 0;
     else if (p->sliced && left > PRELOAD_SLICE)
-        left = PRELOAD_SLICE;
+        left = preload_slice(p->until);
     struct timespec limit = left != PRELOAD_EVER ? preload_span(left) : timespec{};
     int before = errno;
     int ret =
@@ -384,7 +382,7 @@ static int select_once(const selected_t *s, int64_t left)
     if (s->ready)
         left = 0;
     else if (s->sliced && left > PRELOAD_SLICE)
-        left = PRELOAD_SLICE;
+        left = preload_slice(s->until);
     struct timespec limit = left != PRELOAD_EVER ? preload_span(left) : timespec{};
     int before = errno;
     int ret = CALL_NEXT(pselect)(s->num, (fd_set *)s->native.in[READ_SET], (fd_set *)s->native.in[WRITE_SET],

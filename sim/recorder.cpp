@@ -129,9 +129,7 @@ static void empty_queue(recorder_t *recorder)
 
 static uint64_t wall_clock() // ns
 {
-    struct timespec now = {};
-    (void)clock_gettime(CLOCK_REALTIME, &now);
-    return (uint64_t)now.tv_sec * 1000000000U + (uint64_t)now.tv_nsec;
+    return (uint64_t)sys_clock(CLOCK_REALTIME);
 }
 
 bool recorder_take(recorder_t *recorder, bool all, packet_t *message)

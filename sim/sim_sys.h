@@ -117,11 +117,25 @@ static inline void sim_copy(void *to, const void *from, size_t size)
     }
 }
 
-static inline int64_t sys_now(void) // ms of the monotonic clock
+// ns by which the cluster's clock is ahead of the kernel's: 0 unless the cluster has virtual time (sim_clock.h).
+__attribute__((visibility("hidden"))) inline int64_t g_sim_no_offset = 0;
+__attribute__((visibility("hidden"))) inline const int64_t *g_sim_offset = &g_sim_no_offset;
+
+static inline int64_t sys_offset(void)
+{
+    return __atomic_load_n(__atomic_load_n(&g_sim_offset, __ATOMIC_RELAXED), __ATOMIC_SEQ_CST);
+}
+
+static inline int64_t sys_clock(clockid_t clock) // ns of the cluster's clock
 {
     struct timespec now = {};
-    (void)sys_call(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
-    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    (void)sys_call(SYS_clock_gettime, clock, &now);
+    return (int64_t)now.tv_sec * 1000000000 + now.tv_nsec + sys_offset();
+}
+
+static inline int64_t sys_now(void) // ms of the monotonic clock
+{
+    return sys_clock(CLOCK_MONOTONIC) / 1000000;
 }
 
 #endif

@@ -7,9 +7,7 @@
 
 static uint64_t wall_clock(void) // ns
 {
-    struct timespec now = {};
-    (void)sys_call(SYS_clock_gettime, CLOCK_REALTIME, &now);
-    return (uint64_t)now.tv_sec * 1000000000U + (uint64_t)now.tv_nsec;
+    return (uint64_t)sys_clock(CLOCK_REALTIME);
 }
 
 sim_block_t *sim_tap_copy(const sim_self_t *self, const sim_record_t *record, const uint8_t *data)

@@ -26,6 +26,7 @@ tipcsim cluster [options] -- COMMAND [ARG...]           make a cluster, run COMM
   --tolerance MS        time from a cut to the loss of the link (default 1500)
   --timeout S           end everything after S seconds, with status 124
   --script FILE         order faults at the times that FILE says (below) while COMMAND runs
+  --virtual-time        the clock of all processes moves on at once when all of them wait
   --file PATH=TEMPLATE  as for run
   --node-files PRESET   as for run
 
@@ -130,8 +131,8 @@ static options_t parse(int argc, char **argv)
             (word == "--end" ? options.end : options.one_way) = true;
             continue;
         }
-        if (word == "--force") {
-            options.force = true;
+        if (word == "--force" || word == "--virtual-time") {
+            (word == "--force" ? options.force : options.virtual_time) = true;
             continue;
         }
         if (++i == argc)

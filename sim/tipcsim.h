@@ -25,6 +25,7 @@ typedef struct options_s {
     long seconds = 0;
     long data = RECORD_BYTES; // bytes
     std::string script;
+    bool virtual_time = false;
     bool one_way = false;
     bool end = false;
     std::string pid;

@@ -1,5 +1,6 @@
 // A cluster for the length of a command.
 #include "tipcsim.h"
+#include "tipcsim_clock.h"
 #include "tipcsim_processes.h"
 
 #include <cerrno>
@@ -114,6 +115,8 @@ int cluster(options_t options)
     tree_id();
     (void)close(lock);
     tree_begin();
+    if (options.virtual_time)
+        clock_prepare();
     keep_file_options(options);
     begin_cluster(options);
     std::string nodes;
@@ -136,6 +139,8 @@ int cluster(options_t options)
         become(options.command);
     }
     s_command = pid;
+    if (options.virtual_time)
+        clock_begin(pid);
     (void)signal(SIGALRM, on_alarm);
     (void)signal(SIGTERM, pass_on);
     (void)signal(SIGINT, pass_on);
@@ -143,6 +148,7 @@ int cluster(options_t options)
         (void)signal(SIGHUP, SIG_IGN);
     (void)alarm((unsigned)options.timeout);
     int status = wait_for_command();
+    clock_end();
     end_script();
     record_end(&g_cluster);
     tree_end();

@@ -65,7 +65,7 @@ static bool record_on(output_t *out, recorder_t *recorder, int64_t until)
     int64_t next_folder = 0;
     while (write_waiting(out, recorder, false)) {
         int64_t now = sys_now();
-        if (now >= until || sigtimedwait(&ends, nullptr, &look) > 0)
+        if (now >= until || sys_call(SYS_rt_sigtimedwait, &ends, nullptr, &look, (size_t)8) > 0)
             return true;
         if (now >= next_folder && access(recorder->self.cluster->dir, F_OK) != 0)
             return true;

@@ -1,5 +1,6 @@
 // Programs on simulated nodes: the cluster that they join, and how they are started.
 #include "tipcsim.h"
+#include "tipcsim_clock.h"
 #include "tipcsim_processes.h"
 
 #include <cerrno>
@@ -52,6 +53,7 @@ void open_cluster(const options_t &options)
         die("no cluster at " + dir);
     if (ret != 0)
         die_of(dir, why, ret);
+    sim_clock_join(g_cluster.dir);
 }
 
 // The cluster's lock: until it is closed, the folder is not removed.
@@ -110,6 +112,8 @@ int run(const options_t &options)
     (void)setenv("TIPCSIM_CLUSTER", g_cluster.dir, 1);
     (void)setenv("TIPCSIM_NODE", node.c_str(), 1);
     (void)setenv("TIPCSIM_TOOL", self().c_str(), 1);
+    sim_clock_join(g_cluster.dir);
+    clock_environment();
     add_option("LD_PRELOAD", preload_library());
     add_option("ASAN_OPTIONS", "verify_asan_link_order=0"); // the preload library is loaded before the sanitizer
     become(options.command);

@@ -1,6 +1,7 @@
 // Faults at times. A line of a script is a time and a command of tipcsim with its arguments:
 //     1.5s cut 1 2
 //     +200ms heal 1 2      # so long after the line before
+#include "tipcsim_clock.h"
 #include "tipcsim_record.h"
 
 #include <algorithm>
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <sys/prctl.h>
@@ -88,13 +88,6 @@ static bool read_script(const std::string &file, std::vector<line_t> *lines)
     return false;
 }
 
-static void sleep_until(int64_t time) // ms of the monotonic clock
-{
-    struct timespec at = {(time_t)(time / 1000), (long)(time % 1000) * 1000000};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR)
-        continue;
-}
-
 static int run_line(const line_t &line, script_command_t command)
 {
     int status = 0;
@@ -116,7 +109,7 @@ static int run_lines(const std::string &file, const std::vector<line_t> &lines, 
 {
     int64_t begin = sys_now();
     for (const line_t &line : lines) {
-        sleep_until(begin + line.time);
+        clock_sleep_until(begin + line.time);
         int64_t now = sys_now() - begin;
         printf("%lld.%03lld s:", (long long)(now / 1000), (long long)(now % 1000));
         for (const std::string &word : line.words)
