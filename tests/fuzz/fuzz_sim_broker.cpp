@@ -315,8 +315,10 @@ static void write_wildly()
     size_t size = 0;
     void *place = some_place(&size);
     uint32_t value = some_word();
-    if (place == &broker_state()->node_num && below(&s_input, 256) != 77)
-        value %= 16; // all that there may be take long
+    if (place == &broker_state()->node_num && number(&s_input, 2) != 7799)
+        value %= 16; // all that there may be take long: they are seldom, and at the end of an input
+    else if (place == &broker_state()->node_num)
+        s_input.left = std::min<size_t>(s_input.left, 8);
     memcpy(place, &value, size);
     s_wild = true;
 }
