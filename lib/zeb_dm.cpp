@@ -176,9 +176,10 @@ void zeb_dm_start_again()
     s_closed.store(false, std::memory_order_seq_cst);
 }
 
+// Processes that start together make it at the same moment.
 static bool make_dir(const char *path)
 {
-    return access(path, F_OK) == 0 || mkdir(path, 0777) == 0;
+    return access(path, F_OK) == 0 || mkdir(path, 0777) == 0 || errno == EEXIST;
 }
 
 int zeb_make_log_dir(char *buf, size_t len)

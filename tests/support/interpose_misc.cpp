@@ -7,6 +7,7 @@
 #include <mutex>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "fault.h"
@@ -71,6 +72,13 @@ int clock_gettime(clockid_t clock, struct timespec *time) noexcept
         return real(clock, time);
     *time = {held / 1000, held % 1000 * 1000000};
     return 0;
+}
+
+int mkdir(const char *path, mode_t mode) noexcept
+{
+    static const auto real = next<int (*)(const char *, mode_t)>("mkdir");
+    int err = fault::take("mkdir");
+    return err != 0 ? fail(err) : real(path, mode);
 }
 
 int eventfd(unsigned int value, int flags) noexcept

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <utime.h>
 
 #include "lib_test.h"
@@ -258,6 +260,17 @@ TEST_F(zeb_dm, the_directory_is_made_below_the_variable_or_velk)
     EXPECT_EQ(zeb_make_log_dir(small, sizeof(small)), -1);
     (void)setenv("VELK_DIR", "/proc/nowhere", 1);
     EXPECT_EQ(zeb_make_log_dir(buf, sizeof(buf)), -1);
+}
+
+TEST_F(zeb_dm, a_directory_that_another_process_makes_at_the_same_moment_serves)
+{
+    char buf[ZEB_DM_DIR_LEN];
+    std::string other = dir() + "/dev";
+    fault::run_next("mkdir", [&other] { (void)syscall(SYS_mkdirat, AT_FDCWD, other.c_str(), 0777); });
+    EXPECT_EQ(zeb_make_log_dir(buf, sizeof(buf)), 0);
+    EXPECT_EQ(buf, log_dir());
+    EXPECT_EQ(access(buf, F_OK), 0);
+    EXPECT_EQ(fault::count("mkdir"), 2);
 }
 
 TEST_F(zeb_dm, a_full_disk_ends_the_statistics_with_one_error)
