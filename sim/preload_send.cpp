@@ -310,12 +310,16 @@ static ssize_t send_syn(const outgoing_t *out, const struct sockaddr_tipc *addr)
     socket->conn_lower = addr->addr.name.name.instance;
     if (!sim_swap(&socket->conn, open, connecting)) // before the answer can come
         return preload_fail(EISCONN);
+    auto counted = (int32_t)(out->len != 0 ? sim_flow_blocks((uint32_t)out->len) : 0); // the other acknowledges it
+    sim_count_sent(socket, counted);
     sim_record_t record = record_of(out, SIM_SYN);
     ssize_t ret = is_topology(addr) ? send_to_topology(out, &record, addr) : route(out, addr, &record);
-    if (ret < 0)
+    if (ret < 0) {
+        sim_count_sent(socket, -counted);
         (void)sim_swap(&socket->conn, connecting, open);
-    else if (out->len != 0 && blocks(out))
+    } else if (out->len != 0 && blocks(out)) {
         wait_for_answer(out);
+    }
     return ret;
 }
 

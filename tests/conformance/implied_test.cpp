@@ -45,6 +45,22 @@ TEST_P(implied_connects, the_data_comes_first)
     }
 }
 
+TEST_P(implied_connects, the_first_message_counts_for_the_window)
+{
+    for (int node : {1, 2}) {
+        close_all(node);
+        listen_for(node);
+        send_first(node, listener(), "100");
+        EXPECT_EQ(on(1).get("accept l a wait=10000").head, "0");
+        EXPECT_EQ(on(1).ask("recv a").substr(0, 3), "100");
+        EXPECT_EQ(on(node).ask("poll c out wait=10000"), "out");
+        for (int number = 10; number < 110; number++) { // acknowledged more than once
+            ASSERT_EQ(on(node).ask("send c none " + std::to_string(number) + " 10 dontwait"), "10") << number;
+            ASSERT_EQ(on(1).get("recv a wait=10000").num("num"), number);
+        }
+    }
+}
+
 TEST_P(implied_connects, a_blocking_send_waits_until_the_other_accepts_or_refuses)
 {
     for (int node : {1, 2}) {
