@@ -42,16 +42,6 @@ class sim_memory : public shared_memory
         sim_block_release(state(), block);
         return text;
     }
-    uint32_t blocks_in_use()
-    {
-        uint32_t used = 0;
-        for (uint32_t pool = 0; pool < SIM_POOLS; pool++) {
-            const auto *owners = (const uint32_t *)sim_entry(state(), SIM_AREA_OWNERS + pool, 0);
-            for (uint32_t i = 0; i < state()->areas[SIM_AREA_OWNERS + pool].ready; i++)
-                used += owners[i] != 0 ? 1 : 0;
-        }
-        return used;
-    }
 };
 
 TEST_F(sim_memory, messages_leave_a_queue_in_the_order_in_which_they_came)

@@ -36,16 +36,6 @@ class sim_record : public shared_memory
             packets.push_back(packet);
         return packets;
     }
-    uint32_t blocks_in_use()
-    {
-        uint32_t used = 0;
-        for (uint32_t pool = 0; pool < SIM_POOLS; pool++) {
-            const auto *owners = (const uint32_t *)sim_entry(state(), SIM_AREA_OWNERS + pool, 0);
-            for (uint32_t i = 0; i < state()->areas[SIM_AREA_OWNERS + pool].ready; i++)
-                used += owners[i] != 0 ? 1 : 0;
-        }
-        return used;
-    }
 
     recorder_t recorder_ = {};
 };

@@ -41,6 +41,16 @@ class shared_memory : public testing::Test
     {
         return cluster_.state;
     }
+    uint32_t blocks_in_use()
+    {
+        uint32_t used = 0;
+        for (uint32_t pool = 0; pool < SIM_POOLS; pool++) {
+            const auto *owners = (const uint32_t *)sim_entry(state(), SIM_AREA_OWNERS + pool, 0);
+            for (uint32_t i = 0; i < state()->areas[SIM_AREA_OWNERS + pool].ready; i++)
+                used += owners[i] != 0 ? 1 : 0;
+        }
+        return used;
+    }
     sim_socket_t *open_socket(int type = SOCK_RDM, uint32_t node = 0)
     {
         sim_socket_t *socket = sim_socket_take(&self_, (uint32_t)type, node, getpid());
