@@ -51,18 +51,26 @@ static const sigset_t *without_ours(const sigset_t *mask, sigset_t *copy)
     return copy;
 }
 
-static int poll_until(struct pollfd *fds, nfds_t num, int64_t ns, const sigset_t *mask)
+// A wait in the kernel with the signal open. When the virtual time has passed, `look` says what there is by then.
+template <typename wait_t, typename look_t>
+static int wait_then_look(int64_t until, const sigset_t *mask, wait_t wait, look_t look)
 {
     sigset_t open;
     const sigset_t *used = without_ours(mask, &open);
-    int64_t until = whole(clock_after(ns));
-    struct timespec span = sim_span(ns);
     int before = errno;
-    long ret = clock_during(until, [&] { return CALL_NEXT(ppoll)(fds, num, &span, used); });
+    long ret = clock_during(until, [&] { return (long)wait(used); });
     if (ret >= 0 || !clock_ended(until))
         return (int)ret;
     errno = before;
-    return CALL_NEXT(poll)(fds, num, 0);
+    return look();
+}
+
+static int poll_until(struct pollfd *fds, nfds_t num, int64_t ns, const sigset_t *mask)
+{
+    struct timespec span = sim_span(ns);
+    return wait_then_look(
+        whole(clock_after(ns)), mask, [&](const sigset_t *open) { return CALL_NEXT(ppoll)(fds, num, &span, open); },
+        [&] { return CALL_NEXT(poll)(fds, num, 0); });
 }
 
 extern "C" {
@@ -94,16 +102,14 @@ int __ppoll_chk(struct pollfd *fds, nfds_t num, const struct timespec *limit, co
 
 static int select_until(int num, fd_set *sets[3], int64_t ns, int64_t until, const sigset_t *mask)
 {
-    sigset_t open;
-    const sigset_t *used = without_ours(mask, &open);
     struct timespec span = sim_span(ns);
-    int before = errno;
-    long ret = clock_during(until, [&] { return CALL_NEXT(pselect)(num, sets[0], sets[1], sets[2], &span, used); });
-    if (ret >= 0 || !clock_ended(until))
-        return (int)ret;
-    errno = before;
-    struct timespec none = {}; // the sets are unchanged after EINTR
-    return CALL_NEXT(pselect)(num, sets[0], sets[1], sets[2], &none, nullptr);
+    struct timespec none = {};
+    auto once = [&](const struct timespec *limit, const sigset_t *open) {
+        return CALL_NEXT(pselect)(num, sets[0], sets[1], sets[2], limit, open);
+    };
+    return wait_then_look(
+        until, mask, [&](const sigset_t *open) { return once(&span, open); },
+        [&] { return once(&none, nullptr); }); // the sets are unchanged after EINTR
 }
 
 int select(int num, fd_set *in, fd_set *out, fd_set *except, struct timeval *limit)
@@ -133,15 +139,10 @@ int epoll_pwait(int epoll, struct epoll_event *events, int max, int ms, const si
 {
     if (ms <= 0)
         return CALL_NEXT(epoll_pwait)(epoll, events, max, ms, mask);
-    sigset_t open;
-    const sigset_t *used = without_ours(mask, &open);
-    int64_t until = whole(clock_after(ms * 1000000LL));
-    int before = errno;
-    long ret = clock_during(until, [&] { return CALL_NEXT(epoll_pwait)(epoll, events, max, ms, used); });
-    if (ret >= 0 || !clock_ended(until))
-        return (int)ret;
-    errno = before;
-    return CALL_NEXT(epoll_wait)(epoll, events, max, 0);
+    return wait_then_look(
+        whole(clock_after(ms * 1000000LL)), mask,
+        [&](const sigset_t *open) { return CALL_NEXT(epoll_pwait)(epoll, events, max, ms, open); },
+        [&] { return CALL_NEXT(epoll_wait)(epoll, events, max, 0); });
 }
 
 int epoll_wait(int epoll, struct epoll_event *events, int max, int ms)
@@ -153,15 +154,10 @@ int epoll_pwait2(int epoll, struct epoll_event *events, int max, const struct ti
 {
     if (limit == nullptr || !clock_valid(limit) || clock_ns_of(limit) == 0)
         return CALL_NEXT(epoll_pwait2)(epoll, events, max, limit, mask);
-    sigset_t open;
-    const sigset_t *used = without_ours(mask, &open);
-    int64_t until = whole(clock_after(clock_ns_of(limit)));
-    int before = errno;
-    long ret = clock_during(until, [&] { return CALL_NEXT(epoll_pwait2)(epoll, events, max, limit, used); });
-    if (ret >= 0 || !clock_ended(until))
-        return (int)ret;
-    errno = before;
-    return CALL_NEXT(epoll_wait)(epoll, events, max, 0);
+    return wait_then_look(
+        whole(clock_after(clock_ns_of(limit))), mask,
+        [&](const sigset_t *open) { return CALL_NEXT(epoll_pwait2)(epoll, events, max, limit, open); },
+        [&] { return CALL_NEXT(epoll_wait)(epoll, events, max, 0); });
 }
 
 int sigtimedwait(const sigset_t *set, siginfo_t *info, const struct timespec *limit)

@@ -61,16 +61,9 @@ void sim_clock_join(const char *dir)
         sim_clock_catch();
 }
 
-int64_t sim_native_now(clockid_t clock)
-{
-    struct timespec now = {};
-    (void)sys_call(SYS_clock_gettime, clock, &now);
-    return (int64_t)now.tv_sec * SIM_SECOND + now.tv_nsec;
-}
-
 int64_t sim_clock_now()
 {
-    return sim_native_now(CLOCK_MONOTONIC) + sys_offset();
+    return sys_clock(CLOCK_MONOTONIC);
 }
 
 static sim_wait_t *take_entry(uint32_t *use)
@@ -103,7 +96,7 @@ void sim_wait_begin(sim_waiting_t *waiting, int64_t until)
     entry->pid = sys_getpid();
     entry->tid = (int32_t)sys_call(SYS_gettid);
     entry->until = until;
-    entry->since = sim_native_now(CLOCK_BOOTTIME);
+    entry->since = sys_native(CLOCK_BOOTTIME);
     waiting->use = sim_entry_as(waiting->use, SIM_ENTRY_SET);
     sim_store(&entry->use, waiting->use);
     waiting->entry = entry;

@@ -96,7 +96,6 @@ SIM_HIDDEN void sim_wait_begin(sim_waiting_t *waiting, int64_t until);
 SIM_HIDDEN void sim_wait_end(sim_waiting_t *waiting);
 
 SIM_HIDDEN int64_t sim_clock_now(void); // ns of the virtual monotonic clock
-SIM_HIDDEN int64_t sim_native_now(clockid_t clock);
 
 static inline struct timespec sim_span(int64_t ns)
 {

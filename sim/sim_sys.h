@@ -126,11 +126,16 @@ static inline int64_t sys_offset(void)
     return __atomic_load_n(__atomic_load_n(&g_sim_offset, __ATOMIC_RELAXED), __ATOMIC_SEQ_CST);
 }
 
-static inline int64_t sys_clock(clockid_t clock) // ns of the cluster's clock
+static inline int64_t sys_native(clockid_t clock) // ns of the kernel's clock
 {
     struct timespec now = {};
     (void)sys_call(SYS_clock_gettime, clock, &now);
-    return (int64_t)now.tv_sec * 1000000000 + now.tv_nsec + sys_offset();
+    return (int64_t)now.tv_sec * 1000000000 + now.tv_nsec;
+}
+
+static inline int64_t sys_clock(clockid_t clock) // ns of the cluster's clock
+{
+    return sys_native(clock) + sys_offset();
 }
 
 static inline int64_t sys_now(void) // ms of the monotonic clock

@@ -145,16 +145,23 @@ static uint32_t node_at(uint32_t place)
     return place <= SIM_MAX_NODES ? sim_load(&g_cluster.state->nodes[place - 1]) : NOBODY;
 }
 
+template <typename visit_t>
+static void each_process(visit_t visit)
+{
+    sim_each_file("/proc", "", [&visit](const std::string &name) {
+        seen_t seen;
+        if (name.find_first_not_of("0123456789") == std::string::npos && look_at((pid_t)atol(name.c_str()), &seen))
+            visit(seen);
+    });
+}
+
 bool tree_any(uint64_t id)
 {
     bool any = false;
-    sim_each_file("/proc", "", [&any, id](const std::string &name) {
-        seen_t seen;
-        if (any || name.find_first_not_of("0123456789") != std::string::npos ||
-            !look_at((pid_t)atol(name.c_str()), &seen))
-            return;
+    each_process([&any, id](const seen_t &seen) {
         uint32_t place = (uint32_t)seen.mark & SERVANT_PLACE;
-        any = (seen.mark >> NODE_BITS & ID_MASK) == id && place != 0 && place != SERVANT_PLACE && !ended(seen);
+        bool of_node = (seen.mark >> NODE_BITS & ID_MASK) == id && place != 0 && place != SERVANT_PLACE;
+        any = any || (of_node && !ended(seen));
     });
     return any;
 }
@@ -182,11 +189,7 @@ static void find_out(seen_map_t *all, seen_t *seen, uint64_t id)
 static seen_map_t look()
 {
     seen_map_t all;
-    sim_each_file("/proc", "", [&all](const std::string &name) {
-        seen_t seen;
-        if (name.find_first_not_of("0123456789") == std::string::npos && look_at((pid_t)atol(name.c_str()), &seen))
-            all[seen.pid] = seen;
-    });
+    each_process([&all](const seen_t &seen) { all[seen.pid] = seen; });
     uint64_t id = cluster_id();
     for (auto &entry : all)
         find_out(&all, &entry.second, id);
